@@ -1,0 +1,50 @@
+# Rules that every target of the project shares: language level, warnings, sanitizers, and the two helpers with
+# which a folder declares its library and its unit tests.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
+
+find_package(Threads REQUIRED)
+
+add_library(ceilmeter_rules INTERFACE)
+target_include_directories(ceilmeter_rules INTERFACE "${PROJECT_SOURCE_DIR}/src")
+target_compile_definitions(ceilmeter_rules INTERFACE _GNU_SOURCE)
+target_compile_options(ceilmeter_rules INTERFACE
+  $<$<COMPILE_LANGUAGE:C,CXX>:-Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef -Wvla>
+  $<$<AND:$<COMPILE_LANGUAGE:C,CXX>,$<BOOL:${CEILMETER_WERROR}>>:-Werror>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # GCC 12 reports overlaps inside std::string's own operator+ when it inlines it.
+  target_compile_options(ceilmeter_rules INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
+endif()
+if(CEILMETER_SANITIZE)
+  target_compile_options(ceilmeter_rules INTERFACE
+    -fsanitize=${CEILMETER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(ceilmeter_rules INTERFACE -fsanitize=${CEILMETER_SANITIZE})
+endif()
+
+# The name that tells this build tree's tests from another tree's in one common test run.
+if(CEILMETER_HOST)
+  get_filename_component(ceilmeter_tree "${CMAKE_BINARY_DIR}" NAME)
+  set(CEILMETER_TEST_PREFIX "${ceilmeter_tree}.")
+else()
+  set(CEILMETER_TEST_PREFIX "aarch64.")
+endif()
+
+# ceilmeter_library(NAME SOURCES ... LIBRARIES ...): the one library of a folder of src/.
+function(ceilmeter_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC ceilmeter_rules ${arg_LIBRARIES})
+endfunction()
+
+# ceilmeter_unit_test(NAME SOURCES ... LIBRARIES ...): one GoogleTest executable whose tests ctest lists one by one.
+# On a cross build they run under the user-mode emulator.
+function(ceilmeter_unit_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE ceilmeter_rules ${arg_LIBRARIES} gtest gmock gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_PREFIX "${CEILMETER_TEST_PREFIX}"
+    DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300)
+endfunction()

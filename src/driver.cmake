@@ -1,0 +1,1 @@
+# The driver: the library that main stands on, and the executable.
