@@ -4,7 +4,15 @@ set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
+
+# The tool is a non-relocatable executable, and its kernels hold absolute address words: position-independent
+# executables, which distributions' compilers make by default, are switched off for AArch64. The host's sanitizers
+# prefer the default.
+if(NOT CEILMETER_HOST)
+  include(CheckPIESupported)
+  check_pie_supported(LANGUAGES C CXX)
+  set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
+endif()
 
 find_package(Threads REQUIRED)
 

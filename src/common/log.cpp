@@ -1,3 +1,308 @@
+// The log line, its destination and the names of its levels. Everything a line needs is on the stack: a line may be
+// written from a signal-heavy application's thread under the engine, where an allocation could deadlock.
 #include "common/log.h"
 
-namespace ceilmeter {}
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+namespace ceilmeter {
+
+namespace log_state {
+int log_level = LEVEL_WARN;
+int engine_log_level = LEVEL_WARN;
+}  // namespace log_state
+
+namespace {
+
+constexpr tool_log log{"src/common/log"};
+constexpr engine_log log_for_engine{"src/common/log"};
+
+constexpr std::size_t line_size = 1024;
+constexpr std::size_t pattern_size = 4096;
+constexpr char engine_level_variable[] = "MORA_BI_LOG_LEVEL";
+
+int log_fd = STDERR_FILENO;
+int log_append = 0;
+char* log_file_path = nullptr;  // Owned; null: one of the standard streams.
+
+struct level_name {
+  const char* name;
+  int level;
+};
+
+// "none" is a synonym of "fatal" on purpose: no level silences fatal messages. Of two rows with one level the first
+// is the printed name.
+constexpr std::array<level_name, 7> level_names = {{{"fatal", LEVEL_FATAL},
+                                                    {"none", LEVEL_FATAL},
+                                                    {"warn", LEVEL_WARN},
+                                                    {"info", LEVEL_INFO},
+                                                    {"debug", LEVEL_DEBUG},
+                                                    {"trace", LEVEL_TRACE},
+                                                    {"trace-data", LEVEL_TRACE_DATA}}};
+
+const char* name_of_level(int level) {
+  const auto* row = std::find_if(level_names.begin(), level_names.end(),
+                                 [level](const level_name& candidate) { return candidate.level == level; });
+  return row != level_names.end() ? row->name : "unknown";
+}
+
+bool find_level(const char* name, int& level) {
+  const auto* row = std::find_if(level_names.begin(), level_names.end(), [name](const level_name& candidate) {
+    return strcasecmp(candidate.name, name) == 0;
+  });
+  if (row == level_names.end()) return false;
+  level = row->level;
+  return true;
+}
+
+// A failed or short write is ignored: there is nowhere left to report it.
+void write_ignoring_result(int fd, const char* text, std::size_t length) {
+  [[maybe_unused]] const ssize_t written = ::write(fd, text, length);
+}
+
+// What %p, %h and %r stand for; the same for the whole life of the process.
+struct process_tokens {
+  std::string pid;
+  std::string host;
+  std::string rank;
+};
+
+// Launchers tell a process its rank in a variable of their own; the two commonest first, then whatever is named like
+// one. Only the first 256 bytes of a name are looked at.
+const char* find_rank_variable() {
+  if (const char* value = std::getenv("PMIX_RANK")) return value;
+  if (const char* value = std::getenv("OMPI_COMM_WORLD_RANK")) return value;
+  if (environ == nullptr) return nullptr;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const char* equals = std::strchr(*entry, '=');
+    if (equals == nullptr) continue;
+    const std::size_t length = std::min<std::size_t>(static_cast<std::size_t>(equals - *entry), 256);
+    if (std::string(*entry, length).find("RANK") != std::string::npos) return equals + 1;
+  }
+  return nullptr;
+}
+
+process_tokens read_process_tokens() {
+  process_tokens tokens;
+  tokens.pid = std::to_string(getpid());
+  std::array<char, 128 + 1> host{};
+  gethostname(host.data(), host.size() - 1);
+  tokens.host = host.data();
+  const char* rank = find_rank_variable();
+  tokens.rank = std::to_string(rank != nullptr ? static_cast<unsigned>(std::strtol(rank, nullptr, 10)) : 0U);
+  return tokens;
+}
+
+const process_tokens& cached_process_tokens() {
+  static std::mutex mutex;
+  static bool filled = false;
+  static process_tokens tokens;
+  const std::lock_guard lock(mutex);
+  if (!filled) {
+    tokens = read_process_tokens();
+    filled = true;
+  }
+  return tokens;
+}
+
+std::string format_time(const timeval& time) {
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "%lu.%06lu", static_cast<unsigned long>(time.tv_sec),
+                static_cast<unsigned long>(time.tv_usec));
+  return text.data();
+}
+
+}  // namespace
+
+void mora_log_message(const char* file, unsigned line, const char* function, int level, const char* format,
+                      std::va_list arguments) {
+  // Callers look at errno after a log call.
+  const int saved_errno = errno;
+  (void)function;  // Part of every call for whoever reads the sources or a debugger; the line has no room for it.
+
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  const char* slash = std::strrchr(file, '/');
+  const char* base_name = slash != nullptr ? slash + 1 : file;
+
+  std::array<char, line_size> buffer;
+  std::size_t length = 0;
+  // What snprintf reports may exceed what it was allowed to write: the position never passes the terminator's place.
+  const auto advance = [&length](int printed) {
+    if (printed > 0) length = std::min(length + static_cast<std::size_t>(printed), line_size - 1);
+  };
+  advance(std::snprintf(buffer.data(), line_size, "[%lu.%06lu:%d] %18s:%-4u MORA %s ",
+                        static_cast<unsigned long>(now.tv_sec), static_cast<unsigned long>(now.tv_usec),
+                        static_cast<int>(gettid()), base_name, line, name_of_level(level)));
+  advance(std::vsnprintf(buffer.data() + length, line_size - length, format, arguments));
+  buffer[length++] = '\n';
+  write_ignoring_result(log_fd, buffer.data(), length);
+  if (level == LEVEL_FATAL) std::abort();
+  errno = saved_errno;
+}
+
+void mora_log_exit(int status, const char* format, ...) {
+  std::array<char, line_size> buffer;
+  std::va_list arguments;
+  va_start(arguments, format);
+  const int printed = std::vsnprintf(buffer.data(), line_size, format, arguments);
+  va_end(arguments);
+  std::size_t length = printed > 0 ? std::min(static_cast<std::size_t>(printed), line_size - 1) : 0;
+  buffer[length++] = '\n';
+  write_ignoring_result(log_fd, buffer.data(), length);
+  std::exit(status);
+}
+
+int mora_log_init() {
+  if (log_file_path != nullptr) {
+    // Synchronous, so that each line has reached the file when the call returns: the process may end as abruptly as
+    // the application that runs inside it.
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_SYNC | (log_append != 0 ? O_APPEND : O_TRUNC);
+    const int fd = open(log_file_path, flags, 0600);
+    if (fd >= 0) {
+      log_fd = fd;
+    } else {
+      log(LEVEL_WARN, "failed to create log file %s: %s", log_file_path, std::strerror(errno));
+    }
+  }
+  if (const char* name = std::getenv(engine_level_variable)) {
+    int level = 0;
+    if (find_level(name, level)) {
+      log_state::engine_log_level = level;
+    } else {
+      log_for_engine(LEVEL_WARN, "Incorrect value of %s variable: %s", engine_level_variable, name);
+    }
+  }
+  return 1;
+}
+
+int mora_log_fini() {
+  if (log_file_path != nullptr) {
+    std::free(log_file_path);
+    log_file_path = nullptr;
+    // Not tested whether the file was ever opened: after a failed open this closes standard error, as documented.
+    close(log_fd);
+  }
+  log_fd = STDERR_FILENO;
+  return 1;
+}
+
+void mora_log_set_level_name(const char* name) {
+  int level = 0;
+  if (find_level(name, level)) log_state::log_level = level;
+}
+
+void mora_log_set_level(int level) { log_state::log_level = level; }
+
+int mora_log_get_level() { return log_state::log_level; }
+
+const char* mora_log_get_level_name() { return name_of_level(log_state::log_level); }
+
+void mora_log_set_file(const char* name) {
+  if (name == log_file_path) return;
+  std::free(log_file_path);
+  log_file_path = nullptr;
+  if (strcasecmp(name, "stdout") == 0) {
+    log_fd = STDOUT_FILENO;
+  } else if (strcasecmp(name, "stderr") == 0) {
+    log_fd = STDERR_FILENO;
+  } else {
+    log_file_path = strdup(name);
+  }
+}
+
+const char* mora_log_get_file() {
+  if (log_file_path != nullptr) return log_file_path;
+  if (log_fd == STDOUT_FILENO) return "stdout";
+  if (log_fd == STDERR_FILENO) return "stderr";
+  log(LEVEL_WARN, "incorrect log output");
+  return nullptr;
+}
+
+void mora_log_set_append(int append) { log_append = append; }
+
+int mora_log_get_append() { return log_append; }
+
+void mora_log_command_line(int argc, const char* const* argv) {
+  if (log_state::log_level < LEVEL_INFO) return;
+  std::string joined;
+  for (int index = 0; index < argc; ++index) {
+    if (index > 0) joined += ' ';
+    joined += argv[index];
+  }
+  log(LEVEL_INFO, "command line: %s", joined.c_str());
+}
+
+char* mora_expand_file_pattern(const char* pattern, char* out, std::size_t size) {
+  if (size == 0) return out;
+  const process_tokens& tokens = cached_process_tokens();
+  const std::string thread_id = std::to_string(gettid());
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  const std::string time = format_time(now);
+
+  std::size_t position = 0;
+  const auto append = [&](const char* text, std::size_t length) {
+    const std::size_t copied = std::min(length, size - position);
+    std::memcpy(out + position, text, copied);
+    position += copied;
+  };
+  for (const char* cursor = pattern; *cursor != '\0' && position < size; ++cursor) {
+    if (*cursor != '%') {
+      append(cursor, 1);
+      continue;
+    }
+    ++cursor;
+    if (*cursor == '\0') break;  // A lone "%" at the end stands for nothing.
+    const std::string* token = nullptr;
+    switch (*cursor) {
+      case 'p': token = &tokens.pid; break;
+      case 'r': token = &tokens.rank; break;
+      case 't': token = &thread_id; break;
+      case 'T': token = &time; break;
+      case 'h': token = &tokens.host; break;
+      default: break;
+    }
+    if (token != nullptr) {
+      append(token->data(), token->size());
+    } else {
+      append(cursor, 1);
+    }
+  }
+  out[std::min(position, size - 1)] = '\0';
+  return out;
+}
+
+std::int32_t mora_log_parse_level(option_entry& entry) {
+  int level = 0;
+  if (!find_level(entry.argument, level)) {
+    log(LEVEL_WARN, "Incorrect log level: %s", entry.argument);
+    return -1;
+  }
+  log_state::log_level = level;
+  return 0;
+}
+
+std::int32_t mora_log_file_option(option_entry& entry) {
+  std::array<char, pattern_size> path{};
+  mora_log_set_file(mora_expand_file_pattern(entry.argument, path.data(), path.size()));
+  return 0;
+}
+
+std::int32_t mora_log_append_option(option_entry&) {
+  mora_log_set_append(1);
+  return 0;
+}
+
+}  // namespace ceilmeter

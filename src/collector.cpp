@@ -1,0 +1,161 @@
+// The phases in order, and the step that ends every collection. A measurement never stops a run: a phase that fails
+// leaves an empty contribution, and only a result file that cannot be written is fatal.
+#include "collector.h"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <set>
+
+#include "bintracer/bintracer.h"
+#include "common/log.h"
+#include "finalizer.h"
+#include "perfmon/perfmon.h"
+#include "perfmon/perfmon_utils.h"
+#include "progress.h"
+#include "report_handler.h"
+#include "run_application.h"
+#include "run_benchmarks.h"
+#include "shared_names.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr tool_log log{"src/collector"};
+
+// The counts at which the roofs are to be measured: those of the regions of this run or, without a traced run, of the
+// regions read from the file, and the highest of all.
+std::set<std::uint64_t> choose_thread_counts(const collector_config& config, const bintracer_report& tracer_report,
+                                             const collector_report& report) {
+  std::set<std::uint64_t> counts;
+  const auto add = [&counts](std::uint64_t count) {
+    log({LEVEL_DEBUG, __builtin_LINE(), "finish_collect"}, "Add thread count = %lu to num_threads_set", count);
+    counts.insert(count);
+  };
+  std::uint64_t highest = config.num_threads_for_bench;
+  if (tracer_report.max_thread_count != 0) {
+    highest = tracer_report.max_thread_count;
+    for (const bintracer_region& region : tracer_report.regions) add(region.threads);
+  } else if (report.threads != 0) {
+    highest = report.threads;
+    for (const region_metric& region : report.regions) add(region.threads);
+  }
+  add(highest);
+  return counts;
+}
+
+// Everything is measured anew in a full run over the whole application; any other run adds to an earlier file, and in
+// region mode the file holds the counters that the application's process has just written.
+bool adds_to_earlier_file(const collector_config& config) {
+  return config.phase != PHASE_FULL || config.mode != MODE_TOTAL;
+}
+
+std::vector<perfmon_region> run_in_region_mode(const collector_config& config) {
+  log(LEVEL_INFO, "Launch application %s in region mode", config.application.c_str());
+  if (!set_env_for_region_mode(ROOFLINE_REPORT_FILE, config.output_file_path)) {
+    log(LEVEL_INFO,
+        "Launch application %s in region mode failed because couldn't set environment variable for report output file",
+        config.application.c_str());
+    return {};
+  }
+  set_env_for_region_mode(ROOFLINE_LOG_LEVEL, mora_log_get_level_name());
+  const char* log_file = mora_log_get_file();
+  set_env_for_region_mode(ROOFLINE_LOG_FILE, log_file != nullptr ? log_file : "");
+  run_application(config.application, config.argc, config.argv);
+  return {};
+}
+
+std::vector<perfmon_region> run_in_total_mode(const collector_config& config) {
+  // Counters that are opened here, on the tool's thread, follow the application by inheritance.
+  perfmon counters(config.mode == MODE_TOTAL);
+  log(LEVEL_INFO, "Start roofline events in total mode");
+  counters.start_roofline_events(total_region_name);
+  log(LEVEL_INFO, "Launch application %s in total mode", config.application.c_str());
+  run_application(config.application, config.argc, config.argv);
+  log(LEVEL_INFO, "Stop roofline events in total mode");
+  counters.stop_roofline_events(total_region_name);
+  counters.finalize_roofline_events();
+  return counters.get_roofline_events();
+}
+
+}  // namespace
+
+// Both are defined where bintracer_t is complete.
+collector_config::collector_config() = default;
+collector_config::~collector_config() = default;
+
+collector_config& process_config() {
+  static collector_config config;
+  return config;
+}
+
+std::uint64_t start_collect(collector_config& config, finish_function finish) {
+  if ((config.phase & PHASE_PERFMON) != 0) {
+    config.perfmon_report = run_app_with_perfmon(config);
+    log(LEVEL_INFO, "Finish phase Perfmon");
+  }
+  if ((config.phase & PHASE_BINTRACER) != 0) run_app_with_bintracer(config, finish);
+  return finish(0, config.phase);
+}
+
+std::vector<perfmon_region> run_app_with_perfmon(const collector_config& config) {
+  print_progress("Launch application to collect performance metrics of " + config.application);
+  switch (config.mode) {
+    case MODE_REGION: return run_in_region_mode(config);
+    case MODE_TOTAL: return run_in_total_mode(config);
+    default: log(LEVEL_WARN, "Wrong mode parameter in collector config.mode\n"); return {};
+  }
+}
+
+void run_app_with_bintracer(collector_config& config, finish_function finish) {
+  print_progress("Launch application to do binary instrumentation of " + config.application);
+  config.tracer = std::make_unique<bintracer_t>(finish, config.mode);
+  config.tracer->collect(config.argc, config.argv, config.envp);
+}
+
+bool set_env_for_region_mode(const std::string& name, const std::string& value) {
+  if (value.empty()) {
+    log(LEVEL_WARN, "Couldn't set environment variable %s to empty value for roofline events.", name.c_str());
+    return false;
+  }
+  if (perfmon_utils_set_env(name.c_str(), value.c_str()) != 0) {
+    log(LEVEL_WARN, "Couldn't set environment variable %s to %s for roofline events.", name.c_str(), value.c_str());
+    return false;
+  }
+  log(LEVEL_DEBUG, "Successfully set environment variable %s to %s for roofline events.", name.c_str(), value.c_str());
+  return true;
+}
+
+void finish_collect(collector_config& config) {
+  bintracer_report tracer_report;
+  if ((config.phase & PHASE_BINTRACER) != 0) {
+    // Given up without its destructor: the engine's structures, which the tracer's blocks belong to, are still in use
+    // until the process ends.
+    bintracer_t* tracer = config.tracer.release();
+    tracer_report = tracer->get_report();
+    log(LEVEL_INFO, "Finish phase bintracer");
+  }
+
+  const std::string output_file_path = config.output_file_path;
+  collector_report report;
+  if (adds_to_earlier_file(config)) report = read(output_file_path);
+
+  benchmark_report benchmarks;
+  if ((config.phase & PHASE_BENCHMARKS) != 0) {
+    std::set<std::uint64_t> num_threads_set = choose_thread_counts(config, tracer_report, report);
+    benchmarks = run_benchmarks(num_threads_set);
+    log(LEVEL_INFO, "Finish phase benchmarks with benchmark_report size=%lu", benchmarks.size());
+  }
+
+  print_progress("Processing all collected data");
+  finalize(report, tracer_report, config.perfmon_report, benchmarks);
+  if (!write(output_file_path, report)) {
+    log(LEVEL_FATAL, "Error when trying to write report:\n%s", std::strerror(errno));
+  }
+  print_progress("Result is captured at " + output_file_path);
+  print_progress("Run \"ceilview " + output_file_path + "\" to get report.");
+  log(LEVEL_INFO, "Finishing collection for %s", config.application.c_str());
+}
+
+}  // namespace ceilmeter

@@ -1,0 +1,72 @@
+// One pass of flops_f64x2_fmla is 256 operations.
+// data word: 256
+// overwrites: x1 flags v0 v3-v7 v16-v26
+loop:
+        subs    x1, x1, #1
+        fmla    v7.2d, v2.2d, v0.2d
+        fmla    v16.2d, v2.2d, v0.2d
+        fmla    v5.2d, v2.2d, v0.2d
+        fmla    v4.2d, v2.2d, v0.2d
+        fmla    v19.2d, v2.2d, v0.2d
+        fmla    v21.2d, v2.2d, v0.2d
+        fmla    v20.2d, v2.2d, v0.2d
+        fmla    v22.2d, v2.2d, v0.2d
+        fmla    v17.2d, v2.2d, v0.2d
+        fmla    v18.2d, v2.2d, v0.2d
+        fmla    v6.2d, v2.2d, v0.2d
+        fmla    v3.2d, v2.2d, v0.2d
+        fmla    v23.2d, v2.2d, v0.2d
+        fmla    v24.2d, v2.2d, v0.2d
+        fmla    v25.2d, v2.2d, v0.2d
+        fmla    v26.2d, v2.2d, v0.2d
+        fmla    v7.2d, v1.2d, v0.2d
+        fmla    v16.2d, v1.2d, v0.2d
+        fmla    v5.2d, v1.2d, v0.2d
+        fmla    v4.2d, v1.2d, v0.2d
+        fmla    v19.2d, v1.2d, v0.2d
+        fmla    v21.2d, v1.2d, v0.2d
+        fmla    v20.2d, v1.2d, v0.2d
+        fmla    v22.2d, v1.2d, v0.2d
+        fmla    v17.2d, v1.2d, v0.2d
+        fmla    v18.2d, v1.2d, v0.2d
+        fmla    v6.2d, v1.2d, v0.2d
+        fmla    v3.2d, v1.2d, v0.2d
+        fmla    v23.2d, v1.2d, v0.2d
+        fmla    v24.2d, v1.2d, v0.2d
+        fmla    v25.2d, v1.2d, v0.2d
+        fmla    v26.2d, v1.2d, v0.2d
+        fmla    v7.2d, v2.2d, v0.2d
+        fmla    v16.2d, v2.2d, v0.2d
+        fmla    v5.2d, v2.2d, v0.2d
+        fmla    v4.2d, v2.2d, v0.2d
+        fmla    v19.2d, v2.2d, v0.2d
+        fmla    v21.2d, v2.2d, v0.2d
+        fmla    v20.2d, v2.2d, v0.2d
+        fmla    v22.2d, v2.2d, v0.2d
+        fmla    v17.2d, v2.2d, v0.2d
+        fmla    v18.2d, v2.2d, v0.2d
+        fmla    v6.2d, v2.2d, v0.2d
+        fmla    v3.2d, v2.2d, v0.2d
+        fmla    v23.2d, v2.2d, v0.2d
+        fmla    v24.2d, v2.2d, v0.2d
+        fmla    v25.2d, v2.2d, v0.2d
+        fmla    v26.2d, v2.2d, v0.2d
+        fmla    v7.2d, v1.2d, v0.2d
+        fmla    v16.2d, v1.2d, v0.2d
+        fmla    v5.2d, v1.2d, v0.2d
+        fmla    v4.2d, v1.2d, v0.2d
+        fmla    v19.2d, v1.2d, v0.2d
+        fmla    v21.2d, v1.2d, v0.2d
+        fmla    v20.2d, v1.2d, v0.2d
+        fmla    v22.2d, v1.2d, v0.2d
+        fmla    v17.2d, v1.2d, v0.2d
+        fmla    v18.2d, v1.2d, v0.2d
+        fmla    v6.2d, v1.2d, v0.2d
+        fmla    v3.2d, v1.2d, v0.2d
+        fmla    v23.2d, v1.2d, v0.2d
+        fmla    v24.2d, v1.2d, v0.2d
+        fmla    v25.2d, v1.2d, v0.2d
+        fmla    v26.2d, v1.2d, v0.2d
+        b.ne    loop
+        fcvt    d0, s0
+        ret
