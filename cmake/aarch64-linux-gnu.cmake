@@ -1,5 +1,5 @@
 # Cross compilation to AArch64 Linux with Debian's cross compiler. Tests that the build runs go through the
-# user-mode emulator; -L tells it where the cross C library stands.
+# user-mode emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
@@ -7,4 +7,10 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH /usr/aarch64-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-aarch64;-L;/usr/aarch64-linux-gnu")
+# Loader and C library have to come from one package: where the arm64 libraries themselves are installed, a loader from
+# the cross package (-L) would meet their C library by way of the loader's cache, and the first thread never starts.
+if(EXISTS "/lib/ld-linux-aarch64.so.1" AND EXISTS "/usr/lib/aarch64-linux-gnu/libstdc++.so.6")
+  set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-aarch64")
+else()
+  set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-aarch64;-L;/usr/aarch64-linux-gnu")
+endif()

@@ -79,9 +79,9 @@ class result_join : public ::testing::Test {
 
 TEST_F(result_join, total_perfmon_renews_the_metrics_and_keeps_blocks_threads_and_roofs) {
   leave_earlier_result({"total"});
-  const process_result traced = run({"--phase=perfmon"}, {"/bin/sleep", "0.2"});
-  EXPECT_EQ(traced.status, 0);
-  EXPECT_EQ(traced.err, "");
+  const process_result counted = run({"--phase=perfmon"}, {"/bin/sleep", "0.2"});
+  EXPECT_EQ(counted.status, 0);
+  EXPECT_EQ(counted.err, "");
   const collector_report report = read(result());
   ASSERT_EQ(report.regions.size(), 1U);
   EXPECT_EQ(report.regions[0].name, "total");
@@ -104,17 +104,17 @@ TEST_F(result_join, region_perfmon_keeps_the_regions_that_the_application_wrote)
   const std::string written = content_of(result());
   std::filesystem::rename(result(), folder / "prepared.json");
   // What the region interface does in an application's process, as far as the tool can see it.
-  const process_result traced = run({"--phase=perfmon", "--mode=region"},
+  const process_result counted = run({"--phase=perfmon", "--mode=region"},
                                     {"/bin/sh", "-c", "cp prepared.json \"$ROOFLINE_REPORT_FILE\""});
-  EXPECT_EQ(traced.status, 0);
-  EXPECT_EQ(traced.err, "");
+  EXPECT_EQ(counted.status, 0);
+  EXPECT_EQ(counted.err, "");
   EXPECT_EQ(content_of(result()), written);
 }
 
 TEST_F(result_join, region_perfmon_without_the_region_interface_writes_a_report_without_counters) {
-  const process_result traced = run({"--phase=perfmon", "--mode=region"}, {"/bin/true"});
-  EXPECT_EQ(traced.status, 0);
-  EXPECT_EQ(traced.out, "CEILMETER: Start collection for /bin/true\n"
+  const process_result counted = run({"--phase=perfmon", "--mode=region"}, {"/bin/true"});
+  EXPECT_EQ(counted.status, 0);
+  EXPECT_EQ(counted.out, "CEILMETER: Start collection for /bin/true\n"
                         "CEILMETER: Launch application to collect performance metrics of /bin/true\n"
                         "CEILMETER: Processing all collected data\n"
                         "CEILMETER: Result is captured at " + result().string() + "\n" +
@@ -134,9 +134,9 @@ TEST_F(result_join, region_mode_hands_the_application_report_log_level_and_log_f
 }
 
 TEST_F(result_join, region_mode_opens_no_counter_in_the_tool) {
-  const process_result traced = run({"--phase=perfmon", "--mode=region", "-l", "debug"}, {"/bin/true"});
-  EXPECT_THAT(traced.err, ::testing::Not(HasSubstr("perf_event_open")));
-  EXPECT_THAT(log_lines_of_level(traced.err, "debug"),
+  const process_result counted = run({"--phase=perfmon", "--mode=region", "-l", "debug"}, {"/bin/true"});
+  EXPECT_THAT(counted.err, ::testing::Not(HasSubstr("perf_event_open")));
+  EXPECT_THAT(log_lines_of_level(counted.err, "debug"),
               ElementsAre("collector debug Successfully set environment variable ROOFLINE_REPORT_FILE to " +
                               result().string() + " for roofline events.",
                           "collector debug Successfully set environment variable ROOFLINE_LOG_LEVEL to debug for "
@@ -146,11 +146,27 @@ TEST_F(result_join, region_mode_opens_no_counter_in_the_tool) {
                           "report_handler debug failed to open " + result().string() + " for reading"));
 }
 
+// Holds for a build without the instrumentation engine.
+TEST_F(result_join, phase_without_an_engine_says_so_and_leaves_the_file_as_it_was) {
+  leave_earlier_result({"total"});
+  const process_result counted = run({"--phase=bintracer"}, {"/bin/true"});
+  EXPECT_EQ(counted.status, 0);
+  EXPECT_THAT(counted.out, HasSubstr("CEILMETER: Launch application to do binary instrumentation of /bin/true\n"
+                                     "CEILMETER: Processing all collected data\n"));
+  EXPECT_THAT(log_lines(counted.err), ElementsAre("bintracer warn this build has no instrumentation engine: the "
+                                                  "bintracer phase of mode 1 contributes nothing"));
+  const collector_report report = read(result());
+  ASSERT_EQ(report.regions.size(), 1U);
+  expect_the_blocks(report.regions[0]);
+  EXPECT_EQ(metric(report.regions[0], "time"), 77U);
+  expect_the_roofs(report);
+}
+
 TEST_F(result_join, broken_earlier_file_is_reported_and_replaced) {
   write_file(result(), "{\"regions\": {\"total\": {\"flop\": 5, \"threads\": 2, ");
-  const process_result traced = run({"--phase=perfmon"}, {"/bin/true"});
-  EXPECT_EQ(traced.status, 0);
-  EXPECT_THAT(log_lines(traced.err),
+  const process_result counted = run({"--phase=perfmon"}, {"/bin/true"});
+  EXPECT_EQ(counted.status, 0);
+  EXPECT_THAT(log_lines(counted.err),
               ElementsAre("report_handler warn failed to parse json from " + result().string() +
                           " with error Unexpected end of stream."));
   EXPECT_EQ(read(result()).regions.size(), 1U);
@@ -158,8 +174,8 @@ TEST_F(result_join, broken_earlier_file_is_reported_and_replaced) {
 
 TEST_F(result_join, earlier_file_that_is_an_array_counts_as_empty_without_a_warning) {
   write_file(result(), "[1, 2]");
-  const process_result traced = run({"--phase=perfmon"}, {"/bin/true"});
-  EXPECT_EQ(traced.err, "");
+  const process_result counted = run({"--phase=perfmon"}, {"/bin/true"});
+  EXPECT_EQ(counted.err, "");
   EXPECT_EQ(read(result()).regions.size(), 1U);
 }
 

@@ -145,7 +145,8 @@ std::vector<std::string> log_lines(const std::string& text) {
 std::vector<std::string> log_lines_of_level(const std::string& text, const std::string& level) {
   std::vector<std::string> lines;
   for (const std::string& line : log_lines(text)) {
-    if (line.find(" " + level + " ") != std::string::npos) lines.push_back(line);
+    const std::size_t blank = line.find(' ');
+    if (blank != std::string::npos && line.compare(blank + 1, level.size() + 1, level + " ") == 0) lines.push_back(line);
   }
   return lines;
 }
