@@ -144,6 +144,13 @@ class flat_table {
   // Slots, live or not: 0 until the first insertion, then a power of two from 128 up.
   std::uint64_t capacity() const { return capacity_; }
 
+  // Makes room for `count` keys: as many slots as that many insertions would have made one by one. For what comes in
+  // the order of another table's slots: a small table that grows meanwhile is filled from its low end over and over in
+  // that order, which displaces record after record and takes quadratic time.
+  void reserve(std::uint64_t count) {
+    while (count != 0 && capacity_ * load_numerator_ <= (count - 1) * load_denominator_) grow();
+  }
+
   // Adds `value` under `key` unless the key is there already: the first one in stays and `value` is dropped. Gives the
   // value that the table now holds, and whether it is the new one.
   std::pair<Value*, bool> insert(Key key, Value value) {

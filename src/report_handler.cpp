@@ -144,6 +144,12 @@ std::string read_whole(std::FILE* file) {
   std::abort();
 }
 
+std::uint64_t count_children(const json_token* token) {
+  std::uint64_t count = 0;
+  for (const json_token* child = json_first_child(token); child != nullptr; child = json_next_sibling(child)) ++count;
+  return count;
+}
+
 // The block that an array stands for; false, with a line in the log, if the array is too short.
 bool read_block(const json_token* array, basic_block_record& block) {
   const json_token* field = json_first_child(array);
@@ -309,6 +315,8 @@ std::vector<region_metric> read_regions_metric(const json_token* token) {
 
 basic_block_table read_basic_blocks(const json_token* token) {
   basic_block_table blocks;
+  // The file has the blocks in the order of a table's slots.
+  blocks.reserve(count_children(token));
   for (const json_token* array = json_first_child(token); array != nullptr; array = json_next_sibling(array)) {
     basic_block_record block;
     if (!read_block(array, block)) continue;

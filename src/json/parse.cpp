@@ -194,8 +194,10 @@ json_status parse_object(json_document* document, json_token* object) {
   make_empty_container(object, JSON_OBJECT);
   const char* at = document->cursor + 1;
   for (;;) {
-    at = skip_space_and_commas(document, at);
+    // Only an end right behind the brace or a member's comma is told as one. Behind white space it is, like any other
+    // character, not the quote that has to stand here. Arrays make no such difference.
     if (*at == '\0') return fail(document, at, JSON_ERR_END, "Unexpected end of stream");
+    at = skip_space_and_commas(document, at);
     if (*at == '}') break;
     if (*at != '"') return fail(document, at, JSON_ERR_OBJECT, "Expected ',' or '}' symbols");
     document->cursor = at;

@@ -163,7 +163,7 @@ TEST_F(result_join, phase_without_an_engine_says_so_and_leaves_the_file_as_it_wa
 }
 
 TEST_F(result_join, broken_earlier_file_is_reported_and_replaced) {
-  write_file(result(), "{\"regions\": {\"total\": {\"flop\": 5, \"threads\": 2, ");
+  write_file(result(), "{\"regions\": {\"total\": {\"flop\": 5, \"threads\": 2");
   const process_result counted = run({"--phase=perfmon"}, {"/bin/true"});
   EXPECT_EQ(counted.status, 0);
   EXPECT_THAT(log_lines(counted.err),

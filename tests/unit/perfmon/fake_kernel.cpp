@@ -224,18 +224,22 @@ ssize_t __real_read(int fd, void* buffer, std::size_t size);
 int __real_close(int fd);
 int __real_clock_gettime(clockid_t clock, timespec* now);
 
+// Takes as many arguments as the call has: what lies behind them is the caller's stack.
 long __wrap_syscall(long number, ...) {
+  if (number == SYS_gettid) return __real_syscall(number);
+  if (number != SYS_perf_event_open || fake_kernel::current() == nullptr) {
+    std::fprintf(stderr, "the fake kernel does not expect system call %ld here\n", number);
+    std::abort();
+  }
   std::va_list list;
   va_start(list, number);
-  long arguments[6];
-  for (long& argument : arguments) argument = va_arg(list, long);
+  const void* attr = va_arg(list, const void*);
+  const long pid = va_arg(list, long);
+  const long cpu = va_arg(list, long);
+  const long group_fd = va_arg(list, long);
+  const unsigned long flags = va_arg(list, unsigned long);
   va_end(list);
-  fake_kernel* kernel = fake_kernel::current();
-  if (kernel != nullptr && number == SYS_perf_event_open) {
-    return kernel->perf_event_open(number, reinterpret_cast<const void*>(arguments[0]), arguments[1], arguments[2],
-                                   arguments[3], static_cast<unsigned long>(arguments[4]));
-  }
-  return __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+  return fake_kernel::current()->perf_event_open(number, attr, pid, cpu, group_fd, flags);
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {

@@ -21,8 +21,8 @@ std::vector<test::logged_line> lines;
 
 int mora_log_get_level() { return log_state::log_level; }
 
-void mora_log_message(const char* file, unsigned, const char* function, int level, const char* format,
-                      std::va_list arguments) {
+[[gnu::format(printf, 5, 0)]] void mora_log_message(const char* file, unsigned, const char* function, int level,
+                                                    const char* format, std::va_list arguments) {
   char text[2048];
   std::vsnprintf(text, sizeof text, format, arguments);
   {

@@ -360,6 +360,48 @@ TEST(flat_table, reaches_runs_longer_than_one_in_the_model_test) {
   EXPECT_GE(farthest, 3u);
 }
 
+TEST(flat_table, makes_as_much_room_at_once_as_so_many_insertions_would) {
+  for (const std::uint64_t count : {0, 1, 115, 116, 117, 231, 232, 5000}) {
+    number_table grown;
+    for (std::uint64_t key = 0; key < count; ++key) grown.insert(key, 0);
+    number_table prepared;
+    prepared.reserve(count);
+    EXPECT_EQ(prepared.capacity(), grown.capacity()) << count << " keys";
+    EXPECT_EQ(inspect::log2_capacity(prepared), inspect::log2_capacity(grown)) << count << " keys";
+    for (std::uint64_t key = 0; key < count; ++key) prepared.insert(key, 0);
+    EXPECT_EQ(prepared.capacity(), grown.capacity()) << count << " keys";
+  }
+}
+
+TEST(flat_table, keeps_its_records_and_never_shrinks_when_room_is_made) {
+  number_table table;
+  for (std::uint64_t key = 0; key < 300; ++key) table.insert(key, 7);
+  table.reserve(2);
+  EXPECT_EQ(table.capacity(), 512u);
+  table.reserve(1000);
+  EXPECT_EQ(table.capacity(), 2048u);
+  EXPECT_EQ(table.size(), 300u);
+  for (std::uint64_t key = 0; key < 300; ++key) EXPECT_TRUE(table.contains(key)) << key;
+}
+
+TEST(flat_table, filled_in_another_ones_order_takes_the_same_slots_at_the_same_distances) {
+  number_table table;
+  for (const std::uint64_t key : seeded_keys(21, 700)) table.insert(key, 0);
+  number_table again;
+  again.reserve(table.size());
+  for (const auto& [key, value] : table) again.insert(key, value);
+  EXPECT_EQ(again.capacity(), table.capacity());
+  EXPECT_EQ(inspect::states(again), inspect::states(table));
+  // Keys of one home may have changed places: their order is history.
+  const auto before = places(table);
+  const auto after = places(again);
+  ASSERT_EQ(after.size(), before.size());
+  for (std::size_t number = 0; number < before.size(); ++number) {
+    EXPECT_EQ(after[number].slot, before[number].slot);
+    EXPECT_EQ(after[number].distance, before[number].distance) << "slot " << before[number].slot;
+  }
+}
+
 TEST(flat_table, inserts_a_default_value_for_a_key_that_is_asked_for_and_missing) {
   text_table table;
   table.find_or_insert("a") += 3;

@@ -1,0 +1,29 @@
+// How the engine reads and writes A64 machine code: this header brings the decoder (a64_decode) and the generated family
+// of encoders and extractors; bi/a64/helpers.h has the constant loader and the branches, bi/a64/emit.h the wrappers for
+// plug-ins, bi/a64/class_table.h the same classes as data.
+//
+// Nothing here touches the instruction cache: who writes words that are to run clears the range afterwards. Nothing
+// allocates, locks or keeps state; everything may be called from any thread and from a signal handler.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/a64/family.h"
+#include "bi/a64/instructions.h"
+
+namespace ceilmeter {
+
+// The class of the word at word_address, or A64_NOT_RECOGNISED. A class is told by its constant bits alone, so that a
+// word that the architecture leaves unallocated among a class's words is one of the class. Not recognised are SVE, SME,
+// and pointer authentication outside the hint space, and what has come to the architecture in places of its own
+// (compare-and-branch CB<cc>, memory tagging's loads and stores, LDAPR and its kind, MOPS among them).
+a64_instruction a64_decode(const std::uint32_t* word_address);
+
+// Whether a class depends on its position: its instruction reads the program counter or leaves the straight path (CBZ,
+// B.cond, TBZ, B, BR, BLR, RET, load literal, ADR). False for what is not recognised, about which this says nothing.
+bool a64_is_branch_class(int instruction);
+
+// A field of `width` bits, 1 to 63, as the signed number that it stands for.
+std::int64_t a64_sign_extend(std::uint64_t field, int width);
+
+}  // namespace ceilmeter

@@ -1,0 +1,89 @@
+// Constants, the push of x0 and x1, and branches, on top of the generated encoders; the two questions about decoded
+// words that are answered by arithmetic.
+#include "bi/a64/helpers.h"
+
+#include "bi/a64/a64.h"
+
+namespace ceilmeter {
+
+namespace {
+
+// The classes of position-dependent instructions, by value: 0, 1, 19 to 23, 27 and 52.
+constexpr std::uint64_t BRANCH_CLASSES = 0x10000008f80003;
+constexpr int LAST_BRANCH_CLASS = A64_ADR;
+
+constexpr std::uint64_t bit_of(a64_instruction instruction) { return std::uint64_t{1} << instruction; }
+static_assert(BRANCH_CLASSES == (bit_of(A64_CBZ) | bit_of(A64_B_COND) | bit_of(A64_TBZ) | bit_of(A64_B) |
+                                 bit_of(A64_BR) | bit_of(A64_BLR) | bit_of(A64_RET) | bit_of(A64_LDR_LITERAL) |
+                                 bit_of(A64_ADR)));
+
+constexpr std::uint32_t MOVK = 3;
+constexpr std::uint32_t MOVZ = 2;
+constexpr std::uint32_t PRE_INDEX = 3;
+constexpr std::uint32_t SP = 31;
+
+// The offset from a word to an address, in words, with its sign.
+std::uint32_t word_offset(const std::uint32_t* from, std::uint64_t to) {
+  const std::uint64_t offset = to - reinterpret_cast<std::uintptr_t>(from);
+  return static_cast<std::uint32_t>(static_cast<std::int64_t>(offset) >> 2);
+}
+
+}  // namespace
+
+bool a64_is_branch_class(int instruction) {
+  return instruction >= 0 && instruction <= LAST_BRANCH_CLASS && ((BRANCH_CLASSES >> instruction) & 1) != 0;
+}
+
+std::int64_t a64_sign_extend(std::uint64_t field, int width) {
+  const std::uint64_t sign = std::uint64_t{1} << (width - 1);
+  // Less the sign's weight, the field's upper half keeps its value and the lower half goes below zero; exchanging all
+  // bits from the sign upwards swaps the two.
+  return static_cast<std::int64_t>((field - sign) ^ ~(sign - 1));
+}
+
+void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64_t value) {
+  a64_mov_wide((*write)++, 1, MOVZ, 0, static_cast<std::uint32_t>(value & 0xffff), reg);
+  for (std::uint32_t hw = 1; hw < 4; ++hw) {
+    const auto part = static_cast<std::uint32_t>((value >> (16 * hw)) & 0xffff);
+    if (part != 0) {
+      a64_mov_wide((*write)++, 1, MOVK, hw, part, reg);
+    }
+  }
+}
+
+void a64_push_x0_x1(std::uint32_t** write) {
+  constexpr std::uint32_t MINUS_16 = 0x7e;  // In units of 8 bytes, 7 bits wide.
+  a64_ldp_stp((*write)++, 2, 0, PRE_INDEX, 0, MINUS_16, 1, SP, 0);
+}
+
+void a64_b_to(std::uint32_t* from, std::uint64_t to, std::uint32_t link) { a64_b(from, link, word_offset(from, to)); }
+
+void a64_branch(std::uint32_t* from, std::uint64_t to) { a64_b_to(from, to, 0); }
+
+void a64_bl(std::uint32_t* from, std::uint64_t to) { a64_b_to(from, to, 1); }
+
+void a64_b_cond_to(std::uint32_t* from, std::uint64_t to, std::uint32_t cond) {
+  a64_b_cond(from, word_offset(from, to), cond);
+}
+
+int a64_cbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t sf, std::uint32_t rt) {
+  if (((to - reinterpret_cast<std::uintptr_t>(from)) & 3) != 0) {
+    return -1;
+  }
+  a64_cbz(from, sf, op, word_offset(from, to), rt);
+  return 0;
+}
+
+int a64_cbz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std::uint32_t rt) {
+  return a64_cbz_to(from, 0, to, sf, rt);
+}
+
+int a64_cbnz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std::uint32_t rt) {
+  return a64_cbz_to(from, 1, to, sf, rt);
+}
+
+void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t rt, std::uint32_t bit) {
+  a64_tbz(from, bit >> 5, op, bit & 0x1f, word_offset(from, to), rt);
+}
+
+}  // namespace ceilmeter

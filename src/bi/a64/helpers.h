@@ -1,0 +1,35 @@
+// The short sequences that the engine writes all the time: constants, the push of x0 and x1, branches from one place to
+// another. A branch's `from` is where its word goes and what its offset counts from; offsets are cut to their field,
+// and no range is tested: the code cache is smaller than the shortest reach that matters.
+//
+// As with the rest of bi/a64, the instruction cache is the caller's affair.
+#pragma once
+
+#include <cstdint>
+
+namespace ceilmeter {
+
+// Loads `value` into register `reg`: MOVZ of the low 16 bits, then MOVK for each higher 16 bits that are not zero. One
+// to four words, without padding; *write moves past them.
+void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64_t value);
+
+// STP x0, x1, [sp, #-16]!; *write moves past it.
+void a64_push_x0_x1(std::uint32_t** write);
+
+// B (link 0) or BL (link 1) to the address `to`, which is a multiple of 4.
+void a64_b_to(std::uint32_t* from, std::uint64_t to, std::uint32_t link);
+void a64_branch(std::uint32_t* from, std::uint64_t to);
+void a64_bl(std::uint32_t* from, std::uint64_t to);
+
+void a64_b_cond_to(std::uint32_t* from, std::uint64_t to, std::uint32_t cond);
+
+// CBZ (op 0) or CBNZ (op 1) of register rt, 64 bits of it with sf 1. 0, or -1 with nothing written if the offset is not
+// a multiple of 4.
+int a64_cbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t sf, std::uint32_t rt);
+int a64_cbz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std::uint32_t rt);
+int a64_cbnz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std::uint32_t rt);
+
+// TBZ (op 0) or TBNZ (op 1) of one bit, 0 to 63, of register rt.
+void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t rt, std::uint32_t bit);
+
+}  // namespace ceilmeter

@@ -1,0 +1,38 @@
+/* What the stub text and the C++ of the engine must agree on: frame offsets and the numbers of system calls. Included by
+   both, so that neither counts bytes by itself; nothing but preprocessor constants may stand here. */
+#pragma once
+
+/* Blocks of registers that the four subroutines of the stub text push and pop. */
+#define STUB_INT_REGS_SIZE 0x90   /* x4 to x21 */
+#define STUB_SIMD_REGS_SIZE 0x200 /* q0 to q31 */
+
+/* The frame of dispatcher_entry_stub, from its stack pointer before the register blocks. */
+#define DISPATCH_X29 0x10
+#define DISPATCH_NEXT 0x20   /* receives the cache address */
+#define DISPATCH_TARGET 0x28 /* the source address to go to */
+#define DISPATCH_SIZE 0x30   /* the application's x0 and x1, pushed by the exit stub, lie above */
+
+/* The save area of a system call, in bytes from its word 0. q0 to q31 lie below it. */
+#define SYSCALL_X0 0x00
+#define SYSCALL_X2 0x10
+#define SYSCALL_X4 0x20
+#define SYSCALL_X6 0x30
+#define SYSCALL_X8 0x40
+#define SYSCALL_X9 0x48
+#define SYSCALL_CACHE_RETURN 0xb0 /* word 22 */
+#define SYSCALL_NEXT_SOURCE 0xb8  /* word 23 */
+#define SYSCALL_X29 0xc0          /* words 24 and 25 */
+#define SYSCALL_X30 0xc8
+#define SYSCALL_APP_SP 0xd0 /* word 26: where the application's stack goes on */
+
+/* The whole frame, from q0 to the application's stack pointer at the time of the SVC. */
+#define SYSCALL_FRAME_SIZE 0x2d0
+
+/* What a pending signal's delivery writes for cache_reentry_stub, and what that stub keeps behind it. */
+#define REENTRY_RESULT_SIZE 0x20
+
+/* The result area of a hot counter's call, beyond the frame of x29 and x30. */
+#define HOT_COUNTER_SLOTS 4 /* words that init_thread fills with the load of the counters' address */
+
+#define NR_TGKILL 0x83
+#define NR_RT_SIGRETURN 0x8b
