@@ -59,7 +59,7 @@ collector_report made_up_report(std::uint64_t blocks, std::uint64_t regions, std
     for (std::uint64_t number = 0; number < roofs_per_count; ++number) {
       const bool is_compute = number >= 5;
       roofs.push_back({(is_compute ? "Vector FMA " : "Cache level ") + std::to_string(number),
-                       static_cast<std::int64_t>(random() >> 24), is_compute ? "FLOP/s" : "B/s", is_compute});
+                       static_cast<std::int64_t>(random() >> 24), is_compute ? "GFLOPS" : "GB/s", is_compute});
     }
     report.benchmarks.insert(count, std::move(roofs));
   }

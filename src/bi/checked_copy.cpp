@@ -6,6 +6,9 @@
 #include <signal.h>
 #include <ucontext.h>
 
+#include <cstddef>
+#include <cstdint>
+
 #include "bi/checked_copy_offsets.h"
 
 namespace ceilmeter {
@@ -34,10 +37,10 @@ namespace {
 
 pthread_mutex_t copy_lock = PTHREAD_MUTEX_INITIALIZER;
 
-std::uintptr_t handler_of(const struct sigaction& action) { return reinterpret_cast<std::uintptr_t>(action.sa_sigaction); }
-
+// Pairs with the load in checked_copy_handler.
 void note_old_handler(const struct sigaction& action) {
-  __atomic_store_n(&checked_copy_old_handler, handler_of(action), __ATOMIC_RELEASE);
+  const auto handler = reinterpret_cast<std::uintptr_t>(action.sa_sigaction);
+  __atomic_store_n(&checked_copy_old_handler, handler, __ATOMIC_RELEASE);
 }
 
 int copy_with_handler(void* destination, const void* source, std::size_t size) {

@@ -50,8 +50,8 @@ struct log_site {
 
 // Writes one line whatever the thresholds say. `file` is shortened to what follows its last slash. A line is at most
 // 1024 bytes, header and newline included. Aborts the process if `level` is 0; reports no failure. Any thread.
-void mora_log_message(const char* file, unsigned line, const char* function, int level, const char* format,
-                      std::va_list arguments);
+[[gnu::format(printf, 5, 0)]] void mora_log_message(const char* file, unsigned line, const char* function, int level,
+                                                    const char* format, std::va_list arguments);
 
 // The log of one source file of the tool. `file` is the source's path without its extension.
 struct tool_log {

@@ -211,9 +211,9 @@ void perfmon::finalize_per_thread_map() {
       read_counters_from_group(counters, m_counters_per_region_map[key.region]);
       close(counters.group_fd);
       counters.group_fd = -1;
-      // The leader is among the events, so its number is closed a second time, which fails unnoticed as long as nobody
-      // opens a descriptor in between. In total mode the tool has no other thread; in region mode the application has
-      // ended its regions, and a thread of its that opens a file in this very moment is the one thing that could lose.
+      // The leader is among the events, so its number is closed a second time. That fails unnoticed unless another
+      // thread was given the number in between. In total mode the tool has no other thread; in region mode nothing
+      // counts any more, but an application thread that opens a file in this very moment could lose it.
       for (auto& [id, event] : counters.events) {
         close(event.fd);
         event.fd = -1;

@@ -98,16 +98,16 @@ struct group_reading {
   std::span<const std::uint64_t> pairs;     // Value and id by turns, as many as were really delivered.
 };
 
-// Takes a group reading apart. `words` is what was read, without a partial last word; the result points into it. Too few
-// words for the header give a reading without pairs, and a count of pairs beyond `words` is cut.
+// Takes a group reading apart. `words` is what was read, without a partial last word; the result points into it. Too
+// few words for the header give a reading without pairs, and a count of pairs beyond `words` is cut.
 group_reading decode_group_reading(std::span<const std::uint64_t> words);
 
 // Joins `next`, whose begin is not before that of `running`, to `running` if the two overlap or touch. False, with
 // `running` unchanged, if there is a gap between them.
 bool extend_time_interval(time_interval& running, const time_interval& next);
 
-// A metric of `roofline_metric_names` from a region's counters; a missing counter counts as 0, so does an unknown metric.
-// Unsigned 64-bit arithmetic that wraps.
+// A metric of `roofline_metric_names` from a region's counters. A missing counter counts as 0, and so does an unknown
+// metric. Unsigned 64-bit arithmetic that wraps.
 std::uint64_t roofline_metric(const std::string& metric, const counter_table& counters);
 
 // The order of a life: construct, start and stop regions on any threads, finalise once when no thread is between start

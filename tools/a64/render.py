@@ -260,6 +260,8 @@ def encoding_rows_cpp(classes, rows, values):
 // Every row of the encoding table with the class that its words belong to.
 #include "encoding_rows.h"
 
+#include <iterator>
+
 namespace ceilmeter {
 
 const encoding_row encoding_rows[] = {"""]

@@ -8,9 +8,12 @@ from dataclasses import dataclass
 
 from model import NOT_RECOGNISED
 
-# The bits by which the architecture divides its encoding space come first, in this order, wherever they divide; below
+# Tested on every way: where both are 0 stand SVE, SME and what is reserved.
+FIRST_BITS = (28, 27)
+
+# The bits by which the architecture divides its encoding space come next, in this order, wherever they divide; below
 # them the bit that leaves the smaller halves is taken.
-LEADING_BITS = (28, 27, 26, 25, 29, 24, 21)
+LEADING_BITS = (26, 25, 29, 24, 21)
 
 # A leaf of so many patterns is compared one by one rather than divided further.
 LEAF_PATTERNS = 2
@@ -57,6 +60,9 @@ def divide(patterns, bit):
 
 
 def choose(patterns, tested):
+    for bit in FIRST_BITS:
+        if bit not in tested:
+            return bit
     for bit in LEADING_BITS:
         if bit not in tested and divide(patterns, bit):
             return bit
@@ -71,7 +77,7 @@ def choose(patterns, tested):
 
 
 def build(patterns, tested=frozenset()):
-    bit = choose(patterns, tested) if len(patterns) > LEAF_PATTERNS else None
+    bit = choose(patterns, tested) if len(patterns) > LEAF_PATTERNS or not tested.issuperset(FIRST_BITS) else None
     if bit is None:
         return Leaf(patterns)
     zero, one = halves(patterns, bit)

@@ -23,7 +23,7 @@ a64_instruction a64_decode(const std::uint32_t* word_address);
 // B.cond, TBZ, B, BR, BLR, RET, load literal, ADR). False for what is not recognised, about which this says nothing.
 bool a64_is_branch_class(int instruction);
 
-// A field of `width` bits, 1 to 63, as the signed number that it stands for.
+// A field of `width` bits, 1 to 64, as the signed number that it stands for.
 std::int64_t a64_sign_extend(std::uint64_t field, int width);
 
 }  // namespace ceilmeter

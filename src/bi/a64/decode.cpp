@@ -2,7 +2,7 @@
 // What derives from the encoding table is Copyright (c) 2010-2026 Arm Limited or its affiliates, under the notice in
 // tools/a64/a64_encodings.LICENSE.txt.
 //
-// The decision tree over single bits: at most 15 comparisons to one of 121 leaves, no table, no loop. Where a
+// The decision tree over single bits: at most 15 comparisons to one of 122 leaves, no table, no loop. Where a
 // class's words are among another's, the leaf compares with the smaller class first.
 #include "bi/a64/a64.h"
 
@@ -355,9 +355,93 @@ a64_instruction a64_decode(const std::uint32_t* word_address) {
     }
     return (word & 0x1f000000u) == 0x10000000u ? A64_ADR : A64_NOT_RECOGNISED;
   }
-  if ((word & 0x04000000u) != 0) {  // bit 26
-    if ((word & 0x02000000u) != 0) {  // bit 25
-      if ((word & 0x20000000u) != 0) {  // bit 29
+  if ((word & 0x08000000u) != 0) {  // bit 27
+    if ((word & 0x04000000u) != 0) {  // bit 26
+      if ((word & 0x02000000u) != 0) {  // bit 25
+        if ((word & 0x20000000u) != 0) {  // bit 29
+          if ((word & 0x01000000u) != 0) {  // bit 24
+            if ((word & 0x00000400u) != 0) {  // bit 10
+              if ((word & 0x9ff80400u) == 0x0f000400u) {
+                return A64_SIMD_MODIFIED_IMM;
+              }
+              return (word & 0x9f800400u) == 0x0f000400u ? A64_SIMD_SHIFT : A64_NOT_RECOGNISED;
+            }
+            return (word & 0x9f000400u) == 0x0f000000u ? A64_SIMD_BY_ELEMENT : A64_NOT_RECOGNISED;
+          }
+          if ((word & 0x00200000u) != 0) {  // bit 21
+            if ((word & 0x00000400u) != 0) {  // bit 10
+              if ((word & 0x00004000u) != 0) {  // bit 14
+                if ((word & 0x00800000u) != 0) {  // bit 23
+                  if ((word & 0xbfe0fc00u) == 0x2ea0cc00u) {
+                    return A64_FMLSL2;
+                  }
+                  return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
+                }
+                if ((word & 0xbfe0fc00u) == 0x2e20cc00u) {
+                  return A64_FMLAL2;
+                }
+                return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
+              }
+              if ((word & 0x00000800u) != 0) {  // bit 11
+                if ((word & 0xbf20fc00u) == 0x2e20ac00u) {
+                  return A64_UMINP;
+                }
+                return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
+              }
+              if ((word & 0xbf20fc00u) == 0x2e20a400u) {
+                return A64_UMAXP;
+              }
+              return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
+            }
+            if ((word & 0x00000800u) != 0) {  // bit 11
+              if ((word & 0x9f3e0c00u) == 0x0e200800u) {
+                return A64_SIMD_TWO_REGISTER;
+              }
+              return (word & 0x9f3e0c00u) == 0x0e300800u ? A64_SIMD_ACROSS_LANES : A64_NOT_RECOGNISED;
+            }
+            return (word & 0x9f200c00u) == 0x0e200000u ? A64_SIMD_THREE_DIFFERENT : A64_NOT_RECOGNISED;
+          }
+          if ((word & 0x00002000u) != 0) {  // bit 13
+            if ((word & 0x00400000u) != 0) {  // bit 22
+              if ((word & 0x00008000u) != 0) {  // bit 15
+                return (word & 0xbf20ec00u) == 0x2e00e400u ? A64_FCADD : A64_NOT_RECOGNISED;
+              }
+              if ((word & 0x00800000u) != 0) {  // bit 23
+                if ((word & 0xbfe0fc00u) == 0x2ec03400u) {
+                  return A64_FMINP_HALF;
+                }
+                return (word & 0x9f60d400u) == 0x0e401400u ? A64_SIMD_THREE_SAME_HALF : A64_NOT_RECOGNISED;
+              }
+              if ((word & 0xbfe0fc00u) == 0x2e403400u) {
+                return A64_FMAXP_HALF;
+              }
+              return (word & 0x9f60d400u) == 0x0e401400u ? A64_SIMD_THREE_SAME_HALF : A64_NOT_RECOGNISED;
+            }
+            if ((word & 0x00008000u) != 0) {  // bit 15
+              return (word & 0xbf20ec00u) == 0x2e00e400u ? A64_FCADD : A64_NOT_RECOGNISED;
+            }
+            if ((word & 0xbfe08400u) == 0x2e000000u) {
+              return A64_SIMD_EXTRACT;
+            }
+            return (word & 0x9fe08400u) == 0x0e000400u ? A64_SIMD_COPY : A64_NOT_RECOGNISED;
+          }
+          if ((word & 0x00400000u) != 0) {  // bit 22
+            if ((word & 0x00001000u) != 0) {  // bit 12
+              if ((word & 0xbfe0fc00u) == 0x2e401400u) {
+                return A64_FADDP_HALF;
+              }
+              return (word & 0x9f60d400u) == 0x0e401400u ? A64_SIMD_THREE_SAME_HALF : A64_NOT_RECOGNISED;
+            }
+            if ((word & 0xbfe0fc00u) == 0x2e400400u) {
+              return A64_FMAXNMP_HALF;
+            }
+            return (word & 0xbfe0fc00u) == 0x2ec00400u ? A64_FMINNMP_HALF : A64_NOT_RECOGNISED;
+          }
+          if ((word & 0xbfe08400u) == 0x2e000000u) {
+            return A64_SIMD_EXTRACT;
+          }
+          return (word & 0x9fe08400u) == 0x0e000400u ? A64_SIMD_COPY : A64_NOT_RECOGNISED;
+        }
         if ((word & 0x01000000u) != 0) {  // bit 24
           if ((word & 0x00000400u) != 0) {  // bit 10
             if ((word & 0x9ff80400u) == 0x0f000400u) {
@@ -371,180 +455,99 @@ a64_instruction a64_decode(const std::uint32_t* word_address) {
           if ((word & 0x00000400u) != 0) {  // bit 10
             if ((word & 0x00004000u) != 0) {  // bit 14
               if ((word & 0x00800000u) != 0) {  // bit 23
-                if ((word & 0xbfe0fc00u) == 0x2ea0cc00u) {
-                  return A64_FMLSL2;
+                if ((word & 0xbfe0fc00u) == 0x0ea0ec00u) {
+                  return A64_FMLSL;
                 }
                 return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
               }
-              if ((word & 0xbfe0fc00u) == 0x2e20cc00u) {
-                return A64_FMLAL2;
+              if ((word & 0xbfe0fc00u) == 0x0e20ec00u) {
+                return A64_FMLAL;
+              }
+              return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
+            }
+            if ((word & 0x00001000u) != 0) {  // bit 12
+              if ((word & 0xbf20fc00u) == 0x0e20bc00u) {
+                return A64_ADDP;
               }
               return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
             }
             if ((word & 0x00000800u) != 0) {  // bit 11
-              if ((word & 0xbf20fc00u) == 0x2e20ac00u) {
-                return A64_UMINP;
+              if ((word & 0xbf20fc00u) == 0x0e20ac00u) {
+                return A64_SMINP;
               }
               return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
             }
-            if ((word & 0xbf20fc00u) == 0x2e20a400u) {
-              return A64_UMAXP;
+            if ((word & 0xbf20fc00u) == 0x0e20a400u) {
+              return A64_SMAXP;
             }
             return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
           }
           if ((word & 0x00000800u) != 0) {  // bit 11
-            if ((word & 0x9f3e0c00u) == 0x0e200800u) {
-              return A64_SIMD_TWO_REGISTER;
+            if ((word & 0x00100000u) != 0) {  // bit 20
+              return (word & 0x9f3e0c00u) == 0x0e300800u ? A64_SIMD_ACROSS_LANES : A64_NOT_RECOGNISED;
             }
-            return (word & 0x9f3e0c00u) == 0x0e300800u ? A64_SIMD_ACROSS_LANES : A64_NOT_RECOGNISED;
+            if ((word & 0xfffe0c00u) == 0x4e280800u) {
+              return A64_AES;
+            }
+            return (word & 0x9f3e0c00u) == 0x0e200800u ? A64_SIMD_TWO_REGISTER : A64_NOT_RECOGNISED;
           }
           return (word & 0x9f200c00u) == 0x0e200000u ? A64_SIMD_THREE_DIFFERENT : A64_NOT_RECOGNISED;
         }
-        if ((word & 0x00002000u) != 0) {  // bit 13
-          if ((word & 0x00400000u) != 0) {  // bit 22
-            if ((word & 0x00008000u) != 0) {  // bit 15
-              return (word & 0xbf20ec00u) == 0x2e00e400u ? A64_FCADD : A64_NOT_RECOGNISED;
-            }
-            if ((word & 0x00800000u) != 0) {  // bit 23
-              if ((word & 0xbfe0fc00u) == 0x2ec03400u) {
-                return A64_FMINP_HALF;
-              }
+        if ((word & 0x00400000u) != 0) {  // bit 22
+          if ((word & 0x00000400u) != 0) {  // bit 10
+            if ((word & 0x00001000u) != 0) {  // bit 12
               return (word & 0x9f60d400u) == 0x0e401400u ? A64_SIMD_THREE_SAME_HALF : A64_NOT_RECOGNISED;
             }
-            if ((word & 0xbfe0fc00u) == 0x2e403400u) {
-              return A64_FMAXP_HALF;
+            if ((word & 0xbfe0fc00u) == 0x0e400c00u) {
+              return A64_FMLA_HALF;
             }
-            return (word & 0x9f60d400u) == 0x0e401400u ? A64_SIMD_THREE_SAME_HALF : A64_NOT_RECOGNISED;
+            return (word & 0xbfe0fc00u) == 0x0ec00c00u ? A64_FMLS_HALF : A64_NOT_RECOGNISED;
           }
-          if ((word & 0x00008000u) != 0) {  // bit 15
-            return (word & 0xbf20ec00u) == 0x2e00e400u ? A64_FCADD : A64_NOT_RECOGNISED;
-          }
-          if ((word & 0xbfe08400u) == 0x2e000000u) {
-            return A64_SIMD_EXTRACT;
-          }
+          return (word & 0xbf208c00u) == 0x0e000800u ? A64_SIMD_PERMUTE : A64_NOT_RECOGNISED;
+        }
+        if ((word & 0x80000000u) != 0) {  // bit 31
+          return (word & 0xffe00000u) == 0xce800000u ? A64_XAR : A64_NOT_RECOGNISED;
+        }
+        if ((word & 0x00000400u) != 0) {  // bit 10
           return (word & 0x9fe08400u) == 0x0e000400u ? A64_SIMD_COPY : A64_NOT_RECOGNISED;
         }
-        if ((word & 0x00400000u) != 0) {  // bit 22
-          if ((word & 0x00001000u) != 0) {  // bit 12
-            if ((word & 0xbfe0fc00u) == 0x2e401400u) {
-              return A64_FADDP_HALF;
-            }
-            return (word & 0x9f60d400u) == 0x0e401400u ? A64_SIMD_THREE_SAME_HALF : A64_NOT_RECOGNISED;
-          }
-          if ((word & 0xbfe0fc00u) == 0x2e400400u) {
-            return A64_FMAXNMP_HALF;
-          }
-          return (word & 0xbfe0fc00u) == 0x2ec00400u ? A64_FMINNMP_HALF : A64_NOT_RECOGNISED;
-        }
-        if ((word & 0xbfe08400u) == 0x2e000000u) {
-          return A64_SIMD_EXTRACT;
-        }
-        return (word & 0x9fe08400u) == 0x0e000400u ? A64_SIMD_COPY : A64_NOT_RECOGNISED;
-      }
-      if ((word & 0x01000000u) != 0) {  // bit 24
-        if ((word & 0x00000400u) != 0) {  // bit 10
-          if ((word & 0x9ff80400u) == 0x0f000400u) {
-            return A64_SIMD_MODIFIED_IMM;
-          }
-          return (word & 0x9f800400u) == 0x0f000400u ? A64_SIMD_SHIFT : A64_NOT_RECOGNISED;
-        }
-        return (word & 0x9f000400u) == 0x0f000000u ? A64_SIMD_BY_ELEMENT : A64_NOT_RECOGNISED;
-      }
-      if ((word & 0x00200000u) != 0) {  // bit 21
-        if ((word & 0x00000400u) != 0) {  // bit 10
-          if ((word & 0x00004000u) != 0) {  // bit 14
-            if ((word & 0x00800000u) != 0) {  // bit 23
-              if ((word & 0xbfe0fc00u) == 0x0ea0ec00u) {
-                return A64_FMLSL;
-              }
-              return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
-            }
-            if ((word & 0xbfe0fc00u) == 0x0e20ec00u) {
-              return A64_FMLAL;
-            }
-            return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
-          }
-          if ((word & 0x00001000u) != 0) {  // bit 12
-            if ((word & 0xbf20fc00u) == 0x0e20bc00u) {
-              return A64_ADDP;
-            }
-            return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
-          }
-          if ((word & 0x00000800u) != 0) {  // bit 11
-            if ((word & 0xbf20fc00u) == 0x0e20ac00u) {
-              return A64_SMINP;
-            }
-            return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
-          }
-          if ((word & 0xbf20fc00u) == 0x0e20a400u) {
-            return A64_SMAXP;
-          }
-          return (word & 0x9f200400u) == 0x0e200400u ? A64_SIMD_THREE_SAME : A64_NOT_RECOGNISED;
-        }
-        if ((word & 0x00000800u) != 0) {  // bit 11
-          if ((word & 0x00100000u) != 0) {  // bit 20
-            return (word & 0x9f3e0c00u) == 0x0e300800u ? A64_SIMD_ACROSS_LANES : A64_NOT_RECOGNISED;
-          }
-          if ((word & 0xfffe0c00u) == 0x4e280800u) {
-            return A64_AES;
-          }
-          return (word & 0x9f3e0c00u) == 0x0e200800u ? A64_SIMD_TWO_REGISTER : A64_NOT_RECOGNISED;
-        }
-        return (word & 0x9f200c00u) == 0x0e200000u ? A64_SIMD_THREE_DIFFERENT : A64_NOT_RECOGNISED;
-      }
-      if ((word & 0x00400000u) != 0) {  // bit 22
-        if ((word & 0x00000400u) != 0) {  // bit 10
-          if ((word & 0x00001000u) != 0) {  // bit 12
-            return (word & 0x9f60d400u) == 0x0e401400u ? A64_SIMD_THREE_SAME_HALF : A64_NOT_RECOGNISED;
-          }
-          if ((word & 0xbfe0fc00u) == 0x0e400c00u) {
-            return A64_FMLA_HALF;
-          }
-          return (word & 0xbfe0fc00u) == 0x0ec00c00u ? A64_FMLS_HALF : A64_NOT_RECOGNISED;
+        if ((word & 0xbfe08c00u) == 0x0e000000u) {
+          return A64_SIMD_TABLE;
         }
         return (word & 0xbf208c00u) == 0x0e000800u ? A64_SIMD_PERMUTE : A64_NOT_RECOGNISED;
       }
-      if ((word & 0x80000000u) != 0) {  // bit 31
-        return (word & 0xffe00000u) == 0xce800000u ? A64_XAR : A64_NOT_RECOGNISED;
+      if ((word & 0x20000000u) != 0) {  // bit 29
+        return (word & 0x3a000000u) == 0x28000000u ? A64_LDP_STP : A64_NOT_RECOGNISED;
       }
-      if ((word & 0x00000400u) != 0) {  // bit 10
-        return (word & 0x9fe08400u) == 0x0e000400u ? A64_SIMD_COPY : A64_NOT_RECOGNISED;
+      if ((word & 0x01000000u) != 0) {  // bit 24
+        if ((word & 0xbf9f0000u) == 0x0d000000u) {
+          return A64_LD_ST_SINGLE;
+        }
+        return (word & 0xbf800000u) == 0x0d800000u ? A64_LD_ST_SINGLE_POST : A64_NOT_RECOGNISED;
       }
-      if ((word & 0xbfe08c00u) == 0x0e000000u) {
-        return A64_SIMD_TABLE;
+      if ((word & 0xbfbf0000u) == 0x0c000000u) {
+        return A64_LD_ST_MULTIPLE;
       }
-      return (word & 0xbf208c00u) == 0x0e000800u ? A64_SIMD_PERMUTE : A64_NOT_RECOGNISED;
+      return (word & 0xbfa00000u) == 0x0c800000u ? A64_LD_ST_MULTIPLE_POST : A64_NOT_RECOGNISED;
+    }
+    if ((word & 0x02000000u) != 0) {  // bit 25
+      if ((word & 0x01000000u) != 0) {  // bit 24
+        if ((word & 0x1fe00000u) == 0x0b200000u) {
+          return A64_ADD_SUB_EXTENDED;
+        }
+        return (word & 0x1f200000u) == 0x0b000000u ? A64_ADD_SUB_SHIFTED : A64_NOT_RECOGNISED;
+      }
+      return (word & 0x1f000000u) == 0x0a000000u ? A64_LOGICAL_SHIFTED : A64_NOT_RECOGNISED;
     }
     if ((word & 0x20000000u) != 0) {  // bit 29
       return (word & 0x3a000000u) == 0x28000000u ? A64_LDP_STP : A64_NOT_RECOGNISED;
     }
-    if ((word & 0x01000000u) != 0) {  // bit 24
-      if ((word & 0xbf9f0000u) == 0x0d000000u) {
-        return A64_LD_ST_SINGLE;
-      }
-      return (word & 0xbf800000u) == 0x0d800000u ? A64_LD_ST_SINGLE_POST : A64_NOT_RECOGNISED;
+    if ((word & 0xbfa07c00u) == 0x88a07c00u) {
+      return A64_CAS;
     }
-    if ((word & 0xbfbf0000u) == 0x0c000000u) {
-      return A64_LD_ST_MULTIPLE;
-    }
-    return (word & 0xbfa00000u) == 0x0c800000u ? A64_LD_ST_MULTIPLE_POST : A64_NOT_RECOGNISED;
+    return (word & 0x3f000000u) == 0x08000000u ? A64_LDX_STX : A64_NOT_RECOGNISED;
   }
-  if ((word & 0x02000000u) != 0) {  // bit 25
-    if ((word & 0x01000000u) != 0) {  // bit 24
-      if ((word & 0x1fe00000u) == 0x0b200000u) {
-        return A64_ADD_SUB_EXTENDED;
-      }
-      return (word & 0x1f200000u) == 0x0b000000u ? A64_ADD_SUB_SHIFTED : A64_NOT_RECOGNISED;
-    }
-    return (word & 0x1f000000u) == 0x0a000000u ? A64_LOGICAL_SHIFTED : A64_NOT_RECOGNISED;
-  }
-  if ((word & 0x20000000u) != 0) {  // bit 29
-    return (word & 0x3a000000u) == 0x28000000u ? A64_LDP_STP : A64_NOT_RECOGNISED;
-  }
-  if ((word & 0xbfa07c00u) == 0x88a07c00u) {
-    return A64_CAS;
-  }
-  return (word & 0x3f000000u) == 0x08000000u ? A64_LDX_STX : A64_NOT_RECOGNISED;
+  return A64_NOT_RECOGNISED;
 }
 
 }  // namespace ceilmeter

@@ -1,6 +1,6 @@
 // The short sequences that the engine writes all the time: constants, the push of x0 and x1, branches from one place to
-// another. A branch's `from` is where its word goes and what its offset counts from; offsets are cut to their field,
-// and no range is tested: the code cache is smaller than the shortest reach that matters.
+// another. A branch's `from` is where its word goes and what its offset counts from. Offsets are cut to their field and
+// no range is tested: that a target is in reach is for the caller to know.
 //
 // As with the rest of bi/a64, the instruction cache is the caller's affair.
 #pragma once

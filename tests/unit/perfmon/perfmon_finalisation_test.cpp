@@ -360,8 +360,9 @@ TEST_F(perfmon_finalisation_test, finalising_without_a_region_logs_its_two_lines
   reset_log(LEVEL_TRACE);
   open_perfmon counted(true);
   counted.finalize_roofline_events();
-  EXPECT_THAT(logged_texts(LEVEL_DEBUG), ElementsAre("finalize_roofline_events",
-                                                     "finalize_per_thread_map: m_counters_per_thread_map has 0 entries"));
+  EXPECT_THAT(logged_texts(LEVEL_DEBUG),
+              ElementsAre("finalize_roofline_events",
+                          "finalize_per_thread_map: m_counters_per_thread_map has 0 entries"));
   EXPECT_THAT(counted.get_roofline_events(), IsEmpty());
   EXPECT_THAT(kernel.calls(), IsEmpty());
 }

@@ -156,7 +156,8 @@ TEST_F(perfmon_open_test, the_open_is_logged_at_debug_with_the_region) {
   reset_log(LEVEL_DEBUG);
   open_perfmon counted(true);
   counted.open_roofline_events("some region");
-  EXPECT_THAT(logged_by("open_roofline_events", LEVEL_DEBUG), ElementsAre("open_roofline_events: region is some region"));
+  EXPECT_THAT(logged_by("open_roofline_events", LEVEL_DEBUG),
+              ElementsAre("open_roofline_events: region is some region"));
 }
 
 TEST_F(perfmon_open_test, when_the_first_events_fail_the_next_one_that_opens_leads) {
@@ -306,7 +307,8 @@ TEST_F(perfmon_start_test, a_group_that_fails_as_a_whole_gives_one_warning_more_
   open_perfmon counted(false, {{4, {{"A", 1, -1}, {"B", 2, -1}}}});
   counted.start_roofline_events("some region");
   EXPECT_THAT(logged_texts(LEVEL_WARN),
-              ElementsAre("perf_event_open failed with Invalid argument", "perf_event_open failed with Invalid argument",
+              ElementsAre("perf_event_open failed with Invalid argument",
+                          "perf_event_open failed with Invalid argument",
                           "failed to perfmon::open_roofline_events for some region region"));
   EXPECT_EQ(logged_by("start_roofline_events", LEVEL_WARN).size(), 1u);
   EXPECT_EQ(counted.counters("some region").group_fd, -1);

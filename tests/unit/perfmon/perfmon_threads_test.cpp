@@ -61,7 +61,8 @@ TEST_F(perfmon_threads_test, many_threads_start_and_stop_many_regions_at_once) {
   for (const auto& [region, counters] : counted.m_counters_per_region_map) {
     EXPECT_EQ(*counters.find("A"), 10u * thread_count) << region;
     EXPECT_EQ(*counters.find("B"), 1u * thread_count) << region;
-    EXPECT_EQ(counted.m_time_intervals_map.at(region).size(), static_cast<std::size_t>(thread_count * rounds)) << region;
+    EXPECT_EQ(counted.m_time_intervals_map.at(region).size(), static_cast<std::size_t>(thread_count * rounds))
+        << region;
   }
   EXPECT_EQ(kernel.open_descriptors(), 0);
 }

@@ -122,9 +122,10 @@ TEST(limits_test, an_ordinary_user_at_paranoid_3_gets_one_warning_an_event_and_t
   });
   EXPECT_EQ(child.exit_status, 0);
   const std::string refused = "warn perf_event_open failed with Permission denied";
-  EXPECT_THAT(child.log, ElementsAre(refused, refused, refused, refused, refused, refused,
-                                     "warn failed to perfmon::open_roofline_events for total region",
-                                     "warn couldn't stop_roofline_events for total region because group_fd was not set"));
+  EXPECT_THAT(child.log,
+              ElementsAre(refused, refused, refused, refused, refused, refused,
+                          "warn failed to perfmon::open_roofline_events for total region",
+                          "warn couldn't stop_roofline_events for total region because group_fd was not set"));
 }
 
 TEST(limits_test, an_ordinary_user_at_paranoid_2_counts_the_user_mode_work_without_a_warning) {

@@ -261,7 +261,8 @@ TEST(regions_test, many_threads_count_many_regions_at_once) {
   for (const auto& [region, counters] : counted.m_counters_per_region_map) {
     least = std::min(least, counted.total(region, FAULTS));
     most = std::max(most, counted.total(region, FAULTS));
-    EXPECT_EQ(counted.m_time_intervals_map.at(region).size(), static_cast<std::size_t>(thread_count * rounds)) << region;
+    EXPECT_EQ(counted.m_time_intervals_map.at(region).size(), static_cast<std::size_t>(thread_count * rounds))
+        << region;
     EXPECT_EQ(counted.total(region, "duration_time"),
               static_cast<std::uint64_t>(union_length(counted.m_time_intervals_map.at(region))))
         << region;

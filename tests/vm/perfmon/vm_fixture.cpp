@@ -81,7 +81,10 @@ void touch_pages(int pages) {
 void burn(int millions) {
   volatile std::uint64_t sink = 1;
   std::uint64_t x = sink;
-  for (std::int64_t i = 0; i < std::int64_t{millions} * 500'000; ++i) x = x * 6364136223846793005u + 1442695040888963407u;
+  // Two operations a round.
+  for (std::int64_t i = 0; i < std::int64_t{millions} * 500'000; ++i) {
+    x = x * 6364136223846793005u + 1442695040888963407u;
+  }
   sink = x;
 }
 

@@ -5,6 +5,8 @@
 // Every row of the encoding table with the class that its words belong to.
 #include "encoding_rows.h"
 
+#include <iterator>
+
 namespace ceilmeter {
 
 const encoding_row encoding_rows[] = {

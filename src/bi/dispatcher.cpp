@@ -1,0 +1,173 @@
+// Every link is a branch word that the dispatcher writes over words that the scanner reserved. Links go to a fragment's
+// entry plus 4: an arrival through a stub finds the application's x0 and x1 on the stack and enters at the entry word,
+// which pops them; an arrival through a link has never pushed them.
+//
+// After a first link a conditional exit reads: word 0, a branch that skips word 1 when the condition sends execution to
+// the other side; word 1, the link; word 2, either the second link or still the push of the exit stub.
+//
+// Only the thread's own code is patched, by the thread itself, outside the code that it patches. The instruction cache is
+// cleared over just the words written before the thread goes back into the cache: the clearing ends with the barriers
+// and the context synchronisation that make the new words those that are fetched, and no other thread executes them.
+#include "bi/dispatcher.h"
+
+#include "bi/a64/a64.h"
+#include "bi/a64/helpers.h"
+#include "bi/stubs.h"
+#include "bi/traces.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/dispatcher"};
+
+constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
+
+void clear_instruction_cache(const std::uint32_t* begin, const std::uint32_t* end) {
+  __builtin___clear_cache(reinterpret_cast<char*>(const_cast<std::uint32_t*>(begin)),
+                          reinterpret_cast<char*>(const_cast<std::uint32_t*>(end)));
+}
+
+void link_direct_exit(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
+  a64_branch_and_link(thread, meta.exit_code_addr, entry);
+  clear_instruction_cache(meta.exit_code_addr, meta.exit_code_addr + 1);
+  meta.link_state = LINK_TAKEN_FIRST;
+}
+
+void link_second_side(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
+  std::uint32_t* place = meta.exit_code_addr + 2;
+  meta.link_state |= LINK_BOTH;
+  a64_branch_and_link(thread, place, entry);
+  clear_instruction_cache(place, place + 1);
+}
+
+void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
+  const bool taken = target == meta.taken_source_addr;
+  const std::uint64_t other = hash_lookup_entry(thread, taken ? meta.skipped_source_addr : meta.taken_source_addr);
+  const auto condition = static_cast<std::uint32_t>(meta.exit_condition);
+  std::uint32_t* write = meta.exit_code_addr;
+  insert_cond_exit_branch(meta, &write, taken ? condition ^ 1 : condition);
+  meta.link_state = taken ? LINK_TAKEN_FIRST : LINK_SKIPPED_FIRST;
+  a64_branch_and_link(thread, write++, entry);
+  if (other != HASH_MISS) {
+    a64_branch_and_link(thread, write++, other + ENTRY_WORD_SIZE);
+    meta.link_state |= LINK_BOTH;
+  }
+  clear_instruction_cache(meta.exit_code_addr, write);
+}
+
+std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
+  if (log_state::engine_log_level < LEVEL_TRACE) return lookup_or_scan(thread, target);
+  std::int32_t cached = 0;
+  const std::uint64_t found = _lookup_or_scan(thread, target, &cached);
+  if (cached != 0) {
+    log(LEVEL_TRACE, "found block from %d for 0x%lx in cache at 0x%lx", source_index, target, found);
+  } else {
+    log(LEVEL_TRACE, "scanned at 0x%lx for 0x%lx", found, target);
+  }
+  return found;
+}
+
+}  // namespace
+
+extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr,
+                           thread_data* thread) {
+  log(LEVEL_TRACE, "source block index: %d", source_index);
+  if (source_index >= BB_COUNT) {
+    trace_dispatcher(target, next_addr, source_index, thread);
+    return;
+  }
+  bb_meta& meta = thread->metas[source_index];
+  const std::uint32_t exit_kind = meta.exit_kind;  // Read now: the search below may flush it away.
+  log(LEVEL_TRACE, "reached the dispatcher, target: 0x%lx, ret: %p, src: %d thr: %p", target,
+      static_cast<void*>(next_addr), source_index, static_cast<void*>(thread));
+  thread->flush_seen = 0;
+  const std::uint64_t found = find_block(thread, target, source_index);
+  *next_addr = found;
+  if (source_index == 0 || thread->flush_seen != 0) return;
+
+  const std::uint64_t entry = found + ENTRY_WORD_SIZE;
+  switch (exit_kind) {
+    case EXIT_DIRECT: link_direct_exit(thread, meta, entry); break;
+    case EXIT_B_COND:
+    case EXIT_CBZ:
+    case EXIT_TBZ:
+      if (meta.link_state != LINK_NONE) {
+        link_second_side(thread, meta, entry);
+      } else {
+        link_first_side(thread, meta, target, entry);
+      }
+      break;
+    default: break;  // A register branch looks its target up by itself each time.
+  }
+}
+
+void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t to) {
+  a64_branch(from, to);
+  record_cc_link(thread, reinterpret_cast<std::uint64_t>(from), to);
+}
+
+void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::uint32_t condition) {
+  std::uint32_t* from = *write;
+  const std::uint64_t to = reinterpret_cast<std::uint64_t>(from) + 8;
+  const std::uint32_t reg = meta.rn & 0x1f;
+  const std::uint32_t size_or_bit = meta.rn >> 5;
+  switch (meta.exit_kind) {
+    case EXIT_DIRECT: return;
+    case EXIT_B_COND: a64_b_cond_to(from, to, condition); break;
+    case EXIT_CBZ: a64_cbz_to(from, condition, to, size_or_bit, reg); break;
+    case EXIT_TBZ: a64_tbz_to(from, condition, to, reg, size_or_bit); break;
+    default: log(LEVEL_FATAL, "insert_cond_exit_branch(): unknown branch type"); return;
+  }
+  ++*write;
+}
+
+void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, const std::uint32_t* read_address,
+                    std::uint32_t reg, bool link, bool set_meta) {
+  constexpr std::uint32_t x0 = 0;
+  constexpr std::uint32_t x1 = 1;
+  constexpr std::uint32_t x2 = 2;
+  constexpr std::uint32_t x30 = 30;
+  constexpr std::uint32_t sp = 31;
+  constexpr std::uint32_t xzr = 31;
+  std::uint32_t* at = *write;
+
+  // The lookup needs x0 and one more register, and the target must survive both, and the loading of x30.
+  const bool needs_x2 = reg == x0 || reg == x1 || (link && reg == x30);
+  const std::uint32_t target = needs_x2 ? x1 : reg;
+  const std::uint32_t scratch = needs_x2 ? x2 : x1;
+  a64_push_x0_x1(&at);
+  if (needs_x2) {
+    a64_ldr_str_imm9(at++, 3, 0, 0, 0x1f0, 3, sp, x2);  // str x2, [sp, #-16]!
+    if (reg != x1) a64_logical_shifted(at++, 1, 1, 0, 0, reg, 0, xzr, x1);  // mov x1, reg
+  }
+  if (set_meta) thread->metas[bb_id].rn = target;
+  if (link) a64_load_const(&at, x30, reinterpret_cast<std::uint64_t>(read_address) + 4);
+  a64_load_const(&at, x0, reinterpret_cast<std::uint64_t>(thread->entry_table.entries));
+
+  // and scratch, target, #0x1ffffc: the bits of the address that the table's hash selects, in place. 19 ones, rotated
+  // left by 2.
+  static_assert(ENTRY_TABLE_SIZE - 10 == 0x7ffff, "the mask of the inline lookup is that of the hash");
+  a64_logical_imm(at++, 1, 0, 1, 62, 18, target, scratch);
+  a64_add_sub_shifted(at++, 1, 0, 0, 0, scratch, 2, x0, x0);  // add x0, x0, scratch, lsl #2
+  static_assert(HASH_ENTRY_BYTES == 16 && HASH_ENTRY_KEY_OFFSET == 0 && HASH_ENTRY_VALUE_OFFSET == 8);
+  std::uint32_t* loop = at;
+  a64_ldr_str_imm9(at++, 3, 0, 1, 16, 1, x0, scratch);  // ldr scratch, [x0], #16
+  std::uint32_t* to_miss = at++;
+  a64_add_sub_shifted(at++, 1, 1, 0, 0, target, 0, scratch, scratch);  // sub scratch, scratch, target
+  a64_cbnz_helper(at, reinterpret_cast<std::uint64_t>(loop), 1, scratch);
+  ++at;
+  a64_ldr_str_imm9(at++, 3, 0, 1, 0x1f8, 0, x0, x0);  // ldur x0, [x0, #-8]
+  if (needs_x2) a64_ldr_str_imm9(at++, 3, 0, 1, 16, 1, sp, x2);
+  a64_br(at++, x0);
+
+  a64_cbz_helper(to_miss, reinterpret_cast<std::uint64_t>(at), 1, scratch);
+  a64_logical_shifted(at++, 1, 1, 0, 0, target, 0, xzr, x0);  // mov x0, target
+  a64_load_const(&at, x1, static_cast<std::uint64_t>(bb_id));
+  if (needs_x2) a64_ldr_str_imm9(at++, 3, 0, 1, 16, 1, sp, x2);
+  a64_branch(at++, thread->dispatcher_stub_addr);
+  *write = at;
+}
+
+}  // namespace ceilmeter

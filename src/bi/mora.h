@@ -1,0 +1,228 @@
+// The engine's core: its process-wide, per-thread and per-fragment records, the code cache, and what starts and ends an
+// application under the engine. An application address is a source address; an address in the code cache is a cache
+// address. Application code never runs where it was loaded: what runs is its rewritten copy in the code cache of the
+// thread, one fragment at a time.
+//
+// Who may touch what: a thread_data, with all that it holds, belongs to its own thread. The exceptions are `next`, `status`
+// and `tid`, which mora_terminate reads under thread_list_lock, and the counters of pending signals, which a signal may
+// move at any moment. Code caches are private to a thread, so that patching code needs no lock.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "bi/common.h"
+#include "bi/stub_layout.h"
+
+namespace ceilmeter {
+
+// Sizes. Emitted code and documented limits depend on them.
+inline constexpr std::size_t CODE_CACHE_SIZE = 0x1000000;
+inline constexpr std::uint32_t BB_SIZE = 256;        // The unit of the basic-block area.
+inline constexpr std::int32_t BB_COUNT = 55000;      // Indices below are basic blocks, those above trace fragments.
+inline constexpr std::size_t BB_AREA_SIZE = 14080000;
+inline constexpr std::int32_t BB_META_COUNT = 115000;
+inline constexpr std::int32_t BB_FLUSH_THRESHOLD = 54969;  // allocate_bb flushes when next_block is beyond it.
+inline constexpr std::int32_t ENTRY_TABLE_SIZE = 0x80009;
+inline constexpr std::uint32_t LINK_POOL_CAPACITY = 100000;
+inline constexpr std::size_t RETURN_STACK_SIZE = 32768;
+inline constexpr std::size_t MAX_PLUGINS = 10;
+inline constexpr std::size_t PLUGIN_SLOTS = 20;
+inline constexpr std::size_t MAX_TRACE_EXITS = 21;
+inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
+inline constexpr int SIGNAL_COUNT = 65;  // Signal numbers from 1; 0 is unused.
+
+static_assert(BB_AREA_SIZE == std::size_t{BB_COUNT} * BB_SIZE);
+static_assert(CODE_CACHE_SIZE - BB_AREA_SIZE == 2697216, "the trace area is the rest of the code cache");
+static_assert(CODE_CACHE_SIZE <= 128 * 1024 * 1024, "a B reaches any place of the cache from any other");
+
+enum bb_exit_kind : std::uint32_t {
+  EXIT_NOT_SET = 0,
+  EXIT_STUB_BLOCK = 1,  // The block is reserved; no code yet.
+  EXIT_DIRECT = 3,      // B, BL.
+  EXIT_REGISTER = 4,    // BR, BLR, RET.
+  EXIT_B_COND = 5,
+  EXIT_CBZ = 6,         // CBZ, CBNZ.
+  EXIT_TBZ = 7,         // TBZ, TBNZ.
+  EXIT_TRACE = 8,       // The trampoline of a trace's exit.
+};
+
+// Values of bb_meta::link_state. A first link is 1 or 2; the second side ORs 4 in.
+enum bb_link_state : std::uint32_t {
+  LINK_NONE = 0,
+  LINK_SKIPPED_FIRST = 1,
+  LINK_TAKEN_FIRST = 2,  // Always for an unconditional exit.
+  LINK_BOTH = 4,
+};
+
+// The place of a branch word that was patched to reach a fragment. A record of the thread's link pool.
+using cc_link = linked_record;  // `word` is the cache address of the branch.
+
+inline constexpr std::size_t OVERWRITTEN_EXIT_WORDS = 3;
+
+// One fragment. The record of index i below BB_COUNT describes the block at code_cache + i * BB_SIZE.
+struct bb_meta {
+  std::uint64_t source_addr;     // Of the fragment's first instruction.
+  std::uint64_t cache_entry;
+  std::uint32_t exit_kind;       // A bb_exit_kind.
+  std::int32_t parent_block;     // The block that this one continues; 0: none.
+  std::uint32_t* exit_code_addr; // First word of the exit code.
+  std::uint64_t taken_source_addr;    // Taken side of the exit; of a trampoline, where it rejoins.
+  std::uint64_t skipped_source_addr;  // Fall-through side.
+  std::uint64_t exit_condition;  // Condition of B.cond; the sense bit of the others: 0 CBZ, TBZ; 1 CBNZ, TBNZ.
+  std::uint32_t link_state;      // Of bb_link_state.
+  std::uint32_t rn;              // Register of the exit. EXIT_CBZ: the size bit at bit 5. EXIT_TBZ: the bit number from bit 5.
+  std::int32_t trampoline;       // Of a trace fragment: the index of its exit's trampoline.
+  cc_link* linked_from;          // Places that branch straight to this fragment.
+  std::uint32_t overwritten_exit[OVERWRITTEN_EXIT_WORDS];  // What a trap has overwritten.
+};
+
+struct trace_exit {
+  std::uint64_t from;  // Cache address of the conditional branch.
+  std::uint64_t to;    // Cache address that it is to reach.
+  std::int32_t fragment_id;
+};
+
+// The trace under construction.
+struct trace_state {
+  std::int32_t id;         // Next index for a fragment or a trampoline.
+  std::int32_t source_bb;  // The head block.
+  std::uint32_t* write;
+  std::uint64_t entry_addr;
+  std::uint32_t active;
+  std::uint32_t exit_count;
+  trace_exit exits[MAX_TRACE_EXITS];
+};
+
+enum thread_status : std::int32_t {
+  THREAD_RUNNING = 0,     // In application or engine code.
+  THREAD_IN_SYSCALL = 1,  // In an application's system call that the engine let through.
+  THREAD_ABANDONED = 2,   // Has ended itself in abandon_thread.
+};
+
+// One per application thread, in one zeroed mapping of its own, so that emitted code can hold addresses of its fields.
+struct thread_data {
+  thread_data* next;
+  std::int32_t status;       // A thread_status. Written by its thread, read by mora_terminate: relaxed atomics.
+  std::int32_t next_block;   // Next free index of the basic-block area.
+  std::uint32_t flush_seen;  // Set by every flush, cleared at each entry into the dispatcher.
+  std::uint64_t dispatcher_stub_addr;  // Cache addresses of this thread's copies of stubs.
+  std::uint64_t syscall_wrapper_addr;
+  std::uint8_t* code_cache;
+  bb_meta metas[BB_META_COUNT];
+  sized_hash_table<ENTRY_TABLE_SIZE> entry_table;  // Source address to cache address.
+  std::uint8_t exit_counters[BB_COUNT];            // Hotness of each basic block.
+  std::uint64_t hot_counter_stub_addr;
+  std::uint8_t* trace_write_cursor;  // Next free byte of the trace area.
+  std::int32_t trace_id;             // Next free index after the last installed trace.
+  std::int32_t trace_fragment_count;
+  trace_state active_trace;
+  linked_pool* cc_link_pool;
+  std::uint64_t tls;        // The application's thread pointer; the register itself stays the C library's.
+  std::uint64_t child_tls;  // What a child of a fork-like clone takes.
+  void* plugin_thread_data[MAX_PLUGINS];
+  std::uint64_t clone_resume_addr;  // Source address where a new thread starts.
+  std::int32_t tid;
+  std::int32_t* set_tid;      // The parent's word that receives the child's thread id.
+  std::uint64_t* clone_args;  // The parent's save area.
+  std::uint64_t child_stack;  // The application's stack of a new thread.
+  std::uint8_t clone_shares_vm;
+  std::int32_t pending_signals[SIGNAL_COUNT];
+  std::int32_t pending_signal_count;  // Their sum; the reentry stub reads it on every way back into the cache.
+  std::uint64_t engine_sp;            // Stack pointer at the thread's start, to leave it by.
+  robin_map return_watch;             // For post-function events.
+  std::uint64_t syscall_args;         // What a pre-syscall callback is followed by.
+  std::uint64_t* return_stack_top;
+  std::uint64_t return_stack[RETURN_STACK_SIZE];
+  // Beyond the application's own state: how the thread's end reaches those who wait for it, see syscalls.cpp.
+  std::int32_t* library_tid_word;     // What the C library wants cleared when this thread ends; null: not known.
+  std::int32_t* application_tid_word; // What the application wants cleared and woken.
+};
+
+// Process-wide state, each part under the lock that is named with it.
+struct engine_globals {
+  std::int32_t argc;  // The application's arguments as given to mora_run.
+  char** argv;
+  interval_map exec_ranges;  // Executable ranges, each with a duplicate of its descriptor. Has its own lock.
+  std::uint64_t signal_handlers[SIGNAL_COUNT];  // The application's handlers. Under the next lock.
+  pthread_mutex_t signal_handlers_lock;
+  std::uint64_t brk;  // The emulated program break and its first value. Under the next lock.
+  std::uint64_t initial_brk;
+  pthread_mutex_t brk_lock;
+  thread_data* thread_list;  // Under the next lock.
+  pthread_mutex_t thread_list_lock;
+  std::uint32_t exit_flag;  // Set to 1 once, by mora_terminate; read without a lock by every thread.
+  std::uint32_t plugin_count;
+  std::uint64_t plugins[MAX_PLUGINS][PLUGIN_SLOTS];  // Slots 1 to 18: callbacks by event; 19: the plug-in's data.
+  pthread_mutex_t function_watch_lock;
+  robin_map function_watches;  // Function address to its record. Under the lock before it.
+};
+
+extern engine_globals engine;
+
+// This thread's record; null on a thread of the tool's own.
+extern thread_local thread_data* current_thread;
+
+// Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status.
+int mora_run(int argc, char** argv, char** envp);
+
+// Maps a zeroed record. False if the mapping failed.
+bool allocate_thread_data(thread_data** out);
+
+// Gives a record its code cache, stubs and tables. Fatal if one of them cannot be mapped.
+void init_thread(thread_data* thread);
+
+// Puts a record into, or takes it out of, the list of live threads, and delivers thread_init or thread_exit before the
+// lock is released. `lock_held`: the caller has thread_list_lock. The second returns -1 if the record is not listed.
+void register_thread(thread_data* thread, bool lock_held);
+int unregister_thread(thread_data* thread, bool lock_held);
+
+// The index of a free block, after a flush if few are left.
+std::int32_t allocate_bb(thread_data* thread);
+
+// Forgets every fragment of the thread. Nothing is overwritten: code that is running finishes and finds an empty table.
+void flush_code_cache(thread_data* thread);
+
+// A block's address before the block is scanned.
+std::uint64_t stub_bb(thread_data* thread, std::uint64_t source);
+std::uint64_t lookup_or_stub(thread_data* thread, std::uint64_t source);
+
+// Rewrites the code at `source` into block `bb_id`, or into a new one if that is 0. Returns its cache address.
+std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id);
+
+// The cache address for `source`, scanned if need be. `*out_cached`, unless null, tells whether it was there.
+std::uint64_t _lookup_or_scan(thread_data* thread, std::uint64_t source, std::int32_t* out_cached);
+std::uint64_t lookup_or_scan(thread_data* thread, std::uint64_t source);
+
+// The entry table alone; HASH_MISS if it is not there.
+std::uint64_t hash_lookup_entry(const thread_data* thread, std::uint64_t source);
+
+bool is_in_traces(const thread_data* thread, std::uint64_t address);
+
+// The index of the block that an address of the basic-block area lies in, its upper bound included; -1 elsewhere.
+std::int32_t cc_addr_to_bb_id(const thread_data* thread, std::uint64_t address);
+
+// The fragment that a cache address belongs to; a continued block belongs to the one that it continues. -1: none.
+std::int32_t addr_to_fragment_id(const thread_data* thread, std::uint64_t address);
+
+// Notes that the branch at `from` goes to `to`, for whoever has to lead it elsewhere later.
+void record_cc_link(thread_data* thread, std::uint64_t from, std::uint64_t to);
+
+// Ends the process with `status` after every other thread has left the code cache or is parked in a system call.
+[[noreturn]] void mora_terminate(thread_data* thread, std::int32_t status);
+
+// Ends the calling thread for good while the process ends.
+[[noreturn]] void abandon_thread(thread_data* thread);
+
+// Unmaps a record with its code cache and link pool.
+void free_thread_data(thread_data* thread);
+
+// The page size, asked of the kernel once.
+std::uint64_t page_size();
+
+// The number of blocks at the start of a code cache that the copy of the stub text takes.
+std::int32_t stub_block_count();
+
+}  // namespace ceilmeter

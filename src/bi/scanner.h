@@ -1,0 +1,38 @@
+// The scanner turns a stretch of application code into rewritten code in the cache: copies what does not depend on where
+// it runs, rewrites what does, and ends a fragment at the first instruction that transfers control. It knows nothing of
+// linking and only leaves the words reserved that the dispatcher turns into links.
+//
+// Runs on the application's thread, on its stack, without locks, and writes only to the thread's own cache. Who calls it
+// clears the instruction cache over what it wrote.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/mora.h"
+
+namespace ceilmeter {
+
+enum fragment_type : std::uint32_t {
+  FRAGMENT_BLOCK = 0,       // A basic block.
+  FRAGMENT_TRACE = 1,       // A fragment of a trace after the first: reached by falling through, it has no entry word.
+  FRAGMENT_TRACE_HEAD = 2,  // The first fragment of a trace.
+};
+
+// Bytes that are kept free after every instruction for the largest exit, and before a register branch for its lookup.
+inline constexpr std::uint32_t EXIT_SPACE = 60;
+inline constexpr std::uint32_t REGISTER_BRANCH_SPACE = 88;
+
+// Fills the fragment `bb_id` with the rewritten code from `read_address` on, at `write`, or at the block's own place if
+// that is null. Returns the code's length in bytes plus 4.
+std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, std::int32_t bb_id, fragment_type type,
+                       std::uint32_t* write);
+
+// Makes sure that more than `size` bytes are free between *write and *limit, by continuing the block that ends at
+// *limit in further blocks: in the adjacent one by just going on, in another one by a branch to it.
+void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size);
+
+// The last part of an exit: x0 gets the target, x1 the index of the block, then the dispatcher. The application's x0 and
+// x1 have been pushed.
+void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t target, std::int32_t bb_id);
+
+}  // namespace ceilmeter

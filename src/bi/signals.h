@@ -1,0 +1,25 @@
+// Signals of the application under the engine. One that arrives in rewritten code is only counted; the thread is led to
+// cache_reentry_stub, where it is raised again at a point with a known state. A synchronous one runs its handler at once.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+
+#include "bi/mora.h"
+
+namespace ceilmeter {
+
+// What the kernel's sigset_t is: a C library's is larger.
+inline constexpr std::uint64_t KERNEL_SIGSET_SIZE = 8;
+
+// Installs signal_entry_stub for SIGILL, the one signal that the engine catches from the start: mora_terminate stops
+// threads by it, and the traps that it plants raise it.
+void install_sigill_handler();
+
+// Makes a context look like an exit that is about to enter the dispatcher with `target`.
+void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target);
+
+// Makes sure that the fragment's next pass through its exit comes to the engine. `pc` is where the thread stands.
+void trap_fragment_exit(thread_data* thread, std::int32_t fragment_id, std::uint64_t pc);
+
+}  // namespace ceilmeter

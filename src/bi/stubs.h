@@ -1,0 +1,48 @@
+// The names in the stub text and the other hand-written routines; stubs.S tells what each assumes and keeps. An address in
+// a thread's copy is the copy's base plus the distance from stub_text.
+#pragma once
+
+#include <cstdint>
+
+namespace ceilmeter {
+
+struct thread_data;
+
+extern "C" {
+
+extern const std::uint8_t stub_text[];
+extern const std::uint8_t stub_text_end[];
+extern const std::uint8_t dispatcher_entry_stub[];
+extern const std::uint8_t hot_counter_stub[];
+extern const std::uint8_t hot_counter_slots[];
+extern const std::uint8_t syscall_wrapper[];
+extern const std::uint8_t syscall_return_point[];
+extern const std::uint8_t cache_reentry_stub[];
+extern const std::uint8_t reentry_signal_point[];
+extern const std::uint8_t word_thread_data[];
+extern const std::uint8_t word_pending_signal_count[];
+
+void signal_entry_stub();
+void* thread_start_stub(void* thread);
+[[noreturn]] void leave_thread(std::uint64_t engine_sp);
+[[noreturn]] void start_on_stack(std::uint64_t save_area, std::uint64_t block);
+[[noreturn]] void enter_application(std::uint64_t block, std::uint64_t sp);
+std::int64_t raw_syscall(std::uint64_t number, std::uint64_t a0 = 0, std::uint64_t a1 = 0, std::uint64_t a2 = 0,
+                         std::uint64_t a3 = 0, std::uint64_t a4 = 0, std::uint64_t a5 = 0, std::uint64_t a6 = 0);
+
+// What the stub text calls, through its data words.
+void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr, thread_data* thread);
+std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
+                                  thread_data* thread);
+void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread);
+void create_trace(thread_data* thread, std::int32_t source_index, std::uint64_t* ret);
+std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info);
+std::uint64_t signal_dispatcher(int signum, void* siginfo, void* ucontext);
+[[noreturn]] void thread_start(thread_data* thread, std::uint64_t engine_sp);
+
+}  // extern "C"
+
+// The distance of a place from the start of the stub text.
+inline std::uint64_t stub_offset(const std::uint8_t* place) { return static_cast<std::uint64_t>(place - stub_text); }
+
+}  // namespace ceilmeter

@@ -1,0 +1,24 @@
+// The functions of the A64 family behind one signature each, indexed by the class's value; fields stand in an array in
+// the order of the function's parameters.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/a64/instructions.h"
+
+namespace ceilmeter {
+
+// The least that emit_X needs.
+struct code_context {
+  std::uint32_t* write_p;
+};
+
+struct family_call {
+  void (*encode)(std::uint32_t* write, const std::uint32_t* fields);
+  void (*decode)(const std::uint32_t* word_address, std::uint32_t* fields);
+  void (*emit)(code_context* context, const std::uint32_t* fields);
+};
+
+extern const family_call family_calls[A64_NOT_RECOGNISED];
+
+}  // namespace ceilmeter

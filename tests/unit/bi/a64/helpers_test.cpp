@@ -1,0 +1,172 @@
+// The constant loader and the branch helpers, word by word. Words to compare with are an assembler's.
+#include "bi/a64/helpers.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "bi/a64/a64.h"
+#include "support.h"
+
+namespace ceilmeter {
+namespace {
+
+using test::hex;
+
+std::uint64_t address_of(const std::uint32_t* word) { return reinterpret_cast<std::uintptr_t>(word); }
+
+std::vector<std::uint32_t> loaded(std::uint32_t reg, std::uint64_t value) {
+  std::uint32_t code[5] = {};
+  std::uint32_t* write = code;
+  a64_load_const(&write, reg, value);
+  EXPECT_EQ(code[4], 0u) << "a fifth word";
+  return {code, write};
+}
+
+// What a MOVZ and the MOVKs behind it leave in the register, by the architecture's description.
+std::uint64_t run_moves(const std::vector<std::uint32_t>& code, std::uint32_t reg) {
+  std::uint64_t value = 0xeeeeeeeeeeeeeeee;
+  for (std::size_t index = 0; index < code.size(); ++index) {
+    std::uint32_t sf, opc, hw, imm16, rd;
+    a64_mov_wide_decode(&code[index], &sf, &opc, &hw, &imm16, &rd);
+    EXPECT_EQ(a64_decode(&code[index]), A64_MOV_WIDE) << hex(code[index]);
+    EXPECT_EQ(sf, 1u);
+    EXPECT_EQ(rd, reg);
+    EXPECT_EQ(opc, index == 0 ? 2u : 3u) << "MOVZ first, MOVK after it";
+    const std::uint64_t kept = opc == 2 ? 0 : value & ~(std::uint64_t{0xffff} << (16 * hw));
+    value = kept | std::uint64_t{imm16} << (16 * hw);
+  }
+  return value;
+}
+
+TEST(a64_load_const, loads_each_of_the_16_patterns_of_zero_parts_in_as_few_words_as_it_has_parts) {
+  for (unsigned pattern = 0; pattern < 16; ++pattern) {
+    std::uint64_t value = 0;
+    std::size_t words = 1;
+    for (unsigned part = 0; part < 4; ++part) {
+      if ((pattern >> part & 1) != 0) {
+        value |= (std::uint64_t{0x1111} * (part + 1)) << (16 * part);
+        words += part == 0 ? 0 : 1;
+      }
+    }
+    const std::vector<std::uint32_t> code = loaded(7, value);
+    EXPECT_EQ(code.size(), words) << "pattern " << pattern;
+    EXPECT_EQ(run_moves(code, 7), value) << "pattern " << pattern;
+  }
+}
+
+TEST(a64_load_const, loads_all_ones_in_four_words) {
+  EXPECT_EQ(loaded(30, 0xffffffffffffffff).size(), 4u);
+  EXPECT_EQ(run_moves(loaded(30, 0xffffffffffffffff), 30), 0xffffffffffffffffu);
+}
+
+TEST(a64_load_const, of_a_constant_with_a_zero_middle_part_is_movz_and_one_movk_for_each_other_part) {
+  // MOVZ x1, #0x5678; MOVK x1, #0x1234, LSL #32
+  EXPECT_EQ(loaded(1, 0x0000123400005678), (std::vector<std::uint32_t>{0xd28acf01, 0xf2c24681}));
+}
+
+TEST(a64_load_const, of_0_is_one_word) { EXPECT_EQ(loaded(0, 0), (std::vector<std::uint32_t>{0xd2800000})); }
+
+TEST(a64_load_const, of_a_block_address_is_three_words) { EXPECT_EQ(loaded(0, 0x7f8812345678).size(), 3u); }
+
+TEST(a64_push_x0_x1, writes_one_stp_and_moves_on) {
+  std::uint32_t code[2] = {};
+  std::uint32_t* write = code;
+  a64_push_x0_x1(&write);
+  EXPECT_EQ(write, code + 1);
+  EXPECT_EQ(hex(code[0]), "0xa9bf07e0");  // STP x0, x1, [sp, #-16]!
+  EXPECT_EQ(code[1], 0u);
+}
+
+class a64_branches : public ::testing::Test {
+ protected:
+  std::uint64_t here(std::int64_t offset) const { return address_of(code + 1) + static_cast<std::uint64_t>(offset); }
+  // The word between two that nobody may touch.
+  std::string word() const {
+    EXPECT_EQ(code[0], 0x11111111u);
+    EXPECT_EQ(code[2], 0x33333333u);
+    return hex(code[1]);
+  }
+  std::uint32_t code[3] = {0x11111111, 0x22222222, 0x33333333};
+};
+
+TEST_F(a64_branches, b_forwards) {
+  a64_branch(code + 1, here(16));
+  EXPECT_EQ(word(), "0x14000004");
+}
+
+TEST_F(a64_branches, b_backwards) {
+  a64_branch(code + 1, here(-4));
+  EXPECT_EQ(word(), "0x17ffffff");
+}
+
+TEST_F(a64_branches, b_to_itself) {
+  a64_branch(code + 1, here(0));
+  EXPECT_EQ(word(), "0x14000000");
+}
+
+TEST_F(a64_branches, b_at_both_limits) {
+  a64_b_to(code + 1, here(0x7fffffc), 0);
+  EXPECT_EQ(word(), "0x15ffffff");
+  a64_b_to(code + 1, here(-0x8000000), 0);
+  EXPECT_EQ(word(), "0x16000000");
+}
+
+TEST_F(a64_branches, b_out_of_reach_is_cut_and_not_refused) {
+  a64_b_to(code + 1, here(0x8000000), 0);
+  EXPECT_EQ(word(), "0x16000000");
+}
+
+TEST_F(a64_branches, bl_sets_the_link_bit) {
+  a64_bl(code + 1, here(8));
+  EXPECT_EQ(word(), "0x94000002");
+  a64_b_to(code + 1, here(-8), 1);
+  EXPECT_EQ(word(), "0x97fffffe");
+}
+
+TEST_F(a64_branches, b_cond_forwards_and_backwards) {
+  a64_b_cond_to(code + 1, here(8), 0);
+  EXPECT_EQ(word(), "0x54000040");  // B.EQ .+8
+  a64_b_cond_to(code + 1, here(-0x100000), 11);
+  EXPECT_EQ(word(), "0x5480000b");  // B.LT .-0x100000
+}
+
+TEST_F(a64_branches, cbz_and_cbnz_of_either_width) {
+  EXPECT_EQ(a64_cbz_to(code + 1, 0, here(64), 0, 3), 0);
+  EXPECT_EQ(word(), "0x34000203");  // CBZ w3, .+64
+  EXPECT_EQ(a64_cbz_helper(code + 1, here(-4), 1, 31), 0);
+  EXPECT_EQ(word(), "0xb4ffffff");  // CBZ xzr, .-4
+  EXPECT_EQ(a64_cbnz_helper(code + 1, here(-0x100000), 1, 0), 0);
+  EXPECT_EQ(word(), "0xb5800000");  // CBNZ x0, .-0x100000
+  EXPECT_EQ(a64_cbz_to(code + 1, 1, here(0xffffc), 0, 30), 0);
+  EXPECT_EQ(word(), "0x357ffffe");  // CBNZ w30, .+0xffffc
+}
+
+TEST_F(a64_branches, cbz_to_an_unaligned_target_writes_nothing_and_returns_minus_1) {
+  for (const int offset : {1, 2, 3, -1, -2, -3}) {
+    EXPECT_EQ(a64_cbz_to(code + 1, 0, here(offset), 1, 0), -1) << offset;
+    EXPECT_EQ(a64_cbz_helper(code + 1, here(offset), 1, 0), -1) << offset;
+    EXPECT_EQ(a64_cbnz_helper(code + 1, here(offset), 1, 0), -1) << offset;
+    EXPECT_EQ(word(), "0x22222222") << offset;
+  }
+}
+
+TEST_F(a64_branches, tbz_splits_each_bit_number) {
+  for (std::uint32_t bit = 0; bit < 64; ++bit) {
+    for (std::uint32_t op = 0; op < 2; ++op) {
+      a64_tbz_to(code + 1, op, here(8), 17, bit);
+      // TBZ x17, #bit, .+8
+      EXPECT_EQ(word(), hex(0x36000051 | op << 24 | (bit & 0x1f) << 19 | (bit >> 5) << 31)) << "bit " << bit;
+    }
+  }
+}
+
+TEST_F(a64_branches, tbz_at_both_limits) {
+  a64_tbz_to(code + 1, 0, here(-0x8000), 0, 63);
+  EXPECT_EQ(word(), "0xb6fc0000");  // TBZ x0, #63, .-0x8000
+  a64_tbz_to(code + 1, 1, here(0x7ffc), 17, 32);
+  EXPECT_EQ(word(), "0xb703fff1");  // TBNZ x17, #32, .+0x7ffc
+}
+
+}  // namespace
+}  // namespace ceilmeter
