@@ -2,6 +2,7 @@
 ceilmeter_library(ceilmeter_driver SOURCES option_parser.cpp run_application.cpp LIBRARIES ceilmeter_common)
 
 if(NOT CEILMETER_HOST)
+  add_subdirectory(elf)
   add_subdirectory(bintracer)
   configure_file(build_configuration.h.in "${PROJECT_BINARY_DIR}/generated/build_configuration.h" @ONLY)
 

@@ -2,11 +2,13 @@
 // matter, how control gets from one to the next the dispatcher's.
 #include "bi/mora.h"
 
+#include <asm/hwcap.h>
 #include <sys/auxv.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -48,6 +50,10 @@ void set_stub_word(thread_data* thread, const std::uint8_t* place, const void* v
   std::memcpy(thread->code_cache + stub_offset(place), &word, sizeof word);
 }
 
+void set_stub_instruction(thread_data* thread, const std::uint8_t* place, std::uint32_t word) {
+  std::memcpy(thread->code_cache + stub_offset(place), &word, sizeof word);
+}
+
 std::uint64_t stub_copy(const thread_data* thread, const std::uint8_t* place) {
   return reinterpret_cast<std::uint64_t>(thread->code_cache) + stub_offset(place);
 }
@@ -65,7 +71,8 @@ template <typename visitor>
 bool any_other_running(const thread_data* self, const visitor& visit) {
   bool found = false;
   for (thread_data* thread = engine.thread_list; thread != nullptr; thread = thread->next) {
-    if (thread == self || std::atomic_ref(thread->status).load(std::memory_order_relaxed) != THREAD_RUNNING) continue;
+    // Acquire: pairs with the release with which the thread has left its running state. What it counted is read next.
+    if (thread == self || std::atomic_ref(thread->status).load(std::memory_order_acquire) != THREAD_RUNNING) continue;
     found = true;
     visit(thread);
   }
@@ -155,6 +162,13 @@ void init_thread(thread_data* thread) {
   set_stub_word(thread, word_pending_signal_count, &thread->pending_signal_count);
   set_stub_word(thread, word_thread_data, thread);
   log(LEVEL_TRACE, "*thread_data in dispatcher at: %p", static_cast<void*>(thread->code_cache + stub_offset(word_thread_data)));
+
+  if ((getauxval(AT_HWCAP) & HWCAP_SVE) != 0) {
+    // The vector state is more than q0 to q31 here: the branches to the shorter routines go.
+    constexpr std::uint32_t nop = 0xd503201f;
+    set_stub_instruction(thread, save_vector_state, nop);
+    set_stub_instruction(thread, restore_vector_state, nop);
+  }
 
   thread->hot_counter_stub_addr = stub_copy(thread, hot_counter_stub);
   auto* slots = reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(hot_counter_slots));
@@ -347,7 +361,14 @@ void mora_terminate(thread_data* thread, std::int32_t status) {
   const pid_t process = getpid();
   // Pairs with the loads in signal_dispatcher, deliver_pending_signal and syscall_handler_post: a thread that the signal
   // below reaches must find the flag set.
-  std::atomic_ref(engine.exit_flag).store(1, std::memory_order_seq_cst);
+  if (std::atomic_ref(engine.exit_flag).exchange(1, std::memory_order_seq_cst) != 0) {
+    // Another thread ends the process already and waits for this one: each would wait for the other.
+    pthread_mutex_unlock(&engine.thread_list_lock);
+    abandon_thread(thread);
+  }
+  // Pairs with the fence in syscall_handler_post, between its store of the status and its load of the flag: a thread that
+  // does not find the flag there is found running here.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
   do {
     any_other_running(thread, [process](const thread_data* other) {
       raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(process), static_cast<std::uint64_t>(other->tid), SIGILL);
@@ -365,7 +386,8 @@ void mora_terminate(thread_data* thread, std::int32_t status) {
 }
 
 void abandon_thread(thread_data* thread) {
-  std::atomic_ref(thread->status).store(THREAD_ABANDONED, std::memory_order_relaxed);
+  // Release: pairs with the acquire in mora_terminate, which delivers this thread's thread_exit from another one.
+  std::atomic_ref(thread->status).store(THREAD_ABANDONED, std::memory_order_release);
   pthread_exit(nullptr);
 }
 

@@ -139,6 +139,8 @@ struct thread_data {
   // Beyond the application's own state: how the thread's end reaches those who wait for it, see syscalls.cpp.
   std::int32_t* library_tid_word;     // What the C library wants cleared when this thread ends; null: not known.
   std::int32_t* application_tid_word; // What the application wants cleared and woken.
+  std::uint64_t saved_signal_mask;    // Around a clone, which runs with every signal blocked; of a new thread: its first.
+  std::uint8_t clone_holds_locks;     // The engine's locks are held over the fork-like clone that is being made.
 };
 
 // Process-wide state, each part under the lock that is named with it.

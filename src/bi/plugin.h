@@ -31,6 +31,9 @@ inline void deliver_vm_op(vm_op, std::uint64_t /*addr*/, std::uint64_t /*size*/,
                           std::uint32_t /*flags*/, std::int32_t /*fd*/, std::uint64_t /*offset*/,
                           std::uint64_t /*old_addr*/, std::uint64_t /*old_size*/) {}
 
+// An executable mapping of the file `fd` begins at `addr`: where the file's function symbols will be read.
+inline void deliver_mapped_file(std::int32_t /*fd*/, std::uint64_t /*addr*/) {}
+
 // True if a plug-in has taken the call over; `*result` is its result then.
 inline bool deliver_pre_syscall(thread_data*, std::uint64_t /*number*/, std::uint64_t* /*args*/,
                                 std::uint64_t /*next_inst*/, std::uint64_t* /*result*/) {

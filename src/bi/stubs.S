@@ -7,8 +7,8 @@
 // is needed for that. Data words are reached by literal loads; everything in the text must stay in range of itself, and
 // nothing in it may refer to its own address in the executable.
 //
-// Preserved for the application around every call into the engine: x0 to x21, x29, x30, q0 to q31 and, in x19 once x19
-// is saved, the condition flags. x22 to x28 are preserved by the procedure-call standard of the engine's own code. FPCR
+// Preserved for the application around every call into the engine: x0 to x21, x29, x30, the vector registers and, in x19
+// once x19 is saved, the condition flags. x22 to x28 are preserved by the procedure-call standard of the engine's own code. FPCR
 // and FPSR stay as they are: the engine's code leaves the rounding mode alone and executes no floating-point arithmetic.
 #include "stub_layout.h"
 
@@ -90,12 +90,133 @@ restore_int_regs:
         ldp     x4, x5, [sp], #STUB_INT_REGS_SIZE
         ret
 
+// The whole vector state. In a copy on a machine without SVE the first word stays what it is and q0 to q31 are all there
+// is. With SVE it is a NOP (init_thread): a load of a q register clears the rest of its z register, and the C library's
+// own copying clobbers predicates, either of which an application between two blocks still needs. Not around system
+// calls: their interface gives the rest of the state up.
+//
+//   SVE, from sp up, VL being a vector's length and PL an eighth of it: p0 to p15 and FFR, 17 PL; up to 3 VL unused; z0 to
+//   z31. Both steps of sp are whole vectors, so that it stays aligned to 16.
+        .arch   armv8-a+sve
+global_label save_vector_state
+        b       save_simd_regs
+        addvl   sp, sp, #-32
+        addvl   sp, sp, #-3
+        str     p0, [sp, #0, mul vl]
+        str     p1, [sp, #1, mul vl]
+        str     p2, [sp, #2, mul vl]
+        str     p3, [sp, #3, mul vl]
+        str     p4, [sp, #4, mul vl]
+        str     p5, [sp, #5, mul vl]
+        str     p6, [sp, #6, mul vl]
+        str     p7, [sp, #7, mul vl]
+        str     p8, [sp, #8, mul vl]
+        str     p9, [sp, #9, mul vl]
+        str     p10, [sp, #10, mul vl]
+        str     p11, [sp, #11, mul vl]
+        str     p12, [sp, #12, mul vl]
+        str     p13, [sp, #13, mul vl]
+        str     p14, [sp, #14, mul vl]
+        str     p15, [sp, #15, mul vl]
+        rdffr   p0.b
+        str     p0, [sp, #16, mul vl]
+        str     z0, [sp, #3, mul vl]
+        str     z1, [sp, #4, mul vl]
+        str     z2, [sp, #5, mul vl]
+        str     z3, [sp, #6, mul vl]
+        str     z4, [sp, #7, mul vl]
+        str     z5, [sp, #8, mul vl]
+        str     z6, [sp, #9, mul vl]
+        str     z7, [sp, #10, mul vl]
+        str     z8, [sp, #11, mul vl]
+        str     z9, [sp, #12, mul vl]
+        str     z10, [sp, #13, mul vl]
+        str     z11, [sp, #14, mul vl]
+        str     z12, [sp, #15, mul vl]
+        str     z13, [sp, #16, mul vl]
+        str     z14, [sp, #17, mul vl]
+        str     z15, [sp, #18, mul vl]
+        str     z16, [sp, #19, mul vl]
+        str     z17, [sp, #20, mul vl]
+        str     z18, [sp, #21, mul vl]
+        str     z19, [sp, #22, mul vl]
+        str     z20, [sp, #23, mul vl]
+        str     z21, [sp, #24, mul vl]
+        str     z22, [sp, #25, mul vl]
+        str     z23, [sp, #26, mul vl]
+        str     z24, [sp, #27, mul vl]
+        str     z25, [sp, #28, mul vl]
+        str     z26, [sp, #29, mul vl]
+        str     z27, [sp, #30, mul vl]
+        str     z28, [sp, #31, mul vl]
+        str     z29, [sp, #32, mul vl]
+        str     z30, [sp, #33, mul vl]
+        str     z31, [sp, #34, mul vl]
+        ret
+
+global_label restore_vector_state
+        b       restore_simd_regs
+        ldr     p0, [sp, #16, mul vl]
+        wrffr   p0.b
+        ldr     p0, [sp, #0, mul vl]
+        ldr     p1, [sp, #1, mul vl]
+        ldr     p2, [sp, #2, mul vl]
+        ldr     p3, [sp, #3, mul vl]
+        ldr     p4, [sp, #4, mul vl]
+        ldr     p5, [sp, #5, mul vl]
+        ldr     p6, [sp, #6, mul vl]
+        ldr     p7, [sp, #7, mul vl]
+        ldr     p8, [sp, #8, mul vl]
+        ldr     p9, [sp, #9, mul vl]
+        ldr     p10, [sp, #10, mul vl]
+        ldr     p11, [sp, #11, mul vl]
+        ldr     p12, [sp, #12, mul vl]
+        ldr     p13, [sp, #13, mul vl]
+        ldr     p14, [sp, #14, mul vl]
+        ldr     p15, [sp, #15, mul vl]
+        ldr     z0, [sp, #3, mul vl]
+        ldr     z1, [sp, #4, mul vl]
+        ldr     z2, [sp, #5, mul vl]
+        ldr     z3, [sp, #6, mul vl]
+        ldr     z4, [sp, #7, mul vl]
+        ldr     z5, [sp, #8, mul vl]
+        ldr     z6, [sp, #9, mul vl]
+        ldr     z7, [sp, #10, mul vl]
+        ldr     z8, [sp, #11, mul vl]
+        ldr     z9, [sp, #12, mul vl]
+        ldr     z10, [sp, #13, mul vl]
+        ldr     z11, [sp, #14, mul vl]
+        ldr     z12, [sp, #15, mul vl]
+        ldr     z13, [sp, #16, mul vl]
+        ldr     z14, [sp, #17, mul vl]
+        ldr     z15, [sp, #18, mul vl]
+        ldr     z16, [sp, #19, mul vl]
+        ldr     z17, [sp, #20, mul vl]
+        ldr     z18, [sp, #21, mul vl]
+        ldr     z19, [sp, #22, mul vl]
+        ldr     z20, [sp, #23, mul vl]
+        ldr     z21, [sp, #24, mul vl]
+        ldr     z22, [sp, #25, mul vl]
+        ldr     z23, [sp, #26, mul vl]
+        ldr     z24, [sp, #27, mul vl]
+        ldr     z25, [sp, #28, mul vl]
+        ldr     z26, [sp, #29, mul vl]
+        ldr     z27, [sp, #30, mul vl]
+        ldr     z28, [sp, #31, mul vl]
+        ldr     z29, [sp, #32, mul vl]
+        ldr     z30, [sp, #33, mul vl]
+        ldr     z31, [sp, #34, mul vl]
+        addvl   sp, sp, #31
+        addvl   sp, sp, #4
+        ret
+        .arch   armv8-a
+
 // dispatcher_entry_stub: every exit that is not linked comes here by B, having pushed the application's x0 and x1.
 //   x0   source address to go to
 //   x1   bb_meta index of the fragment that left, 0 if none
 //
 //   Frame, from sp up, while dispatcher runs:
-//     q0 to q31                         STUB_SIMD_REGS_SIZE
+//     the vector state                  of save_vector_state
 //     x4 to x21                         STUB_INT_REGS_SIZE
 //     x2, x3                            0x00 of the frame
 //     x29, x30                          DISPATCH_X29
@@ -113,9 +234,9 @@ global_label dispatcher_entry_stub
         add     x2, sp, #(STUB_INT_REGS_SIZE + DISPATCH_NEXT)
         ldr     x3, word_thread_data
         ldr     x9, word_dispatcher
-        bl      save_simd_regs
+        bl      save_vector_state
         blr     x9
-        bl      restore_simd_regs
+        bl      restore_vector_state
         msr     nzcv, x19
         bl      restore_int_regs
         ldp     x29, x30, [sp, #DISPATCH_X29]
@@ -129,7 +250,7 @@ global_label dispatcher_entry_stub
 //   Counts the block's byte of exit_counters down and returns, unless it has reached 0: the block is hot then, and
 //   create_trace(thread_data, source_index, ret) tells where to go on in its place.
 //
-//   Frame while create_trace runs, from sp up: q0 to q31; x4 to x21; x29, x30; x2, x3 below the two words that
+//   Frame while create_trace runs, from sp up: the vector state; x4 to x21; x29, x30; x2, x3 below the two words that
 //   become the application's x0 and x1:
 //     x29, x30                      0x00
 //     ret: cache, source address    0x10
@@ -155,9 +276,9 @@ global_label hot_counter_slots
         add     x2, sp, #(STUB_INT_REGS_SIZE + 0x10)
         ldr     x0, word_thread_data
         ldr     x3, word_create_trace
-        bl      save_simd_regs
+        bl      save_vector_state
         blr     x3
-        bl      restore_simd_regs
+        bl      restore_vector_state
         msr     nzcv, x19
         bl      restore_int_regs
         ldp     x0, x1, [sp, #0x10]
@@ -228,7 +349,7 @@ global_label syscall_return_point
 //   The one point where a signal that was held back is raised: all of the application's state is in place here but
 //   x0, x1, x2 and x8, and those are at known places, see reentry_signal_point.
 //
-//   Frame while deliver_pending_signal runs, from sp up: q0 to q31; x4 to x21; then
+//   Frame while deliver_pending_signal runs, from sp up: the vector state; x4 to x21; then
 //     x3, -                 0x00
 //     x29, x30              0x10
 //     result area           0x20: process id, thread id, signal number
@@ -248,7 +369,7 @@ global_label cache_reentry_stub
         stp     x29, x30, [sp, #0x10]
         add     x1, sp, #0x20
         bl      save_int_regs
-        bl      save_simd_regs
+        bl      save_vector_state
         mrs     x19, nzcv
         // A target that no program has stops the thread here: a place to attach a debugger to.
 2:      mov     x2, #0xd6db
@@ -257,7 +378,7 @@ global_label cache_reentry_stub
         ldr     x3, word_deliver_pending_signal
         blr     x3
         msr     nzcv, x19
-        bl      restore_simd_regs
+        bl      restore_vector_state
         bl      restore_int_regs
         ldp     x29, x30, [sp, #0x10]
         ldr     x3, [sp], #0x20
@@ -353,10 +474,18 @@ global_label thread_start_stub
         mov     x1, sp
         b       thread_start
 
-// [[noreturn]] void leave_thread(std::uint64_t engine_sp): returns from thread_start_stub's caller's view, wherever the
-// thread stands now.
+// void leave_thread(std::uint64_t engine_sp, std::int32_t *library_tid_word, std::int32_t *application_tid_word): returns
+// to the C library from thread_start_stub's frame, wherever the thread stands now. Does not return to its caller.
+//   x0   the frame; x1, x2 handed on
+//
+//   Before it does, and as soon as sp has left the application's stack, calls settle_tid_words(library_tid_word,
+//   application_tid_word): from that call on the application may take its stack for another thread or unmap it.
+//   Nothing of the caller's is needed any more; the frame has all the registers that the C library is owed.
 global_label leave_thread
         mov     sp, x0
+        mov     x0, x1
+        mov     x1, x2
+        bl      settle_tid_words
         ldp     x21, x22, [sp, #0x10]
         ldp     x23, x24, [sp, #0x20]
         ldp     x25, x26, [sp, #0x30]
@@ -391,8 +520,8 @@ global_label start_on_stack
         ldp     x2, x3, [sp], #0xf0
         br      x0
 
-// [[noreturn]] void enter_application(std::uint64_t block, std::uint64_t sp): the first entry into the cache. The block
-// pops the two zeros, so that the application starts with x0 and x1 at 0 and sp at the value given.
+// void enter_application(std::uint64_t block, std::uint64_t sp): the first entry into the cache. The block
+// pops the two zeros, so that the application starts with x0 and x1 at 0 and sp at the value given. Does not return.
 global_label enter_application
         mov     sp, x1
         stp     xzr, xzr, [sp, #-16]!

@@ -12,6 +12,8 @@ extern "C" {
 
 extern const std::uint8_t stub_text[];
 extern const std::uint8_t stub_text_end[];
+extern const std::uint8_t save_vector_state[];
+extern const std::uint8_t restore_vector_state[];
 extern const std::uint8_t dispatcher_entry_stub[];
 extern const std::uint8_t hot_counter_stub[];
 extern const std::uint8_t hot_counter_slots[];
@@ -24,9 +26,9 @@ extern const std::uint8_t word_pending_signal_count[];
 
 void signal_entry_stub();
 void* thread_start_stub(void* thread);
-[[noreturn]] void leave_thread(std::uint64_t engine_sp);
+void leave_thread(std::uint64_t engine_sp, std::int32_t* library_tid_word, std::int32_t* application_tid_word);
 [[noreturn]] void start_on_stack(std::uint64_t save_area, std::uint64_t block);
-[[noreturn]] void enter_application(std::uint64_t block, std::uint64_t sp);
+void enter_application(std::uint64_t block, std::uint64_t sp);
 std::int64_t raw_syscall(std::uint64_t number, std::uint64_t a0 = 0, std::uint64_t a1 = 0, std::uint64_t a2 = 0,
                          std::uint64_t a3 = 0, std::uint64_t a4 = 0, std::uint64_t a5 = 0, std::uint64_t a6 = 0);
 
@@ -39,6 +41,9 @@ void create_trace(thread_data* thread, std::int32_t source_index, std::uint64_t*
 std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info);
 std::uint64_t signal_dispatcher(int signum, void* siginfo, void* ucontext);
 [[noreturn]] void thread_start(thread_data* thread, std::uint64_t engine_sp);
+
+// What leave_thread calls on the thread's own stack.
+void settle_tid_words(std::int32_t* library_tid_word, std::int32_t* application_tid_word);
 
 }  // extern "C"
 

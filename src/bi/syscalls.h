@@ -25,4 +25,11 @@ std::uint64_t brk_handler(std::uint64_t addr);
 // The application's path for a path that names the executable; the number of bytes copied, or -1 for any other path.
 std::int64_t readlink_handler(const char* path, char* buffer, std::uint64_t size);
 
+// Resolves the application's path, once, for readlink_handler: before the application can change its folder.
+void remember_application_path();
+
+// The application's handler for a signal that is about to run it. One that was installed for a single time (SA_RESETHAND)
+// is taken back with it. Only where application code was interrupted: takes signal_handlers_lock.
+std::uint64_t take_application_handler(int signum);
+
 }  // namespace ceilmeter

@@ -1,6 +1,6 @@
-// How the engine reads and writes A64 machine code: this header brings the decoder (a64_decode) and the generated family
-// of encoders and extractors; bi/a64/helpers.h has the constant loader and the branches, bi/a64/emit.h the wrappers for
-// plug-ins, bi/a64/class_table.h the same classes as data.
+// How the engine reads and writes A64 machine code: this header brings the decoder (a64_decode) and the generated
+// family of encoders and extractors; bi/a64/helpers.h has the constant loader and the branches, bi/a64/emit.h the
+// wrappers for plug-ins, bi/a64/class_table.h the same classes as data.
 //
 // Nothing here touches the instruction cache: who writes words that are to run clears the range afterwards. Nothing
 // allocates, locks or keeps state; everything may be called from any thread and from a signal handler.

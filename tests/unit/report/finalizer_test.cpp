@@ -289,7 +289,8 @@ TEST(finalize, takes_the_count_in_the_first_live_slot_as_threads) {
 TEST(finalize, keeps_the_threads_of_the_file_when_new_roofs_come) {
   phases run;
   run.report = {{old_region("total")}, {}, 4};
-  run.benchmarks = roofs_for({12, 4});
+  run.benchmarks = roofs_for({4, 2});
+  ASSERT_EQ(run.benchmarks.begin()->key, 2u);
   run.join();
   EXPECT_EQ(run.report.threads, 4u);
 }

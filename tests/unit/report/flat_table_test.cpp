@@ -454,6 +454,20 @@ TEST(flat_table, keeps_the_capacity_in_a_copy_of_a_cleared_table) {
   EXPECT_EQ(copy.capacity(), 256u);
 }
 
+TEST(flat_table, keeps_the_generation_and_leaves_stale_records_out_of_a_copy) {
+  flat_table<std::uint64_t, std::shared_ptr<int>> table;
+  const auto owned = std::make_shared<int>(1);
+  table.insert(1, owned);
+  table.clear();
+  table.insert(2, owned);
+  ASSERT_EQ(owned.use_count(), 3);
+  const auto copy = table;
+  EXPECT_EQ(owned.use_count(), 4);
+  EXPECT_EQ(inspect::generation(copy), 2);
+  EXPECT_TRUE(copy.contains(2));
+  EXPECT_FALSE(copy.contains(1));
+}
+
 TEST(flat_table, leaves_an_empty_usable_table_behind_a_move) {
   text_table table;
   table.insert("a", 1);

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <csignal>
 #include <stdexcept>
 
@@ -181,6 +183,17 @@ TEST(read, takes_a_file_larger_than_one_buffer) {
   const read_result result = read_text(text);
   EXPECT_EQ(result.report.threads, 9u);
   EXPECT_EQ(result.report.regions.at(0).bbs.size(), 20000u);
+}
+
+TEST(read, takes_a_file_whose_size_is_not_known_beforehand) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  // More than one buffer, less than a pipe holds.
+  const std::string text = std::string(20000, ' ') + "{\"threads\": 4}" + std::string(20000, ' ');
+  ASSERT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  close(ends[1]);
+  EXPECT_EQ(in_words(read("/proc/self/fd/" + std::to_string(ends[0]))), "threads 4\n");
+  close(ends[0]);
 }
 
 // ---- Regions ----

@@ -5,10 +5,10 @@
 #include <llvm-c/Disassembler.h>
 #include <llvm-c/Target.h>
 
-#include <cstdio>
 #include <iostream>
 #include <map>
 #include <random>
+#include <sstream>
 #include <string>
 
 #include "bi/a64/a64.h"
@@ -82,6 +82,10 @@ int class_of_text(const std::string& text) {
   if (mnemonic.rfind("b.", 0) == 0 || mnemonic.rfind("bc.", 0) == 0) {
     return A64_B_COND;
   }
+  if ((mnemonic == "msr" || mnemonic == "mrs") && operands.find_first_of("01", operands.find("S")) ==
+                                                       operands.find("S") + 1) {
+    return A64_NOT_RECOGNISED;  // System registers begin at S2; LLVM prints unallocated words as if they went on below.
+  }
   if (mnemonic == "msr") {
     return second[0] == '#' ? A64_MSR_IMM : A64_MRS_MSR;
   }
@@ -98,27 +102,23 @@ int class_of_text(const std::string& text) {
   return found == BY_MNEMONIC.end() ? static_cast<int>(A64_NOT_RECOGNISED) : found->second;
 }
 
-// Words of a class that LLVM calls none.
-bool is_known_hole(std::uint32_t word, int instruction) {
+// Words of a class that LLVM takes for none, or for a register that there is not.
+bool is_known_hole(std::uint32_t word, int instruction, const std::string& text) {
   if (instruction == A64_LDR_LITERAL) {
-    return (word & 0xff000000) == 0xdc000000;  // Unallocated, and the scanner's to name.
+    return (word & 0xff000000) == 0xdc000000 && text.empty();  // Unallocated, and the scanner's to name.
   }
-  // Fields of MSR immediate that name no part of the processor state which LLVM knows.
-  return instruction == A64_MSR_IMM;
+  // MSR immediate whose fields name no part of the processor state that LLVM knows.
+  return instruction == A64_MSR_IMM && (text.empty() || text.rfind("msr\tS0_", 0) == 0);
 }
 
-std::string format(const char* form, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* form, ...) {
-  char text[128];
-  va_list arguments;
-  va_start(arguments, form);
-  std::vsnprintf(text, sizeof text, form, arguments);
-  va_end(arguments);
-  return text;
+std::string immediate(std::uint32_t value) {
+  std::ostringstream text;
+  text << "#" << std::showbase << std::hex << value;
+  return text.str();
 }
 
 std::string general(std::uint32_t is_64, std::uint32_t number) {
-  return format("%c", is_64 != 0 ? 'x' : 'w') + (number == 31 ? "zr" : std::to_string(number));
+  return (is_64 != 0 ? "x" : "w") + (number == 31 ? "zr" : std::to_string(number));
 }
 
 std::string offset(std::uint32_t field, int width, int scale) {
@@ -166,13 +166,13 @@ std::string text_by_fields(std::uint32_t word, int instruction) {
       return a == 30 ? "ret" : "ret\t" + general(1, a);
     case A64_SVC:
       a64_svc_decode(&word, &a);
-      return format("svc\t#%#x", a);
+      return "svc\t" + immediate(a);
     case A64_HVC:
       a64_hvc_decode(&word, &a);
-      return format("hvc\t#%#x", a);
+      return "hvc\t" + immediate(a);
     case A64_BRK:
       a64_brk_decode(&word, &a);
-      return format("brk\t#%#x", a);
+      return "brk\t" + immediate(a);
     case A64_LDR_LITERAL:
       return literal_text(word);
     case A64_ADR:
@@ -203,7 +203,7 @@ void compare(const disassembler& llvm, std::uint32_t word, tally& counts) {
     return;
   }
   ++counts.in_scope;
-  if (text.empty() && is_known_hole(word, decoded)) {
+  if (is_known_hole(word, decoded, text)) {
     ++counts.holes;
     return;
   }

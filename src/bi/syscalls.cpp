@@ -1,0 +1,307 @@
+// What happens around a system call of the application's: syscall_handler_pre acts on those that the engine has to know
+// of, and lets all others through to the kernel with the application's registers; syscall_handler_post takes the thread
+// back. Everything here runs on the application's stack, above the frame of syscall_wrapper.
+//
+// A thread's status is 1 exactly while a call that was let through may be in the kernel. mora_terminate leaves such a
+// thread alone: it cannot reach rewritten code without passing syscall_handler_post, which finds the process ending.
+#include "bi/syscalls.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "bi/plugin.h"
+#include "bi/signals.h"
+#include "bi/stubs.h"
+#include "bi/threads.h"
+#include "bi/vm_ops.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/syscalls"};
+
+// What becomes of a call.
+enum class call_action {
+  HANDLED,     // The result is known; the kernel does not see the call any more.
+  MAKE,        // The stub is to make it.
+  MAKE_FINAL,  // The same, for the one call that does not come back.
+};
+
+// The kernel's struct sigaction.
+struct kernel_sigaction {
+  std::uint64_t handler;
+  std::uint64_t flags;
+  std::uint64_t restorer;
+  std::uint64_t mask;
+};
+static_assert(sizeof(kernel_sigaction) == 32);
+
+// In what a signal's action in the kernel differs from the one that the application has set, its handler aside.
+struct action_disguise {
+  bool adds_siginfo;     // SA_SIGINFO is the engine's.
+  bool once;             // SA_RESETHAND was the application's: see take_application_handler.
+  bool unmasks_sigill;   // SIGILL was in the application's mask.
+};
+
+// Under signal_handlers_lock. install_sigill_handler has set the action that the first entry tells of.
+action_disguise action_disguises[SIGNAL_COUNT] = {{}, {}, {}, {}, {true, false, false}};
+static_assert(SIGILL == 4);
+
+constexpr std::uint64_t SIGILL_BIT = std::uint64_t{1} << (SIGILL - 1);
+
+// Of the signal frame that an rt_sigreturn finds at the application's stack pointer, from the save area's word 0.
+constexpr std::uint64_t SIGNAL_FRAME_CONTEXT = 0x150;
+static_assert(SIGNAL_FRAME_CONTEXT == SYSCALL_APP_SP + sizeof(siginfo_t), "the kernel's frame begins with a siginfo");
+
+char application_path[PATH_MAX];
+
+std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
+
+// Whether the kernel can read, or write, the eight bytes at an address of the application's. An address that it cannot use
+// is the application's mistake and has to stay one that it is told of. No signal mask changes: the first call has no
+// valid way to, the second asks for the mask, which it writes to the place. To both of them 0 means that there is none.
+bool is_readable(std::uint64_t address) {
+  constexpr std::uint64_t no_operation = ~std::uint64_t{0};
+  return address != 0 && raw_syscall(SYS_rt_sigprocmask, no_operation, address, 0, KERNEL_SIGSET_SIZE) != -EFAULT;
+}
+
+bool is_writable(std::uint64_t address) {
+  return address != 0 && raw_syscall(SYS_rt_sigprocmask, SIG_BLOCK, 0, address, KERNEL_SIGSET_SIZE) != -EFAULT;
+}
+
+constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std::uint64_t);
+
+// The action that the kernel gets for one of the application's. It is a copy: the application's own record may lie in
+// memory that cannot be written, and may be used for another signal afterwards.
+kernel_sigaction disguised_action(int signum, const kernel_sigaction& wanted, action_disguise* disguise) {
+  *disguise = {};
+  // SIGILL is never given up, not even to its default action: traps and the end of the process depend on it.
+  if (signum != SIGILL && wanted.handler <= 1) return wanted;
+  kernel_sigaction action = wanted;
+  action.handler = address_of(reinterpret_cast<const void*>(signal_entry_stub));
+  disguise->adds_siginfo = (wanted.flags & SA_SIGINFO) == 0;
+  action.flags |= SA_SIGINFO;
+  // The kernel would take the handler back when the signal arrives, and nobody would be there when it is raised again.
+  disguise->once = (wanted.flags & SA_RESETHAND) != 0;
+  action.flags &= ~std::uint64_t{SA_RESETHAND};
+  // A trap that strikes while SIGILL is blocked ends the process.
+  disguise->unmasks_sigill = (wanted.mask & SIGILL_BIT) != 0;
+  action.mask &= ~SIGILL_BIT;
+  return action;
+}
+
+// The action as the application has set it. The caller holds signal_handlers_lock.
+kernel_sigaction undisguised_action(int signum, kernel_sigaction action) {
+  const action_disguise& disguise = action_disguises[signum];
+  if (action.handler > 1) action.handler = engine.signal_handlers[signum];
+  if (disguise.adds_siginfo) action.flags &= ~std::uint64_t{SA_SIGINFO};
+  if (disguise.once) action.flags |= SA_RESETHAND;
+  if (disguise.unmasks_sigill) action.mask |= SIGILL_BIT;
+  return action;
+}
+
+std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
+  const auto signum = static_cast<int>(args[0]);
+  const std::uint64_t act = args[1];
+  const std::uint64_t oldact = args[2];
+  kernel_sigaction wanted{};
+  kernel_sigaction action{};
+  kernel_sigaction old{};
+  action_disguise disguise{};
+  if (act != 0) {
+    if (!is_readable(act) || !is_readable(act + LAST_ACTION_WORD)) return -EFAULT;
+    std::memcpy(&wanted, reinterpret_cast<const void*>(act), sizeof wanted);
+    action = disguised_action(signum, wanted, &disguise);
+  }
+
+  // Over the call and the table together: what the table says is what the kernel has.
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  const std::int64_t result = raw_syscall(SYS_rt_sigaction, args[0], act != 0 ? address_of(&action) : 0,
+                                          oldact != 0 ? address_of(&old) : 0, args[3]);
+  if (result == 0) {
+    if (oldact != 0) old = undisguised_action(signum, old);
+    if (act != 0) {
+      // Atomic, because the signal dispatcher reads it without the lock; relaxed, because it is all that it reads.
+      std::atomic_ref(engine.signal_handlers[signum]).store(wanted.handler, std::memory_order_relaxed);
+      action_disguises[signum] = disguise;
+    }
+  }
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  if (result != 0 || oldact == 0) return result;
+  // As in the kernel, the new action is in force even if the old one cannot be told.
+  if (!is_writable(oldact) || !is_writable(oldact + LAST_ACTION_WORD)) return -EFAULT;
+  std::memcpy(reinterpret_cast<void*>(oldact), &old, sizeof old);
+  return result;
+}
+
+// A thread that blocks SIGILL could not be stopped any more, and a trap in its code would end the process: the bit is
+// taken out of what the kernel gets. Every other call goes to the kernel as it is.
+call_action handle_rt_sigprocmask(const std::uint64_t* args, std::int64_t* result) {
+  const std::uint64_t set = args[1];
+  if (args[0] == SIG_UNBLOCK || set == 0 || args[3] != KERNEL_SIGSET_SIZE || !is_readable(set)) return call_action::MAKE;
+  std::uint64_t mask = 0;
+  std::memcpy(&mask, reinterpret_cast<const void*>(set), sizeof mask);
+  if ((mask & SIGILL_BIT) == 0) return call_action::MAKE;
+  mask &= ~SIGILL_BIT;
+  *result = raw_syscall(SYS_rt_sigprocmask, args[0], address_of(&mask), args[2], args[3]);
+  return call_action::HANDLED;
+}
+
+// The context that the kernel will restore is rewritten so that the thread comes to the dispatcher with the source address
+// that the application returns to.
+void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
+  auto* context = reinterpret_cast<ucontext_t*>(reinterpret_cast<char*>(args) + SIGNAL_FRAME_CONTEXT);
+  context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
+}
+
+bool resolve_application_path(char* resolved) { return realpath(engine.argv[0], resolved) != nullptr; }
+
+std::int64_t copy_application_path(char* buffer, std::uint64_t size) {
+  char resolved[PATH_MAX];
+  const char* path = application_path;
+  if (path[0] == '\0') {
+    if (!resolve_application_path(resolved)) return -1;
+    path = resolved;
+  }
+  const std::uint64_t length = std::min<std::uint64_t>(std::strlen(path), size);
+  std::memcpy(buffer, path, length);  // No terminator, as from the kernel, and nothing behind the path.
+  return static_cast<std::int64_t>(length);
+}
+
+// In the order of the numbers.
+call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread,
+                           std::int64_t* result) {
+  switch (number) {
+    case SYS_close:
+      // The three standard descriptors are the tool's as well.
+      if (args[0] > 2) return call_action::MAKE;
+      *result = 0;
+      return call_action::HANDLED;
+    case SYS_readlinkat:
+      *result = readlink_handler(reinterpret_cast<const char*>(args[1]), reinterpret_cast<char*>(args[2]), args[3]);
+      return *result < 0 ? call_action::MAKE : call_action::HANDLED;
+    case SYS_exit: end_thread(thread, static_cast<std::int32_t>(args[0]));
+    case SYS_exit_group: mora_terminate(thread, static_cast<std::int32_t>(args[0]));
+    case SYS_set_tid_address:
+      if (set_application_tid_word(thread, reinterpret_cast<std::int32_t*>(args[0]))) return call_action::MAKE;
+      *result = thread->tid;
+      return call_action::HANDLED;
+    case SYS_rt_sigaction: *result = handle_rt_sigaction(args); return call_action::HANDLED;
+    case SYS_rt_sigprocmask: return handle_rt_sigprocmask(args, result);
+    case SYS_rt_sigreturn: redirect_signal_return(args, thread); return call_action::MAKE_FINAL;
+    case SYS_shmat: *result = handle_shmat(args); return call_action::HANDLED;
+    case SYS_shmdt: *result = handle_shmdt(args); return call_action::HANDLED;
+    case SYS_brk: *result = static_cast<std::int64_t>(brk_handler(args[0])); return call_action::HANDLED;
+    case SYS_munmap: *result = handle_munmap(args); return call_action::HANDLED;
+    case SYS_mremap: *result = handle_mremap(args); return call_action::HANDLED;
+    case SYS_clone:
+      if ((args[0] & CLONE_THREAD) == 0) {
+        prepare_fork(thread, args);
+        return call_action::MAKE;
+      }
+      *result = mora_create_thread(thread, args, next_inst);
+      return call_action::HANDLED;
+    case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
+    case SYS_mprotect: *result = handle_mprotect(args); return call_action::HANDLED;
+    case SYS_clone3:
+      // Made as it stands it would start a thread on a stack without the wrapper's frame. As on a kernel that does not
+      // have it, the C library falls back to clone.
+      *result = -ENOSYS;
+      return call_action::HANDLED;
+    default: return call_action::MAKE;
+  }
+}
+
+}  // namespace
+
+void remember_application_path() {
+  if (application_path[0] == '\0' && !resolve_application_path(application_path)) application_path[0] = '\0';
+}
+
+std::int64_t readlink_handler(const char* path, char* buffer, std::uint64_t size) {
+  // A size that the kernel refuses is left to it. So is a path that it cannot read the first eight bytes of: a match is
+  // longer than that.
+  if (static_cast<std::int32_t>(size) <= 0 || !is_readable(address_of(path))) return -1;
+  constexpr char prefix[] = "/proc/";
+  if (std::strncmp(path, prefix, sizeof prefix - 1) != 0) return -1;
+  char own[100];
+  std::snprintf(own, sizeof own, "/proc/%d/exe", getpid());
+  if (std::strcmp(path, own) != 0 && std::strcmp(path, "/proc/self/exe") != 0 &&
+      std::strcmp(path, "/proc/thread-self/exe") != 0) {
+    return -1;
+  }
+  return copy_application_path(buffer, size);
+}
+
+std::uint64_t take_application_handler(int signum) {
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  const std::uint64_t handler = engine.signal_handlers[signum];
+  action_disguise& disguise = action_disguises[signum];
+  if (disguise.once && handler > 1) {
+    disguise.once = false;
+    std::atomic_ref(engine.signal_handlers[signum]).store(0, std::memory_order_relaxed);
+    if (signum != SIGILL) {
+      const kernel_sigaction default_action{};
+      raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&default_action), 0,
+                  KERNEL_SIGSET_SIZE);
+      disguise = {};
+    }
+  }
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  return handler;
+}
+
+extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
+                                             thread_data* thread) {
+  log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
+  // The first argument is all that a post-syscall callback gets to see: the result takes its place.
+  if (engine.plugin_count != 0) thread->syscall_args = args[0];
+  std::uint64_t result = 0;
+  if (!deliver_pre_syscall(thread, number, args, next_inst, &result)) {
+    std::int64_t kernel_result = 0;
+    switch (act_on_syscall(number, args, next_inst, thread, &kernel_result)) {
+      case call_action::MAKE:
+        // Release: pairs with the acquire in mora_terminate, which may deliver this thread's thread_exit while the thread
+        // is in the kernel and then reads what the thread has counted.
+        std::atomic_ref(thread->status).store(THREAD_IN_SYSCALL, std::memory_order_release);
+        return 1;
+      case call_action::MAKE_FINAL: return 1;
+      case call_action::HANDLED: break;
+    }
+    result = static_cast<std::uint64_t>(kernel_result);
+  }
+  deliver_post_syscall(thread, number, next_inst, &result);
+  args[0] = result;
+  return 0;
+}
+
+extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
+                                     thread_data* thread) {
+  log(LEVEL_TRACE, "syscall post %ld", static_cast<long>(number));
+  if (number == SYS_clone) {
+    log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
+    finish_fork(thread, static_cast<std::int64_t>(args[0]));  // First: locks and signals are held back until then.
+  }
+  // This thread stores its status and then loads the flag; mora_terminate stores the flag and then loads the status. The
+  // fence here and the one there forbid that both loads see the old values, which would let this thread run on in the
+  // cache while the process is torn down: either it finds the flag, or mora_terminate finds it running and goes on
+  // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
+  std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) abandon_thread(thread);
+  std::uint64_t result = args[0];
+  deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
+}
+
+}  // namespace ceilmeter

@@ -1,0 +1,344 @@
+// The life of the application's threads and of its children.
+//
+// Every thread of the application's but the process's first is a pthread of the tool's, so that the tool's C library works
+// in it. It stands on the pthread's stack twice, before it enters the cache and after it has left it for good; in between
+// it is on the application's. A thread's id word is cleared by the kernel when the thread ends, and there can be only
+// one: the application's C library and the tool's both want theirs. See set_application_tid_word and settle_tid_words.
+#include "bi/threads.h"
+
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "bi/plugin.h"
+#include "bi/signals.h"
+#include "bi/stub_layout.h"
+#include "bi/stubs.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/syscalls"};
+
+constexpr std::size_t THREAD_STACK_SIZE = 0x21000;
+constexpr std::size_t THREAD_GUARD_SIZE = 0x1000;
+
+// What a new thread finds below its stack: a copy of the parent's save area, and above it the two words that its first
+// block pops. start_on_stack takes the copy from its word 2 on.
+constexpr std::uint64_t CHILD_AREA_SIZE = 256;
+constexpr std::uint64_t CHILD_AREA = 272;   // Below the stack's top.
+constexpr std::uint64_t CHILD_ENTRY = 256;  // Where start_on_stack begins.
+constexpr std::uint64_t CHILD_X0 = 16;
+constexpr std::uint64_t CHILD_X1 = 8;
+
+std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
+
+// Streams that wait in the parent for the next child: a child may find the heap locked for ever by a thread that it does
+// not have, and so cannot make its own. Written under spare_streams_lock; a child has them to itself.
+pthread_mutex_t spare_streams_lock = PTHREAD_MUTEX_INITIALIZER;
+std::FILE* spare_stdout = nullptr;
+std::FILE* spare_stderr = nullptr;
+
+void make_spare_streams() {
+  pthread_mutex_lock(&spare_streams_lock);
+  // For writing, not for appending: fdopen would set O_APPEND on the open file for an "a", which the parent and everyone
+  // else who has the file would find set.
+  if (spare_stdout == nullptr) spare_stdout = fdopen(STDOUT_FILENO, "w");
+  if (spare_stderr == nullptr) spare_stderr = fdopen(STDERR_FILENO, "w");
+  pthread_mutex_unlock(&spare_streams_lock);
+}
+
+// Leaves behind what the parent's streams hold unwritten and any lock that another thread had on them. A descriptor that
+// was closed gives no stream: the old one stays then.
+void take_spare_streams() {
+  if (spare_stdout != nullptr) stdout = spare_stdout;
+  if (spare_stderr != nullptr) stderr = spare_stderr;
+  spare_stdout = nullptr;
+  spare_stderr = nullptr;
+}
+
+// The engine's locks, in the order in which they are taken where more than one is held.
+void lock_all() {
+  pthread_mutex_lock(&engine.thread_list_lock);
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  pthread_mutex_lock(&engine.brk_lock);
+  pthread_mutex_lock(&engine.function_watch_lock);
+  pthread_mutex_lock(&engine.exec_ranges.lock);
+}
+
+void unlock_all() {
+  pthread_mutex_unlock(&engine.exec_ranges.lock);
+  pthread_mutex_unlock(&engine.function_watch_lock);
+  pthread_mutex_unlock(&engine.brk_lock);
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  pthread_mutex_unlock(&engine.thread_list_lock);
+}
+
+void init_all_locks() {
+  pthread_mutex_init(&engine.thread_list_lock, nullptr);
+  pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
+  pthread_mutex_init(&engine.brk_lock, nullptr);
+  pthread_mutex_init(&engine.function_watch_lock, nullptr);
+  pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
+  pthread_mutex_init(&spare_streams_lock, nullptr);
+}
+
+// Whether the process has begun to end. The caller holds thread_list_lock, under which mora_terminate sets the flag: the
+// lock orders the two, and the answer stays true of threads that enter the list later.
+bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0; }
+
+int start_pthread(thread_data* child) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setinheritsched(&attributes, PTHREAD_INHERIT_SCHED);
+  pthread_attr_setstacksize(&attributes, THREAD_STACK_SIZE);
+  pthread_attr_setguardsize(&attributes, THREAD_GUARD_SIZE);
+  pthread_t handle{};
+  const int error = pthread_create(&handle, &attributes, thread_start_stub, child);
+  pthread_attr_destroy(&attributes);
+  return error;
+}
+
+void store_tid(std::uint64_t address, std::int32_t tid) { *reinterpret_cast<std::int32_t*>(address) = tid; }
+
+// Below the application's stack of the new thread: its first registers, as the parent's call has them.
+void copy_parent_state(std::uint64_t child_stack, const std::uint64_t* args) {
+  std::memcpy(reinterpret_cast<void*>(child_stack - CHILD_AREA), args, CHILD_AREA_SIZE);
+  *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X0) = 0;  // clone returns 0 in the child.
+  *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X1) = args[1];
+}
+
+// Signals that were counted for this thread and not yet raised. Another thread gets them: with this one's end they would
+// be lost to the process. The caller has all signals blocked, so that they do not come back here.
+void hand_over_held_signals(const thread_data* thread) {
+  const auto process = static_cast<std::uint64_t>(getpid());
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    for (std::int32_t held = thread->pending_signals[signum]; held > 0; --held) {
+      raw_syscall(SYS_kill, process, static_cast<std::uint64_t>(signum));
+    }
+  }
+}
+
+// Frees what the other threads of the parent have left in the copy of its memory.
+void free_other_threads(const thread_data* survivor) {
+  for (thread_data* thread = engine.thread_list; thread != nullptr;) {
+    thread_data* next = thread->next;
+    if (thread != survivor) {
+      // Its buckets are on the heap, and the heap may be locked for ever: they are left where they are.
+      thread->return_watch.buckets = nullptr;
+      free_thread_data(thread);
+    }
+    thread = next;
+  }
+}
+
+}  // namespace
+
+std::uint64_t block_all_signals() {
+  const std::uint64_t all = ~std::uint64_t{0};
+  std::uint64_t mask = 0;
+  raw_syscall(SYS_rt_sigprocmask, SIG_SETMASK, address_of(&all), address_of(&mask), KERNEL_SIGSET_SIZE);
+  return mask;
+}
+
+void restore_signal_mask(std::uint64_t mask) {
+  raw_syscall(SYS_rt_sigprocmask, SIG_SETMASK, address_of(&mask), 0, KERNEL_SIGSET_SIZE);
+}
+
+std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
+  const std::uint64_t application_x3 = args[3];
+  if ((args[0] & CLONE_SETTLS) == 0) args[3] = thread->tls;
+  std::int32_t child_tid_word = 0;
+  thread->clone_shares_vm = 1;
+  thread_data* child = nullptr;
+  if (!allocate_thread_data(&child)) log(LEVEL_FATAL, "failed to allocate thread data");
+  init_thread(child);
+  child->clone_resume_addr = next_inst;
+  child->set_tid = &child_tid_word;
+  child->clone_args = args;
+  deliver_clone(thread, child);
+
+  // A pthread starts with the mask of its creator. A signal that reached it before it has a record would find none.
+  const std::uint64_t mask = block_all_signals();
+  child->saved_signal_mask = mask;
+  std::int64_t result = -start_pthread(child);
+  if (result == 0) {
+    // Acquire: pairs with the release in thread_start. The child has read all of `args` by then, and what it wrote for the
+    // application, its thread id above all, is there.
+    while ((result = std::atomic_ref(child_tid_word).load(std::memory_order_acquire)) == 0) sched_yield();
+  } else {
+    free_thread_data(child);  // The kernel's answer to too many threads reaches the application.
+  }
+  restore_signal_mask(mask);
+  args[3] = application_x3;
+  return result;
+}
+
+extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
+  const std::uint64_t* args = thread->clone_args;
+  current_thread = thread;
+  thread->child_stack = args[1];
+  thread->engine_sp = engine_sp;
+  thread->tid = gettid();
+  if ((args[0] & CLONE_PARENT_SETTID) != 0) store_tid(args[2], thread->tid);
+  if ((args[0] & CLONE_CHILD_SETTID) != 0) store_tid(args[4], thread->tid);
+  if ((args[0] & CLONE_CHILD_CLEARTID) != 0) {
+    auto* word = reinterpret_cast<std::int32_t*>(args[4]);
+    if (set_application_tid_word(thread, word)) raw_syscall(SYS_set_tid_address, args[4]);
+  }
+  thread->tls = args[3];
+  copy_parent_state(thread->child_stack, args);
+
+  // In the list before the parent goes on: a parent that ends at once would else take itself for the last thread and end
+  // the process. Not at all if the process is ending: mora_terminate may already have looked through the list.
+  pthread_mutex_lock(&engine.thread_list_lock);
+  const bool too_late = is_ending();
+  if (!too_late) register_thread(thread, true);
+  pthread_mutex_unlock(&engine.thread_list_lock);
+
+  // Release: pairs with the acquire in mora_create_thread. `args` and set_tid lie on the parent's stack and are gone with
+  // this store.
+  std::atomic_ref(*thread->set_tid).store(thread->tid, std::memory_order_release);
+  if (too_late) abandon_thread(thread);
+
+  restore_signal_mask(thread->saved_signal_mask);  // From here on a signal is counted, for the first way into the cache.
+  const std::uint64_t block = scan(thread, thread->clone_resume_addr, 0);
+  start_on_stack(thread->child_stack - CHILD_ENTRY, block);
+}
+
+void prepare_fork(thread_data* thread, std::uint64_t* args) {
+  thread->clone_shares_vm = 0;
+  std::uint64_t flags = args[0];
+  // The child gets a true copy. With shared memory it would run in the parent's engine state, with or without the parent
+  // waiting for it. CLONE_SIGHAND is refused by the kernel without shared memory.
+  if ((flags & CLONE_VM) != 0) flags &= ~std::uint64_t{CLONE_VM | CLONE_SIGHAND};
+  thread->child_tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
+  flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
+  args[0] = flags;
+
+  const std::uint64_t application_sp = address_of(args) + SYSCALL_APP_SP;
+  if (args[1] == application_sp) {
+    args[1] = 0;
+  } else if (args[1] != 0) {
+    // The child comes back into syscall_wrapper on a stack of its own and has to find the wrapper's frame there. The copy
+    // is made before the kernel copies the memory, by this same thread: no barrier is needed between.
+    args[1] -= SYSCALL_FRAME_SIZE;
+    std::memcpy(reinterpret_cast<void*>(args[1]), reinterpret_cast<const char*>(args) - STUB_SIMD_REGS_SIZE,
+                SYSCALL_FRAME_SIZE);
+  }
+
+  make_spare_streams();
+  // A signal that interrupted the call as it returns would go past syscall_handler_post and so past finish_fork.
+  thread->saved_signal_mask = block_all_signals();
+  // Nothing of the engine is half changed in the copy while its locks are held. Not for a vfork: the parent sleeps until
+  // the child has gone, and its other threads may have to go on for the child to go. Such a child runs a few system calls
+  // only before it becomes another program.
+  thread->clone_holds_locks = (flags & CLONE_VFORK) == 0 ? 1 : 0;
+  if (thread->clone_holds_locks == 0) return;
+  lock_all();
+  if (!is_ending()) return;
+  // Natively no child would come to be any more.
+  unlock_all();
+  restore_signal_mask(thread->saved_signal_mask);
+  abandon_thread(thread);
+}
+
+void finish_fork(thread_data* thread, std::int64_t result) {
+  if (result == 0) {
+    thread->tls = thread->child_tls;
+    reinit_after_fork(thread);
+  } else if (thread->clone_holds_locks != 0) {
+    unlock_all();
+  }
+  restore_signal_mask(thread->saved_signal_mask);
+}
+
+void reinit_after_fork(thread_data* thread) {
+  init_all_locks();
+  std::atomic_ref(engine.exit_flag).store(0, std::memory_order_relaxed);  // The parent's end is not the child's.
+  current_thread = thread;
+  thread->tid = gettid();
+  // The process's first thread, not a pthread of the C library's any more: it ends like the parent's first one, and the
+  // kernel has been told by the clone itself what word to clear then.
+  thread->engine_sp = 0;
+  thread->library_tid_word = nullptr;
+  thread->application_tid_word = nullptr;
+  // A child starts without pending signals: what was counted stays the parent's.
+  std::memset(thread->pending_signals, 0, sizeof thread->pending_signals);
+  thread->pending_signal_count = 0;
+  free_other_threads(thread);
+  engine.thread_list = thread;
+  thread->next = nullptr;
+  take_spare_streams();
+  deliver_thread_init(thread);
+}
+
+void end_thread(thread_data* thread, std::int32_t status) {
+  log(LEVEL_TRACE, "thread exit");
+  // The record goes away below: a signal must not find the thread without one.
+  const std::uint64_t mask = block_all_signals();
+  pthread_mutex_lock(&engine.thread_list_lock);
+  if (engine.thread_list == thread && thread->next == nullptr) {
+    // The last thread's end is the process's, and it ends as by exit_group: in the engine's way, with its events.
+    pthread_mutex_unlock(&engine.thread_list_lock);
+    restore_signal_mask(mask);
+    mora_terminate(thread, status);
+  }
+  unregister_thread(thread, true);
+  pthread_mutex_unlock(&engine.thread_list_lock);
+  hand_over_held_signals(thread);
+
+  const std::uint64_t engine_sp = thread->engine_sp;
+  std::int32_t* library_tid_word = thread->library_tid_word;
+  std::int32_t* application_tid_word = thread->application_tid_word;
+  current_thread = nullptr;
+  free_thread_data(thread);
+  // The process's first thread has no frame of the C library to return through: its function is the tool's main, which
+  // must not return while other threads run. The kernel clears the application's word, the only one that it knows of.
+  if (engine_sp == 0) raw_syscall(SYS_exit, static_cast<std::uint64_t>(status));
+  leave_thread(engine_sp, library_tid_word, application_tid_word);
+  log(LEVEL_FATAL, "unexpected return to completed thread");
+  __builtin_unreachable();
+}
+
+// The kernel can be told of one word only. Where it says which one it knows (PR_GET_TID_ADDRESS needs a kernel with
+// checkpoint support), that is the C library's: it is kept, and the kernel gets the application's. Where it does not, the
+// kernel keeps the C library's, and the application's is cleared by settle_tid_words alone, which does so in both cases.
+// The process's first thread has no word that the C library waits for: the kernel simply gets the application's.
+bool set_application_tid_word(thread_data* thread, std::int32_t* word) {
+  if (thread->engine_sp == 0) return true;
+  thread->application_tid_word = word;
+  if (thread->library_tid_word != nullptr) return true;
+  std::int32_t* known = nullptr;
+  if (raw_syscall(SYS_prctl, PR_GET_TID_ADDRESS, address_of(&known)) != 0) return false;
+  thread->library_tid_word = known;
+  return known != nullptr;
+}
+
+// On the thread's own stack, with no record any more. First the C library's word back to the kernel, which clears it when
+// the thread is truly gone: then only may the library use the stack again. Then the application's, which nobody else will
+// clear: whoever joins the thread goes on with this call and may give its stack and its word to a new thread.
+//
+// One futex operation does what the kernel does at a thread's end, store 0 and wake one waiter, and like the kernel it does
+// not mind if the memory is gone. Its comparison, of a thread id below 0, holds never: no second waiter is woken.
+extern "C" void settle_tid_words(std::int32_t* library_tid_word, std::int32_t* application_tid_word) {
+  if (library_tid_word != nullptr) raw_syscall(SYS_set_tid_address, address_of(library_tid_word));
+  if (application_tid_word == nullptr) return;
+  constexpr std::uint64_t one_waiter = 1;
+  constexpr std::uint64_t store_zero = FUTEX_OP(FUTEX_OP_SET, 0, FUTEX_OP_CMP_LT, 0);
+  const std::uint64_t word = address_of(application_tid_word);
+  raw_syscall(SYS_futex, word, FUTEX_WAKE_OP, one_waiter, 0, word, store_zero);
+}
+
+}  // namespace ceilmeter

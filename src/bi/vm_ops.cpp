@@ -1,0 +1,205 @@
+// The engine's view of the application's memory: the program break, which cannot be the kernel's because that one belongs
+// to the tool's image, and every call that maps, unmaps or changes memory.
+#include "bi/vm_ops.h"
+
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <sys/syscall.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "bi/plugin.h"
+#include "bi/stubs.h"
+#include "bi/syscalls.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/syscalls"};
+
+constexpr std::int32_t NO_FILE = -1;
+
+// What report_vm_op is told of the program break.
+constexpr std::uint32_t BREAK_FLAGS = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED;
+static_assert(BREAK_FLAGS == 50);
+
+bool is_error(std::int64_t result) { return result < 0 && result >= -4095; }
+
+struct page_range {
+  std::uint64_t start;
+  std::uint64_t size;
+};
+
+// The whole pages that [address, address + length) touches.
+page_range whole_page_range(std::uint64_t address, std::uint64_t length) {
+  const std::uint64_t page = page_size();
+  const std::uint64_t offset = address % page;
+  const std::uint64_t end = offset + length;
+  const std::uint64_t to_boundary = (page - end % page) % page;
+  return {address - offset, end + to_boundary};
+}
+
+// The protection that the kernel gets. The application's code only ever runs from the cache, so that the kernel need not
+// make it executable, but the scanner has to read it.
+std::uint64_t kernel_protection(std::uint64_t address, std::uint64_t prot) {
+  if ((prot & PROT_EXEC) == 0) return prot;
+  if ((prot & PROT_READ) == 0) log(LEVEL_TRACE, "mora: adding read permission to executable mapping at 0x%lx", address);
+  return (prot | PROT_READ) & ~std::uint64_t{PROT_EXEC};
+}
+
+void remove_function_watches(std::uint64_t start, std::uint64_t end) {
+  pthread_mutex_lock(&engine.function_watch_lock);
+  robin_map* watches = &engine.function_watches;
+  for (robin_bucket* bucket = robin_map_oldest(watches); bucket != nullptr;) {
+    if (bucket->key >= start && bucket->key < end) {
+      robin_map_remove(watches, bucket->key);
+      bucket = robin_map_oldest(watches);  // A removal moves buckets.
+    } else {
+      bucket = robin_map_newer(watches, bucket);
+    }
+  }
+  pthread_mutex_unlock(&engine.function_watch_lock);
+}
+
+// Takes the range out of the executable ones. If there was any code in it, this thread forgets all that it has rewritten;
+// other threads keep their copies until their own next flush.
+void forget_code(std::uint64_t start, std::uint64_t end) {
+  if (interval_map_delete(&engine.exec_ranges, start, end) >= 1) flush_code_cache(current_thread);
+}
+
+// The new mapping is not known here: the range stays where it was, under a descriptor of its own.
+void remap_range(std::uint64_t start, std::uint64_t end, std::uint64_t old_addr) {
+  interval_entry entry{};
+  if (interval_map_search(&engine.exec_ranges, old_addr, &entry) != 1) return;
+  // The entry's descriptor ends with the entry. Past the raw call so that no errno of the C library moves.
+  const auto duplicate = entry.fd < 0 ? std::int64_t{NO_FILE} : raw_syscall(SYS_dup, static_cast<std::uint64_t>(entry.fd));
+  forget_code(start, end);
+  interval_map_add(&engine.exec_ranges, start, end, static_cast<std::int32_t>(duplicate));
+  if (duplicate >= 0) raw_syscall(SYS_close, static_cast<std::uint64_t>(duplicate));  // The map has its own by now.
+}
+
+std::int64_t segment_size(int id, std::uint64_t* size) {
+  struct shmid_ds segment {};
+  if (shmctl(id, IPC_STAT, &segment) != 0) return -errno;
+  *size = segment.shm_segsz;
+  return 0;
+}
+
+}  // namespace
+
+void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
+                  std::int32_t fd, std::uint64_t offset, std::uint64_t old_addr, std::uint64_t old_size) {
+  deliver_vm_op(op, addr, size, prot, flags, fd, offset, old_addr, old_size);
+  const std::uint64_t end = addr + size;
+  const bool executable = (prot & PROT_EXEC) != 0;
+  switch (op) {
+    case VM_MAP:
+      if ((flags & VM_FLAG_APPLICATION) != 0) remember_application_path();
+      if (!executable) break;
+      interval_map_add(&engine.exec_ranges, addr, end, fd);
+      if (fd >= 0 && (flags & VM_FLAG_INTERPRETER) == 0) deliver_mapped_file(fd, addr);
+      break;
+    case VM_UNMAP:
+      remove_function_watches(addr, end);
+      forget_code(addr, end);
+      break;
+    case VM_REMAP: remap_range(addr, end, old_addr); break;
+    case VM_PROTECT:
+      if (executable) interval_map_add(&engine.exec_ranges, addr, end, fd);
+      break;
+  }
+}
+
+std::uint64_t brk_handler(std::uint64_t addr) {
+  std::atomic_ref brk(engine.brk);
+  // Relaxed: the break carries no other data with it. A thread that reads it while another one moves it gets the old or
+  // the new one, as from the kernel.
+  const std::uint64_t current = brk.load(std::memory_order_relaxed);
+  if (addr == 0 || addr == current) return current;
+
+  pthread_mutex_lock(&engine.brk_lock);
+  // The first page stays, whatever is asked for: there has to be something to grow from.
+  if (addr >= engine.initial_brk + page_size()) {
+    const std::uint64_t old_size = brk.load(std::memory_order_relaxed) - engine.initial_brk;
+    const std::uint64_t new_size = addr - engine.initial_brk;
+    const std::int64_t moved = raw_syscall(SYS_mremap, engine.initial_brk, old_size, new_size, 0);
+    if (moved == static_cast<std::int64_t>(engine.initial_brk)) {
+      report_vm_op(VM_MAP, engine.initial_brk, new_size, PROT_READ | PROT_WRITE, BREAK_FLAGS, NO_FILE, 0, 0, 0);
+      brk.store(addr, std::memory_order_relaxed);
+    }
+  }
+  const std::uint64_t result = brk.load(std::memory_order_relaxed);
+  pthread_mutex_unlock(&engine.brk_lock);
+  return result;
+}
+
+std::int64_t handle_mmap(const std::uint64_t* args) {
+  const std::uint64_t length = args[1];
+  const std::int64_t result =
+      raw_syscall(SYS_mmap, args[0], length, kernel_protection(args[0], args[2]), args[3], args[4], args[5]);
+  // Larger error numbers pass as addresses, and the application gets them all the same. Kept as it is known: the ranges
+  // that are reported for them lie at the very top, where there is nothing.
+  if (result < 0 && result > -34) return result;
+  const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
+  // Reported as the application asked for it, not as the kernel has it.
+  report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), static_cast<std::uint32_t>(args[3]),
+               static_cast<std::int32_t>(args[4]), args[5], 0, 0);
+  return result;
+}
+
+std::int64_t handle_mprotect(const std::uint64_t* args) {
+  const std::uint64_t prot = kernel_protection(args[0], args[2]);
+  const std::int64_t result = raw_syscall(SYS_mprotect, args[0], args[1], prot);
+  if (result != 0) return result;
+  const page_range range = whole_page_range(args[0], args[1]);
+  // Reported as the kernel has it, not executable: a change of protection does not widen the executable ranges. Code that
+  // is made executable this way is scanned when it is reached, like any other.
+  report_vm_op(VM_PROTECT, range.start, range.size, static_cast<std::uint32_t>(prot), 0, NO_FILE, 0, 0, 0);
+  return result;
+}
+
+std::int64_t handle_munmap(const std::uint64_t* args) {
+  const std::int64_t result = raw_syscall(SYS_munmap, args[0], args[1]);
+  if (result != 0) return result;
+  const page_range range = whole_page_range(args[0], args[1]);
+  report_vm_op(VM_UNMAP, range.start, range.size, 0, 0, NO_FILE, 0, 0, 0);
+  return result;
+}
+
+std::int64_t handle_mremap(const std::uint64_t* args) {
+  const std::int64_t result = raw_syscall(SYS_mremap, args[0], args[1], args[2], args[3], args[4]);
+  if (is_error(result)) return result;
+  // The engine's view follows the old address; the new one is not reported.
+  const page_range range = whole_page_range(args[0], args[1]);
+  report_vm_op(VM_REMAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), 0, NO_FILE, 0, args[0], args[1]);
+  return result;
+}
+
+std::int64_t handle_shmat(const std::uint64_t* args) {
+  const std::int64_t result = raw_syscall(SYS_shmat, args[0], args[1], args[2]);
+  std::uint64_t size = 0;
+  // A segment whose size cannot be had, such as one that may not be read, is not reported: there is no range to tell.
+  if (is_error(result) || segment_size(static_cast<int>(args[0]), &size) != 0) return result;
+  std::uint32_t prot = PROT_READ;
+  if ((args[2] & SHM_RDONLY) == 0) prot |= PROT_WRITE;
+  if ((args[2] & SHM_EXEC) != 0) prot |= PROT_EXEC;
+  report_vm_op(VM_MAP, static_cast<std::uint64_t>(result), size, prot, 0, NO_FILE, 0, 0, 0);
+  return result;
+}
+
+std::int64_t handle_shmdt(const std::uint64_t* args) {
+  std::uint64_t size = 0;
+  // The kernel is asked for a segment by the address's low bits, which it may well reject; the segment stays attached
+  // then. Kept as it is known: without the size there is no range to report.
+  const std::int64_t failure = segment_size(static_cast<int>(args[0]), &size);
+  if (failure != 0) return failure;
+  const std::int64_t result = raw_syscall(SYS_shmdt, args[0]);
+  if (result == 0) report_vm_op(VM_UNMAP, args[0], size, 0, 0, NO_FILE, 0, 0, 0);
+  return result;
+}
+
+}  // namespace ceilmeter

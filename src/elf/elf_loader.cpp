@@ -1,0 +1,443 @@
+// The program loader: what the kernel does at an execve, done by hand inside a process that is already there. Two things
+// differ from the kernel's work. Every mapping is told to the engine, and nothing of the tool may be harmed: segments are
+// mapped with MAP_FIXED, which replaces what it meets, so a file's numbers are judged before its first segment is mapped,
+// and its addresses are free or reserved by then. An unusable file ends in a message, never in a fault of the loader.
+#include "elf/elf_loader.h"
+
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "bi/mora.h"
+#include "bi/plugin.h"
+#include "bi/stubs.h"
+#include "bi/syscalls.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/elf/elf_loader"};
+
+constexpr std::size_t INTERPRETER_PATH_SIZE = 256;  // With its terminator.
+constexpr std::uint64_t APPLICATION_STACK_SIZE = 0x4000000;
+constexpr std::uint64_t RANDOM_BYTES = 16;  // What AT_RANDOM points to.
+constexpr std::uint64_t STACK_ALIGNMENT = 16;
+
+constexpr int reservation_flags = MAP_PRIVATE | MAP_ANONYMOUS;
+constexpr int segment_flags = MAP_PRIVATE | MAP_FIXED;
+constexpr int stack_flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_GROWSDOWN | MAP_STACK;
+
+// Auxiliary types that C libraries' headers of this age lack.
+constexpr std::uint64_t AUX_RSEQ_FEATURE_SIZE = 27;
+constexpr std::uint64_t AUX_RSEQ_ALIGN = 28;
+constexpr std::uint64_t AUX_HWCAP3 = 29;
+constexpr std::uint64_t AUX_HWCAP4 = 30;
+constexpr std::uint64_t AUX_MINSIGSTKSZ = 51;
+
+// A file under way into memory. The headers are libelf's copies, which relocation changes.
+struct image {
+  const char* path;
+  int fd;
+  std::uint64_t file_size;
+  bool is_interpreter;
+  Elf64_Ehdr* header;
+  Elf64_Phdr* program_headers;
+  std::size_t program_header_count;
+  std::uint64_t base;  // Of the reservation: what addresses of an ET_DYN file are moved by.
+};
+
+// From the lowest address of a PT_LOAD header to the highest end; the other way round if there is none.
+struct address_span {
+  std::uint64_t lowest;
+  std::uint64_t highest;
+  std::uint64_t alignment;  // The largest that a header asks for, at least a page.
+};
+
+// Where a PT_LOAD header's pages go. All but `file_offset` are whole pages if the header is one that can be mapped.
+struct segment_pages {
+  std::uint64_t page_offset;  // Of the segment's first byte in its first page.
+  std::uint64_t address;
+  std::uint64_t file_length;    // Of the part that is mapped from the file.
+  std::uint64_t memory_length;  // Of all of it.
+  std::uint64_t file_offset;
+};
+
+std::uint64_t page_down(std::uint64_t address) { return address - address % page_size(); }
+std::uint64_t page_up(std::uint64_t address) { return page_down(address + page_size() - 1); }
+
+// The result is MAP_FAILED's value for a failure.
+std::uint64_t map(std::uint64_t address, std::uint64_t size, int protection, int flags, int fd, std::uint64_t offset) {
+  return reinterpret_cast<std::uint64_t>(
+      mmap(reinterpret_cast<void*>(address), size, protection, flags, fd, static_cast<off_t>(offset)));
+}
+
+constexpr std::uint64_t map_failed = ~std::uint64_t{0};
+
+segment_pages pages_of(const Elf64_Phdr& segment) {
+  segment_pages pages{};
+  pages.page_offset = segment.p_vaddr % page_size();
+  pages.address = segment.p_vaddr - pages.page_offset;
+  pages.file_length = page_up(pages.page_offset + segment.p_filesz);
+  pages.memory_length = page_up(pages.page_offset + segment.p_memsz);
+  pages.file_offset = segment.p_offset - pages.page_offset;
+  return pages;
+}
+
+// Opens and identifies the file. The descriptor stays open for the process's life: mappings are reported with it.
+void open_image(image& file, Elf** elf_out) {
+  errno = 0;
+  file.fd = open(file.path, O_RDONLY);
+  if (file.fd < 0) mora_log_exit(EXIT_FAILURE, "Error: couldn't open file %s", file.path);
+  if (elf_version(EV_CURRENT) == EV_NONE) mora_log_exit(EXIT_FAILURE, "Error: failed to get ELF version");
+  Elf* elf = elf_begin(file.fd, ELF_C_READ, nullptr);
+  *elf_out = elf;
+  if (elf == nullptr) mora_log_exit(EXIT_FAILURE, "Error opening ELF file: %s: %s", file.path, elf_errmsg(-1));
+  if (elf_kind(elf) != ELF_K_ELF) mora_log_exit(EXIT_FAILURE, "Error: file %s isn't an ELF file", file.path);
+
+  // The class is looked at before the header is read: elf64_getehdr would refuse a 32-bit file in words that don't say so.
+  const char* identification = elf_getident(elf, nullptr);
+  if (identification != nullptr && identification[EI_CLASS] == ELFCLASS32) {
+    mora_log_exit(EXIT_FAILURE, "Error: incorrect binary format, got a 32-bit ELF file");
+  }
+  file.header = elf64_getehdr(elf);
+  if (file.header == nullptr) {
+    mora_log_exit(EXIT_FAILURE, "Error reading the ELF executable header: %s", elf_errmsg(-1));
+  }
+  // libelf gives a big-endian file's header in this machine's order, so that its machine looks right; its code isn't.
+  if (file.header->e_machine != EM_AARCH64 || file.header->e_ident[EI_DATA] != ELFDATA2LSB) {
+    mora_log_exit(EXIT_FAILURE, "Error: incorrect binary format, not compiled for ARM");
+  }
+}
+
+void read_program_headers(image& file, Elf* elf) {
+  struct stat status {};
+  if (fstat(file.fd, &status) == 0 && status.st_size > 0) file.file_size = static_cast<std::uint64_t>(status.st_size);
+  if (file.header->e_phnum == 0) return;
+  // libelf counts what the file has room for: one that was cut within its table seems to have fewer headers, or none.
+  const int result = elf_getphdrnum(elf, &file.program_header_count);
+  file.program_headers = elf64_getphdr(elf);
+  if (result != 0 || file.program_headers == nullptr) {
+    mora_log_exit(EXIT_FAILURE, "Error reading the ELF executable header: %s", elf_errmsg(-1));
+  }
+}
+
+// Whether a PT_LOAD header states a part of the file and a place that it can have there. What is let through maps without
+// wrapping, without a page of which the file has nothing (whose first touch is a SIGBUS), and with congruent addresses.
+bool can_be_mapped(const image& file, const Elf64_Phdr& segment) {
+  const std::uint64_t page = page_size();
+  std::uint64_t end = 0;
+  if (segment.p_filesz > segment.p_memsz) return false;
+  if (__builtin_add_overflow(segment.p_vaddr, segment.p_memsz, &end) || end > ~std::uint64_t{0} - page) return false;
+  const segment_pages pages = pages_of(segment);
+  if (pages.file_length == 0) return true;
+  if (segment.p_offset % page != pages.page_offset) return false;
+  if (segment.p_filesz == 0) return pages.file_offset < file.file_size;
+  return segment.p_offset < file.file_size && segment.p_filesz <= file.file_size - segment.p_offset;
+}
+
+address_span span_of(const image& file) {
+  address_span span{~std::uint64_t{0}, 0, page_size()};
+  for (std::size_t index = 0; index < file.program_header_count; ++index) {
+    const Elf64_Phdr& segment = file.program_headers[index];
+    if (segment.p_type != PT_LOAD) continue;
+    if (!can_be_mapped(file, segment)) {
+      mora_log_exit(EXIT_FAILURE, "Error: incorrect binary format, program header %zu can't be mapped", index);
+    }
+    span.lowest = std::min(span.lowest, segment.p_vaddr);
+    span.highest = std::max(span.highest, segment.p_vaddr + segment.p_memsz);
+    const bool is_power_of_two = (segment.p_align & (segment.p_align - 1)) == 0;
+    if (is_power_of_two) span.alignment = std::max(span.alignment, segment.p_align);
+  }
+  return span;
+}
+
+// Reserves `size` bytes at a multiple of `alignment`, or where the kernel likes if there is no such place.
+std::uint64_t reserve_aligned(std::uint64_t size, std::uint64_t alignment) {
+  std::uint64_t padded = 0;
+  const std::uint64_t length = page_up(size);
+  if (__builtin_add_overflow(length, alignment, &padded)) return map(0, size, PROT_NONE, reservation_flags, -1, 0);
+  const std::uint64_t start = map(0, padded, PROT_NONE, reservation_flags, -1, 0);
+  if (start == map_failed) return map(0, size, PROT_NONE, reservation_flags, -1, 0);
+  const std::uint64_t aligned = (start + alignment - 1) & ~(alignment - 1);
+  const std::uint64_t end = start + padded;
+  if (aligned != start) munmap(reinterpret_cast<void*>(start), aligned - start);
+  if (aligned + length != end) munmap(reinterpret_cast<void*>(aligned + length), end - aligned - length);
+  return aligned;
+}
+
+// Reserves [start, end), unless something is there: without MAP_FIXED the kernel takes the address if it is free and
+// another one if it isn't.
+bool claim(std::uint64_t start, std::uint64_t end) {
+  return start >= end || map(start, end - start, PROT_NONE, reservation_flags, -1, 0) == start;
+}
+
+// Reserves the addresses of the image as one piece and stores where it is. The lowest address is a hint, not a demand, and
+// only what begins at 0 can count on nothing but the reservation: the rest is claimed as well, or the file refused.
+void reserve_addresses(image& file) {
+  const address_span span = span_of(file);
+  const bool moves = file.header->e_type == ET_DYN;
+  // Without a segment the hint is all ones and the size comes out as 1.
+  const std::uint64_t size = span.highest - span.lowest;
+  std::uint64_t base = map(span.lowest, size, PROT_NONE, reservation_flags, -1, 0);
+  if (moves && base != map_failed && base % span.alignment != 0) {
+    // Data that is aligned beyond a page relies on the image's place being so; the kernel's loader sees to it too.
+    munmap(reinterpret_cast<void*>(base), size);
+    base = reserve_aligned(size, span.alignment);
+  }
+
+  bool usable = base != map_failed;
+  if (usable && span.lowest <= span.highest) {
+    const std::uint64_t reserved_end = base + page_up(size);
+    const std::uint64_t start = page_down(span.lowest) + (moves ? base : 0);
+    const std::uint64_t end = page_up(span.highest) + (moves ? base : 0);
+    const bool wraps = moves && end < base;
+    const bool starts_within = start >= base && start <= reserved_end;
+    usable = !wraps && (starts_within ? claim(reserved_end, end) : moves && claim(start, end));
+  }
+  if (!usable) mora_log_exit(EXIT_FAILURE, "Error: couldn't reserve the addresses of file %s", file.path);
+  file.base = base;
+  report_vm_op(VM_MAP, base, size, PROT_NONE, reservation_flags, -1, 0, 0, 0);
+}
+
+// Copies the interpreter's path out of the file into the INTERPRETER_PATH_SIZE bytes at `path`.
+void read_interpreter_path(const Elf64_Phdr& segment, std::FILE* stream, char* path) {
+  log(LEVEL_TRACE, "INTERP field found");
+  if (segment.p_filesz >= INTERPRETER_PATH_SIZE) {
+    mora_log_exit(EXIT_FAILURE, "Error: incorrect binary format, INTERP filename longer than the buffer");
+  }
+  if (stream == nullptr || std::fseek(stream, static_cast<long>(segment.p_offset), SEEK_SET) != 0) {
+    mora_log_exit(EXIT_FAILURE, "Error: incorrect binary format, seek to INTERP field failed");
+  }
+  if (std::fread(path, 1, segment.p_filesz, stream) != segment.p_filesz) {
+    mora_log_exit(EXIT_FAILURE, "Failed reading INTERP string");
+  }
+  path[segment.p_filesz] = '\0';
+}
+
+void log_program_header(const Elf64_Phdr& header) {
+  log(LEVEL_TRACE, "p_type: 0x%x", header.p_type);
+  log(LEVEL_TRACE, "p_offset: 0x%zx", header.p_offset);
+  log(LEVEL_TRACE, "p_vaddr: 0x%zx", header.p_vaddr);
+  log(LEVEL_TRACE, "p_paddr: 0x%zx", header.p_paddr);
+  log(LEVEL_TRACE, "p_filesz: 0x%zx", header.p_filesz);
+  log(LEVEL_TRACE, "p_memsz: 0x%zx", header.p_memsz);
+  log(LEVEL_TRACE, "p_flags: 0x%x", header.p_flags);
+  log(LEVEL_TRACE, "p_align: 0x%zx", header.p_align);
+}
+
+int protection_of(const Elf64_Phdr& segment) {
+  return ((segment.p_flags & PF_R) != 0 ? PROT_READ : 0) | ((segment.p_flags & PF_W) != 0 ? PROT_WRITE : 0) |
+         ((segment.p_flags & PF_X) != 0 ? PROT_EXEC : 0);
+}
+
+// Maps one PT_LOAD segment and moves the header's p_vaddr to where it is. A failing mapping is not an error here: the
+// application finds the reservation there and faults, as it does natively where the kernel can't map a part of it.
+void map_segment(const image& file, Elf64_Phdr& segment) {
+  const int protection = protection_of(segment);
+  if (file.header->e_type == ET_DYN) segment.p_vaddr += file.base;
+  const segment_pages pages = pages_of(segment);
+
+  if (pages.file_length != 0) {
+    const std::uint64_t result =
+        map(pages.address, pages.file_length, protection, segment_flags, file.fd, pages.file_offset);
+    const std::uint32_t marker = file.is_interpreter ? VM_FLAG_INTERPRETER : VM_FLAG_APPLICATION;
+    report_vm_op(VM_MAP, pages.address, pages.file_length, static_cast<std::uint32_t>(protection),
+                 segment_flags | marker, file.fd, pages.file_offset, 0, 0);
+    if ((segment.p_flags & PF_W) != 0 && result == pages.address) {
+      const std::uint64_t file_end = segment.p_vaddr + segment.p_filesz;
+      std::memset(reinterpret_cast<void*>(file_end), 0, pages.address + pages.file_length - file_end);
+    }
+  }
+  if (pages.file_length < pages.memory_length) {
+    const std::uint64_t start = pages.address + pages.file_length;
+    const std::uint64_t length = pages.memory_length - pages.file_length;
+    map(start, length, protection, segment_flags | MAP_ANONYMOUS, -1, 0);
+    report_vm_op(VM_MAP, start, length, static_cast<std::uint32_t>(protection), segment_flags | MAP_ANONYMOUS, -1, 0, 0,
+                 0);
+  }
+  if (!file.is_interpreter) engine.brk = std::max(engine.brk, pages.address + pages.memory_length);
+}
+
+}  // namespace
+
+void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_t* entry_out, int is_interpreter) {
+  image file{path, -1, 0, is_interpreter != 0, nullptr, nullptr, 0, 0};
+  open_image(file, elf_out);
+  // For the interpreter alone, on purpose: plug-ins know the application's file before it is loaded.
+  if (file.is_interpreter) deliver_elf_load(path, file.fd);
+  std::FILE* stream = fdopen(file.fd, "r");
+  read_program_headers(file, *elf_out);
+  reserve_addresses(file);
+
+  if (file.header->e_type == ET_DYN) file.header->e_entry += file.base;
+  *entry_out = file.header->e_entry;
+  if (!file.is_interpreter) {
+    aux->at_base = 0;
+    aux->at_entry = file.header->e_entry;
+  }
+  if (file.program_header_count == 0) {
+    if (file.is_interpreter) {
+      aux->at_base = 0;
+    } else {
+      aux->at_phdr = 0;
+      aux->at_phnum = 0;
+    }
+    return;
+  }
+
+  // From here on *entry_out and *elf_out are the interpreter's, if there is one. An interpreter's own interpreter counts
+  // for nothing, as for the kernel: a file that names itself would never be loaded.
+  for (std::size_t index = 0; index < file.program_header_count && !file.is_interpreter; ++index) {
+    if (file.program_headers[index].p_type != PT_INTERP) continue;
+    char interpreter_path[INTERPRETER_PATH_SIZE];
+    read_interpreter_path(file.program_headers[index], stream, interpreter_path);
+    load_elf(interpreter_path, elf_out, aux, entry_out, 1);
+    break;
+  }
+
+  if (file.is_interpreter) {
+    aux->at_base = 0;
+  } else {
+    aux->at_phdr = 0;
+    aux->at_phnum = file.program_header_count;
+  }
+  for (std::size_t index = 0; index < file.program_header_count; ++index) {
+    Elf64_Phdr& header = file.program_headers[index];
+    log_program_header(header);
+    if (header.p_type != PT_LOAD) {
+      log(LEVEL_TRACE, "unhandled program header table entry type");
+      continue;
+    }
+    map_segment(file, header);
+    if (header.p_offset != 0) continue;
+    if (file.is_interpreter) {
+      aux->at_base = header.p_vaddr;
+    } else {
+      aux->at_phdr = header.p_vaddr + file.header->e_phoff;
+    }
+  }
+}
+
+namespace {
+
+// The application's stack under construction: words grow upwards from the stack pointer, what they point to downwards from
+// the top.
+//
+//   sp                                                                                                top
+//   | argc | argv ... 0 | envp ... 0 | auxv ... 0 0 | 0 to 15 bytes | ... strings ... argv[1] | argv[0] |
+//
+struct stack_writer {
+  std::uint64_t* word;
+  std::uint8_t* bytes;
+};
+
+void push_word(stack_writer& stack, std::uint64_t word) { *stack.word++ = word; }
+
+std::uint64_t push_bytes(stack_writer& stack, const void* bytes, std::size_t size) {
+  stack.bytes -= size;
+  std::memcpy(stack.bytes, bytes, size);
+  return reinterpret_cast<std::uint64_t>(stack.bytes);
+}
+
+std::uint64_t push_string(stack_writer& stack, const char* string) {
+  return push_bytes(stack, string, std::strlen(string) + 1);
+}
+
+// The kernel puts the vector of a process behind the terminating null of its environment.
+const Elf64_auxv_t* auxiliary_vector(char** envp) {
+  while (*envp != nullptr) ++envp;
+  return reinterpret_cast<const Elf64_auxv_t*>(envp + 1);
+}
+
+const char* string_at(std::uint64_t address) { return reinterpret_cast<const char*>(address); }
+
+// What the stack takes, exactly: its words, its strings, and the random bytes.
+std::uint64_t stack_bytes(const char* path, int argc, char** argv, char** envp) {
+  constexpr std::uint64_t word = sizeof(std::uint64_t);
+  constexpr std::uint64_t pair = 2 * word;
+  std::uint64_t size = std::strlen(path) + 1 + RANDOM_BYTES;
+  size += word * (static_cast<std::uint64_t>(argc) + 4);  // The count, the path, and two terminators.
+  for (int index = 0; index < argc; ++index) size += std::strlen(argv[index]) + 1;
+  for (char** variable = envp; *variable != nullptr; ++variable) size += std::strlen(*variable) + 1 + word;
+  for (const Elf64_auxv_t* entry = auxiliary_vector(envp); entry->a_type != AT_NULL; ++entry) {
+    size += pair;
+    if (entry->a_type == AT_PLATFORM || entry->a_type == AT_EXECFN) size += std::strlen(string_at(entry->a_un.a_val)) + 1;
+  }
+  return size + pair;
+}
+
+// The application's value for an entry of the tool's vector, with what it points to pushed.
+std::uint64_t auxiliary_value(stack_writer& stack, const Elf64_auxv_t& entry, const elf_aux_values& aux) {
+  const std::uint64_t value = entry.a_un.a_val;
+  switch (entry.a_type) {
+    case AT_PHDR: return aux.at_phdr;
+    case AT_PHNUM: return aux.at_phnum;
+    case AT_BASE: return aux.at_base;
+    case AT_ENTRY: return aux.at_entry;
+    case AT_PHENT:
+    case AT_PAGESZ:
+    case AT_FLAGS:
+    case AT_UID:
+    case AT_EUID:
+    case AT_GID:
+    case AT_EGID:
+    case AT_HWCAP:
+    case AT_CLKTCK:
+    case AT_SECURE:
+    case AT_HWCAP2:
+    case AUX_RSEQ_FEATURE_SIZE:
+    case AUX_RSEQ_ALIGN:
+    case AUX_HWCAP3:
+    case AUX_HWCAP4:
+    case AT_SYSINFO_EHDR:
+    case AUX_MINSIGSTKSZ: return value;
+    case AT_PLATFORM:
+    case AT_EXECFN: return push_string(stack, string_at(value));
+    case AT_RANDOM: return push_bytes(stack, reinterpret_cast<const void*>(value), RANDOM_BYTES);
+    default:
+      // Whether a value may be passed on unseen depends on its meaning: one that points into the tool may not.
+      log(LEVEL_FATAL, "unhandled auxv entry type: %ld", static_cast<long>(entry.a_type));
+      return 0;
+  }
+}
+
+}  // namespace
+
+void elf_run(std::uint64_t block, const char* path, int argc, char** argv, char** envp, const elf_aux_values* aux) {
+  const std::uint64_t mapping = map(0, APPLICATION_STACK_SIZE, PROT_READ | PROT_WRITE, stack_flags, -1, 0);
+  if (mapping == map_failed) mora_log_exit(EXIT_FAILURE, "Error: couldn't map the application's stack");
+  report_vm_op(VM_MAP, mapping, APPLICATION_STACK_SIZE, PROT_READ | PROT_WRITE, stack_flags, -1, 0, 0, 0);
+
+  const std::uint64_t top = mapping + APPLICATION_STACK_SIZE;
+  const std::uint64_t sp = (top - stack_bytes(path, argc, argv, envp)) & ~(STACK_ALIGNMENT - 1);
+  stack_writer stack{reinterpret_cast<std::uint64_t*>(sp), reinterpret_cast<std::uint8_t*>(top)};
+
+  push_word(stack, static_cast<std::uint64_t>(argc) + 1);
+  push_word(stack, push_string(stack, path));
+  for (int index = 0; index < argc; ++index) push_word(stack, push_string(stack, argv[index]));
+  push_word(stack, 0);
+  for (char** variable = envp; *variable != nullptr; ++variable) push_word(stack, push_string(stack, *variable));
+  push_word(stack, 0);
+  for (const Elf64_auxv_t* entry = auxiliary_vector(envp); entry->a_type != AT_NULL; ++entry) {
+    push_word(stack, entry->a_type);
+    push_word(stack, auxiliary_value(stack, *entry, *aux));
+  }
+  push_word(stack, AT_NULL);
+  push_word(stack, 0);
+
+  enter_application(block, sp);
+  log(LEVEL_FATAL, "unexpected return from elf_run");
+  std::abort();
+}
+
+}  // namespace ceilmeter

@@ -1,0 +1,88 @@
+// The way of a system call past the engine: what is made, what is handled, and how the thread's status tells.
+#include <sys/syscall.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "bi/stubs.h"
+#include "fake_engine.h"
+
+namespace ceilmeter::test {
+namespace {
+
+using syscall_handlers = syscalls_test;
+
+TEST_F(syscall_handlers, a_call_that_the_engine_does_not_know_is_made_as_it_is) {
+  expect_made(SYS_write, {1, 2, 3, 4, 5, 6});
+  for (std::uint64_t index = 0; index < 6; ++index) EXPECT_EQ(args[index], index + 1);
+}
+
+TEST_F(syscall_handlers, a_thread_is_running_again_after_the_call) {
+  expect_made(SYS_getppid, {});
+  args[0] = 4711;
+  syscall_handler_post(SYS_getppid, args, next_inst, thread);
+  EXPECT_EQ(thread->status, THREAD_RUNNING);
+  EXPECT_EQ(args[0], 4711u);
+}
+
+TEST_F(syscall_handlers, a_thread_that_comes_back_while_the_process_ends_goes_no_further) {
+  expect_made(SYS_getppid, {});
+  engine.exit_flag = 1;
+  EXPECT_THROW(syscall_handler_post(SYS_getppid, args, next_inst, thread), thread_abandoned);
+}
+
+TEST_F(syscall_handlers, the_standard_descriptors_stay_open) {
+  for (std::uint64_t fd = 0; fd < 3; ++fd) EXPECT_EQ(handled(SYS_close, {fd}), 0);
+  for (int fd = 0; fd < 3; ++fd) EXPECT_NE(dup2(fd, 200), -1) << fd;
+  close(200);
+}
+
+TEST_F(syscall_handlers, every_other_descriptor_is_closed) {
+  expect_made(SYS_close, {3});
+  expect_made(SYS_close, {~std::uint64_t{0}});
+}
+
+TEST_F(syscall_handlers, clone3_is_not_there) { EXPECT_EQ(handled(SYS_clone3, {1, 2}), -ENOSYS); }
+
+TEST_F(syscall_handlers, exit_group_ends_the_process_with_the_low_bits_of_its_status) {
+  try {
+    syscall_handler_pre(SYS_exit_group, with_args({0x100000007}), next_inst, thread);
+    FAIL() << "it came back";
+  } catch (const process_ended& end) {
+    EXPECT_EQ(end.status, 7);
+  }
+}
+
+TEST_F(syscall_handlers, the_last_threads_exit_ends_the_process) {
+  try {
+    syscall_handler_pre(SYS_exit, with_args({3}), next_inst, thread);
+    FAIL() << "it came back";
+  } catch (const process_ended& end) {
+    EXPECT_EQ(end.status, 3);
+  }
+  EXPECT_EQ(pthread_mutex_trylock(&engine.thread_list_lock), 0);
+  pthread_mutex_unlock(&engine.thread_list_lock);
+}
+
+TEST_F(syscall_handlers, the_first_threads_id_word_is_the_kernels_matter) {
+  std::int32_t word = 0;
+  expect_made(SYS_set_tid_address, {address_of(&word)});
+  EXPECT_EQ(thread->application_tid_word, nullptr);
+}
+
+TEST_F(syscall_handlers, a_signal_return_is_led_to_the_dispatcher_with_the_address_that_it_returns_to) {
+  // As the kernel has it: the application's stack pointer stands at a siginfo, and the context follows.
+  alignas(16) static std::uint8_t stack[SYSCALL_FRAME_SIZE + sizeof(siginfo_t) + sizeof(ucontext_t)];
+  auto* area = reinterpret_cast<std::uint64_t*>(stack + STUB_SIMD_REGS_SIZE);
+  auto* context = reinterpret_cast<ucontext_t*>(stack + SYSCALL_FRAME_SIZE + sizeof(siginfo_t));
+  context->uc_mcontext.pc = 0x5555123450;
+  EXPECT_EQ(syscall_handler_pre(SYS_rt_sigreturn, area, next_inst, thread), 1u);
+  EXPECT_EQ(fake.redirect_context, context);
+  EXPECT_EQ(fake.redirect_target, 0x5555123450u);
+  EXPECT_EQ(thread->status, THREAD_RUNNING) << "the call does not come back to set it again";
+}
+
+}  // namespace
+}  // namespace ceilmeter::test

@@ -1,0 +1,188 @@
+#include "fake_engine.h"
+
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "bi/signals.h"
+#include "bi/stubs.h"
+#include "bi/threads.h"
+
+extern "C" {
+int __real_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*start)(void*), void* argument);
+int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*start)(void*), void* argument) {
+  if (ceilmeter::test::fake.pthread_create_error != 0) return ceilmeter::test::fake.pthread_create_error;
+  return __real_pthread_create(handle, attributes, start, argument);
+}
+void fake_block();
+void fake_thread_body(const std::uint64_t* entry) {
+  ceilmeter::test::fake.thread_body(entry);
+  std::abort();  // A thread's body ends the thread.
+}
+}
+
+namespace ceilmeter {
+
+engine_globals engine;
+thread_local thread_data* current_thread = nullptr;
+
+using test::fake;
+
+std::uint64_t page_size() { return fake.page; }
+
+bool allocate_thread_data(thread_data** out) {
+  void* mapping = mmap(nullptr, sizeof(thread_data), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapping == MAP_FAILED) return false;
+  *out = static_cast<thread_data*>(mapping);
+  return true;
+}
+
+void init_thread(thread_data*) {}
+
+void free_thread_data(thread_data* thread) {
+  ++fake.records_freed;
+  munmap(thread, sizeof(thread_data));
+}
+
+void register_thread(thread_data* thread, bool lock_held) {
+  if (!lock_held) pthread_mutex_lock(&engine.thread_list_lock);
+  thread->next = engine.thread_list;
+  engine.thread_list = thread;
+  ++fake.threads_registered;
+  if (!lock_held) pthread_mutex_unlock(&engine.thread_list_lock);
+}
+
+int unregister_thread(thread_data* thread, bool lock_held) {
+  if (!lock_held) pthread_mutex_lock(&engine.thread_list_lock);
+  for (thread_data** link = &engine.thread_list; *link != nullptr; link = &(*link)->next) {
+    if (*link != thread) continue;
+    *link = thread->next;
+    break;
+  }
+  if (!lock_held) pthread_mutex_unlock(&engine.thread_list_lock);
+  return 0;
+}
+
+void flush_code_cache(thread_data* thread) {
+  ++fake.flushes;
+  fake.flushed = thread;
+}
+
+std::uint64_t scan(thread_data*, std::uint64_t, std::int32_t) {
+  return reinterpret_cast<std::uint64_t>(reinterpret_cast<void*>(fake_block));
+}
+
+void mora_terminate(thread_data*, std::int32_t status) { throw test::process_ended{status}; }
+void abandon_thread(thread_data*) { throw test::thread_abandoned{}; }
+
+void context_redirect_to_dispatcher(thread_data*, void* ucontext, std::uint64_t target) {
+  fake.redirect_context = ucontext;
+  fake.redirect_target = target;
+}
+
+extern "C" {
+void dispatcher(std::uint64_t, std::int32_t, std::uint64_t*, thread_data*) { std::abort(); }
+void create_trace(thread_data*, std::int32_t, std::uint64_t*) { std::abort(); }
+std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t*) { std::abort(); }
+std::uint64_t signal_dispatcher(int, void*, void*) { std::abort(); }
+}
+
+namespace test {
+
+fake_engine_state fake;
+
+syscalls_test::syscalls_test() : frame{}, args(reinterpret_cast<std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE)), thread(nullptr) {
+  fake = {};
+  fake.page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  engine = {};
+  pthread_mutex_init(&engine.thread_list_lock, nullptr);
+  pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
+  pthread_mutex_init(&engine.brk_lock, nullptr);
+  pthread_mutex_init(&engine.function_watch_lock, nullptr);
+  interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
+  robin_map_init(&engine.function_watches, 264);
+  allocate_thread_data(&thread);
+  thread->tid = gettid();
+  engine.thread_list = thread;
+  current_thread = thread;
+  alarm(120);  // A handler that waits for a lock for ever ends the test.
+}
+
+syscalls_test::~syscalls_test() {
+  alarm(0);
+  current_thread = nullptr;
+  munmap(thread, sizeof(thread_data));
+  robin_map_destroy(&engine.function_watches);
+  interval_map_delete(&engine.exec_ranges, 0, ~std::uint64_t{0});
+}
+
+std::uint64_t* syscalls_test::with_args(const std::vector<std::uint64_t>& values) {
+  for (std::size_t index = 0; index < 8; ++index) args[index] = index < values.size() ? values[index] : 0;
+  return args;
+}
+
+std::int64_t syscalls_test::handled(std::uint64_t number, const std::vector<std::uint64_t>& values) {
+  EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 0u) << "call " << number << " is to be made";
+  EXPECT_EQ(thread->status, THREAD_RUNNING);
+  return static_cast<std::int64_t>(args[0]);
+}
+
+void syscalls_test::expect_made(std::uint64_t number, const std::vector<std::uint64_t>& values) {
+  EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 1u) << "call " << number << " is handled";
+  EXPECT_EQ(thread->status, THREAD_IN_SYSCALL);
+}
+
+std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
+
+bool is_readable_memory(std::uint64_t address) {
+  int ends[2];
+  if (pipe(ends) != 0) return false;
+  const bool readable = write(ends[1], reinterpret_cast<const void*>(address), 1) == 1;
+  close(ends[0]);
+  close(ends[1]);
+  return readable;
+}
+
+std::string permissions_at(std::uint64_t address) {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    unsigned long start = 0;
+    unsigned long end = 0;
+    char permissions[8] = "";
+    if (std::sscanf(line.c_str(), "%lx-%lx %7s", &start, &end, permissions) == 3 && address >= start && address < end) {
+      return permissions;
+    }
+  }
+  return "";
+}
+
+std::int64_t resident_kib() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+int open_descriptors() {
+  int count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  return count;
+}
+
+int live_threads() {
+  int count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
+  return count;
+}
+
+}  // namespace test
+}  // namespace ceilmeter

@@ -1,0 +1,63 @@
+// Stand-ins for what the handlers of system calls use of the engine, and what the tests see of their use.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "bi/mora.h"
+#include "bi/stub_layout.h"
+#include "bi/syscalls.h"
+
+namespace ceilmeter::test {
+
+// What the stand-ins of mora_terminate and abandon_thread throw in place of ending something.
+struct process_ended {
+  std::int32_t status;
+};
+struct thread_abandoned {};
+
+struct fake_engine_state {
+  std::uint64_t page;             // What page_size tells.
+  int flushes;
+  thread_data* flushed;           // The last one.
+  int threads_registered;
+  int records_freed;
+  int pthread_create_error;       // What pthread_create returns if not 0.
+  std::uint64_t redirect_target;  // Of the last context_redirect_to_dispatcher.
+  void* redirect_context;
+  void (*thread_body)(const std::uint64_t* entry);  // What a new thread runs in place of its first block.
+};
+extern fake_engine_state fake;
+
+// A thread of the application's with the save area of a system call on its stack.
+class syscalls_test : public testing::Test {
+ protected:
+  syscalls_test();
+  ~syscalls_test() override;
+
+  // The call's arguments in the save area; the others are 0.
+  std::uint64_t* with_args(const std::vector<std::uint64_t>& values);
+  // syscall_handler_pre for a call that is expected to be handled: its result.
+  std::int64_t handled(std::uint64_t number, const std::vector<std::uint64_t>& values);
+  // The same for one that the stub is to make.
+  void expect_made(std::uint64_t number, const std::vector<std::uint64_t>& values);
+
+  static constexpr std::uint64_t next_inst = 0x5555000040;
+
+  // The frame of the wrapper, q0 first, and behind it the application's stack.
+  alignas(16) std::uint8_t frame[SYSCALL_FRAME_SIZE + 256];
+  std::uint64_t* args;
+  thread_data* thread;
+};
+
+std::uint64_t address_of(const void* place);
+bool is_readable_memory(std::uint64_t address);
+// "r--p" and so on of the mapping that holds the address; empty if none does.
+std::string permissions_at(std::uint64_t address);
+std::int64_t resident_kib();
+int open_descriptors();
+int live_threads();
+
+}  // namespace ceilmeter::test

@@ -1,0 +1,211 @@
+// Clones that make a child process: what the kernel gets, and what the child forgets.
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "bi/stubs.h"
+#include "fake_engine.h"
+
+namespace ceilmeter::test {
+namespace {
+
+class fork_like_clone : public syscalls_test {
+ protected:
+  fork_like_clone() { thread->tls = 0x7777; }
+
+  // What the stub would hand to the kernel; the parent goes on as after a failed call.
+  void prepare(const std::vector<std::uint64_t>& values) {
+    expect_made(SYS_clone, values);
+    made_flags = args[0];
+    made_stack = args[1];
+    args[0] = static_cast<std::uint64_t>(-EAGAIN);
+    syscall_handler_post(SYS_clone, args, next_inst, thread);
+  }
+  // A child made for real, through both handlers. Runs `check` in the child and returns its exit status.
+  template <typename checks>
+  int run_child(const checks& check) {
+    expect_made(SYS_clone, {SIGCHLD, 0, 0, 0, 0});
+    const std::int64_t pid = raw_syscall(SYS_clone, args[0], args[1], args[2], args[3], args[4]);
+    args[0] = static_cast<std::uint64_t>(pid);
+    syscall_handler_post(SYS_clone, args, next_inst, thread);
+    if (pid == 0) _exit(check());
+    int status = -1;
+    waitpid(static_cast<pid_t>(pid), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  static std::uint64_t signal_mask() {
+    std::uint64_t mask = 0;
+    raw_syscall(SYS_rt_sigprocmask, SIG_BLOCK, 0, address_of(&mask), 8);
+    return mask;
+  }
+  static bool is_free(pthread_mutex_t* lock) {
+    if (pthread_mutex_trylock(lock) != 0) return false;
+    pthread_mutex_unlock(lock);
+    return true;
+  }
+  static bool all_locks_are_free() {
+    return is_free(&engine.thread_list_lock) && is_free(&engine.signal_handlers_lock) && is_free(&engine.brk_lock) &&
+           is_free(&engine.function_watch_lock) && is_free(&engine.exec_ranges.lock);
+  }
+
+  std::uint64_t made_flags = 0;
+  std::uint64_t made_stack = 0;
+};
+
+TEST_F(fork_like_clone, a_fork_reaches_the_kernel_as_it_is) {
+  prepare({CLONE_CHILD_SETTID | CLONE_CHILD_CLEARTID | SIGCHLD, 0, 0, 0, 0x1234});
+  EXPECT_EQ(made_flags, std::uint64_t{CLONE_CHILD_SETTID | CLONE_CHILD_CLEARTID | SIGCHLD});
+  EXPECT_EQ(made_stack, 0u);
+  EXPECT_EQ(args[4], 0x1234u);
+  EXPECT_EQ(thread->child_tls, 0x7777u);
+}
+
+TEST_F(fork_like_clone, a_vfork_childs_memory_is_a_copy_and_its_parent_waits) {
+  thread->clone_shares_vm = 1;
+  prepare({CLONE_VM | CLONE_VFORK | SIGCHLD});
+  EXPECT_EQ(made_flags, std::uint64_t{CLONE_VFORK | SIGCHLD});
+  EXPECT_EQ(thread->clone_shares_vm, 0);
+}
+
+TEST_F(fork_like_clone, a_child_that_would_share_memory_without_being_a_thread_gets_a_copy) {
+  prepare({CLONE_VM | CLONE_SIGHAND | SIGCHLD});
+  EXPECT_EQ(made_flags, std::uint64_t{SIGCHLD});
+}
+
+TEST_F(fork_like_clone, the_childs_thread_pointer_is_kept_for_it_and_not_given_to_the_kernel) {
+  prepare({CLONE_SETTLS | SIGCHLD, 0, 0, 0x9999});
+  EXPECT_EQ(made_flags, std::uint64_t{SIGCHLD});
+  EXPECT_EQ(thread->child_tls, 0x9999u);
+}
+
+TEST_F(fork_like_clone, the_stack_that_the_caller_stands_on_counts_as_none) {
+  prepare({SIGCHLD, address_of(args) + SYSCALL_APP_SP});
+  EXPECT_EQ(made_stack, 0u);
+}
+
+TEST_F(fork_like_clone, another_stack_gets_a_copy_of_the_wrappers_frame) {
+  for (std::size_t index = 0; index < sizeof frame; ++index) frame[index] = static_cast<std::uint8_t>(index * 7 + 3);
+  alignas(16) static std::uint8_t stack[SYSCALL_FRAME_SIZE + 64];
+  std::memset(stack, 0xee, sizeof stack);
+  const std::uint64_t top = address_of(stack) + SYSCALL_FRAME_SIZE + 32;
+  prepare({SIGCHLD, top});
+  EXPECT_EQ(made_stack, top - SYSCALL_FRAME_SIZE);
+  // All but the words of the arguments, which the preparation has changed on the way.
+  const auto* copy = stack + 32;
+  EXPECT_EQ(std::memcmp(copy, frame, STUB_SIMD_REGS_SIZE), 0) << "q0 to q31";
+  EXPECT_EQ(std::memcmp(copy + STUB_SIMD_REGS_SIZE + SYSCALL_X8, frame + STUB_SIMD_REGS_SIZE + SYSCALL_X8,
+                        SYSCALL_APP_SP - SYSCALL_X8),
+            0)
+      << "x8 to the end of the save area";
+  EXPECT_EQ(stack[31], 0xee) << "below the copy";
+  EXPECT_EQ(copy[SYSCALL_FRAME_SIZE], 0xee) << "above the copy";
+}
+
+TEST_F(fork_like_clone, signals_and_locks_are_held_over_the_call_and_given_back_after_it) {
+  const std::uint64_t before = signal_mask();
+  expect_made(SYS_clone, {SIGCHLD});
+  // Of the standard signals; the two that cannot be blocked aside. An emulator may keep a real-time one for itself.
+  EXPECT_EQ((signal_mask() | 1u << (SIGKILL - 1) | 1u << (SIGSTOP - 1)) & 0x7fffffff, 0x7fffffffu);
+  EXPECT_FALSE(is_free(&engine.thread_list_lock));
+  EXPECT_FALSE(is_free(&engine.exec_ranges.lock));
+  args[0] = 12345;
+  syscall_handler_post(SYS_clone, args, next_inst, thread);
+  EXPECT_EQ(signal_mask(), before);
+  EXPECT_TRUE(all_locks_are_free());
+  EXPECT_EQ(args[0], 12345u);
+}
+
+TEST_F(fork_like_clone, no_lock_is_held_while_the_parent_of_a_vfork_sleeps) {
+  expect_made(SYS_clone, {CLONE_VM | CLONE_VFORK | SIGCHLD});
+  EXPECT_TRUE(all_locks_are_free());
+  args[0] = 12345;
+  syscall_handler_post(SYS_clone, args, next_inst, thread);
+  EXPECT_TRUE(all_locks_are_free());
+}
+
+TEST_F(fork_like_clone, no_child_is_made_once_the_process_ends) {
+  engine.exit_flag = 1;
+  const std::uint64_t before = signal_mask();
+  EXPECT_THROW(syscall_handler_pre(SYS_clone, with_args({SIGCHLD}), next_inst, thread), thread_abandoned);
+  EXPECT_TRUE(all_locks_are_free());
+  EXPECT_EQ(signal_mask(), before);
+}
+
+TEST_F(fork_like_clone, the_child_knows_only_its_own_thread) {
+  thread_data* others[3];
+  for (thread_data*& other : others) {
+    allocate_thread_data(&other);
+    register_thread(other, false);
+  }
+  const int freed = fake.records_freed;
+  const int failed = run_child([&] {
+    if (engine.thread_list != thread || thread->next != nullptr) return 1;
+    if (fake.records_freed != freed + 3) return 2;
+    if (thread->tid != gettid()) return 3;
+    if (current_thread != thread) return 4;
+    if (!all_locks_are_free()) return 5;
+    if (thread->status != THREAD_RUNNING) return 6;
+    return 0;
+  });
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(engine.thread_list, others[2]) << "the parent's list is its own";
+}
+
+TEST_F(fork_like_clone, the_child_takes_the_thread_pointer_that_was_kept_for_it) {
+  const int failed = run_child([&] { return thread->tls == 0x7777 ? 0 : 1; });
+  EXPECT_EQ(failed, 0);
+}
+
+TEST_F(fork_like_clone, signals_that_were_counted_in_the_parent_are_not_the_childs) {
+  thread->pending_signals[SIGALRM] = 2;
+  thread->pending_signal_count = 2;
+  const int failed = run_child([&] {
+    return thread->pending_signals[SIGALRM] == 0 && thread->pending_signal_count == 0 ? 0 : 1;
+  });
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(thread->pending_signal_count, 2) << "the parent's";
+}
+
+TEST_F(fork_like_clone, the_childs_first_thread_ends_like_a_process_and_not_like_a_pthread) {
+  std::int32_t words[2] = {};
+  thread->engine_sp = 0x1000;
+  thread->library_tid_word = &words[0];
+  thread->application_tid_word = &words[1];
+  const int failed = run_child([&] {
+    return thread->engine_sp == 0 && thread->library_tid_word == nullptr && thread->application_tid_word == nullptr ? 0 : 1;
+  });
+  EXPECT_EQ(failed, 0);
+}
+
+TEST_F(fork_like_clone, what_the_tool_has_not_written_yet_is_written_by_the_parent_alone) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const int output = dup(STDOUT_FILENO);
+  std::fflush(stdout);
+  dup2(ends[1], STDOUT_FILENO);
+  std::fputs("once ", stdout);
+  const int failed = run_child([&] {
+    std::fputs("child ", stdout);
+    std::fflush(stdout);
+    return 0;
+  });
+  std::fflush(stdout);
+  dup2(output, STDOUT_FILENO);
+  close(output);
+  close(ends[1]);
+  char text[64] = {};
+  std::size_t length = 0;
+  for (ssize_t got = 0; (got = read(ends[0], text + length, sizeof text - 1 - length)) > 0;) length += static_cast<std::size_t>(got);
+  close(ends[0]);
+  EXPECT_EQ(failed, 0);
+  EXPECT_STREQ(text, "child once ");
+}
+
+}  // namespace
+}  // namespace ceilmeter::test

@@ -1,0 +1,158 @@
+// mmap, mprotect, munmap, mremap, shmat and shmdt as the application makes them.
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "fake_engine.h"
+
+namespace ceilmeter::test {
+namespace {
+
+constexpr std::uint64_t anonymous = MAP_PRIVATE | MAP_ANONYMOUS;
+constexpr std::uint64_t no_file = ~std::uint64_t{0};
+
+class memory_calls : public syscalls_test {
+ protected:
+  std::uint64_t map(std::uint64_t size, std::uint64_t prot) {
+    return static_cast<std::uint64_t>(handled(SYS_mmap, {0, size, prot, anonymous, no_file, 0}));
+  }
+  static std::int64_t known(std::uint64_t address, std::uint64_t size) {
+    return interval_map_overlapping(&engine.exec_ranges, address, address + size);
+  }
+};
+
+TEST_F(memory_calls, an_executable_only_mapping_is_readable_and_not_executable_and_is_known_as_code) {
+  const std::uint64_t address = map(fake.page, PROT_EXEC);
+  EXPECT_EQ(permissions_at(address), "r--p");
+  EXPECT_EQ(known(address, fake.page), 1);
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, a_mapping_keeps_its_other_permissions) {
+  const std::uint64_t address = map(fake.page, PROT_READ | PROT_WRITE | PROT_EXEC);
+  EXPECT_EQ(permissions_at(address), "rw-p");
+  EXPECT_EQ(known(address, fake.page), 1);
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, a_mapping_that_is_not_executable_is_not_known_as_code) {
+  const std::uint64_t address = map(fake.page, PROT_WRITE);
+  EXPECT_EQ(known(address, fake.page), 0);
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, the_known_range_is_of_whole_pages) {
+  const std::uint64_t address = map(fake.page + 1, PROT_READ | PROT_EXEC);
+  EXPECT_EQ(known(address + 2 * fake.page - 1, 1), 1);
+  EXPECT_EQ(known(address + 2 * fake.page, 1), 0);
+  munmap(reinterpret_cast<void*>(address), 2 * fake.page);
+}
+
+TEST_F(memory_calls, the_known_range_is_of_whole_pages_of_64_kib) {
+  void* room = mmap(nullptr, 0x40000, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  const std::uint64_t address = (address_of(room) + 0xffff) & ~std::uint64_t{0xffff};
+  fake.page = 0x10000;
+  handled(SYS_mmap, {address, 0x10001, PROT_READ | PROT_EXEC, anonymous | MAP_FIXED, no_file, 0});
+  EXPECT_EQ(known(address, 1), 1);
+  EXPECT_EQ(known(address + 0x1ffff, 1), 1);
+  EXPECT_EQ(known(address + 0x20000, 1), 0);
+  handled(SYS_munmap, {address + 0x10000, 1});
+  EXPECT_EQ(known(address + 0x10000, 0x10000), 0);
+  EXPECT_EQ(known(address, 0x10000), 1);
+  munmap(room, 0x40000);
+}
+
+TEST_F(memory_calls, the_arguments_keep_their_values) {
+  const std::uint64_t address = map(fake.page, PROT_EXEC);
+  EXPECT_EQ(args[1], fake.page);
+  EXPECT_EQ(args[2], std::uint64_t{PROT_EXEC});
+  EXPECT_EQ(args[3], anonymous);
+  handled(SYS_mprotect, {address, fake.page, PROT_EXEC});
+  EXPECT_EQ(args[2], std::uint64_t{PROT_EXEC});
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, an_error_of_mmap_is_returned_and_nothing_becomes_known) {
+  EXPECT_EQ(handled(SYS_mmap, {0, fake.page, PROT_EXEC, MAP_PRIVATE, 9999, 0}), -EBADF);
+  EXPECT_EQ(handled(SYS_mmap, {0, 0, PROT_EXEC, anonymous, no_file, 0}), -EINVAL);
+  EXPECT_EQ(engine.exec_ranges.count, 0);
+}
+
+TEST_F(memory_calls, memory_made_executable_stays_readable_and_not_executable_and_is_no_new_range) {
+  const std::uint64_t address = map(fake.page, PROT_READ | PROT_WRITE);
+  EXPECT_EQ(handled(SYS_mprotect, {address, fake.page, PROT_EXEC}), 0);
+  EXPECT_EQ(permissions_at(address), "r--p");
+  EXPECT_EQ(known(address, fake.page), 0);
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, an_error_of_mprotect_is_returned) {
+  EXPECT_EQ(handled(SYS_mprotect, {1, fake.page, PROT_EXEC}), -EINVAL);
+}
+
+TEST_F(memory_calls, unmapping_code_makes_it_unknown_and_flushes) {
+  const std::uint64_t address = map(2 * fake.page, PROT_READ | PROT_EXEC);
+  EXPECT_EQ(handled(SYS_munmap, {address + fake.page, fake.page - 5}), 0);
+  EXPECT_EQ(fake.flushes, 1);
+  EXPECT_EQ(known(address + fake.page, fake.page), 0);
+  EXPECT_EQ(known(address, fake.page), 1);
+  EXPECT_FALSE(is_readable_memory(address + fake.page));
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, a_munmap_that_fails_makes_nothing_unknown) {
+  const std::uint64_t address = map(fake.page, PROT_READ | PROT_EXEC);
+  EXPECT_EQ(handled(SYS_munmap, {address + 1, fake.page}), -EINVAL);
+  EXPECT_EQ(known(address, fake.page), 1);
+  EXPECT_EQ(fake.flushes, 0);
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, mremap_moves_the_memory_and_the_known_range_stays) {
+  const std::uint64_t address = map(fake.page, PROT_READ | PROT_EXEC);
+  const auto moved = static_cast<std::uint64_t>(handled(SYS_mremap, {address, fake.page, 8 * fake.page, MREMAP_MAYMOVE}));
+  EXPECT_TRUE(is_readable_memory(moved + 8 * fake.page - 1));
+  EXPECT_EQ(known(address, fake.page), 1);
+  EXPECT_EQ(fake.flushes, 1);
+  munmap(reinterpret_cast<void*>(moved), 8 * fake.page);
+}
+
+TEST_F(memory_calls, a_mremap_that_fails_flushes_nothing) {
+  const std::uint64_t address = map(fake.page, PROT_READ | PROT_EXEC);
+  EXPECT_EQ(handled(SYS_mremap, {address + 1, fake.page, fake.page, 0}), -EINVAL);
+  EXPECT_EQ(fake.flushes, 0);
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+class shared_segments : public memory_calls {
+ protected:
+  shared_segments() : id(shmget(IPC_PRIVATE, 3 * fake.page, IPC_CREAT | 0700)) {}
+  ~shared_segments() override { shmctl(id, IPC_RMID, nullptr); }
+  int id;
+};
+
+TEST_F(shared_segments, an_executable_attachment_is_known_as_code_over_the_segments_size) {
+  ASSERT_GE(id, 0);
+  const auto address = static_cast<std::uint64_t>(handled(SYS_shmat, {static_cast<std::uint64_t>(id), 0, SHM_EXEC}));
+  EXPECT_EQ(known(address + 3 * fake.page - 1, 1), 1);
+  EXPECT_EQ(known(address + 3 * fake.page, 1), 0);
+  shmdt(reinterpret_cast<void*>(address));
+}
+
+TEST_F(shared_segments, an_error_of_shmat_is_returned_and_nothing_becomes_known) {
+  EXPECT_EQ(handled(SYS_shmat, {static_cast<std::uint64_t>(id), 1, SHM_EXEC}), -EINVAL);
+  EXPECT_EQ(engine.exec_ranges.count, 0);
+}
+
+TEST_F(shared_segments, detaching_asks_for_a_segment_by_the_address_and_leaves_it_attached_if_there_is_none) {
+  const auto address = static_cast<std::uint64_t>(handled(SYS_shmat, {static_cast<std::uint64_t>(id), 0, 0}));
+  EXPECT_EQ(handled(SYS_shmdt, {address}), -EINVAL);
+  EXPECT_TRUE(is_readable_memory(address));
+  shmdt(reinterpret_cast<void*>(address));
+}
+
+}  // namespace
+}  // namespace ceilmeter::test

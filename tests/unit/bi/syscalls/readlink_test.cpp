@@ -1,0 +1,108 @@
+// What the application reads as the path of its executable.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "fake_engine.h"
+
+namespace ceilmeter::test {
+namespace {
+
+class readlink_handler_test : public syscalls_test {
+ protected:
+  readlink_handler_test() { engine.argv = arguments; }
+
+  std::string read(const char* path, std::uint64_t size = sizeof buffer) {
+    std::memset(buffer, '#', sizeof buffer);
+    length = readlink_handler(path, buffer, size);
+    return length < 0 ? "" : std::string(buffer, static_cast<std::size_t>(length));
+  }
+
+  char path_text[32] = "/proc/../bin/../bin/sh";
+  char* arguments[2] = {path_text, nullptr};
+  char buffer[256];
+  std::int64_t length = 0;
+};
+
+std::string real_shell() {
+  char resolved[4096];
+  return realpath("/bin/sh", resolved);
+}
+
+TEST_F(readlink_handler_test, the_three_names_of_the_executable_give_the_resolved_path_of_the_application) {
+  const std::string own = "/proc/" + std::to_string(getpid()) + "/exe";
+  for (const std::string& path : {std::string("/proc/self/exe"), std::string("/proc/thread-self/exe"), own}) {
+    EXPECT_EQ(read(path.c_str()), real_shell()) << path;
+  }
+}
+
+TEST_F(readlink_handler_test, any_other_path_is_left_to_the_kernel) {
+  const std::string other = "/proc/" + std::to_string(getpid() + 1) + "/exe";
+  for (const char* path : {"/proc/self/ex", "/proc/self/exe2", "/proc/self/cwd", "/usr", "", "exe", other.c_str()}) {
+    read(path);
+    EXPECT_EQ(length, -1) << path;
+  }
+}
+
+TEST_F(readlink_handler_test, a_path_that_cannot_be_read_is_left_to_the_kernel) {
+  EXPECT_EQ(readlink_handler(nullptr, buffer, sizeof buffer), -1);
+  EXPECT_EQ(readlink_handler(reinterpret_cast<const char*>(8), buffer, sizeof buffer), -1);
+}
+
+TEST_F(readlink_handler_test, a_short_path_at_the_end_of_readable_memory_is_left_to_the_kernel) {
+  const std::uint64_t page = fake.page;
+  auto* pages = static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  mprotect(pages + page, page, PROT_NONE);
+  char* path = pages + page - 5;
+  std::memcpy(path, "/usr", 5);
+  EXPECT_EQ(readlink_handler(path, buffer, sizeof buffer), -1);
+  munmap(pages, 2 * page);
+}
+
+TEST_F(readlink_handler_test, a_small_buffer_gets_the_paths_beginning_and_nothing_is_written_behind_it) {
+  EXPECT_EQ(read("/proc/self/exe", 4), real_shell().substr(0, 4));
+  EXPECT_EQ(length, 4);
+  EXPECT_EQ(buffer[4], '#');
+}
+
+TEST_F(readlink_handler_test, the_path_has_no_terminator) {
+  const std::string path = read("/proc/self/exe");
+  EXPECT_EQ(buffer[path.size()], '#');
+}
+
+TEST_F(readlink_handler_test, a_size_that_the_kernel_refuses_is_left_to_it) {
+  EXPECT_EQ(readlink_handler("/proc/self/exe", buffer, 0), -1);
+  EXPECT_EQ(readlink_handler("/proc/self/exe", buffer, 0xffffffffu), -1);
+}
+
+TEST_F(readlink_handler_test, the_system_call_is_made_for_other_paths_only) {
+  EXPECT_EQ(handled(SYS_readlinkat, {static_cast<std::uint64_t>(AT_FDCWD), address_of("/proc/self/exe"),
+                                     address_of(buffer), sizeof buffer}),
+            static_cast<std::int64_t>(real_shell().size()));
+  expect_made(SYS_readlinkat, {static_cast<std::uint64_t>(AT_FDCWD), address_of("/bin/sh"), address_of(buffer), sizeof buffer});
+}
+
+// Last of the file: the path that is remembered stays for the process, which the test's own child is.
+TEST_F(readlink_handler_test, the_path_is_that_of_the_start_however_the_application_moves) {
+  const pid_t child = fork();
+  if (child == 0) {
+    if (chdir("/bin") != 0) _exit(2);
+    std::strcpy(path_text, "./sh");
+    remember_application_path();
+    if (chdir("/") != 0) _exit(3);
+    _exit(read("/proc/self/exe") == real_shell() ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace ceilmeter::test

@@ -1,0 +1,228 @@
+// What the kernel has of the application's signal actions, and what the application reads back.
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include "bi/signals.h"
+#include "bi/stubs.h"
+#include "fake_engine.h"
+
+namespace ceilmeter::test {
+namespace {
+
+struct raw_action {
+  std::uint64_t handler;
+  std::uint64_t flags;
+  std::uint64_t restorer;
+  std::uint64_t mask;
+};
+
+constexpr std::uint64_t handler = 0x5555001000;
+constexpr std::uint64_t sigill_bit = 1u << (SIGILL - 1);
+
+class signal_actions : public syscalls_test {
+ protected:
+  // Every signal that a test touches has its default action again afterwards.
+  ~signal_actions() override {
+    for (const int signum : {SIGILL, SIGUSR1, SIGUSR2, SIGSEGV, SIGALRM}) {
+      const raw_action standard{};
+      set(signum, &standard);
+      raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&standard), 0, 8);
+    }
+  }
+  std::int64_t set(int signum, const raw_action* act, raw_action* old = nullptr, std::uint64_t size = 8) {
+    return handled(SYS_rt_sigaction, {static_cast<std::uint64_t>(signum), address_of(act), address_of(old), size});
+  }
+  raw_action read_back(int signum) {
+    raw_action action{9, 9, 9, 9};
+    EXPECT_EQ(set(signum, nullptr, &action), 0);
+    return action;
+  }
+  static raw_action in_kernel(int signum) {
+    raw_action action{};
+    raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), 0, address_of(&action), 8);
+    return action;
+  }
+  static std::uint64_t entry() { return reinterpret_cast<std::uint64_t>(signal_entry_stub); }
+};
+
+TEST_F(signal_actions, the_kernel_has_the_engines_entry_and_the_application_reads_its_own_handler) {
+  const raw_action action{handler, SA_RESTART, 0, 1u << (SIGUSR2 - 1)};
+  EXPECT_EQ(set(SIGSEGV, &action), 0);
+  EXPECT_EQ(in_kernel(SIGSEGV).handler, entry());
+  EXPECT_EQ(in_kernel(SIGSEGV).flags, std::uint64_t{SA_RESTART | SA_SIGINFO});
+  EXPECT_EQ(in_kernel(SIGSEGV).mask, std::uint64_t{1u << (SIGUSR2 - 1)});
+  EXPECT_EQ(engine.signal_handlers[SIGSEGV], handler);
+  const raw_action read = read_back(SIGSEGV);
+  EXPECT_EQ(read.handler, handler);
+  EXPECT_EQ(read.flags, std::uint64_t{SA_RESTART});
+  EXPECT_EQ(read.mask, action.mask);
+}
+
+TEST_F(signal_actions, the_old_action_is_told_with_the_new_one) {
+  const raw_action first{handler, 0, 0, 0};
+  const raw_action second{handler + 4, 0, 0, 0};
+  raw_action old{};
+  set(SIGUSR1, &first);
+  EXPECT_EQ(set(SIGUSR1, &second, &old), 0);
+  EXPECT_EQ(old.handler, handler);
+  EXPECT_EQ(read_back(SIGUSR1).handler, handler + 4);
+}
+
+TEST_F(signal_actions, one_record_may_be_the_new_and_the_old_action) {
+  const raw_action first{handler, 0, 0, 0};
+  raw_action both{handler + 4, 0, 0, 0};
+  set(SIGUSR1, &first);
+  EXPECT_EQ(set(SIGUSR1, &both, &both), 0);
+  EXPECT_EQ(both.handler, handler);
+  EXPECT_EQ(engine.signal_handlers[SIGUSR1], handler + 4);
+}
+
+TEST_F(signal_actions, the_applications_record_stays_as_it_is_and_serves_for_another_signal) {
+  const raw_action action{handler, 0, 0, sigill_bit};
+  raw_action used = action;
+  set(SIGUSR1, &used);
+  set(SIGUSR2, &used);
+  EXPECT_EQ(std::memcmp(&used, &action, sizeof action), 0);
+  EXPECT_EQ(engine.signal_handlers[SIGUSR2], handler);
+}
+
+TEST_F(signal_actions, the_record_may_lie_in_memory_that_cannot_be_written) {
+  auto* page = static_cast<raw_action*>(mmap(nullptr, fake.page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  page->handler = handler;
+  mprotect(page, fake.page, PROT_READ);
+  EXPECT_EQ(set(SIGUSR1, page), 0);
+  EXPECT_EQ(engine.signal_handlers[SIGUSR1], handler);
+  munmap(page, fake.page);
+}
+
+TEST_F(signal_actions, default_and_ignore_go_to_the_kernel_unchanged) {
+  for (const std::uint64_t value : {std::uint64_t{1}, std::uint64_t{0}}) {
+    const raw_action action{value, SA_RESTART, 0, sigill_bit};
+    EXPECT_EQ(set(SIGUSR1, &action), 0);
+    EXPECT_EQ(in_kernel(SIGUSR1).handler, value);
+    EXPECT_EQ(in_kernel(SIGUSR1).flags, std::uint64_t{SA_RESTART});
+    EXPECT_EQ(engine.signal_handlers[SIGUSR1], value);
+    EXPECT_EQ(read_back(SIGUSR1).handler, value);
+    EXPECT_EQ(read_back(SIGUSR1).mask, sigill_bit);
+  }
+}
+
+TEST_F(signal_actions, sigill_is_never_given_up) {
+  for (const std::uint64_t value : {std::uint64_t{0}, std::uint64_t{1}, handler}) {
+    const raw_action action{value, 0, 0, 0};
+    EXPECT_EQ(set(SIGILL, &action), 0);
+    EXPECT_EQ(in_kernel(SIGILL).handler, entry());
+    EXPECT_EQ(engine.signal_handlers[SIGILL], value);
+    EXPECT_EQ(read_back(SIGILL).handler, value);
+    EXPECT_EQ(read_back(SIGILL).flags, 0u);
+  }
+}
+
+TEST_F(signal_actions, no_handler_runs_with_sigill_blocked_though_the_application_reads_it_in_its_mask) {
+  const raw_action action{handler, 0, 0, ~std::uint64_t{0}};
+  set(SIGUSR1, &action);
+  EXPECT_EQ(in_kernel(SIGUSR1).mask & sigill_bit, 0u);
+  EXPECT_EQ(read_back(SIGUSR1).mask & sigill_bit, sigill_bit);
+}
+
+TEST_F(signal_actions, a_handler_for_one_time_is_taken_back_when_it_is_taken_and_not_by_the_kernel) {
+  const raw_action action{handler, SA_RESETHAND, 0, 0};
+  set(SIGALRM, &action);
+  EXPECT_EQ(in_kernel(SIGALRM).flags & SA_RESETHAND, 0u);
+  EXPECT_EQ(read_back(SIGALRM).flags, std::uint64_t{SA_RESETHAND});
+  EXPECT_EQ(take_application_handler(SIGALRM), handler);
+  EXPECT_EQ(in_kernel(SIGALRM).handler, 0u);
+  EXPECT_EQ(take_application_handler(SIGALRM), 0u);
+}
+
+TEST_F(signal_actions, a_handler_for_any_time_stays_when_it_is_taken) {
+  const raw_action action{handler, 0, 0, 0};
+  set(SIGALRM, &action);
+  EXPECT_EQ(take_application_handler(SIGALRM), handler);
+  EXPECT_EQ(take_application_handler(SIGALRM), handler);
+  EXPECT_EQ(in_kernel(SIGALRM).handler, entry());
+}
+
+TEST_F(signal_actions, a_handler_of_sigill_for_one_time_leaves_the_engines_entry_in_force) {
+  const raw_action action{handler, SA_RESETHAND, 0, 0};
+  set(SIGILL, &action);
+  EXPECT_EQ(take_application_handler(SIGILL), handler);
+  EXPECT_EQ(take_application_handler(SIGILL), 0u);
+  EXPECT_EQ(in_kernel(SIGILL).handler, entry());
+}
+
+TEST_F(signal_actions, a_refused_call_changes_nothing) {
+  const raw_action action{handler, 0, 0, 0};
+  set(SIGUSR1, &action);
+  const raw_action other{handler + 4, 0, 0, 0};
+  EXPECT_EQ(set(SIGUSR1, &other, nullptr, 16), -EINVAL);
+  EXPECT_EQ(set(SIGKILL, &other), -EINVAL);
+  EXPECT_EQ(set(0, &other), -EINVAL);
+  EXPECT_EQ(set(65, &other), -EINVAL);
+  EXPECT_EQ(engine.signal_handlers[SIGUSR1], handler);
+  EXPECT_EQ(engine.signal_handlers[SIGKILL], 0u);
+}
+
+TEST_F(signal_actions, an_address_that_cannot_be_used_is_a_fault_of_the_call) {
+  const raw_action action{handler, 0, 0, 0};
+  EXPECT_EQ(set(SIGUSR1, reinterpret_cast<const raw_action*>(8)), -EFAULT);
+  EXPECT_EQ(set(SIGUSR1, &action, reinterpret_cast<raw_action*>(8)), -EFAULT);
+  EXPECT_EQ(engine.signal_handlers[SIGUSR1], handler) << "the new action is in force, as in the kernel";
+}
+
+TEST_F(signal_actions, the_action_is_set_under_the_lock) {
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  std::thread other([this] {
+    const raw_action action{handler, 0, 0, 0};
+    set(SIGUSR1, &action);
+  });
+  usleep(50000);
+  EXPECT_EQ(in_kernel(SIGUSR1).handler, 0u);
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  other.join();
+  EXPECT_EQ(in_kernel(SIGUSR1).handler, entry());
+}
+
+class signal_masks : public syscalls_test {
+ protected:
+  signal_masks() { raw_syscall(SYS_rt_sigprocmask, SIG_BLOCK, 0, address_of(&before), 8); }
+  ~signal_masks() override { raw_syscall(SYS_rt_sigprocmask, SIG_SETMASK, address_of(&before), 0, 8); }
+  static std::uint64_t now() {
+    std::uint64_t mask = 0;
+    raw_syscall(SYS_rt_sigprocmask, SIG_BLOCK, 0, address_of(&mask), 8);
+    return mask;
+  }
+  std::uint64_t before = 0;
+};
+
+TEST_F(signal_masks, a_mask_with_sigill_reaches_the_kernel_without_it_and_stays_as_it_is_in_memory) {
+  const std::uint64_t usr1 = 1u << (SIGUSR1 - 1);
+  for (const std::uint64_t how : {std::uint64_t{SIG_BLOCK}, std::uint64_t{SIG_SETMASK}}) {
+    const std::uint64_t set = sigill_bit | usr1;
+    std::uint64_t old = 77;
+    EXPECT_EQ(handled(SYS_rt_sigprocmask, {how, address_of(&set), address_of(&old), 8}), 0);
+    EXPECT_EQ(now() & (sigill_bit | usr1), usr1);
+    EXPECT_EQ(set, sigill_bit | usr1);
+    EXPECT_EQ(old & sigill_bit, 0u);
+  }
+}
+
+TEST_F(signal_masks, every_other_call_goes_to_the_kernel_as_it_is) {
+  const std::uint64_t usr1 = 1u << (SIGUSR1 - 1);
+  const std::uint64_t both = usr1 | sigill_bit;
+  expect_made(SYS_rt_sigprocmask, {SIG_BLOCK, address_of(&usr1), 0, 8});
+  expect_made(SYS_rt_sigprocmask, {SIG_UNBLOCK, address_of(&both), 0, 8});
+  expect_made(SYS_rt_sigprocmask, {SIG_BLOCK, 0, 0, 8});
+  expect_made(SYS_rt_sigprocmask, {SIG_BLOCK, address_of(&both), 0, 4});
+  expect_made(SYS_rt_sigprocmask, {SIG_BLOCK, 8, 0, 8});
+  EXPECT_EQ(now(), before);
+}
+
+}  // namespace
+}  // namespace ceilmeter::test
