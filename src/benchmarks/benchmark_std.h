@@ -62,6 +62,9 @@ class benchmark_std : public benchmark {
   const std::string name;
 
  private:
+  // The measured loop: calls run_kernel for as long as `state` says so, and gives the number of calls.
+  std::uint64_t count_kernel_calls(std::uint32_t thread_id);
+
   std::mutex mutex;                      // Guards kernel_calls and threads_ready, and goes with ready_cond.
   std::atomic<std::uint32_t> state = 0;  // A `run_state`: moves from 0 over 1 to 2, once.
   std::condition_variable ready_cond;    // Signalled by each thread when it is ready.

@@ -42,10 +42,12 @@ class ElfFile:
 
 
 def canonical(text):
-    """One spelling for an instruction: numbers decimal, single blanks, branch targets without their label."""
+    """One spelling for an instruction: numbers decimal, register lists in full, single blanks, no comments."""
     text = re.sub(r"<[^>]*>", "", text.split("//")[0])
     text = re.sub(r"#?\b0x([0-9a-f]+)\b", lambda match: str(int(match.group(1), 16)), text)
     text = text.replace("#", "").replace("{ ", "{").replace(" }", "}")
+    text = re.sub(r"v(\d+)\.(\w+)-v(\d+)\.\2", lambda match: ", ".join(
+        f"v{n}.{match.group(2)}" for n in range(int(match.group(1)), int(match.group(3)) + 1)), text)
     return " ".join(text.lower().split())
 
 

@@ -60,17 +60,20 @@ child_outcome run_in_child(const std::function<void()>& work, unsigned seconds) 
   return outcome;
 }
 
-child_outcome run_natively(std::vector<std::string> words, const std::vector<std::string>& environment) {
+child_outcome run_natively(const std::vector<std::string>& words, const std::vector<std::string>& environment,
+                           unsigned seconds) {
   std::istringstream emulator(CEILMETER_TEST_EMULATOR);
   std::vector<std::string> command;
   for (std::string word; emulator >> word;) command.push_back(word);
   command.insert(command.end(), words.begin(), words.end());
   std::vector<char*> argv = pointers_to(command);
   std::vector<char*> envp = pointers_to(environment);
-  return run_in_child([&] {
-    execvpe(argv[0], argv.data(), envp.data());
-    _exit(127);
-  });
+  return run_in_child(
+      [&] {
+        execvpe(argv[0], argv.data(), envp.data());
+        _exit(127);
+      },
+      seconds);
 }
 
 std::vector<char*> pointers_to(const std::vector<std::string>& strings) {

@@ -23,7 +23,8 @@ void PrintTo(const child_outcome& outcome, std::ostream* stream);
 child_outcome run_in_child(const std::function<void()>& work, unsigned seconds = 60);
 
 // Runs the program `words[0]` natively, by way of the emulator that runs this test if there is one.
-child_outcome run_natively(std::vector<std::string> words, const std::vector<std::string>& environment);
+child_outcome run_natively(const std::vector<std::string>& words, const std::vector<std::string>& environment,
+                           unsigned seconds = 60);
 
 // The addresses of the strings and a null, as argv and envp have them. `strings` must outlive the result.
 std::vector<char*> pointers_to(const std::vector<std::string>& strings);
