@@ -39,7 +39,8 @@ std::uint64_t own_count_blocks(void* tree) {
   const json_token* regions = member(static_cast<json_token*>(tree), "regions");
   for (const json_token* region = json_first_child(regions); region != nullptr; region = json_next_sibling(region)) {
     const json_token* blocks = member(region, "bbs");
-    for (const json_token* block = json_first_child(blocks); block != nullptr; block = json_next_sibling(block)) ++count;
+    const json_token* block = json_first_child(blocks);
+    for (; block != nullptr; block = json_next_sibling(block)) ++count;
   }
   return count;
 }

@@ -1,7 +1,8 @@
-// The program loader: what the kernel does at an execve, done by hand inside a process that is already there. Two things
-// differ from the kernel's work. Every mapping is told to the engine, and nothing of the tool may be harmed: segments are
-// mapped with MAP_FIXED, which replaces what it meets, so a file's numbers are judged before its first segment is mapped,
-// and its addresses are free or reserved by then. An unusable file ends in a message, never in a fault of the loader.
+// The program loader: what the kernel does at an execve, done by hand inside a process that is already there. Two
+// things differ from the kernel's work. Every mapping is told to the engine, and nothing of the tool may be harmed:
+// segments are mapped with MAP_FIXED, which replaces what it meets, so a file's numbers are judged before its first
+// segment is mapped, and its addresses are free or reserved by then. An unusable file ends in a message, never in a
+// fault of the loader.
 #include "elf/elf_loader.h"
 
 #include <elf.h>
@@ -104,7 +105,7 @@ void open_image(image& file, Elf** elf_out) {
   if (elf == nullptr) mora_log_exit(EXIT_FAILURE, "Error opening ELF file: %s: %s", file.path, elf_errmsg(-1));
   if (elf_kind(elf) != ELF_K_ELF) mora_log_exit(EXIT_FAILURE, "Error: file %s isn't an ELF file", file.path);
 
-  // The class is looked at before the header is read: elf64_getehdr would refuse a 32-bit file in words that don't say so.
+  // The class is looked at before the header is read: elf64_getehdr refuses a 32-bit file less plainly.
   const char* identification = elf_getident(elf, nullptr);
   if (identification != nullptr && identification[EI_CLASS] == ELFCLASS32) {
     mora_log_exit(EXIT_FAILURE, "Error: incorrect binary format, got a 32-bit ELF file");
@@ -131,8 +132,9 @@ void read_program_headers(image& file, Elf* elf) {
   }
 }
 
-// Whether a PT_LOAD header states a part of the file and a place that it can have there. What is let through maps without
-// wrapping, without a page of which the file has nothing (whose first touch is a SIGBUS), and with congruent addresses.
+// Whether a PT_LOAD header states a part of the file and a place that it can have there. What is let through maps
+// without wrapping, without a page of which the file has nothing (whose first touch is a SIGBUS), and with congruent
+// addresses.
 bool can_be_mapped(const image& file, const Elf64_Phdr& segment) {
   const std::uint64_t page = page_size();
   std::uint64_t end = 0;
@@ -181,8 +183,10 @@ bool claim(std::uint64_t start, std::uint64_t end) {
   return start >= end || map(start, end - start, PROT_NONE, reservation_flags, -1, 0) == start;
 }
 
-// Reserves the addresses of the image as one piece and stores where it is. The lowest address is a hint, not a demand, and
-// only what begins at 0 can count on nothing but the reservation: the rest is claimed as well, or the file refused.
+// Reserves the addresses of the image as one piece and stores where that is. The lowest address is a hint, not a
+// demand: what a file wants beyond the piece that it got is claimed too, or the file is refused. So fixed addresses
+// that something else has are never replaced, nor what a position-independent file that was linked above 0 finds above
+// its piece.
 void reserve_addresses(image& file) {
   const address_span span = span_of(file);
   const bool moves = file.header->e_type == ET_DYN;
@@ -295,8 +299,8 @@ void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_
     return;
   }
 
-  // From here on *entry_out and *elf_out are the interpreter's, if there is one. An interpreter's own interpreter counts
-  // for nothing, as for the kernel: a file that names itself would never be loaded.
+  // From here on *entry_out and *elf_out are the interpreter's, if there is one. An interpreter's own interpreter
+  // counts for nothing, as for the kernel: a file that names itself would never be loaded.
   for (std::size_t index = 0; index < file.program_header_count && !file.is_interpreter; ++index) {
     if (file.program_headers[index].p_type != PT_INTERP) continue;
     char interpreter_path[INTERPRETER_PATH_SIZE];
@@ -330,8 +334,8 @@ void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_
 
 namespace {
 
-// The application's stack under construction: words grow upwards from the stack pointer, what they point to downwards from
-// the top.
+// The application's stack under construction: words grow upwards from the stack pointer, what they point to downwards
+// from the top.
 //
 //   sp                                                                                                top
 //   | argc | argv ... 0 | envp ... 0 | auxv ... 0 0 | 0 to 15 bytes | ... strings ... argv[1] | argv[0] |
@@ -371,7 +375,8 @@ std::uint64_t stack_bytes(const char* path, int argc, char** argv, char** envp) 
   for (char** variable = envp; *variable != nullptr; ++variable) size += std::strlen(*variable) + 1 + word;
   for (const Elf64_auxv_t* entry = auxiliary_vector(envp); entry->a_type != AT_NULL; ++entry) {
     size += pair;
-    if (entry->a_type == AT_PLATFORM || entry->a_type == AT_EXECFN) size += std::strlen(string_at(entry->a_un.a_val)) + 1;
+    const bool is_string = entry->a_type == AT_PLATFORM || entry->a_type == AT_EXECFN;
+    if (is_string) size += std::strlen(string_at(entry->a_un.a_val)) + 1;
   }
   return size + pair;
 }

@@ -17,9 +17,9 @@ struct elf_aux_values {
   std::uint64_t at_phnum;
 };
 
-// Maps the file at `path` and, through a call of its own with `is_interpreter` 1, its interpreter. `*entry_out` receives
-// the address at which execution begins, `*elf_out` the handle of the image that it lies in; descriptors, handles and
-// streams stay open. Raises engine.brk to the end of the application's image.
+// Maps the file at `path` and, through a call of its own with `is_interpreter` 1, its interpreter. `*entry_out`
+// receives the address at which execution begins, `*elf_out` the handle of the image that it lies in; descriptors,
+// handles and streams stay open. Raises engine.brk to the end of the application's image.
 void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_t* entry_out, int is_interpreter);
 
 // Builds the application's stack with the `argc` arguments after the path and enters the cache at `block`.

@@ -59,7 +59,7 @@ def disassemble(command, path, start=None, stop=None):
     output = subprocess.run(arguments, check=True, capture_output=True, text=True).stdout
     result = []
     for line in output.splitlines():
-        match = re.match(r"\s*([0-9a-f]+):\s+((?:[0-9a-f]{2} ){4}|[0-9a-f]{8})\s+(\S.*)", line)
+        match = re.match(r"\s*([0-9a-f]+):\s+((?:[0-9a-f]{2} ){3}[0-9a-f]{2}|[0-9a-f]{8})\s+(\S.*)", line)
         if match:
             word = match.group(2).strip()
             value = int.from_bytes(bytes.fromhex(word), "little") if " " in word else int(word, 16)

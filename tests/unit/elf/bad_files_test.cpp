@@ -74,7 +74,8 @@ TEST_F(bad_file, that_is_empty_is_no_elf_file) {
 }
 
 TEST_F(bad_file, of_text_is_no_elf_file) {
-  const std::string path = folder.write("script", "#!/bin/sh\necho a text that is longer than the header of an ELF file is\n");
+  const std::string path =
+      folder.write("script", "#!/bin/sh\necho a text that is longer than the header of an ELF file is\n");
   EXPECT_EQ(outcome_of_loading(path), refusal("Error: file " + path + " isn't an ELF file"));
 }
 

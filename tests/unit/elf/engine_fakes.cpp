@@ -82,8 +82,9 @@ void run_in_place(std::uint64_t block, std::uint64_t sp) {
 
 void PrintTo(const vm_report& report, std::ostream* stream) {
   *stream << std::hex << "{op " << report.op << ", addr 0x" << report.addr << ", size 0x" << report.size << ", prot "
-          << report.prot << ", flags 0x" << report.flags << ", fd " << std::dec << report.fd << std::hex << ", offset 0x"
-          << report.offset << ", old_addr 0x" << report.old_addr << ", old_size 0x" << report.old_size << std::dec << "}";
+          << report.prot << ", flags 0x" << report.flags << ", fd " << std::dec << report.fd << std::hex
+          << ", offset 0x" << report.offset << ", old_addr 0x" << report.old_addr << ", old_size 0x" << report.old_size
+          << std::dec << "}";
 }
 
 }  // namespace test

@@ -1,5 +1,5 @@
-// The engine as the loader sees it, without an engine: what was reported is kept, the page size is the test's choice, and
-// the entry into the code cache comes back to the test.
+// The engine as the loader sees it, without an engine: what was reported is kept, the page size is the test's choice,
+// and the entry into the code cache comes back to the test.
 #pragma once
 
 #include <cstddef>

@@ -17,10 +17,11 @@ void PrintTo(const program_kind& kind, std::ostream* stream) { *stream << kind.n
 
 class loaded_program : public loader_fixture, public ::testing::WithParamInterface<program_kind> {
  protected:
-  static std::string path() { return std::string(LOADED_PROGRAMS) + "/" + GetParam().name; }
+  static std::string path() { return beside_the_test(GetParam().name); }
 
   // Loads and starts the program in a child, with the environment in front of this process's auxiliary vector.
-  static child_outcome run_loaded(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
+  static child_outcome run_loaded(const std::vector<std::string>& arguments,
+                                  const std::vector<std::string>& environment) {
     std::vector<char*> argv = pointers_to(arguments);
     std::vector<char*> envp = pointers_to(environment);
     char** end = environ;
@@ -30,7 +31,8 @@ class loaded_program : public loader_fixture, public ::testing::WithParamInterfa
     return run_in_child([&] {
       const loaded program = load(path());
       on_enter = run_in_place;
-      elf_run(program.entry, path().c_str(), static_cast<int>(arguments.size()), argv.data(), envp.data(), &program.aux);
+      elf_run(program.entry, path().c_str(), static_cast<int>(arguments.size()), argv.data(), envp.data(),
+              &program.aux);
     });
   }
 
@@ -66,7 +68,8 @@ TEST_P(loaded_program, takes_4000_arguments_and_a_megabyte_of_environment) {
   for (int index = 0; index < 4000; ++index) arguments.push_back("argument " + std::to_string(index));
   std::vector<std::string> environment;
   for (int index = 0; index < 16; ++index) {
-    environment.push_back("VARIABLE_" + std::to_string(index) + "=" + std::string(65536, static_cast<char>('a' + index)));
+    environment.push_back("VARIABLE_" + std::to_string(index) + "=" +
+                          std::string(65536, static_cast<char>('a' + index)));
   }
   const child_outcome outcome = run_loaded(arguments, environment);
   EXPECT_EQ(outcome.status, 7) << ::testing::PrintToString(outcome);

@@ -38,9 +38,7 @@ class loading : public loader_fixture {
  protected:
   loaded load_image(const elf_image& image) { return load(folder.write("application", image.bytes())); }
 
-  loaded load_two_segments(std::uint16_t type) {
-    return load_image(two_segments(type, type == ET_EXEC ? fixed : 0));
-  }
+  loaded load_two_segments(std::uint16_t type) { return load_image(two_segments(type, type == ET_EXEC ? fixed : 0)); }
 
   // What two_segments() is reported as from `base` on.
   static std::vector<vm_report> reports_of_two_segments(std::uint64_t base, std::int32_t fd, std::uint32_t marker) {
@@ -205,8 +203,8 @@ TEST_F(loading, reports_the_protection_that_each_flag_stands_for) {
   ASSERT_EQ(vm_reports.size(), 7U);
   for (std::size_t index = 1; index < vm_reports.size(); ++index) {
     const std::uint32_t flags = image.program_headers[index - 1].p_flags;
-    const std::uint32_t expected = ((flags & PF_R) != 0 ? 1U : 0U) | ((flags & PF_W) != 0 ? 2U : 0U) |
-                                   ((flags & PF_X) != 0 ? 4U : 0U);
+    const std::uint32_t expected =
+        ((flags & PF_R) != 0 ? 1U : 0U) | ((flags & PF_W) != 0 ? 2U : 0U) | ((flags & PF_X) != 0 ? 4U : 0U);
     EXPECT_EQ(vm_reports[index].prot, expected) << "p_flags " << flags;
   }
 }
@@ -251,7 +249,8 @@ TEST_F(loading_with_an_interpreter, reports_it_between_the_applications_reservat
 
 TEST_F(loading_with_an_interpreter, does_not_move_the_break_for_it) {
   load_with_interpreter(ET_EXEC);
-  EXPECT_EQ(engine.brk, fixed + 0x20000 + up(0x10 + data_memory)) << "the application's end, wherever the interpreter is";
+  EXPECT_EQ(engine.brk, fixed + 0x20000 + up(0x10 + data_memory))
+      << "the application's end, wherever the interpreter is";
 }
 
 TEST_F(loading_with_an_interpreter, keeps_both_descriptors_open) {

@@ -131,9 +131,9 @@ TEST_F(application_stack, has_no_words_but_those_of_the_layout) {
   vectors.add_auxiliary(AT_PAGESZ, 4096);
   const parsed_stack stack = build("/app", {"x", "y"});
   const auto* words = reinterpret_cast<const std::uint64_t*>(stack.sp);
-  const std::vector<std::uint64_t> expected = {
-      3, stack.arguments.at(0), stack.arguments.at(1), stack.arguments.at(2), 0, stack.environment.at(0), 0,
-      AT_PAGESZ, 4096, 0, 0};
+  std::vector<std::uint64_t> expected = {3, stack.arguments.at(0), stack.arguments.at(1), stack.arguments.at(2), 0};
+  expected.insert(expected.end(), {stack.environment.at(0), 0});
+  expected.insert(expected.end(), {AT_PAGESZ, 4096, 0, 0});
   EXPECT_EQ(std::vector<std::uint64_t>(words, words + expected.size()), expected);
 }
 

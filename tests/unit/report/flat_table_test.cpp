@@ -188,7 +188,8 @@ TEST(flat_table_hash, of_a_text_agrees_with_the_runtime_librarys_at_every_length
   for (std::size_t start = 0; start < 16; ++start) {
     for (std::size_t length = 0; length <= 100; ++length) {
       const std::string_view text(bytes.data() + start, length);
-      ASSERT_EQ(flat_table_hash(text), std::hash<std::string_view>()(text)) << "start " << start << " length " << length;
+      ASSERT_EQ(flat_table_hash(text), std::hash<std::string_view>()(text))
+          << "start " << start << " length " << length;
     }
   }
 }

@@ -159,7 +159,8 @@ TEST(read, of_a_directory_warns_and_gives_an_empty_report) {
 }
 
 TEST(read, of_a_truncated_file_keeps_the_members_before_the_fault) {
-  const read_result result = read_text(R"({"threads": 4, "roofs_by_num_threads": {"1": []}, "regions": {"a": {"flop": 1)");
+  const read_result result =
+      read_text(R"({"threads": 4, "roofs_by_num_threads": {"1": []}, "regions": {"a": {"flop": 1)");
   EXPECT_EQ(result.words(), "threads 4\nroofs of 1\n");
   EXPECT_THAT(result.messages, ElementsAre("warn failed to parse json from % with error Unexpected end of stream."));
 }

@@ -11,8 +11,9 @@ namespace ceilmeter {
 
 inline std::string in_words(const basic_block_record& block) {
   std::ostringstream out;
-  out << std::hex << block.start << '-' << block.end << " file " << block.dump_start << '-' << block.dump_end << std::dec
-      << " flop " << block.flop << " count " << block.count << " vector " << block.vector_length << " in " << block.module;
+  out << std::hex << block.start << '-' << block.end << " file " << block.dump_start << '-' << block.dump_end
+      << std::dec << " flop " << block.flop << " count " << block.count << " vector " << block.vector_length << " in "
+      << block.module;
   return out.str();
 }
 

@@ -194,7 +194,8 @@ TEST(write, without_the_roofs_of_its_thread_count_warns_and_has_the_others) {
 
 TEST(write, prints_thread_counts_in_table_order_as_unsigned_decimals) {
   benchmark_report benchmarks;
-  for (const std::uint64_t count : {std::uint64_t{1}, std::uint64_t{2}, ~std::uint64_t{0}}) benchmarks.insert(count, {});
+  const std::vector<std::uint64_t> counts = {1, 2, ~std::uint64_t{0}};
+  for (const std::uint64_t count : counts) benchmarks.insert(count, {});
   const std::string text = printed(fill_json({}, benchmarks, 1));
   // Slots 101, 10 and 123.
   EXPECT_THAT(text, HasSubstr("\"roofs_by_num_threads\": {\n    \"2\": [\n    ],\n    \"1\": [\n    ],\n"
@@ -229,8 +230,9 @@ TEST(write, prints_blocks_in_the_tables_order) {
 
 TEST(write, prints_addresses_in_lower_case_hexadecimal_without_prefix) {
   const region_metric region = region_of_blocks({{0, ~std::uint64_t{0}, 0xABCDEF, 0x10, 0, 0, 0, ""}});
-  EXPECT_THAT(printed(fill_json_per_region(region)), HasSubstr("\"0\",\n      \"ffffffffffffffff\",\n      \"abcdef\",\n"
-                                                               "      \"10\",\n      0,\n      0,\n      0,\n      \"\"\n"));
+  EXPECT_THAT(printed(fill_json_per_region(region)),
+              HasSubstr("\"0\",\n      \"ffffffffffffffff\",\n      \"abcdef\",\n      \"10\",\n"
+                        "      0,\n      0,\n      0,\n      \"\"\n"));
 }
 
 TEST(write, prints_numbers_beyond_the_signed_range_as_negative_ones) {

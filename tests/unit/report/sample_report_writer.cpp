@@ -1,5 +1,5 @@
-// Writes a few result files into a folder, for the test of the schema: sample_report_writer FOLDER. Each file is named after
-// what it is a sample of.
+// Writes a few result files into a folder, for the test of the schema: sample_report_writer FOLDER. Each file is named
+// after what it is a sample of.
 #include <cstdio>
 #include <limits>
 #include <string>

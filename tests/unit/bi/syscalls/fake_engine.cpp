@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -171,6 +172,19 @@ std::int64_t resident_kib() {
   }
   return -1;
 }
+
+std::int64_t mapped_kib() {
+  std::ifstream maps("/proc/self/maps");
+  std::uint64_t bytes = 0;
+  for (std::string line; std::getline(maps, line);) {
+    unsigned long start = 0;
+    unsigned long end = 0;
+    if (std::sscanf(line.c_str(), "%lx-%lx", &start, &end) == 2) bytes += end - start;
+  }
+  return static_cast<std::int64_t>(bytes / 1024);
+}
+
+bool is_emulated() { return raw_syscall(SYS_set_robust_list, 0, 0) == -ENOSYS; }
 
 int open_descriptors() {
   int count = 0;

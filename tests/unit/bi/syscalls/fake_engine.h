@@ -57,6 +57,8 @@ bool is_readable_memory(std::uint64_t address);
 // "r--p" and so on of the mapping that holds the address; empty if none does.
 std::string permissions_at(std::uint64_t address);
 std::int64_t resident_kib();
+std::int64_t mapped_kib();
+bool is_emulated();  // By the user-mode emulator, which has no robust lists.
 int open_descriptors();
 int live_threads();
 

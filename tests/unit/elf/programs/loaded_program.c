@@ -1,5 +1,5 @@
-/* What a loaded program can tell about its loading: checks its own image, prints what it was given, and ends through its
-   exit processing. Prints no address, so that a run in another place prints the same. */
+/* What a loaded program can tell about its loading: checks its own image, prints what it was given, and ends through
+   its exit processing. Prints no address, so that a run in another place prints the same. */
 #include <elf.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -72,7 +72,9 @@ static void check_auxiliary_vector(void) {
   check(getauxval(AT_ENTRY) == (uintptr_t)_start, "AT_ENTRY");
   int has_interpreter = 0;
   const Elf64_Phdr* headers = (const Elf64_Phdr*)getauxval(AT_PHDR);
-  for (unsigned long index = 0; index < getauxval(AT_PHNUM); ++index) has_interpreter |= headers[index].p_type == PT_INTERP;
+  for (unsigned long index = 0; index < getauxval(AT_PHNUM); ++index) {
+    has_interpreter |= headers[index].p_type == PT_INTERP;
+  }
   check((getauxval(AT_BASE) != 0) == has_interpreter, "AT_BASE");
   if (has_interpreter) check(memcmp((void*)getauxval(AT_BASE), ELFMAG, SELFMAG) == 0, "interpreter at AT_BASE");
   check(strcmp((const char*)getauxval(AT_PLATFORM), "aarch64") == 0, "AT_PLATFORM");
