@@ -80,7 +80,7 @@ benchmark_report run_benchmarks(std::set<std::uint64_t>& num_threads_set, const 
                          static_cast<double>(std::min(max_threads, first_count));
     for (const auto& roof : once) add(*roof, static_cast<std::uint64_t>(scale * roof->result()));
 
-    // All of them exist at once: none may get memory that another has just given back.
+    // All of them exist at once, so that none is given pages that another has just freed, touched and placed already.
     const benchmark_list each = make_all(roofs.measured_each_count, num_threads);
     for (const auto& roof : each) {
       (*roof)();

@@ -1,5 +1,5 @@
-// A read bandwidth: each thread sweeps a buffer of its own with a load kernel. Nothing here knows of caches: the size of
-// the buffer alone decides which level of the memory hierarchy answers.
+// A read bandwidth: each thread sweeps a buffer of its own with a load kernel. Nothing here knows of caches: the size
+// of the buffer alone decides which level of the memory hierarchy answers.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +18,9 @@ std::unique_ptr<data_alloc_numa> create_numa_data(std::uint32_t num_threads, std
 
 class cachebw : public benchmark_std {
  public:
-  // `elements`: 32-bit elements of each thread's buffer, at least 1; its bytes must be a whole multiple of what a pass of
-  // `load` steps over. `bytes_touched`: the kernel's data word. `useLocalNuma`: take the buffers from libnuma; without
-  // it plain memory serves, and nothing but a log line tells. `seconds` to measure.
+  // `element_count`: 32-bit elements of each thread's buffer, at least 1; its bytes must be a whole multiple of what a
+  // pass of `load` steps over. `bytes_touched`: the kernel's data word. `useLocalNuma`: take the buffers from libnuma;
+  // without it plain memory serves, and nothing but a log line tells. `seconds` to measure.
   cachebw(std::string benchmark_name, std::uint32_t thread_count, load_kernel load, std::uint64_t bytes_touched,
           std::uint64_t element_count, bool useLocalNuma, double seconds);
 

@@ -1,5 +1,5 @@
-// The buffers of a bandwidth measurement, one per thread. What counts is who touches a page first: each buffer is filled
-// on its own thread, pinned already, and the kernel places its pages then.
+// The buffers of a bandwidth measurement, one per thread. What counts is who touches a page first: each buffer is
+// filled on its own thread, pinned already, and the kernel places its pages then.
 #pragma once
 
 #include <cstddef>

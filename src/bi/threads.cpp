@@ -13,8 +13,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -97,7 +99,34 @@ void init_all_locks() {
 // lock orders the two, and the answer stays true of threads that enter the list later.
 bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0; }
 
-int start_pthread(thread_data* child) {
+// The signals that a C library keeps for itself, below the first one that it gives to programs. The application's C library
+// installs handlers for them like any others, and so does the tool's, with the first thread that it makes: in one process
+// there is room for one.
+constexpr int FIRST_INTERNAL_SIGNAL = 32;
+
+constexpr int INTERNAL_SIGNALS_MAX = 8;
+
+struct raw_signal_action {
+  std::uint64_t words[4];
+};
+
+int internal_signal_count() { return std::min(SIGRTMIN - FIRST_INTERNAL_SIGNAL, INTERNAL_SIGNALS_MAX); }
+
+void read_internal_actions(raw_signal_action* actions) {
+  for (int index = 0; index < internal_signal_count(); ++index) {
+    raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(FIRST_INTERNAL_SIGNAL + index), 0,
+                address_of(&actions[index]), KERNEL_SIGSET_SIZE);
+  }
+}
+
+void write_internal_actions(const raw_signal_action* actions) {
+  for (int index = 0; index < internal_signal_count(); ++index) {
+    raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(FIRST_INTERNAL_SIGNAL + index), address_of(&actions[index]),
+                0, KERNEL_SIGSET_SIZE);
+  }
+}
+
+int create_pthread(thread_data* child) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -107,6 +136,23 @@ int start_pthread(thread_data* child) {
   pthread_t handle{};
   const int error = pthread_create(&handle, &attributes, thread_start_stub, child);
   pthread_attr_destroy(&attributes);
+  return error;
+}
+
+int start_pthread(thread_data* child) {
+  static bool made_one = false;  // Under signal_handlers_lock.
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  if (made_one) {
+    pthread_mutex_unlock(&engine.signal_handlers_lock);
+    return create_pthread(child);
+  }
+  // What the application has set stays in force. The lock keeps it from setting anything else meanwhile.
+  raw_signal_action actions[INTERNAL_SIGNALS_MAX] = {};
+  read_internal_actions(actions);
+  const int error = create_pthread(child);
+  write_internal_actions(actions);
+  made_one = true;
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
   return error;
 }
 

@@ -173,6 +173,17 @@ TEST_F(perfmon_run, debug_log_shows_the_six_and_the_extra_four_events_opened) {
   EXPECT_EQ(counted.status, 0);
 }
 
+TEST_F(perfmon_run, group_holds_six_events_at_warn_and_ten_from_info_on) {
+  // The application looks at the tool's open counters while they count it.
+  const std::vector<std::string> application = {"/bin/sh", "-c", "ls -l /proc/$PPID/fd | grep -c perf_event"};
+  for (const auto& [level, events] : std::vector<std::pair<std::string, std::string>>{
+           {"none", "6"}, {"warn", "6"}, {"info", "10"}, {"debug", "10"}, {"trace", "10"}}) {
+    EXPECT_EQ(run({"-l", level, "--log-file=tool.log"}, application).out,
+              lines_before("/bin/sh") + events + "\n" + lines_after())
+        << level;
+  }
+}
+
 TEST_F(perfmon_run, application_keeps_its_status_to_itself_but_for_one_warning) {
   const process_result counted = run({}, {"/bin/sh", "-c", "exit 3"});
   EXPECT_EQ(counted.status, 0);

@@ -8,19 +8,24 @@
 
 namespace ceilmeter::test {
 
-// Statuses beyond those of the child's own: 128 and the number of the signal that ended it.
 struct child_outcome {
-  int status = 0;
+  int status = 0;  // The exit status; 128 and the signal's number for a child that a signal ended.
   std::string out;
   std::string err;
+  bool timed_out = false;
 
   bool operator==(const child_outcome&) const = default;
 };
 
 void PrintTo(const child_outcome& outcome, std::ostream* stream);
 
-// A child that returns from `work` ends with status 0. A child that takes longer than `seconds` ends by SIGALRM.
+// A child that returns from `work` ends with status 0. One that takes longer than `seconds` is killed, with those that
+// it has started.
 child_outcome run_in_child(const std::function<void()>& work, unsigned seconds = 60);
+
+// The address space that run_natively allows: more than any program here wants. An emulator, which keeps a record of
+// every page, would else fill the machine's memory for a program that reserves much.
+inline constexpr unsigned long long address_space_allowed = 16ULL << 30;
 
 // Runs the program `words[0]` natively, by way of the emulator that the build's tests run in if there is one.
 child_outcome run_natively(const std::vector<std::string>& words, const std::vector<std::string>& environment,
