@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
@@ -79,6 +78,17 @@ bool any_other_running(const thread_data* self, const visitor& visit) {
   return found;
 }
 
+// What a flush leaves behind, beside the tables that it has emptied.
+void start_without_fragments(thread_data* thread) {
+  thread->flush_seen = 1;
+  thread->next_block = stub_block_count();
+  thread->trace_write_cursor = thread->code_cache + BB_AREA_SIZE;
+  thread->trace_id = BB_COUNT;
+  thread->active_trace.id = BB_COUNT;
+  linked_pool_init(thread->cc_link_pool, LINK_POOL_CAPACITY);
+  deliver_flush();
+}
+
 // One page behind the image, as a hint only: whatever comes instead is the program break.
 void make_program_break() {
   pthread_mutex_init(&engine.brk_lock, nullptr);
@@ -93,10 +103,8 @@ void make_program_break() {
 }  // namespace
 
 std::uint64_t page_size() {
-  static std::mutex mutex;
-  static std::uint64_t size = 0;
-  const std::lock_guard lock(mutex);
-  if (size == 0) size = getauxval(AT_PAGESZ);
+  // Set before there is a second thread, and without a lock from then on: a child of a fork could find one taken.
+  static const std::uint64_t size = getauxval(AT_PAGESZ);
   return size;
 }
 
@@ -155,7 +163,9 @@ void init_thread(thread_data* thread) {
   void* pool = mmap(nullptr, whole_pages(linked_pool_bytes(LINK_POOL_CAPACITY)), PROT_READ | PROT_WRITE, anonymous, -1, 0);
   if (pool == MAP_FAILED) log(LEVEL_FATAL, "allocating link pool space failed");
   thread->cc_link_pool = static_cast<linked_pool*>(pool);
-  flush_code_cache(thread);
+  // A new record's tables are empty as they are mapped. A flush would touch 15 MiB to find that out, for every thread.
+  thread->entry_table.table.size = ENTRY_TABLE_SIZE;
+  start_without_fragments(thread);
   robin_map_init(&thread->return_watch, RETURN_WATCH_SIZE);
 
   std::memcpy(thread->code_cache, stub_text, stub_offset(stub_text_end));
@@ -217,12 +227,7 @@ std::int32_t allocate_bb(thread_data* thread) {
 }
 
 void flush_code_cache(thread_data* thread) {
-  thread->flush_seen = 1;
-  thread->next_block = stub_block_count();
   hash_init(&thread->entry_table.table, ENTRY_TABLE_SIZE);
-  thread->trace_write_cursor = thread->code_cache + BB_AREA_SIZE;
-  thread->trace_id = BB_COUNT;
-  thread->active_trace.id = BB_COUNT;
   for (std::int32_t index = 0; index < BB_COUNT; ++index) {
     bb_meta& meta = thread->metas[index];
     meta.exit_kind = EXIT_NOT_SET;
@@ -231,8 +236,7 @@ void flush_code_cache(thread_data* thread) {
     meta.linked_from = nullptr;
   }
   std::memset(thread->exit_counters, 0, sizeof thread->exit_counters);
-  linked_pool_init(thread->cc_link_pool, LINK_POOL_CAPACITY);
-  deliver_flush();
+  start_without_fragments(thread);
 }
 
 std::uint64_t stub_bb(thread_data* thread, std::uint64_t source) {

@@ -81,12 +81,9 @@ class variant_maker {
 
 bool is_long_run() { return std::getenv("CEILMETER_LONG") != nullptr; }
 
-class header_fuzz : public ::testing::TestWithParam<std::uint64_t> {
+class fuzzed_files : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (GetParam() >= default_batches && !is_long_run()) {
-      GTEST_SKIP() << "runs with CEILMETER_LONG=1";
-    }
     elf_image interpreter(ET_DYN, 0x1000);
     interpreter.place(0x1000, "code");
     interpreter.add_segment(PF_R | PF_X, 0, 0, 0x1004, 0x1004);
@@ -130,11 +127,13 @@ class header_fuzz : public ::testing::TestWithParam<std::uint64_t> {
         seconds_allowed);
   }
 
+  static child_outcome outcome_under_the_engine(const std::string& path) {
+    return run_natively({beside_the_test("../../programs/mora_run"), path}, {}, seconds_allowed);
+  }
+
   // Whether the engine ends where a native run does.
   static bool ends_under_the_engine(const std::string& path) {
-    const std::string mora_run = beside_the_test("../../programs/mora_run");
-    return !run_natively({mora_run, path}, {}, seconds_allowed).timed_out ||
-           run_natively({path}, {}, seconds_allowed).timed_out;
+    return !outcome_under_the_engine(path).timed_out || run_natively({path}, {}, seconds_allowed).timed_out;
   }
 
   static void overwrite_headers(const std::string& path, const std::string& content) {
@@ -154,6 +153,21 @@ class header_fuzz : public ::testing::TestWithParam<std::uint64_t> {
   scratch_folder m_folder;
   std::vector<fuzzed> m_files;
 };
+
+class header_fuzz : public fuzzed_files, public ::testing::WithParamInterface<std::uint64_t> {
+ protected:
+  void SetUp() override {
+    if (GetParam() >= default_batches && !is_long_run()) GTEST_SKIP() << "runs with CEILMETER_LONG=1";
+    fuzzed_files::SetUp();
+  }
+};
+
+TEST_F(fuzzed_files, are_programs_that_the_engine_runs_as_long_as_nothing_is_changed) {
+  for (const fuzzed& file : m_files) {
+    if (!file.name.starts_with("loaded")) continue;
+    EXPECT_EQ(outcome_under_the_engine(m_folder / file.name).status, 7) << file.name;
+  }
+}
 
 INSTANTIATE_TEST_SUITE_P(batches, header_fuzz, ::testing::Range(std::uint64_t{0}, long_batches));
 
