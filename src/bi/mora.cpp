@@ -230,6 +230,8 @@ void flush_code_cache(thread_data* thread) {
   hash_init(&thread->entry_table.table, ENTRY_TABLE_SIZE);
   for (std::int32_t index = 0; index < BB_COUNT; ++index) {
     bb_meta& meta = thread->metas[index];
+    // Read before written, as in the tables: pages that no block has reached yet stay without memory.
+    if ((meta.exit_kind | meta.link_state) == 0 && meta.parent_block == 0 && meta.linked_from == nullptr) continue;
     meta.exit_kind = EXIT_NOT_SET;
     meta.parent_block = 0;
     meta.link_state = LINK_NONE;

@@ -2,6 +2,7 @@
 #include <linux/futex.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -258,6 +259,7 @@ TEST_F(application_threads, threads_one_after_another_leave_the_memory_where_a_h
   const char* number = std::getenv("CEILMETER_TEST_THREADS");
   const int total = number != nullptr ? std::atoi(number) : 2000;
   alarm(300);
+  prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);  // Huge pages come when the kernel finds the time, and are counted.
   const auto run = [this](int count) {
     for (int index = 0; index < count; ++index) {
       child_word = 1;
