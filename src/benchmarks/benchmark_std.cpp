@@ -45,8 +45,8 @@ void sleep_for(double seconds) {
   }
 }
 
-// Pins the calling thread to the CPU of that number; -1 and errno on failure. The set has room for 1024 CPUs: a higher
-// number leaves it empty, which the kernel refuses.
+}  // namespace
+
 int pin_to_cpu(std::uint32_t cpu) {
   cpu_set_t set;
   static_assert(sizeof(set) == 128);
@@ -54,8 +54,6 @@ int pin_to_cpu(std::uint32_t cpu) {
   if (cpu < CPU_SETSIZE) CPU_SET(cpu, &set);
   return sched_setaffinity(0, sizeof(set), &set);
 }
-
-}  // namespace
 
 std::uint32_t cut_to_u32(double value) { return cut_to<std::uint32_t>(value); }
 std::uint64_t cut_to_u64(double value) { return cut_to<std::uint64_t>(value); }

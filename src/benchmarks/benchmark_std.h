@@ -11,6 +11,10 @@
 
 namespace ceilmeter {
 
+// Pins the calling thread to the CPU of that number. Returns 0, or -1 and errno on failure. The set handed to the kernel
+// has room for 1024 CPUs: a higher number leaves it empty, which the kernel refuses with EINVAL.
+int pin_to_cpu(std::uint32_t cpu);
+
 // `value` without its fraction, as FCVTZU converts: NaN and what is below 0 give 0, what is too large gives the largest
 // number. C++ leaves these undefined, and a benchmark of no duration divides 0 by 0.
 std::uint32_t cut_to_u32(double value);

@@ -32,7 +32,7 @@ class cachebw : public benchmark_std {
   void init_thread(std::uint32_t thread_id) override;
   void run_kernel(std::uint32_t thread_id, std::uint64_t passes) override;
 
- private:
+ protected:
   std::uint64_t elements;
   load_kernel kernel;
   std::uint64_t bytes_per_iteration;

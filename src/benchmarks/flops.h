@@ -23,7 +23,7 @@ class flops : public benchmark_std {
   void init_thread(std::uint32_t) override {}
   void run_kernel(std::uint32_t thread_id, std::uint64_t passes) override;
 
- private:
+ protected:
   std::uint64_t flops_per_iteration;
   std::uint64_t kernel;
 };

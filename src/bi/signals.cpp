@@ -18,6 +18,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/stubs.h"
+#include "bi/syscalls.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -64,6 +65,14 @@ bool is_in_code_range(const thread_data* thread, std::uint64_t pc) {
 
 bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8_t* place) {
   return pc == address_of(thread->code_cache) + stub_offset(place);
+}
+
+// Between the last look at the held signals and a call that has not been made. A call that does not come back is none of
+// those: the thread's status tells, which only a call that does sets.
+bool is_before_syscall(const thread_data* thread, std::uint64_t pc) {
+  const std::uint64_t base = address_of(thread->code_cache);
+  return pc >= base + stub_offset(syscall_restart_window) && pc < base + stub_offset(syscall_return_point) &&
+         std::atomic_ref(const_cast<thread_data*>(thread)->status).load(std::memory_order_relaxed) == THREAD_IN_SYSCALL;
 }
 
 // The fragment whose record describes the exit of the code at `pc`. A block that was continued more than once is found
@@ -191,7 +200,7 @@ void leave_reentry_stub(mcontext_t& context) {
   context.sp += 48;
 }
 
-// The signal interrupted a system call of the application's as it returned: the wrapper's frame is taken apart.
+// The application's state that is the same before and after its call, out of the wrapper's frame.
 void leave_syscall_wrapper(mcontext_t& context) {
   const std::uint64_t frame = context.sp;
   const auto* area = reinterpret_cast<const std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
@@ -208,6 +217,15 @@ void leave_syscall_wrapper(mcontext_t& context) {
   context.pstate = flags;
   context.pc = area[SYSCALL_NEXT_SOURCE / 8];
   context.sp = frame + SYSCALL_FRAME_SIZE;
+}
+
+// The signal came before the call was made, or has interrupted it in a way that lets it be made again (SA_RESTART): the
+// application stands at its own SVC, with the arguments as they were.
+void undo_syscall(mcontext_t& context) {
+  const auto* area = reinterpret_cast<const std::uint64_t*>(context.sp + STUB_SIMD_REGS_SIZE);
+  for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
+  leave_syscall_wrapper(context);
+  context.pc -= sizeof(std::uint32_t);
 }
 
 std::uint64_t application_handler(int signum) {
@@ -227,6 +245,19 @@ std::uint64_t handle_synchronous(thread_data* thread, int signum, ucontext_t* uc
   return 0;  // The instruction faults again, and the default action applies.
 }
 
+// The context is the application's, with a source address as its pc. An action that another thread has taken back since the
+// signal arrived leaves no handler: the thread goes on, and the kernel's default action strikes once the signal is free.
+std::uint64_t run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
+  const std::uint64_t handler = take_application_handler(signum);
+  if (handler > 1) return lookup_or_scan(thread, handler);
+  context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
+  if (handler == 0) {
+    raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
+                static_cast<std::uint64_t>(signum));
+  }
+  return 0;
+}
+
 void stop_for_exit(thread_data* thread, std::uint64_t pc) {
   if (is_in_code_range(thread, pc)) {
     const std::int32_t id = exit_owner(thread, pc);
@@ -238,8 +269,8 @@ void stop_for_exit(thread_data* thread, std::uint64_t pc) {
   std::atomic_ref(thread->pending_signal_count).fetch_add(1, std::memory_order_relaxed);
 }
 
-// The lowest counted signal that the thread does not block, taken off its counter; -1: none.
-int take_pending_signal(thread_data* thread) {
+// The lowest counted signal that the thread does not block; -1: none.
+int find_pending_signal(thread_data* thread) {
   std::uint64_t mask = 0;
   raw_syscall(NR_RT_SIGPROCMASK, SIG_BLOCK, 0, address_of(&mask), KERNEL_SIGSET_SIZE);
   for (int signum = 0; signum < SIGNAL_COUNT; ++signum) {
@@ -247,13 +278,17 @@ int take_pending_signal(thread_data* thread) {
     // has the last word, since the signal is raised anew and stays pending there if it is blocked.
     const auto bit = static_cast<std::int32_t>(std::uint32_t{1} << (signum & 31));
     if ((static_cast<std::uint64_t>(static_cast<std::int64_t>(bit)) & mask) != 0) continue;
-    std::atomic_ref counter(thread->pending_signals[signum]);
-    // Only this thread counts down, and signals that come between count up: a positive value stays positive.
-    if (counter.load(std::memory_order_relaxed) < 1) continue;
-    counter.fetch_sub(1, std::memory_order_relaxed);
-    return signum;
+    if (std::atomic_ref(thread->pending_signals[signum]).load(std::memory_order_relaxed) >= 1) return signum;
   }
   return -1;
+}
+
+// The same, taken off its counter.
+int take_pending_signal(thread_data* thread) {
+  const int signum = find_pending_signal(thread);
+  // Only this thread counts down, and signals that come between count up: a positive value stays positive.
+  if (signum >= 0) std::atomic_ref(thread->pending_signals[signum]).fetch_sub(1, std::memory_order_relaxed);
+  return signum;
 }
 
 }  // namespace
@@ -263,6 +298,10 @@ void install_sigill_handler() {
   action.sa_sigaction = reinterpret_cast<void (*)(int, siginfo_t*, void*)>(signal_entry_stub);
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGILL, &action, nullptr);
+}
+
+bool has_deliverable_signal(thread_data* thread) {
+  return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0 || find_pending_signal(thread) >= 0;
 }
 
 void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target) {
@@ -313,11 +352,16 @@ extern "C" std::uint64_t signal_dispatcher(int signum, void*, void* ucontext_poi
   }
   if (is_stub_point(thread, pc, reentry_signal_point)) {
     leave_reentry_stub(context);
-    return lookup_or_scan(thread, application_handler(signum));
+    return run_handler(thread, signum, ucontext);
   }
-  if (is_stub_point(thread, pc, syscall_return_point)) {
-    leave_syscall_wrapper(context);
-    return lookup_or_scan(thread, application_handler(signum));
+  if (is_stub_point(thread, pc, syscall_return_point) || is_before_syscall(thread, pc)) {
+    if (pc == address_of(thread->code_cache) + stub_offset(syscall_return_point)) {
+      leave_syscall_wrapper(context);
+    } else {
+      undo_syscall(context);
+    }
+    leave_syscall(thread);  // The handler is application code: the thread is not in its call any more.
+    return run_handler(thread, signum, ucontext);
   }
   const bool in_code = is_in_code_range(thread, pc);
   if (in_code) {

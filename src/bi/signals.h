@@ -19,6 +19,9 @@ void install_sigill_handler();
 // Makes a context look like an exit that is about to enter the dispatcher with `target`.
 void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target);
 
+// Whether the thread's next way back into the cache would raise a signal that has been counted, or end the thread.
+bool has_deliverable_signal(thread_data* thread);
+
 // Makes sure that the fragment's next pass through its exit comes to the engine. `pc` is where the thread stands.
 void trap_fragment_exit(thread_data* thread, std::int32_t fragment_id, std::uint64_t pc);
 

@@ -312,7 +312,16 @@ global_label syscall_wrapper
         ldr     x3, word_thread_data
         ldr     x9, word_syscall_handler_pre
         blr     x9
-        cbz     x0, 2f
+        cbz     x0, syscall_leave
+        mov     w10, #0 // how many held signals have been judged
+// From here on to the SVC, itself included, a signal finds the call not made: the signal dispatcher takes the frame apart,
+// lets the handler run, and the application makes the call anew. A signal from before this point was only counted, and
+// the call might never return: it is raised first. So nothing that arrives before a call can be slept over by it.
+global_label syscall_restart_window
+        ldr     x9, word_pending_signal_count
+        ldr     w9, [x9]
+        cmp     w9, w10
+        b.ne    syscall_with_held_signals
         add     x9, sp, #STUB_SIMD_REGS_SIZE
         ldp     x0, x1, [x9, #SYSCALL_X0]
         ldp     x2, x3, [x9, #SYSCALL_X2]
@@ -331,7 +340,8 @@ global_label syscall_return_point
         ldr     x3, word_thread_data
         ldr     x9, word_syscall_handler_post
         blr     x9
-2:      bl      restore_simd_regs
+syscall_leave:
+        bl      restore_simd_regs
         msr     nzcv, x19
         ldp     x2, x3, [sp, #SYSCALL_X2]
         ldp     x0, x1, [sp], #0x20
@@ -401,6 +411,20 @@ reentry_resume:
         ldr     x0, [sp], #0x20
         br      x0
 
+// Part of syscall_wrapper: signals are held. Calls syscall_held_signals(number, args, next_inst, thread_data), which
+// either changes the two return addresses so that the call is made anew once they are raised, and returns 0, or returns 1
+// more than the number of those that have to wait on.
+syscall_with_held_signals:
+        ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
+        add     x1, sp, #STUB_SIMD_REGS_SIZE
+        ldr     x2, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_NEXT_SOURCE)]
+        ldr     x3, word_thread_data
+        ldr     x9, word_syscall_held_signals
+        blr     x9
+        cbz     x0, syscall_leave
+        sub     w10, w0, #1
+        b       syscall_restart_window
+
 // The data words. Two differ from thread to thread and are filled in each copy by init_thread.
         .balign 8
 global_label word_thread_data
@@ -411,6 +435,8 @@ word_dispatcher:
         .xword  dispatcher
 word_syscall_handler_pre:
         .xword  syscall_handler_pre
+word_syscall_held_signals:
+        .xword  syscall_held_signals
 word_syscall_handler_post:
         .xword  syscall_handler_post
 word_create_trace:

@@ -18,6 +18,7 @@ extern const std::uint8_t dispatcher_entry_stub[];
 extern const std::uint8_t hot_counter_stub[];
 extern const std::uint8_t hot_counter_slots[];
 extern const std::uint8_t syscall_wrapper[];
+extern const std::uint8_t syscall_restart_window[];
 extern const std::uint8_t syscall_return_point[];
 extern const std::uint8_t cache_reentry_stub[];
 extern const std::uint8_t reentry_signal_point[];
@@ -36,6 +37,8 @@ std::int64_t raw_syscall(std::uint64_t number, std::uint64_t a0 = 0, std::uint64
 void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr, thread_data* thread);
 std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                   thread_data* thread);
+std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
+                                   thread_data* thread);
 void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread);
 void create_trace(thread_data* thread, std::int32_t source_index, std::uint64_t* ret);
 std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info);

@@ -262,6 +262,16 @@ std::uint64_t take_application_handler(int signum) {
   return handler;
 }
 
+void leave_syscall(thread_data* thread) {
+  // This thread stores its status and then loads the flag; mora_terminate stores the flag and then loads the status. The
+  // fence here and the one there forbid that both loads see the old values, which would let this thread run on in the
+  // cache while the process is torn down: either it finds the flag, or mora_terminate finds it running and goes on
+  // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
+  std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) abandon_thread(thread);
+}
+
 extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                              thread_data* thread) {
   log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
@@ -286,6 +296,21 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   return 0;
 }
 
+// A call that blocks would keep a counted signal from its handler. Natively the signal would have come before the call:
+// the handler runs first, and the application makes the call after it, from its own instruction.
+extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
+                                              thread_data* thread) {
+  const std::int32_t held = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
+  const auto judged = static_cast<std::uint64_t>(held) + 1;
+  // These two cannot be made anew, since their arguments have been rewritten. Neither waits for a signal.
+  if (number == SYS_rt_sigreturn || number == SYS_clone || !has_deliverable_signal(thread)) return judged;
+  leave_syscall(thread);
+  const std::uint64_t call = next_inst - sizeof(std::uint32_t);
+  args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, call);
+  args[SYSCALL_NEXT_SOURCE / 8] = call;
+  return 0;
+}
+
 extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                      thread_data* thread) {
   log(LEVEL_TRACE, "syscall post %ld", static_cast<long>(number));
@@ -293,13 +318,7 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
     log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
     finish_fork(thread, static_cast<std::int64_t>(args[0]));  // First: locks and signals are held back until then.
   }
-  // This thread stores its status and then loads the flag; mora_terminate stores the flag and then loads the status. The
-  // fence here and the one there forbid that both loads see the old values, which would let this thread run on in the
-  // cache while the process is torn down: either it finds the flag, or mora_terminate finds it running and goes on
-  // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
-  std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) abandon_thread(thread);
+  leave_syscall(thread);
   std::uint64_t result = args[0];
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
 }

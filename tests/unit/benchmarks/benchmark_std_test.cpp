@@ -356,7 +356,24 @@ class many_threads : public counting_benchmark {
 };
 
 // The set has room for 1024 processors. The kernel refuses an empty one.
+TEST_F(frame, asks_for_no_processor_at_all_from_number_1024_on) {
+  for (const std::uint32_t cpu : {1024u, 1025u, 5000u, 0xffffffffu}) {
+    errno = 0;
+    EXPECT_EQ(pin_to_cpu(cpu), -1) << cpu;
+    EXPECT_EQ(errno, EINVAL) << cpu;
+  }
+  EXPECT_EQ(cpus_asked_for(), (std::multiset<int>{-1, -1, -1, -1}));
+}
+
+TEST_F(frame, asks_for_processor_1023_by_its_number) {
+  pin_to_cpu(1023);
+  EXPECT_EQ(cpus_asked_for(), std::multiset<int>{1023});
+}
+
+// The same with as many threads: each one that is ready spins, and on two processors beside another load that can take
+// minutes.
 TEST_F(frame, asks_for_no_processor_at_all_from_thread_1024_on) {
+  if (std::getenv("CEILMETER_LONG") == nullptr) GTEST_SKIP() << "a thousand spinning threads: in the long run only";
   seams.processors = 1026;
   many_threads benchmark(1026, 0.0);
   benchmark();

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -66,9 +67,14 @@ child_outcome run_in_child(const std::function<void()>& work, unsigned seconds) 
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
     for (const int fd : {out[0], out[1], err[0], err[1]}) close(fd);
-    // A program with random headers may send signals and fault at will: not to its parents, and without leaving a core.
+    // A program with random headers may send signals and fault at will: not to its parents, without leaving a core, and
+    // not for longer than they live.
     const rlimit no_core{0, 0};
-    if (setpgid(0, 0) != 0 || setrlimit(RLIMIT_CORE, &no_core) != 0) _exit(98);
+    const rlimit processor{seconds, seconds};
+    if (setpgid(0, 0) != 0 || setrlimit(RLIMIT_CORE, &no_core) != 0 || setrlimit(RLIMIT_CPU, &processor) != 0 ||
+        prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+      _exit(98);
+    }
     work();
     _exit(0);
   }
@@ -76,7 +82,7 @@ child_outcome run_in_child(const std::function<void()>& work, unsigned seconds) 
   close(err[1]);
   child_outcome outcome;
   std::array<pollfd, 2> ends{{{out[0], POLLIN, 0}, {err[0], POLLIN, 0}}};
-  if (!drain(ends, {&outcome.out, &outcome.err}, steady::now() + std::chrono::seconds(seconds))) {
+  if (!drain(ends, {&outcome.out, &outcome.err}, steady::now() + std::chrono::seconds(10 * seconds))) {
     outcome.timed_out = true;
     kill(-pid, SIGKILL);  // Not an alarm of its own: an emulator within a system call doesn't look.
     for (const pollfd& end : ends) {
@@ -86,6 +92,7 @@ child_outcome run_in_child(const std::function<void()>& work, unsigned seconds) 
   int status = 0;
   waitpid(pid, &status, 0);
   outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  outcome.timed_out = outcome.timed_out || outcome.status == 128 + SIGKILL || outcome.status == 128 + SIGXCPU;
   return outcome;
 }
 

@@ -16,10 +16,10 @@ namespace ceilmeter::test {
 namespace {
 
 constexpr int entered_status = 42;
-constexpr unsigned seconds_allowed = 60;
-constexpr std::uint64_t variants_per_batch = 500;
-constexpr std::uint64_t default_batches = 4;
-constexpr std::uint64_t long_batches = 20;
+constexpr unsigned seconds_allowed = 10;  // Of the processor's time; most take a tenth of one.
+constexpr std::uint64_t variants_per_batch = 250;
+constexpr std::uint64_t default_batches = 8;
+constexpr std::uint64_t long_batches = 40;
 
 // Where fields begin and how wide they are, in the header and in a program header.
 struct field {
@@ -195,8 +195,8 @@ TEST_P(header_fuzz, ends_in_a_message_or_in_the_application) {
   }
   for (const auto& [text, count] : outcomes) std::printf("%5d %s\n", count, text.c_str());
   // A batch that all goes one way tests nothing.
-  EXPECT_GT(outcomes["entered"], 25);
-  EXPECT_LT(outcomes["entered"], 475);
+  EXPECT_GT(outcomes["entered"], 12);
+  EXPECT_LT(outcomes["entered"], 238);
 }
 
 }  // namespace

@@ -84,5 +84,44 @@ TEST_F(syscall_handlers, a_signal_return_is_led_to_the_dispatcher_with_the_addre
   EXPECT_EQ(thread->status, THREAD_RUNNING) << "the call does not come back to set it again";
 }
 
+class held_signals : public syscalls_test {
+ protected:
+  held_signals() {
+    for (std::uint64_t word = 0; word < 26; ++word) args[word] = 0xb000 + word;
+    thread->pending_signal_count = 3;
+  }
+  std::uint64_t judge(std::uint64_t number) {
+    thread->status = THREAD_IN_SYSCALL;
+    return syscall_held_signals(number, args, next_inst, thread);
+  }
+};
+
+TEST_F(held_signals, a_call_goes_back_to_its_own_instruction_if_one_can_be_raised) {
+  fake.signal_is_deliverable = true;
+  EXPECT_EQ(judge(SYS_read), 0u);
+  EXPECT_EQ(args[SYSCALL_CACHE_RETURN / 8], cache_of(next_inst - 4));
+  EXPECT_EQ(args[SYSCALL_NEXT_SOURCE / 8], next_inst - 4);
+  EXPECT_EQ(thread->status, THREAD_RUNNING);
+  for (std::uint64_t word = 0; word < 22; ++word) EXPECT_EQ(args[word], 0xb000 + word) << "register " << word;
+}
+
+TEST_F(held_signals, a_call_is_made_if_all_have_to_wait_and_their_number_is_told) {
+  EXPECT_EQ(judge(SYS_read), 4u);
+  EXPECT_EQ(args[SYSCALL_NEXT_SOURCE / 8], 0xb000u + SYSCALL_NEXT_SOURCE / 8);
+  EXPECT_EQ(thread->status, THREAD_IN_SYSCALL);
+}
+
+TEST_F(held_signals, a_call_whose_arguments_have_been_rewritten_is_never_made_anew) {
+  fake.signal_is_deliverable = true;
+  EXPECT_EQ(judge(SYS_clone), 4u);
+  EXPECT_EQ(judge(SYS_rt_sigreturn), 4u);
+}
+
+TEST_F(held_signals, a_thread_that_would_make_its_call_anew_while_the_process_ends_goes_no_further) {
+  fake.signal_is_deliverable = true;
+  engine.exit_flag = 1;
+  EXPECT_THROW(judge(SYS_read), thread_abandoned);
+}
+
 }  // namespace
 }  // namespace ceilmeter::test

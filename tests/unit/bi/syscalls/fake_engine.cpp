@@ -81,6 +81,10 @@ std::uint64_t scan(thread_data*, std::uint64_t, std::int32_t) {
   return reinterpret_cast<std::uint64_t>(reinterpret_cast<void*>(fake_block));
 }
 
+std::uint64_t lookup_or_scan(thread_data*, std::uint64_t source) { return test::cache_of(source); }
+
+bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }
+
 void mora_terminate(thread_data*, std::int32_t status) { throw test::process_ended{status}; }
 void abandon_thread(thread_data*) { throw test::thread_abandoned{}; }
 

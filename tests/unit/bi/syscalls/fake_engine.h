@@ -25,11 +25,15 @@ struct fake_engine_state {
   int threads_registered;
   int records_freed;
   int pthread_create_error;       // What pthread_create returns if not 0.
+  bool signal_is_deliverable;     // What has_deliverable_signal tells.
   std::uint64_t redirect_target;  // Of the last context_redirect_to_dispatcher.
   void* redirect_context;
   void (*thread_body)(const std::uint64_t* entry);  // What a new thread runs in place of its first block.
 };
 extern fake_engine_state fake;
+
+// Where the stand-in of lookup_or_scan finds the block of a source address.
+constexpr std::uint64_t cache_of(std::uint64_t source) { return source + 0x10000000; }
 
 // A thread of the application's with the save area of a system call on its stack.
 class syscalls_test : public testing::Test {
