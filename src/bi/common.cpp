@@ -41,6 +41,14 @@ std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key) {
   return HASH_MISS;
 }
 
+bool hash_has_room(const hash_table* table, std::uint64_t key) {
+  const hash_entry* entries = hash_entries(table);
+  const std::int32_t last = table->size - 1;
+  std::int32_t index = hash_home(table, key);
+  while (index < last && entries[index].key != 0 && entries[index].key != key) ++index;
+  return index < last;
+}
+
 bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value) {
   hash_entry* entries = hash_entries(table);
   std::int32_t index = hash_home(table, key);
@@ -83,10 +91,21 @@ void linked_pool_init(linked_pool* pool, std::uint32_t capacity) {
   pool->capacity = capacity;
 }
 
+void linked_pool_init_zeroed(linked_pool* pool, std::uint32_t capacity) {
+  pool->free_head = capacity != 0 ? linked_pool_records(pool) : nullptr;
+  pool->capacity = capacity;
+}
+
 linked_record* linked_pool_alloc(linked_pool* pool) {
   linked_record* record = pool->free_head;
   if (record == nullptr) return nullptr;
-  pool->free_head = record->next;
+  linked_record* following = record + 1;
+  if (record->next != nullptr) {
+    pool->free_head = record->next;
+  } else {
+    // The last record, or one that has never been threaded: the free ones follow each other then.
+    pool->free_head = following != linked_pool_records(pool) + pool->capacity ? following : nullptr;
+  }
   record->next = nullptr;
   return record;
 }
@@ -215,6 +234,13 @@ std::int64_t interval_map_overlapping(interval_map* map, std::uint64_t start, st
                                            [=](const interval_entry& entry) { return overlaps(entry, start, end); });
   pthread_mutex_unlock(&map->lock);
   return found;
+}
+
+bool interval_map_is_full(interval_map* map) {
+  if (pthread_mutex_lock(&map->lock) != 0) return true;
+  const bool full = map->count >= map->capacity;
+  pthread_mutex_unlock(&map->lock);
+  return full;
 }
 
 int interval_map_search(interval_map* map, std::uint64_t address, interval_entry* out) {

@@ -77,6 +77,9 @@ void hash_init(hash_table* table, std::int32_t size);
 // The value stored with `key`, or HASH_MISS. Key 0 is always a miss.
 std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key);
 
+// Whether hash_add would find a place for `key`: not if every slot from its home to the table's end is taken.
+bool hash_has_room(const hash_table* table, std::uint64_t key);
+
 // Stores the pair, or a new value with a key that is there. Returns true. A run of occupied slots that reaches the
 // table's end is fatal: a table without room for a block would scan that block again at each visit.
 bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value);
@@ -118,6 +121,9 @@ constexpr std::size_t linked_pool_bytes(std::uint32_t capacity) {
 // Makes all records free, in order of their addresses. The caller provides linked_pool_bytes(capacity).
 void linked_pool_init(linked_pool* pool, std::uint32_t capacity);
 
+// The same for memory that is zeroed, of which only the header is touched: a fresh mapping stays without memory.
+void linked_pool_init_zeroed(linked_pool* pool, std::uint32_t capacity);
+
 // A record with `next` null and `word` as it was, or null when all have been handed out.
 linked_record* linked_pool_alloc(linked_pool* pool);
 
@@ -156,6 +162,9 @@ std::int64_t interval_map_delete(interval_map* map, std::uint64_t start, std::ui
 
 // The number of entries that overlap [start, end), or -1 as above.
 std::int64_t interval_map_overlapping(interval_map* map, std::uint64_t start, std::uint64_t end);
+
+// Whether the map holds as many entries as it can, so that it drops the next one that meets none of them.
+bool interval_map_is_full(interval_map* map);
 
 // 1 and in `*out` a copy of the entry that holds `address`; 0 if there is none; -1 if `out` is null or the lock fails.
 // The copy's descriptor stays the map's: another thread's call can close it at any time.

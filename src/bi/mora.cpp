@@ -16,7 +16,9 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/dispatcher.h"
-#include "bi/plugin.h"
+#include "bi/function_watch.h"
+#include "bi/pages.h"
+#include "bi/plugin_delivery.h"
 #include "bi/scanner.h"
 #include "bi/signals.h"
 #include "bi/stubs.h"
@@ -33,15 +35,9 @@ namespace {
 
 constexpr engine_log log{"src/bi/mora"};
 
-constexpr std::uint32_t FUNCTION_WATCH_SIZE = 264;  // Bytes of a record of function_watches.
-constexpr std::uint32_t RETURN_WATCH_SIZE = 24;     // And of return_watch.
-
 constexpr int anonymous = MAP_PRIVATE | MAP_ANONYMOUS;
 
-std::size_t whole_pages(std::size_t size) {
-  const std::size_t page = page_size();
-  return (size + page - 1) / page * page;
-}
+std::size_t whole_pages(std::size_t size) { return page_up(size, page_size()); }
 
 // The word at `place` of the stub text in a thread's copy.
 void set_stub_word(thread_data* thread, const std::uint8_t* place, const void* value) {
@@ -85,7 +81,6 @@ void start_without_fragments(thread_data* thread) {
   thread->trace_write_cursor = thread->code_cache + BB_AREA_SIZE;
   thread->trace_id = BB_COUNT;
   thread->active_trace.id = BB_COUNT;
-  linked_pool_init(thread->cc_link_pool, LINK_POOL_CAPACITY);
   deliver_flush();
 }
 
@@ -121,10 +116,11 @@ int mora_run(int argc, char** argv, char** envp) {
   engine.argv = argv;
   pthread_mutex_init(&engine.thread_list_lock, nullptr);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
+  interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
   pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
   install_sigill_handler();
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
-  robin_map_init(&engine.function_watches, FUNCTION_WATCH_SIZE);
+  robin_map_init(&engine.function_watches, sizeof(function_watch));
 
   thread_data* thread = nullptr;
   if (!allocate_thread_data(&thread)) log(LEVEL_FATAL, "failed to allocate initial thread data");
@@ -165,8 +161,9 @@ void init_thread(thread_data* thread) {
   thread->cc_link_pool = static_cast<linked_pool*>(pool);
   // A new record's tables are empty as they are mapped. A flush would touch 15 MiB to find that out, for every thread.
   thread->entry_table.table.size = ENTRY_TABLE_SIZE;
+  linked_pool_init_zeroed(thread->cc_link_pool, LINK_POOL_CAPACITY);
   start_without_fragments(thread);
-  robin_map_init(&thread->return_watch, RETURN_WATCH_SIZE);
+  robin_map_init(&thread->return_watch, sizeof(return_watch));
 
   std::memcpy(thread->code_cache, stub_text, stub_offset(stub_text_end));
   set_stub_word(thread, word_pending_signal_count, &thread->pending_signal_count);
@@ -178,6 +175,7 @@ void init_thread(thread_data* thread) {
     constexpr std::uint32_t nop = 0xd503201f;
     set_stub_instruction(thread, save_vector_state, nop);
     set_stub_instruction(thread, restore_vector_state, nop);
+    set_raise_trap(reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(reentry_raise)));
   }
 
   thread->hot_counter_stub_addr = stub_copy(thread, hot_counter_stub);
@@ -238,6 +236,8 @@ void flush_code_cache(thread_data* thread) {
     meta.linked_from = nullptr;
   }
   std::memset(thread->exit_counters, 0, sizeof thread->exit_counters);
+  forget_function_entries(thread);
+  linked_pool_init(thread->cc_link_pool, LINK_POOL_CAPACITY);
   start_without_fragments(thread);
 }
 
@@ -266,6 +266,8 @@ std::uint64_t lookup_or_stub(thread_data* thread, std::uint64_t source) {
 std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id) {
   log(LEVEL_TRACE, "scan(%p)", reinterpret_cast<void*>(source));
   const bool is_new = bb_id == 0;
+  // Blocks that lie close together where the low bits of their addresses are highest can fill the table up to its end.
+  if (is_new && !hash_has_room(&thread->entry_table.table, source)) flush_code_cache(thread);
   if (is_new) bb_id = allocate_bb(thread);
   std::uint8_t* block = block_address(thread, bb_id);
   const auto address = reinterpret_cast<std::uint64_t>(block);

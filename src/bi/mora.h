@@ -107,7 +107,7 @@ struct thread_data {
   thread_data* next;
   std::int32_t status;       // A thread_status. Written by its thread, read by mora_terminate: relaxed atomics.
   std::int32_t next_block;   // Next free index of the basic-block area.
-  std::uint32_t flush_seen;  // Set by every flush, cleared at each entry into the dispatcher.
+  std::uint32_t flush_seen;  // Set by every flush, cleared at each entry into the dispatcher or a call.
   std::uint64_t dispatcher_stub_addr;  // Cache addresses of this thread's copies of stubs.
   std::uint64_t syscall_wrapper_addr;
   std::uint8_t* code_cache;
@@ -141,6 +141,11 @@ struct thread_data {
   std::int32_t* application_tid_word; // What the application wants cleared and woken.
   std::uint64_t saved_signal_mask;    // Around a clone, which runs with every signal blocked; of a new thread: its first.
   std::uint8_t clone_holds_locks;     // The engine's locks are held over the fork-like clone that is being made.
+  // Of a call with a signal mask of its own, see call_mask.h.
+  std::uint64_t call_mask;
+  std::uint64_t call_mask_pair[2];     // Address and size of it, for calls that want both.
+  std::uint64_t call_mask_original;    // The application's argument.
+  std::uint32_t call_mask_argument;    // Its number, counted from 1; 0: none has been replaced.
 };
 
 // Process-wide state, each part under the lock that is named with it.
@@ -160,6 +165,8 @@ struct engine_globals {
   std::uint64_t plugins[MAX_PLUGINS][PLUGIN_SLOTS];  // Slots 1 to 18: callbacks by event; 19: the plug-in's data.
   pthread_mutex_t function_watch_lock;
   robin_map function_watches;  // Function address to its record. Under the lock before it.
+  interval_map protected_ranges;  // Executable by mprotect, or moved by mremap: no members of exec_ranges. Its own lock.
+  std::uint32_t code_ranges_dropped;  // One of the two maps was full once. Relaxed atomic.
 };
 
 extern engine_globals engine;

@@ -1,55 +1,399 @@
-// Where the engine's events reach plug-ins. This build has no plug-in interface: every function here delivers to nobody
-// and is the one place where its event will join the engine. Callers call them at the documented points all the same.
+// The plug-in interface: what code linked into the tool sees of the engine, and all that it may include of it. A plug-in
+// registers callbacks before mora_run; the engine calls them at fixed events, the code events while it translates
+// application code, the others as they happen. From a code event a plug-in can write instructions of its own into the
+// fragment, which then run each time the translated code runs: that is where its cost lies, a callback itself costs
+// the running code nothing.
+//
+// Callbacks run on the application's thread and, as all of the engine does, on the application's stack: small frames. They
+// may use the tool's C and C++ libraries. Several threads can be in the same callback at once, each with its own context.
+// Nothing here throws; what can fail returns a negative number, and 0 otherwise.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
-#include "bi/mora.h"
+#include "bi/a64/emit.h"
 
 namespace ceilmeter {
 
-// What report_vm_op tells.
-enum vm_op : std::uint32_t { VM_MAP = 0, VM_UNMAP = 1, VM_REMAP = 2, VM_PROTECT = 3 };
+struct thread_data;  // The engine's record of a thread; opaque to plug-ins.
 
-// Events of a fragment under translation.
-enum scan_event : std::uint32_t {
-  SCAN_PRE_INST,
-  SCAN_POST_INST,
-  SCAN_PRE_BB,
-  SCAN_POST_BB,
-  SCAN_PRE_FRAGMENT,
-  SCAN_POST_FRAGMENT,
+// Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status. All
+// registration must be over.
+int mora_run(int argc, char** argv, char** envp);
+
+// Events and their context ---------------------------------------------------------------------------------------------
+
+// The fields of the context that an event fills are named with it; `thread_data`, `event` and `plugin_id` always are.
+enum mora_event : std::uint32_t {
+  // While a fragment is translated: fragment, read_address, decoded, write_p, write_limit. Each
+  // happens once per translation, not once per execution; a cache flush makes the engine translate anew.
+  MORA_PRE_INST = 1,       // Before each instruction, `read_address`. It can be taken over: mora_replace_inst.
+  MORA_POST_INST = 2,      // After it. Behind the instruction that ends the fragment no code is allowed.
+  MORA_PRE_BB = 3,         // At a block's start, `read_address`. A block also ends, and a new one starts, at each SVC.
+  MORA_POST_BB = 4,        // At its end, `end_address`, the address past its last instruction. No code is allowed.
+  MORA_PRE_FRAGMENT = 5,   // Around a fragment: a block with all that follows its system calls, or a part of a trace.
+  MORA_POST_FRAGMENT = 6,  // No code is allowed.
+  // As they happen.
+  MORA_PRE_SYSCALL = 7,   // Before an application's system call: number, args, skip_syscall, result.
+  MORA_POST_SYSCALL = 8,  // After it: number, result, and of `args` the first argument alone, as it was before the call.
+  MORA_THREAD_INIT = 9,   // The calling thread has joined the list. Also for the first thread and for the child of a fork.
+  MORA_THREAD_EXIT = 10,  // `thread_data` leaves; at the end of the process this is told on the thread that ends it.
+  // While the block at a watched function's entry, or the one that stands for its return, is translated. `read_address` is
+  // the function's address. Code written here runs at each entry or return, before the function's own or the caller's.
+  MORA_PRE_FUNCTION = 11,
+  MORA_POST_FUNCTION = 12,
+  MORA_EXIT = 13,             // The last event, on the thread that ends the process. The C library's exit follows.
+  MORA_VM_OP = 14,            // The application's memory has changed: op, addr, size, mapping, fd, offset.
+  MORA_FUNCTION_SYMBOL = 15,  // Once per function symbol of an executable mapping: name, address, size.
+  MORA_ELF_LOAD = 16,         // The loader has opened the application's interpreter: path, loaded_fd.
+  MORA_CLONE = 17,            // Before a new thread of the process starts, on its parent: child_plugin_thread_data.
+  MORA_FLUSH = 18,            // The calling thread forgets all that it has translated. Comes before its first thread_init.
 };
 
-inline void deliver_thread_init(thread_data*) {}
-inline void deliver_thread_exit(thread_data*) {}
-inline void deliver_exit(thread_data*) {}
-inline void deliver_flush() {}
-inline void deliver_clone(thread_data* /*parent*/, thread_data* /*child*/) {}
-inline void deliver_elf_load(const char* /*path*/, int /*fd*/) {}
-inline void deliver_vm_op(vm_op, std::uint64_t /*addr*/, std::uint64_t /*size*/, std::uint32_t /*prot*/,
-                          std::uint32_t /*flags*/, std::int32_t /*fd*/, std::uint64_t /*offset*/,
-                          std::uint64_t /*old_addr*/, std::uint64_t /*old_size*/) {}
+// `op` of MORA_VM_OP.
+enum vm_op : std::uint32_t { VM_MAP = 0, VM_UNMAP = 1, VM_REMAP = 2, VM_PROTECT = 3 };
 
-// An executable mapping of the file `fd` begins at `addr`: where the file's function symbols will be read.
-inline void deliver_mapped_file(std::int32_t /*fd*/, std::uint64_t /*addr*/) {}
+// `inst` where there is no instruction, and the condition that always holds. Other values of `inst`: bi/a64/instructions.h.
+inline constexpr std::int32_t MORA_NO_INST = -1;
+inline constexpr std::uint32_t MORA_COND_ALWAYS = 14;
 
-// True if a plug-in has taken the call over; `*result` is its result then.
-inline bool deliver_pre_syscall(thread_data*, std::uint64_t /*number*/, std::uint64_t* /*args*/,
-                                std::uint64_t /*next_inst*/, std::uint64_t* /*result*/) {
-  return false;
+struct mora_fragment {
+  std::uint32_t type;  // 0: basic block; 1: part of a trace; 2: a trace's head.
+  std::int32_t id;
+};
+
+struct mora_decoded {
+  std::int32_t inst;   // Of the instruction enumeration, or MORA_NO_INST.
+  std::uint32_t cond;  // Of a B.cond, else MORA_COND_ALWAYS.
+};
+
+struct mora_mapping {
+  std::uint32_t prot;   // As the application asked for it; of a VM_REMAP the low half of the new length.
+  std::uint32_t flags;  // Those of mmap, with marks of the engine's own in bits 29 and 30.
+};
+
+// What a callback gets, for the length of the call. Fields that share a place belong to different events. Plug-ins use the
+// accessors below; of the fields they only write `regs_to_pop`.
+struct mora_context {
+  struct thread_data* thread_data;
+  std::uint32_t event;  // A mora_event.
+  std::uint32_t plugin_id;
+  union {
+    mora_fragment fragment;
+    std::uint64_t number;             // System call.
+    std::uint32_t op;                 // vm_op.
+    const char* name;                 // function_symbol; ends with the callback.
+    const char* path;                 // elf_load; ends with the callback.
+    void** child_plugin_thread_data;  // clone: the child's slots, one per plug-in.
+  };
+  union {
+    const std::uint32_t* read_address;
+    std::uint64_t* args;        // System call: x0 and the following registers. pre_syscall: changes take effect.
+    std::uint64_t addr;         // vm_op.
+    std::uint64_t address;      // function_symbol: at run time.
+    std::int32_t loaded_fd;     // elf_load.
+  };
+  union {
+    mora_decoded decoded;
+    std::uint8_t skip_syscall;
+    std::uint64_t size;  // vm_op, function_symbol: bytes.
+  };
+  union {
+    std::uint32_t* write_p;  // Where the plug-in's next instruction goes.
+    std::uint64_t result;    // System call.
+    mora_mapping mapping;    // vm_op.
+  };
+  union {
+    std::uint32_t* write_limit;  // End of the space that belongs to the fragment so far.
+    std::int32_t fd;             // vm_op; -1: none.
+  };
+  union {
+    const std::uint32_t* end_address;  // post_bb.
+    std::uint64_t offset;              // vm_op: in the file.
+  };
+  // Registers for the engine to pop, as by mora_emit_restore_regs, when the callback has returned; 0 at its entry. For a
+  // plug-in that has pushed them by mora_emit_save_regs and leaves in many ways.
+  std::uint32_t regs_to_pop;
+  std::uint32_t regs_on_entry;        // regs_to_pop as the callback found it.
+  std::uint32_t plugin_stack_offset;  // 64-bit words that the plug-in's pushes hold on the application's stack.
+  std::uint8_t replace;               // The plug-in takes the instruction over.
+  bool* stop;                         // The scan's: set, the fragment ends here.
+  // The engine's own, behind what plug-ins are told of.
+  bool code_allowed;  // Whether what is written at write_p becomes part of the fragment.
+};
+
+// The result is ignored.
+using mora_callback = int (*)(mora_context* ctx);
+
+// Registration -----------------------------------------------------------------------------------------------------------
+//
+// Before mora_run, on one thread. There is room for ten plug-ins.
+
+// A new plug-in: the context by which the functions below know it. Null if there are ten. It is the same record for every
+// plug-in and holds only the last one: register all of a plug-in before the next is added.
+mora_context* mora_add_plugin();
+
+// -3: there is no such event. -1: there is no such plug-in. -2: the plug-in already has a callback for the event.
+int mora_bind_event(mora_context* ctx, std::uint32_t event, mora_callback fn);
+
+inline int mora_on_pre_inst(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_PRE_INST, fn); }
+inline int mora_on_post_inst(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_POST_INST, fn); }
+inline int mora_on_pre_bb(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_PRE_BB, fn); }
+inline int mora_on_post_bb(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_POST_BB, fn); }
+inline int mora_on_pre_fragment(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_PRE_FRAGMENT, fn);
+}
+inline int mora_on_post_fragment(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_POST_FRAGMENT, fn);
+}
+inline int mora_on_pre_syscall(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_PRE_SYSCALL, fn);
+}
+inline int mora_on_post_syscall(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_POST_SYSCALL, fn);
+}
+inline int mora_on_thread_init(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_THREAD_INIT, fn);
+}
+inline int mora_on_thread_exit(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_THREAD_EXIT, fn);
+}
+inline int mora_on_pre_function(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_PRE_FUNCTION, fn);
+}
+inline int mora_on_post_function(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_POST_FUNCTION, fn);
+}
+inline int mora_on_exit(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_EXIT, fn); }
+inline int mora_on_vm_op(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_VM_OP, fn); }
+inline int mora_on_function_symbol(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, MORA_FUNCTION_SYMBOL, fn);
+}
+inline int mora_on_elf_load(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_ELF_LOAD, fn); }
+inline int mora_on_clone(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_CLONE, fn); }
+inline int mora_on_flush(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_FLUSH, fn); }
+
+// A pointer of the plug-in's, one for all threads. -1 or null for a plug-in that is not registered.
+int mora_set_plugin_data(mora_context* ctx, void* data);
+void* mora_get_plugin_data(const mora_context* ctx);
+
+// A pointer of the plug-in's per thread: that of the context's thread. -1 (null) for a plug-in that is not registered, -4
+// (null) for a context without a thread. Null in a new thread, unless the clone event has set it.
+int mora_set_thread_data(mora_context* ctx, void* data);
+void* mora_get_thread_data(const mora_context* ctx);
+
+// At clone: the pointer that the new thread will find as its own. -4 at any other event.
+int mora_set_child_thread_data(mora_context* ctx, void* data);
+
+// Accessors --------------------------------------------------------------------------------------------------------------
+//
+// Meaningful at the events that fill the field (mora_event). Addresses are the application's, but for cc_addr.
+
+inline std::int32_t mora_get_fragment_id(const mora_context* ctx) { return ctx->fragment.id; }
+inline std::uint32_t mora_get_fragment_type(const mora_context* ctx) { return ctx->fragment.type; }
+inline std::uint64_t mora_get_source_addr(const mora_context* ctx) {
+  return reinterpret_cast<std::uint64_t>(ctx->read_address);
+}
+inline std::uint64_t mora_get_end_addr(const mora_context* ctx) {
+  return reinterpret_cast<std::uint64_t>(ctx->end_address);
+}
+inline std::int32_t mora_get_inst(const mora_context* ctx) { return ctx->decoded.inst; }
+inline std::int32_t mora_get_inst_size(const mora_context* ctx) { return ctx->decoded.inst == MORA_NO_INST ? -1 : 4; }
+inline std::uint32_t* mora_get_cc_addr(const mora_context* ctx) { return ctx->write_p; }
+// For a plug-in that has written by other means than the services below.
+inline void mora_set_cc_addr(mora_context* ctx, std::uint32_t* cache_address) { ctx->write_p = cache_address; }
+inline std::uint32_t mora_get_cond(const mora_context* ctx) { return ctx->decoded.cond; }
+inline bool mora_is_cond(const mora_context* ctx) { return ctx->decoded.cond != MORA_COND_ALWAYS; }
+inline std::uint32_t mora_get_inverted_cond(const mora_context* /*ctx*/, std::uint32_t cond) { return cond ^ 1; }
+
+// The kernel's thread id of the context's thread; -1 without a thread.
+std::int32_t mora_get_thread_id(const mora_context* ctx);
+
+// The thread that has joined the list before the context's. Null on the process's first thread, also that of a fork's
+// child. Only to be compared with null.
+const thread_data* mora_get_next_thread(const mora_context* ctx);
+
+// At clone, and in thread_init of a thread that a clone has made: the arguments of the clone, x0 first, and the new
+// thread's stack. Null and 0 elsewhere.
+const std::uint64_t* mora_get_clone_args(const mora_context* ctx);
+std::uint64_t mora_get_child_stack(const mora_context* ctx);
+
+inline std::uint64_t mora_get_syscall_number(const mora_context* ctx) { return ctx->number; }
+inline std::uint64_t* mora_get_syscall_args(const mora_context* ctx) { return ctx->args; }
+inline std::uint64_t mora_get_result(const mora_context* ctx) { return ctx->result; }
+
+inline std::uint32_t mora_get_vm_op(const mora_context* ctx) { return ctx->op; }
+inline std::uint64_t mora_get_vm_addr(const mora_context* ctx) { return ctx->addr; }
+inline std::uint64_t mora_get_vm_size(const mora_context* ctx) { return ctx->size; }
+inline std::uint32_t mora_get_vm_prot(const mora_context* ctx) { return ctx->mapping.prot; }
+inline std::uint32_t mora_get_vm_flags(const mora_context* ctx) { return ctx->mapping.flags; }
+inline std::int32_t mora_get_vm_fd(const mora_context* ctx) { return ctx->fd; }
+inline std::uint64_t mora_get_vm_offset(const mora_context* ctx) { return ctx->offset; }
+
+inline const char* mora_get_symbol_name(const mora_context* ctx) { return ctx->name; }
+inline std::uint64_t mora_get_symbol_address(const mora_context* ctx) { return ctx->address; }
+inline std::uint64_t mora_get_symbol_size(const mora_context* ctx) { return ctx->size; }
+
+inline const char* mora_get_loaded_path(const mora_context* ctx) { return ctx->path; }
+inline std::int32_t mora_get_loaded_fd(const mora_context* ctx) { return ctx->loaded_fd; }
+
+// Services with effects --------------------------------------------------------------------------------------------------
+
+// Takes the instruction over: it is not copied, what the plug-in writes stands in its place. At pre_inst only; at any other
+// code event the engine logs a warning and goes on.
+int mora_replace_inst(mora_context* ctx);
+
+// At pre_function: notes another address for the function. The engine does not replace functions: it logs the warning of
+// mora_replace_inst and goes on with the function. -1 at any other event.
+int mora_replace_function(mora_context* ctx, std::uint64_t address);
+
+// At pre_syscall: the call is not made. Its result is that of mora_set_result, and its first argument until then. -1 at
+// any other event.
+int mora_skip_syscall(mora_context* ctx);
+
+// At pre_syscall once the call is skipped, and at post_syscall; -1 elsewhere. At post_syscall it reaches the application
+// only if the call was skipped or handled by the engine: a call that the kernel has made keeps the kernel's result.
+int mora_set_result(mora_context* ctx, std::uint64_t value);
+
+// Makes write_p an address that application code can branch to: the code that the plug-in writes there is entered as a
+// fragment, with the application's x0 and x1 on the stack (ldp x0, x1, [sp], #16 is its first instruction). Until the
+// next flush. -1 outside a scan.
+int mora_add_to_entry_table(mora_context* ctx);
+
+// Ends the fragment here. What is written must then lead elsewhere by itself (mora_emit_indirect_branch): the engine writes
+// no exit. -1 outside a scan.
+int mora_stop_scan(mora_context* ctx);
+
+// Makes sure that more than `size` bytes can be written at write_p without a break, which may move write_p. -1 outside a
+// scan, and where no code is allowed.
+int mora_reserve_space(mora_context* ctx, std::uint32_t size);
+
+// Code emission ----------------------------------------------------------------------------------------------------------
+//
+// Each writes at write_p and moves it. -1, with nothing written, where no code is allowed, and for operands that the
+// instructions cannot hold. Each makes sure of the space for its own instructions; between two services the code may
+// go on in another place of the cache, to which a branch leads. Who needs several of them in one piece, or writes words
+// by the emit_X family, reserves the space first: MORA_CALLBACK_SPACE bytes are free when a callback is entered.
+//
+// Registers are numbers, 31 the stack pointer or zero as the instruction has it. Loads, stores and arithmetic are of 64
+// bits. Immediates are in bytes. The application's registers and flags are live everywhere: what a plug-in's code
+// changes, it saves and restores.
+
+inline constexpr std::uint32_t MORA_CALLBACK_SPACE = 60;
+
+// Pushes and pops the registers of a mask, bit n standing for xn, so that sp stays aligned to 16. One mask restores what the
+// same mask has saved. Flags are not saved.
+int mora_emit_save_regs(mora_context* ctx, std::uint32_t mask);
+int mora_emit_restore_regs(mora_context* ctx, std::uint32_t mask);
+
+int mora_emit_load_const(mora_context* ctx, std::uint32_t reg, std::uint64_t value);
+
+// rn 31 is the stack pointer, rd 31 only then; else rd 31 is zero.
+int mora_emit_mov(mora_context* ctx, std::uint32_t rd, std::uint32_t rn);
+
+// `imm` within plus or minus 0xffffff. An addition of 0 is a mora_emit_mov, or nothing if rd is rn.
+int mora_emit_add_imm(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::int32_t imm);
+
+// A negative `rm` subtracts register -rm. `shift` 0 LSL, 1 LSR, 2 ASR, by at most 63.
+int mora_emit_add_shifted_reg(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::int32_t rm, std::uint32_t shift,
+                              std::uint32_t amount);
+int mora_emit_add_reg(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::int32_t rm);
+
+int mora_emit_ldr(mora_context* ctx, std::uint32_t rt, std::uint32_t rn);
+int mora_emit_str(mora_context* ctx, std::uint32_t rt, std::uint32_t rn);
+int mora_emit_ldr_offset(mora_context* ctx, std::uint32_t rt, std::uint32_t rn, std::uint32_t imm);  // 0, 8 ... 32760
+int mora_emit_str_offset(mora_context* ctx, std::uint32_t rt, std::uint32_t rn, std::uint32_t imm);
+// `post`: the base is changed after the access; else before it. -256 to 255.
+int mora_emit_ldr_index(mora_context* ctx, std::uint32_t rt, std::uint32_t rn, std::int32_t imm9, bool post);
+int mora_emit_str_index(mora_context* ctx, std::uint32_t rt, std::uint32_t rn, std::int32_t imm9, bool post);
+// -512, -504 ... 504.
+int mora_emit_stp_offset(mora_context* ctx, std::uint32_t rt, std::uint32_t rt2, std::uint32_t rn, std::int32_t imm);
+int mora_emit_ldp_post(mora_context* ctx, std::uint32_t rt, std::uint32_t rt2, std::uint32_t rn, std::int32_t imm);
+// stp rt, rt2, [rn, #-16]! and ldp rt, rt2, [rn], #16.
+int mora_emit_push_pair(mora_context* ctx, std::uint32_t rt, std::uint32_t rt2, std::uint32_t rn);
+int mora_emit_pop_pair(mora_context* ctx, std::uint32_t rt, std::uint32_t rt2, std::uint32_t rn);
+
+int mora_emit_and(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::uint32_t rm);
+// `bits` is the mask itself. -1 for one that a logical immediate cannot hold.
+int mora_emit_and_imm(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::uint64_t bits);
+
+// Branches inside the cache. -1 for a target out of reach. An `offset` counts from the branch itself.
+int mora_emit_tbz(mora_context* ctx, std::uint32_t rt, std::uint32_t bit, std::int32_t offset);
+// At `place`, which the plug-in has written before; write_p stays.
+int mora_emit_tbz_at(mora_context* ctx, std::uint32_t* place, std::uint32_t rt, std::uint32_t bit, std::int32_t offset);
+int mora_emit_branch(mora_context* ctx, std::uint64_t target);
+int mora_emit_branch_cond(mora_context* ctx, std::uint64_t target, std::uint32_t cond);
+int mora_emit_cbz(mora_context* ctx, std::uint64_t target, std::uint32_t reg);
+int mora_emit_cbnz(mora_context* ctx, std::uint64_t target, std::uint32_t reg);
+
+// A word that does nothing until it is made a branch, in the same callback, to where write_p is then.
+struct mora_branch {
+  std::uint32_t* place;
+};
+int mora_reserve_branch(mora_context* ctx, mora_branch* out);
+int mora_patch_branch(mora_context* ctx, const mora_branch* in, std::uint32_t cond);
+int mora_patch_b(mora_context* ctx, const mora_branch* in);
+int mora_patch_bl(mora_context* ctx, const mora_branch* in);
+int mora_patch_cbz(mora_context* ctx, const mora_branch* in, std::uint32_t reg);
+int mora_patch_cbnz(mora_context* ctx, const mora_branch* in, std::uint32_t reg);
+
+// Calls code that is not the application's; changes x30. Saves nothing.
+int mora_emit_call(mora_context* ctx, std::uint64_t target);
+
+// Calls a C function of the tool's with the values that x0 to x(nargs - 1) have then. Everything of the application's state
+// is kept but these registers, flags and the whole vector state included; a result of the function's is lost unless
+// nargs is above 0, when it is in x0. The function runs in the default floating-point mode. At most 8 arguments.
+int mora_emit_guarded_call(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs);
+
+// The same with constant arguments; the registers that they take are kept as well.
+int mora_emit_guarded_call_values(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs, const std::uint64_t* values);
+
+// Goes to the application address in `reg`, by way of the lookup that every register branch of the application has.
+int mora_emit_indirect_branch(mora_context* ctx, std::uint32_t reg);
+
+// Adds `imm`, up to 4095, to the 64-bit word at `address`, by a plain load and store. Changes no register and no flag.
+int mora_emit_counter_add(mora_context* ctx, std::uint64_t address, std::uint32_t imm);
+
+// The same for a function by its name.
+template <typename result_t, typename... parameter_t>
+int mora_emit_guarded_call(mora_context* ctx, result_t (*fn)(parameter_t...), std::uint32_t nargs) {
+  return mora_emit_guarded_call(ctx, reinterpret_cast<std::uint64_t>(fn), nargs);
 }
 
-// Delivered while a fragment is translated. True if a plug-in has taken the instruction over; `*stop` ends the fragment.
-inline bool a64_scanner_deliver_callbacks(thread_data*, scan_event, const std::uint32_t* /*read_address*/, int /*inst*/,
-                                          std::uint32_t** /*write*/, std::uint32_t** /*limit*/, std::int32_t /*bb_id*/,
-                                          std::uint32_t /*fragment_type*/, bool /*allow_code*/, bool* /*stop*/,
-                                          const std::uint32_t* /*end_address*/) {
-  return false;
+template <typename value_t>
+std::uint64_t mora_argument_word(value_t value) {
+  return static_cast<std::uint64_t>(value);
+}
+template <typename pointee_t>
+std::uint64_t mora_argument_word(pointee_t* value) {
+  return reinterpret_cast<std::uint64_t>(value);
 }
 
-// A callback may change `*result`.
-inline void deliver_post_syscall(thread_data*, std::uint64_t /*number*/, std::uint64_t /*next_inst*/,
-                                 std::uint64_t* /*result*/) {}
+// Integers and pointers as arguments; -1 if there are fewer than nargs.
+template <typename function_t, typename... value_t>
+int mora_emit_guarded_call_args(mora_context* ctx, function_t fn, std::uint32_t nargs, value_t... values) {
+  const std::uint64_t words[] = {mora_argument_word(values)..., 0};
+  if (nargs > sizeof...(values)) return -1;
+  return mora_emit_guarded_call_values(ctx, mora_argument_word(fn), nargs, words);
+}
+
+// Function watches -------------------------------------------------------------------------------------------------------
+
+// Has every thread deliver pre_function and post_function for the function at `address`, each time it translates the
+// function's first block from now on: to be called before the function first runs. Any thread, any event. 1: added; 0: it
+// was watched already, and counts once more. Removed by the unmapping of the address.
+//
+// While a post_function callback is registered, a watched function returns by way of the engine, which keeps its return
+// address on a stack of its own, of 32767 live calls per thread. A function that is left otherwise (longjmp, an exception
+// that passes through it), or that looks at its return address (setjmp), must not be watched then.
+int function_watch_add(std::uint64_t address);
+
+// The same with a name for those who read the engine's table; the first 255 bytes of it are kept. Null: none.
+int function_watch_add_named(std::uint64_t address, const char* name);
+
+// 0, as at the start: every function symbol that is found is watched. Otherwise only what function_watch_add names; the
+// symbols are told in both cases. Returns the value before. Before mora_run.
+std::uint32_t function_watch_set_manual(std::uint32_t flag);
 
 }  // namespace ceilmeter

@@ -6,7 +6,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/dispatcher.h"
-#include "bi/plugin.h"
+#include "bi/plugin_delivery.h"
 #include "bi/stubs.h"
 #include "common/log.h"
 
@@ -37,6 +37,7 @@ constexpr std::uint32_t PUSH_X29_X30 = 0xa9bf7bfd;  // stp x29, x30, [sp, #-16]!
 
 constexpr std::uint32_t SP = 31;
 constexpr std::uint32_t LINK_REGISTER = 30;
+constexpr std::uint32_t CONDITION_ALWAYS = 14;  // AL; NV is 15.
 
 // Fields of a load or store with a 9-bit offset.
 constexpr std::uint32_t UNSCALED = 0;
@@ -66,7 +67,10 @@ bb_meta& meta_of(scan_state& state) { return state.thread->metas[state.bb_id]; }
 bool is_readable(const std::uint32_t* word) {
   constexpr std::uint64_t nr_rt_sigprocmask = 135;
   constexpr std::uint64_t no_operation = ~std::uint64_t{0};
-  return raw_syscall(nr_rt_sigprocmask, no_operation, address_of(word), 0, 8) != -EFAULT;
+  constexpr std::uint64_t set_size = 8;
+  // The set has eight bytes and may not reach into the next page. A null one would be none, which is no error.
+  const std::uint64_t set = address_of(word) & ~(set_size - 1);
+  return set != 0 && raw_syscall(nr_rt_sigprocmask, no_operation, set, 0, set_size) != -EFAULT;
 }
 
 bool begins_unreadable_page(const std::uint32_t* word) {
@@ -96,18 +100,21 @@ std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int 
   return address_of(read) + static_cast<std::uint64_t>(a64_sign_extend(field, width) * 4);
 }
 
-void rewrite_direct_branch(scan_state& state) {
-  std::uint32_t link = 0;
-  std::uint32_t imm26 = 0;
-  a64_b_decode(state.read, &link, &imm26);
-  const std::uint64_t target = branch_target(state.read, imm26, 26);
-  // The application's link register holds a source address throughout.
-  if (link != 0) a64_load_const(&state.write, LINK_REGISTER, address_of(state.read) + 4);
+void put_direct_exit(scan_state& state, std::uint64_t target) {
   begin_exit(state, EXIT_DIRECT, target, 0);
   put(&state.write, NOP);
   a64_push_x0_x1(&state.write);
   a64_branch_jump(state.thread, &state.write, target, state.bb_id);
   state.stop = true;
+}
+
+void rewrite_direct_branch(scan_state& state) {
+  std::uint32_t link = 0;
+  std::uint32_t imm26 = 0;
+  a64_b_decode(state.read, &link, &imm26);
+  // The application's link register holds a source address throughout.
+  if (link != 0) a64_load_const(&state.write, LINK_REGISTER, address_of(state.read) + 4);
+  put_direct_exit(state, branch_target(state.read, imm26, 26));
 }
 
 void a64_branch_jump_cond(scan_state& state, std::uint64_t target, std::uint32_t cond) {
@@ -130,7 +137,13 @@ void rewrite_conditional_branch(scan_state& state) {
   std::uint32_t imm19 = 0;
   std::uint32_t cond = 0;
   a64_b_cond_decode(state.read, &imm19, &cond);
-  a64_branch_jump_cond(state, branch_target(state.read, imm19, 19), cond);
+  const std::uint64_t target = branch_target(state.read, imm19, 19);
+  if (cond >= CONDITION_ALWAYS) {
+    // AL, and NV, which branches always too: neither has an inverse. The branch has one side.
+    put_direct_exit(state, target);
+    return;
+  }
+  a64_branch_jump_cond(state, target, cond);
   state.stop = true;
 }
 
@@ -189,10 +202,10 @@ void rewrite_svc(scan_state& state) {
   a64_bl(state.write++, state.thread->syscall_wrapper_addr);
   put(&state.write, POP_X0_X1);
   // For callbacks a block ends at each system call, though the fragment goes on.
-  a64_scanner_deliver_callbacks(state.thread, SCAN_POST_BB, state.read, -1, &state.write, &state.limit, state.bb_id,
+  a64_scanner_deliver_callbacks(state.thread, MORA_POST_BB, &state.read, -1, &state.write, &state.limit, state.bb_id,
                                 state.type, false, &state.stop, next);
   state.bb_start = next;
-  a64_scanner_deliver_callbacks(state.thread, SCAN_PRE_BB, state.bb_start, -1, &state.write, &state.limit, state.bb_id,
+  a64_scanner_deliver_callbacks(state.thread, MORA_PRE_BB, &state.bb_start, -1, &state.write, &state.limit, state.bb_id,
                                 state.type, true, &state.stop, nullptr);
 }
 
@@ -215,6 +228,17 @@ void rewrite_system_register(scan_state& state) {
   a64_load_const(&state.write, scratch, reinterpret_cast<std::uint64_t>(&state.thread->tls));
   a64_ldr_str_imm9(state.write++, 3, 0, is_read, 0, UNSCALED, scratch, reg);
   pop_register(&state.write, scratch);
+}
+
+void end_before_this_word(scan_state& state) {
+  // A direct branch to the word, which its own block begins with. Linked as any other: code that the decoder does not
+  // know, SVE code before all, would otherwise pass through the dispatcher at each of its words.
+  const std::uint64_t target = address_of(state.read);
+  begin_exit(state, EXIT_DIRECT, target, 0);
+  put(&state.write, NOP);
+  a64_push_x0_x1(&state.write);
+  a64_branch_jump(state.thread, &state.write, target, state.bb_id);
+  state.stop = true;
 }
 
 void rewrite_literal_load(scan_state& state) {
@@ -241,7 +265,14 @@ void rewrite_literal_load(scan_state& state) {
     a64_ldr_str_unsigned(state.write++, sizes[opc], 0, operations[opc], 0, reg, reg);
     return;
   }
-  if (is_vector != 0 && opc == 3) log(LEVEL_FATAL, "unallocated encoding");
+  if (is_vector != 0 && opc == 3) {
+    // Behind a system call that does not return stands anything, data included: a fault only if it is to be executed.
+    if (state.read != state.first_read) {
+      end_before_this_word(state);
+      return;
+    }
+    log(LEVEL_FATAL, "unallocated encoding");
+  }
   push_register(&state.write, x0);
   a64_load_const(&state.write, x0, target);
   if (is_vector == 0) {
@@ -268,13 +299,6 @@ void rewrite_address(scan_state& state) {
     value = base + (static_cast<std::uint64_t>(offset) << 12);
   }
   a64_load_const(&state.write, reg, value);
-}
-
-void end_before_this_word(scan_state& state) {
-  // The exit has no record: nothing links it, and the word is found by its own block.
-  a64_push_x0_x1(&state.write);
-  a64_branch_jump(state.thread, &state.write, address_of(state.read), state.bb_id);
-  state.stop = true;
 }
 
 void rewrite_unknown(scan_state& state) {
@@ -341,22 +365,29 @@ void put_hot_counter(scan_state& state) {
   put(&state.write, POP_X1_X30);
 }
 
-void scan_word(scan_state& state) {
-  const int inst = a64_decode(state.read);
+// Called under the threshold's own test: a suppressed call still passes its arguments, and these are three for each word.
+void log_word(const scan_state& state, int inst) {
   log(LEVEL_TRACE, "A64 scan read_address: %p, w: : %p, bb: %d", static_cast<const void*>(state.read),
       static_cast<void*>(state.write), state.bb_id);
   log(LEVEL_TRACE, "  instruction enum: %d", inst);
   log(LEVEL_TRACE, "  instruction word: 0x%x", *state.read);
-  const bool replaced = a64_scanner_deliver_callbacks(state.thread, SCAN_PRE_INST, state.read, inst, &state.write,
+}
+
+void scan_word(scan_state& state) {
+  const int inst = a64_decode(state.read);
+  if (log_state::engine_log_level >= LEVEL_TRACE) log_word(state, inst);
+  const bool replaced = a64_scanner_deliver_callbacks(state.thread, MORA_PRE_INST, &state.read, inst, &state.write,
                                                       &state.limit, state.bb_id, state.type, true, &state.stop, nullptr);
   if (!replaced) rewrite(state, inst);
   if (state.write >= state.limit) {
     log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit), static_cast<void*>(state.write));
   }
   if (!state.stop) a64_reserve_block_space(state.thread, &state.write, &state.limit, EXIT_SPACE);
-  a64_scanner_deliver_callbacks(state.thread, SCAN_POST_INST, state.read, inst, &state.write, &state.limit, state.bb_id,
+  a64_scanner_deliver_callbacks(state.thread, MORA_POST_INST, &state.read, inst, &state.write, &state.limit, state.bb_id,
                                 state.type, !state.stop, &state.stop, nullptr);
-  ++state.read;
+  // A word that was left to a block of its own is not part of this one: whoever counts by blocks would count it twice.
+  const bool left_to_the_next = !replaced && inst == A64_NOT_RECOGNISED && state.read != state.first_read;
+  if (!left_to_the_next) ++state.read;
 }
 
 }  // namespace
@@ -409,20 +440,23 @@ std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, s
   }
   if (type == FRAGMENT_BLOCK && ends_in_direct_branch(read_address)) put_hot_counter(state);
 
-  a64_scanner_deliver_callbacks(thread, SCAN_PRE_FRAGMENT, state.read, -1, &state.write, &state.limit, bb_id, type, true,
+  a64_scanner_deliver_callbacks(thread, MORA_PRE_FRAGMENT, &state.read, -1, &state.write, &state.limit, bb_id, type, true,
                                 &state.stop, nullptr);
-  a64_scanner_deliver_callbacks(thread, SCAN_PRE_BB, state.bb_start, -1, &state.write, &state.limit, bb_id, type, true,
+  a64_scanner_deliver_callbacks(thread, MORA_PRE_BB, &state.bb_start, -1, &state.write, &state.limit, bb_id, type, true,
                                 &state.stop, nullptr);
   while (!state.stop) {
     if (state.read != read_address && begins_unreadable_page(state.read)) {
       end_before_this_word(state);
+    } else if (state.read != read_address && a64_decode(state.read) == A64_NOT_RECOGNISED) {
+      // Before its events: the word belongs to the block that it begins, which alone plug-ins are told of it in.
+      rewrite_unknown(state);
     } else {
       scan_word(state);
     }
   }
-  a64_scanner_deliver_callbacks(thread, SCAN_POST_BB, state.read, -1, &state.write, &state.limit, bb_id, type, false,
+  a64_scanner_deliver_callbacks(thread, MORA_POST_BB, &state.read, -1, &state.write, &state.limit, bb_id, type, false,
                                 &state.stop, state.read);
-  a64_scanner_deliver_callbacks(thread, SCAN_POST_FRAGMENT, state.read, -1, &state.write, &state.limit, bb_id, type,
+  a64_scanner_deliver_callbacks(thread, MORA_POST_FRAGMENT, &state.read, -1, &state.write, &state.limit, bb_id, type,
                                 false, &state.stop, state.read);
   return static_cast<std::uint32_t>(state.write - start + 1) * 4;
 }

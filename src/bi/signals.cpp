@@ -1,8 +1,8 @@
 // The dispatcher of signals, and the traps that lead a thread out of linked code.
 //
-// A fragment's exit is in one of three forms: as scanned, linked, or trapped. A trap stands only until the fragment next
-// runs through its exit: it is undone there, by the thread itself, and the link records know nothing of it. Another
-// thread's code is never patched: mora_terminate sends a signal, and each thread patches its own.
+// A fragment's exit is in one of three forms: as scanned, linked, or trapped. A trap stands only until the fragment
+// next runs through its exit: it is undone there, by the thread itself, and the link records know nothing of it.
+// Another thread's code is never patched: mora_terminate sends a signal, and each thread patches its own.
 //
 // Everything here runs on the stack of the interrupted code, which is the application's.
 #include "bi/signals.h"
@@ -17,8 +17,10 @@
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/call_mask.h"
 #include "bi/stubs.h"
 #include "bi/syscalls.h"
+#include "bi/threads.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -30,6 +32,7 @@ constexpr engine_log log{"src/bi/signals"};
 // HVC raises SIGILL at the application's privilege level. Its immediate tells what the trap has replaced.
 constexpr std::uint32_t TRAP_REGISTER_BRANCH = 148;
 constexpr std::uint32_t TRAP_DIRECT_EXIT = 149;
+constexpr std::uint32_t TRAP_RAISE = 150;  // In the stub text, for the call that raises a signal.
 
 constexpr std::uint32_t BR_X0 = 0xd61f0000;  // br x0
 
@@ -43,6 +46,9 @@ constexpr std::uint32_t CONDITION_ALWAYS = 14;
 std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 bool is_synchronous(int signum) { return (SYNCHRONOUS_SIGNALS >> signum & 1) != 0 && signum < 32; }
+
+// A fault of the running code, and not a signal of the same number that somebody has sent: that one is like any other.
+bool is_fault(int signum, const siginfo_t* info) { return is_synchronous(signum) && info->si_code > 0; }
 
 // The value of a register as an instruction reads it: number 31 is zero.
 std::uint64_t register_value(const mcontext_t& context, std::uint32_t reg) { return reg == 31 ? 0 : context.regs[reg]; }
@@ -67,11 +73,32 @@ bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8
   return pc == address_of(thread->code_cache) + stub_offset(place);
 }
 
-// Between the last look at the held signals and a call that has not been made. A call that does not come back is none of
-// those: the thread's status tells, which only a call that does sets.
-bool is_before_syscall(const thread_data* thread, std::uint64_t pc) {
+bool is_between(const thread_data* thread, std::uint64_t pc, const std::uint8_t* begin, const std::uint8_t* end) {
   const std::uint64_t base = address_of(thread->code_cache);
-  return pc >= base + stub_offset(syscall_restart_window) && pc < base + stub_offset(syscall_return_point) &&
+  return pc >= base + stub_offset(begin) && pc < base + stub_offset(end);
+}
+
+// Anywhere in the cache. Of the stub text nothing but the application's stack can fault.
+bool is_in_cache(const thread_data* thread, std::uint64_t pc) {
+  return pc >= address_of(thread->code_cache) && pc < address_of(thread->code_cache) + CODE_CACHE_SIZE;
+}
+
+// The place in a fragment that the thread stands at, or comes back to without a look at the held signals: from a stub
+// that counts, or that calls a plug-in's function.
+std::uint64_t fragment_place(const thread_data* thread, const mcontext_t& context) {
+  if (guarded_return_address != 0) return guarded_return_address;
+  const std::uint64_t pc = context.pc;
+  const bool counts = is_between(thread, pc, hot_counter_stub, hot_counter_return) ||
+                      is_stub_point(thread, pc, hot_counter_return);
+  const bool calls = pc >= address_of(reinterpret_cast<const void*>(guarded_call_stub)) &&
+                     pc < address_of(guarded_call_stubs_end);
+  return counts || calls ? context.regs[30] : pc;
+}
+
+// Between the last look at the held signals and a call that has not been made. A call that does not come back is none
+// of those: the thread's status tells, which only a call that does sets.
+bool is_before_syscall(const thread_data* thread, std::uint64_t pc) {
+  return is_between(thread, pc, syscall_call_window, syscall_return_point) &&
          std::atomic_ref(const_cast<thread_data*>(thread)->status).load(std::memory_order_relaxed) == THREAD_IN_SYSCALL;
 }
 
@@ -109,7 +136,8 @@ bool eval_cbz(const mcontext_t& context, const bb_meta& meta) {
   return (value == 0) != (meta.exit_condition != 0);
 }
 
-// Bits from 32 up are tested as their number less 32, and bit 31 tests all the higher ones with it. Kept as it is known.
+// Bits from 32 up are tested as their number less 32, and bit 31 tests all the higher ones with it. Kept as it is
+// known.
 bool eval_tbz(const mcontext_t& context, const bb_meta& meta) {
   const std::uint32_t bit = std::uint32_t{1} << (meta.rn >> 5 & 31);
   const auto mask = static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(bit)));
@@ -162,8 +190,13 @@ void undo_register_trap(thread_data* thread, ucontext_t* ucontext, const bb_meta
 
 void undo_direct_trap(thread_data* thread, ucontext_t* ucontext, bb_meta& meta, std::int32_t id) {
   mcontext_t& context = ucontext->uc_mcontext;
-  const std::uint32_t words = get_direct_branch_exit_trap_sz(meta, id) / 4;
-  std::memcpy(meta.exit_code_addr, meta.overwritten_exit, std::size_t{words} * 4);
+  // Only what the trap has replaced. A thread that stood just behind the trapped words, on its way to the dispatcher,
+  // has linked the second side since: a word more belongs to the exit now, and that one is the link.
+  const std::uint32_t most = get_direct_branch_exit_trap_sz(meta, id) / 4;
+  std::uint32_t words = 0;
+  for (; words < most && a64_decode(meta.exit_code_addr + words) == A64_HVC; ++words) {
+    meta.exit_code_addr[words] = meta.overwritten_exit[words];
+  }
   clear_instruction_cache(meta.exit_code_addr, meta.exit_code_addr + words);
   bool taken = true;
   switch (meta.exit_kind) {
@@ -200,8 +233,39 @@ void leave_reentry_stub(mcontext_t& context) {
   context.sp += 48;
 }
 
+// A thread that has just looked at the count of held signals, and has not acted on it yet, looks again: the one that
+// has come now would else wait for the next time, which may never be. It takes its turn behind those that have come
+// before.
+void look_again(const thread_data* thread, mcontext_t& context) {
+  const std::uint64_t pc = context.pc;
+  const std::uint64_t base = address_of(thread->code_cache);
+  if (is_between(thread, pc, reentry_window, reentry_branch)) {
+    context.pc = base + stub_offset(reentry_window);
+  } else if (is_stub_point(thread, pc, reentry_branch) || is_stub_point(thread, pc, reentry_resume_branch)) {
+    context.pc = base + stub_offset(cache_reentry_stub);
+  } else if (is_between(thread, pc, reentry_resume_window, reentry_resume_branch)) {
+    // From sp up 0x20 of results, the cache and the source address, and what the other window finds at its sp.
+    const auto* frame = reinterpret_cast<const std::uint64_t*>(context.sp);
+    context.regs[0] = frame[4];
+    context.regs[1] = frame[5];
+    context.sp += 0x30;
+    context.pc = base + stub_offset(reentry_window);
+  } else if (is_between(thread, pc, syscall_restart_window, syscall_call_window)) {
+    context.pc = base + stub_offset(syscall_restart_window);
+  }
+}
+
+// Makes the call that the trap stands for. The signal finds itself blocked here; it strikes as the kernel gives the
+// context back, with the mask that it has, at the word behind the trap.
+void raise_at_return(mcontext_t& context) {
+  block_all_signals();
+  raw_syscall(NR_TGKILL, context.regs[0], context.regs[1], context.regs[2]);
+  context.pc += sizeof(std::uint32_t);
+}
+
 // The application's state that is the same before and after its call, out of the wrapper's frame.
-void leave_syscall_wrapper(mcontext_t& context) {
+void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
+  restore_call_mask(thread, reinterpret_cast<std::uint64_t*>(context.regs), 1);  // Its result is in x0.
   const std::uint64_t frame = context.sp;
   const auto* area = reinterpret_cast<const std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
   const std::uint64_t flags = context.regs[19];
@@ -221,41 +285,50 @@ void leave_syscall_wrapper(mcontext_t& context) {
 
 // The signal came before the call was made, or has interrupted it in a way that lets it be made again (SA_RESTART): the
 // application stands at its own SVC, with the arguments as they were.
-void undo_syscall(mcontext_t& context) {
-  const auto* area = reinterpret_cast<const std::uint64_t*>(context.sp + STUB_SIMD_REGS_SIZE);
+void undo_syscall(thread_data* thread, mcontext_t& context) {
+  auto* area = reinterpret_cast<std::uint64_t*>(context.sp + STUB_SIMD_REGS_SIZE);
+  restore_call_mask(thread, area, 0);
   for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
-  leave_syscall_wrapper(context);
+  leave_syscall_wrapper(thread, context);
   context.pc -= sizeof(std::uint32_t);
 }
 
-std::uint64_t application_handler(int signum) {
-  return std::atomic_ref(engine.signal_handlers[signum]).load(std::memory_order_relaxed);
+constexpr signal_exit GO_ON = {0, 0};
+
+signal_exit enter_handler(const thread_data* thread, std::uint64_t handler) {
+  return {thread->dispatcher_stub_addr, handler};
 }
 
-// The fault is the application's, at a place of rewritten code whose source address is not known: pc reads 0.
-std::uint64_t handle_synchronous(thread_data* thread, int signum, ucontext_t* ucontext) {
-  const std::uint64_t handler = application_handler(signum);
-  if (handler > 1) {
-    ucontext->uc_mcontext.pc = 0;
-    return lookup_or_scan(thread, handler);
-  }
+void set_kernel_action(int signum, std::uint64_t handler) {
   struct sigaction action {};
   action.sa_handler = handler == 0 ? SIG_DFL : SIG_IGN;
   sigaction(signum, &action, nullptr);
-  return 0;  // The instruction faults again, and the default action applies.
 }
 
-// The context is the application's, with a source address as its pc. An action that another thread has taken back since the
-// signal arrived leaves no handler: the thread goes on, and the kernel's default action strikes once the signal is free.
-std::uint64_t run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
+// The fault is the application's, at a place of rewritten code whose source address is not known: pc reads 0.
+signal_exit handle_synchronous(thread_data* thread, int signum, ucontext_t* ucontext) {
   const std::uint64_t handler = take_application_handler(signum);
-  if (handler > 1) return lookup_or_scan(thread, handler);
+  if (handler > 1) {
+    ucontext->uc_mcontext.pc = 0;
+    return enter_handler(thread, handler);
+  }
+  set_kernel_action(signum, handler);
+  return GO_ON;  // The instruction faults again, and the default action applies.
+}
+
+// The context is the application's, with a source address as its pc. An action that another thread has taken back since
+// the signal arrived leaves no handler: the thread goes on, and the kernel's default action strikes once the signal is
+// free.
+signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
+  const std::uint64_t handler = take_application_handler(signum);
+  if (handler > 1) return enter_handler(thread, handler);
   context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
   if (handler == 0) {
+    if (signum == SIGILL) set_kernel_action(signum, handler);  // The one action that the application cannot take back.
     raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
                 static_cast<std::uint64_t>(signum));
   }
-  return 0;
+  return GO_ON;
 }
 
 void stop_for_exit(thread_data* thread, std::uint64_t pc) {
@@ -298,7 +371,13 @@ void install_sigill_handler() {
   action.sa_sigaction = reinterpret_cast<void (*)(int, siginfo_t*, void*)>(signal_entry_stub);
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGILL, &action, nullptr);
+  sigset_t sigill;
+  sigemptyset(&sigill);
+  sigaddset(&sigill, SIGILL);
+  sigprocmask(SIG_UNBLOCK, &sigill, nullptr);  // Whoever started the process may have had it blocked.
 }
+
+void set_raise_trap(std::uint32_t* place) { a64_hvc(place, TRAP_RAISE); }
 
 bool has_deliverable_signal(thread_data* thread) {
   return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0 || find_pending_signal(thread) >= 0;
@@ -339,55 +418,68 @@ void trap_fragment_exit(thread_data* thread, std::int32_t fragment_id, std::uint
   clear_instruction_cache(meta.exit_code_addr, meta.exit_code_addr + size / 4);
 }
 
-extern "C" std::uint64_t signal_dispatcher(int signum, void*, void* ucontext_pointer) {
+extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* ucontext_pointer) {
+  const auto* info = static_cast<const siginfo_t*>(info_pointer);
   auto* ucontext = static_cast<ucontext_t*>(ucontext_pointer);
   mcontext_t& context = ucontext->uc_mcontext;
   thread_data* thread = current_thread;
+  const bool fault = is_fault(signum, info);
+  look_again(thread, context);
   const std::uint64_t pc = context.pc;
 
   // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) {
     stop_for_exit(thread, pc);
-    return 0;
+    return GO_ON;
+  }
+  if (fault && is_stub_point(thread, pc, reentry_raise)) {
+    raise_at_return(context);
+    return GO_ON;
   }
   if (is_stub_point(thread, pc, reentry_signal_point)) {
     leave_reentry_stub(context);
     return run_handler(thread, signum, ucontext);
   }
-  if (is_stub_point(thread, pc, syscall_return_point) || is_before_syscall(thread, pc)) {
-    if (pc == address_of(thread->code_cache) + stub_offset(syscall_return_point)) {
-      leave_syscall_wrapper(context);
+  const bool returns = is_stub_point(thread, pc, syscall_return_point);
+  if (returns || is_before_syscall(thread, pc)) {
+    if (returns) {
+      leave_syscall_wrapper(thread, context);
     } else {
-      undo_syscall(context);
+      undo_syscall(thread, context);
     }
     leave_syscall(thread);  // The handler is application code: the thread is not in its call any more.
     return run_handler(thread, signum, ucontext);
   }
-  const bool in_code = is_in_code_range(thread, pc);
-  if (in_code) {
-    const std::int32_t id = exit_owner(thread, pc);
-    const bool in_exit = pc >= address_of(thread->metas[id].exit_code_addr);
-    if (in_exit && signum == SIGILL) {
+  const std::uint64_t place = fragment_place(thread, context);
+  if (is_in_code_range(thread, place)) {
+    const std::int32_t id = exit_owner(thread, place);
+    const bool in_exit = place >= address_of(thread->metas[id].exit_code_addr);
+    if (in_exit && fault && signum == SIGILL) {
       handle_trap(thread, ucontext, id);
-      return 0;
+      return GO_ON;
     }
-    trap_fragment_exit(thread, id, pc);
+    trap_fragment_exit(thread, id, place);
   }
-  if (is_synchronous(signum)) {
-    if (!in_code) log(LEVEL_FATAL, "synchronous signal outside the code cache");
+  if (fault) {
+    if (!is_in_cache(thread, pc)) log(LEVEL_FATAL, "synchronous signal outside the code cache");
     return handle_synchronous(thread, signum, ucontext);
   }
   // Atomic, because a nested signal can strike between a load and a store; both belong to this thread alone.
   std::atomic_ref(thread->pending_signals[signum]).fetch_add(1, std::memory_order_relaxed);
   std::atomic_ref(thread->pending_signal_count).fetch_add(1, std::memory_order_relaxed);
-  return 0;
+  return GO_ON;
 }
 
 extern "C" std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t* info) {
   thread_data* thread = current_thread;
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) abandon_thread(thread);
+  // Before they are looked through: one that comes meanwhile makes the stub ask again.
+  const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const int signum = take_pending_signal(thread);
-  if (signum < 0) return 0;
+  if (signum < 0) {
+    info[0] = static_cast<std::uint64_t>(judged);
+    return 0;
+  }
   info[0] = static_cast<std::uint64_t>(getpid());
   info[1] = static_cast<std::uint64_t>(gettid());
   info[2] = static_cast<std::uint64_t>(signum);

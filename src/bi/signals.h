@@ -16,6 +16,9 @@ inline constexpr std::uint64_t KERNEL_SIGSET_SIZE = 8;
 // threads by it, and the traps that it plants raise it.
 void install_sigill_handler();
 
+// Puts the trap into a thread's copy of the stub text that raises a held signal without giving up the state of SVE.
+void set_raise_trap(std::uint32_t* place);
+
 // Makes a context look like an exit that is about to enter the dispatcher with `target`.
 void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target);
 

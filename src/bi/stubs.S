@@ -7,9 +7,10 @@
 // is needed for that. Data words are reached by literal loads; everything in the text must stay in range of itself, and
 // nothing in it may refer to its own address in the executable.
 //
-// Preserved for the application around every call into the engine: x0 to x21, x29, x30, the vector registers and, in x19
-// once x19 is saved, the condition flags. x22 to x28 are preserved by the procedure-call standard of the engine's own code. FPCR
-// and FPSR stay as they are: the engine's code leaves the rounding mode alone and executes no floating-point arithmetic.
+// Preserved for the application around every call into the engine: x0 to x21, x29, x30, the vector registers and, in
+// x19 once x19 is saved, the condition flags. x22 to x28 are preserved by the procedure-call standard of the engine's
+// own code. FPCR and FPSR stay as they are: the engine's code leaves the rounding mode alone and executes no
+// floating-point arithmetic.
 #include "stub_layout.h"
 
         .text
@@ -90,10 +91,10 @@ restore_int_regs:
         ldp     x4, x5, [sp], #STUB_INT_REGS_SIZE
         ret
 
-// The whole vector state. In a copy on a machine without SVE the first word stays what it is and q0 to q31 are all there
-// is. With SVE it is a NOP (init_thread): a load of a q register clears the rest of its z register, and the C library's
-// own copying clobbers predicates, either of which an application between two blocks still needs. Not around system
-// calls: their interface gives the rest of the state up.
+// The whole vector state. In a copy on a machine without SVE the first word stays what it is and q0 to q31 are all
+// there is. With SVE it is a NOP (init_thread): a load of a q register clears the rest of its z register, and the C
+// library's own copying clobbers predicates, either of which an application between two blocks still needs. Not around
+// system calls: their interface gives the rest of the state up.
 //
 //   SVE, from sp up, VL being a vector's length and PL an eighth of it: p0 to p15 and FFR, 17 PL; up to 3 VL unused; z0 to
 //   z31. Both steps of sp are whole vectors, so that it stays aligned to 16.
@@ -267,6 +268,7 @@ global_label hot_counter_slots
         strb    w3, [x2, x1]
         cbz     w3, 1f
         ldp     x2, x3, [sp], #16
+global_label hot_counter_return
         ret
 1:      ldp     x2, x30, [sp, #0x10]
         stp     x0, x2, [sp, #0x10]
@@ -314,14 +316,17 @@ global_label syscall_wrapper
         blr     x9
         cbz     x0, syscall_leave
         mov     w10, #0 // how many held signals have been judged
-// From here on to the SVC, itself included, a signal finds the call not made: the signal dispatcher takes the frame apart,
-// lets the handler run, and the application makes the call anew. A signal from before this point was only counted, and
-// the call might never return: it is raised first. So nothing that arrives before a call can be slept over by it.
+// A signal from before this point was only counted, and the call might never return: it is raised first. One that comes
+// in this window makes the thread look again.
 global_label syscall_restart_window
         ldr     x9, word_pending_signal_count
         ldr     w9, [x9]
         cmp     w9, w10
         b.ne    syscall_with_held_signals
+// From here on to the SVC, itself included, a signal finds the call not made: the signal dispatcher takes the frame
+// apart, lets the handler run, and the application makes the call anew. So nothing that arrives before a call can be
+// slept over by it.
+global_label syscall_call_window
         add     x9, sp, #STUB_SIMD_REGS_SIZE
         ldp     x0, x1, [x9, #SYSCALL_X0]
         ldp     x2, x3, [x9, #SYSCALL_X2]
@@ -368,10 +373,15 @@ syscall_leave:
 //     x0, x1                0x60: pushed by whoever came here
 global_label cache_reentry_stub
         str     x2, [sp, #-16]!
+// From the look at the count to the branch that leaves, and again below, a signal would be counted too late: the thread
+// might not come here again for as long as it runs. The signal dispatcher sends a thread back to this window from
+// there: up to the branch everything is at known places.
+global_label reentry_window
         ldr     x2, word_pending_signal_count
         ldr     w2, [x2]
         cbnz    w2, 1f
         ldr     x2, [sp], #16
+global_label reentry_branch
         br      x0
 1:      stp     x0, x1, [sp, #-16]!
         mov     x0, x1
@@ -398,22 +408,37 @@ global_label cache_reentry_stub
         ldp     x0, x1, [sp], #0x20
         str     x8, [sp, #0x18]
         mov     x8, #NR_TGKILL
+// With SVE a copy has a trap here: a system call gives up the vectors' upper parts and the predicates, which the
+// application needs. The signal dispatcher makes the call then, and the kernel raises the signal where the call would
+// have.
+global_label reentry_raise
         svc     #0
 // Raised here: from sp up the cache address, the source address, x2, x8, and the application's x0 and x1.
 global_label reentry_signal_point
-        // Not raised: it was blocked meanwhile and stays pending in the kernel.
+        // Not raised: it was blocked meanwhile and stays pending in the kernel. There may be others.
         ldp     x2, x8, [sp, #0x10]
-        ldr     x0, [sp], #0x20
-        br      x0
+        ldp     x0, x1, [sp], #0x20
+        b       cache_reentry_stub
+// Those that are held have to wait on. From sp up: how many have been judged, 0x20; the rest as above, but for x8.
 reentry_resume:
-        add     sp, sp, #0x20
-        ldr     x2, [sp, #0x10]
-        ldr     x0, [sp], #0x20
+        ldr     w1, [sp]
+global_label reentry_resume_window
+        ldr     x2, word_pending_signal_count
+        ldr     w2, [x2]
+        sub     w2, w2, w1
+        cbnz    w2, 3f
+        ldr     x2, [sp, #0x30]
+        ldp     x0, x1, [sp, #0x20]
+        add     sp, sp, #0x40
+global_label reentry_resume_branch
         br      x0
+3:      ldp     x0, x1, [sp, #0x20]
+        add     sp, sp, #0x30
+        b       1b
 
 // Part of syscall_wrapper: signals are held. Calls syscall_held_signals(number, args, next_inst, thread_data), which
-// either changes the two return addresses so that the call is made anew once they are raised, and returns 0, or returns 1
-// more than the number of those that have to wait on.
+// either changes the two return addresses so that the call is made anew once they are raised, and returns 0, or returns
+// 1 more than the number of those that have to wait on.
 syscall_with_held_signals:
         ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
         add     x1, sp, #STUB_SIMD_REGS_SIZE
@@ -453,9 +478,10 @@ stub_text_end:
 //
 //   Frame, from sp up: x2 to x17 0x00; x18, x29 0x80; x30 0x90; x0, x1 0xa0. Size 0xb0.
 //
-//   Calls signal_dispatcher(signum, siginfo, ucontext). A result of 0 resumes through rt_sigreturn; anything else is
-//   the cache address of the application's handler, whose first block pops x0 and x1: it starts with the kernel's
-//   arguments.
+//   Calls signal_dispatcher(signum, siginfo, ucontext). An entry of 0 resumes through rt_sigreturn; anything else is this
+//   thread's dispatcher_entry_stub, which is entered as by an exit with the handler as its target. The handler's first block
+//   pops x0 and x1: it starts with the kernel's arguments. On that way it passes cache_reentry_stub, so that a signal that
+//   has come since is raised on top of it.
         .balign 4
 global_label signal_entry_stub
         stp     x2, x3, [sp, #-0xb0]!
@@ -481,7 +507,10 @@ global_label signal_entry_stub
         ldp     x4, x5, [sp, #0x10]
         ldp     x2, x3, [sp], #0xa0
         cbz     x0, 1f
-        br      x0
+        mov     x16, x0
+        mov     x0, x1
+        mov     x1, #0
+        br      x16
 1:      add     sp, sp, #0x10
         mov     x8, #NR_RT_SIGRETURN
         svc     #0
@@ -500,8 +529,9 @@ global_label thread_start_stub
         mov     x1, sp
         b       thread_start
 
-// void leave_thread(std::uint64_t engine_sp, std::int32_t *library_tid_word, std::int32_t *application_tid_word): returns
-// to the C library from thread_start_stub's frame, wherever the thread stands now. Does not return to its caller.
+// void leave_thread(std::uint64_t engine_sp, std::int32_t *library_tid_word, std::int32_t *application_tid_word):
+// returns to the C library from thread_start_stub's frame, wherever the thread stands now. Does not return to its
+// caller.
 //   x0   the frame; x1, x2 handed on
 //
 //   Before it does, and as soon as sp has left the application's stack, calls settle_tid_words(library_tid_word,
@@ -553,8 +583,8 @@ global_label enter_application
         stp     xzr, xzr, [sp, #-16]!
         br      x0
 
-// std::int64_t raw_syscall(std::uint64_t number, a0, ..., a6): a system call past every interception; the kernel's result
-// unchanged, negative numbers being errors. Leaf; clobbers what a call may.
+// std::int64_t raw_syscall(std::uint64_t number, a0, ..., a6): a system call past every interception; the kernel's
+// result unchanged, negative numbers being errors. Leaf; clobbers what a call may.
 global_label raw_syscall
         mov     x8, x0
         mov     x0, x1

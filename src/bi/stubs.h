@@ -1,5 +1,5 @@
-// The names in the stub text and the other hand-written routines; stubs.S tells what each assumes and keeps. An address in
-// a thread's copy is the copy's base plus the distance from stub_text.
+// The names in the stub text and the other hand-written routines; stubs.S tells what each assumes and keeps. An address
+// in a thread's copy is the copy's base plus the distance from stub_text.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,13 @@
 namespace ceilmeter {
 
 struct thread_data;
+
+// Where signal_entry_stub goes on, in x0 and x1: at a stub with a target for it. No entry: the interrupted code goes
+// on.
+struct signal_exit {
+  std::uint64_t entry;
+  std::uint64_t target;
+};
 
 extern "C" {
 
@@ -17,15 +24,25 @@ extern const std::uint8_t restore_vector_state[];
 extern const std::uint8_t dispatcher_entry_stub[];
 extern const std::uint8_t hot_counter_stub[];
 extern const std::uint8_t hot_counter_slots[];
+extern const std::uint8_t hot_counter_return[];
 extern const std::uint8_t syscall_wrapper[];
 extern const std::uint8_t syscall_restart_window[];
+extern const std::uint8_t syscall_call_window[];
 extern const std::uint8_t syscall_return_point[];
 extern const std::uint8_t cache_reentry_stub[];
+extern const std::uint8_t reentry_window[];
+extern const std::uint8_t reentry_branch[];
+extern const std::uint8_t reentry_raise[];
 extern const std::uint8_t reentry_signal_point[];
+extern const std::uint8_t reentry_resume_window[];
+extern const std::uint8_t reentry_resume_branch[];
 extern const std::uint8_t word_thread_data[];
 extern const std::uint8_t word_pending_signal_count[];
 
 void signal_entry_stub();
+void guarded_call_stub();
+void guarded_call_stub_sve();
+extern const std::uint8_t guarded_call_stubs_end[];
 void* thread_start_stub(void* thread);
 void leave_thread(std::uint64_t engine_sp, std::int32_t* library_tid_word, std::int32_t* application_tid_word);
 [[noreturn]] void start_on_stack(std::uint64_t save_area, std::uint64_t block);
@@ -42,11 +59,14 @@ std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_t* args, st
 void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread);
 void create_trace(thread_data* thread, std::int32_t source_index, std::uint64_t* ret);
 std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info);
-std::uint64_t signal_dispatcher(int signum, void* siginfo, void* ucontext);
+signal_exit signal_dispatcher(int signum, void* siginfo, void* ucontext);
 [[noreturn]] void thread_start(thread_data* thread, std::uint64_t engine_sp);
 
 // What leave_thread calls on the thread's own stack.
 void settle_tid_words(std::int32_t* library_tid_word, std::int32_t* application_tid_word);
+
+// While this thread is in one of the two stubs above: where it goes on in the code cache. 0: it is not.
+extern thread_local std::uint64_t guarded_return_address;
 
 }  // extern "C"
 

@@ -18,7 +18,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bi/plugin.h"
+#include "bi/call_mask.h"
+#include "bi/plugin_delivery.h"
 #include "bi/signals.h"
 #include "bi/stubs.h"
 #include "bi/threads.h"
@@ -67,18 +68,6 @@ static_assert(SIGNAL_FRAME_CONTEXT == SYSCALL_APP_SP + sizeof(siginfo_t), "the k
 char application_path[PATH_MAX];
 
 std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
-
-// Whether the kernel can read, or write, the eight bytes at an address of the application's. An address that it cannot use
-// is the application's mistake and has to stay one that it is told of. No signal mask changes: the first call has no
-// valid way to, the second asks for the mask, which it writes to the place. To both of them 0 means that there is none.
-bool is_readable(std::uint64_t address) {
-  constexpr std::uint64_t no_operation = ~std::uint64_t{0};
-  return address != 0 && raw_syscall(SYS_rt_sigprocmask, no_operation, address, 0, KERNEL_SIGSET_SIZE) != -EFAULT;
-}
-
-bool is_writable(std::uint64_t address) {
-  return address != 0 && raw_syscall(SYS_rt_sigprocmask, SIG_BLOCK, 0, address, KERNEL_SIGSET_SIZE) != -EFAULT;
-}
 
 constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std::uint64_t);
 
@@ -163,6 +152,7 @@ call_action handle_rt_sigprocmask(const std::uint64_t* args, std::int64_t* resul
 void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
   auto* context = reinterpret_cast<ucontext_t*>(reinterpret_cast<char*>(args) + SIGNAL_FRAME_CONTEXT);
   context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
+  sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
 }
 
 bool resolve_application_path(char* resolved) { return realpath(engine.argv[0], resolved) != nullptr; }
@@ -219,11 +209,22 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       // have it, the C library falls back to clone.
       *result = -ENOSYS;
       return call_action::HANDLED;
-    default: return call_action::MAKE;
+    default: replace_call_mask(thread, number, args); return call_action::MAKE;
   }
 }
 
 }  // namespace
+
+// No signal mask changes: the first call has no valid way to, the second asks for the mask, which it writes to the place. To
+// both of them 0 means that there is none.
+bool is_readable(std::uint64_t address) {
+  constexpr std::uint64_t no_operation = ~std::uint64_t{0};
+  return address != 0 && raw_syscall(SYS_rt_sigprocmask, no_operation, address, 0, KERNEL_SIGSET_SIZE) != -EFAULT;
+}
+
+bool is_writable(std::uint64_t address) {
+  return address != 0 && raw_syscall(SYS_rt_sigprocmask, SIG_BLOCK, 0, address, KERNEL_SIGSET_SIZE) != -EFAULT;
+}
 
 void remember_application_path() {
   if (application_path[0] == '\0' && !resolve_application_path(application_path)) application_path[0] = '\0';
@@ -278,6 +279,7 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   // The first argument is all that a post-syscall callback gets to see: the result takes its place.
   if (engine.plugin_count != 0) thread->syscall_args = args[0];
   std::uint64_t result = 0;
+  thread->flush_seen = 0;
   if (!deliver_pre_syscall(thread, number, args, next_inst, &result)) {
     std::int64_t kernel_result = 0;
     switch (act_on_syscall(number, args, next_inst, thread, &kernel_result)) {
@@ -293,6 +295,11 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   }
   deliver_post_syscall(thread, number, next_inst, &result);
   args[0] = result;
+  if (thread->flush_seen != 0) {
+    // Code has gone or is about to change. The rest of this block may be linked to what has been made of it: the thread
+    // goes on in a block that knows of nothing.
+    args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, next_inst);
+  }
   return 0;
 }
 
@@ -305,6 +312,7 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
   // These two cannot be made anew, since their arguments have been rewritten. Neither waits for a signal.
   if (number == SYS_rt_sigreturn || number == SYS_clone || !has_deliverable_signal(thread)) return judged;
   leave_syscall(thread);
+  restore_call_mask(thread, args, 0);
   const std::uint64_t call = next_inst - sizeof(std::uint32_t);
   args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, call);
   args[SYSCALL_NEXT_SOURCE / 8] = call;
@@ -318,6 +326,7 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
     log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
     finish_fork(thread, static_cast<std::int64_t>(args[0]));  // First: locks and signals are held back until then.
   }
+  restore_call_mask(thread, args, 1);
   leave_syscall(thread);
   std::uint64_t result = args[0];
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.

@@ -20,7 +20,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "bi/plugin.h"
+#include "bi/plugin_delivery.h"
 #include "bi/signals.h"
 #include "bi/stub_layout.h"
 #include "bi/stubs.h"
@@ -76,9 +76,11 @@ void lock_all() {
   pthread_mutex_lock(&engine.brk_lock);
   pthread_mutex_lock(&engine.function_watch_lock);
   pthread_mutex_lock(&engine.exec_ranges.lock);
+  pthread_mutex_lock(&engine.protected_ranges.lock);
 }
 
 void unlock_all() {
+  pthread_mutex_unlock(&engine.protected_ranges.lock);
   pthread_mutex_unlock(&engine.exec_ranges.lock);
   pthread_mutex_unlock(&engine.function_watch_lock);
   pthread_mutex_unlock(&engine.brk_lock);
@@ -92,6 +94,7 @@ void init_all_locks() {
   pthread_mutex_init(&engine.brk_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
+  pthread_mutex_init(&engine.protected_ranges.lock, nullptr);
   pthread_mutex_init(&spare_streams_lock, nullptr);
 }
 

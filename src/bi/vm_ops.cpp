@@ -7,10 +7,12 @@
 #include <sys/shm.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
-#include "bi/plugin.h"
+#include "bi/pages.h"
+#include "bi/plugin_delivery.h"
 #include "bi/stubs.h"
 #include "bi/syscalls.h"
 #include "common/log.h"
@@ -29,18 +31,8 @@ static_assert(BREAK_FLAGS == 50);
 
 bool is_error(std::int64_t result) { return result < 0 && result >= -4095; }
 
-struct page_range {
-  std::uint64_t start;
-  std::uint64_t size;
-};
-
-// The whole pages that [address, address + length) touches.
 page_range whole_page_range(std::uint64_t address, std::uint64_t length) {
-  const std::uint64_t page = page_size();
-  const std::uint64_t offset = address % page;
-  const std::uint64_t end = offset + length;
-  const std::uint64_t to_boundary = (page - end % page) % page;
-  return {address - offset, end + to_boundary};
+  return ceilmeter::whole_page_range(address, length, page_size());
 }
 
 // The protection that the kernel gets. The application's code only ever runs from the cache, so that the kernel need not
@@ -65,10 +57,66 @@ void remove_function_watches(std::uint64_t start, std::uint64_t end) {
   pthread_mutex_unlock(&engine.function_watch_lock);
 }
 
-// Takes the range out of the executable ones. If there was any code in it, this thread forgets all that it has rewritten;
-// other threads keep their copies until their own next flush.
+// Code is known by its range: exec_ranges has what was mapped executable, protected_ranges what became so later. A map
+// that is full drops what it is given, and from then on any range may be one of code.
+bool may_hold_code(std::uint64_t start, std::uint64_t end) {
+  return interval_map_overlapping(&engine.exec_ranges, start, end) > 0 ||
+         interval_map_overlapping(&engine.protected_ranges, start, end) > 0 ||
+         std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
+}
+
+void add_code(interval_map* ranges, std::uint64_t start, std::uint64_t end, std::int32_t fd) {
+  // Said before it may be true: in doubt a flush too many.
+  if (interval_map_is_full(ranges)) std::atomic_ref(engine.code_ranges_dropped).store(1, std::memory_order_relaxed);
+  interval_map_add(ranges, start, end, fd);
+}
+
+// Takes the range out of those of code. If there was any code in it, this thread forgets all that it has rewritten; other
+// threads keep their copies until their own next flush.
 void forget_code(std::uint64_t start, std::uint64_t end) {
-  if (interval_map_delete(&engine.exec_ranges, start, end) >= 1) flush_code_cache(current_thread);
+  const bool dropped = std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
+  const bool was_mapped = interval_map_delete(&engine.exec_ranges, start, end) >= 1;
+  const bool was_protected = interval_map_delete(&engine.protected_ranges, start, end) >= 1;
+  if (was_mapped || was_protected || dropped) flush_code_cache(current_thread);
+}
+
+// Whether this thread has rewritten anything of the range since its last flush. A block's record has its start only, so one
+// that begins a little before the range counts as well.
+bool has_rewritten(const thread_data* thread, std::uint64_t start, std::uint64_t end) {
+  constexpr std::uint64_t longest_block = 0x10000;
+  const std::uint64_t first = start > longest_block ? start - longest_block : 1;
+  const auto is_within = [=](const bb_meta& meta) { return meta.source_addr >= first && meta.source_addr < end; };
+  return std::any_of(thread->metas, thread->metas + thread->next_block, is_within) ||
+         std::any_of(thread->metas + BB_COUNT, thread->metas + std::max(BB_COUNT, thread->active_trace.id), is_within);
+}
+
+// Something else was mapped over the range. A loader does that to every library that it maps in one piece and then
+// overlays with its data: nobody has run that yet, and the cache stays.
+void forget_replaced_code(std::uint64_t start, std::uint64_t end) {
+  if (!may_hold_code(start, end)) return;
+  interval_map_delete(&engine.protected_ranges, start, end);
+  if (has_rewritten(current_thread, start, end)) flush_code_cache(current_thread);
+}
+
+// Code that becomes writable is about to be changed: what has been rewritten of it is forgotten now, and it is scanned again
+// when it is next reached. Code that is changed while it is executable and writable at once goes unseen.
+void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t prot) {
+  if ((prot & PROT_WRITE) != 0 && may_hold_code(start, end)) {
+    interval_map_delete(&engine.protected_ranges, start, end);
+    flush_code_cache(current_thread);
+  }
+  if ((prot & PROT_EXEC) != 0) add_code(&engine.protected_ranges, start, end, NO_FILE);
+}
+
+// Code has moved with its memory: what was made of it at its old place, and of what was at its new one, is forgotten.
+void follow_move(page_range from, page_range to, bool replaces) {
+  if (replaces) forget_replaced_code(to.start, to.start + to.size);
+  const std::uint64_t end = from.start + from.size;
+  const bool was_protected = interval_map_delete(&engine.protected_ranges, from.start, end) >= 1;
+  if (was_protected) flush_code_cache(current_thread);
+  if (was_protected || interval_map_overlapping(&engine.exec_ranges, from.start, end) > 0) {
+    add_code(&engine.protected_ranges, to.start, to.start + to.size, NO_FILE);
+  }
 }
 
 // The new mapping is not known here: the range stays where it was, under a descriptor of its own.
@@ -78,7 +126,7 @@ void remap_range(std::uint64_t start, std::uint64_t end, std::uint64_t old_addr)
   // The entry's descriptor ends with the entry. Past the raw call so that no errno of the C library moves.
   const auto duplicate = entry.fd < 0 ? std::int64_t{NO_FILE} : raw_syscall(SYS_dup, static_cast<std::uint64_t>(entry.fd));
   forget_code(start, end);
-  interval_map_add(&engine.exec_ranges, start, end, static_cast<std::int32_t>(duplicate));
+  add_code(&engine.exec_ranges, start, end, static_cast<std::int32_t>(duplicate));
   if (duplicate >= 0) raw_syscall(SYS_close, static_cast<std::uint64_t>(duplicate));  // The map has its own by now.
 }
 
@@ -100,7 +148,7 @@ void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_
     case VM_MAP:
       if ((flags & VM_FLAG_APPLICATION) != 0) remember_application_path();
       if (!executable) break;
-      interval_map_add(&engine.exec_ranges, addr, end, fd);
+      add_code(&engine.exec_ranges, addr, end, fd);
       if (fd >= 0 && (flags & VM_FLAG_INTERPRETER) == 0) deliver_mapped_file(fd, addr);
       break;
     case VM_UNMAP:
@@ -109,7 +157,7 @@ void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_
       break;
     case VM_REMAP: remap_range(addr, end, old_addr); break;
     case VM_PROTECT:
-      if (executable) interval_map_add(&engine.exec_ranges, addr, end, fd);
+      if (executable) add_code(&engine.exec_ranges, addr, end, fd);
       break;
   }
 }
@@ -145,6 +193,7 @@ std::int64_t handle_mmap(const std::uint64_t* args) {
   // that are reported for them lie at the very top, where there is nothing.
   if (result < 0 && result > -34) return result;
   const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
+  if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) forget_replaced_code(range.start, range.start + range.size);
   // Reported as the application asked for it, not as the kernel has it.
   report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), static_cast<std::uint32_t>(args[3]),
                static_cast<std::int32_t>(args[4]), args[5], 0, 0);
@@ -156,9 +205,10 @@ std::int64_t handle_mprotect(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_mprotect, args[0], args[1], prot);
   if (result != 0) return result;
   const page_range range = whole_page_range(args[0], args[1]);
-  // Reported as the kernel has it, not executable: a change of protection does not widen the executable ranges. Code that
-  // is made executable this way is scanned when it is reached, like any other.
+  // Reported as the kernel has it, not executable: a change of protection does not widen exec_ranges, which tells of
+  // mappings.
   report_vm_op(VM_PROTECT, range.start, range.size, static_cast<std::uint32_t>(prot), 0, NO_FILE, 0, 0, 0);
+  follow_protection(range.start, range.start + range.size, args[2]);
   return result;
 }
 
@@ -176,6 +226,7 @@ std::int64_t handle_mremap(const std::uint64_t* args) {
   // The engine's view follows the old address; the new one is not reported.
   const page_range range = whole_page_range(args[0], args[1]);
   report_vm_op(VM_REMAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), 0, NO_FILE, 0, args[0], args[1]);
+  follow_move(range, whole_page_range(static_cast<std::uint64_t>(result), args[2]), (args[3] & MREMAP_FIXED) != 0);
   return result;
 }
 

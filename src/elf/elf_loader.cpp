@@ -18,7 +18,8 @@
 #include <cstring>
 
 #include "bi/mora.h"
-#include "bi/plugin.h"
+#include "bi/pages.h"
+#include "bi/plugin_delivery.h"
 #include "bi/stubs.h"
 #include "bi/syscalls.h"
 #include "common/log.h"
@@ -73,8 +74,8 @@ struct segment_pages {
   std::uint64_t file_offset;
 };
 
-std::uint64_t page_down(std::uint64_t address) { return address - address % page_size(); }
-std::uint64_t page_up(std::uint64_t address) { return page_down(address + page_size() - 1); }
+std::uint64_t page_down(std::uint64_t address) { return ceilmeter::page_down(address, page_size()); }
+std::uint64_t page_up(std::uint64_t address) { return ceilmeter::page_up(address, page_size()); }
 
 // The result is MAP_FAILED's value for a failure.
 std::uint64_t map(std::uint64_t address, std::uint64_t size, int protection, int flags, int fd, std::uint64_t offset) {

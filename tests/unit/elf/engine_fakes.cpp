@@ -9,6 +9,7 @@
 #include <ostream>
 
 #include "bi/mora.h"
+#include "bi/plugin_delivery.h"
 #include "bi/stubs.h"
 #include "bi/syscalls.h"
 
@@ -22,6 +23,8 @@ void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_
                   std::int32_t fd, std::uint64_t offset, std::uint64_t old_addr, std::uint64_t old_size) {
   test::vm_reports.push_back({op, addr, size, prot, flags, fd, offset, old_addr, old_size});
 }
+
+void tell_plugins_of_loaded_file(const char*, int) {}
 
 extern "C" void enter_application(std::uint64_t block, std::uint64_t sp) { test::on_enter(block, sp); }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bi/common.h"
+#include "common/log.h"
 
 namespace ceilmeter {
 namespace {
@@ -333,6 +334,19 @@ TEST(hash_table_model_test, random_additions_and_lookups_agree_with_a_naive_mode
     ASSERT_EQ(storage.entries[size - 1].key, 0U);
   }
   EXPECT_GT(refused, 0) << "no run came to the end of the table: the keys are too sparse to test it";
+}
+
+TEST_F(hash_table_test, there_is_room_for_a_key_until_the_slots_from_its_home_to_the_last_but_one_are_taken) {
+  constexpr std::uint64_t home = 7;  // The last of the small table's: nine slots up to the one that stays empty.
+  for (std::uint64_t number = 1; number <= 9; ++number) {
+    EXPECT_TRUE(hash_has_room(table, key_at_home(home, number))) << number;
+    hash_add(table, key_at_home(home, number), number);
+  }
+  EXPECT_FALSE(hash_has_room(table, key_at_home(home, 10)));
+  EXPECT_TRUE(hash_has_room(table, key_at_home(home, 9))) << "a key that is there takes no slot";
+  EXPECT_TRUE(hash_has_room(table, key_at_home(home - 1)));
+  hash_add(table, key_at_home(home - 1), 1);
+  EXPECT_FALSE(hash_has_room(table, key_at_home(home - 1, 2)));
 }
 
 }  // namespace

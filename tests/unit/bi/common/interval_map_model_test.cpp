@@ -32,7 +32,10 @@ class interval_model {
     if (file != 0) ++open;
     std::shared_ptr<model_range> kept;
     bool widening_reaches_kept = true;
-    for (const auto& entry : found_from_the_end(start, end)) {
+    const auto before = entries;
+    for (auto at = before.rbegin(); at != before.rend(); ++at) {
+      const auto& entry = *at;
+      if (!overlaps(*entry, start, end)) continue;
       start = std::min(start, entry->start);
       end = std::max(end, entry->end);
       if (!kept) {
@@ -89,12 +92,14 @@ class interval_model {
   int open = 0;
 
  private:
-  // Ranges that are joined here were disjoint, so that a range widened on the way meets no entry that the first one had
-  // not met.
+  static bool overlaps(const model_range& entry, std::uint64_t start, std::uint64_t end) {
+    return entry.end > start && entry.start < end;
+  }
+
   std::vector<std::shared_ptr<model_range>> found_from_the_end(std::uint64_t start, std::uint64_t end) const {
     std::vector<std::shared_ptr<model_range>> found;
     std::copy_if(entries.rbegin(), entries.rend(), std::back_inserter(found),
-                 [=](const auto& entry) { return entry->end > start && entry->start < end; });
+                 [=](const auto& entry) { return overlaps(*entry, start, end); });
     return found;
   }
 

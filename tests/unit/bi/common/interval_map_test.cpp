@@ -6,6 +6,7 @@
 #include <string>
 
 #include "../../support/captured_log.h"
+#include "common/log.h"
 #include "interval_map_support.h"
 
 namespace ceilmeter {
@@ -335,6 +336,16 @@ TEST_F(interval_map_log_test, delete_that_touches_nothing_logs_nothing) {
 TEST_F(interval_map_log_test, nothing_is_logged_at_level_debug) {
   EXPECT_THAT(lines_at(LEVEL_DEBUG, [&] { add(0x1000, 0x2000); remove(0x1800, 0x3000); interval_map_print(map); }),
               IsEmpty());
+}
+
+TEST_F(interval_map_test, a_map_is_full_with_as_many_ranges_as_it_has_room_for) {
+  for (std::uint64_t number = 1; number <= 8; ++number) {
+    EXPECT_FALSE(interval_map_is_full(map)) << number;
+    add(number * 0x10000, number * 0x10000 + 0x1000);
+  }
+  EXPECT_TRUE(interval_map_is_full(map));
+  remove(0x30000, 0x31000);
+  EXPECT_FALSE(interval_map_is_full(map));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "bi/common.h"
 
@@ -62,6 +63,31 @@ TEST_F(linked_pool_test, init_makes_linked_records_free_again) {
     ASSERT_EQ(record, linked_pool_records(pool) + index);
     EXPECT_EQ(record->next, nullptr);
   }
+  EXPECT_EQ(linked_pool_alloc(pool), nullptr);
+}
+
+TEST_F(linked_pool_test, zeroed_memory_hands_out_the_same_records_in_the_same_order) {
+  std::memset(linked_pool_records(pool), 0, capacity * sizeof(linked_record));
+  linked_pool_init_zeroed(pool, capacity);
+  for (std::uint32_t index = 0; index < capacity; ++index) {
+    linked_record* record = linked_pool_alloc(pool);
+    ASSERT_EQ(record, linked_pool_records(pool) + index);
+    EXPECT_EQ(record->next, nullptr);
+    record->next = record;  // What the owner links does not lead the pool astray.
+  }
+  EXPECT_EQ(linked_pool_alloc(pool), nullptr);
+}
+
+TEST_F(linked_pool_test, init_of_zeroed_memory_writes_no_record) {
+  std::memset(linked_pool_records(pool), 0, capacity * sizeof(linked_record));
+  linked_pool_init_zeroed(pool, capacity);
+  for (std::uint32_t index = 0; index < capacity; ++index) {
+    EXPECT_EQ(linked_pool_records(pool)[index].next, nullptr) << "record " << index;
+  }
+}
+
+TEST_F(linked_pool_test, zeroed_pool_without_records_is_exhausted_at_once) {
+  linked_pool_init_zeroed(pool, 0);
   EXPECT_EQ(linked_pool_alloc(pool), nullptr);
 }
 

@@ -1,4 +1,5 @@
 // The way of a system call past the engine: what is made, what is handled, and how the thread's status tells.
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -31,6 +32,24 @@ TEST_F(syscall_handlers, a_thread_that_comes_back_while_the_process_ends_goes_no
   expect_made(SYS_getppid, {});
   engine.exit_flag = 1;
   EXPECT_THROW(syscall_handler_post(SYS_getppid, args, next_inst, thread), thread_abandoned);
+}
+
+TEST_F(syscall_handlers, after_a_flush_the_thread_goes_on_in_a_new_block) {
+  engine.plugin_count = 0;
+  const std::uint64_t page = fake.page;
+  void* code = mmap(nullptr, page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  interval_map_add(&engine.exec_ranges, address_of(code), address_of(code) + page, -1);
+  args[SYSCALL_CACHE_RETURN / 8] = 77;
+  handled(SYS_munmap, {address_of(code), page});
+  EXPECT_EQ(fake.flushes, 1);
+  EXPECT_EQ(args[SYSCALL_CACHE_RETURN / 8], cache_of(next_inst));
+}
+
+TEST_F(syscall_handlers, without_a_flush_the_thread_goes_on_in_its_block) {
+  args[SYSCALL_CACHE_RETURN / 8] = 77;
+  thread->flush_seen = 1;  // Of an earlier flush.
+  handled(SYS_brk, {0});
+  EXPECT_EQ(args[SYSCALL_CACHE_RETURN / 8], 77u);
 }
 
 TEST_F(syscall_handlers, the_standard_descriptors_stay_open) {

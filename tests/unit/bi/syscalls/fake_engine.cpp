@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 
+#include "bi/plugin_delivery.h"
 #include "bi/signals.h"
 #include "bi/stubs.h"
 #include "bi/threads.h"
@@ -74,6 +75,7 @@ int unregister_thread(thread_data* thread, bool lock_held) {
 
 void flush_code_cache(thread_data* thread) {
   ++fake.flushes;
+  thread->flush_seen = 1;
   fake.flushed = thread;
 }
 
@@ -82,6 +84,8 @@ std::uint64_t scan(thread_data*, std::uint64_t, std::int32_t) {
 }
 
 std::uint64_t lookup_or_scan(thread_data*, std::uint64_t source) { return test::cache_of(source); }
+
+void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
 bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }
 
@@ -97,7 +101,7 @@ extern "C" {
 void dispatcher(std::uint64_t, std::int32_t, std::uint64_t*, thread_data*) { std::abort(); }
 void create_trace(thread_data*, std::int32_t, std::uint64_t*) { std::abort(); }
 std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t*) { std::abort(); }
-std::uint64_t signal_dispatcher(int, void*, void*) { std::abort(); }
+signal_exit signal_dispatcher(int, void*, void*) { std::abort(); }
 }
 
 namespace test {
@@ -113,6 +117,8 @@ syscalls_test::syscalls_test() : frame{}, args(reinterpret_cast<std::uint64_t*>(
   pthread_mutex_init(&engine.brk_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
+  interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
+  engine.code_ranges_dropped = 0;
   robin_map_init(&engine.function_watches, 264);
   allocate_thread_data(&thread);
   thread->tid = gettid();
@@ -183,7 +189,8 @@ std::int64_t mapped_kib() {
   for (std::string line; std::getline(maps, line);) {
     unsigned long start = 0;
     unsigned long end = 0;
-    if (std::sscanf(line.c_str(), "%lx-%lx", &start, &end) == 2) bytes += end - start;
+    char readable = '-';
+    if (std::sscanf(line.c_str(), "%lx-%lx %c", &start, &end, &readable) == 3 && readable == 'r') bytes += end - start;
   }
   return static_cast<std::int64_t>(bytes / 1024);
 }

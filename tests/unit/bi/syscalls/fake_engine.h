@@ -61,7 +61,7 @@ bool is_readable_memory(std::uint64_t address);
 // "r--p" and so on of the mapping that holds the address; empty if none does.
 std::string permissions_at(std::uint64_t address);
 std::int64_t resident_kib();
-std::int64_t mapped_kib();
+std::int64_t mapped_kib();  // Of memory that can be read: heaps reserve address space.
 bool is_emulated();  // By the user-mode emulator, which has no robust lists.
 int open_descriptors();
 int live_threads();

@@ -19,6 +19,15 @@ class memory_calls : public syscalls_test {
   std::uint64_t map(std::uint64_t size, std::uint64_t prot) {
     return static_cast<std::uint64_t>(handled(SYS_mmap, {0, size, prot, anonymous, no_file, 0}));
   }
+  void map_over(std::uint64_t address, std::uint64_t prot) {
+    const auto at = static_cast<std::int64_t>(address);
+    EXPECT_EQ(handled(SYS_mmap, {address, fake.page, prot, anonymous | MAP_FIXED, no_file, 0}), at);
+  }
+  // A block of this thread's begins there.
+  void was_rewritten(std::uint64_t address) {
+    thread->next_block = 4;
+    thread->metas[3].source_addr = address;
+  }
   static std::int64_t known(std::uint64_t address, std::uint64_t size) {
     return interval_map_overlapping(&engine.exec_ranges, address, address + size);
   }
@@ -87,6 +96,118 @@ TEST_F(memory_calls, memory_made_executable_stays_readable_and_not_executable_an
   EXPECT_EQ(permissions_at(address), "r--p");
   EXPECT_EQ(known(address, fake.page), 0);
   munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, unmapping_code_that_was_made_executable_flushes) {
+  const std::uint64_t address = map(2 * fake.page, PROT_READ | PROT_WRITE);
+  handled(SYS_mprotect, {address, fake.page, PROT_READ | PROT_EXEC});
+  handled(SYS_munmap, {address + fake.page, fake.page});
+  EXPECT_EQ(fake.flushes, 0);
+  handled(SYS_munmap, {address, fake.page});
+  EXPECT_EQ(fake.flushes, 1);
+}
+
+TEST_F(memory_calls, code_that_becomes_writable_is_forgotten_however_it_came_to_be_executable) {
+  const std::uint64_t mapped = map(fake.page, PROT_READ | PROT_EXEC);
+  const std::uint64_t made = map(fake.page, PROT_READ | PROT_WRITE);
+  handled(SYS_mprotect, {made, fake.page, PROT_READ | PROT_EXEC});
+  EXPECT_EQ(fake.flushes, 0);
+  handled(SYS_mprotect, {mapped, fake.page, PROT_READ | PROT_WRITE});
+  EXPECT_EQ(fake.flushes, 1);
+  handled(SYS_mprotect, {made, fake.page, PROT_READ | PROT_WRITE});
+  EXPECT_EQ(fake.flushes, 2);
+  munmap(reinterpret_cast<void*>(mapped), fake.page);
+  munmap(reinterpret_cast<void*>(made), fake.page);
+}
+
+TEST_F(memory_calls, code_that_stays_unwritable_and_data_that_becomes_writable_flush_nothing) {
+  const std::uint64_t code = map(fake.page, PROT_READ | PROT_EXEC);
+  const std::uint64_t data = map(fake.page, PROT_READ);
+  handled(SYS_mprotect, {code, fake.page, PROT_READ});
+  handled(SYS_mprotect, {code, fake.page, PROT_READ | PROT_EXEC});
+  handled(SYS_mprotect, {data, fake.page, PROT_READ | PROT_WRITE});
+  EXPECT_EQ(fake.flushes, 0);
+  munmap(reinterpret_cast<void*>(code), fake.page);
+  munmap(reinterpret_cast<void*>(data), fake.page);
+}
+
+TEST_F(memory_calls, code_that_becomes_writable_and_stays_executable_is_forgotten_too) {
+  const std::uint64_t address = map(fake.page, PROT_READ | PROT_EXEC);
+  handled(SYS_mprotect, {address, fake.page, PROT_READ | PROT_WRITE | PROT_EXEC});
+  EXPECT_EQ(fake.flushes, 1);
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, a_mapping_over_code_that_was_rewritten_flushes) {
+  const std::uint64_t address = map(4 * fake.page, PROT_READ | PROT_EXEC);
+  was_rewritten(address + fake.page + 8);
+  map_over(address, PROT_READ);  // Blocks are known by their starts: this page has none, nor the one before it.
+  EXPECT_EQ(fake.flushes, 0);
+  map_over(address + fake.page, PROT_READ);
+  EXPECT_EQ(fake.flushes, 1);
+  munmap(reinterpret_cast<void*>(address), 4 * fake.page);
+}
+
+TEST_F(memory_calls, a_mapping_over_code_flushes_for_a_block_that_may_reach_into_it) {
+  const std::uint64_t address = map(40 * fake.page, PROT_READ | PROT_EXEC);
+  was_rewritten(address + 8);
+  map_over(address + 39 * fake.page, PROT_READ);
+  EXPECT_EQ(fake.flushes, 0);
+  map_over(address + fake.page, PROT_READ);
+  EXPECT_EQ(fake.flushes, 1);
+  munmap(reinterpret_cast<void*>(address), 40 * fake.page);
+}
+
+TEST_F(memory_calls, a_mapping_over_data_flushes_nothing) {
+  const std::uint64_t address = map(fake.page, PROT_READ);
+  was_rewritten(address);
+  map_over(address, PROT_READ | PROT_EXEC);
+  EXPECT_EQ(fake.flushes, 0);
+  munmap(reinterpret_cast<void*>(address), fake.page);
+}
+
+TEST_F(memory_calls, code_that_moves_is_forgotten_and_known_at_its_new_place) {
+  const std::uint64_t old_place = map(fake.page, PROT_READ | PROT_WRITE);
+  const std::uint64_t new_place = map(fake.page, PROT_READ);
+  handled(SYS_mprotect, {old_place, fake.page, PROT_READ | PROT_EXEC});
+  handled(SYS_mremap, {old_place, fake.page, fake.page, MREMAP_MAYMOVE | MREMAP_FIXED, new_place});
+  EXPECT_EQ(fake.flushes, 1);
+  handled(SYS_munmap, {new_place, fake.page});
+  EXPECT_EQ(fake.flushes, 2);
+}
+
+TEST_F(memory_calls, mapped_code_that_moves_is_known_at_its_new_place) {
+  const std::uint64_t old_place = map(fake.page, PROT_READ | PROT_EXEC);
+  const std::uint64_t new_place = map(fake.page, PROT_READ);
+  handled(SYS_mremap, {old_place, fake.page, fake.page, MREMAP_MAYMOVE | MREMAP_FIXED, new_place});
+  EXPECT_EQ(fake.flushes, 1);
+  handled(SYS_munmap, {new_place, fake.page});
+  EXPECT_EQ(fake.flushes, 2);
+}
+
+TEST_F(memory_calls, code_that_was_moved_over_is_forgotten_if_it_was_rewritten) {
+  const std::uint64_t data = map(fake.page, PROT_READ);
+  const std::uint64_t code = map(fake.page, PROT_READ | PROT_EXEC);
+  was_rewritten(code);
+  handled(SYS_mremap, {data, fake.page, fake.page, MREMAP_MAYMOVE | MREMAP_FIXED, code});
+  EXPECT_EQ(fake.flushes, 1);
+  munmap(reinterpret_cast<void*>(code), fake.page);
+}
+
+TEST_F(memory_calls, with_more_ranges_of_code_than_are_kept_every_range_may_be_one) {
+  const std::uint64_t ranges = 2 * EXEC_RANGES_CAPACITY + 2;
+  const std::uint64_t first = map(2 * ranges * fake.page, PROT_READ | PROT_WRITE);
+  const std::uint64_t data = map(fake.page, PROT_READ);
+  const auto place = [=](std::uint64_t index) { return first + 2 * index * fake.page; };
+  for (std::uint64_t index = 0; index < ranges; ++index) {
+    handled(SYS_mprotect, {place(index), fake.page, PROT_READ | PROT_EXEC});
+  }
+  EXPECT_EQ(fake.flushes, 0);
+  handled(SYS_mprotect, {place(ranges - 1), fake.page, PROT_READ | PROT_WRITE});
+  EXPECT_EQ(fake.flushes, 1);
+  handled(SYS_munmap, {data, fake.page});
+  EXPECT_EQ(fake.flushes, 2);
+  munmap(reinterpret_cast<void*>(first), 2 * ranges * fake.page);
 }
 
 TEST_F(memory_calls, an_error_of_mprotect_is_returned) {

@@ -1,0 +1,159 @@
+// The table of watched functions and the code that the scanner writes for them.
+#include "bi/function_watch.h"
+
+#include <libelf.h>
+
+#include <cstring>
+
+#include "bi/a64/a64.h"
+#include "bi/a64/helpers.h"
+#include "bi/plugin_delivery.h"
+#include "bi/scanner.h"
+#include "common/log.h"
+#include "elf/symbol_parser.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/plugin"};
+
+constexpr std::uint32_t RET_X30 = 0xd65f03c0;
+
+constexpr std::uint32_t X0 = 0;
+constexpr std::uint32_t X1 = 1;
+constexpr std::uint32_t LINK_REGISTER = 30;
+constexpr std::uint32_t SP = 31;
+
+// Fields of a load or store with a 9-bit offset.
+constexpr std::uint32_t POST_INDEX = 1;
+constexpr std::uint32_t PRE_INDEX = 3;
+constexpr std::uint32_t PLUS_8 = 8;
+constexpr std::uint32_t MINUS_8 = 0x1f8;
+
+std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
+
+std::uint64_t watch_of_function(std::uint64_t function) {
+  pthread_mutex_lock(&engine.function_watch_lock);
+  const void* watch = robin_map_lookup(&engine.function_watches, function);
+  pthread_mutex_unlock(&engine.function_watch_lock);
+  return address_of(watch);
+}
+
+// x0 and x1 pushed, x1 the address of return_stack_top, x0 its value.
+void begin_return_stack(thread_data* thread, std::uint32_t** write) {
+  a64_push_x0_x1(write);
+  a64_load_const(write, X1, address_of(&thread->return_stack_top));
+  a64_ldr_str_unsigned((*write)++, 3, 0, 1, 0, X1, X0);  // ldr x0, [x1]
+}
+
+void end_return_stack(std::uint32_t** write) {
+  a64_ldr_str_unsigned((*write)++, 3, 0, 0, 0, X1, X0);       // str x0, [x1]
+  a64_ldp_stp((*write)++, 2, 0, POST_INDEX, 1, 2, X1, SP, X0);  // ldp x0, x1, [sp], #16
+}
+
+void put_entry_code(thread_data* thread, std::uint32_t** write, std::uint64_t watch) {
+  begin_return_stack(thread, write);
+  a64_ldr_str_imm9((*write)++, 3, 0, 0, PLUS_8, PRE_INDEX, X0, LINK_REGISTER);  // str x30, [x0, #8]!
+  end_return_stack(write);
+  a64_load_const(write, LINK_REGISTER, watch);
+}
+
+void put_return_code(thread_data* thread, std::uint32_t** write) {
+  begin_return_stack(thread, write);
+  a64_ldr_str_imm9((*write)++, 3, 0, 1, MINUS_8, POST_INDEX, X0, LINK_REGISTER);  // ldr x30, [x0], #-8
+  end_return_stack(write);
+}
+
+return_watch load(const void* value) {
+  return_watch loaded;
+  std::memcpy(&loaded, value, sizeof loaded);
+  return loaded;
+}
+
+void store(void* value, const return_watch& changed) { std::memcpy(value, &changed, sizeof changed); }
+
+void skip_entry_code(const return_watch& watch) {
+  auto* word = reinterpret_cast<std::uint32_t*>(watch.entry_begin);
+  a64_branch(word, watch.entry_end);
+  // The one word that changes. Only this thread runs it, and it is in the scanner, outside the cache.
+  __builtin___clear_cache(reinterpret_cast<char*>(word), reinterpret_cast<char*>(word + 1));
+}
+
+}  // namespace
+
+int function_watch_add_named(std::uint64_t address, const char* name) {
+  function_watch record{};
+  record.code = RET_X30;
+  if (name != nullptr) std::strncpy(record.name, name, sizeof record.name - 1);
+
+  pthread_mutex_lock(&engine.function_watch_lock);
+  void* stored = nullptr;
+  const robin_insert_result result = robin_map_insert(&engine.function_watches, address, &record, &stored);
+  if (result == ROBIN_FAILED) log(LEVEL_FATAL, "no memory left for the watch of the function at 0x%lx", address);
+  ++static_cast<function_watch*>(stored)->refcount;
+  pthread_mutex_unlock(&engine.function_watch_lock);
+  return result == ROBIN_ADDED ? 1 : 0;
+}
+
+int function_watch_add(std::uint64_t address) { return function_watch_add_named(address, nullptr); }
+
+void tell_plugins_of_mapped_file(std::int32_t fd, std::uint64_t addr) {
+  Elf* elf = elf_begin(fd, ELF_C_READ, nullptr);
+  if (elf == nullptr) return;
+  function_watch_parse_elf(elf, addr);
+  elf_end(elf);
+}
+
+void put_function_entry(const scan_place& place, const std::uint32_t* read_address) {
+  // A return that nobody is told of is left alone: what looks at its return address then finds the true one.
+  const bool returns_are_watched = is_event_bound(MORA_POST_FUNCTION);
+  if (!returns_are_watched && !is_event_bound(MORA_PRE_FUNCTION)) return;
+  const std::uint64_t function = address_of(read_address);
+  const std::uint64_t watch = watch_of_function(function);
+  if (watch == 0) return;
+  deliver_function_event(place, MORA_PRE_FUNCTION, function);
+  if (!returns_are_watched) return;
+
+  return_watch entry = {function, 0, 0};
+  void* value = nullptr;
+  const robin_insert_result result = robin_map_insert(&place.thread->return_watch, watch, &entry, &value);
+  if (result == ROBIN_FAILED) return;
+  // The record served another function, which has been unmapped since, and so did the block that was made of it.
+  if (result == ROBIN_EXISTS && load(value).function != function) flush_code_cache(place.thread);
+
+  a64_reserve_block_space(place.thread, place.write, place.limit, EXIT_SPACE);
+  entry.entry_begin = address_of(*place.write);
+  put_entry_code(place.thread, place.write, watch);
+  entry.entry_end = address_of(*place.write);
+  store(value, entry);
+  a64_reserve_block_space(place.thread, place.write, place.limit, EXIT_SPACE);
+}
+
+void put_function_return(const scan_place& place, const std::uint32_t* read_address) {
+  if (place.thread->return_watch.count == 0) return;
+  void* value = robin_map_lookup(&place.thread->return_watch, address_of(read_address));
+  if (value == nullptr) return;
+
+  put_return_code(place.thread, place.write);
+  a64_reserve_block_space(place.thread, place.write, place.limit, EXIT_SPACE);
+  const std::uint32_t* before = *place.write;
+  deliver_function_event(place, MORA_POST_FUNCTION, load(value).function);
+  return_watch watch = load(value);
+  if (*place.write != before || watch.entry_begin == 0) return;
+  skip_entry_code(watch);
+  watch.entry_begin = 0;
+  store(value, watch);
+}
+
+void forget_function_entries(thread_data* thread) {
+  if (thread->return_watch.count == 0) return;
+  for (robin_bucket* bucket = robin_map_oldest(&thread->return_watch); bucket != nullptr;
+       bucket = robin_map_newer(&thread->return_watch, bucket)) {
+    return_watch watch = load(bucket->value);
+    watch.entry_begin = 0;
+    store(bucket->value, watch);
+  }
+}
+
+}  // namespace ceilmeter

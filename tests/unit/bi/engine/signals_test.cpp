@@ -1,0 +1,484 @@
+// Signals at places of rewritten code and of the stubs, by contexts made up here: what is trapped, counted, undone and
+// run.
+#include "bi/signals.h"
+
+#include <sys/mman.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include "bi/a64/a64.h"
+#include "bi/stub_layout.h"
+#include "bi/stubs.h"
+#include "engine_fixture.h"
+
+namespace ceilmeter::test {
+
+SOURCE(one_ret);
+SOURCE(loop_to_itself);
+SOURCE(branch_eq);
+SOURCE(cbz_x3);
+SOURCE(cbz_w3);
+SOURCE(tbz_bit_5);
+SOURCE(tbnz_bit_37);
+SOURCE(ret_x30);
+SOURCE(blr_x0);
+
+namespace {
+
+using testing::Each;
+
+constexpr std::uint32_t HVC_148 = 0xd4001282;
+constexpr std::uint32_t HVC_149 = 0xd40012a2;
+
+class signals : public engine_test {
+ protected:
+  signals() {
+    context().sp = address_of(stack + 64);
+    for (int reg = 0; reg < 31; ++reg) context().regs[reg] = 0x100 + static_cast<std::uint64_t>(reg);
+  }
+
+  mcontext_t& context() { return ucontext.uc_mcontext; }
+  // The source address of the handler that is entered; 0: the interrupted code goes on. SIGILL and SIGSEGV are faults
+  // unless `code` says that somebody has sent them.
+  std::uint64_t arrive(int signum, const void* pc, int code = 1) {
+    context().pc = address_of(pc);
+    siginfo_t info{};
+    info.si_signo = signum;
+    info.si_code = code;
+    const signal_exit way = signal_dispatcher(signum, &info, &ucontext);
+    EXPECT_EQ(way.entry, way.target == 0 ? 0 : thread->dispatcher_stub_addr);
+    return way.target;
+  }
+  const std::uint8_t* stub(const std::uint8_t* place) const { return thread->code_cache + stub_offset(place); }
+  void expect_at_dispatcher(std::uint64_t target, std::uint64_t sp_before) {
+    EXPECT_EQ(context().pc, thread->dispatcher_stub_addr);
+    EXPECT_EQ(context().regs[0], target);
+    EXPECT_EQ(context().regs[1], 0u);  // No source, no link.
+    EXPECT_EQ(context().sp, sp_before - 16);
+  }
+  // The exit is linked at its taken side, trapped by a signal in the block's body and run into with the context as it
+  // is: where execution is led.
+  std::uint64_t through_trap(const std::uint32_t* source, std::uint64_t taken) {
+    const std::int32_t id = scan_block(source);
+    dispatched(taken, id);
+    const std::uint64_t x0 = context().regs[0];
+    const std::uint64_t x1 = context().regs[1];
+    arrive(SIGUSR1, block(id) + 1);
+    EXPECT_THAT(words(meta(id).exit_code_addr, 2), Each(HVC_149));
+    const std::uint64_t sp = context().sp;
+    EXPECT_EQ(arrive(SIGILL, meta(id).exit_code_addr), 0u);
+    const std::uint64_t target = context().regs[0];
+    expect_at_dispatcher(target, sp);
+    EXPECT_EQ(reinterpret_cast<std::uint64_t*>(context().sp)[0], x0);
+    EXPECT_EQ(reinterpret_cast<std::uint64_t*>(context().sp)[1], x1);
+    context().regs[0] = x0;
+    context().regs[1] = x1;
+    context().sp = sp;
+    return target;
+  }
+
+  ucontext_t ucontext{};
+  alignas(16) std::uint64_t stack[128] = {};
+};
+using signals_death = signals;
+
+TEST_F(signals, one_in_a_linked_loop_ends_at_the_next_pass_through_the_exit_and_the_handler_sees_the_loops_source) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  dispatched(address_of(loop_to_itself), id);
+  std::uint32_t* exit = meta(id).exit_code_addr;
+  const std::uint32_t link = *exit;
+  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
+
+  EXPECT_EQ(arrive(SIGUSR1, block(id) + 2), 0u);
+  EXPECT_EQ(*exit, HVC_149);
+  EXPECT_EQ(thread->pending_signals[SIGUSR1], 1);
+
+  const std::uint64_t sp = context().sp;
+  EXPECT_EQ(arrive(SIGILL, exit), 0u);
+  EXPECT_EQ(*exit, link);
+  expect_at_dispatcher(address_of(loop_to_itself), sp);
+
+  std::uint64_t info[4] = {};
+  EXPECT_EQ(deliver_pending_signal(address_of(loop_to_itself), info), 1u);
+  EXPECT_EQ(info[0], static_cast<std::uint64_t>(getpid()));
+  EXPECT_EQ(info[1], static_cast<std::uint64_t>(gettid()));
+  EXPECT_EQ(info[2], static_cast<std::uint64_t>(SIGUSR1));
+  EXPECT_EQ(thread->pending_signal_count, 0);
+
+  // The frame of cache_reentry_stub at its system call: target, saved x2 and x8, the application's x0 and x1.
+  const std::uint64_t frame[] = {0, address_of(loop_to_itself), 0xc2, 0xc8, 0xc0, 0xc1};
+  std::copy(std::begin(frame), std::end(frame), stack + 32);
+  context().sp = address_of(stack + 32);
+  EXPECT_EQ(arrive(SIGUSR1, stub(reentry_signal_point)), address_of(one_ret));
+  EXPECT_EQ(context().pc, address_of(loop_to_itself));
+  EXPECT_EQ(context().sp, address_of(stack + 38));
+  EXPECT_EQ(context().regs[0], 0xc0u);
+  EXPECT_EQ(context().regs[1], 0xc1u);
+  EXPECT_EQ(context().regs[2], 0xc2u);
+  EXPECT_EQ(context().regs[8], 0xc8u);
+}
+
+TEST_F(signals, two_in_one_fragment_trap_it_once_and_are_both_counted) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  dispatched(address_of(loop_to_itself), id);
+  const std::uint32_t link = *meta(id).exit_code_addr;
+  arrive(SIGUSR1, block(id) + 2);
+  arrive(SIGUSR2, block(id) + 2);
+  EXPECT_EQ(meta(id).overwritten_exit[0], link);
+  EXPECT_EQ(thread->pending_signals[SIGUSR1], 1);
+  EXPECT_EQ(thread->pending_signals[SIGUSR2], 1);
+  EXPECT_EQ(thread->pending_signal_count, 2);
+  arrive(SIGILL, meta(id).exit_code_addr);
+  EXPECT_EQ(*meta(id).exit_code_addr, link);
+}
+
+TEST_F(signals, an_exit_that_is_not_linked_is_not_trapped) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  const word_list before = words(block(id), BB_SIZE / 4);
+  arrive(SIGUSR1, block(id) + 2);
+  EXPECT_EQ(words(block(id), BB_SIZE / 4), before);
+  EXPECT_EQ(thread->pending_signal_count, 1);
+}
+
+TEST_F(signals, one_behind_the_links_traps_nothing) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  dispatched(address_of(loop_to_itself), id);
+  const word_list before = words(block(id), BB_SIZE / 4);
+  arrive(SIGUSR1, meta(id).exit_code_addr + 2);
+  EXPECT_EQ(words(block(id), BB_SIZE / 4), before);
+  EXPECT_EQ(thread->pending_signal_count, 1);
+}
+
+TEST_F(signals, one_in_the_engine_is_only_counted) {
+  EXPECT_EQ(arrive(SIGUSR1, reinterpret_cast<const void*>(&lookup_or_scan)), 0u);
+  EXPECT_EQ(thread->pending_signals[SIGUSR1], 1);
+  EXPECT_EQ(thread->pending_signal_count, 1);
+}
+
+TEST_F(signals, one_in_a_continued_block_traps_the_exit_of_the_whole) {
+  // Five blocks long; the exit stands in the last one and belongs to the first one's record.
+  alignas(8) static std::uint32_t source[301];
+  std::fill(std::begin(source), std::end(source) - 1, NOP);
+  source[300] = 0x14000000;  // b to itself
+  const std::int32_t id = scan_block(source);
+  dispatched(address_of(source + 300), id);
+  const std::uint32_t* exit = meta(id).exit_code_addr;
+  EXPECT_GT(exit, block(id + 3));
+  arrive(SIGUSR1, block(id + 3));
+  EXPECT_EQ(*exit, HVC_149);
+}
+
+TEST_F(signals, a_trapped_condition_goes_the_way_of_the_contexts_flags) {
+  const std::uint64_t taken = address_of(one_ret);
+  const std::uint64_t skipped = address_of(branch_eq) + 4;
+  context().pstate = 1ULL << 30;  // Z
+  EXPECT_EQ(through_trap(branch_eq, taken), taken);
+  context().pstate = 0;
+  EXPECT_EQ(through_trap(branch_eq, taken), skipped);
+}
+
+TEST_F(signals, every_condition_is_that_of_the_architecture) {
+  const auto holds = [](std::uint32_t cond, bool n, bool z, bool c, bool v) {
+    switch (cond) {
+      case 0: return z;
+      case 1: return !z;
+      case 2: return c;
+      case 3: return !c;
+      case 4: return n;
+      case 5: return !n;
+      case 6: return v;
+      case 7: return !v;
+      case 8: return c && !z;
+      case 9: return !c || z;
+      case 10: return n == v;
+      case 11: return n != v;
+      case 12: return !z && n == v;
+      case 13: return z || n != v;
+      default: return true;
+    }
+  };
+  const std::int32_t id = scan_block(branch_eq);
+  dispatched(address_of(one_ret), id);
+  for (std::uint32_t cond = 0; cond < 16; ++cond) {
+    meta(id).exit_condition = cond;
+    for (std::uint64_t flags = 0; flags < 16; ++flags) {
+      context().sp = address_of(stack + 64);
+      context().regs[0] = 5;
+      context().pstate = flags << 28;
+      arrive(SIGUSR1, block(id) + 1);
+      arrive(SIGILL, meta(id).exit_code_addr);
+      const bool expected = holds(cond, (flags & 8) != 0, (flags & 4) != 0, (flags & 2) != 0, (flags & 1) != 0);
+      EXPECT_EQ(context().regs[0], expected ? address_of(one_ret) : address_of(branch_eq) + 4)
+          << "condition " << cond << ", flags " << flags;
+    }
+  }
+}
+
+TEST_F(signals, a_trapped_cbz_of_64_bits_tests_the_low_half_and_one_of_32_bits_the_whole_register) {
+  const std::uint64_t taken = address_of(one_ret);
+  context().regs[3] = 0;
+  EXPECT_EQ(through_trap(cbz_x3, taken), taken);
+  EXPECT_EQ(through_trap(cbz_w3, taken), taken);
+  context().regs[3] = 1;
+  EXPECT_EQ(through_trap(cbz_x3, taken), address_of(cbz_x3) + 4);
+  EXPECT_EQ(through_trap(cbz_w3, taken), address_of(cbz_w3) + 4);
+  context().regs[3] = 1ULL << 32;
+  EXPECT_EQ(through_trap(cbz_x3, taken), taken);
+  EXPECT_EQ(through_trap(cbz_w3, taken), address_of(cbz_w3) + 4);
+}
+
+TEST_F(signals, a_trapped_tbz_tests_its_bit_modulo_32) {
+  const std::uint64_t taken = address_of(one_ret);
+  context().regs[3] = ~(1ULL << 5);
+  EXPECT_EQ(through_trap(tbz_bit_5, taken), taken);
+  context().regs[3] = 1ULL << 5;
+  EXPECT_EQ(through_trap(tbz_bit_5, taken), address_of(tbz_bit_5) + 4);
+  context().regs[1] = 1ULL << 5;  // Bit 37 is tested as bit 5.
+  EXPECT_EQ(through_trap(tbnz_bit_37, taken), taken);
+  context().regs[1] = 1ULL << 37;
+  EXPECT_EQ(through_trap(tbnz_bit_37, taken), address_of(tbnz_bit_37) + 4);
+}
+
+TEST_F(signals, an_exit_linked_on_both_sides_is_trapped_with_both_links) {
+  const std::int32_t id = scan_block(branch_eq);
+  dispatched(address_of(one_ret), id);
+  dispatched(address_of(branch_eq) + 4, id);
+  const word_list before = words(meta(id).exit_code_addr, 3);
+  ASSERT_EQ(meta(id).link_state, LINK_TAKEN_FIRST | LINK_BOTH);
+  arrive(SIGUSR1, block(id) + 1);
+  EXPECT_THAT(words(meta(id).exit_code_addr, 3), Each(HVC_149));
+  arrive(SIGILL, meta(id).exit_code_addr);
+  EXPECT_EQ(words(meta(id).exit_code_addr, 3), before);
+}
+
+TEST_F(signals, a_second_link_made_behind_the_trap_stays_when_the_trap_is_undone) {
+  const std::int32_t id = scan_block(branch_eq);
+  dispatched(address_of(one_ret), id);
+  std::uint32_t* exit = meta(id).exit_code_addr;
+  const word_list first_link = words(exit, 2);
+  arrive(SIGUSR1, block(id) + 1);
+  EXPECT_THAT(words(exit, 2), Each(HVC_149));
+  dispatched(address_of(branch_eq) + 4, id);  // The thread stood in the stub behind the trapped words.
+  const std::uint32_t second_link = exit[2];
+  ASSERT_NE(second_link, PUSH_X0_X1);
+  arrive(SIGILL, exit);
+  EXPECT_EQ(words(exit, 2), first_link);
+  EXPECT_EQ(exit[2], second_link);
+}
+
+TEST_F(signals, a_register_branch_is_trapped_at_its_last_word_and_goes_on_to_its_target) {
+  const std::int32_t id = scan_block(ret_x30);
+  arrive(SIGUSR1, block(id) + 1);
+  std::uint32_t* trap = meta(id).exit_code_addr;
+  while (*trap != HVC_148) ASSERT_LT(++trap, block(id + 1));
+
+  context().sp = address_of(stack + 32);
+  stack[32] = 0xa0;  // What the lookup has pushed.
+  stack[33] = 0xa1;
+  context().regs[30] = address_of(one_ret);
+  EXPECT_EQ(arrive(SIGILL, trap), 0u);
+  EXPECT_EQ(*trap, BR_X0);
+  expect_at_dispatcher(address_of(one_ret), address_of(stack + 34));
+  EXPECT_EQ(stack[32], 0xa0u);
+  EXPECT_EQ(stack[33], 0xa1u);
+}
+
+TEST_F(signals, a_register_branch_by_x0_has_its_target_in_x1_at_the_trap) {
+  const std::int32_t id = scan_block(blr_x0);
+  arrive(SIGUSR1, block(id) + 1);
+  std::uint32_t* trap = meta(id).exit_code_addr;
+  while (*trap != HVC_148) ASSERT_LT(++trap, block(id + 1));
+  context().sp = address_of(stack + 32);
+  context().regs[1] = address_of(one_ret);
+  arrive(SIGILL, trap);
+  expect_at_dispatcher(address_of(one_ret), address_of(stack + 34));
+}
+
+TEST_F(signals, one_that_is_blocked_stays_counted) {
+  sigset_t mask;
+  sigset_t before;
+  sigemptyset(&mask);
+  // The mask is tested by the signal's own number, so that it is the next number's bit that holds it back.
+  sigaddset(&mask, SIGUSR1 + 1);
+  pthread_sigmask(SIG_BLOCK, &mask, &before);
+  thread->pending_signals[SIGUSR1] = 1;
+  thread->pending_signal_count = 1;
+  std::uint64_t info[4] = {};
+  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 0u);
+  EXPECT_EQ(thread->pending_signals[SIGUSR1], 1);
+  EXPECT_EQ(thread->pending_signal_count, 1);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 1u);
+  EXPECT_EQ(thread->pending_signals[SIGUSR1], 0);
+}
+
+TEST_F(signals, the_lowest_counted_one_comes_first) {
+  thread->pending_signals[SIGUSR2] = 1;
+  thread->pending_signals[SIGHUP] = 2;
+  thread->pending_signal_count = 3;
+  std::uint64_t info[4] = {};
+  std::vector<std::uint64_t> order;
+  while (deliver_pending_signal(address_of(one_ret), info) == 1) order.push_back(info[2]);
+  EXPECT_THAT(order, testing::ElementsAre(SIGHUP, SIGHUP, SIGUSR2));
+  EXPECT_EQ(thread->pending_signal_count, 0);
+}
+
+TEST_F(signals, a_fault_with_a_handler_runs_it_at_once_with_pc_0) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  engine.signal_handlers[SIGSEGV] = address_of(one_ret);
+  EXPECT_EQ(arrive(SIGSEGV, block(id) + 2), address_of(one_ret));
+  EXPECT_EQ(context().pc, 0u);
+  EXPECT_EQ(thread->pending_signal_count, 0);
+}
+
+TEST_F(signals, a_fault_without_a_handler_happens_again_under_the_default_action) {
+  struct sigaction before {};
+  sigaction(SIGSEGV, nullptr, &before);
+  const std::int32_t id = scan_block(loop_to_itself);
+  EXPECT_EQ(arrive(SIGSEGV, block(id) + 2), 0u);
+  EXPECT_EQ(context().pc, address_of(block(id) + 2));
+  struct sigaction now {};
+  sigaction(SIGSEGV, &before, &now);
+  EXPECT_EQ(now.sa_handler, SIG_DFL);
+}
+
+TEST_F(signals_death, a_fault_in_the_engine_itself_aborts_the_process) {
+  EXPECT_EXIT(arrive(SIGSEGV, reinterpret_cast<const void*>(&lookup_or_scan)), testing::KilledBySignal(SIGABRT),
+              "synchronous signal outside the code cache");
+}
+
+TEST_F(signals, an_illegal_instruction_in_a_blocks_body_is_the_applications) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  engine.signal_handlers[SIGILL] = address_of(one_ret);
+  EXPECT_EQ(arrive(SIGILL, block(id) + 2), address_of(one_ret));
+}
+
+TEST_F(signals_death, a_trap_of_an_unknown_number_is_fatal) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  a64_hvc(meta(id).exit_code_addr, 150);
+  EXPECT_EXIT(arrive(SIGILL, meta(id).exit_code_addr), testing::KilledBySignal(SIGABRT), "unknown trap code");
+}
+
+TEST_F(signals, one_at_a_system_calls_return_takes_the_frame_apart) {
+  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
+  for (std::size_t word = 0; word < std::size(frame); ++word) frame[word] = 0x5000 + word;
+  const std::uint64_t* area = frame + STUB_SIMD_REGS_SIZE / 8;
+  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
+  auto* record = reinterpret_cast<fpsimd_context*>(context().__reserved);
+  record->head = {FPSIMD_MAGIC, sizeof(fpsimd_context)};
+  context().sp = address_of(frame);
+  context().regs[19] = 0x60000000;
+  context().regs[20] = 0x100000400000;
+  context().regs[21] = 0x100000000010;
+
+  EXPECT_EQ(arrive(SIGUSR1, stub(syscall_return_point)), address_of(one_ret));
+
+  EXPECT_EQ(context().sp, address_of(frame) + 0x2d0);
+  EXPECT_EQ(context().pc, area[23]);
+  EXPECT_EQ(context().pstate, 0x60000000u);
+  for (std::uint64_t reg = 0; reg <= 8; ++reg) EXPECT_EQ(context().regs[reg], 0x100 + reg);
+  for (int reg = 9; reg <= 21; ++reg) EXPECT_EQ(context().regs[reg], area[reg]);
+  EXPECT_EQ(context().regs[29], area[24]);
+  EXPECT_EQ(context().regs[30], area[25]);
+  EXPECT_EQ(std::memcmp(record->vregs, frame, STUB_SIMD_REGS_SIZE), 0);
+  EXPECT_EQ(record->fpcr, 0x400000u);
+  EXPECT_EQ(record->fpsr, 0x10u);
+}
+
+TEST_F(signals, the_end_of_the_process_traps_a_thread_in_a_block_and_ends_it_on_its_way_back_into_the_cache) {
+  std::thread([this] {
+    current_thread = thread;
+    const std::int32_t id = scan_block(loop_to_itself);
+    dispatched(address_of(loop_to_itself), id);
+    engine.exit_flag = 1;
+    EXPECT_EQ(arrive(SIGILL, block(id) + 2), 0u);
+    EXPECT_EQ(*meta(id).exit_code_addr, HVC_149);
+    EXPECT_EQ(thread->pending_signal_count, 1);
+    std::uint64_t info[4] = {};
+    deliver_pending_signal(address_of(loop_to_itself), info);
+    ADD_FAILURE() << "the thread has come back";
+  }).join();
+  EXPECT_EQ(thread->status, THREAD_ABANDONED);
+}
+
+TEST_F(signals, the_end_of_the_process_ends_a_thread_in_an_exit_where_it_stands) {
+  std::thread([this] {
+    current_thread = thread;
+    const std::int32_t id = scan_block(loop_to_itself);
+    engine.exit_flag = 1;
+    arrive(SIGILL, meta(id).exit_code_addr);
+    ADD_FAILURE() << "the thread has come back";
+  }).join();
+  EXPECT_EQ(thread->status, THREAD_ABANDONED);
+}
+
+TEST_F(signals, a_fault_signal_that_somebody_has_sent_is_counted_wherever_it_arrives) {
+  const std::int32_t id = scan_block(one_ret);
+  engine.signal_handlers[SIGSEGV] = address_of(one_ret);
+  EXPECT_EQ(arrive(SIGSEGV, block(id) + 1, SI_TKILL), 0u);
+  EXPECT_EQ(arrive(SIGILL, meta(id).exit_code_addr, SI_USER), 0u);
+  EXPECT_EQ(arrive(SIGTRAP, reinterpret_cast<const void*>(&lookup_or_scan), SI_QUEUE), 0u);
+  EXPECT_EQ(thread->pending_signals[SIGSEGV], 1);
+  EXPECT_EQ(thread->pending_signals[SIGILL], 1);
+  EXPECT_EQ(thread->pending_signals[SIGTRAP], 1);
+  EXPECT_EQ(thread->pending_signal_count, 3);
+}
+
+TEST_F(signals, one_between_the_look_at_the_count_and_the_way_into_the_cache_makes_the_thread_look_again) {
+  const std::uint64_t sp = context().sp;
+  for (const std::uint8_t* word = reentry_window; word < reentry_branch; word += 4) {
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
+    EXPECT_EQ(context().pc, address_of(stub(reentry_window)));
+    EXPECT_EQ(context().sp, sp);
+  }
+  EXPECT_EQ(arrive(SIGUSR1, stub(reentry_branch)), 0u);
+  EXPECT_EQ(context().pc, address_of(stub(cache_reentry_stub)));
+  EXPECT_EQ(arrive(SIGUSR1, stub(reentry_resume_branch)), 0u);
+  EXPECT_EQ(context().pc, address_of(stub(cache_reentry_stub)));
+  EXPECT_EQ(context().regs[0], 0x100u);
+  EXPECT_EQ(context().regs[1], 0x101u);
+  EXPECT_EQ(context().sp, sp);
+}
+
+TEST_F(signals, one_after_others_have_been_judged_to_wait_has_them_judged_again) {
+  for (const std::uint8_t* word = reentry_resume_window; word < reentry_resume_branch; word += 4) {
+    // The stub's frame: the number judged; cache and source address; x2; the application's x0 and x1.
+    const std::uint64_t frame[] = {1, 0, 0, 0, 0xca, 0x50, 0xc2, 0, 0xc0, 0xc1};
+    std::copy(std::begin(frame), std::end(frame), stack + 32);
+    context().sp = address_of(stack + 32);
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
+    EXPECT_EQ(context().pc, address_of(stub(reentry_window)));
+    EXPECT_EQ(context().regs[0], 0xcau);
+    EXPECT_EQ(context().regs[1], 0x50u);
+    EXPECT_EQ(*reinterpret_cast<std::uint64_t*>(context().sp), 0xc2u);
+  }
+}
+
+TEST_F(signals, one_between_the_look_at_the_count_and_a_system_call_makes_the_thread_look_again) {
+  for (const std::uint8_t* word = syscall_restart_window; word < syscall_call_window; word += 4) {
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
+    EXPECT_EQ(context().pc, address_of(stub(syscall_restart_window)));
+  }
+}
+
+TEST_F(signals, one_in_the_counter_of_a_block_traps_the_exit_that_the_counter_returns_to) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  dispatched(address_of(loop_to_itself), id);
+  context().regs[30] = address_of(block(id) + 4);
+  EXPECT_EQ(arrive(SIGUSR1, stub(hot_counter_stub) + 8), 0u);
+  EXPECT_EQ(*meta(id).exit_code_addr, HVC_149);
+}
+
+TEST_F(signals, how_many_have_been_judged_is_told_when_all_have_to_wait) {
+  std::uint64_t info[4] = {~std::uint64_t{0}};
+  thread->pending_signal_count = 7;  // None that may be raised.
+  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 0u);
+  EXPECT_EQ(info[0], 7u);
+}
+
+}  // namespace
+}  // namespace ceilmeter::test

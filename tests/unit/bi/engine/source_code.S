@@ -1,0 +1,150 @@
+// Code for the scanner to read. Nothing of it is run where it stands, and none of it is meant to be.
+        .text
+        .balign 64
+
+        .macro  source name
+        .balign 16
+        .globl  \name
+\name:
+        .endm
+
+source  one_branch
+        b       one_ret
+source  one_ret
+        ret
+source  call_to_next
+        bl      1f
+1:      ret
+source  call_back
+        bl      one_ret
+
+source  branch_eq
+        b.eq    one_ret
+        ret
+source  branch_al
+        b.al    one_ret
+source  branch_nv
+        b.nv    one_ret
+source  branch_both_same
+        b.eq    1f
+1:      ret
+source  cbnz_x0
+        cbnz    x0, one_ret
+        ret
+source  cbz_x3
+        cbz     x3, one_ret
+        ret
+source  cbz_w3
+        cbz     w3, one_ret
+        ret
+source  tbnz_bit_37
+        tbnz    x1, #37, one_ret
+        ret
+source  tbz_bit_5
+        tbz     x3, #5, one_ret
+        ret
+
+source  ret_x30
+        ret
+source  br_x17
+        br      x17
+source  blr_x30
+        blr     x30
+        nop
+source  blr_x0
+        blr     x0
+        nop
+source  br_x1
+        br      x1
+source  blr_x2
+        blr     x2
+        nop
+
+source  literal_x0
+        ldr     x0, literals
+        ret
+source  literal_w5
+        ldr     w5, literals
+        ret
+source  literal_ldrsw
+        ldrsw   x5, literals
+        ret
+source  literal_prfm
+        prfm    pldl1keep, literals
+        ret
+source  literal_s
+        ldr     s0, literals
+        ret
+source  literal_d
+        ldr     d1, literals
+        ret
+source  literal_q
+        ldr     q31, literals
+        ret
+source  literal_zero_register
+        ldr     xzr, literals
+        ret
+source  literals
+        .quad   0x1122334455667788, 0x99aabbccddeeff00
+source  literal_unallocated
+        .inst   0xdc000000
+        ret
+
+source  unknown_first
+        .inst   0x00000000
+        ret
+source  unknown_second
+        nop
+        .inst   0x00000000
+        ret
+
+source  call_then_branch
+        svc     #0
+        b       one_ret
+source  call_then_return
+        svc     #7
+        ret
+source  call_alone_number
+        svc     #0
+        ret
+
+source  reads_thread_pointer
+        mrs     x5, tpidr_el0
+        ret
+source  reads_thread_pointer_x0
+        mrs     x0, tpidr_el0
+        ret
+source  writes_thread_pointer
+        msr     tpidr_el0, x5
+        ret
+source  reads_flags
+        mrs     x5, nzcv
+        ret
+
+source  adr_here
+        adr     x4, adr_here
+        ret
+source  adrp_next_page
+        .inst   0xb0000004      // adrp x4, to the next page
+        ret
+
+source  copied_words
+        ldxr    x1, [x2]
+        stxr    w3, x1, [x2]
+        dmb     ish
+        add     x1, x2, x3
+        fadd    v0.4s, v1.4s, v2.4s
+        isb
+        ret
+
+source  long_block
+        .rept   300
+        add     x1, x1, #1
+        .endr
+        b       one_ret
+
+source  loop_to_itself
+        add     x1, x1, #1
+        b       loop_to_itself
+
+        .section .note.GNU-stack, "", %progbits

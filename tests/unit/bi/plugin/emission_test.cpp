@@ -1,0 +1,502 @@
+// Each emission service against what an assembler makes of the same instructions, and its refusals.
+#include <cstring>
+#include <functional>
+#include <random>
+#include <set>
+
+#include "bi/a64/a64.h"
+#include "bi/stubs.h"
+#include "plugin_fixture.h"
+
+namespace ceilmeter {
+
+extern "C" {
+struct expected_sequence {
+  const char* name;
+  const std::uint32_t* begin;
+  const std::uint32_t* end;
+};
+extern const expected_sequence expected_code[];
+extern const expected_sequence expected_code_end[];
+}
+
+namespace {
+
+using test::plugin_test;
+using test::words;
+
+words expected(const char* name) {
+  for (const expected_sequence* sequence = expected_code; sequence != expected_code_end; ++sequence) {
+    if (std::strcmp(sequence->name, name) == 0) return {sequence->begin, sequence->end};
+  }
+  throw std::runtime_error(std::string("no such sequence: ") + name);
+}
+
+class plugin_emission_test : public plugin_test {
+ protected:
+  // What the service writes; empty if it refuses, in which case it may not have written either.
+  words written(const std::function<int(mora_context*)>& emit) {
+    ctx = scan_context();
+    start = ctx.write_p;
+    if (emit(&ctx) == 0) return {start, ctx.write_p};
+    EXPECT_EQ(ctx.write_p, start) << "a refused service has written";
+    return {};
+  }
+
+  bool refuses(const std::function<int(mora_context*)>& emit) {
+    ctx = scan_context();
+    start = ctx.write_p;
+    return emit(&ctx) == -1 && ctx.write_p == start;
+  }
+
+  mora_context ctx{};
+  std::uint32_t* start = nullptr;
+};
+
+TEST_F(plugin_emission_test, one_register_is_pushed_and_popped_alone) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_save_regs(c, 1); }), expected("save_x0"));
+  EXPECT_EQ(ctx.plugin_stack_offset, 2u);
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_restore_regs(c, 1); }), expected("restore_x0"));
+}
+
+TEST_F(plugin_emission_test, two_registers_are_pushed_and_popped_as_a_pair) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_save_regs(c, 0x300000); }), expected("save_x20_x21"));
+  EXPECT_EQ(ctx.plugin_stack_offset, 2u);
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_restore_regs(c, 0x300000); }), expected("restore_x20_x21"));
+}
+
+TEST_F(plugin_emission_test, of_an_odd_number_the_highest_is_pushed_first_and_popped_last) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_save_regs(c, 0x2a); }), expected("save_x1_x3_x5"));
+  EXPECT_EQ(ctx.plugin_stack_offset, 4u);
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_restore_regs(c, 0x2a); }), expected("restore_x1_x3_x5"));
+}
+
+TEST_F(plugin_emission_test, pairs_are_pushed_from_the_top_down_and_popped_from_the_bottom_up) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_save_regs(c, 0x400001ff); }), expected("save_0x400001ff"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_restore_regs(c, 0x400001ff); }), expected("restore_0x400001ff"));
+}
+
+TEST_F(plugin_emission_test, popping_what_was_pushed_leaves_no_slots) {
+  for (const std::uint32_t mask : {0u, 1u, 3u, 7u, 0x80000001u, 0xffffffffu, 0x7fffffffu}) {
+    mora_context context = scan_context();
+    EXPECT_EQ(mora_emit_save_regs(&context, mask), 0);
+    EXPECT_EQ(mora_emit_restore_regs(&context, mask), 0);
+    EXPECT_EQ(context.plugin_stack_offset, 0u) << std::hex << mask;
+  }
+}
+
+TEST_F(plugin_emission_test, no_register_is_no_code) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_save_regs(c, 0); }), words{});
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_restore_regs(c, 0); }), words{});
+}
+
+TEST_F(plugin_emission_test, constants_take_as_many_words_as_they_have_parts) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_load_const(c, 7, 0); }), expected("load_const_0"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_load_const(c, 7, 0x0000123400005678); }),
+            expected("load_const_0x0000123400005678"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_load_const(c, 7, 0x0123456789abcdef); }),
+            expected("load_const_all_parts"));
+}
+
+TEST_F(plugin_emission_test, moves_come_from_registers_and_the_stack_pointer) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_mov(c, 3, 4); }), expected("mov_x3_x4"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_mov(c, 3, 31); }), expected("mov_x3_sp"));
+}
+
+TEST_F(plugin_emission_test, immediates_are_added_by_their_halves) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, 0xabc); }), expected("add_low"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, 0xabc000); }), expected("add_high"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, 0xffffff); }), expected("add_both"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, -0xffffff); }), expected("sub_both"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, -0x1000); }), expected("sub_high"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 31, 31, 16); }), expected("add_sp"));
+}
+
+TEST_F(plugin_emission_test, adding_0_is_a_move_or_nothing) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, 0); }), expected("mov_x3_x4"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 3, 31, 0); }), expected("mov_x3_sp"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_imm(c, 3, 3, 0); }), words{});
+}
+
+TEST_F(plugin_emission_test, immediates_of_more_than_24_bits_are_refused) {
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, 0x1000000); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, -0x1000000); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_add_imm(c, 3, 4, INT32_MIN); }));
+}
+
+TEST_F(plugin_emission_test, registers_are_added_and_negative_ones_subtracted) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_reg(c, 3, 4, 5); }), expected("add_registers"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_reg(c, 3, 4, -5); }), expected("sub_registers"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_shifted_reg(c, 3, 4, 5, 0, 63); }), expected("add_lsl"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_shifted_reg(c, 3, 4, 5, 1, 1); }), expected("add_lsr"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_add_shifted_reg(c, 3, 4, -5, 2, 7); }), expected("sub_asr"));
+}
+
+TEST_F(plugin_emission_test, shifts_by_more_than_63_and_rotations_are_refused) {
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_add_shifted_reg(c, 3, 4, 5, 0, 64); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_add_shifted_reg(c, 3, 4, 5, 3, 1); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_add_reg(c, 3, 4, 32); }));
+}
+
+TEST_F(plugin_emission_test, loads_and_stores_have_each_form_of_address) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_ldr(c, 20, 21); }), expected("ldr"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_str(c, 20, 21); }), expected("str"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_ldr_offset(c, 20, 21, 32760); }), expected("ldr_offset"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_str_offset(c, 20, 31, 8); }), expected("str_offset"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_ldr_index(c, 20, 21, -256, false); }), expected("ldr_pre"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_ldr_index(c, 20, 21, 255, true); }), expected("ldr_post"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_str_index(c, 20, 21, 255, false); }), expected("str_pre"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_str_index(c, 20, 21, -256, true); }), expected("str_post"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_stp_offset(c, 20, 22, 21, -512); }), expected("stp_offset"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_ldp_post(c, 20, 22, 21, 504); }), expected("ldp_post"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_push_pair(c, 20, 22, 21); }), expected("push_pair"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_pop_pair(c, 20, 22, 21); }), expected("pop_pair"));
+}
+
+TEST_F(plugin_emission_test, offsets_that_no_load_or_store_can_hold_are_refused) {
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_ldr_offset(c, 20, 21, 32768); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_str_offset(c, 20, 21, 4); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_ldr_index(c, 20, 21, 256, true); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_str_index(c, 20, 21, -257, false); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_stp_offset(c, 20, 22, 21, 512); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_stp_offset(c, 20, 22, 21, -520); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_ldp_post(c, 20, 22, 21, 12); }));
+}
+
+TEST_F(plugin_emission_test, masks_are_registers_or_logical_immediates) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_and(c, 3, 4, 5); }), expected("and_registers"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_and_imm(c, 3, 4, 0x1ffffc); }), expected("and_0x1ffffc"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_and_imm(c, 3, 4, 0x5555555555555555); }),
+            expected("and_0x5555555555555555"));
+}
+
+// The architecture's reading of a logical immediate: 0 for fields that it leaves unallocated.
+std::uint64_t decoded_mask(std::uint32_t n, std::uint32_t immr, std::uint32_t imms) {
+  const std::uint32_t selector = n << 6 | (~imms & 0x3f);
+  if (selector < 2) return 0;
+  std::uint32_t size = 1;
+  while (size * 2 <= selector) size *= 2;
+  const std::uint32_t ones = (imms & (size - 1)) + 1;
+  if (ones == size) return 0;
+  std::uint64_t element = 0;
+  for (std::uint32_t bit = 0; bit < ones; ++bit) {
+    element |= std::uint64_t{1} << ((bit + size - (immr & (size - 1))) % size);
+  }
+  std::uint64_t mask = 0;
+  for (std::uint32_t place = 0; place < 64; place += size) mask |= element << place;
+  return mask;
+}
+
+TEST_F(plugin_emission_test, every_logical_immediate_is_encoded_as_what_the_architecture_reads) {
+  std::set<std::uint64_t> masks;
+  for (std::uint32_t fields = 0; fields < 0x2000; ++fields) {
+    masks.insert(decoded_mask(fields >> 12, fields >> 6 & 0x3f, fields & 0x3f));
+  }
+  masks.erase(0);
+  EXPECT_EQ(masks.size(), 5334u);  // The number that the architecture has.
+  mora_context context = scan_context();
+  for (const std::uint64_t mask : masks) {
+    std::uint32_t* place = context.write_p;
+    ASSERT_EQ(mora_emit_and_imm(&context, 3, 4, mask), 0) << std::hex << mask;
+    context.write_p = place;
+    std::uint32_t sf = 0, opc = 0, n = 0, immr = 0, imms = 0, rn = 0, rd = 0;
+    a64_logical_imm_decode(place, &sf, &opc, &n, &immr, &imms, &rn, &rd);
+    ASSERT_EQ(decoded_mask(n, immr, imms), mask) << std::hex << *place;
+    ASSERT_EQ(sf, 1u);
+    ASSERT_EQ(opc, 0u);
+    ASSERT_EQ(rn, 4u);
+    ASSERT_EQ(rd, 3u);
+    // Every mask that differs from it in one bit, where that is none.
+    for (int bit = 0; bit < 64; bit += 7) {
+      const std::uint64_t neighbour = mask ^ std::uint64_t{1} << bit;
+      if (masks.count(neighbour) != 0) continue;
+      ASSERT_EQ(mora_emit_and_imm(&context, 3, 4, neighbour), -1) << std::hex << neighbour;
+      ASSERT_EQ(context.write_p, place);
+    }
+  }
+}
+
+TEST_F(plugin_emission_test, masks_that_no_logical_immediate_holds_are_refused) {
+  for (const std::uint64_t bits : {std::uint64_t{0}, ~std::uint64_t{0}, std::uint64_t{5}, std::uint64_t{0x123456}}) {
+    EXPECT_TRUE(refuses([bits](mora_context* c) { return mora_emit_and_imm(c, 3, 4, bits); })) << std::hex << bits;
+  }
+}
+
+std::uint64_t address_behind(const mora_context* c, std::int64_t offset) {
+  return reinterpret_cast<std::uint64_t>(c->write_p) + static_cast<std::uint64_t>(offset);
+}
+
+TEST_F(plugin_emission_test, branches_lead_to_their_targets) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_tbz(c, 3, 5, -0x8000); }), expected("tbz_back"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_tbz(c, 3, 63, 0x7ffc); }), expected("tbz_ahead"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_branch(c, address_behind(c, 16)); }), expected("b_ahead"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, 16), 13); }),
+            expected("b_le_ahead"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_cbz(c, address_behind(c, 16), 3); }), expected("cbz_ahead"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, 16), 3); }), expected("cbnz_ahead"));
+}
+
+TEST_F(plugin_emission_test, a_tbz_can_be_written_at_a_given_place) {
+  ctx = scan_context();
+  std::uint32_t* place = ctx.write_p;
+  ctx.write_p += 3;
+  EXPECT_EQ(mora_emit_tbz_at(&ctx, place, 3, 63, 0x7ffc), 0);
+  EXPECT_EQ(*place, expected("tbz_ahead")[0]);
+  EXPECT_EQ(ctx.write_p, place + 3);
+}
+
+TEST_F(plugin_emission_test, branches_out_of_reach_are_refused) {
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 5, -0x8004); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 5, 0x8000); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 5, 2); }));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 64, 4); }));
+  for (const std::int64_t beyond : {0x8000000LL, -0x8000004LL}) {
+    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_branch(c, address_behind(c, beyond)); })) << beyond;
+  }
+  for (const std::int64_t beyond : {0x100000LL, -0x100004LL, 2LL}) {
+    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, beyond), 0); })) << beyond;
+    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_cbz(c, address_behind(c, beyond), 3); })) << beyond;
+    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, beyond), 3); })) << beyond;
+  }
+}
+
+TEST_F(plugin_emission_test, the_furthest_targets_are_in_reach) {
+  for (const std::int64_t furthest : {0x7fffffcLL, -0x8000000LL}) {
+    EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_branch(c, address_behind(c, furthest)); })) << furthest;
+  }
+  for (const std::int64_t furthest : {0xffffcLL, -0x100000LL}) {
+    EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, furthest), 0); }));
+    EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_cbz(c, address_behind(c, furthest), 3); }));
+  }
+}
+
+TEST_F(plugin_emission_test, a_reserved_word_does_nothing_until_it_is_patched) {
+  mora_branch branch{};
+  EXPECT_EQ(written([&](mora_context* c) { return mora_reserve_branch(c, &branch); }), expected("nop"));
+  EXPECT_EQ(branch.place, start);
+}
+
+TEST_F(plugin_emission_test, a_reserved_word_becomes_each_kind_of_branch_to_the_place_reached) {
+  using patch = std::function<int(mora_context*, const mora_branch*)>;
+  const std::pair<const char*, patch> kinds[] = {
+      {"reserved_b_eq", [](mora_context* c, const mora_branch* b) { return mora_patch_branch(c, b, 0); }},
+      {"reserved_b", [](mora_context* c, const mora_branch* b) { return mora_patch_b(c, b); }},
+      {"reserved_bl", [](mora_context* c, const mora_branch* b) { return mora_patch_bl(c, b); }},
+      {"reserved_cbz", [](mora_context* c, const mora_branch* b) { return mora_patch_cbz(c, b, 9); }},
+      {"reserved_cbnz", [](mora_context* c, const mora_branch* b) { return mora_patch_cbnz(c, b, 9); }}};
+  for (const auto& [name, make] : kinds) {
+    EXPECT_EQ(written([&make = make](mora_context* c) {
+                mora_branch branch{};
+                mora_reserve_branch(c, &branch);
+                mora_emit_mov(c, 3, 4);
+                mora_emit_mov(c, 3, 4);
+                return make(c, &branch);
+              }),
+              expected(name))
+        << name;
+  }
+}
+
+TEST_F(plugin_emission_test, a_reserved_word_too_far_away_stays_as_it_is) {
+  ctx = scan_context();
+  mora_branch branch{};
+  mora_reserve_branch(&ctx, &branch);
+  ctx.write_p = branch.place + 0xffffc / 4;
+  EXPECT_EQ(mora_patch_branch(&ctx, &branch, 0), 0) << "the last place in reach";
+  ctx.write_p += 1;
+  *branch.place = expected("nop")[0];
+  EXPECT_EQ(mora_patch_branch(&ctx, &branch, 0), -1);
+  EXPECT_EQ(mora_patch_cbz(&ctx, &branch, 3), -1);
+  EXPECT_EQ(mora_patch_cbnz(&ctx, &branch, 3), -1);
+  EXPECT_EQ(*branch.place, expected("nop")[0]);
+}
+
+TEST_F(plugin_emission_test, calls_are_direct_in_reach_and_through_x30_beyond) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_call(c, address_behind(c, 16)); }), expected("bl_ahead"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_call(c, 0x0000567800001230); }), expected("far_call"));
+}
+
+TEST_F(plugin_emission_test, a_counter_is_added_to_with_two_registers_saved) {
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_counter_add(c, 0x0000567800001230, 4095); }),
+            expected("counter_add"));
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_counter_add(c, 0x1230, 4096); }));
+}
+
+// The value that MOVZ and the MOVKs behind it give, and the words that are left.
+std::uint64_t take_constant(words& code, std::uint32_t reg) {
+  std::uint64_t value = 0;
+  for (std::size_t index = 0; index < code.size();) {
+    std::uint32_t sf = 0, opc = 0, hw = 0, imm16 = 0, rd = 0;
+    a64_mov_wide_decode(&code[0], &sf, &opc, &hw, &imm16, &rd);
+    if (a64_decode(&code[0]) != A64_MOV_WIDE || rd != reg || (opc == 2) != (value == 0)) break;
+    value |= std::uint64_t{imm16} << (16 * hw);
+    code.erase(code.begin());
+  }
+  return value;
+}
+
+bool take(words& code, const words& prefix) {
+  if (code.size() < prefix.size() || !std::equal(prefix.begin(), prefix.end(), code.begin())) return false;
+  code.erase(code.begin(), code.begin() + static_cast<std::ptrdiff_t>(prefix.size()));
+  return true;
+}
+
+bool is_guarded_stub(std::uint64_t address) {
+  return address == reinterpret_cast<std::uint64_t>(&guarded_call_stub) ||
+         address == reinterpret_cast<std::uint64_t>(&guarded_call_stub_sve);
+}
+
+void some_function(int, int) {}
+constexpr std::uint32_t BLR_X30 = 0xd63f03c0;  // blr x30
+
+TEST_F(plugin_emission_test, a_guarded_call_keeps_what_holds_no_argument_and_calls_through_the_stub) {
+  words code = written([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 2); });
+  EXPECT_TRUE(take(code, expected("save_0x400001fc")));
+  EXPECT_EQ(take_constant(code, 8), reinterpret_cast<std::uint64_t>(&some_function));
+  EXPECT_TRUE(is_guarded_stub(take_constant(code, 30)));
+  EXPECT_TRUE(take(code, {BLR_X30}));
+  EXPECT_EQ(code, expected("restore_0x400001fc"));
+  EXPECT_EQ(ctx.plugin_stack_offset, 0u);
+}
+
+TEST_F(plugin_emission_test, a_guarded_call_without_arguments_keeps_x0_to_x8_and_x30) {
+  words code = written([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 0); });
+  EXPECT_TRUE(take(code, expected("save_0x400001ff")));
+  EXPECT_EQ(take_constant(code, 8), reinterpret_cast<std::uint64_t>(&some_function));
+  EXPECT_TRUE(is_guarded_stub(take_constant(code, 30)));
+  EXPECT_TRUE(take(code, {BLR_X30}));
+  EXPECT_EQ(code, expected("restore_0x400001ff"));
+}
+
+TEST_F(plugin_emission_test, constant_arguments_are_loaded_behind_the_push_of_their_registers) {
+  words code = written([this](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 2, -1, this); });
+  EXPECT_TRUE(take(code, expected("save_x0_x1")));
+  EXPECT_EQ(take_constant(code, 0), ~std::uint64_t{0});
+  EXPECT_EQ(take_constant(code, 1), reinterpret_cast<std::uint64_t>(this));
+  EXPECT_TRUE(take(code, expected("save_0x400001fc")));
+  EXPECT_EQ(take_constant(code, 8), reinterpret_cast<std::uint64_t>(&some_function));
+  EXPECT_TRUE(is_guarded_stub(take_constant(code, 30)));
+  EXPECT_TRUE(take(code, {BLR_X30}));
+  EXPECT_TRUE(take(code, expected("restore_0x400001fc")));
+  EXPECT_EQ(code, expected("restore_x0_x1"));
+}
+
+TEST_F(plugin_emission_test, constant_arguments_of_no_number_are_a_plain_guarded_call) {
+  const words plain = written([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 0); });
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 0); }), plain);
+}
+
+TEST_F(plugin_emission_test, an_odd_mask_of_a_guarded_call_pushes_its_last_register_alone) {
+  words code = written([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 5); });
+  EXPECT_TRUE(take(code, {0xf81f0ffe}));  // str x30, [sp, #-16]!: four of x5 to x8 make pairs.
+}
+
+TEST_F(plugin_emission_test, more_than_eight_arguments_are_refused) {
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 9); }));
+  EXPECT_TRUE(refuses([](mora_context* c) {
+    return mora_emit_guarded_call_args(c, some_function, 9, 1, 2, 3, 4, 5, 6, 7, 8, 9);
+  }));
+  EXPECT_FALSE(refuses([](mora_context* c) {
+    return mora_emit_guarded_call_args(c, some_function, 8, 1, 2, 3, 4, 5, 6, 7, 8);
+  }));
+}
+
+TEST_F(plugin_emission_test, fewer_values_than_arguments_are_refused) {
+  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 2, 1); }));
+}
+
+TEST_F(plugin_emission_test, an_indirect_branch_looks_its_target_up_and_leaves_to_the_dispatcher_without_a_source) {
+  const words code = written([](mora_context* c) { return mora_emit_indirect_branch(c, 9); });
+  ASSERT_GE(code.size(), 10u);
+  EXPECT_EQ(code.front(), 0xa9bf07e0u);  // stp x0, x1, [sp, #-16]!
+  EXPECT_EQ(code[code.size() - 2], 0xd2800001u);  // mov x1, #0
+  EXPECT_EQ(a64_decode(&code.back()), A64_B);
+}
+
+TEST_F(plugin_emission_test, the_family_writes_at_the_context) {
+  EXPECT_EQ(written([](mora_context* c) {
+              emit_logical_shifted(c, 1, 1, 0, 0, 4, 0, 31, 3);
+              return 0;
+            }),
+            expected("mov_x3_x4"));
+}
+
+TEST_F(plugin_emission_test, no_service_writes_where_no_code_is_allowed) {
+  using service = std::function<int(mora_context*)>;
+  mora_branch branch{};
+  const service services[] = {
+      [](mora_context* c) { return mora_emit_save_regs(c, 3); },
+      [](mora_context* c) { return mora_emit_restore_regs(c, 3); },
+      [](mora_context* c) { return mora_emit_load_const(c, 3, 1); },
+      [](mora_context* c) { return mora_emit_mov(c, 3, 4); },
+      [](mora_context* c) { return mora_emit_add_imm(c, 3, 4, 1); },
+      [](mora_context* c) { return mora_emit_add_reg(c, 3, 4, 1); },
+      [](mora_context* c) { return mora_emit_ldr(c, 3, 4); },
+      [](mora_context* c) { return mora_emit_str(c, 3, 4); },
+      [](mora_context* c) { return mora_emit_ldr_offset(c, 3, 4, 8); },
+      [](mora_context* c) { return mora_emit_str_offset(c, 3, 4, 8); },
+      [](mora_context* c) { return mora_emit_ldr_index(c, 3, 4, 8, true); },
+      [](mora_context* c) { return mora_emit_str_index(c, 3, 4, 8, true); },
+      [](mora_context* c) { return mora_emit_stp_offset(c, 3, 4, 5, 8); },
+      [](mora_context* c) { return mora_emit_ldp_post(c, 3, 4, 5, 8); },
+      [](mora_context* c) { return mora_emit_push_pair(c, 3, 4, 31); },
+      [](mora_context* c) { return mora_emit_pop_pair(c, 3, 4, 31); },
+      [](mora_context* c) { return mora_emit_and(c, 3, 4, 5); },
+      [](mora_context* c) { return mora_emit_and_imm(c, 3, 4, 1); },
+      [](mora_context* c) { return mora_emit_tbz(c, 3, 4, 8); },
+      [](mora_context* c) { return mora_emit_tbz_at(c, c->write_p, 3, 4, 8); },
+      [](mora_context* c) { return mora_emit_branch(c, address_behind(c, 8)); },
+      [](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, 8), 0); },
+      [](mora_context* c) { return mora_emit_cbz(c, address_behind(c, 8), 0); },
+      [](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, 8), 0); },
+      [&](mora_context* c) { return mora_reserve_branch(c, &branch); },
+      [&](mora_context* c) { return branch.place = c->write_p, mora_patch_branch(c, &branch, 0); },
+      [&](mora_context* c) { return mora_patch_b(c, &branch); },
+      [&](mora_context* c) { return mora_patch_bl(c, &branch); },
+      [&](mora_context* c) { return mora_patch_cbz(c, &branch, 0); },
+      [&](mora_context* c) { return mora_patch_cbnz(c, &branch, 0); },
+      [](mora_context* c) { return mora_emit_call(c, 8); },
+      [](mora_context* c) { return mora_emit_guarded_call(c, some_function, 0); },
+      [](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 1, 1); },
+      [](mora_context* c) { return mora_emit_indirect_branch(c, 9); },
+      [](mora_context* c) { return mora_emit_counter_add(c, 8, 1); }};
+  for (std::size_t index = 0; index < std::size(services); ++index) {
+    ctx = scan_context(MORA_POST_BB);
+    ctx.code_allowed = false;
+    std::uint32_t* place = ctx.write_p;
+    const words before(place, place + 64);
+    EXPECT_EQ(services[index](&ctx), -1) << "service " << index;
+    EXPECT_EQ(ctx.write_p, place) << "service " << index;
+    EXPECT_EQ(words(place, place + 64), before) << "service " << index;
+  }
+}
+
+TEST_F(plugin_emission_test, code_that_outgrows_a_block_goes_on_in_the_next) {
+  ctx = scan_context();
+  const std::uint32_t* first = ctx.write_p;
+  for (int count = 0; count < 200; ++count) ASSERT_EQ(mora_emit_mov(&ctx, 3, 4), 0);
+  EXPECT_EQ(ctx.write_p - first, 200);  // Adjacent blocks: no branch between.
+  for (int count = 0; count < 200; ++count) ASSERT_EQ(first[count], expected("mov_x3_x4")[0]) << count;
+  EXPECT_GT(ctx.write_limit, ctx.write_p);
+}
+
+TEST_F(plugin_emission_test, code_that_meets_a_flush_goes_on_behind_a_branch) {
+  thread->next_block = 100;  // Not in the block that is the first one after the flush as well.
+  ctx = scan_context();
+  thread->next_block = BB_FLUSH_THRESHOLD + 1;
+  std::uint32_t* last = nullptr;
+  std::uint32_t* block_end = ctx.write_limit;
+  while (ctx.write_limit == block_end) {
+    last = ctx.write_p;
+    ASSERT_EQ(mora_emit_mov(&ctx, 3, 4), 0);
+  }
+  // The branch stands where the word that did not fit would have stood.
+  ASSERT_EQ(a64_decode(last), A64_B);
+  std::uint32_t link = 0, imm26 = 0;
+  a64_b_decode(last, &link, &imm26);
+  EXPECT_EQ(last + a64_sign_extend(imm26, 26), ctx.write_p - 1);
+  EXPECT_EQ(ctx.write_p - 1, block(stub_block_count()));
+}
+
+}  // namespace
+}  // namespace ceilmeter
