@@ -27,10 +27,16 @@ int main(void) {
   CHECK(call(text) == 11);
   CHECK(mprotect(text, page, PROT_EXEC) == 0);
   CHECK(call(text) == 11);
+  for (unsigned round = 0; round < 10; ++round) {  // In turn writable and executable, never both.
+    CHECK(mprotect(text, page, PROT_READ | PROT_WRITE) == 0);
+    write_function(text, 20 + round);
+    CHECK(mprotect(text, page, PROT_READ | PROT_EXEC) == 0);
+    CHECK(call(text) == 20 + (int)round);
+  }
   CHECK(munmap(text, page) == 0);
 
-  unsigned* both = mmap(NULL, page, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  CHECK(both != MAP_FAILED);
+  unsigned* both = mmap(text, page, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  CHECK(both == text);  // Other code where code was.
   for (unsigned index = 0; index < 100; ++index) write_function(both + 2 * index, index + 1000);
   for (unsigned index = 0; index < 100; ++index) CHECK(call(both + 2 * index) == (int)index + 1000);
   for (unsigned round = 0; round < 20; ++round) {

@@ -11,6 +11,7 @@
 
 static void* work(void* argument) { return argument; }
 
+// Of memory that can be used: the heaps reserve address space by the 64 MiB.
 static long mapped_kib(void) {
   long sum = 0;
   char line[512];
@@ -19,7 +20,8 @@ static long mapped_kib(void) {
   while (fgets(line, sizeof line, maps)) {
     unsigned long start = 0;
     unsigned long end = 0;
-    if (sscanf(line, "%lx-%lx", &start, &end) == 2) sum += (long)((end - start) / 1024);
+    char readable = '-';
+    if (sscanf(line, "%lx-%lx %c", &start, &end, &readable) == 3 && readable == 'r') sum += (long)((end - start) / 1024);
   }
   fclose(maps);
   return sum;

@@ -1,0 +1,250 @@
+#!/usr/bin/python3
+"""What the engine costs, counted in instructions by a plug-in of the user-mode emulator (tests/emulator_plugin).
+
+engine_cost.py [--build DIR] [--list FILE] [--root DIR] [--hot N] [--json FILE] [PATTERN]
+
+Runs each program of a list natively and under the bare engine, and prints what they executed:
+
+  native      instructions of the native run
+  engine run  instructions of the run under the engine, and their ratio to the native ones, split into
+    cache     rewritten code: the code caches without the stubs at their start; x is its ratio to the native count
+    counters  of the stubs, the one that counts how often a block runs
+    switches  the other stubs, which save and restore state on the way into the engine and back
+    engine    everything else: the engine's C++ and the libraries that it uses
+  start       of the last, what ran before the first rewritten instruction
+  blocks      blocks scanned; dispatch, how often the dispatcher was asked; flushes, how often the cache was emptied
+  per block   switches and engine, without the start, over blocks scanned. System calls are in it, so that it tells the
+              work per block only of programs that make few
+
+The same run gives the same figures, to a few instructions in a million (addresses and process ids differ), whatever else
+the machine does. Times are nobody's business here. --hot prints the N
+functions that most engine instructions were spent in. --json writes the figures as a list of objects.
+PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or status is not that of the native
+run, or a count cannot be right.
+"""
+import argparse
+import bisect
+import collections
+import json
+import os
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.realpath(__file__))
+TOP = os.path.dirname(HERE)
+# The functions that are counted by their first instruction.
+SCAN, FLUSH, DISPATCH = "ceilmeter::scan_a64", "ceilmeter::flush_code_cache", "dispatcher"
+# The stub text, and in it the stub that counts, which lies between two others.
+STUB_TEXT, STUB_TEXT_END, BLOCK = "stub_text", "stub_text_end", 256
+COUNTER_STUB, COUNTER_STUB_END = "hot_counter_stub", "syscall_wrapper"
+
+
+class CountError(Exception):
+    """A run that cannot be counted; the message says why."""
+
+
+def symbols_of(nm, path, *options):
+    """(address, name) of a file's functions, without their parameters, in the order of addresses."""
+    listing = subprocess.run([nm, "-C", *options, path], check=False, capture_output=True, text=True).stdout
+    matches = (re.match(r"([0-9a-f]+) [tTwWiVu] ([^(@$]+)", line) for line in listing.splitlines())
+    return sorted((int(match[1], 16), match[2]) for match in matches if match)
+
+
+class Counter:
+    """Runs command lines under the plug-in."""
+
+    def __init__(self, arguments):
+        self.plugin = os.path.join(arguments.build, "tests", "emulator_plugin", "instruction_counts.so")
+        self.engine = os.path.join(arguments.build, "tests", "programs", "mora_run")
+        for path in (self.plugin, self.engine):
+            if not os.path.exists(path):
+                raise CountError(f"{path} is not there: build the targets instruction_counts and mora_run")
+        self.nm = arguments.nm
+        self.emulator = arguments.emulator
+        self.root = arguments.root
+        self.lists = os.path.dirname(os.path.realpath(arguments.list))
+        self.programs = os.path.join(arguments.build, "bench")
+        self.engine_symbols = symbols_of(self.nm, self.engine)
+        self.places = {name: address for address, name in self.engine_symbols}
+        length = self.places[STUB_TEXT_END] - self.places[STUB_TEXT]
+        self.stub_bytes = (length + BLOCK - 1) // BLOCK * BLOCK
+
+    def run(self, line, scratch, under_engine):
+        """(status, output, summary, path of addresses) of one run."""
+        side = "engine" if under_engine else "native"
+        summary = os.path.join(scratch, f"{side}.summary")
+        addresses = os.path.join(scratch, f"{side}.addresses")
+        options = [self.plugin, f"summary={summary}", f"stubs={self.stub_bytes}"]
+        if under_engine:
+            options.append(f"addresses={addresses}")
+        options += [f"at={self.places[name]:#x}" for name in (SCAN, FLUSH, DISPATCH)]
+        command = [*self.emulator.split(), "-plugin", ",".join(options)]
+        if self.root:
+            command += ["-L", self.root]
+        if under_engine:
+            command.append(self.engine)
+        # What is in the environment is the program's too: no names that differ from run to run. Python neither finds
+        # nor leaves compiled modules.
+        environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "PYTHONHASHSEED": "0", "PYTHONDONTWRITEBYTECODE": "1",
+                       "PYTHONPYCACHEPREFIX": "/nowhere"}
+        variables = {"RUN": " ".join(command), "ROOT": self.root, "PROGRAMS": self.programs, "LISTS": self.lists}
+        assignments = "".join(f"{name}={shlex.quote(value)}; " for name, value in variables.items())
+        folder = os.path.join(scratch, "work")
+        shutil.rmtree(folder, ignore_errors=True)
+        os.mkdir(folder)
+        done = subprocess.run(["sh", "-c", assignments + line], cwd=folder, env=environment, stdin=subprocess.DEVNULL,
+                              check=False, capture_output=True, timeout=1800)
+        try:
+            with open(summary, encoding="utf-8") as file:
+                counts = {" ".join(words.split()[:-1]): int(words.split()[-1]) for words in file}
+        except OSError as error:
+            raise CountError(f"the {side} run left no counts ({error}); it said: {done.stderr[-600:]!r}") from error
+        return done.returncode, done.stdout, counts, addresses
+
+    def at(self, summary, name):
+        return summary[f"at {self.places[name]:#x}"]
+
+    def read_addresses(self, path):
+        """(instructions in counter stubs, instructions by function) outside of rewritten code."""
+        maps, spent, libraries, caches, counters = [], collections.Counter(), {}, [], 0
+        first, end = (self.places[name] - self.places[STUB_TEXT] for name in (COUNTER_STUB, COUNTER_STUB_END))
+        with open(path, encoding="utf-8") as file:
+            for line in file:
+                words = line.split()
+                if words[0] == "map":
+                    start, stop, offset = (int(word, 16) for word in words[1:4])
+                    maps.append((start, stop, start - offset, words[4]))
+                elif words[0] == "cache":
+                    caches.append(int(words[1], 16))
+                elif words[2] == "other":
+                    spent[self.function_at(int(words[0], 16), maps, libraries)] += int(words[3])
+                elif words[2] == "stubs":
+                    address = int(words[0], 16)
+                    if any(first <= address - cache < end for cache in caches):
+                        counters += int(words[3])
+        return counters, spent
+
+    def function_at(self, address, maps, libraries):
+        for start, end, base, path in maps:
+            if not start <= address < end:
+                continue
+            if os.path.realpath(path) == os.path.realpath(self.engine):
+                symbols, value = self.engine_symbols, address
+            else:
+                # Library code is mapped with address and offset in step.
+                if path not in libraries:
+                    libraries[path] = symbols_of(self.nm, path, "-D")
+                symbols, value = libraries[path], address - base
+            index = bisect.bisect_right(symbols, (value, "\U0010ffff")) - 1
+            name = symbols[index][1] if index >= 0 else "?"
+            return name if symbols is self.engine_symbols else f"{os.path.basename(path)}: near {name}"
+        return "unmapped at the end"
+
+
+def userland_of_the_virtual_machine():
+    script = os.path.join(TOP, "tools", "vm", "common.sh")
+    path = subprocess.run(["bash", "-c", '. "$0" && echo "$vm_userland"', script], check=False, capture_output=True,
+                          text=True).stdout.strip()
+    return path if os.path.isdir(path) else ""
+
+
+def read_list(path, pattern):
+    lines = []
+    with open(path, encoding="utf-8") as file:
+        for text in file:
+            text = text.strip()
+            if not text or text.startswith("#"):
+                continue
+            name, _, command = text.partition(": ")
+            if not command:
+                raise CountError(f"{path}: a line is NAME: COMMAND, not '{text}'")
+            if re.search(pattern, name):
+                lines.append((name, command))
+    return lines
+
+
+def measure(counter, name, line, hot):
+    """The figures of one program."""
+    with tempfile.TemporaryDirectory() as scratch:
+        status, output, native, _ = counter.run(line, scratch, False)
+        engine_status, engine_output, run, addresses = counter.run(line, scratch, True)
+        counters, spent = counter.read_addresses(addresses)
+    if (status, output) != (engine_status, engine_output):
+        raise CountError(f"{name}: status {engine_status} and {len(engine_output)} bytes under the engine, "
+                         f"{status} and {len(output)} natively")
+    blocks = counter.at(run, SCAN)
+    figures = {
+        "program": name, "native": native["total"], "engine_run": run["total"],
+        "ratio": run["total"] / native["total"], "cache": run["cache"], "counters": counters,
+        "switches": run["stubs"] - counters, "engine": run["other"], "start": run["start"], "blocks": blocks,
+        "dispatches": counter.at(run, DISPATCH), "flushes": counter.at(run, FLUSH),
+        "per_block": (run["other"] - run["start"] + run["stubs"] - counters) / max(blocks, 1),
+        "hot": spent.most_common(hot),
+    }
+    accounted = run["cache"] + run["stubs"] + sum(spent.values())
+    if native["cache"] or accounted != run["total"] or counters > run["stubs"] or blocks == 0:
+        raise CountError(f"{name}: the counts cannot be right: native {native}, under the engine {run}")
+    return figures
+
+
+COLUMNS = {"native": 14, "engine_run": 15, "cache": 15, "counters": 15, "switches": 12, "engine": 12, "start": 11,
+           "blocks": 8, "dispatches": 9, "flushes": 8}
+
+
+def print_heading():
+    headings = {"engine_run": "engine run", "dispatches": "dispatch"}
+    print(f"{'program':<14}" + "".join(f"{headings.get(name, name):>{width}}" for name, width in COLUMNS.items())
+          + f"{'ratio':>8}{'x':>6}{'per block':>10}")
+
+
+def print_row(row):
+    print(f"{row['program']:<14}" + "".join(f"{row[name]:>{width},}" for name, width in COLUMNS.items())
+          + f"{row['ratio']:>8.2f}{row['cache'] / row['native']:>6.2f}{row['per_block']:>10,.0f}", flush=True)
+    for function, count in row["hot"]:
+        print(f"    {count:>13,}  {count / max(row['blocks'], 1):>8,.1f} per block  {function}", flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("pattern", nargs="?", default=".")
+    parser.add_argument("--build", default=os.path.join(TOP, "build", "release"))
+    parser.add_argument("--list", default=os.path.join(HERE, "engine_cost.txt"))
+    parser.add_argument("--root", help="an unpacked userland (default: the virtual machine's, if it is there)")
+    parser.add_argument("--emulator", default="qemu-aarch64")
+    parser.add_argument("--nm", default=shutil.which("aarch64-linux-gnu-nm") or "nm")
+    parser.add_argument("--hot", type=int, default=0)
+    parser.add_argument("--json")
+    arguments = parser.parse_args()
+    arguments.build = os.path.realpath(arguments.build)
+    if arguments.root is None:
+        arguments.root = userland_of_the_virtual_machine()
+    rows, failures = [], []
+    try:
+        counter = Counter(arguments)
+        lines = read_list(arguments.list, arguments.pattern)
+    except CountError as error:
+        sys.exit(f"engine_cost: {error}")
+    print_heading()
+    for name, line in lines:
+        if "$ROOT" in line and not arguments.root:
+            print(f"{name}: not run, since it needs --root", file=sys.stderr)
+            continue
+        try:
+            rows.append(measure(counter, name, line, arguments.hot))
+            print_row(rows[-1])
+        except CountError as error:
+            failures.append(str(error))
+            print(f"engine_cost: {error}", file=sys.stderr)
+    if arguments.json:
+        with open(arguments.json, "w", encoding="utf-8") as file:
+            json.dump(rows, file, indent=1)
+    print(f"{len(rows)} programs counted, {len(failures)} failed")
+    sys.exit(1 if failures or not rows else 0)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,10 @@
+// A library of dl_cycle, built twice: the functions are alike but for the sum.
+int calls;
+long work(long value);
+static long (*volatile next)(long);
+static __attribute__((noinline)) long last(long value) { return value DL_OPERATION; }
+long work(long value) {
+  ++calls;
+  next = last;
+  return next(value);
+}
