@@ -1,27 +1,175 @@
-// A build without the instrumentation engine: the phase contributes nothing, says so in the log, and the collection
-// goes on to its finishing step as after an application that ended with status 0.
+// The tracer's state and the handlers that move it. Nothing here runs per execution of a block: a flush costs one pass over
+// the thread's blocks and, for each that was counted, a linear search in the region's vector.
 #include "bintracer/bintracer.h"
 
 #include <cstdlib>
+#include <exception>
+#include <stdexcept>
+#include <utility>
 
+#include "bi/plugin.h"
+#include "bintracer/bintracer_finalizer.h"
+#include "bintracer/bintracer_plugin.h"
+#include "collector_config.h"
 #include "common/log.h"
+#include "instruction_finder.h"
+#include "shared_names.h"
 
 namespace ceilmeter {
 
 namespace {
+
 constexpr tool_log log{"src/bintracer/bintracer"};
-}  // namespace
 
-bintracer_t::bintracer_t(exit_callback on_exit, std::uint32_t mode) : m_on_exit(on_exit), m_mode(mode) {}
+constexpr std::size_t first_flush_room = 16;
 
-void bintracer_t::collect(int, char** argv, char**) {
-  log(LEVEL_INFO, "running application: %s", argv[0]);
-  log(LEVEL_WARN, "this build has no instrumentation engine: the bintracer phase of mode %u contributes nothing",
-      m_mode);
-  m_on_exit(0, 0);
-  std::exit(EXIT_SUCCESS);
+void raise_to(std::atomic<std::uint64_t>& maximum, std::uint64_t value) {
+  std::uint64_t seen = maximum.load(std::memory_order_relaxed);
+  while (seen < value && !maximum.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
+  }
 }
 
-bintracer_report bintracer_t::get_report() { return {}; }
+region_bbs* find_region(std::vector<region_bbs>& regions, const std::string& name) {
+  for (region_bbs& region : regions) {
+    if (region.name == name) return &region;
+  }
+  return nullptr;
+}
+
+// The first record of a start keeps its end and segment.
+void add_record(std::vector<bb_record>& bbs, const bb_record& record) {
+  for (bb_record& known : bbs) {
+    if (known.start != record.start) continue;
+    known.count += record.count;
+    return;
+  }
+  bbs.push_back(record);
+}
+
+}  // namespace
+
+bintracer_thread::~bintracer_thread() {
+  while (bb_nodes != nullptr) delete std::exchange(bb_nodes, bb_nodes->next);
+}
+
+bintracer_t::bintracer_t(exit_callback on_exit, std::uint32_t run_mode) : mode(run_mode) {
+  log(LEVEL_INFO, "Launch bintracer_ctor");
+  register_callbacks(on_exit);
+  watch_by_name("dummy_func_to_disable_roofline_events", {pre_dummy_func_cb, nullptr});
+  if (mode == MODE_TOTAL) return;
+  watch_by_name("start_perf_roofline_events", {pre_start_roofline_cb, nullptr});
+  watch_by_name("stop_perf_roofline_events", {pre_stop_roofline_cb, nullptr});
+}
+
+bintracer_t::~bintracer_t() {
+  while (thread_infos != nullptr) delete std::exchange(thread_infos, thread_infos->next);
+}
+
+void bintracer_t::watch_by_name(std::string name, watch_callbacks callbacks) {
+  if (!named_callbacks.insert(std::move(name), callbacks).second) {
+    throw std::runtime_error("register callback on one name was called twice\n");
+  }
+}
+
+void bintracer_t::collect(int argc, char** argv, char** envp) {
+  log(LEVEL_INFO, "running application: %s", argv[0]);
+  mora_run(argc, argv, envp);
+  log(LEVEL_WARN, "Error when run mora_run\n");
+  std::terminate();
+}
+
+bintracer_report bintracer_t::get_report() {
+  static bool has_run = false;
+  if (has_run) {
+    log(LEVEL_WARN,
+        "Bintracer's get_report method was called early, it is forbidden to call this method twice");
+    return {};
+  }
+  has_run = true;
+  instruction_finder finder;
+  return finalize(finder, *this, max_thread_count.load(std::memory_order_relaxed));
+}
+
+void bintracer_t::init_thread(bintracer_thread& thread) {
+  // In region mode a thread counts nothing before it starts a region itself, also if its creator is in one.
+  if (mode == MODE_TOTAL) thread.enable_basic_block_count = 1;
+  thread.region = total_region_name;
+  {
+    auto info = std::make_unique<thread_info>();
+    info->tid = thread.tid;
+    const std::lock_guard lock(thread_infos_lock);
+    info->next = thread_infos;
+    thread.info = thread_infos = info.release();
+  }
+  const std::uint64_t count = thread_count.fetch_add(1, std::memory_order_relaxed) + 1;
+  log(LEVEL_INFO, "init_thread, thread_count is %lu", count);
+}
+
+void bintracer_t::finish_thread(bintracer_thread& thread) {
+  log(LEVEL_INFO, "finish_thread, max_thread_count is %lu", max_thread_count.load(std::memory_order_relaxed));
+  flush_counters(thread);
+  const std::uint64_t alive = thread_count.fetch_sub(1, std::memory_order_relaxed);
+  raise_to(max_thread_count, static_cast<std::uint32_t>(alive));
+}
+
+void bintracer_t::flush_counters(bintracer_thread& thread) {
+  std::vector<bb_record> counted;
+  counted.reserve(first_flush_room);
+  for (bb_node* node = thread.bb_nodes; node != nullptr; node = node->next) {
+    if (node->record.count == 0) continue;
+    counted.push_back(node->record);
+    node->record.count = 0;
+  }
+  if (counted.empty()) return;
+  region_bbs* region = find_region(thread.info->regions, thread.region);
+  if (region == nullptr) {
+    thread.info->regions.push_back({thread.region, std::move(counted)});
+    return;
+  }
+  for (const bb_record& record : counted) add_record(region->bbs, record);
+}
+
+void bintracer_t::pre_start_roofline_handler(const char* name, bintracer_thread& thread) {
+  {
+    std::shared_lock lock(region_threads_lock);
+    region_activity* activity = region_threads.find(name);
+    if (activity == nullptr) {
+      lock.unlock();
+      {
+        const std::unique_lock insertion(region_threads_lock);
+        region_threads.insert(name, {});
+      }
+      lock.lock();
+      activity = region_threads.find(name);
+    }
+    activity->active.fetch_add(1, std::memory_order_relaxed);
+  }
+  log(LEVEL_INFO, "pre_start_roofline_handler: %s", name);
+  // No flush: a counter holds nothing but what was counted since the last stop.
+  thread.region = name;
+  thread.enable_basic_block_count = 1;
+}
+
+void bintracer_t::pre_stop_roofline_handler(const char* name, bintracer_thread& thread) {
+  log(LEVEL_INFO, "pre_stop_roofline_handler: %s", name);
+  if (thread.region != name) {
+    log(LEVEL_WARN, "pre_stop_roofline_handler: current region %s doesn't match %s", thread.region.c_str(), name);
+  }
+  {
+    const std::shared_lock lock(region_threads_lock);
+    // A stop without a start finds no entry.
+    if (region_activity* activity = region_threads.find(thread.region)) {
+      raise_to(activity->max_active, activity->active.fetch_sub(1, std::memory_order_relaxed));
+    }
+  }
+  flush_counters(thread);
+  thread.region = total_region_name;
+  thread.enable_basic_block_count = 0;
+}
+
+std::uint64_t bintracer_t::max_active_threads(std::string_view region) const {
+  const region_activity* activity = region_threads.find(region);
+  return activity != nullptr ? activity->max_active.load(std::memory_order_relaxed) : 0;
+}
 
 }  // namespace ceilmeter

@@ -1,29 +1,158 @@
-// The tracer as the collector sees it: constructed with what must run at the application's end, set going by collect,
-// asked for its report by the finishing step.
+// The tracer: how often each basic block of the application ran, per region and thread. It runs the application in this
+// process under the instrumentation engine and plants a counter in every block that the engine translates (see
+// bintracer_plugin.h). It does not look at instructions: which of the counted blocks were floating-point work is settled
+// when the application has ended, by the finalizer, from the module files.
+//
+// A region is a name that the application gives by start_perf_roofline_events, or "total". There is one tracer in a
+// process, in the configuration record, where the callbacks find it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+#include <vector>
 
+#include "flat_table.h"
+#include "mappings.h"
 #include "report.h"
 
 namespace ceilmeter {
 
-class alignas(64) bintracer_t {
+struct mora_context;
+
+// A block that a thread has translated. Emitted code holds the address of `count`, so a record never moves and is freed
+// with its thread only. Copies of it are what results are made of.
+struct bb_record {
+  std::uint64_t count = 0;       // Executions since the last flush of the thread's counters.
+  std::uint64_t start = 0;       // Application address of the first instruction.
+  std::uint64_t end = 0;         // Behind the last one, as last translated.
+  std::uint64_t map_seg_id = 0;  // The mapping segment that held `start` when the block was first seen; 0: none.
+};
+
+struct bb_node {
+  bb_node* next = nullptr;
+  bb_record record;
+};
+
+// What was counted in one region by one thread. `bbs` is unique by `start`.
+struct region_bbs {
+  std::string name;
+  std::vector<bb_record> bbs;
+};
+
+// What a thread leaves behind. `regions` is in order of first flush.
+struct thread_info {
+  thread_info* next = nullptr;
+  std::uint32_t tid = 0;
+  std::vector<region_bbs> regions;
+};
+
+// A thread's data while it lives. It belongs to its thread alone; the addresses of `enable_basic_block_count` and of the
+// counters stand in the code of the thread's own code cache, which is why plain words will do.
+struct bintracer_thread {
+  std::uint32_t parent_tid = 0;  // For whoever looks at it in a debugger.
+  std::uint32_t tid = 0;
+  std::string region;  // "total" when the thread is in none.
+  std::uint64_t enable_basic_block_count = 0;  // 0 or 1: what an execution of a block adds to its counter.
+  bb_node* bb_nodes = nullptr;                 // Every block that the thread has translated, newest first. Owned.
+  flat_table<std::uint64_t, bb_record*> bb_index;  // By start, into bb_nodes.
+  bb_record* current_bb = nullptr;                 // The block under translation.
+  thread_info* info = nullptr;
+
+  bintracer_thread() = default;
+  bintracer_thread(const bintracer_thread&) = delete;
+  bintracer_thread& operator=(const bintracer_thread&) = delete;
+  ~bintracer_thread();
+};
+
+// What to do at a watched function. Called while the function's entry is translated; `post` is the other member.
+struct watch_callbacks {
+  using callback = int (*)(mora_context* ctx, const watch_callbacks& watched);
+  callback pre = nullptr;
+  callback post = nullptr;
+};
+
+// How many threads are in a region. The counters move under the read side of region_threads_lock; the record itself moves
+// with its table's other records, under the write side.
+struct region_activity {
+  std::atomic<std::uint64_t> active{0};
+  std::atomic<std::uint64_t> max_active{0};  // Highest value of `active` at a stop.
+
+  region_activity() = default;
+  region_activity(region_activity&& other) noexcept { take(other); }
+  region_activity& operator=(region_activity&& other) noexcept {
+    take(other);
+    return *this;
+  }
+
+ private:
+  void take(const region_activity& other) {
+    active.store(other.active.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    max_active.store(other.max_active.load(std::memory_order_relaxed), std::memory_order_relaxed);
+  }
+};
+
+class alignas(64) bintracer_t : public mappings_t {
  public:
   using exit_callback = std::uint64_t (*)(std::uint64_t, std::uint64_t);
 
-  // `mode` is MODE_REGION or MODE_TOTAL; `on_exit` runs once, when the application has ended.
+  // Registers with the engine. `mode` is MODE_REGION or MODE_TOTAL; `on_exit` runs once, on the thread that ends the
+  // application, when all its threads have ended.
   bintracer_t(exit_callback on_exit, std::uint32_t mode);
+  ~bintracer_t();
 
   // Runs the application in this process. Does not return: the process ends with the application's status.
   [[noreturn]] void collect(int argc, char** argv, char** envp);
 
-  // What was counted, per region; valid when the application has ended.
+  // What was counted, per region; once, when all threads have ended. A second call warns and gives an empty report.
   bintracer_report get_report();
 
+  // The life of a thread, on the thread itself; the second also on the thread that ends the process, for those that are
+  // left. They wait for no application thread: the engine's thread list is locked around them.
+  void init_thread(bintracer_thread& thread);
+  void finish_thread(bintracer_thread& thread);
+
+  // The thread enters or leaves the region `name`. Regions don't nest: what was counted since the first of two starts
+  // belongs to the second's name, and the next stop, whatever its name, closes it.
+  void pre_start_roofline_handler(const char* name, bintracer_thread& thread);
+  void pre_stop_roofline_handler(const char* name, bintracer_thread& thread);
+
+  // Has functions of this name watched. Before the engine runs. Throws std::runtime_error if the name is known already.
+  void watch_by_name(std::string name, watch_callbacks callbacks);
+
+  // What a function of this name is to be watched for; null if it is not.
+  const watch_callbacks* find_named_callbacks(std::string_view name) const { return named_callbacks.find(name); }
+  // The function at `address` is watched from now on; an address that is known already keeps what it has.
+  void add_watched_function(std::uint64_t address, const watch_callbacks& callbacks) {
+    watched_functions.insert(address, callbacks);
+  }
+  const watch_callbacks* find_watched_function(std::uint64_t address) const { return watched_functions.find(address); }
+
+  std::uint32_t get_mode() const { return mode; }
+
+  // Highest number of threads that a region had at a stop; 0 for a name that was never started.
+  std::uint64_t max_active_threads(std::string_view region) const;
+
+  // What the threads have left behind, newest thread first. For when all have ended.
+  const thread_info* first_thread_info() const { return thread_infos; }
+
  private:
-  exit_callback m_on_exit;
-  std::uint32_t m_mode;
+  static void flush_counters(bintracer_thread& thread);
+
+  mutable std::shared_mutex region_threads_lock;
+  flat_table<std::string, region_activity> region_threads;
+  // The first is only read once the application runs; the second is written when the loader maps a module.
+  flat_table<std::string, watch_callbacks> named_callbacks;
+  flat_table<std::uint64_t, watch_callbacks> watched_functions;
+  std::atomic<std::uint64_t> thread_count{0};      // Application threads alive now.
+  std::atomic<std::uint64_t> max_thread_count{0};  // Highest of those that were alive when one of them ended.
+  thread_info* thread_infos = nullptr;             // Owned.
+  std::mutex thread_infos_lock;                    // Guards the push onto thread_infos.
+  std::uint32_t mode;
 };
 
 }  // namespace ceilmeter

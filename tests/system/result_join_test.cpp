@@ -146,20 +146,49 @@ TEST_F(result_join, region_mode_opens_no_counter_in_the_tool) {
                           "report_handler debug failed to open " + result().string() + " for reading"));
 }
 
-// Holds for a build without the instrumentation engine.
-TEST_F(result_join, phase_without_an_engine_says_so_and_leaves_the_file_as_it_was) {
+TEST_F(result_join, total_bintracer_renews_the_blocks_and_threads_and_keeps_metrics_and_roofs) {
   leave_earlier_result({"total"});
-  const process_result counted = run({"--phase=bintracer"}, {"/bin/true"});
-  EXPECT_EQ(counted.status, 0);
-  EXPECT_THAT(counted.out, HasSubstr("CEILMETER: Launch application to do binary instrumentation of /bin/true\n"
-                                     "CEILMETER: Processing all collected data\n"));
-  EXPECT_THAT(log_lines(counted.err), ElementsAre("bintracer warn this build has no instrumentation engine: the "
-                                                  "bintracer phase of mode 1 contributes nothing"));
+  const process_result traced = run({"--phase=bintracer"}, {program_path("tracer/long_block").string()});
+  EXPECT_EQ(traced.status, 0);
+  EXPECT_EQ(traced.err, "");
   const collector_report report = read(result());
   ASSERT_EQ(report.regions.size(), 1U);
-  expect_the_blocks(report.regions[0]);
-  EXPECT_EQ(metric(report.regions[0], "time"), 77U);
-  expect_the_roofs(report);
+  EXPECT_EQ(report.regions[0].bbs.find(0x4000), nullptr) << "a block of the earlier result";
+  EXPECT_EQ(report.regions[0].flop, 21000U);
+  EXPECT_EQ(report.regions[0].threads, 1U);
+  for (const char* name : {"l1_bytes", "l2_bytes", "l3_bytes", "ddr_bytes", "time"}) {
+    EXPECT_EQ(metric(report.regions[0], name), 77U) << name;
+  }
+  EXPECT_EQ(report.threads, 1U);
+  EXPECT_EQ(report.benchmarks.size(), 2U);
+}
+
+TEST_F(result_join, region_bintracer_of_a_program_without_regions_leaves_the_file_as_it_was) {
+  leave_earlier_result({"solve", "total"});
+  const std::string before = content_of(result());
+  const process_result traced = run({"--phase=bintracer", "--mode=region"}, {"/bin/true"});
+  EXPECT_EQ(traced.status, 0);
+  EXPECT_THAT(log_lines(traced.err), ElementsAre("bintracer_finalizer warn No flop in regions collected!"));
+  EXPECT_EQ(content_of(result()), before);
+}
+
+TEST_F(result_join, perfmon_and_bintracer_one_after_the_other_give_what_both_in_one_run_give) {
+  const std::string program = program_path("tracer/long_block").string();
+  EXPECT_EQ(run({"--phase=perfmon"}, {program}).status, 0);
+  EXPECT_EQ(run({"--phase=bintracer"}, {program}).status, 0);
+  const collector_report apart = read(result());
+  std::filesystem::remove(result());
+  EXPECT_EQ(run({"--phase=~benchmarks"}, {program}).status, 0);
+  const collector_report together = read(result());
+  for (const collector_report& report : {apart, together}) {
+    ASSERT_EQ(report.regions.size(), 1U);
+    EXPECT_EQ(report.regions[0].name, "total");
+    EXPECT_EQ(report.regions[0].flop, 21000U);
+    EXPECT_EQ(report.regions[0].threads, 1U);
+    EXPECT_NE(metric(report.regions[0], "time"), ~std::uint64_t{0});
+    EXPECT_GT(metric(report.regions[0], "time"), 0U);
+    EXPECT_EQ(report.threads, 1U);
+  }
 }
 
 TEST_F(result_join, broken_earlier_file_is_reported_and_replaced) {

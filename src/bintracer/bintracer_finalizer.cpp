@@ -1,0 +1,129 @@
+// The finalizer. A block that several threads or regions have run is worth the same for each of them and is read once; of
+// the records that they have of it, the first one's stays.
+#include "bintracer/bintracer_finalizer.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "a64/instr_flop.h"
+#include "common/log.h"
+#include "shared_names.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr tool_log log{"src/bintracer/bintracer_finalizer"};
+
+constexpr std::size_t first_region_room = 8;
+constexpr std::uint64_t instruction_size = sizeof(std::uint32_t);
+constexpr std::uint64_t part_size = max_basic_block_size * instruction_size;
+
+bintracer_region& find_or_add_region(std::vector<bintracer_region>& regions, const std::string& name) {
+  for (bintracer_region& region : regions) {
+    if (region.name == name) return region;
+  }
+  regions.emplace_back().name = name;
+  return regions.back();
+}
+
+// The most detailed log names every instruction of every thread's blocks: then none is left out.
+bool is_logged_in_detail() { return mora_log_get_level() >= LEVEL_TRACE; }
+
+}  // namespace
+
+bintracer_report finalize(instruction_finder& finder, const bintracer_t& tracer, std::uint64_t max_thread_count) {
+  bintracer_report report;
+  report.regions.reserve(first_region_room);
+  block_work_table known;
+  for (const thread_info* info = tracer.first_thread_info(); info != nullptr; info = info->next) {
+    thread_info_processing(finder, report, *info, tracer, max_thread_count, known);
+  }
+  if (report.regions.empty()) {
+    log(LEVEL_WARN, "No flop in regions collected!");
+    return {};
+  }
+  report.max_thread_count = max_thread_count;
+  return report;
+}
+
+void thread_info_processing(instruction_finder& finder, bintracer_report& report, const thread_info& info,
+                            const bintracer_t& tracer, std::uint64_t max_thread_count, block_work_table& known) {
+  for (const region_bbs& counted : info.regions) {
+    bintracer_region& region = find_or_add_region(report.regions, counted.name);
+    region.threads = region.name == total_region_name ? max_thread_count : tracer.max_active_threads(region.name);
+    for (const bb_record& record : counted.bbs) {
+      basic_block_record block = calculate_bb_metrics(finder, record, known);
+      if (block.flop == 0) continue;
+      const std::int64_t count = block.count;
+      const auto [merged, is_new] = region.bbs.insert(block.start, std::move(block));
+      // Of a block that is known only the count is added: all else stays as the first thread has it.
+      if (!is_new) merged->count += count;
+    }
+    log(LEVEL_DEBUG, "%ld bbs collected for region %s", static_cast<long>(counted.bbs.size()), region.name.c_str());
+    log(LEVEL_DEBUG, "%ld bbs with flop collected for region %s", static_cast<long>(region.bbs.size()),
+        region.name.c_str());
+  }
+}
+
+basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_record& record, block_work_table& known) {
+  basic_block_record block;
+  block.start = record.start;
+  block.end = record.end;
+  const block_work* work = is_logged_in_detail() ? nullptr : known.find(record.start);
+  if (work != nullptr && (work->end != record.end || work->map_seg_id != record.map_seg_id)) work = nullptr;
+  if (work != nullptr && work->flop == 0) return block;
+  const mapping_segment segment = mappings_t::get_segment(record.map_seg_id);
+  if (segment.begin == 0) {
+    log(LEVEL_DEBUG, "Cant find mapping segment at %lx address\n", block.start);
+    return block;
+  }
+  // The low half of the file offset alone, deliberately: results have always been so, and no module has code beyond 4 GiB.
+  const std::uint64_t to_file = static_cast<std::uint32_t>(segment.offset) - segment.begin;
+  block.dump_start = block.start + to_file;
+  block.dump_end = block.end + to_file;
+  block.count = static_cast<std::int64_t>(record.count);
+  block.module = segment.name;
+  if (work != nullptr) {
+    block.flop = work->flop;
+    block.vector_length = work->vector_length;
+  } else if (set_basic_block_flop(finder, block)) {
+    known[record.start] = {record.end, record.map_seg_id, block.flop, block.vector_length};
+  }
+  return block;
+}
+
+bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block) {
+  std::array<std::uint32_t, max_basic_block_size> buffer{};
+  // One record for the whole block, deliberately: scalable instructions leave its multiplier as the instruction before them
+  // had it. A block that begins with one counts it once.
+  instr_flop work{};
+  work.multiplier = 1;
+  const std::uint64_t partial_bb_num =
+      ((block.dump_end - block.dump_start) / instruction_size + max_basic_block_size - 1) / max_basic_block_size;
+  log(LEVEL_TRACE, "Read basic block from module %s, start_off=%lx, end_of=%lx, partial_bb_num=%ld", block.module.c_str(),
+      block.dump_start, block.dump_end, static_cast<long>(partial_bb_num));
+  for (std::uint64_t part = 0; part < partial_bb_num; ++part) {
+    const std::uint64_t part_start = block.dump_start + part_size * part;
+    const std::uint64_t partial_bb_size = std::min(part_size, block.dump_end - part_start);
+    log(LEVEL_TRACE, "Read partial basic block start_off=%lx, partial_bb_size=%lx", part_start, partial_bb_size);
+    if (!finder.get_basic_block_instruction_code(buffer.data(), block.module, part_start, part_start + partial_bb_size)) {
+      log(LEVEL_WARN, "Failed to read basic block from module = %s, start_offset = %lx, end_offset = %lx",
+          block.module.c_str(), block.dump_start, block.dump_end);
+      return false;
+    }
+    for (std::uint64_t index = 0; index < partial_bb_size / instruction_size; ++index) {
+      if (get_instr_flop(buffer[index], work) != 0) continue;
+      log(LEVEL_TRACE, "instr_off=%lx, instr_flop.precision=%d, instr_flop.fclass=%d, instr_flop.count=%d",
+          part_start + index * instruction_size, static_cast<int>(work.precision), static_cast<int>(work.fclass),
+          static_cast<int>(work.count));
+      block.flop += static_cast<std::int64_t>(work.count * work.multiplier);
+      const auto lanes = static_cast<std::uint32_t>(work.count);
+      block.vector_length = static_cast<std::int32_t>(std::max(static_cast<std::uint32_t>(block.vector_length), lanes));
+    }
+  }
+  return true;
+}
+
+}  // namespace ceilmeter

@@ -1,0 +1,240 @@
+// The callbacks. They run while the engine translates or holds its thread-list lock, on the application's stack: small
+// frames, and no waiting for application threads. What they write into a block changes no register and no flag of the
+// application's.
+#include "bintracer/bintracer_plugin.h"
+
+#include <sys/auxv.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "collector_config.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr tool_log log{"src/bintracer/bintracer_plugin"};
+
+constexpr std::uint32_t x0 = 0;
+constexpr std::uint32_t x1 = 1;
+constexpr std::uint32_t x20 = 20;
+constexpr std::uint32_t x21 = 21;
+constexpr std::uint32_t counter_registers = 1U << x20 | 1U << x21;
+
+// Above it lie the negated error numbers that a failed mapping returns.
+constexpr std::uint64_t highest_mapped_address = ~std::uint64_t{0} - 100;
+
+bintracer_t::exit_callback run_at_exit = nullptr;
+pid_t tracer_process = 0;
+
+bintracer_t& tracer() { return *process_config().tracer; }
+
+bintracer_thread& thread_of(const mora_context* ctx) {
+  return *static_cast<bintracer_thread*>(mora_get_thread_data(ctx));
+}
+
+std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
+
+bb_record* add_block(bintracer_thread& thread, std::uint64_t start) {
+  auto* node = new bb_node;
+  node->next = thread.bb_nodes;
+  thread.bb_nodes = node;
+  thread.bb_index.insert(start, &node->record);
+  node->record.map_seg_id = tracer().search_segment(start);
+  log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start,
+      node->record.map_seg_id);
+  node->record.start = start;
+  return &node->record;
+}
+
+// count += 1. The whole run is one region: nothing else is asked.
+void emit_count(mora_context* ctx, const bb_record& record) {
+  mora_emit_load_const(ctx, x21, address_of(&record.count));
+  mora_emit_ldr(ctx, x20, x21);
+  mora_emit_add_imm(ctx, x20, x20, 1);
+  mora_emit_str(ctx, x20, x21);
+}
+
+// count += enable. Always executed, with 0 outside of regions: entering or leaving a region translates nothing anew, and a
+// block that was translated outside of one counts inside.
+void emit_count_if_enabled(mora_context* ctx, const bb_record& record, const bintracer_thread& thread) {
+  mora_emit_load_const(ctx, x20, address_of(&record.count));
+  mora_emit_load_const(ctx, x21, address_of(&thread.enable_basic_block_count));
+  mora_emit_ldr(ctx, x20, x20);
+  mora_emit_ldr(ctx, x21, x21);
+  mora_emit_add_reg(ctx, x20, x20, static_cast<std::int32_t>(x21));
+  mora_emit_load_const(ctx, x21, address_of(&record.count));
+  mora_emit_str(ctx, x20, x21);
+}
+
+void start_roofline(const char* name, bintracer_thread* thread) { tracer().pre_start_roofline_handler(name, *thread); }
+void stop_roofline(const char* name, bintracer_thread* thread) { tracer().pre_stop_roofline_handler(name, *thread); }
+
+// A call of `handler` with the application's first argument and this thread's data. The block belongs to the one thread, so
+// that the data's address is a constant in it.
+void emit_handler_call(mora_context* ctx, void (*handler)(const char*, bintracer_thread*)) {
+  constexpr std::uint32_t arguments = 1U << x0 | 1U << x1;
+  mora_emit_save_regs(ctx, arguments);
+  mora_emit_load_const(ctx, x1, address_of(&thread_of(ctx)));
+  mora_emit_guarded_call(ctx, handler, 2);
+  mora_emit_restore_regs(ctx, arguments);
+}
+
+const watch_callbacks* watched_at(const mora_context* ctx) {
+  return tracer().find_watched_function(mora_get_source_addr(ctx));
+}
+
+int exit_cb(mora_context* ctx) {
+  // A child that the application has forked ends through the engine as well. The result is that of the process that was
+  // started: a child would write over it and print the closing lines into the application's output. Its tracer is given up
+  // as it stands; the heap may be locked for ever by a thread that the child does not have.
+  if (getpid() != tracer_process) {
+    static_cast<void>(process_config().tracer.release());
+    return 0;
+  }
+  run_at_exit(address_of(ctx), 0);
+  return 0;
+}
+
+}  // namespace
+
+void register_callbacks(bintracer_t::exit_callback on_exit) {
+  run_at_exit = on_exit;
+  tracer_process = getpid();
+  mora_context* plugin = mora_add_plugin();
+  function_watch_set_manual(1);
+  mora_on_thread_init(plugin, thread_init_cb);
+  mora_on_thread_exit(plugin, thread_exit_cb);
+  mora_on_clone(plugin, clone_cb);
+  mora_on_pre_bb(plugin, pre_bb_cb);
+  mora_on_post_bb(plugin, post_bb_cb);
+  mora_on_function_symbol(plugin, function_symbol_cb);
+  mora_on_pre_function(plugin, pre_function_cb);
+  mora_on_post_function(plugin, post_function_cb);
+  mora_on_vm_op(plugin, vm_op_cb);
+  mora_on_exit(plugin, exit_cb);
+}
+
+int thread_init_cb(mora_context* ctx) {
+  // Only a process's first thread has had no clone event. In the child of a fork what the thread had counted before stays
+  // the parent's.
+  if (mora_get_next_thread(ctx) == nullptr) mora_set_thread_data(ctx, new bintracer_thread);
+  bintracer_thread& thread = thread_of(ctx);
+  thread.tid = static_cast<std::uint32_t>(mora_get_thread_id(ctx));
+  tracer().init_thread(thread);
+  return 0;
+}
+
+int clone_cb(mora_context* ctx) {
+  auto child = std::make_unique<bintracer_thread>();
+  child->parent_tid = thread_of(ctx).tid;
+  mora_set_child_thread_data(ctx, child.release());
+  return 0;
+}
+
+int thread_exit_cb(mora_context* ctx) {
+  bintracer_thread& thread = thread_of(ctx);
+  tracer().finish_thread(thread);
+  delete &thread;
+  return 0;
+}
+
+int pre_bb_cb(mora_context* ctx) {
+  bintracer_thread& thread = thread_of(ctx);
+  const std::uint64_t start = mora_get_source_addr(ctx);
+  log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(), start,
+      static_cast<long>(thread.enable_basic_block_count));
+  // A block that is translated anew, after a flush of the code cache for instance, keeps its counter.
+  bb_record* const* known = thread.bb_index.find(start);
+  thread.current_bb = known != nullptr ? *known : add_block(thread, start);
+
+  mora_emit_save_regs(ctx, counter_registers);
+  if (tracer().get_mode() == MODE_TOTAL) {
+    emit_count(ctx, *thread.current_bb);
+  } else {
+    emit_count_if_enabled(ctx, *thread.current_bb, thread);
+  }
+  mora_emit_restore_regs(ctx, counter_registers);
+  return 0;
+}
+
+int post_bb_cb(mora_context* ctx) {
+  bintracer_thread& thread = thread_of(ctx);
+  thread.current_bb->end = mora_get_end_addr(ctx);
+  log(LEVEL_TRACE, "post_bb_cb: region is %s, bb start=%lx, bb end=%lx", thread.region.c_str(), thread.current_bb->start,
+      thread.current_bb->end);
+  return 0;
+}
+
+int vm_op_cb(mora_context* ctx) {
+  if (mora_get_vm_op(ctx) != VM_MAP) return 0;
+  const std::uint32_t prot = mora_get_vm_prot(ctx);
+  const std::uint32_t flags = mora_get_vm_flags(ctx);
+  if ((prot & PROT_EXEC) == 0 || (flags & MAP_ANONYMOUS) != 0) return 0;
+  const std::int32_t fd = mora_get_vm_fd(ctx);
+  if (fd >= 0) {
+    // The name is taken also if the mapping has failed: the descriptor has it all the same.
+    tracer().register_fd_name(fd, std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
+  }
+  const std::uint64_t begin = mora_get_vm_addr(ctx);
+  if (begin > highest_mapped_address) return 0;
+  static const std::uint64_t page = getauxval(AT_PAGESZ);
+  const std::uint64_t size = mora_get_vm_size(ctx);
+  const std::uint64_t end = begin + size + (page - size % page) % page;
+  tracer().register_mmap(begin, end, mora_get_vm_offset(ctx), prot, flags, fd);
+  return 0;
+}
+
+int function_symbol_cb(mora_context* ctx) {
+  const char* name = mora_get_symbol_name(ctx);
+  if (std::strchr(name, '@') != nullptr) return 0;
+  const watch_callbacks* callbacks = tracer().find_named_callbacks(name);
+  if (callbacks == nullptr) return 0;
+  const std::uint64_t address = mora_get_symbol_address(ctx);
+  tracer().add_watched_function(address, *callbacks);
+  function_watch_add(address);
+  return 0;
+}
+
+int pre_function_cb(mora_context* ctx) {
+  const watch_callbacks* watched = watched_at(ctx);
+  if (watched != nullptr && watched->pre != nullptr) watched->pre(ctx, *watched);
+  return 0;
+}
+
+int post_function_cb(mora_context* ctx) {
+  const watch_callbacks* watched = watched_at(ctx);
+  if (watched != nullptr && watched->post != nullptr) watched->post(ctx, *watched);
+  return 0;
+}
+
+int pre_dummy_func_cb(mora_context* ctx, const watch_callbacks&) {
+  log(LEVEL_INFO, "pre_dummy_func_cb");
+  constexpr std::uint32_t scratch = 1U << x1;
+  mora_emit_save_regs(ctx, scratch);
+  mora_emit_load_const(ctx, x1, 1);
+  // Eight bytes, deliberately: the region interface keeps room behind its flag.
+  mora_emit_str(ctx, x1, x0);
+  mora_emit_restore_regs(ctx, scratch);
+  return 0;
+}
+
+int pre_start_roofline_cb(mora_context* ctx, const watch_callbacks&) {
+  log(LEVEL_INFO, "pre_start_roofline_cb");
+  emit_handler_call(ctx, start_roofline);
+  return 0;
+}
+
+int pre_stop_roofline_cb(mora_context* ctx, const watch_callbacks&) {
+  log(LEVEL_INFO, "pre_stop_roofline_cb");
+  emit_handler_call(ctx, stop_roofline);
+  return 0;
+}
+
+}  // namespace ceilmeter

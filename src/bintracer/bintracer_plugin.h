@@ -1,0 +1,33 @@
+// The tracer's callbacks: what the engine calls while the application runs. At translation, once per block and thread,
+// pre_bb_cb makes a record and writes a few instructions at the head of the block that add to its counter; nothing else
+// happens per execution. The callbacks reach the one tracer through the configuration record, and run on the
+// application's threads.
+#pragma once
+
+#include "bi/plugin.h"
+#include "bintracer/bintracer.h"
+
+namespace ceilmeter {
+
+// Adds the tracer's plug-in to the engine: all callbacks, the function watch in manual mode, and `on_exit` at the end.
+// The entry point of the constructor, before the engine runs.
+void register_callbacks(bintracer_t::exit_callback on_exit);
+
+// What is done at the entry of the functions of the region interface. Each writes code into the entry block.
+// The first makes the application's flag say that it runs under the tracer; the others call the region handlers.
+int pre_dummy_func_cb(mora_context* ctx, const watch_callbacks& watched);
+int pre_start_roofline_cb(mora_context* ctx, const watch_callbacks& watched);
+int pre_stop_roofline_cb(mora_context* ctx, const watch_callbacks& watched);
+
+// The events, by name. Each returns 0.
+int thread_init_cb(mora_context* ctx);
+int thread_exit_cb(mora_context* ctx);
+int clone_cb(mora_context* ctx);
+int pre_bb_cb(mora_context* ctx);
+int post_bb_cb(mora_context* ctx);
+int vm_op_cb(mora_context* ctx);
+int function_symbol_cb(mora_context* ctx);
+int pre_function_cb(mora_context* ctx);
+int post_function_cb(mora_context* ctx);
+
+}  // namespace ceilmeter

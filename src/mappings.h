@@ -1,0 +1,67 @@
+// From which file, and at which offset, did the code at an address come? The question is asked long after the mapping may
+// have gone or been replaced, so whoever meets an address while it is mapped takes the id of its segment along: the
+// address of a record that never changes and lives as long as the registry.
+//
+// There are two views of these records: `segments`, what is mapped now, which every new mapping changes, and
+// `all_segments`, every record ever made, which only grows and owns them.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <shared_mutex>
+#include <string>
+
+#include "fd_names.h"
+
+namespace ceilmeter {
+
+// One mapping of a file. Never changed after it is made.
+struct mapping_segment {
+  std::uint64_t begin = 0;
+  std::uint64_t end = 0;     // Behind the last byte, a whole number of pages.
+  std::uint64_t offset = 0;  // Of `begin` in the file; of a segment that was cut, of where it began first.
+  std::string name;          // The file's path, empty if its descriptor had no name.
+};
+
+class mappings_t {
+ public:
+  mappings_t() = default;
+  mappings_t(const mappings_t&) = delete;
+  mappings_t& operator=(const mappings_t&) = delete;
+  ~mappings_t();
+
+  // The path behind a descriptor, for mappings made of it later. Any thread.
+  void register_fd_name(std::int32_t fd, std::string path);
+
+  // A copy; empty if the descriptor has no name. Any thread.
+  std::string fd_name(std::int32_t fd) const;
+
+  // Records the mapping [begin, end), both whole pages, of the file at `fd` from `offset` on. What was mapped at or
+  // behind `begin` gives way to it. The flags are for the log. Any thread.
+  void register_mmap(std::uint64_t begin, std::uint64_t end, std::uint64_t offset, std::int64_t prot_flags,
+                     std::int64_t map_flags, std::int32_t fd);
+
+  // The id of the segment that holds `address` now; 0 for none. Any thread; look-ups do not wait for each other.
+  std::uint64_t search_segment(std::uint64_t address) const;
+
+  // A copy of the record; all zero, with an empty name, for id 0. Any thread.
+  static mapping_segment get_segment(std::uint64_t id);
+
+ private:
+  struct node {
+    std::atomic<node*> next{nullptr};
+    const mapping_segment* segment = nullptr;
+  };
+
+  // Makes a record and enters it in all_segments. No lock is needed.
+  const mapping_segment* make_segment(mapping_segment segment);
+
+  fd_name_table fd_names;
+  std::map<std::uint64_t, const mapping_segment*> segments;
+  mutable std::shared_mutex segments_lock;  // Guards `segments`.
+  std::atomic<node*> all_segments{nullptr};
+  std::atomic<std::atomic<node*>*> all_segments_tail{&all_segments};  // The last `next` word.
+};
+
+}  // namespace ceilmeter

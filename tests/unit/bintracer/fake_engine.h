@@ -1,0 +1,62 @@
+// What the tracer's tests have in the engine's place: it keeps what is registered, hands out contexts, and writes down what
+// the tracer has it emit, in words.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bi/plugin.h"
+#include "bintracer/bintracer.h"
+#include "collector_config.h"
+
+namespace ceilmeter {
+
+// The engine's record of a thread is opaque to the tracer: here it is what the tests need.
+struct thread_data {
+  void* plugin_data = nullptr;
+  std::int32_t tid = 0;
+  const thread_data* next = nullptr;
+};
+
+namespace test {
+
+struct fake_engine {
+  std::map<std::uint32_t, mora_callback> callbacks;  // By event, of the one plug-in.
+  std::vector<std::string> calls;                    // Registration, in order.
+  std::vector<std::uint64_t> watched;                // Addresses given to function_watch_add.
+  std::vector<std::string> emitted;
+  int plugins = 0;
+  int run_calls = 0;
+
+  // Delivers an event that carries nothing but the thread.
+  void deliver(mora_event event, thread_data& thread);
+  void deliver_clone(thread_data& parent, thread_data& child);
+  // As at the translation of a block; `emitted` holds what was written into it.
+  void deliver_block(thread_data& thread, std::uint64_t start, std::uint64_t end);
+  void deliver_function(mora_event event, thread_data& thread, std::uint64_t address);
+  void deliver_symbol(const char* name, std::uint64_t address);
+  void deliver_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
+                     std::int32_t fd, std::uint64_t offset);
+};
+
+fake_engine& engine();
+
+// A tracer of this mode in the configuration record, and a fresh engine under it.
+bintracer_t& start_tracer(std::uint32_t mode);
+
+// What the tracer's exit callback has been called with.
+struct finish_record {
+  int calls = 0;
+};
+finish_record& finishes();
+std::uint64_t note_finish(std::uint64_t, std::uint64_t);
+
+inline bintracer_thread& tracer_thread(const thread_data& thread) {
+  return *static_cast<bintracer_thread*>(thread.plugin_data);
+}
+
+}  // namespace test
+}  // namespace ceilmeter
