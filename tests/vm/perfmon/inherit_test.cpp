@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -164,6 +165,39 @@ TEST(inherit_test, a_thread_started_inside_a_region_that_starts_it_too_is_counte
   std::printf("a thread inside a region touches 2000 pages in the same region: counted %lu faults\n",
               counted.total("r", FAULTS));
   EXPECT_GE(counted.total("r", FAULTS), 4000u);
+}
+
+TEST(inherit_test, a_thread_made_between_two_rounds_of_a_region_is_counted_by_its_makers_second_round) {
+  // The stopped counters follow the new thread as well, and the next start of its maker starts them there: what a thread
+  // that is in no region does counts for its maker's region.
+  for (const bool made_before_the_first_start : {true, false}) {
+    std::promise<void> go;
+    std::thread worker;
+    const auto make_worker = [&worker, &go] {
+      worker = std::thread([may_go = go.get_future()] {
+        may_go.wait();
+        touch_pages(2000);
+      });
+    };
+    vm_perfmon counted(true);
+    if (made_before_the_first_start) make_worker();
+    counted.start("r");
+    counted.stop("r");
+    if (!made_before_the_first_start) make_worker();
+    counted.start("r");
+    go.set_value();
+    worker.join();
+    counted.stop("r");
+    counted.finalize_roofline_events();
+    const std::uint64_t faults = counted.total("r", FAULTS);
+    std::printf("a thread made %s the first start touches 2000 pages: its maker's region counted %lu faults\n",
+                made_before_the_first_start ? "before" : "after", faults);
+    if (made_before_the_first_start) {
+      EXPECT_LT(faults, 1000u);
+    } else {
+      EXPECT_GE(faults, 2000u);
+    }
+  }
 }
 
 }  // namespace

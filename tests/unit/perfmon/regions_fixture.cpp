@@ -1,0 +1,144 @@
+// The processes of the region tests, and the tracer's part played by a wrapper.
+#include "regions_fixture.h"
+
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "report_handler.h"
+
+namespace ceilmeter::test {
+
+namespace {
+
+bool traced = false;
+const void* flag = nullptr;
+
+std::string content_of_descriptor(int fd) {
+  std::string content;
+  char buffer[4096];
+  off_t offset = 0;
+  for (ssize_t got; (got = pread(fd, buffer, sizeof buffer, offset)) > 0; offset += got) {
+    content.append(buffer, static_cast<std::size_t>(got));
+  }
+  return content;
+}
+
+}  // namespace
+
+void act_as_tracer() { traced = true; }
+
+const void* address_of_flag() { return flag; }
+
+std::vector<std::string> log_lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    const std::size_t mark = line.find(" MORA ");
+    lines.push_back(mark == std::string::npos ? line : line.substr(mark + 6));
+  }
+  return lines;
+}
+
+std::string content_of(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_file(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+regions_test::regions_test() {
+  std::string name = std::filesystem::temp_directory_path() / "regions_test_XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no folder for the test");
+  folder_ = name;
+  for (const char* variable : {"ROOFLINE_REPORT_FILE", "ROOFLINE_LOG_FILE", "ROOFLINE_LOG_LEVEL"}) unsetenv(variable);
+}
+
+regions_test::~regions_test() {
+  std::error_code ignored;
+  std::filesystem::permissions(folder_, std::filesystem::perms::owner_all, ignored);
+  std::filesystem::remove_all(folder_, ignored);
+}
+
+process_traces regions_test::run(const std::function<void()>& application) {
+  const int out = memfd_create("out", MFD_CLOEXEC);
+  const int err = memfd_create("err", MFD_CLOEXEC);
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    application();
+    // What is in the output now has been flushed by the application; the failed expectations come behind it.
+    const off_t end = lseek(STDOUT_FILENO, 0, SEEK_END);
+    std::fflush(stdout);
+    _exit(HasFailure() || lseek(STDOUT_FILENO, 0, SEEK_END) != end ? 1 : 0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  process_traces traces;
+  traces.passed = status == 0;
+  traces.out = content_of_descriptor(out);
+  traces.log = log_lines(content_of_descriptor(err));
+  close(out);
+  close(err);
+  EXPECT_TRUE(traces.passed) << "wait status " << status << ", output:\n"
+                             << traces.out << "log:\n"
+                             << ::testing::PrintToString(traces.log);
+  return traces;
+}
+
+process_traces regions_test::run_under_tool(const std::function<void()>& application) {
+  return run([&] {
+    setenv("ROOFLINE_REPORT_FILE", report_path().c_str(), 1);
+    application();
+  });
+}
+
+region_metric regions_test::region(const std::string& name) const {
+  for (region_metric& found : read(report_path()).regions) {
+    if (found.name == name) return std::move(found);
+  }
+  ADD_FAILURE() << "no region '" << name << "' in:\n" << content_of(report_path());
+  return {};
+}
+
+std::vector<std::string> regions_test::region_names() const {
+  std::vector<std::string> names;
+  for (const region_metric& found : read(report_path()).regions) names.push_back(found.name);
+  return names;
+}
+
+std::uint64_t regions_test::metric(const std::string& region_name, const std::string& name) const {
+  const region_metric found = region(region_name);
+  const std::uint64_t* value = found.metrics.find(name);
+  if (value != nullptr) return *value;
+  ADD_FAILURE() << "no " << name << " in region " << region_name;
+  return ~0ul;
+}
+
+}  // namespace ceilmeter::test
+
+extern "C" {
+
+void __real_dummy_func_to_disable_roofline_events(bool* disabled);
+
+void __wrap_dummy_func_to_disable_roofline_events(bool* disabled) {
+  ceilmeter::test::flag = disabled;
+  if (ceilmeter::test::traced) {
+    const std::uint64_t one = 1;
+    std::memcpy(static_cast<void*>(disabled), &one, sizeof one);
+  }
+  __real_dummy_func_to_disable_roofline_events(disabled);
+}
+
+}  // extern "C"
