@@ -99,10 +99,12 @@ int function_watch_add_named(std::uint64_t address, const char* name) {
 int function_watch_add(std::uint64_t address) { return function_watch_add_named(address, nullptr); }
 
 void tell_plugins_of_mapped_file(std::int32_t fd, std::uint64_t addr) {
-  Elf* elf = elf_begin(fd, ELF_C_READ, nullptr);
-  if (elf == nullptr) return;
-  function_watch_parse_elf(elf, addr);
-  elf_end(elf);
+  mora_enter_callback();  // The ELF library is on the heap as plug-ins are.
+  if (Elf* elf = elf_begin(fd, ELF_C_READ, nullptr); elf != nullptr) {
+    function_watch_parse_elf(elf, addr);
+    elf_end(elf);
+  }
+  mora_leave_callback();
 }
 
 void put_function_entry(const scan_place& place, const std::uint32_t* read_address) {

@@ -119,6 +119,7 @@ int mora_run(int argc, char** argv, char** envp) {
   interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
   pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
   install_sigill_handler();
+  pthread_rwlock_init(&engine.callbacks_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   robin_map_init(&engine.function_watches, sizeof(function_watch));
 

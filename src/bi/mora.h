@@ -163,6 +163,9 @@ struct engine_globals {
   std::uint32_t exit_flag;  // Set to 1 once, by mora_terminate; read without a lock by every thread.
   std::uint32_t plugin_count;
   std::uint64_t plugins[MAX_PLUGINS][PLUGIN_SLOTS];  // Slots 1 to 18: callbacks by event; 19: the plug-in's data.
+  // Shared while plug-ins' code runs, and alone over a fork: the child then finds their data and the heap as they are between
+  // two callbacks. Taken behind brk_lock and before function_watch_lock.
+  pthread_rwlock_t callbacks_lock;
   pthread_mutex_t function_watch_lock;
   robin_map function_watches;  // Function address to its record. Under the lock before it.
   interval_map protected_ranges;  // Executable by mprotect, or moved by mremap: no members of exec_ranges. Its own lock.

@@ -265,6 +265,13 @@ int mora_add_to_entry_table(mora_context* ctx);
 // no exit. -1 outside a scan.
 int mora_stop_scan(mora_context* ctx);
 
+// Around code of a plug-in's own that runs in a function called from the cache (mora_emit_guarded_call) and uses the heap, a
+// lock or shared data: a fork waits until it is over, as it does for callbacks, which are bracketed by the engine. Otherwise
+// the child might find a lock taken by a thread that it does not have. May be nested. Nothing in between may wait for the
+// application.
+void mora_enter_callback();
+void mora_leave_callback();
+
 // Makes sure that more than `size` bytes can be written at write_p without a break, which may move write_p. -1 outside a
 // scan, and where no code is allowed.
 int mora_reserve_space(mora_context* ctx, std::uint32_t size);

@@ -21,13 +21,23 @@ bool is_event_bound(mora_event event) {
   return false;
 }
 
+void mora_enter_callback() {
+  // More than once on one thread: an event comes within another's callback, such as the flush that its code makes necessary.
+  // The lock prefers readers, so that a fork that waits does not come between.
+  pthread_rwlock_rdlock(&engine.callbacks_lock);
+}
+
+void mora_leave_callback() { pthread_rwlock_unlock(&engine.callbacks_lock); }
+
 void mora_deliver_event(mora_context* ctx) {
+  mora_enter_callback();
   for (std::uint32_t plugin = 0; plugin < registered_plugins(); ++plugin) {
     const std::uint64_t callback = engine.plugins[plugin][ctx->event];
     if (callback == 0) continue;
     ctx->plugin_id = plugin;
     reinterpret_cast<mora_callback>(callback)(ctx);
   }
+  mora_leave_callback();
 }
 
 void tell_plugins(thread_data* thread, mora_event event) {

@@ -79,15 +79,18 @@ bool scan_for_plugins(thread_data* thread, mora_event event, const std::uint32_t
                       std::uint32_t** write, std::uint32_t** limit, std::int32_t bb_id, std::uint32_t fragment_type,
                       bool allow_code, bool* stop, const std::uint32_t* end_address) {
   const scan_place place = {thread, bb_id, fragment_type, write, limit, stop};
+  mora_enter_callback();
   if (event == MORA_PRE_BB) put_function_entry(place, *read_address);
   if (event == MORA_PRE_INST) put_function_return(place, *read_address);
-  if (!is_event_bound(event)) return false;
-
-  mora_context ctx = context_at(place, event, *read_address, inst);
-  ctx.code_allowed = allow_code;
-  if (event == MORA_POST_BB) ctx.end_address = end_address;
-  const bool taken = call_plugins(ctx, place);
-  *read_address = ctx.read_address;
+  bool taken = false;
+  if (is_event_bound(event)) {
+    mora_context ctx = context_at(place, event, *read_address, inst);
+    ctx.code_allowed = allow_code;
+    if (event == MORA_POST_BB) ctx.end_address = end_address;
+    taken = call_plugins(ctx, place);
+    *read_address = ctx.read_address;
+  }
+  mora_leave_callback();
   return taken;
 }
 

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 
+#include "a64/classifier_rows.h"
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/dispatcher.h"
@@ -21,7 +22,6 @@ struct scan_state {
   thread_data* thread;
   std::int32_t bb_id;
   fragment_type type;
-  const std::uint32_t* first_read;
   const std::uint32_t* read;      // The source word being read.
   const std::uint32_t* bb_start;  // Start of the block as callbacks know it; moves past each SVC.
   std::uint32_t* write;
@@ -265,14 +265,7 @@ void rewrite_literal_load(scan_state& state) {
     a64_ldr_str_unsigned(state.write++, sizes[opc], 0, operations[opc], 0, reg, reg);
     return;
   }
-  if (is_vector != 0 && opc == 3) {
-    // Behind a system call that does not return stands anything, data included: a fault only if it is to be executed.
-    if (state.read != state.first_read) {
-      end_before_this_word(state);
-      return;
-    }
-    log(LEVEL_FATAL, "unallocated encoding");
-  }
+  if (is_vector != 0 && opc == 3) log(LEVEL_FATAL, "unallocated encoding");
   push_register(&state.write, x0);
   a64_load_const(&state.write, x0, target);
   if (is_vector == 0) {
@@ -301,17 +294,53 @@ void rewrite_address(scan_state& state) {
   a64_load_const(&state.write, reg, value);
 }
 
-void rewrite_unknown(scan_state& state) {
-  if (state.read == state.first_read) {
-    log(LEVEL_DEBUG, "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s", A64_NOT_RECOGNISED, *state.read,
-        static_cast<const void*>(state.read), "not classified");
-    log(LEVEL_DEBUG, "Copying it unmodified, but future problems are possible");
-    put(&state.write, *state.read);
-    return;
-  }
+// For the log. Row by row: the classifier's index lies on the heap, which a fork's child does not touch.
+const char* mnemonic_of(std::uint32_t word) {
+  const classifier_row* row = find_classifier_row_linearly(word);
+  return row != nullptr ? mnemonic_names[row->mnemonic_id] : "unknown";
+}
+
+// MOVPRFX, which makes one instruction with the word behind it.
+bool is_prefix(std::uint32_t word) {
+  const bool unpredicated = (word & 0xfffffc00) == 0x0420bc00;  // movprfx Zd, Zn
+  const bool predicated = (word & 0xff3ee000) == 0x04102000;    // movprfx Zd.T, Pg/M, Zn.T and Pg/Z
+  return unpredicated || predicated;
+}
+
+// Words that a block begins with or ends before: those that the decoder does not know, and the one that is fatal. Behind a
+// system call that does not return stands anything, data included: it is fatal only if it is to be executed.
+bool begins_its_own_block(const std::uint32_t* word) {
+  const int inst = a64_decode(word);
+  if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED;
+  std::uint32_t opc = 0;
+  std::uint32_t is_vector = 0;
+  std::uint32_t imm19 = 0;
+  std::uint32_t reg = 0;
+  a64_ldr_literal_decode(word, &opc, &is_vector, &imm19, &reg);
+  return is_vector != 0 && opc == 3;
+}
+
+void leave_to_its_own_block(scan_state& state) {
   end_before_this_word(state);
+  if (log_state::engine_log_level < LEVEL_TRACE) return;
   log(LEVEL_TRACE, "deferred scanning because of unknown instruction at: %p, type: %s",
-      static_cast<const void*>(state.read), "not classified");
+      static_cast<const void*>(state.read), mnemonic_of(*state.read));
+}
+
+// The fragment's first word.
+void rewrite_unknown(scan_state& state) {
+  if (log_state::engine_log_level >= LEVEL_DEBUG) {
+    log(LEVEL_DEBUG, "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s", A64_NOT_RECOGNISED, *state.read,
+        static_cast<const void*>(state.read), mnemonic_of(*state.read));
+    log(LEVEL_DEBUG, "Copying it unmodified, but future problems are possible");
+  }
+  put(&state.write, *state.read);
+  // What the pair does is only defined if nothing comes between the two, no end of a block and no code of a plug-in's, though
+  // an emulator may not mind. The second word is copied with the first, unseen by events for single instructions.
+  if (is_prefix(*state.read) && !begins_unreadable_page(state.read + 1) &&
+      a64_decode(state.read + 1) == A64_NOT_RECOGNISED) {
+    put(&state.write, *++state.read);
+  }
 }
 
 // The application has gone where it may not: it gets its fault, by a load from that place in its name.
@@ -343,7 +372,7 @@ void rewrite(scan_state& state, int inst) {
 // Whether the fragment ends in a direct branch and so can become the head of a trace. SVC is walked past.
 bool ends_in_direct_branch(const std::uint32_t* read) {
   for (;; ++read) {
-    if (begins_unreadable_page(read)) return false;
+    if (begins_unreadable_page(read) || begins_its_own_block(read)) return false;
     switch (a64_decode(read)) {
       case A64_CBZ:
       case A64_B_COND:
@@ -351,8 +380,7 @@ bool ends_in_direct_branch(const std::uint32_t* read) {
       case A64_B: return true;
       case A64_BR:
       case A64_BLR:
-      case A64_RET:
-      case A64_NOT_RECOGNISED: return false;
+      case A64_RET: return false;
       default: break;
     }
   }
@@ -385,9 +413,7 @@ void scan_word(scan_state& state) {
   if (!state.stop) a64_reserve_block_space(state.thread, &state.write, &state.limit, EXIT_SPACE);
   a64_scanner_deliver_callbacks(state.thread, MORA_POST_INST, &state.read, inst, &state.write, &state.limit, state.bb_id,
                                 state.type, !state.stop, &state.stop, nullptr);
-  // A word that was left to a block of its own is not part of this one: whoever counts by blocks would count it twice.
-  const bool left_to_the_next = !replaced && inst == A64_NOT_RECOGNISED && state.read != state.first_read;
-  if (!left_to_the_next) ++state.read;
+  ++state.read;
 }
 
 }  // namespace
@@ -421,7 +447,7 @@ std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, s
     write = reinterpret_cast<std::uint32_t*>(thread->code_cache + std::size_t{BB_SIZE} * static_cast<std::size_t>(bb_id));
   }
   std::uint32_t* const start = write;
-  scan_state state = {thread, bb_id, type, read_address, read_address, read_address, write, cache_end, false};
+  scan_state state = {thread, bb_id, type, read_address, read_address, write, cache_end, false};
   if (type == FRAGMENT_BLOCK) {
     state.limit = write + BB_SIZE / sizeof(std::uint32_t);
   } else {
@@ -447,9 +473,8 @@ std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, s
   while (!state.stop) {
     if (state.read != read_address && begins_unreadable_page(state.read)) {
       end_before_this_word(state);
-    } else if (state.read != read_address && a64_decode(state.read) == A64_NOT_RECOGNISED) {
-      // Before its events: the word belongs to the block that it begins, which alone plug-ins are told of it in.
-      rewrite_unknown(state);
+    } else if (state.read != read_address && begins_its_own_block(state.read)) {
+      leave_to_its_own_block(state);  // Before its events: plug-ins are told of it in the block that it begins.
     } else {
       scan_word(state);
     }

@@ -21,6 +21,7 @@
 #include "bi/call_mask.h"
 #include "bi/plugin_delivery.h"
 #include "bi/signals.h"
+#include "bi/standard_files.h"
 #include "bi/stubs.h"
 #include "bi/threads.h"
 #include "bi/vm_ops.h"
@@ -174,8 +175,7 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
                            std::int64_t* result) {
   switch (number) {
     case SYS_close:
-      // The three standard descriptors are the tool's as well.
-      if (args[0] > 2) return call_action::MAKE;
+      if (!note_close(args[0])) return call_action::MAKE;
       *result = 0;
       return call_action::HANDLED;
     case SYS_readlinkat:
@@ -328,6 +328,7 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
   }
   restore_call_mask(thread, args, 1);
   leave_syscall(thread);
+  args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
   std::uint64_t result = args[0];
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
 }

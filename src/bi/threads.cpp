@@ -74,6 +74,7 @@ void lock_all() {
   pthread_mutex_lock(&engine.thread_list_lock);
   pthread_mutex_lock(&engine.signal_handlers_lock);
   pthread_mutex_lock(&engine.brk_lock);
+  pthread_rwlock_wrlock(&engine.callbacks_lock);
   pthread_mutex_lock(&engine.function_watch_lock);
   pthread_mutex_lock(&engine.exec_ranges.lock);
   pthread_mutex_lock(&engine.protected_ranges.lock);
@@ -83,6 +84,7 @@ void unlock_all() {
   pthread_mutex_unlock(&engine.protected_ranges.lock);
   pthread_mutex_unlock(&engine.exec_ranges.lock);
   pthread_mutex_unlock(&engine.function_watch_lock);
+  pthread_rwlock_unlock(&engine.callbacks_lock);
   pthread_mutex_unlock(&engine.brk_lock);
   pthread_mutex_unlock(&engine.signal_handlers_lock);
   pthread_mutex_unlock(&engine.thread_list_lock);
@@ -92,6 +94,7 @@ void init_all_locks() {
   pthread_mutex_init(&engine.thread_list_lock, nullptr);
   pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
   pthread_mutex_init(&engine.brk_lock, nullptr);
+  pthread_rwlock_init(&engine.callbacks_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
   pthread_mutex_init(&engine.protected_ranges.lock, nullptr);
@@ -137,7 +140,9 @@ int create_pthread(thread_data* child) {
   pthread_attr_setstacksize(&attributes, THREAD_STACK_SIZE);
   pthread_attr_setguardsize(&attributes, THREAD_GUARD_SIZE);
   pthread_t handle{};
+  mora_enter_callback();  // It uses the heap, and a fork's child must not find that locked.
   const int error = pthread_create(&handle, &attributes, thread_start_stub, child);
+  mora_leave_callback();
   pthread_attr_destroy(&attributes);
   return error;
 }
@@ -292,9 +297,13 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   thread->saved_signal_mask = block_all_signals();
   // Nothing of the engine is half changed in the copy while its locks are held. Not for a vfork: the parent sleeps until
   // the child has gone, and its other threads may have to go on for the child to go. Such a child runs a few system calls
-  // only before it becomes another program.
+  // only before it becomes another program. Plug-ins are told of it all the same, and of its code, so that theirs is the one
+  // lock that is held then: a thread of the parent's that comes to new code waits until the child has gone.
   thread->clone_holds_locks = (flags & CLONE_VFORK) == 0 ? 1 : 0;
-  if (thread->clone_holds_locks == 0) return;
+  if (thread->clone_holds_locks == 0) {
+    if (engine.plugin_count != 0) pthread_rwlock_wrlock(&engine.callbacks_lock);
+    return;
+  }
   lock_all();
   if (!is_ending()) return;
   // Natively no child would come to be any more.
@@ -309,6 +318,8 @@ void finish_fork(thread_data* thread, std::int64_t result) {
     reinit_after_fork(thread);
   } else if (thread->clone_holds_locks != 0) {
     unlock_all();
+  } else if (engine.plugin_count != 0) {
+    pthread_rwlock_unlock(&engine.callbacks_lock);
   }
   restore_signal_mask(thread->saved_signal_mask);
 }

@@ -73,8 +73,17 @@ void emit_count_if_enabled(mora_context* ctx, const bb_record& record, const bin
   mora_emit_str(ctx, x20, x21);
 }
 
-void start_roofline(const char* name, bintracer_thread* thread) { tracer().pre_start_roofline_handler(name, *thread); }
-void stop_roofline(const char* name, bintracer_thread* thread) { tracer().pre_stop_roofline_handler(name, *thread); }
+void start_roofline(const char* name, bintracer_thread* thread) {
+  mora_enter_callback();
+  tracer().pre_start_roofline_handler(name, *thread);
+  mora_leave_callback();
+}
+
+void stop_roofline(const char* name, bintracer_thread* thread) {
+  mora_enter_callback();
+  tracer().pre_stop_roofline_handler(name, *thread);
+  mora_leave_callback();
+}
 
 // A call of `handler` with the application's first argument and this thread's data. The block belongs to the one thread, so
 // that the data's address is a constant in it.

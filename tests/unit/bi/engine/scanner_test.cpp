@@ -29,6 +29,9 @@ SOURCE(literals);
 SOURCE(literal_unallocated);
 SOURCE(unknown_first);
 SOURCE(unknown_second);
+SOURCE(prefixed);
+SOURCE(prefix_predicated);
+SOURCE(prefix_alone);
 SOURCE(call_then_branch);
 SOURCE(call_then_return);
 SOURCE(reads_thread_pointer);
@@ -218,6 +221,19 @@ TEST_F(scanned, an_unknown_word_in_any_other_position_ends_the_block_before_it_a
   const std::uint64_t found = dispatched(unknown, id);
   const word_list link = written(at + 1, [found](std::uint32_t** write) { a64_branch((*write)++, found + 4); });
   expect_words(at + 1, joined({link, {PUSH_X0_X1}}));
+}
+
+TEST_F(scanned, a_prefix_and_the_word_it_belongs_to_stay_together) {
+  expect_words(body(prefixed, false), words(prefixed, 2));
+  EXPECT_EQ(meta(id).exit_kind, EXIT_REGISTER);
+  const std::uint32_t* at = body(prefix_predicated, false);
+  expect_words(at, words(prefix_predicated, 2));
+  EXPECT_EQ(meta(id).taken_source_addr, address_of(prefix_predicated + 2));  // The next word of its kind begins a block.
+}
+
+TEST_F(scanned, a_prefix_in_front_of_a_word_that_is_rewritten_is_a_word_like_any_other) {
+  EXPECT_EQ(*body(prefix_alone, false), *prefix_alone);
+  EXPECT_EQ(meta(id).exit_kind, EXIT_REGISTER);
 }
 
 TEST_F(scanned, a_system_call_stays_within_its_block_whose_end_decides_on_the_counter) {

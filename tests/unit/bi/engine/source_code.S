@@ -98,6 +98,19 @@ source  unknown_second
         .inst   0x00000000
         ret
 
+source  prefixed
+        .inst   0x0420bc20              // movprfx z0, z1
+        .inst   0x04000080              // add z0.b, p0/m, z0.b, z4.b
+        ret
+source  prefix_predicated
+        .inst   0x04912020              // movprfx z0.s, p0/m, z1.s
+        .inst   0x04800080              // add z0.s, p0/m, z0.s, z4.s
+        .inst   0x04800080
+        ret
+source  prefix_alone
+        .inst   0x0420bc20
+        ret
+
 source  call_then_branch
         svc     #0
         b       one_ret

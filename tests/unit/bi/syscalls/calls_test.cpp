@@ -1,12 +1,16 @@
 // The way of a system call past the engine: what is made, what is handled, and how the thread's status tells.
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
+#include "bi/standard_files.h"
 #include "bi/stubs.h"
 #include "fake_engine.h"
 
@@ -56,6 +60,95 @@ TEST_F(syscall_handlers, the_standard_descriptors_stay_open) {
   for (std::uint64_t fd = 0; fd < 3; ++fd) EXPECT_EQ(handled(SYS_close, {fd}), 0);
   for (int fd = 0; fd < 3; ++fd) EXPECT_NE(dup2(fd, 200), -1) << fd;
   close(200);
+}
+
+// What the application gets for a call that was made with this result.
+class closed_descriptors : public syscalls_test {
+ protected:
+  std::int64_t made(std::uint64_t number, const std::vector<std::uint64_t>& values, std::int64_t result) {
+    expect_made(number, values);
+    args[0] = static_cast<std::uint64_t>(result);
+    syscall_handler_post(number, args, next_inst, thread);
+    return static_cast<std::int64_t>(args[0]);
+  }
+  // A pipe's end that can be told from anything else by its number of bytes to read.
+  static int new_pipe_end() {
+    int ends[2] = {-1, -1};
+    if (pipe(ends) != 0 || write(ends[1], "12345", 5) != 5) std::abort();
+    return ends[0];
+  }
+  static bool is_pipe_end(int fd) {
+    int bytes = 0;
+    return ioctl(fd, FIONREAD, &bytes) == 0 && bytes == 5;
+  }
+  void forget_closed_numbers() {
+    for (std::int64_t fd = 0; fd < 3; ++fd) settle_descriptor(SYS_dup3, args, fd);
+  }
+  void SetUp() override { forget_closed_numbers(); }
+  void TearDown() override {
+    forget_closed_numbers();
+    if (saved_input >= 0) dup2(saved_input, STDIN_FILENO);
+    close(saved_input);
+  }
+  int saved_input = dup(STDIN_FILENO);
+};
+
+TEST_F(closed_descriptors, a_duplicate_takes_the_number_that_was_closed) {
+  handled(SYS_close, {0});
+  const int copy = new_pipe_end();
+  EXPECT_EQ(made(SYS_dup, {static_cast<std::uint64_t>(copy)}, copy), 0);
+  EXPECT_TRUE(is_pipe_end(0));
+  EXPECT_EQ(fcntl(copy, F_GETFD), -1);  // It has moved.
+}
+
+TEST_F(closed_descriptors, a_number_is_taken_once) {
+  handled(SYS_close, {0});
+  const int first = new_pipe_end();
+  const int second = new_pipe_end();
+  EXPECT_EQ(made(SYS_dup, {static_cast<std::uint64_t>(first)}, first), 0);
+  EXPECT_EQ(made(SYS_dup, {static_cast<std::uint64_t>(second)}, second), second);
+  close(second);
+}
+
+TEST_F(closed_descriptors, a_new_file_takes_the_place_of_standard_input_alone) {
+  handled(SYS_close, {1});
+  const int file = new_pipe_end();
+  EXPECT_EQ(made(SYS_openat, {}, file), file);
+  handled(SYS_close, {0});
+  EXPECT_EQ(made(SYS_openat, {}, file), 0);
+  EXPECT_TRUE(is_pipe_end(0));
+}
+
+TEST_F(closed_descriptors, a_duplicate_from_a_number_upwards_takes_none_below_it) {
+  handled(SYS_close, {0});
+  const int copy = new_pipe_end();
+  EXPECT_EQ(made(SYS_fcntl, {0, F_DUPFD, 1}, copy), copy);
+  EXPECT_EQ(made(SYS_fcntl, {0, F_GETFD, 0}, copy), copy);
+  EXPECT_EQ(made(SYS_fcntl, {0, F_DUPFD, 0}, copy), 0);
+}
+
+TEST_F(closed_descriptors, a_descriptor_that_is_closed_on_exec_stays_so) {
+  handled(SYS_close, {0});
+  const int copy = new_pipe_end();
+  fcntl(copy, F_SETFD, FD_CLOEXEC);
+  EXPECT_EQ(made(SYS_fcntl, {0, F_DUPFD_CLOEXEC, 0}, copy), 0);
+  EXPECT_EQ(fcntl(0, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(closed_descriptors, a_failed_call_and_one_that_makes_no_descriptor_take_none) {
+  handled(SYS_close, {0});
+  EXPECT_EQ(made(SYS_dup, {}, -EMFILE), -EMFILE);
+  EXPECT_EQ(made(SYS_getpid, {}, 4711), 4711);
+  const int copy = new_pipe_end();
+  EXPECT_EQ(made(SYS_dup, {}, copy), 0);
+}
+
+TEST_F(closed_descriptors, a_number_that_was_given_by_name_is_not_given_again) {
+  handled(SYS_close, {0});
+  EXPECT_EQ(made(SYS_dup3, {}, 0), 0);
+  const int copy = new_pipe_end();
+  EXPECT_EQ(made(SYS_dup, {}, copy), copy);
+  close(copy);
 }
 
 TEST_F(syscall_handlers, every_other_descriptor_is_closed) {

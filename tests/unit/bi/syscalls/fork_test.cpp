@@ -5,10 +5,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 
+#include "bi/plugin.h"
 #include "bi/stubs.h"
 #include "fake_engine.h"
 
@@ -127,6 +132,47 @@ TEST_F(fork_like_clone, no_lock_is_held_while_the_parent_of_a_vfork_sleeps) {
   args[0] = 12345;
   syscall_handler_post(SYS_clone, args, next_inst, thread);
   EXPECT_TRUE(all_locks_are_free());
+}
+
+TEST_F(fork_like_clone, callbacks_of_plug_ins_wait_until_the_child_is_made) {
+  engine.plugin_count = 1;
+  expect_made(SYS_clone, {SIGCHLD});
+  EXPECT_EQ(pthread_rwlock_tryrdlock(&engine.callbacks_lock), EBUSY);
+  args[0] = 12345;
+  syscall_handler_post(SYS_clone, args, next_inst, thread);
+  EXPECT_EQ(pthread_rwlock_tryrdlock(&engine.callbacks_lock), 0);
+  pthread_rwlock_unlock(&engine.callbacks_lock);
+}
+
+TEST_F(fork_like_clone, callbacks_of_plug_ins_wait_until_a_vfork_child_has_gone) {
+  engine.plugin_count = 1;
+  expect_made(SYS_clone, {CLONE_VM | CLONE_VFORK | SIGCHLD});
+  EXPECT_TRUE(all_locks_are_free());
+  EXPECT_EQ(pthread_rwlock_tryrdlock(&engine.callbacks_lock), EBUSY);
+  args[0] = 12345;
+  syscall_handler_post(SYS_clone, args, next_inst, thread);
+  EXPECT_EQ(pthread_rwlock_tryrdlock(&engine.callbacks_lock), 0);
+  pthread_rwlock_unlock(&engine.callbacks_lock);
+}
+
+TEST_F(fork_like_clone, a_fork_waits_for_a_callback_that_runs) {
+  engine.plugin_count = 1;
+  mora_enter_callback();
+  mora_enter_callback();
+  std::atomic<bool> made{false};
+  std::thread forker([&] {
+    current_thread = thread;
+    expect_made(SYS_clone, {SIGCHLD});
+    made = true;
+    args[0] = 12345;
+    syscall_handler_post(SYS_clone, args, next_inst, thread);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(made);  // A forker that does not wait shows here, if it is quick; that it goes on shows below.
+  mora_leave_callback();
+  mora_leave_callback();
+  forker.join();
+  EXPECT_TRUE(made);
 }
 
 TEST_F(fork_like_clone, no_child_is_made_once_the_process_ends) {
