@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """What the engine costs, counted in instructions by a plug-in of the user-mode emulator (tests/emulator_plugin).
 
-engine_cost.py [--build DIR] [--list FILE] [--root DIR] [--hot N] [--json FILE] [PATTERN]
+engine_cost.py [--tracer] [--build DIR] [--list FILE] [--root DIR] [--hot N] [--json FILE] [PATTERN]
 
 Runs each program of a list natively and under the bare engine, and prints what they executed:
 
@@ -17,8 +17,9 @@ Runs each program of a list natively and under the bare engine, and prints what 
               work per block only of programs that make few
 
 The same run gives the same figures, to a few instructions in a million (addresses and process ids differ), whatever else
-the machine does. Times are nobody's business here. --hot prints the N
-functions that most engine instructions were spent in. --json writes the figures as a list of objects.
+the machine does. Times are nobody's business here. --tracer runs the tool itself in place of the bare engine, in its bintracer
+phase over the whole application: what the tracer adds is the difference of the two, its counters in "cache" and all
+else, the result file included, in "engine". --hot prints the N functions that most engine instructions were spent in. --json writes the figures as a list of objects.
 PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or status is not that of the native
 run, or a count cannot be right.
 """
@@ -59,10 +60,11 @@ class Counter:
 
     def __init__(self, arguments):
         self.plugin = os.path.join(arguments.build, "tests", "emulator_plugin", "instruction_counts.so")
-        self.engine = os.path.join(arguments.build, "tests", "programs", "mora_run")
+        self.engine = os.path.join(arguments.build, *(["ceilmeter"] if arguments.tracer else ["tests", "programs", "mora_run"]))
+        self.traces = arguments.tracer
         for path in (self.plugin, self.engine):
             if not os.path.exists(path):
-                raise CountError(f"{path} is not there: build the targets instruction_counts and mora_run")
+                raise CountError(f"{path} is not there: build the targets instruction_counts, mora_run and ceilmeter")
         self.nm = arguments.nm
         self.emulator = arguments.emulator
         self.root = arguments.root
@@ -87,6 +89,8 @@ class Counter:
             command += ["-L", self.root]
         if under_engine:
             command.append(self.engine)
+            if self.traces:
+                command += ["--phase=bintracer", f"--output={os.path.join(scratch, 'result.json')}"]
         # What is in the environment is the program's too: no names that differ from run to run. Python neither finds
         # nor leaves compiled modules.
         environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "PYTHONHASHSEED": "0", "PYTHONDONTWRITEBYTECODE": "1",
@@ -103,7 +107,9 @@ class Counter:
                 counts = {" ".join(words.split()[:-1]): int(words.split()[-1]) for words in file}
         except OSError as error:
             raise CountError(f"the {side} run left no counts ({error}); it said: {done.stderr[-600:]!r}") from error
-        return done.returncode, done.stdout, counts, addresses
+        # The tool's own lines are not the program's.
+        own = (line for line in done.stdout.splitlines(keepends=True) if not line.startswith(b"CEILMETER: "))
+        return done.returncode, b"".join(own), counts, addresses
 
     def at(self, summary, name):
         return summary[f"at {self.places[name]:#x}"]
@@ -211,6 +217,7 @@ def print_row(row):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("pattern", nargs="?", default=".")
+    parser.add_argument("--tracer", action="store_true")
     parser.add_argument("--build", default=os.path.join(TOP, "build", "release"))
     parser.add_argument("--list", default=os.path.join(HERE, "engine_cost.txt"))
     parser.add_argument("--root", help="an unpacked userland (default: the virtual machine's, if it is there)")

@@ -80,6 +80,15 @@ class EngineCost(unittest.TestCase):
     def test_a_new_block_costs_the_engine_at_most_6000_instructions(self):
         self.assertLessEqual(self.rows["new_blocks"]["per_block"], 6000)
 
+    def test_the_tracer_adds_at_most_12_instructions_to_each_run_of_a_block(self):
+        listing = "\n".join(f"straight_{rounds}: $RUN $PROGRAMS/engine_loops straight {rounds}" for rounds in (1000, 2000))
+        status, _, messages, traced = run(listing, "--tracer")
+        self.assertEqual((status, messages), (0, ""))
+        more = traced["straight_2000"]["cache"] - traced["straight_1000"]["cache"]
+        bare = self.rows["straight_2000"]["cache"] - self.rows["straight_1000"]["cache"]
+        self.assertGreaterEqual((more - bare) / 1000, 4)  # It counts: a load, an addition, a store and the address.
+        self.assertLess((more - bare) / 1000, 12.5)  # The printing of another number differs a little.
+
     def test_a_program_that_behaves_otherwise_under_the_engine_fails(self):
         status, table, messages, rows = run('bad: $RUN $PROGRAMS/engine_loops straight 10; echo "$RUN"\n')
         self.assertEqual((status, rows), (1, {}))

@@ -78,12 +78,15 @@ static_assert(MORA_CALLBACK_SPACE <= EXIT_SPACE);
 bool scan_for_plugins(thread_data* thread, mora_event event, const std::uint32_t** read_address, std::int32_t inst,
                       std::uint32_t** write, std::uint32_t** limit, std::int32_t bb_id, std::uint32_t fragment_type,
                       bool allow_code, bool* stop, const std::uint32_t* end_address) {
+  const bool is_bound = is_event_bound(event);
+  const bool may_be_watched = event == MORA_PRE_BB || (event == MORA_PRE_INST && thread->return_watch.count != 0);
+  if (!is_bound && !may_be_watched) return false;  // As at most instructions: not worth a lock.
   const scan_place place = {thread, bb_id, fragment_type, write, limit, stop};
   mora_enter_callback();
   if (event == MORA_PRE_BB) put_function_entry(place, *read_address);
   if (event == MORA_PRE_INST) put_function_return(place, *read_address);
   bool taken = false;
-  if (is_event_bound(event)) {
+  if (is_bound) {
     mora_context ctx = context_at(place, event, *read_address, inst);
     ctx.code_allowed = allow_code;
     if (event == MORA_POST_BB) ctx.end_address = end_address;
