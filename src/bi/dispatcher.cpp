@@ -57,14 +57,6 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
   clear_instruction_cache(meta.exit_code_addr, write);
 }
 
-// Whether the pool has the two records that one call may need. A link without a record could not be led elsewhere later,
-// and there can be twice as many links as blocks, which is more than the pool holds: a flush gives all of them back.
-bool has_links_to_spare(linked_pool* pool) {
-  // Records are handed out in the order of their addresses, and none is ever given back alone.
-  const linked_record* last = linked_pool_records(pool) + pool->capacity - 1;
-  return pool->free_head != nullptr && pool->free_head != last;
-}
-
 std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
   if (log_state::engine_log_level < LEVEL_TRACE) return lookup_or_scan(thread, target);
   std::int32_t cached = 0;
@@ -91,7 +83,7 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
   log(LEVEL_TRACE, "reached the dispatcher, target: 0x%lx, ret: %p, src: %d thr: %p", target,
       static_cast<void*>(next_addr), source_index, static_cast<void*>(thread));
   thread->flush_seen = 0;
-  if (!has_links_to_spare(thread->cc_link_pool)) flush_code_cache(thread);
+  if (!has_links_to_spare(thread->cc_link_pool, 2)) flush_code_cache(thread);  // One call may need two.
   const std::uint64_t found = find_block(thread, target, source_index);
   *next_addr = found;
   if (source_index == 0 || thread->flush_seen != 0) return;
@@ -110,6 +102,12 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
       break;
     default: break;  // A register branch looks its target up by itself each time.
   }
+}
+
+bool has_links_to_spare(linked_pool* pool, std::uint32_t count) {
+  // Records are handed out in the order of their addresses, and none is ever given back alone.
+  const linked_record* end = linked_pool_records(pool) + pool->capacity;
+  return pool->free_head != nullptr && end - pool->free_head >= static_cast<std::ptrdiff_t>(count);
 }
 
 void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t to) {

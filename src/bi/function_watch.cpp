@@ -128,7 +128,9 @@ void put_function_entry(const scan_place& place, const std::uint32_t* read_addre
   entry.entry_begin = address_of(*place.write);
   put_entry_code(place.thread, place.write, watch);
   entry.entry_end = address_of(*place.write);
-  store(value, entry);
+  // A trace's copy is not noted: a trace that is never finished leaves its place to another one, and the branch that
+  // skip_entry_code writes would be in that one's code.
+  if (place.fragment_type == FRAGMENT_BLOCK) store(value, entry);
   a64_reserve_block_space(place.thread, place.write, place.limit, EXIT_SPACE);
 }
 

@@ -81,6 +81,8 @@ void start_without_fragments(thread_data* thread) {
   thread->trace_write_cursor = thread->code_cache + BB_AREA_SIZE;
   thread->trace_id = BB_COUNT;
   thread->active_trace.id = BB_COUNT;
+  // A trace under construction is given up: its exits lead to blocks that are forgotten.
+  thread->active_trace.active = 0;
   deliver_flush();
 }
 
@@ -352,6 +354,12 @@ std::int32_t addr_to_fragment_id(const thread_data* thread, std::uint64_t addres
     }
   }
   return -1;
+}
+
+std::int32_t exit_owner(const thread_data* thread, std::uint64_t pc) {
+  std::int32_t id = addr_to_fragment_id(thread, pc);
+  while (id > 0 && id < BB_COUNT && thread->metas[id].parent_block != 0) id = thread->metas[id].parent_block;
+  return id;
 }
 
 void record_cc_link(thread_data* thread, std::uint64_t from, std::uint64_t to) {

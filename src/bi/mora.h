@@ -31,11 +31,16 @@ inline constexpr std::size_t RETURN_STACK_SIZE = 32768;
 inline constexpr std::size_t MAX_PLUGINS = 10;
 inline constexpr std::size_t PLUGIN_SLOTS = 20;
 inline constexpr std::size_t MAX_TRACE_EXITS = 21;
+inline constexpr std::int32_t MAX_TRACE_FRAGMENTS = 21;
+inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;       // Where in the cache no trace begins any more.
+inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;     // Nor with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
 inline constexpr int SIGNAL_COUNT = 65;  // Signal numbers from 1; 0 is unused.
 
 static_assert(BB_AREA_SIZE == std::size_t{BB_COUNT} * BB_SIZE);
 static_assert(CODE_CACHE_SIZE - BB_AREA_SIZE == 2697216, "the trace area is the rest of the code cache");
+static_assert(TRACE_ID_HIGH_WATER + 2 * MAX_TRACE_FRAGMENTS <= BB_META_COUNT, "each fragment may need a trampoline");
+static_assert(MAX_TRACE_FRAGMENTS <= static_cast<std::int32_t>(MAX_TRACE_EXITS), "a fragment leaves by one exit");
 static_assert(CODE_CACHE_SIZE <= 128 * 1024 * 1024, "a B reaches any place of the cache from any other");
 
 enum bb_exit_kind : std::uint32_t {
@@ -146,6 +151,9 @@ struct thread_data {
   std::uint64_t call_mask_pair[2];     // Address and size of it, for calls that want both.
   std::uint64_t call_mask_original;    // The application's argument.
   std::uint32_t call_mask_argument;    // Its number, counted from 1; 0: none has been replaced.
+  // Of the trace fragment that is being scanned: where it begins, and whether it has outgrown the trace area.
+  std::uint32_t* trace_fragment_start;
+  std::uint32_t trace_fragment_overflow;
 };
 
 // Process-wide state, each part under the lock that is named with it.
@@ -218,6 +226,10 @@ std::int32_t cc_addr_to_bb_id(const thread_data* thread, std::uint64_t address);
 
 // The fragment that a cache address belongs to; a continued block belongs to the one that it continues. -1: none.
 std::int32_t addr_to_fragment_id(const thread_data* thread, std::uint64_t address);
+
+// The fragment whose record describes the exit of the code at `pc`. A block that was continued more than once is found
+// step by step: only the first one's record has the exit. -1: none.
+std::int32_t exit_owner(const thread_data* thread, std::uint64_t pc);
 
 // Notes that the branch at `from` goes to `to`, for whoever has to lead it elsewhere later.
 void record_cc_link(thread_data* thread, std::uint64_t from, std::uint64_t to);

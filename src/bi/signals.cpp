@@ -102,14 +102,6 @@ bool is_before_syscall(const thread_data* thread, std::uint64_t pc) {
          std::atomic_ref(const_cast<thread_data*>(thread)->status).load(std::memory_order_relaxed) == THREAD_IN_SYSCALL;
 }
 
-// The fragment whose record describes the exit of the code at `pc`. A block that was continued more than once is found
-// step by step: only the first one's record has the exit.
-std::int32_t exit_owner(const thread_data* thread, std::uint64_t pc) {
-  std::int32_t id = addr_to_fragment_id(thread, pc);
-  while (id > 0 && id < BB_COUNT && thread->metas[id].parent_block != 0) id = thread->metas[id].parent_block;
-  return id;
-}
-
 bool eval_cond(std::uint64_t pstate, std::uint32_t cond) {
   if (cond >= CONDITION_ALWAYS) return true;
   const bool n = (pstate >> 31 & 1) != 0;
@@ -144,13 +136,18 @@ bool eval_tbz(const mcontext_t& context, const bb_meta& meta) {
   return ((register_value(context, meta.rn & 0x1f) & mask) == 0) != (meta.exit_condition != 0);
 }
 
-// How many bytes of a direct exit a trap replaces: those that a link may have made a way out.
+// How many bytes of a direct exit a trap replaces: those that a link may have made a way out. In the middle of a trace that
+// is the one branch that leaves it: the word behind it is the next fragment's, and may be the first of that one's exit,
+// with a trap of its own. Only the last fragment of a trace has a second way out, its closing branch.
 std::uint32_t get_direct_branch_exit_trap_sz(const bb_meta& meta, std::int32_t fragment_id) {
+  const bool both = (meta.link_state & LINK_BOTH) != 0;
   switch (meta.exit_kind) {
     case EXIT_DIRECT: return 4;
     case EXIT_B_COND:
     case EXIT_CBZ:
-    case EXIT_TBZ: return fragment_id < BB_COUNT && (meta.link_state & LINK_BOTH) != 0 ? 12 : 8;
+    case EXIT_TBZ:
+      if (fragment_id >= BB_COUNT) return both ? 8 : 4;
+      return both ? 12 : 8;
     default: log(LEVEL_FATAL, "unknown branch type: %d", static_cast<int>(meta.exit_kind)); return 0;
   }
 }
@@ -396,13 +393,16 @@ void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::ui
 
 void trap_fragment_exit(thread_data* thread, std::int32_t fragment_id, std::uint64_t pc) {
   std::int32_t id = fragment_id;
-  // In a trace the fragment may lie before the trace's real exit.
-  while (thread->metas[id].exit_kind == EXIT_DIRECT) {
-    if (thread->metas[id].link_state == LINK_BOTH || id < BB_COUNT || id + 1 >= thread->active_trace.id) break;
-    ++id;
-  }
-  if (thread->metas[id].exit_kind == EXIT_TRACE) {
-    id = addr_to_fragment_id(thread, thread->metas[id].taken_source_addr);
+  for (;;) {
+    // In a trace the fragment may lie before the trace's real exit: those that ended in a direct branch just go on.
+    while (id >= BB_COUNT && thread->metas[id].exit_kind == EXIT_DIRECT &&
+           (thread->metas[id].link_state & LINK_BOTH) == 0 && id + 1 < thread->active_trace.id) {
+      ++id;
+    }
+    if (thread->metas[id].exit_kind != EXIT_TRACE) break;
+    // From the trampoline the thread goes on into a fragment, which may be one of another trace.
+    id = exit_owner(thread, thread->metas[id].taken_source_addr);
+    if (id < 0) return;
     pc = thread->metas[id].cache_entry;
   }
   bb_meta& meta = thread->metas[id];
@@ -416,6 +416,17 @@ void trap_fragment_exit(thread_data* thread, std::int32_t fragment_id, std::uint
   std::memcpy(meta.overwritten_exit, meta.exit_code_addr, size);
   for (std::uint32_t word = 0; word < size / 4; ++word) a64_hvc(meta.exit_code_addr + word, TRAP_DIRECT_EXIT);
   clear_instruction_cache(meta.exit_code_addr, meta.exit_code_addr + size / 4);
+}
+
+std::uint32_t* untrapped_word(thread_data* thread, std::uint32_t* place) {
+  if (a64_decode(place) != A64_HVC) return place;
+  const std::int32_t id = exit_owner(thread, address_of(place));
+  if (id < 0) return place;
+  bb_meta& meta = thread->metas[id];
+  if (meta.exit_kind < EXIT_DIRECT || meta.exit_kind > EXIT_TBZ || meta.exit_kind == EXIT_REGISTER) return place;
+  const std::uint32_t size = get_direct_branch_exit_trap_sz(meta, id);
+  if (place < meta.exit_code_addr || place >= meta.exit_code_addr + size / 4) return place;
+  return meta.overwritten_exit + (place - meta.exit_code_addr);
 }
 
 extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* ucontext_pointer) {
@@ -453,12 +464,12 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
   const std::uint64_t place = fragment_place(thread, context);
   if (is_in_code_range(thread, place)) {
     const std::int32_t id = exit_owner(thread, place);
-    const bool in_exit = place >= address_of(thread->metas[id].exit_code_addr);
+    const bool in_exit = id >= 0 && place >= address_of(thread->metas[id].exit_code_addr);
     if (in_exit && fault && signum == SIGILL) {
       handle_trap(thread, ucontext, id);
       return GO_ON;
     }
-    trap_fragment_exit(thread, id, place);
+    if (id >= 0) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
     if (!is_in_cache(thread, pc)) log(LEVEL_FATAL, "synchronous signal outside the code cache");

@@ -1,5 +1,9 @@
-// Where hot paths will join the engine. This build makes no traces: a block that has become hot goes on as it is, and
-// pays for its counter each time.
+// Hot paths. A block that has run often becomes the head of a trace: its code and that of the blocks that really follow it,
+// laid out one behind the other in the trace area, so that the path runs without a taken branch up to its end. A trace is
+// built while it runs for the first time, a fragment at each pass through the dispatcher, and nobody else can reach it until
+// it is installed: until then its exits have no targets.
+//
+// All of it belongs to one thread, as its code cache does.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +12,46 @@
 
 namespace ceilmeter {
 
-// From the dispatcher, for an exit of a fragment beyond the basic blocks. There are none yet.
+// From the dispatcher, for an exit of a fragment beyond the basic blocks: goes on with the trace that the fragment is the
+// last one of, or just finds the block for `target`. *next_addr receives the cache address to go on at.
 void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32_t source_index, thread_data* thread);
+
+// What has become of traces in this process, all threads together. Written by every thread as it goes, each number by itself.
+struct trace_statistics {
+  std::uint64_t started;
+  std::uint64_t installed;
+  std::uint64_t fragments;           // Of installed traces, as the next three.
+  std::uint64_t exits;
+  std::uint64_t trampolines;
+  std::uint64_t most_fragments;      // Of one trace.
+  std::uint64_t most_exits;
+  std::uint64_t ends_in_head;        // How traces have ended.
+  std::uint64_t ends_in_trace;
+  std::uint64_t ends_in_block;       // At the limit of fragments, or of length.
+  std::uint64_t ends_in_register_branch;
+  std::uint64_t too_long;            // Of those that end in a block: for the reach of an exit, or for the area.
+  std::uint64_t abandoned;           // Another head became hot first.
+  std::uint64_t flushed;             // A flush came while it was being built.
+  std::uint64_t area_full;           // Flushes for want of room.
+  std::uint64_t moved_branches;      // Links led to a new trace: unconditional ones, ...
+  std::uint64_t moved_exits;         // ... exits of other traces that reach it, ...
+  std::uint64_t moved_trampolines;   // ... and those that do not.
+  std::uint64_t moved_under_trap;    // Of all these, those that a trap stood in place of.
+  std::uint64_t stale_links;         // Records of links that are no longer there.
+  std::uint64_t checks;              // Caches looked through after an installation.
+};
+
+extern trace_statistics trace_counts;
+
+void count_trace_event(std::uint64_t& number, std::uint64_t by = 1);
+void raise_trace_record(std::uint64_t& number, std::uint64_t value);
+
+// For tests and measurements; the tool leaves both alone. Set before the application starts.
+struct trace_switches {
+  bool off;      // No traces: hot blocks go on as they are, and pay for their counter each time.
+  bool checked;  // The thread's cache is looked through after each installation (trace_check.h).
+};
+
+extern trace_switches trace_options;
 
 }  // namespace ceilmeter

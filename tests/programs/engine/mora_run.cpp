@@ -2,10 +2,79 @@
 //   mora_run PROGRAM [ARGUMENT]...
 // Linked as the tool is, so that it has the tool's place in memory. The status is the program's; the engine's messages
 // go to standard error, at the level of MORA_BI_LOG_LEVEL.
+//
+// Of its own environment, for tests and measurements:
+//   MORA_RUN_TRACES      off: no traces; checked: the cache is looked through after each installation of a trace
+//   MORA_RUN_TRACE_STATS a file to which each process that ends adds a line: its traces in numbers, "name=number ..."
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
 #include "bi/mora.h"
+#include "bi/traces.h"
 #include "common/log.h"
+
+namespace {
+
+using ceilmeter::trace_counts;
+
+const char* statistics_file;
+
+struct named_number {
+  const char* name;
+  const std::uint64_t* number;
+};
+
+constexpr named_number numbers[] = {
+    {"started", &trace_counts.started},
+    {"installed", &trace_counts.installed},
+    {"fragments", &trace_counts.fragments},
+    {"exits", &trace_counts.exits},
+    {"trampolines", &trace_counts.trampolines},
+    {"most_fragments", &trace_counts.most_fragments},
+    {"most_exits", &trace_counts.most_exits},
+    {"ends_in_head", &trace_counts.ends_in_head},
+    {"ends_in_trace", &trace_counts.ends_in_trace},
+    {"ends_in_block", &trace_counts.ends_in_block},
+    {"ends_in_register_branch", &trace_counts.ends_in_register_branch},
+    {"too_long", &trace_counts.too_long},
+    {"abandoned", &trace_counts.abandoned},
+    {"flushed", &trace_counts.flushed},
+    {"area_full", &trace_counts.area_full},
+    {"moved_branches", &trace_counts.moved_branches},
+    {"moved_exits", &trace_counts.moved_exits},
+    {"moved_trampolines", &trace_counts.moved_trampolines},
+    {"moved_under_trap", &trace_counts.moved_under_trap},
+    {"stale_links", &trace_counts.stale_links},
+    {"checks", &trace_counts.checks},
+};
+
+// In one write, so that lines of several processes do not mix.
+void write_statistics() {
+  char line[1024];
+  int length = 0;
+  for (const named_number& entry : numbers) {
+    length += std::snprintf(line + length, sizeof line - static_cast<std::size_t>(length), "%s=%lu ", entry.name,
+                            static_cast<unsigned long>(*entry.number));
+  }
+  line[length - 1] = '\n';
+  const int fd = open(statistics_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (fd < 0 || write(fd, line, static_cast<std::size_t>(length)) != length) std::perror(statistics_file);
+}
+
+}  // namespace
 
 int main(int argc, char** argv, char** envp) {
   ceilmeter::mora_log_init();
+  const char* traces = std::getenv("MORA_RUN_TRACES");
+  if (traces != nullptr) {
+    ceilmeter::trace_options.off = std::strcmp(traces, "off") == 0;
+    ceilmeter::trace_options.checked = std::strcmp(traces, "checked") == 0;
+  }
+  statistics_file = std::getenv("MORA_RUN_TRACE_STATS");
+  if (statistics_file != nullptr) std::atexit(write_statistics);
   return ceilmeter::mora_run(argc - 1, argv + 1, envp);
 }

@@ -1,0 +1,247 @@
+// The installation of a trace.
+//
+//   an exit of the trace, as built   b.!cond .        offset 0, into which the target's is ORed
+//   installed                        b.!cond target   target: an entry + 4 of a trace, if it is in reach, else a trampoline
+//
+//   a trampoline, 16 bytes           word             up to two words of the target's code,
+//                                    word
+//                                    b target + 8     and the rest of it
+//                                    nop
+//   when the block that it leads to  nop
+//   is replaced by a trace out of    nop
+//   the exit's reach                 b trace + 4
+//                                    nop
+//
+// An exit to a block always goes through a trampoline, however near the block: the exit's branch is noted in the block's
+// list, and whatever replaces the block may lie further than a conditional branch reaches, where a B gets to any place.
+#include "bi/trace_install.h"
+
+#include "bi/a64/a64.h"
+#include "bi/a64/helpers.h"
+#include "bi/scanner.h"
+#include "bi/signals.h"
+#include "bi/trace_check.h"
+#include "bi/traces.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/traces"};
+
+constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
+constexpr std::uint32_t NOP = 0xd503201f;
+constexpr std::uint64_t TRAMPOLINE_ALIGNMENT = 16;
+constexpr int TRAMPOLINE_WORDS = 4;
+constexpr int COPIED_WORDS = 2;
+static_assert(TRACE_TRAMPOLINE_SPACE >= MAX_TRACE_EXITS * TRAMPOLINE_WORDS * 4 + TRAMPOLINE_ALIGNMENT);
+
+std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
+
+// Over the words that this thread has just written and goes back into the cache to run: nobody else ever executes them.
+void clear_instruction_cache(const std::uint32_t* begin, const std::uint32_t* end) {
+  __builtin___clear_cache(reinterpret_cast<char*>(const_cast<std::uint32_t*>(begin)),
+                          reinterpret_cast<char*>(const_cast<std::uint32_t*>(end)));
+}
+
+bool is_conditional(int inst) { return inst == A64_B_COND || inst == A64_CBZ || inst == A64_TBZ; }
+
+bool is_in_blocks(const thread_data* thread, std::uint64_t address) {
+  return address >= address_of(thread->code_cache) && address < address_of(thread->code_cache) + BB_AREA_SIZE;
+}
+
+std::uint32_t offset_field(std::uint64_t offset, std::uint32_t mask) {
+  return (static_cast<std::uint32_t>(offset >> 2) & mask) << 5;
+}
+
+std::uint32_t b_word(const std::uint32_t* place, std::uint64_t to) {
+  std::uint32_t word = 0;
+  a64_b(&word, 0, static_cast<std::uint32_t>((to - address_of(place)) >> 2) & 0x3ffffff);
+  return word;
+}
+
+bool is_within(std::int64_t offset, const cond_branch_attributes& reach) {
+  return offset >= reach.smallest && offset < reach.largest;
+}
+
+// Leads the trampoline of another trace's exit to the new trace.
+void move_trampoline(thread_data* thread, std::uint64_t tramp, std::uint64_t to) {
+  bb_meta& record = thread->metas[addr_to_fragment_id(thread, tramp)];
+  if (record.exit_kind != EXIT_TRACE || record.cache_entry != tramp) {
+    log(LEVEL_FATAL, "an exit leads to 0x%lx, which is no trampoline", tramp);
+  }
+  auto* words = reinterpret_cast<std::uint32_t*>(tramp);
+  words[0] = NOP;
+  words[1] = NOP;
+  a64_branch(words + 2, to);
+  record.exit_code_addr = words + 2;
+  record.taken_source_addr = to;
+  clear_instruction_cache(words, words + 3);
+  count_trace_event(trace_counts.moved_trampolines);
+}
+
+// Links from another trace: a closing branch, or an exit.
+void patch_trace_branches(thread_data* thread, std::uint32_t* place, std::uint64_t to) {
+  std::uint32_t* word = untrapped_word(thread, place);
+  const int inst = a64_decode(word);
+  if (inst == A64_B) {
+    *word = b_word(place, to);
+    count_trace_event(trace_counts.moved_branches);
+  } else if (is_conditional(inst)) {
+    const cond_branch_attributes reach = get_cond_branch_attributes(place, inst);
+    const std::uint64_t offset = to - address_of(place);
+    if (is_within(static_cast<std::int64_t>(offset), reach)) {
+      *word = (*word & ~(reach.mask << 5)) | offset_field(offset, reach.mask);
+      count_trace_event(trace_counts.moved_exits);
+    } else {
+      move_trampoline(thread, branch_destination(*word, inst, place), to);
+    }
+  } else {
+    log(LEVEL_FATAL, "[install_trace] Linking instruction unknown at %p instruction %d", static_cast<void*>(place), inst);
+  }
+  if (word != place) count_trace_event(trace_counts.moved_under_trap);
+}
+
+// Links from a block. A block in whose making a flush came is used once more, and its link is noted though the block is
+// forgotten: its place may have become another block's since, and the record tells of nothing then.
+void patch_block_branch(thread_data* thread, std::uint32_t* place, std::uint64_t old_to, std::uint64_t to) {
+  std::uint32_t* word = untrapped_word(thread, place);
+  const int inst = a64_decode(word);
+  if (inst != A64_B || branch_destination(*word, inst, place) != old_to) {
+    count_trace_event(trace_counts.stale_links);
+    return;
+  }
+  *word = b_word(place, to);
+  count_trace_event(trace_counts.moved_branches);
+  if (word != place) count_trace_event(trace_counts.moved_under_trap);
+}
+
+void move_links(thread_data* thread, const bb_meta& head) {
+  const std::uint64_t to = thread->active_trace.entry_addr + ENTRY_WORD_SIZE;
+  for (const cc_link* link = head.linked_from; link != nullptr; link = link->next) {
+    log(LEVEL_TRACE, "Link from: 0x%lx, update to: 0x%lx", link->word, to);
+    auto* place = reinterpret_cast<std::uint32_t*>(link->word);
+    if (is_in_traces(thread, link->word)) {
+      patch_trace_branches(thread, place, to);
+    } else {
+      patch_block_branch(thread, place, head.cache_entry + ENTRY_WORD_SIZE, to);
+    }
+    clear_instruction_cache(place, place + 1);
+  }
+}
+
+// Whether the word of a fragment's code may be copied to where it does not stand: no word whose meaning depends on its
+// place, none of the exit, which changes when it is linked, and no trap.
+bool is_copyable(const std::uint32_t* word, const bb_meta& owner) {
+  if (word >= owner.exit_code_addr && word < owner.exit_code_addr + 3) return false;
+  const int inst = a64_decode(word);
+  return inst != A64_HVC && inst != A64_BRK && !a64_is_branch_class(inst);
+}
+
+// Writes the trampoline of one exit. Returns the word behind it.
+std::uint32_t* make_trampoline(thread_data* thread, const trace_exit& exit, std::uint32_t* tramp) {
+  const std::int32_t id = thread->active_trace.id++;
+  bb_meta& record = thread->metas[id];
+  const bb_meta& target = thread->metas[exit_owner(thread, exit.to)];
+  const auto* from = reinterpret_cast<const std::uint32_t*>(exit.to);
+  record.source_addr = target.source_addr;
+  record.cache_entry = address_of(tramp);
+  record.exit_kind = EXIT_TRACE;
+  record.link_state = LINK_TAKEN_FIRST;
+  thread->metas[exit.fragment_id].trampoline = id;
+
+  std::uint32_t* write = tramp;
+  for (int count = 0; count < COPIED_WORDS && is_copyable(from, target); ++count) *write++ = *from++;
+  record.exit_code_addr = write;
+  record.taken_source_addr = address_of(from);
+  a64_branch(write++, address_of(from));
+  // Always four words: what may be written here later is as long.
+  while (write < tramp + TRAMPOLINE_WORDS) *write++ = NOP;
+  clear_instruction_cache(tramp, write);
+  count_trace_event(trace_counts.trampolines);
+  return write;
+}
+
+std::uint32_t* aligned(std::uint32_t* place) {
+  return reinterpret_cast<std::uint32_t*>((address_of(place) + TRAMPOLINE_ALIGNMENT - 1) & ~(TRAMPOLINE_ALIGNMENT - 1));
+}
+
+// Gives each exit its target. Returns the word behind the last trampoline.
+std::uint32_t* patch_exits(thread_data* thread) {
+  trace_state& trace = thread->active_trace;
+  std::uint32_t* next = trace.write;
+  for (std::uint32_t index = 0; index < trace.exit_count; ++index) {
+    const trace_exit& exit = trace.exits[index];
+    auto* place = reinterpret_cast<std::uint32_t*>(exit.from);
+    std::uint32_t* tramp = aligned(next);
+    const cond_branch_attributes reach = get_cond_branch_attributes(place, a64_decode(place));
+    std::uint64_t offset = exit.to - exit.from;
+    const bool to_block = is_in_blocks(thread, exit.to);
+    if (to_block) record_cc_link(thread, exit.from, exit.to);
+    if (to_block || !is_within(static_cast<std::int64_t>(offset), reach)) {
+      next = make_trampoline(thread, exit, tramp);
+      offset = address_of(tramp) - exit.from;
+      if (!is_within(static_cast<std::int64_t>(offset), reach)) {
+        log(LEVEL_FATAL, "the exit at %p does not reach its trampoline", static_cast<void*>(place));
+      }
+    }
+    // The word's offset is 0 up to here.
+    *place |= offset_field(offset, reach.mask);
+    clear_instruction_cache(place, place + 1);
+  }
+  return next;
+}
+
+// Nothing leads to the block any more, and whatever came here all the same would show at once. Its entry word stays.
+void bar_head(const bb_meta& head) {
+  auto* word = reinterpret_cast<std::uint32_t*>(head.cache_entry + ENTRY_WORD_SIZE);
+  a64_brk(word, 0);
+  clear_instruction_cache(word, word + 1);
+}
+
+}  // namespace
+
+cond_branch_attributes get_cond_branch_attributes(const std::uint32_t* place, int inst) {
+  switch (inst) {
+    case A64_TBZ: return {32765, -32768, 0x3fff};
+    case A64_CBZ:
+    case A64_B_COND: return {0xffffd, -0x100000, 0x7ffff};
+    case A64_B: log(LEVEL_FATAL, "direct branch (B or BL). (Not allowed)"); break;
+    default:
+      log(LEVEL_FATAL, "linking instruction unknown at %p instruction %d", static_cast<const void*>(place), inst);
+  }
+  return {};
+}
+
+std::uint64_t branch_destination(std::uint32_t word, int inst, const std::uint32_t* place) {
+  const bool is_b = inst == A64_B;
+  const int width = is_b ? 26 : inst == A64_TBZ ? 14 : 19;
+  const std::uint32_t field = (is_b ? word : word >> 5) & ((std::uint32_t{1} << width) - 1);
+  return address_of(place) + static_cast<std::uint64_t>(a64_sign_extend(field, width) * 4);
+}
+
+void install_trace(thread_data* thread) {
+  trace_state& trace = thread->active_trace;
+  trace.active = 0;
+  const bb_meta& head = thread->metas[trace.source_bb];
+  move_links(thread, head);
+  if (!hash_add(&thread->entry_table.table, head.source_addr, trace.entry_addr)) {
+    log(LEVEL_FATAL, "failed to put the trace of 0x%lx into the hash table", head.source_addr);
+  }
+  const std::int32_t first = thread->trace_id;
+  std::uint32_t* end = patch_exits(thread);
+  thread->trace_id = trace.id;
+  thread->trace_write_cursor = reinterpret_cast<std::uint8_t*>(end);
+  trace.write = end;
+  bar_head(head);
+
+  count_trace_event(trace_counts.installed);
+  count_trace_event(trace_counts.fragments, static_cast<std::uint64_t>(thread->trace_fragment_count));
+  count_trace_event(trace_counts.exits, trace.exit_count);
+  raise_trace_record(trace_counts.most_fragments, static_cast<std::uint64_t>(thread->trace_fragment_count));
+  raise_trace_record(trace_counts.most_exits, trace.exit_count);
+  if (trace_options.checked) check_trace_cache(thread, first);
+}
+
+}  // namespace ceilmeter
