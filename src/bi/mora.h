@@ -154,6 +154,7 @@ struct thread_data {
   // Of the trace fragment that is being scanned: where it begins, and whether it has outgrown the trace area.
   std::uint32_t* trace_fragment_start;
   std::uint32_t trace_fragment_overflow;
+  std::int32_t traces_checked;  // Indices of traces that there were when the checker has last looked at all of them.
 };
 
 // Process-wide state, each part under the lock that is named with it.

@@ -1,4 +1,240 @@
+// The checker reads what is written in the cache and compares it with the records and the table: none of the code that wrote
+// it is asked again. What a fragment or a link leads to is taken from the words.
 #include "bi/trace_check.h"
+
+#include "bi/a64/a64.h"
+#include "bi/scanner.h"
+#include "bi/signals.h"
+#include "bi/trace_install.h"
+#include "bi/traces.h"
+#include "common/log.h"
+
 namespace ceilmeter {
-void check_trace_cache(thread_data*, std::int32_t) {}
+
+namespace {
+
+constexpr engine_log log{"src/bi/traces"};
+
+constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
+constexpr std::uint32_t POP_X0_X1 = 0xa8c107e0;  // ldp x0, x1, [sp], #16
+constexpr std::uint32_t NOP = 0xd503201f;
+constexpr std::uint32_t HEAD_TRAP = 0xd4200000;  // brk #0
+constexpr std::int32_t ALWAYS_WHOLE = 64;        // Traces up to which the whole cache is looked through each time.
+
+std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
+
+const std::uint32_t* words_at(std::uint64_t address) { return reinterpret_cast<const std::uint32_t*>(address); }
+
+void demand(bool holds, const char* what, std::uint64_t where, std::uint64_t value) {
+  if (!holds) log(LEVEL_FATAL, "the cache is not what it should be: %s, at 0x%lx, 0x%lx", what, where, value);
 }
+
+// A word of an exit, with the trap that may stand in its place thought away.
+std::uint32_t exit_word(thread_data* thread, const std::uint32_t* place) {
+  return *untrapped_word(thread, const_cast<std::uint32_t*>(place));
+}
+
+bool is_conditional_kind(std::uint32_t kind) { return kind == EXIT_B_COND || kind == EXIT_CBZ || kind == EXIT_TBZ; }
+
+bool is_noted(const bb_meta& block, std::uint64_t from) {
+  for (const cc_link* link = block.linked_from; link != nullptr; link = link->next) {
+    if (link->word == from) return true;
+  }
+  return false;
+}
+
+// Where a branch from outside comes in: past the entry word of what the table has for the source.
+std::uint64_t entry_of(const thread_data* thread, std::uint64_t source) {
+  return hash_lookup_entry(thread, source) + ENTRY_WORD_SIZE;
+}
+
+// The branch at `from` to `to` stands for the application's way to `source`.
+void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, std::uint64_t source) {
+  std::uint64_t arrives = to;
+  if (is_in_traces(thread, to)) {
+    const std::int32_t id = addr_to_fragment_id(thread, to);
+    demand(id >= BB_COUNT, "a branch into the trace area leads to no fragment", from, to);
+    const bb_meta& tramp = thread->metas[id];
+    if (tramp.exit_kind == EXIT_TRACE) {
+      demand(tramp.cache_entry == to, "a branch leads into the middle of a trampoline", from, to);
+      const std::uint32_t* last = tramp.exit_code_addr;
+      const auto copied = static_cast<std::uint64_t>(last - words_at(to));
+      demand(copied <= 2 && a64_decode(last) == A64_B, "a trampoline does not end in a branch", from, to);
+      const std::uint64_t rejoins = branch_destination(*last, A64_B, last);
+      demand(rejoins == tramp.taken_source_addr, "a trampoline leads elsewhere than its record says", to, rejoins);
+      const std::uint32_t* original = words_at(rejoins) - copied;
+      bool same = true;
+      for (std::uint64_t word = 0; word < copied; ++word) same = same && words_at(to)[word] == original[word];
+      const bool moved = copied == 2 && words_at(to)[0] == NOP && words_at(to)[1] == NOP && is_in_traces(thread, rejoins);
+      demand(same || moved, "a trampoline's words are not those that it stands for", to, rejoins);
+      arrives = moved && rejoins == entry_of(thread, source) ? rejoins : address_of(original);
+    }
+  }
+  demand(arrives == entry_of(thread, source), "a branch does not lead where the application goes", from, source);
+  if (!is_in_traces(thread, arrives)) {
+    const std::int32_t block = cc_addr_to_bb_id(thread, arrives);
+    demand(block >= stub_block_count() && block < thread->next_block, "a branch leads to no block", from, arrives);
+    demand(is_noted(thread->metas[block], from), "a link is not noted", from, arrives);
+    demand(*words_at(arrives) != HEAD_TRAP, "a branch leads to a block that a trace has replaced", from, arrives);
+  }
+}
+
+// Branches that the scanner and plug-ins have written stay in their fragment, or go to the stub text.
+void check_inner_branches(const thread_data* thread, const bb_meta& fragment, const std::uint32_t* end) {
+  const std::uint64_t stubs = address_of(thread->code_cache);
+  const std::uint64_t stubs_end = stubs + static_cast<std::uint64_t>(stub_block_count()) * BB_SIZE;
+  for (const std::uint32_t* word = words_at(fragment.cache_entry); word < end; ++word) {
+    const int inst = a64_decode(word);
+    if (inst != A64_B && inst != A64_B_COND && inst != A64_CBZ && inst != A64_TBZ) continue;
+    const std::uint64_t to = branch_destination(*word, inst, word);
+    const bool to_stub = inst == A64_B && to >= stubs && to < stubs_end;
+    const bool inside = to >= fragment.cache_entry && to <= address_of(end);
+    demand(to_stub || inside, "a branch leads out of its fragment", address_of(word), to);
+  }
+}
+
+// The branch that leaves a trace has the sense that keeps the application on its path.
+void check_sense(const bb_meta& fragment, std::uint32_t word, int inst, bool follows_taken) {
+  std::uint32_t field = 0;
+  std::uint32_t sense = 0;
+  std::uint32_t reg = 0;
+  std::uint32_t size_or_bit = 0;
+  std::uint32_t b5 = 0;
+  switch (inst) {
+    case A64_B_COND: a64_b_cond_decode(&word, &field, &sense); break;
+    case A64_CBZ: a64_cbz_decode(&word, &size_or_bit, &sense, &field, &reg); break;
+    default:
+      a64_tbz_decode(&word, &b5, &sense, &size_or_bit, &field, &reg);
+      size_or_bit |= b5 << 5;
+      break;
+  }
+  const int expected = fragment.exit_kind == EXIT_B_COND ? A64_B_COND : fragment.exit_kind == EXIT_CBZ ? A64_CBZ : A64_TBZ;
+  const std::uint64_t where = address_of(fragment.exit_code_addr);
+  demand(inst == expected, "an exit is of another kind than its fragment", where, word);
+  demand(sense == (fragment.exit_condition ^ (follows_taken ? 1 : 0)), "an exit has the wrong sense", where, word);
+  if (inst != A64_B_COND) demand((reg | size_or_bit << 5) == fragment.rn, "an exit tests something else", where, word);
+}
+
+// The end of a register branch: the miss's way to the dispatcher.
+const std::uint32_t* end_of_register_branch(const thread_data* thread, const bb_meta& fragment) {
+  const std::uint32_t* word = fragment.exit_code_addr;
+  for (; word < fragment.exit_code_addr + REGISTER_BRANCH_SPACE / 4; ++word) {
+    if (a64_decode(word) == A64_B && branch_destination(*word, A64_B, word) == thread->dispatcher_stub_addr) return word + 1;
+  }
+  demand(false, "a register branch has no way to the dispatcher", address_of(fragment.exit_code_addr), 0);
+  return word;
+}
+
+// One trace, from its head on. Returns the first index behind it and its trampolines.
+std::int32_t check_trace(thread_data* thread, std::int32_t first) {
+  const bb_meta& head = thread->metas[first];
+  demand(*words_at(head.cache_entry) == POP_X0_X1, "a trace has no entry word", head.cache_entry, 0);
+  demand(hash_lookup_entry(thread, head.source_addr) == head.cache_entry, "the table does not find a trace",
+         head.cache_entry, head.source_addr);
+  std::int32_t id = first;
+  for (bool last = false; !last; ++id) {
+    const bb_meta& fragment = thread->metas[id];
+    const bb_meta& next = thread->metas[id + 1];
+    const std::uint32_t* exit = fragment.exit_code_addr;
+    const std::uint64_t where = address_of(exit);
+    demand(id < thread->trace_id && id - first < MAX_TRACE_FRAGMENTS, "a trace has no end", fragment.cache_entry, where);
+    demand(where >= fragment.cache_entry && is_in_traces(thread, where), "a fragment's exit lies outside", where, 0);
+    if (fragment.exit_kind == EXIT_REGISTER) {
+      check_inner_branches(thread, fragment, end_of_register_branch(thread, fragment));
+      last = true;
+      continue;
+    }
+    check_inner_branches(thread, fragment, exit);
+    const bool follows_taken = (fragment.link_state & LINK_TAKEN_FIRST) != 0;
+    const std::uint64_t path = follows_taken ? fragment.taken_source_addr : fragment.skipped_source_addr;
+    const std::uint32_t* behind = exit;
+    if (is_conditional_kind(fragment.exit_kind)) {
+      const std::uint32_t word = exit_word(thread, exit);
+      const int inst = a64_decode(&word);
+      check_sense(fragment, word, inst, follows_taken);
+      check_way(thread, where, branch_destination(word, inst, exit),
+                follows_taken ? fragment.skipped_source_addr : fragment.taken_source_addr);
+      ++behind;
+    } else {
+      demand(fragment.exit_kind == EXIT_DIRECT && follows_taken, "a fragment of a trace does not go on", where,
+             fragment.exit_kind);
+    }
+    last = (fragment.link_state & LINK_BOTH) != 0;
+    if (last) {
+      const std::uint32_t word = exit_word(thread, behind);
+      demand(a64_decode(&word) == A64_B, "a trace has no closing branch", address_of(behind), word);
+      check_way(thread, address_of(behind), branch_destination(word, A64_B, behind), path);
+    } else {
+      demand(next.cache_entry == address_of(behind), "a fragment does not follow the one before", next.cache_entry, where);
+      demand(next.source_addr == path, "a trace does not follow the application's path", next.cache_entry, path);
+    }
+  }
+  for (; id < thread->trace_id && thread->metas[id].exit_kind == EXIT_TRACE; ++id) {
+    demand(thread->metas[id].cache_entry > thread->metas[id - 1].cache_entry, "trampolines are out of order",
+           thread->metas[id].cache_entry, 0);
+  }
+  return id;
+}
+
+void check_link(thread_data* thread, const std::uint32_t* place, std::uint64_t source) {
+  const std::uint32_t word = exit_word(thread, place);
+  demand(a64_decode(&word) == A64_B, "a link is no branch", address_of(place), word);
+  check_way(thread, address_of(place), branch_destination(word, A64_B, place), source);
+}
+
+void check_block(thread_data* thread, std::int32_t id) {
+  const bb_meta& block = thread->metas[id];
+  const bool direct = block.exit_kind == EXIT_DIRECT || is_conditional_kind(block.exit_kind);
+  if (!direct || block.parent_block != 0) return;
+  const std::uint64_t found = hash_lookup_entry(thread, block.source_addr);
+  if (is_in_traces(thread, found)) {
+    demand(words_at(block.cache_entry)[1] == HEAD_TRAP, "a replaced block has no trap", block.cache_entry, found);
+    return;
+  }
+  // A block that a flush came into the making of is not in the table, and its links are those of before.
+  if (found != block.cache_entry || block.link_state == LINK_NONE) return;
+  const std::uint32_t* exit = block.exit_code_addr;
+  if (block.exit_kind == EXIT_DIRECT) {
+    check_link(thread, exit, block.taken_source_addr);
+    return;
+  }
+  const bool taken_first = (block.link_state & LINK_TAKEN_FIRST) != 0;
+  const std::uint32_t word = exit_word(thread, exit);
+  const int inst = a64_decode(&word);
+  check_sense(block, word, inst, taken_first);
+  demand(branch_destination(word, inst, exit) == address_of(exit + 2), "a block's exit does not skip its link",
+         address_of(exit), word);
+  check_link(thread, exit + 1, taken_first ? block.taken_source_addr : block.skipped_source_addr);
+  if ((block.link_state & LINK_BOTH) == 0) return;
+  check_link(thread, exit + 2, taken_first ? block.skipped_source_addr : block.taken_source_addr);
+}
+
+void check_whole_cache(thread_data* thread) {
+  for (std::int32_t id = BB_COUNT; id < thread->trace_id;) id = check_trace(thread, id);
+  for (std::int32_t id = stub_block_count(); id < thread->next_block; ++id) check_block(thread, id);
+  thread->traces_checked = thread->trace_id - BB_COUNT;
+}
+
+}  // namespace
+
+void check_trace_cache(thread_data* thread, std::int32_t first) {
+  count_trace_event(trace_counts.checks);
+  // A large cache is looked through as a whole each time it has grown by an eighth, and otherwise where it has changed.
+  const std::int32_t fragments = thread->trace_id - BB_COUNT;
+  if (thread->traces_checked > fragments) thread->traces_checked = 0;  // Those were before a flush.
+  const bool whole = trace_options.check == TRACE_CHECK_WHOLE || fragments <= ALWAYS_WHOLE ||
+                     fragments >= thread->traces_checked + thread->traces_checked / 8;
+  if (whole) {
+    check_whole_cache(thread);
+    return;
+  }
+  check_trace(thread, first);
+  check_block(thread, thread->active_trace.source_bb);
+  const bb_meta& head = thread->metas[thread->active_trace.source_bb];
+  for (const cc_link* link = head.linked_from; link != nullptr; link = link->next) {
+    const std::int32_t from = exit_owner(thread, link->word);
+    if (from >= 0 && from < BB_COUNT) check_block(thread, from);
+  }
+}
+
+}  // namespace ceilmeter

@@ -14,7 +14,7 @@ namespace ceilmeter {
 // - each way out leads to the source address that it stands for, through its trampoline if it has one;
 // - the table finds each trace, and no block that a trace has replaced: the second word of such a block is the trap;
 // - no link of any block leads to such a block.
-// `first` is the first fragment of the trace that has just been installed.
+// `first` is the first fragment of the trace that has just been installed. How much is looked at, trace_options.check says.
 void check_trace_cache(thread_data* thread, std::int32_t first);
 
 }  // namespace ceilmeter

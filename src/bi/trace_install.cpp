@@ -241,7 +241,7 @@ void install_trace(thread_data* thread) {
   count_trace_event(trace_counts.exits, trace.exit_count);
   raise_trace_record(trace_counts.most_fragments, static_cast<std::uint64_t>(thread->trace_fragment_count));
   raise_trace_record(trace_counts.most_exits, trace.exit_count);
-  if (trace_options.checked) check_trace_cache(thread, first);
+  if (trace_options.check != TRACE_CHECK_NONE) check_trace_cache(thread, first);
 }
 
 }  // namespace ceilmeter

@@ -27,7 +27,12 @@
 namespace ceilmeter {
 
 trace_statistics trace_counts;
-trace_switches trace_options;
+
+#ifdef NDEBUG
+trace_switches trace_options = {false, TRACE_CHECK_NONE};
+#else
+trace_switches trace_options = {false, TRACE_CHECK_CHANGES};
+#endif
 
 namespace {
 

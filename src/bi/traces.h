@@ -46,10 +46,17 @@ extern trace_statistics trace_counts;
 void count_trace_event(std::uint64_t& number, std::uint64_t by = 1);
 void raise_trace_record(std::uint64_t& number, std::uint64_t value);
 
-// For tests and measurements; the tool leaves both alone. Set before the application starts.
+enum trace_check : std::uint32_t {
+  TRACE_CHECK_NONE = 0,
+  TRACE_CHECK_CHANGES = 1,  // After each installation what it has changed, and often enough everything (trace_check.h).
+  TRACE_CHECK_WHOLE = 2,    // Everything each time.
+};
+
+// For tests and measurements; the tool leaves it alone. Set before the application starts. A debug build begins with
+// TRACE_CHECK_CHANGES.
 struct trace_switches {
-  bool off;      // No traces: hot blocks go on as they are, and pay for their counter each time.
-  bool checked;  // The thread's cache is looked through after each installation (trace_check.h).
+  bool off;  // No traces: hot blocks go on as they are, and pay for their counter each time.
+  trace_check check;
 };
 
 extern trace_switches trace_options;

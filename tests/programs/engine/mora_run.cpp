@@ -4,7 +4,8 @@
 // go to standard error, at the level of MORA_BI_LOG_LEVEL.
 //
 // Of its own environment, for tests and measurements:
-//   MORA_RUN_TRACES      off: no traces; checked: the cache is looked through after each installation of a trace
+//   MORA_RUN_TRACES      off: no traces; checked: after each installation of a trace the checker looks at what has
+//                        changed, and at the whole cache from time to time; checked-whole: at the whole cache each time
 //   MORA_RUN_TRACE_STATS a file to which each process that ends adds a line: its traces in numbers, "name=number ..."
 #include <fcntl.h>
 #include <unistd.h>
@@ -72,7 +73,8 @@ int main(int argc, char** argv, char** envp) {
   const char* traces = std::getenv("MORA_RUN_TRACES");
   if (traces != nullptr) {
     ceilmeter::trace_options.off = std::strcmp(traces, "off") == 0;
-    ceilmeter::trace_options.checked = std::strcmp(traces, "checked") == 0;
+    if (std::strcmp(traces, "checked") == 0) ceilmeter::trace_options.check = ceilmeter::TRACE_CHECK_CHANGES;
+    if (std::strcmp(traces, "checked-whole") == 0) ceilmeter::trace_options.check = ceilmeter::TRACE_CHECK_WHOLE;
   }
   statistics_file = std::getenv("MORA_RUN_TRACE_STATS");
   if (statistics_file != nullptr) std::atexit(write_statistics);
