@@ -23,6 +23,7 @@
 #include "bi/signals.h"
 #include "bi/stubs.h"
 #include "bi/syscalls.h"
+#include "bi/traces.h"
 #include "common/log.h"
 #include "elf/elf_loader.h"
 
@@ -82,6 +83,7 @@ void start_without_fragments(thread_data* thread) {
   thread->trace_id = BB_COUNT;
   thread->active_trace.id = BB_COUNT;
   // A trace under construction is given up: its exits lead to blocks that are forgotten.
+  if (thread->active_trace.active != 0) count_trace_event(trace_counts.flushed);
   thread->active_trace.active = 0;
   deliver_flush();
 }

@@ -71,11 +71,6 @@ std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_ty
   return end;
 }
 
-void give_up_for_flush(thread_data* thread) {
-  thread->active_trace.active = 0;
-  count_trace_event(trace_counts.flushed);
-}
-
 // What a hot block does for which no trace is begun.
 void go_on_in_block(thread_data* thread, std::uint64_t source, std::uint64_t* ret) {
   thread->active_trace.active = 0;
@@ -152,8 +147,7 @@ void close_in_block(thread_data* thread, std::int32_t source_index, std::uint32_
   const bool returns = target == head_source(thread);
   const std::uint64_t entry = returns ? thread->active_trace.entry_addr : lookup_or_scan(thread, target);
   if (thread->flush_seen != 0) {
-    give_up_for_flush(thread);
-    *next_addr = entry;  // Found behind the flush.
+    *next_addr = entry;  // Found behind the flush, which has given up the trace.
     return;
   }
   count_trace_event(returns ? trace_counts.ends_in_head : trace_counts.ends_in_block);
@@ -177,7 +171,6 @@ bool extend_trace(thread_data* thread, std::uint32_t* write, std::uint64_t targe
   const std::int32_t id = trace.id++;
   std::uint32_t* end = scan_trace(thread, target, FRAGMENT_TRACE, id, write);
   if (thread->flush_seen != 0) {
-    give_up_for_flush(thread);
     *next_addr = lookup_or_scan(thread, target);
     return true;
   }
@@ -254,7 +247,6 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   const std::int32_t id = trace.id++;
   const std::uint32_t* end = scan_trace(thread, source, FRAGMENT_TRACE_HEAD, id, entry);
   if (thread->flush_seen != 0) {
-    give_up_for_flush(thread);
     go_on_in_block(thread, source, ret);
     return;
   }
@@ -304,7 +296,6 @@ void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32
     }
   }
   if (thread->flush_seen != 0) {
-    give_up_for_flush(thread);
     *next_addr = lookup_or_scan(thread, target);
     return;
   }
