@@ -1,9 +1,12 @@
 // Lets signals arrive at one instruction after another of a program, stubs and engine included:
 //   every_instruction ONE|NESTED STEPS STRIDE [ENGINE] stepped_target
+//   every_instruction EACH STEPS STRIDE [ENGINE] PROGRAM [ARGUMENT]
 // ONE: the program goes from its getppid into a loop that only a signal ends. Where it comes by on its first STEPS
 // instructions is learned by single steps; then it is stopped at every STRIDE-th of these places, by a breakpoint, and
 // sent its signal there. NESTED: it is sent one signal in the loop, and a second one at the places that it comes by
-// from the first one's arrival on. A signal that is lost is a hang. With EVERY_INSTRUCTION_TELLS in the environment the
+// from the first one's arrival on. EACH: for a program that does not come by the same places each time, though it does the
+// same; it is stepped to its STRIDE-th instruction after the getppid, twice as far the next time, and so on up to STEPS, and
+// sent its signal there. A signal that is lost is a hang. With EVERY_INSTRUCTION_TELLS in the environment the
 // number of places is told.
 #include <elf.h>
 #include <errno.h>
@@ -168,15 +171,30 @@ static int send_at_place(int stop, int number) {
   return stop;
 }
 
+// The rounds of EACH, from the stop that the program stands at.
+static int step_each(int steps, int stride, int stop) {
+  int rounds = 0;
+  for (int most = stride; most <= steps; most += stride, ++rounds) {
+    alarm(GUARD_SECONDS);
+    find_round(stop);
+    stop = SYSCALL_STOP;
+    for (int step = 0; step < most; ++step) stop = go_on(PTRACE_SINGLESTEP, stop);
+    CHECK(kill(child, SIGUSR1) == 0);
+  }
+  find_round(stop);  // The last one has been handled, too.
+  return rounds;
+}
+
 int main(int argc, char** argv) {
   CHECK(argc > 4);
+  const int each = strcmp(argv[1], "EACH") == 0;
   const int nested = strcmp(argv[1], "NESTED") == 0;
   const int steps = atoi(argv[2]);
   const int stride = atoi(argv[3]);
   char* words[8] = {0};
   int count = 0;
   for (int index = 4; index < argc && count < 6; ++index) words[count++] = argv[index];
-  words[count] = nested ? "1" : "0";
+  if (!each) words[count] = nested ? "1" : "0";
   cpu_set_t one;  // The two take turns: on one processor they need not wake another for each.
   CPU_ZERO(&one);
   CPU_SET(0, &one);
@@ -193,6 +211,12 @@ int main(int argc, char** argv) {
   signal(SIGALRM, give_up);
   alarm(GUARD_SECONDS);
   int stop = SIGTRAP;
+  if (each) {
+    CHECK(step_each(steps, stride, stop) > 0);
+    let_go(PTRACE_KILL, 0);
+    puts("every signal handled once, wherever it arrived");
+    return 0;
+  }
   for (int round = 0; round <= WARM_UP; ++round) {
     find_round(stop);
     stop = SYSCALL_STOP;

@@ -75,7 +75,7 @@ path \name
         .set    block, 1
         .rept   \blocks - 1
         step    block
-        tbnz    x0, #40, 2f
+        tbnz    x0, #30, 2f
         .set    block, block + 1
         .endr
         step    77
@@ -268,7 +268,7 @@ entered condition_far, fill_1100_kib, condition
 fill_\kib\()_kib:
 1:
         .ifc    \kind, tbz
-        tbnz    x0, #40, 2b
+        tbnz    x0, #30, 2b
         .else
         cbz     x0, 2b
         .endif
