@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """What the engine costs, counted in instructions by a plug-in of the user-mode emulator (tests/emulator_plugin).
 
-engine_cost.py [--tracer] [--build DIR] [--list FILE] [--root DIR] [--hot N] [--json FILE] [PATTERN]
+engine_cost.py [--tracer] [--traces on|off|both] [--build DIR] [--list FILE] [--root DIR] [--hot N] [--json FILE] [PATTERN]
 
 Runs each program of a list natively and under the bare engine, and prints what they executed:
 
@@ -19,7 +19,9 @@ Runs each program of a list natively and under the bare engine, and prints what 
 The same run gives the same figures, to a few instructions in a million (addresses and process ids differ), whatever else
 the machine does. Times are nobody's business here. --tracer runs the tool itself in place of the bare engine, in its bintracer
 phase over the whole application: what the tracer adds is the difference of the two, its counters in "cache" and all
-else, the result file included, in "engine". --hot prints the N functions that most engine instructions were spent in. --json writes the figures as a list of objects.
+else, the result file included, in "engine". --traces tells whether hot
+paths become traces, which only the bare engine can be told to leave: with "both" each program is run once without and once with
+them, and a table at the end has the two side by side. --hot prints the N functions that most engine instructions were spent in. --json writes the figures as a list of objects.
 PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or status is not that of the native
 run, or a count cannot be right.
 """
@@ -75,7 +77,7 @@ class Counter:
         length = self.places[STUB_TEXT_END] - self.places[STUB_TEXT]
         self.stub_bytes = (length + BLOCK - 1) // BLOCK * BLOCK
 
-    def run(self, line, scratch, under_engine):
+    def run(self, line, scratch, under_engine, traces):
         """(status, output, summary, path of addresses) of one run."""
         side = "engine" if under_engine else "native"
         summary = os.path.join(scratch, f"{side}.summary")
@@ -95,6 +97,8 @@ class Counter:
         # nor leaves compiled modules.
         environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "PYTHONHASHSEED": "0", "PYTHONDONTWRITEBYTECODE": "1",
                        "PYTHONPYCACHEPREFIX": "/nowhere"}
+        if not traces:
+            environment["MORA_RUN_TRACES"] = "off"
         variables = {"RUN": " ".join(command), "ROOT": self.root, "PROGRAMS": self.programs, "LISTS": self.lists}
         assignments = "".join(f"{name}={shlex.quote(value)}; " for name, value in variables.items())
         folder = os.path.join(scratch, "work")
@@ -173,18 +177,18 @@ def read_list(path, pattern):
     return lines
 
 
-def measure(counter, name, line, hot):
+def measure(counter, name, line, hot, traces):
     """The figures of one program."""
     with tempfile.TemporaryDirectory() as scratch:
-        status, output, native, _ = counter.run(line, scratch, False)
-        engine_status, engine_output, run, addresses = counter.run(line, scratch, True)
+        status, output, native, _ = counter.run(line, scratch, False, traces)
+        engine_status, engine_output, run, addresses = counter.run(line, scratch, True, traces)
         counters, spent = counter.read_addresses(addresses)
     if (status, output) != (engine_status, engine_output):
         raise CountError(f"{name}: status {engine_status} and {len(engine_output)} bytes under the engine, "
                          f"{status} and {len(output)} natively")
     blocks = counter.at(run, SCAN)
     figures = {
-        "program": name, "native": native["total"], "engine_run": run["total"],
+        "program": name, "traces": traces, "native": native["total"], "engine_run": run["total"],
         "ratio": run["total"] / native["total"], "cache": run["cache"], "counters": counters,
         "switches": run["stubs"] - counters, "engine": run["other"], "start": run["start"], "blocks": blocks,
         "dispatches": counter.at(run, DISPATCH), "flushes": counter.at(run, FLUSH),
@@ -214,10 +218,20 @@ def print_row(row):
         print(f"    {count:>13,}  {count / max(row['blocks'], 1):>8,.1f} per block  {function}", flush=True)
 
 
+def print_comparison(rows):
+    """The runs without and with traces, side by side. One that costs more with them is marked."""
+    print(f"\n{'program':<14}{'native':>14}{'without traces':>16}{'ratio':>7}{'with traces':>16}{'ratio':>7}{'change':>9}")
+    for off, on in zip(rows[::2], rows[1::2]):
+        change = on["engine_run"] / off["engine_run"] - 1
+        print(f"{on['program']:<14}{on['native']:>14,}{off['engine_run']:>16,}{off['ratio']:>7.2f}"
+              f"{on['engine_run']:>16,}{on['ratio']:>7.2f}{change:>+9.1%}{'  worse' if change > 0.02 else ''}")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("pattern", nargs="?", default=".")
     parser.add_argument("--tracer", action="store_true")
+    parser.add_argument("--traces", choices=("on", "off", "both"), default="on")
     parser.add_argument("--build", default=os.path.join(TOP, "build", "release"))
     parser.add_argument("--list", default=os.path.join(HERE, "engine_cost.txt"))
     parser.add_argument("--root", help="an unpacked userland (default: the virtual machine's, if it is there)")
@@ -229,6 +243,9 @@ def main():
     arguments.build = os.path.realpath(arguments.build)
     if arguments.root is None:
         arguments.root = userland_of_the_virtual_machine()
+    if arguments.tracer and arguments.traces != "on":
+        sys.exit("engine_cost: the tool itself always makes traces")
+    modes = {"on": [True], "off": [False], "both": [False, True]}[arguments.traces]
     rows, failures = [], []
     try:
         counter = Counter(arguments)
@@ -241,15 +258,19 @@ def main():
             print(f"{name}: not run, since it needs --root", file=sys.stderr)
             continue
         try:
-            rows.append(measure(counter, name, line, arguments.hot))
-            print_row(rows[-1])
+            measured = [measure(counter, name, line, arguments.hot, traces) for traces in modes]
+            for row in measured:
+                print_row(row)
+            rows += measured
         except CountError as error:
             failures.append(str(error))
             print(f"engine_cost: {error}", file=sys.stderr)
+    if arguments.traces == "both":
+        print_comparison(rows)
     if arguments.json:
         with open(arguments.json, "w", encoding="utf-8") as file:
             json.dump(rows, file, indent=1)
-    print(f"{len(rows)} programs counted, {len(failures)} failed")
+    print(f"{len(rows) // len(modes)} programs counted, {len(failures)} failed")
     sys.exit(1 if failures or not rows else 0)
 
 
