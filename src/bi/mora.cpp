@@ -247,10 +247,22 @@ void flush_code_cache(thread_data* thread) {
 }
 
 std::uint64_t stub_bb(thread_data* thread, std::uint64_t source) {
+  // As for a block that is scanned.
+  if (!hash_has_room(&thread->entry_table.table, source)) flush_code_cache(thread);
   const std::int32_t bb_id = allocate_bb(thread);
   const auto address = reinterpret_cast<std::uint64_t>(block_address(thread, bb_id));
   log(LEVEL_TRACE, "stub BB: 0x%lx", address);
-  thread->metas[bb_id].exit_kind = EXIT_STUB_BLOCK;
+  auto* write = reinterpret_cast<std::uint32_t*>(address);
+  bb_meta& meta = thread->metas[bb_id];
+  meta.source_addr = source;
+  meta.cache_entry = address;
+  meta.exit_kind = EXIT_STUB_BLOCK;
+  meta.exit_code_addr = write + 1;
+  meta.taken_source_addr = source;
+  constexpr std::uint32_t pop_x0_x1 = 0xa8c107e0;
+  *write++ = pop_x0_x1;
+  a64_push_x0_x1(&write);
+  a64_branch_jump(thread, &write, source, bb_id);
   if (!hash_add(&thread->entry_table.table, source, address)) {
     log(LEVEL_FATAL, "failed to add hash table entry for newly created stub basic block");
   }

@@ -45,7 +45,7 @@ static_assert(CODE_CACHE_SIZE <= 128 * 1024 * 1024, "a B reaches any place of th
 
 enum bb_exit_kind : std::uint32_t {
   EXIT_NOT_SET = 0,
-  EXIT_STUB_BLOCK = 1,  // The block is reserved; no code yet.
+  EXIT_STUB_BLOCK = 1,  // The block is reserved and leads to the dispatcher; not scanned yet.
   EXIT_DIRECT = 3,      // B, BL.
   EXIT_REGISTER = 4,    // BR, BLR, RET.
   EXIT_B_COND = 5,
@@ -206,7 +206,7 @@ std::int32_t allocate_bb(thread_data* thread);
 // Forgets every fragment of the thread. Nothing is overwritten: code that is running finishes and finds an empty table.
 void flush_code_cache(thread_data* thread);
 
-// A block's address before the block is scanned.
+// A block's address before the block is scanned: its code comes to the dispatcher, which has it scanned in its place.
 std::uint64_t stub_bb(thread_data* thread, std::uint64_t source);
 std::uint64_t lookup_or_stub(thread_data* thread, std::uint64_t source);
 

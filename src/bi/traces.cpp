@@ -103,7 +103,9 @@ void put_inverted_branch(const bb_meta& meta, bool follows_taken) {
   }
 }
 
-// Returns the word behind the branch. The search for the other side may flush.
+// Returns the word behind the branch. The other side may never have run, and there may be no code yet: an application that
+// writes its code piece by piece need not have written that piece. So it is not scanned before it is reached. A block for it
+// may need a flush.
 std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index, std::uint64_t target) {
   trace_state& trace = thread->active_trace;
   const bb_meta& meta = thread->metas[source_index];
@@ -111,7 +113,7 @@ std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index,
   std::uint32_t* place = meta.exit_code_addr;
   put_inverted_branch(meta, follows_taken);
   const std::uint64_t other = follows_taken ? meta.skipped_source_addr : meta.taken_source_addr;
-  const std::uint64_t found = other == head_source(thread) ? trace.entry_addr : lookup_or_scan(thread, other);
+  const std::uint64_t found = other == head_source(thread) ? trace.entry_addr : lookup_or_stub(thread, other);
   // A fragment has one exit, and there are no more fragments than places here: a branch that found none would stay a branch
   // to itself, and the application would hang in it.
   if (trace.exit_count >= MAX_TRACE_EXITS) log(LEVEL_FATAL, "trace %d has more exits than fragments", trace.id);

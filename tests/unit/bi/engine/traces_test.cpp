@@ -141,6 +141,7 @@ TEST_F(traces, an_exit_to_a_block_goes_through_a_trampoline_however_near_the_blo
 }
 
 TEST_F(traces, a_trampoline_begins_with_two_words_of_its_target_and_goes_on_behind_them) {
+  block_of(path_end);
   build_five_blocks();
   const bb_meta& record = meta(meta(BB_COUNT).trampoline);
   const std::uint64_t target = hash_lookup_entry(thread, address_of(path_end)) + 4;
@@ -151,6 +152,25 @@ TEST_F(traces, a_trampoline_begins_with_two_words_of_its_target_and_goes_on_behi
   EXPECT_EQ(record.exit_kind, EXIT_TRACE);
   EXPECT_EQ(record.exit_code_addr, tramp + 2);
   EXPECT_EQ(record.taken_source_addr, target + 8);
+}
+
+TEST_F(traces, the_other_side_of_an_exit_is_not_scanned_before_it_is_reached) {
+  build_five_blocks();
+  const std::uint64_t other = hash_lookup_entry(thread, address_of(path_end));
+  const std::int32_t id = cc_addr_to_bb_id(thread, other);
+  EXPECT_EQ(meta(id).exit_kind, EXIT_STUB_BLOCK);
+  EXPECT_EQ(words(at(other), 2), (word_list{POP_X0_X1, PUSH_X0_X1}));
+  const word_list leaves = branch_jump(at(other) + 2, address_of(path_end), id);
+  EXPECT_EQ(words(at(other) + 2, leaves.size()), leaves);
+  const std::uint32_t* tramp = at(meta(meta(BB_COUNT).trampoline).cache_entry);
+  EXPECT_EQ(*tramp, branch_word(tramp, other + 4));
+
+  EXPECT_EQ(dispatched(address_of(path_end), id), other);
+  EXPECT_EQ(meta(id).exit_kind, EXIT_DIRECT);
+  check_trace_cache(thread, BB_COUNT);
+  make_hot(id);
+  leave(path_end);
+  check_trace_cache(thread, BB_COUNT);
 }
 
 TEST_F(traces, no_word_of_an_exit_is_copied_into_a_trampoline) {
@@ -417,6 +437,7 @@ TEST(cond_branch_attributes, are_the_reach_and_the_field_of_each_kind) {
 class trace_checker_death : public trace_test {
  protected:
   trace_checker_death() {
+    block_of(path_end);
     build_five_blocks();
     check_trace_cache(thread, BB_COUNT);
   }
