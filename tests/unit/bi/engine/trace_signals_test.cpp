@@ -72,6 +72,20 @@ TEST_F(trace_signals, in_a_fragment_that_just_goes_on_the_next_ones_exit_is_trap
   EXPECT_THAT(trapped(), ElementsAre(9, 10));
 }
 
+TEST_F(trace_signals, in_a_last_fragment_without_a_condition_the_closing_branch_is_trapped_and_nothing_of_the_next_trace) {
+  const std::uint64_t loop = make_hot(block_of(path_end));
+  leave(path_end);
+  const std::int32_t id = addr_to_fragment_id(thread, loop);
+  make_hot(block_of(exit_only));
+  leave(by_return);
+  const word_list next_trace = words(at(meta(id + 1).cache_entry), 30);
+  arrive(SIGUSR1, loop + 4);
+  EXPECT_EQ(*meta(id).exit_code_addr, HVC_149);
+  EXPECT_EQ(words(at(meta(id + 1).cache_entry), 30), next_trace);
+  EXPECT_EQ(run_into(meta(id).exit_code_addr), address_of(path_end));
+  EXPECT_EQ(*meta(id).exit_code_addr, branch_word(meta(id).exit_code_addr, loop + 4));
+}
+
 TEST_F(trace_signals, a_trapped_exit_leads_where_the_application_goes_and_is_put_back) {
   const word_list before = words(at(entry_of_trace), 12);
   arrive(SIGUSR1, meta(BB_COUNT).cache_entry);

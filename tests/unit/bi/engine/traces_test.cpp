@@ -100,15 +100,25 @@ TEST_F(traces, a_path_of_more_than_21_fragments_ends_in_a_branch_to_a_block) {
 
 TEST_F(traces, one_that_ends_in_a_return_is_installed_before_that_has_run) {
   const std::uint64_t entry = make_hot(block_of(exit_only));
-  const std::uint64_t next = leave(by_return);
+  leave(by_return);
   EXPECT_EQ(thread->active_trace.active, 0u);
   EXPECT_EQ(hash_lookup_entry(thread, address_of(exit_only)), entry);
   EXPECT_EQ(meta(BB_COUNT + 1).exit_kind, EXIT_REGISTER);
-  // The snippet belongs to the fragment: the trampoline begins behind it.
-  EXPECT_EQ(*at(next), POP_X0_X1);
-  EXPECT_GE(meta(meta(BB_COUNT).trampoline).cache_entry, next + 8);
-  EXPECT_EQ(addr_to_fragment_id(thread, next + 4), BB_COUNT + 1);
   check_trace_cache(thread, BB_COUNT);
+}
+
+TEST_F(traces, the_snippet_of_an_installed_traces_last_fragment_lies_before_its_trampolines) {
+  for (int shift = 0; shift < 4; ++shift) {
+    flush_code_cache(thread);
+    thread->trace_write_cursor += 4 * shift;
+    make_hot(block_of(exit_only));
+    const std::uint64_t next = leave(by_return);
+    EXPECT_EQ(*at(next), POP_X0_X1);
+    EXPECT_EQ(at(next)[1], branch_word(at(next) + 1, meta(BB_COUNT + 1).cache_entry));
+    EXPECT_GE(meta(meta(BB_COUNT).trampoline).cache_entry, next + 8);
+    EXPECT_EQ(addr_to_fragment_id(thread, next + 4), BB_COUNT + 1);
+    check_trace_cache(thread, BB_COUNT);
+  }
 }
 
 TEST_F(traces, a_path_that_comes_to_another_trace_ends_in_a_branch_to_it) {
@@ -227,11 +237,14 @@ TEST_F(traces, a_link_that_a_trap_stands_in_place_of_is_led_to_the_trace_where_t
 TEST_F(traces, a_noted_link_whose_place_holds_something_else_by_now_is_left_alone) {
   const std::int32_t id = block_of(path_end);
   const std::int32_t other = scan_block(by_return);
+  const std::int32_t linked = scan_block(on_to_six_hundred);
+  dispatched(address_of(six_hundred_words), linked);
   record_cc_link(thread, address_of(block(other) + 3), address_of(block(id)) + 4);
-  const word_list before = words(block(other), 20);
+  record_cc_link(thread, address_of(meta(linked).exit_code_addr), address_of(block(id)) + 4);
+  const word_list before = joined({words(block(other), 20), words(block(linked), 20)});
   make_hot(id);
   leave(path_end);
-  EXPECT_EQ(words(block(other), 20), before);
+  EXPECT_EQ(joined({words(block(other), 20), words(block(linked), 20)}), before);
 }
 
 TEST_F(traces, an_exit_that_reaches_the_trace_in_its_blocks_place_goes_there_itself) {
@@ -383,6 +396,16 @@ TEST_F(traces, an_old_register_branch_that_has_missed_leaves_the_active_trace_al
   trace_dispatcher(address_of(direct), &next, BB_COUNT + 1, thread);
   EXPECT_EQ(next, hash_lookup_entry(thread, address_of(direct)));
   EXPECT_EQ(thread->active_trace.active, 1u);
+}
+
+TEST_F(traces, an_exit_that_is_not_the_newest_fragments_leaves_the_active_trace_alone) {
+  make_hot(block_of(skipped_by_eq));
+  leave(taken_by_cbnz);
+  std::uint64_t next = 0;
+  trace_dispatcher(address_of(direct), &next, BB_COUNT, thread);
+  EXPECT_EQ(next, hash_lookup_entry(thread, address_of(direct)));
+  EXPECT_EQ(thread->trace_fragment_count, 2);
+  EXPECT_EQ(thread->active_trace.exit_count, 1u);
 }
 
 TEST_F(traces, a_head_whose_code_has_changed_to_a_return_goes_on_as_a_block) {
