@@ -26,6 +26,7 @@ constexpr const char* event_names[] = {"",           "pre_inst",      "post_inst
 
 std::atomic<std::uint64_t> event_counts[MORA_FLUSH + 1];
 std::atomic<std::uint64_t> wrong_contexts;
+std::atomic<std::uint64_t> trace_fragments;
 std::uint64_t watched_address;
 int thread_mark;
 
@@ -41,7 +42,13 @@ bool is_plausible(const mora_context* ctx) {
     case MORA_POST_BB:
       // At a system call one word further than at an exit.
       return mora_get_end_addr(ctx) - mora_get_source_addr(ctx) <= 4;
-    case MORA_POST_FRAGMENT: return mora_get_fragment_type(ctx) == 0;
+    case MORA_POST_FRAGMENT: {
+      // A basic block, or a part of a trace, whose indices lie behind those of the blocks.
+      constexpr int first_of_traces = 55000;
+      const bool in_trace = mora_get_fragment_id(ctx) >= first_of_traces;
+      if (in_trace) ++trace_fragments;
+      return mora_get_fragment_type(ctx) <= 2 && in_trace == (mora_get_fragment_type(ctx) != 0);
+    }
     case MORA_PRE_SYSCALL: return mora_get_syscall_number(ctx) < 500 && mora_get_syscall_args(ctx) != nullptr;
     case MORA_POST_SYSCALL: return mora_get_syscall_number(ctx) < 500 && mora_get_syscall_number(ctx) != SYS_exit_group;
     case MORA_THREAD_INIT:
@@ -77,6 +84,7 @@ int count_event(mora_context* ctx) {
   if (ctx->event != MORA_EXIT) return 0;
   for (std::uint32_t event = 1; event <= MORA_FLUSH; ++event) tell(event_names[event], event_counts[event]);
   tell("wrong_contexts", wrong_contexts);
+  tell("trace_fragments", trace_fragments);
   return 0;
 }
 

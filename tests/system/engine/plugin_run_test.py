@@ -47,12 +47,15 @@ class Events(unittest.TestCase):
         self.assertEqual(self.output, native(program("plugin/all_events")))
 
     def test_every_event_comes(self):
-        names = [name for name in self.account if name != "wrong_contexts"]
+        names = [name for name in self.account if name not in ("wrong_contexts", "trace_fragments")]
         self.assertEqual(len(names), 18, self.account)
         self.assertEqual([name for name in names if self.account[name] == 0], [])
 
     def test_every_context_tells_what_its_event_promises(self):
         self.assertEqual(self.account["wrong_contexts"], 0)
+
+    def test_plugins_are_told_of_the_fragments_of_traces(self):
+        self.assertGreater(self.account["trace_fragments"], 0)
 
     def test_each_event_of_a_threads_life_comes_once_per_thread(self):
         self.assertEqual([self.account[name] for name in ("thread_init", "thread_exit", "clone", "exit", "elf_load")],
