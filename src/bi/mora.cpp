@@ -294,11 +294,16 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
     log(LEVEL_FATAL, "failed to add hash table entry for newly created basic block");
   }
 
+  const std::int32_t first_added = thread->next_block;
   const std::uint32_t length = scan_a64(thread, reinterpret_cast<std::uint32_t*>(source), bb_id, FRAGMENT_BLOCK, nullptr);
 
   // Exactly the words written have to be cleared: nothing else of the cache has changed. A block that was continued after
-  // a flush inside the scan lies in two ranges, one up to the end of the area and one from its start.
-  if (thread->next_block >= bb_id) {
+  // a flush inside the scan lies in two ranges, one up to the end of the area and one from its start. One that was reserved
+  // earlier is continued where the free blocks begin by now, which may be far from it.
+  if (!is_new && thread->next_block >= first_added) {
+    clear_instruction_cache(block, block + BB_SIZE);
+    clear_instruction_cache(block_address(thread, first_added), block_address(thread, thread->next_block));
+  } else if (thread->next_block >= bb_id) {
     clear_instruction_cache(block, block + length + 1);
   } else {
     clear_instruction_cache(block, thread->code_cache + BB_AREA_SIZE);
@@ -306,6 +311,21 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
   }
   return address;
 }
+
+namespace {
+
+// Scans a block that was reserved, which may have been long ago. A flush in the midst of that would begin to hand out blocks
+// from the start again and could come to this very one: it comes before, if at all. Hardly a word takes a block for itself.
+std::uint64_t scan_reserved(thread_data* thread, std::uint64_t source, std::int32_t bb_id) {
+  const std::uint64_t most = count_source_words(reinterpret_cast<const std::uint32_t*>(source));
+  if (static_cast<std::uint64_t>(thread->next_block) + most <= static_cast<std::uint64_t>(BB_FLUSH_THRESHOLD)) {
+    return scan(thread, source, bb_id);
+  }
+  flush_code_cache(thread);
+  return scan(thread, source, 0);
+}
+
+}  // namespace
 
 std::uint64_t _lookup_or_scan(thread_data* thread, std::uint64_t source, std::int32_t* out_cached) {
   log(LEVEL_TRACE, "thread_data: %p", static_cast<void*>(thread));
@@ -318,7 +338,7 @@ std::uint64_t _lookup_or_scan(thread_data* thread, std::uint64_t source, std::in
   } else {
     const std::int32_t bb_id = cc_addr_to_bb_id(thread, address);
     if (thread->metas[bb_id].exit_kind == EXIT_STUB_BLOCK) {
-      scan(thread, source, bb_id);
+      address = scan_reserved(thread, source, bb_id);
     } else {
       cached = 1;
     }

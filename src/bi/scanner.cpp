@@ -369,21 +369,29 @@ void rewrite(scan_state& state, int inst) {
   }
 }
 
-// Whether the fragment ends in a direct branch and so can become the head of a trace. SVC is walked past.
-bool ends_in_direct_branch(const std::uint32_t* read) {
+// The word that ends the fragment: its branch, or the word that it ends before. SVC is walked past.
+const std::uint32_t* find_end(const std::uint32_t* read) {
   for (;; ++read) {
-    if (begins_unreadable_page(read) || begins_its_own_block(read)) return false;
+    if (begins_unreadable_page(read) || begins_its_own_block(read)) return read;
     switch (a64_decode(read)) {
       case A64_CBZ:
       case A64_B_COND:
       case A64_TBZ:
-      case A64_B: return true;
+      case A64_B:
       case A64_BR:
       case A64_BLR:
-      case A64_RET: return false;
+      case A64_RET: return read;
       default: break;
     }
   }
+}
+
+// Whether the fragment ends in a direct branch and so can become the head of a trace.
+bool ends_in_direct_branch(const std::uint32_t* read) {
+  const std::uint32_t* end = find_end(read);
+  if (begins_unreadable_page(end)) return false;
+  const int inst = a64_decode(end);
+  return inst == A64_CBZ || inst == A64_B_COND || inst == A64_TBZ || inst == A64_B;
 }
 
 void put_hot_counter(scan_state& state) {
@@ -417,6 +425,13 @@ void scan_word(scan_state& state) {
 }
 
 }  // namespace
+
+std::uint64_t count_source_words(const std::uint32_t* read_address) {
+  if (!is_readable(read_address)) return 0;
+  // An unknown word at the start does not end it.
+  const std::uint32_t* end = find_end(begins_its_own_block(read_address) ? read_address + 1 : read_address);
+  return static_cast<std::uint64_t>(end - read_address) + 1;
+}
 
 void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t target, std::int32_t bb_id) {
   log(LEVEL_TRACE, "A64 branch target: 0x%lx", target);

@@ -36,6 +36,9 @@ static_assert(TRACE_END_SPACE + REGISTER_BRANCH_SPACE + 512 < TRACE_FRAGMENT_SPA
 std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, std::int32_t bb_id, fragment_type type,
                        std::uint32_t* write);
 
+// How many words of source code the fragment at `read_address` takes in.
+std::uint64_t count_source_words(const std::uint32_t* read_address);
+
 // Makes sure that more than `size` bytes are free between *write and *limit, by continuing the block that ends at
 // *limit in further blocks: in the adjacent one by just going on, in another one by a branch to it. A fragment of a trace
 // that has no room left is marked instead, in the thread's record, and goes on where it may do no harm.

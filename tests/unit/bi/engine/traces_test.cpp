@@ -183,6 +183,29 @@ TEST_F(traces, the_other_side_of_an_exit_is_not_scanned_before_it_is_reached) {
   check_trace_cache(thread, BB_COUNT);
 }
 
+TEST_F(traces, a_side_that_is_reached_late_is_continued_where_the_free_blocks_begin_by_then) {
+  const std::uint64_t other = lookup_or_stub(thread, address_of(much));
+  const std::int32_t id = cc_addr_to_bb_id(thread, other);
+  thread->next_block += 100;
+  const std::int32_t first_added = thread->next_block;
+  EXPECT_EQ(dispatched(address_of(much), id), other);
+  EXPECT_EQ(meta(id).exit_kind, EXIT_DIRECT);
+  EXPECT_EQ(meta(first_added).parent_block, id);
+  EXPECT_EQ(meta(first_added - 1).exit_kind, EXIT_NOT_SET);
+}
+
+TEST_F(traces, a_side_that_is_reached_when_the_blocks_run_out_is_scanned_behind_a_flush) {
+  const std::uint64_t other = lookup_or_stub(thread, address_of(six_hundred_words));
+  const std::int32_t id = cc_addr_to_bb_id(thread, other);
+  thread->next_block = BB_FLUSH_THRESHOLD - 20;  // It would need some more.
+  const std::uint64_t next = dispatched(address_of(six_hundred_words), id);
+  EXPECT_EQ(thread->flush_seen, 1u);
+  EXPECT_EQ(next, hash_lookup_entry(thread, address_of(six_hundred_words)));
+  EXPECT_EQ(cc_addr_to_bb_id(thread, next), stub_block_count());
+  EXPECT_EQ(meta(stub_block_count()).exit_kind, EXIT_DIRECT);
+  EXPECT_LT(thread->next_block, 100);
+}
+
 TEST_F(traces, no_word_of_an_exit_is_copied_into_a_trampoline) {
   // The other side is a block that consists of its exit alone, which is linked later.
   scan_block(one_ret);
