@@ -405,6 +405,18 @@ TEST_F(signals, the_end_of_the_process_traps_a_thread_in_a_block_and_ends_it_on_
   EXPECT_EQ(thread->status, THREAD_ABANDONED);
 }
 
+TEST_F(signals, the_end_of_the_process_holds_back_what_the_application_handles_but_no_fault_and_no_default_action) {
+  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
+  engine.signal_handlers[SIGSEGV] = address_of(one_ret);
+  engine.signal_handlers[SIGTERM] = 0;
+  engine.exit_flag = 1;
+  sigaddset(&ucontext.uc_sigmask, SIGHUP);
+  EXPECT_EQ(arrive(SIGUSR1, stub(dispatcher_entry_stub)), 0u);
+  std::uint64_t mask = 0;
+  std::memcpy(&mask, &ucontext.uc_sigmask, sizeof mask);
+  EXPECT_EQ(mask, std::uint64_t{1} << (SIGUSR1 - 1) | std::uint64_t{1} << (SIGHUP - 1));
+}
+
 TEST_F(signals, the_end_of_the_process_ends_a_thread_in_an_exit_where_it_stands) {
   std::thread([this] {
     current_thread = thread;
