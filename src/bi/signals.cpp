@@ -451,6 +451,9 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
 
   // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) {
+    // What has faulted, or stands at a trap of the engine's own, would do so again for ever.
+    if (fault && is_in_cache(thread, pc)) abandon_thread(thread);
+    if (fault) log(LEVEL_FATAL, "synchronous signal outside the code cache");
     stop_for_exit(thread, ucontext);
     return GO_ON;
   }

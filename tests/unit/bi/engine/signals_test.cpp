@@ -428,6 +428,32 @@ TEST_F(signals, the_end_of_the_process_ends_a_thread_in_an_exit_where_it_stands)
   EXPECT_EQ(thread->status, THREAD_ABANDONED);
 }
 
+TEST_F(signals, the_end_of_the_process_ends_a_thread_that_faults_in_a_block) {
+  std::thread([this] {
+    current_thread = thread;
+    const std::int32_t id = scan_block(loop_to_itself);
+    engine.exit_flag = 1;
+    arrive(SIGSEGV, block(id) + 2);
+    ADD_FAILURE() << "the thread has come back";
+  }).join();
+  EXPECT_EQ(thread->status, THREAD_ABANDONED);
+}
+
+TEST_F(signals, the_end_of_the_process_ends_a_thread_at_the_trap_that_raises_a_held_signal) {
+  std::thread([this] {
+    current_thread = thread;
+    engine.exit_flag = 1;
+    arrive(SIGILL, stub(reentry_raise));
+    ADD_FAILURE() << "the thread has come back";
+  }).join();
+  EXPECT_EQ(thread->status, THREAD_ABANDONED);
+}
+
+TEST_F(signals_death, a_fault_in_the_engine_aborts_the_process_even_at_its_end) {
+  engine.exit_flag = 1;
+  EXPECT_DEATH(arrive(SIGSEGV, &engine), "synchronous signal outside the code cache");
+}
+
 TEST_F(signals, a_fault_signal_that_somebody_has_sent_is_counted_wherever_it_arrives) {
   const std::int32_t id = scan_block(one_ret);
   engine.signal_handlers[SIGSEGV] = address_of(one_ret);
