@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -420,12 +421,18 @@ void mora_terminate(thread_data* thread, std::int32_t status) {
   // Pairs with the fence in syscall_handler_post, between its store of the status and its load of the flag: a thread that
   // does not find the flag there is found running here.
   std::atomic_thread_fence(std::memory_order_seq_cst);
+  block_handled_signals();
+  // Each time twice as long: a thread that takes longer for one signal than the next one takes to come would make no step
+  // between them.
+  constexpr useconds_t longest_pause = 10000;
+  useconds_t pause = 100;
   do {
     any_other_running(thread, [process](const thread_data* other) {
       raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(process), static_cast<std::uint64_t>(other->tid), SIGILL);
     });
     pthread_mutex_unlock(&engine.thread_list_lock);
-    usleep(100);
+    usleep(pause);
+    pause = std::min(2 * pause, longest_pause);
     pthread_mutex_lock(&engine.thread_list_lock);
     if (engine.thread_list == nullptr) break;
   } while (any_other_running(thread, [](const thread_data*) {}));

@@ -328,7 +328,24 @@ signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
   return GO_ON;
 }
 
-void stop_for_exit(thread_data* thread, std::uint64_t pc) {
+// The signals that the application handles, but for faults, as the kernel has them in a mask.
+std::uint64_t handled_signals() {
+  std::uint64_t mask = 0;
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    if (is_synchronous(signum)) continue;
+    const std::uint64_t handler = std::atomic_ref(engine.signal_handlers[signum]).load(std::memory_order_relaxed);
+    if (handler > 1) mask |= std::uint64_t{1} << (signum - 1);
+  }
+  return mask;
+}
+
+void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
+  const std::uint64_t pc = ucontext->uc_mcontext.pc;
+  // As in block_handled_signals, for a thread that has some way to go to its end.
+  std::uint64_t mask = 0;
+  std::memcpy(&mask, &ucontext->uc_sigmask, sizeof mask);
+  mask |= handled_signals();
+  std::memcpy(&ucontext->uc_sigmask, &mask, sizeof mask);
   if (is_in_code_range(thread, pc)) {
     const std::int32_t id = exit_owner(thread, pc);
     // In the exit nothing of the application's state matters any more.
@@ -372,6 +389,11 @@ void install_sigill_handler() {
   sigemptyset(&sigill);
   sigaddset(&sigill, SIGILL);
   sigprocmask(SIG_UNBLOCK, &sigill, nullptr);  // Whoever started the process may have had it blocked.
+}
+
+void block_handled_signals() {
+  const std::uint64_t mask = handled_signals();
+  raw_syscall(NR_RT_SIGPROCMASK, SIG_BLOCK, address_of(&mask), 0, KERNEL_SIGSET_SIZE);
 }
 
 void set_raise_trap(std::uint32_t* place) { a64_hvc(place, TRAP_RAISE); }
@@ -440,7 +462,10 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
 
   // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) {
-    stop_for_exit(thread, pc);
+    // What has faulted, or stands at a trap of the engine's own, would do so again for ever.
+    if (fault && is_in_cache(thread, pc)) abandon_thread(thread);
+    if (fault) log(LEVEL_FATAL, "synchronous signal outside the code cache");
+    stop_for_exit(thread, ucontext);
     return GO_ON;
   }
   if (fault && is_stub_point(thread, pc, reentry_raise)) {

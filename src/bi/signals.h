@@ -16,6 +16,11 @@ inline constexpr std::uint64_t KERNEL_SIGSET_SIZE = 8;
 // threads by it, and the traps that it plants raise it.
 void install_sigill_handler();
 
+// For the thread that ends the process. No handler of the application's will run any more, and a signal that is only
+// counted would keep the thread from its work: one that comes faster than it can be counted, for ever. What the
+// application has left to its default action still ends the process.
+void block_handled_signals();
+
 // Puts the trap into a thread's copy of the stub text that raises a held signal without giving up the state of SVE.
 void set_raise_trap(std::uint32_t* place);
 

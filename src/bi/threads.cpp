@@ -52,12 +52,14 @@ std::FILE* spare_stdout = nullptr;
 std::FILE* spare_stderr = nullptr;
 
 void make_spare_streams() {
+  mora_enter_callback();  // They come from the heap, and another thread's fork must not find that locked.
   pthread_mutex_lock(&spare_streams_lock);
   // For writing, not for appending: fdopen would set O_APPEND on the open file for an "a", which the parent and everyone
   // else who has the file would find set.
   if (spare_stdout == nullptr) spare_stdout = fdopen(STDOUT_FILENO, "w");
   if (spare_stderr == nullptr) spare_stderr = fdopen(STDERR_FILENO, "w");
   pthread_mutex_unlock(&spare_streams_lock);
+  mora_leave_callback();
 }
 
 // Leaves behind what the parent's streams hold unwritten and any lock that another thread had on them. A descriptor that
@@ -67,6 +69,57 @@ void take_spare_streams() {
   if (spare_stderr != nullptr) stderr = spare_stderr;
   spare_stdout = nullptr;
   spare_stderr = nullptr;
+}
+
+// Threads that have left the engine for good and are in the C library's end of a thread, which takes locks of the heap and
+// of the library's own. A fork waits until the kernel knows them no more: a child would find such a lock held for ever.
+// Only a thread that holds callbacks_lock, shared, adds itself, so that none comes while a fork waits with the lock to
+// itself.
+constexpr std::size_t ENDING_THREADS_MAX = 64;
+pthread_mutex_t ending_threads_lock = PTHREAD_MUTEX_INITIALIZER;
+std::int32_t ending_threads[ENDING_THREADS_MAX];
+std::size_t ending_thread_count = 0;
+
+// The caller holds ending_threads_lock.
+void forget_gone_threads() {
+  constexpr std::uint64_t no_signal = 0;
+  const auto process = static_cast<std::uint64_t>(getpid());
+  const auto is_gone = [process](std::int32_t tid) {
+    return raw_syscall(SYS_tgkill, process, static_cast<std::uint64_t>(tid), no_signal) == -ESRCH;
+  };
+  auto* end = std::remove_if(ending_threads, ending_threads + ending_thread_count, is_gone);
+  ending_thread_count = static_cast<std::size_t>(end - ending_threads);
+}
+
+// Whether at most `most` of them are left.
+bool are_ending_at_most(std::size_t most) {
+  pthread_mutex_lock(&ending_threads_lock);
+  if (ending_thread_count > most) forget_gone_threads();
+  const bool result = ending_thread_count <= most;
+  pthread_mutex_unlock(&ending_threads_lock);
+  return result;
+}
+
+void wait_for_ending_threads(std::size_t most) {
+  while (!are_ending_at_most(most)) sched_yield();
+}
+
+void note_ending_thread(std::int32_t tid) {
+  for (bool noted = false; !noted;) {
+    wait_for_ending_threads(ENDING_THREADS_MAX - 1);
+    pthread_mutex_lock(&ending_threads_lock);
+    noted = ending_thread_count < ENDING_THREADS_MAX;
+    if (noted) ending_threads[ending_thread_count++] = tid;
+    pthread_mutex_unlock(&ending_threads_lock);
+  }
+}
+
+// A new thread may have the id of one that is gone; a fork would wait for the new one.
+void forget_ending_thread(std::int32_t tid) {
+  pthread_mutex_lock(&ending_threads_lock);
+  auto* end = std::remove(ending_threads, ending_threads + ending_thread_count, tid);
+  ending_thread_count = static_cast<std::size_t>(end - ending_threads);
+  pthread_mutex_unlock(&ending_threads_lock);
 }
 
 // The engine's locks, in the order in which they are taken where more than one is held.
@@ -99,6 +152,7 @@ void init_all_locks() {
   pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
   pthread_mutex_init(&engine.protected_ranges.lock, nullptr);
   pthread_mutex_init(&spare_streams_lock, nullptr);
+  pthread_mutex_init(&ending_threads_lock, nullptr);
 }
 
 // Whether the process has begun to end. The caller holds thread_list_lock, under which mora_terminate sets the flag: the
@@ -140,7 +194,7 @@ int create_pthread(thread_data* child) {
   pthread_attr_setstacksize(&attributes, THREAD_STACK_SIZE);
   pthread_attr_setguardsize(&attributes, THREAD_GUARD_SIZE);
   pthread_t handle{};
-  mora_enter_callback();  // It uses the heap, and a fork's child must not find that locked.
+  mora_enter_callback();  // It uses the heap as well.
   const int error = pthread_create(&handle, &attributes, thread_start_stub, child);
   mora_leave_callback();
   pthread_attr_destroy(&attributes);
@@ -216,8 +270,10 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
   std::int32_t child_tid_word = 0;
   thread->clone_shares_vm = 1;
   thread_data* child = nullptr;
+  mora_enter_callback();  // Part of a record is on the heap, and a fork's child must not find that locked.
   if (!allocate_thread_data(&child)) log(LEVEL_FATAL, "failed to allocate thread data");
   init_thread(child);
+  mora_leave_callback();
   child->clone_resume_addr = next_inst;
   child->set_tid = &child_tid_word;
   child->clone_args = args;
@@ -245,6 +301,7 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   thread->child_stack = args[1];
   thread->engine_sp = engine_sp;
   thread->tid = gettid();
+  forget_ending_thread(thread->tid);
   if ((args[0] & CLONE_PARENT_SETTID) != 0) store_tid(args[2], thread->tid);
   if ((args[0] & CLONE_CHILD_SETTID) != 0) store_tid(args[4], thread->tid);
   if ((args[0] & CLONE_CHILD_CLEARTID) != 0) {
@@ -301,10 +358,14 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   // lock that is held then: a thread of the parent's that comes to new code waits until the child has gone.
   thread->clone_holds_locks = (flags & CLONE_VFORK) == 0 ? 1 : 0;
   if (thread->clone_holds_locks == 0) {
-    if (engine.plugin_count != 0) pthread_rwlock_wrlock(&engine.callbacks_lock);
+    if (engine.plugin_count != 0) {
+      pthread_rwlock_wrlock(&engine.callbacks_lock);
+      wait_for_ending_threads(0);
+    }
     return;
   }
   lock_all();
+  wait_for_ending_threads(0);
   if (!is_ending()) return;
   // Natively no child would come to be any more.
   unlock_all();
@@ -340,6 +401,7 @@ void reinit_after_fork(thread_data* thread) {
   free_other_threads(thread);
   engine.thread_list = thread;
   thread->next = nullptr;
+  ending_thread_count = 0;
   take_spare_streams();
   deliver_thread_init(thread);
 }
@@ -363,7 +425,10 @@ void end_thread(thread_data* thread, std::int32_t status) {
   std::int32_t* library_tid_word = thread->library_tid_word;
   std::int32_t* application_tid_word = thread->application_tid_word;
   current_thread = nullptr;
+  mora_enter_callback();
   free_thread_data(thread);
+  if (engine_sp != 0) note_ending_thread(gettid());
+  mora_leave_callback();
   // The process's first thread has no frame of the C library to return through: its function is the tool's main, which
   // must not return while other threads run. The kernel clears the application's word, the only one that it knows of.
   if (engine_sp == 0) raw_syscall(SYS_exit, static_cast<std::uint64_t>(status));

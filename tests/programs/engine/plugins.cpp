@@ -1,5 +1,6 @@
 // Plug-ins that see events, count instructions, and interfere with system calls.
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -159,11 +160,34 @@ void add_system_calls() {
   });
 }
 
+// forks: what a thread finds at its thread_init, in the process that begins and in those forked from it. -----------------
+
+int forking_thread_mark;
+
+void add_forks() {
+  function_watch_set_manual(1);
+  mora_context* plugin = mora_add_plugin();
+  mora_on_thread_init(plugin, [](mora_context* ctx) {
+    static const pid_t first_process = getpid();
+    if (getpid() == first_process) {
+      tell("thread_init", 1);
+      mora_set_thread_data(ctx, &forking_thread_mark);
+      return 0;
+    }
+    tell("thread_init_in_child", 1);
+    tell("child_is_alone", mora_get_next_thread(ctx) == nullptr);
+    tell("child_keeps_its_data", mora_get_thread_data(ctx) == &forking_thread_mark);
+    tell("child_has_its_own_id", mora_get_thread_id(ctx) == gettid());
+    return 0;
+  });
+}
+
 }  // namespace
 
 const std::vector<plugin> plugins = {{"events", add_events},
                                      {"instructions", add_instructions},
                                      {"system_calls", add_system_calls},
+                                     {"forks", add_forks},
                                      {"blocks_called", add_blocks_called},
                                      {"blocks_called_by_constants", add_blocks_called_by_constants},
                                      {"watched_entries", add_watched_entries},

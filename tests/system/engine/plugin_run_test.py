@@ -74,6 +74,14 @@ class Events(unittest.TestCase):
         self.assertEqual([self.account["pre_function"], self.account["post_function"]], [2, 2])
 
 
+class Forks(unittest.TestCase):
+    def test_the_child_of_a_fork_has_a_thread_init_of_its_own_with_the_data_of_the_thread_that_forked(self):
+        output, account = run("forks", program("plugin/fork_child"))
+        self.assertEqual(output, native(program("plugin/fork_child")))
+        self.assertEqual(account, {name: 1 for name in ("thread_init", "thread_init_in_child", "child_is_alone",
+                                                        "child_keeps_its_data", "child_has_its_own_id")})
+
+
 class Instructions(unittest.TestCase):
     def test_inline_counters_give_the_number_known_of_a_loop(self):
         loop = os.path.join(build, "tests/emulator_plugin/counted_loop")

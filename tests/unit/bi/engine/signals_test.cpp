@@ -405,6 +405,18 @@ TEST_F(signals, the_end_of_the_process_traps_a_thread_in_a_block_and_ends_it_on_
   EXPECT_EQ(thread->status, THREAD_ABANDONED);
 }
 
+TEST_F(signals, the_end_of_the_process_holds_back_what_the_application_handles_but_no_fault_and_no_default_action) {
+  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
+  engine.signal_handlers[SIGSEGV] = address_of(one_ret);
+  engine.signal_handlers[SIGTERM] = 0;
+  engine.exit_flag = 1;
+  sigaddset(&ucontext.uc_sigmask, SIGHUP);
+  EXPECT_EQ(arrive(SIGUSR1, stub(dispatcher_entry_stub)), 0u);
+  std::uint64_t mask = 0;
+  std::memcpy(&mask, &ucontext.uc_sigmask, sizeof mask);
+  EXPECT_EQ(mask, std::uint64_t{1} << (SIGUSR1 - 1) | std::uint64_t{1} << (SIGHUP - 1));
+}
+
 TEST_F(signals, the_end_of_the_process_ends_a_thread_in_an_exit_where_it_stands) {
   std::thread([this] {
     current_thread = thread;
@@ -414,6 +426,32 @@ TEST_F(signals, the_end_of_the_process_ends_a_thread_in_an_exit_where_it_stands)
     ADD_FAILURE() << "the thread has come back";
   }).join();
   EXPECT_EQ(thread->status, THREAD_ABANDONED);
+}
+
+TEST_F(signals, the_end_of_the_process_ends_a_thread_that_faults_in_a_block) {
+  std::thread([this] {
+    current_thread = thread;
+    const std::int32_t id = scan_block(loop_to_itself);
+    engine.exit_flag = 1;
+    arrive(SIGSEGV, block(id) + 2);
+    ADD_FAILURE() << "the thread has come back";
+  }).join();
+  EXPECT_EQ(thread->status, THREAD_ABANDONED);
+}
+
+TEST_F(signals, the_end_of_the_process_ends_a_thread_at_the_trap_that_raises_a_held_signal) {
+  std::thread([this] {
+    current_thread = thread;
+    engine.exit_flag = 1;
+    arrive(SIGILL, stub(reentry_raise));
+    ADD_FAILURE() << "the thread has come back";
+  }).join();
+  EXPECT_EQ(thread->status, THREAD_ABANDONED);
+}
+
+TEST_F(signals_death, a_fault_in_the_engine_aborts_the_process_even_at_its_end) {
+  engine.exit_flag = 1;
+  EXPECT_DEATH(arrive(SIGSEGV, &engine), "synchronous signal outside the code cache");
 }
 
 TEST_F(signals, a_fault_signal_that_somebody_has_sent_is_counted_wherever_it_arrives) {
