@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """What the engine costs, counted in instructions by a plug-in of the user-mode emulator (tests/emulator_plugin).
 
-engine_cost.py [--tracer] [--traces on|off|both] [--build DIR] [--list FILE] [--root DIR] [--hot N] [--json FILE] [PATTERN]
+engine_cost.py [--tracer] [--traces on|off|both] [--build DIR] [--list FILE] [--root DIR] [--hot N] [--json FILE]
+               [PATTERN]
 
 Runs each program of a list natively and under the bare engine, and prints what they executed:
 
@@ -19,9 +20,10 @@ Runs each program of a list natively and under the bare engine, and prints what 
 The same run gives the same figures, to a few instructions in a million (addresses and process ids differ), whatever else
 the machine does. Times are nobody's business here. --tracer runs the tool itself in place of the bare engine, in its bintracer
 phase over the whole application: what the tracer adds is the difference of the two, its counters in "cache" and all
-else, the result file included, in "engine". --traces tells whether hot
-paths become traces, which only the bare engine can be told to leave: with "both" each program is run once without and once with
-them, and a table at the end has the two side by side. --hot prints the N functions that most engine instructions were spent in. --json writes the figures as a list of objects.
+else, the result file included, in "engine". --traces tells
+whether hot paths become traces, which only the bare engine can be told to leave: with "both" each program is run once
+without and once with them, and a table at the end has the two side by side. --hot prints the N functions that most
+engine instructions were spent in. --json writes the figures as a list of objects.
 PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or status is not that of the native
 run, or a count cannot be right.
 """
@@ -220,7 +222,8 @@ def print_row(row):
 
 def print_comparison(rows):
     """The runs without and with traces, side by side. One that costs more with them is marked."""
-    print(f"\n{'program':<14}{'native':>14}{'without traces':>16}{'ratio':>7}{'with traces':>16}{'ratio':>7}{'change':>9}")
+    print(f"\n{'program':<14}{'native':>14}{'without traces':>16}{'ratio':>7}{'with traces':>16}{'ratio':>7}"
+          f"{'change':>9}")
     for off, on in zip(rows[::2], rows[1::2]):
         change = on["engine_run"] / off["engine_run"] - 1
         print(f"{on['program']:<14}{on['native']:>14,}{off['engine_run']:>16,}{off['ratio']:>7.2f}"

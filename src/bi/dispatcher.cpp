@@ -100,7 +100,8 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
         link_first_side(thread, meta, target, entry);
       }
       break;
-    // A register branch looks its target up by itself each time; a block that was not scanned yet has become the target.
+    // A register branch looks its target up by itself each time; a block that was not scanned yet has become the
+    // target.
     default: break;
   }
 }

@@ -22,8 +22,8 @@ void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t
 void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, const std::uint32_t* read_address,
                     std::uint32_t reg, bool link, bool set_meta);
 
-// Whether the pool has the records for `count` more links. A link without a record could not be led elsewhere later, and
-// there can be more links than the pool holds: a flush gives all of them back.
+// Whether the pool has the records for `count` more links. A link without a record could not be led elsewhere later,
+// and there can be more links than the pool holds: a flush gives all of them back.
 bool has_links_to_spare(linked_pool* pool, std::uint32_t count);
 
 }  // namespace ceilmeter

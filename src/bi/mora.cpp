@@ -298,9 +298,9 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
   const std::int32_t first_added = thread->next_block;
   const std::uint32_t length = scan_a64(thread, reinterpret_cast<std::uint32_t*>(source), bb_id, FRAGMENT_BLOCK, nullptr);
 
-  // Exactly the words written have to be cleared: nothing else of the cache has changed. A block that was continued after
-  // a flush inside the scan lies in two ranges, one up to the end of the area and one from its start. One that was reserved
-  // earlier is continued where the free blocks begin by now, which may be far from it.
+  // Exactly the words written have to be cleared: nothing else of the cache has changed. A block that was continued
+  // after a flush inside the scan lies in two ranges, one up to the end of the area and one from its start. One that
+  // was reserved earlier is continued where the free blocks begin by now, which may be far from it.
   if (!is_new && thread->next_block >= first_added) {
     clear_instruction_cache(block, block + BB_SIZE);
     clear_instruction_cache(block_address(thread, first_added), block_address(thread, thread->next_block));
@@ -315,8 +315,9 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
 
 namespace {
 
-// Scans a block that was reserved, which may have been long ago. A flush in the midst of that would begin to hand out blocks
-// from the start again and could come to this very one: it comes before, if at all. Hardly a word takes a block for itself.
+// Scans a block that was reserved, which may have been long ago. A flush in the midst of that would begin to hand out
+// blocks from the start again and could come to this very one: it comes before, if at all. Hardly a word takes a block
+// for itself.
 std::uint64_t scan_reserved(thread_data* thread, std::uint64_t source, std::int32_t bb_id) {
   const std::uint64_t most = count_source_words(reinterpret_cast<const std::uint32_t*>(source));
   if (static_cast<std::uint64_t>(thread->next_block) + most <= static_cast<std::uint64_t>(BB_FLUSH_THRESHOLD)) {

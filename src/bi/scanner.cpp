@@ -442,8 +442,9 @@ void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t t
 
 void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size) {
   if (address_of(*limit) == reinterpret_cast<std::uint64_t>(thread->code_cache) + CODE_CACHE_SIZE) {
-    // A fragment of a trace has no further block to go on in. One that does not fit is scanned to its end all the same, over
-    // its own first words: plug-ins are told where it ends, and that must not depend on where it lies. Nobody runs it.
+    // A fragment of a trace has no further block to go on in. One that does not fit is scanned to its end all the same,
+    // over its own first words: plug-ins are told where it ends, and that must not depend on where it lies. Nobody runs
+    // it.
     if (address_of(*limit) > address_of(*write) + size + TRACE_END_SPACE) return;
     thread->trace_fragment_overflow = 1;
     *write = thread->trace_fragment_start;

@@ -22,11 +22,12 @@ enum fragment_type : std::uint32_t {
 inline constexpr std::uint32_t EXIT_SPACE = 60;
 inline constexpr std::uint32_t REGISTER_BRANCH_SPACE = 88;
 
-// Bytes that fragments leave free at the end of the trace area: for a snippet of two words, and for the trampolines of a
-// trace's exits, each of which may take 32 bytes with what comes before it.
+// Bytes that fragments leave free at the end of the trace area: for a snippet of two words, and for the trampolines of
+// a trace's exits, each of which may take 32 bytes with what comes before it.
 inline constexpr std::uint32_t TRACE_TRAMPOLINE_SPACE = MAX_TRACE_EXITS * 32 + 16;
 inline constexpr std::uint32_t TRACE_END_SPACE = TRACE_TRAMPOLINE_SPACE + 8;
-// Bytes that have to be free there when a fragment begins: besides those, for what is written between two looks at the room.
+// Bytes that have to be free there when a fragment begins: besides those, for what is written between two looks at the
+// room.
 inline constexpr std::uint32_t TRACE_FRAGMENT_SPACE = 0x600;
 static_assert(TRACE_FRAGMENT_SPACE < CODE_CACHE_SIZE - TRACE_HIGH_WATER);
 static_assert(TRACE_END_SPACE + REGISTER_BRANCH_SPACE + 512 < TRACE_FRAGMENT_SPACE);
@@ -40,8 +41,8 @@ std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, s
 std::uint64_t count_source_words(const std::uint32_t* read_address);
 
 // Makes sure that more than `size` bytes are free between *write and *limit, by continuing the block that ends at
-// *limit in further blocks: in the adjacent one by just going on, in another one by a branch to it. A fragment of a trace
-// that has no room left is marked instead, in the thread's record, and goes on where it may do no harm.
+// *limit in further blocks: in the adjacent one by just going on, in another one by a branch to it. A fragment of a
+// trace that has no room left is marked instead, in the thread's record, and goes on where it may do no harm.
 void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size);
 
 // The last part of an exit: x0 gets the target, x1 the index of the block, then the dispatcher. The application's x0 and

@@ -136,9 +136,9 @@ bool eval_tbz(const mcontext_t& context, const bb_meta& meta) {
   return ((register_value(context, meta.rn & 0x1f) & mask) == 0) != (meta.exit_condition != 0);
 }
 
-// How many bytes of a direct exit a trap replaces: those that a link may have made a way out. In the middle of a trace that
-// is the one branch that leaves it: the word behind it is the next fragment's, and may be the first of that one's exit,
-// with a trap of its own. Only the last fragment of a trace has a second way out, its closing branch.
+// How many bytes of a direct exit a trap replaces: those that a link may have made a way out. In the middle of a trace
+// that is the one branch that leaves it: the word behind it is the next fragment's, and may be the first of that one's
+// exit, with a trap of its own. Only the last fragment of a trace has a second way out, its closing branch.
 std::uint32_t get_direct_branch_exit_trap_sz(const bb_meta& meta, std::int32_t fragment_id) {
   const bool both = (meta.link_state & LINK_BOTH) != 0;
   switch (meta.exit_kind) {

@@ -33,8 +33,8 @@ bool has_deliverable_signal(thread_data* thread);
 // Makes sure that the fragment's next pass through its exit comes to the engine. `pc` is where the thread stands.
 void trap_fragment_exit(thread_data* thread, std::int32_t fragment_id, std::uint64_t pc);
 
-// Where the word of an exit at `place` is kept: there, or, while a trap stands in its place, in its fragment's record. To be
-// read, and changed, in a trap's stead: the trap itself has to stay until the thread passes it.
+// Where the word of an exit at `place` is kept: there, or, while a trap stands in its place, in its fragment's record.
+// To be read, and changed, in a trap's stead: the trap itself has to stay until the thread passes it.
 std::uint32_t* untrapped_word(thread_data* thread, std::uint32_t* place);
 
 }  // namespace ceilmeter

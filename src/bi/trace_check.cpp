@@ -1,5 +1,5 @@
-// The checker reads what is written in the cache and compares it with the records and the table: none of the code that wrote
-// it is asked again. What a fragment or a link leads to is taken from the words.
+// The checker reads what is written in the cache and compares it with the records and the table: none of the code that
+// wrote it is asked again. What a fragment or a link leads to is taken from the words.
 #include "bi/trace_check.h"
 
 #include "bi/a64/a64.h"
@@ -65,7 +65,8 @@ void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, 
       const std::uint32_t* original = words_at(rejoins) - copied;
       bool same = true;
       for (std::uint64_t word = 0; word < copied; ++word) same = same && words_at(to)[word] == original[word];
-      const bool moved = copied == 2 && words_at(to)[0] == NOP && words_at(to)[1] == NOP && is_in_traces(thread, rejoins);
+      const bool blank = copied == 2 && words_at(to)[0] == NOP && words_at(to)[1] == NOP;
+      const bool moved = blank && is_in_traces(thread, rejoins);
       demand(same || moved, "a trampoline's words are not those that it stands for", to, rejoins);
       arrives = moved && rejoins == entry_of(thread, source) ? rejoins : address_of(original);
     }
@@ -108,7 +109,8 @@ void check_sense(const bb_meta& fragment, std::uint32_t word, int inst, bool fol
       size_or_bit |= b5 << 5;
       break;
   }
-  const int expected = fragment.exit_kind == EXIT_B_COND ? A64_B_COND : fragment.exit_kind == EXIT_CBZ ? A64_CBZ : A64_TBZ;
+  const std::uint32_t kind = fragment.exit_kind;
+  const int expected = kind == EXIT_B_COND ? A64_B_COND : kind == EXIT_CBZ ? A64_CBZ : A64_TBZ;
   const std::uint64_t where = address_of(fragment.exit_code_addr);
   demand(inst == expected, "an exit is of another kind than its fragment", where, word);
   demand(sense == (fragment.exit_condition ^ (follows_taken ? 1 : 0)), "an exit has the wrong sense", where, word);
@@ -119,7 +121,8 @@ void check_sense(const bb_meta& fragment, std::uint32_t word, int inst, bool fol
 const std::uint32_t* end_of_register_branch(const thread_data* thread, const bb_meta& fragment) {
   const std::uint32_t* word = fragment.exit_code_addr;
   for (; word < fragment.exit_code_addr + REGISTER_BRANCH_SPACE / 4; ++word) {
-    if (a64_decode(word) == A64_B && branch_destination(*word, A64_B, word) == thread->dispatcher_stub_addr) return word + 1;
+    const bool is_branch = a64_decode(word) == A64_B;
+    if (is_branch && branch_destination(*word, A64_B, word) == thread->dispatcher_stub_addr) return word + 1;
   }
   demand(false, "a register branch has no way to the dispatcher", address_of(fragment.exit_code_addr), 0);
   return word;
@@ -137,7 +140,8 @@ std::int32_t check_trace(thread_data* thread, std::int32_t first) {
     const bb_meta& next = thread->metas[id + 1];
     const std::uint32_t* exit = fragment.exit_code_addr;
     const std::uint64_t where = address_of(exit);
-    demand(id < thread->trace_id && id - first < MAX_TRACE_FRAGMENTS, "a trace has no end", fragment.cache_entry, where);
+    const bool may_be = id < thread->trace_id && id - first < MAX_TRACE_FRAGMENTS;
+    demand(may_be, "a trace has no end", fragment.cache_entry, where);
     demand(where >= fragment.cache_entry && is_in_traces(thread, where), "a fragment's exit lies outside", where, 0);
     if (fragment.exit_kind == EXIT_REGISTER) {
       check_inner_branches(thread, fragment, end_of_register_branch(thread, fragment));
@@ -165,7 +169,8 @@ std::int32_t check_trace(thread_data* thread, std::int32_t first) {
       demand(a64_decode(&word) == A64_B, "a trace has no closing branch", address_of(behind), word);
       check_way(thread, address_of(behind), branch_destination(word, A64_B, behind), path);
     } else {
-      demand(next.cache_entry == address_of(behind), "a fragment does not follow the one before", next.cache_entry, where);
+      demand(next.cache_entry == address_of(behind), "a fragment does not follow the one before", next.cache_entry,
+             where);
       demand(next.source_addr == path, "a trace does not follow the application's path", next.cache_entry, path);
     }
   }

@@ -1,7 +1,7 @@
 // The installation of a trace.
 //
 //   an exit of the trace, as built   b.!cond .        offset 0, into which the target's is ORed
-//   installed                        b.!cond target   target: an entry + 4 of a trace, if it is in reach, else a trampoline
+//   installed                        b.!cond target   a trace's entry + 4, if it is in reach, else a trampoline
 //
 //   a trampoline, 16 bytes           word             up to two words of the target's code,
 //                                    word
@@ -12,8 +12,9 @@
 //   the exit's reach                 b trace + 4
 //                                    nop
 //
-// An exit to a block always goes through a trampoline, however near the block: the exit's branch is noted in the block's
-// list, and whatever replaces the block may lie further than a conditional branch reaches, where a B gets to any place.
+// An exit to a block always goes through a trampoline, however near the block: the exit's branch is noted in the
+// block's list, and whatever replaces the block may lie further than a conditional branch reaches, where a B gets to
+// any place.
 #include "bi/trace_install.h"
 
 #include "bi/a64/a64.h"
@@ -98,7 +99,8 @@ void patch_trace_branches(thread_data* thread, std::uint32_t* place, std::uint64
       move_trampoline(thread, branch_destination(*word, inst, place), to);
     }
   } else {
-    log(LEVEL_FATAL, "[install_trace] Linking instruction unknown at %p instruction %d", static_cast<void*>(place), inst);
+    log(LEVEL_FATAL, "[install_trace] Linking instruction unknown at %p instruction %d", static_cast<void*>(place),
+        inst);
   }
   if (word != place) count_trace_event(trace_counts.moved_under_trap);
 }

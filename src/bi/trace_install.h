@@ -20,7 +20,8 @@ cond_branch_attributes get_cond_branch_attributes(const std::uint32_t* place, in
 // Where the branch word of class `inst`, if it stood at `place`, goes to.
 std::uint64_t branch_destination(std::uint32_t word, int inst, const std::uint32_t* place);
 
-// Puts the active trace in the place of its head block. The code behind its last exit is complete, `write` is behind it.
+// Puts the active trace in the place of its head block. The code behind its last exit is complete, `write` is behind
+// it.
 void install_trace(thread_data* thread);
 
 // The records of links that one trace may need.

@@ -9,9 +9,9 @@
 //                  ldp x0, x1, [sp], #16        the snippet that the newest fragment is entered by, once
 //                  b   the fragment's first word
 //
-// Only the newest fragment ever runs before the installation, from its snippet to its exit stub, so that no branch without
-// a target is reached. It stays so when a signal's handler comes between, since what was interrupted is always resumed by
-// its source address; the trace is then given up when the next head is hot.
+// Only the newest fragment ever runs before the installation, from its snippet to its exit stub, so that no branch
+// without a target is reached. It stays so when a signal's handler comes between, since what was interrupted is always
+// resumed by its source address; the trace is then given up when the next head is hot.
 #include "bi/traces.h"
 
 #include <atomic>
@@ -44,8 +44,8 @@ constexpr std::uint32_t POP_X0_X1 = 0xa8c107e0;  // ldp x0, x1, [sp], #16
 std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 void clear_instruction_cache(const std::uint32_t* begin, const std::uint32_t* end) {
-  // The words were written by this thread, which runs them after its way back into the cache: the clearing ends with the
-  // barriers that this takes.
+  // The words were written by this thread, which runs them after its way back into the cache: the clearing ends with
+  // the barriers that this takes.
   __builtin___clear_cache(reinterpret_cast<char*>(const_cast<std::uint32_t*>(begin)),
                           reinterpret_cast<char*>(const_cast<std::uint32_t*>(end)));
 }
@@ -54,7 +54,9 @@ bool is_direct_exit(std::uint32_t kind) {
   return kind == EXIT_DIRECT || kind == EXIT_B_COND || kind == EXIT_CBZ || kind == EXIT_TBZ;
 }
 
-std::uint64_t head_source(const thread_data* thread) { return thread->metas[thread->active_trace.source_bb].source_addr; }
+std::uint64_t head_source(const thread_data* thread) {
+  return thread->metas[thread->active_trace.source_bb].source_addr;
+}
 
 // Scans the source into the fragment `id` at `write`. Returns the word behind its last one.
 std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_type type, std::int32_t id,
@@ -103,9 +105,9 @@ void put_inverted_branch(const bb_meta& meta, bool follows_taken) {
   }
 }
 
-// Returns the word behind the branch. The other side may never have run, and there may be no code yet: an application that
-// writes its code piece by piece need not have written that piece. So it is not scanned before it is reached. A block for it
-// may need a flush.
+// Returns the word behind the branch. The other side may never have run, and there may be no code yet: an application
+// that writes its code piece by piece need not have written that piece. So it is not scanned before it is reached. A
+// block for it may need a flush.
 std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index, std::uint64_t target) {
   trace_state& trace = thread->active_trace;
   const bb_meta& meta = thread->metas[source_index];
@@ -114,8 +116,8 @@ std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index,
   put_inverted_branch(meta, follows_taken);
   const std::uint64_t other = follows_taken ? meta.skipped_source_addr : meta.taken_source_addr;
   const std::uint64_t found = other == head_source(thread) ? trace.entry_addr : lookup_or_stub(thread, other);
-  // A fragment has one exit, and there are no more fragments than places here: a branch that found none would stay a branch
-  // to itself, and the application would hang in it.
+  // A fragment has one exit, and there are no more fragments than places here: a branch that found none would stay a
+  // branch to itself, and the application would hang in it.
   if (trace.exit_count >= MAX_TRACE_EXITS) log(LEVEL_FATAL, "trace %d has more exits than fragments", trace.id);
   trace.exits[trace.exit_count++] = {address_of(place), found + ENTRY_WORD_SIZE, source_index};
   clear_instruction_cache(place, place + 1);
@@ -156,8 +158,8 @@ void close_in_block(thread_data* thread, std::int32_t source_index, std::uint32_
   close_trace(thread, source_index, write, entry, next_addr);
 }
 
-// LDP x0, x1 and a branch to the fragment, behind it: the dispatcher's way back has left both on the stack, and the fragment,
-// which is fallen into from the next run on, has no entry word.
+// LDP x0, x1 and a branch to the fragment, behind it: the dispatcher's way back has left both on the stack, and the
+// fragment, which is fallen into from the next run on, has no entry word.
 std::uint32_t* put_entry_snippet(std::uint32_t* at, const std::uint32_t* fragment) {
   at[0] = POP_X0_X1;
   a64_branch(at + 1, address_of(fragment));
@@ -233,7 +235,8 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   }
   thread->flush_seen = 0;
   auto* entry = reinterpret_cast<std::uint32_t*>(thread->trace_write_cursor);
-  log(LEVEL_TRACE, "bb: %d, source: %p, ret to: 0x%lx", source_index, reinterpret_cast<void*>(source), address_of(entry));
+  log(LEVEL_TRACE, "bb: %d, source: %p, ret to: 0x%lx", source_index, reinterpret_cast<void*>(source),
+      address_of(entry));
   trace.id = thread->trace_id;
   trace.source_bb = source_index;
   trace.active = 1;
@@ -241,8 +244,8 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   trace.write = entry;
   trace.exit_count = 0;
   count_trace_event(trace_counts.started);
-  log(LEVEL_TRACE, "Create trace: %d (%p), source_bb: %d, entry: %lx", trace.id, static_cast<void*>(entry), source_index,
-      trace.entry_addr);
+  log(LEVEL_TRACE, "Create trace: %d (%p), source_bb: %d, entry: %lx", trace.id, static_cast<void*>(entry),
+      source_index, trace.entry_addr);
   log(LEVEL_TRACE, "Trace head: %p at 0x%lx", reinterpret_cast<void*>(source), trace.entry_addr);
   ret[0] = trace.entry_addr;
 
@@ -266,9 +269,10 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   ++thread->trace_fragment_count;
   log(LEVEL_TRACE, "len: %d", static_cast<int>(end - entry + 1) * 4);
   if (!is_direct_exit(thread->metas[id].exit_kind)) {
-    // The application has changed the code since the block was made of it, or has taken it away: no trace begins here, and
-    // the block goes on as it would have without one.
-    log(LEVEL_DEBUG, "disallowed type of exit in the first trace fragment: %d", static_cast<int>(thread->metas[id].exit_kind));
+    // The application has changed the code since the block was made of it, or has taken it away: no trace begins here,
+    // and the block goes on as it would have without one.
+    log(LEVEL_DEBUG, "disallowed type of exit in the first trace fragment: %d",
+        static_cast<int>(thread->metas[id].exit_kind));
     trace.id = thread->trace_id;
     go_on_in_block(thread, source, ret);
   }
@@ -301,7 +305,8 @@ void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32
     *next_addr = lookup_or_scan(thread, target);
     return;
   }
-  meta.link_state = meta.exit_kind == EXIT_DIRECT || target == meta.taken_source_addr ? LINK_TAKEN_FIRST : LINK_SKIPPED_FIRST;
+  const bool follows_taken = meta.exit_kind == EXIT_DIRECT || target == meta.taken_source_addr;
+  meta.link_state = follows_taken ? LINK_TAKEN_FIRST : LINK_SKIPPED_FIRST;
   *next_addr = address_of(write);
   trace.write = write;
 

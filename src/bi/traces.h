@@ -1,7 +1,7 @@
-// Hot paths. A block that has run often becomes the head of a trace: its code and that of the blocks that really follow it,
-// laid out one behind the other in the trace area, so that the path runs without a taken branch up to its end. A trace is
-// built while it runs for the first time, a fragment at each pass through the dispatcher, and nobody else can reach it until
-// it is installed: until then its exits have no targets.
+// Hot paths. A block that has run often becomes the head of a trace: its code and that of the blocks that really follow
+// it, laid out one behind the other in the trace area, so that the path runs without a taken branch up to its end. A
+// trace is built while it runs for the first time, a fragment at each pass through the dispatcher, and nobody else can
+// reach it until it is installed: until then its exits have no targets.
 //
 // All of it belongs to one thread, as its code cache does.
 #pragma once
@@ -12,11 +12,12 @@
 
 namespace ceilmeter {
 
-// From the dispatcher, for an exit of a fragment beyond the basic blocks: goes on with the trace that the fragment is the
-// last one of, or just finds the block for `target`. *next_addr receives the cache address to go on at.
+// From the dispatcher, for an exit of a fragment beyond the basic blocks: goes on with the trace that the fragment is
+// the last one of, or just finds the block for `target`. *next_addr receives the cache address to go on at.
 void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32_t source_index, thread_data* thread);
 
-// What has become of traces in this process, all threads together. Written by every thread as it goes, each number by itself.
+// What has become of traces in this process, all threads together. Written by every thread as it goes, each number by
+// itself.
 struct trace_statistics {
   std::uint64_t started;
   std::uint64_t installed;

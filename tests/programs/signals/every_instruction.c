@@ -4,10 +4,10 @@
 // ONE: the program goes from its getppid into a loop that only a signal ends. Where it comes by on its first STEPS
 // instructions is learned by single steps; then it is stopped at every STRIDE-th of these places, by a breakpoint, and
 // sent its signal there. NESTED: it is sent one signal in the loop, and a second one at the places that it comes by
-// from the first one's arrival on. EACH: for a program that does not come by the same places each time, though it does the
-// same; it is stepped to its STRIDE-th instruction after the getppid, twice as far the next time, and so on up to STEPS, and
-// sent its signal there. A signal that is lost is a hang. With EVERY_INSTRUCTION_TELLS in the environment the
-// number of places is told.
+// from the first one's arrival on. EACH: for a program that does not come by the same places each time, though it does
+// the same; it is stepped to its STRIDE-th instruction after the getppid, twice as far the next time, and so on up to
+// STEPS, and sent its signal there. A signal that is lost is a hang. With EVERY_INSTRUCTION_TELLS in the environment
+// the number of places is told.
 #include <elf.h>
 #include <errno.h>
 #include <sched.h>

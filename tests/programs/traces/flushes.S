@@ -1,5 +1,5 @@
-// Paths during which the code cache is emptied, or something else comes between. For bare.S; each path_NAME(count) as in
-// paths.S, with the caller's stack for its own.
+// Paths during which the code cache is emptied, or something else comes between. For bare.S; each path_NAME(count) as
+// in paths.S, with the caller's stack for its own.
         .text
 
         .macro  path name
@@ -23,8 +23,8 @@ path_\name:
         .equ    NR_MMAP, 222
         .equ    SIGUSR1, 10
 
-// Every so many runs, from 240 to 275 of them, a page of code is unmapped, which empties the cache: at some time just when
-// the path's trace is made. The call stands in the trace's third fragment.
+// Every so many runs, from 240 to 275 of them, a page of code is unmapped, which empties the cache: at some time just
+// when the path's trace is made. The call stands in the trace's third fragment.
 path flush_while_built
         mov     x20, x30
         mov     x19, #0
@@ -61,8 +61,8 @@ path flush_while_built
 3:      mov     x0, x19
         ret     x20
 
-// A signal is handled in the middle of the path, and the handler becomes hot in the very run that the path's trace is made in:
-// its trace is begun while the other one is half made.
+// A signal is handled in the middle of the path, and the handler becomes hot in the very run that the path's trace is
+// made in: its trace is begun while the other one is half made.
 path abandoned
         mov     x20, x30
         mov     x19, #0

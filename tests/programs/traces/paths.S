@@ -1,7 +1,8 @@
 // Paths that become traces of every shape. Each is a function of the C calling convention,
 //   long path_NAME(long count)
-// that runs its path `count` times, at least 600, and returns what only the right sequence of its blocks gives. Nothing but
-// registers is used, so that any number of threads may be in one, and signals may arrive at each of its instructions.
+// that runs its path `count` times, at least 600, and returns what only the right sequence of its blocks gives. Nothing
+// but registers is used, so that any number of threads may be in one, and signals may arrive at each of its
+// instructions.
         .text
 
         .macro  path name
@@ -215,8 +216,8 @@ path borrowed_registers
 2:      eor     x0, x0, x1
         ret     x3
 
-// A loop's exit leads to a block that becomes hot later, when it has moved into a trace of its own: in reach of the exit, or
-// not. The first half of the runs stays in the loop, then `filler` takes up its part of the trace area.
+// A loop's exit leads to a block that becomes hot later, when it has moved into a trace of its own: in reach of the
+// exit, or not. The first half of the runs stays in the loop, then `filler` takes up its part of the trace area.
         .macro  entered name, filler, kind
 path entered_\name
         mov     x2, x30

@@ -1,5 +1,5 @@
-// Several threads make traces of the same code at once: shared_paths [ROUNDS]. Each begins with an empty cache, and some empty
-// theirs again and again.
+// Several threads make traces of the same code at once: shared_paths [ROUNDS]. Each begins with an empty cache, and
+// some empty theirs again and again.
 #include <pthread.h>
 
 #include "guard.h"

@@ -72,7 +72,7 @@ TEST_F(trace_signals, in_a_fragment_that_just_goes_on_the_next_ones_exit_is_trap
   EXPECT_THAT(trapped(), ElementsAre(9, 10));
 }
 
-TEST_F(trace_signals, in_a_last_fragment_without_a_condition_the_closing_branch_is_trapped_and_nothing_of_the_next_trace) {
+TEST_F(trace_signals, in_a_last_fragment_without_a_condition_the_closing_branch_alone_is_trapped) {
   const std::uint64_t loop = make_hot(block_of(path_end));
   leave(path_end);
   const std::int32_t id = addr_to_fragment_id(thread, loop);

@@ -478,7 +478,7 @@ TEST(cond_branch_attributes, are_the_reach_and_the_field_of_each_kind) {
   EXPECT_DEATH(get_cond_branch_attributes(&word, A64_RET), "linking instruction unknown at");
 }
 
-// The checker finds what is put wrong by hand. -----------------------------------------------------------------------------
+// The checker finds what is put wrong by hand. ------------------------------------------------------------------------
 
 class trace_checker_death : public trace_test {
  protected:
