@@ -369,29 +369,26 @@ void rewrite(scan_state& state, int inst) {
   }
 }
 
-// The word that ends the fragment: its branch, or the word that it ends before. SVC is walked past.
-const std::uint32_t* find_end(const std::uint32_t* read) {
+// Where the fragment at `read` ends: at its branch, or before a word that cannot be part of it. SVC is walked past.
+struct fragment_end {
+  const std::uint32_t* word;
+  bool is_direct_branch;  // The fragment can become the head of a trace.
+};
+
+fragment_end find_end(const std::uint32_t* read) {
   for (;; ++read) {
-    if (begins_unreadable_page(read) || begins_its_own_block(read)) return read;
+    if (begins_unreadable_page(read) || begins_its_own_block(read)) return {read, false};
     switch (a64_decode(read)) {
       case A64_CBZ:
       case A64_B_COND:
       case A64_TBZ:
-      case A64_B:
+      case A64_B: return {read, true};
       case A64_BR:
       case A64_BLR:
-      case A64_RET: return read;
+      case A64_RET: return {read, false};
       default: break;
     }
   }
-}
-
-// Whether the fragment ends in a direct branch and so can become the head of a trace.
-bool ends_in_direct_branch(const std::uint32_t* read) {
-  const std::uint32_t* end = find_end(read);
-  if (begins_unreadable_page(end)) return false;
-  const int inst = a64_decode(end);
-  return inst == A64_CBZ || inst == A64_B_COND || inst == A64_TBZ || inst == A64_B;
 }
 
 void put_hot_counter(scan_state& state) {
@@ -429,7 +426,7 @@ void scan_word(scan_state& state) {
 std::uint64_t count_source_words(const std::uint32_t* read_address) {
   if (!is_readable(read_address)) return 0;
   // An unknown word at the start does not end it.
-  const std::uint32_t* end = find_end(begins_its_own_block(read_address) ? read_address + 1 : read_address);
+  const std::uint32_t* end = find_end(begins_its_own_block(read_address) ? read_address + 1 : read_address).word;
   return static_cast<std::uint64_t>(end - read_address) + 1;
 }
 
@@ -490,7 +487,7 @@ std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, s
     put_fault(state);
     return static_cast<std::uint32_t>(state.write - start + 1) * 4;
   }
-  if (type == FRAGMENT_BLOCK && ends_in_direct_branch(read_address)) put_hot_counter(state);
+  if (type == FRAGMENT_BLOCK && find_end(read_address).is_direct_branch) put_hot_counter(state);
 
   a64_scanner_deliver_callbacks(thread, MORA_PRE_FRAGMENT, &state.read, -1, &state.write, &state.limit, bb_id, type, true,
                                 &state.stop, nullptr);
