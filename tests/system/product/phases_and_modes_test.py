@@ -39,6 +39,12 @@ def earlier_file(names):
             "roofs": OLD_ROOFS[OLD_THREADS], "roofs_by_num_threads": {str(n): r for n, r in OLD_ROOFS.items()}}
 
 
+def emulated():
+    """Whether the processor is the emulator's own: it names no maker."""
+    with open("/proc/cpuinfo", encoding="ascii") as file:
+        return re.search(r"^CPU implementer\s*: 0x00$", file.read(), re.M) is not None
+
+
 def log_text(err):
     """The lines without time, thread and line number."""
     lines = []
@@ -95,8 +101,8 @@ class phases_and_modes_test(unittest.TestCase):
         metrics = {name: region[name] for name in METRICS if name in region}
         if bits & PERFMON:
             self.assertEqual(sorted(metrics), sorted(METRICS))
-            # The emulated processor counts none of the events.
-            self.assertEqual({name: n for name, n in metrics.items() if name != "time"}, dict.fromkeys(METRICS[:4], 0))
+            if emulated():  # Such a processor counts none of the events.
+                self.assertEqual([metrics[name] for name in METRICS[:4]], [0, 0, 0, 0])
             self.assertGreater(metrics["time"], 0)
             self.assertNotEqual(metrics["time"], OLD_METRIC)
         else:
