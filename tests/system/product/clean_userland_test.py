@@ -77,9 +77,9 @@ def main():
         depends = output(["dpkg-deb", "-f", f"{folder}/{deb}", "Depends"])
         packages = make_root(f"{folder}/root", names_in(depends))
         print("the clean root holds " + ", ".join(sorted(packages)), flush=True)
-        return subprocess.run([f"{source}/tools/vm/run", "--build", build, "--share", f"packages={folder}", "--timeout", "300",
-                               "--", "python3", "/src/tests/system/product/clean_userland_inside.py"],
-                              check=False).returncode
+        return subprocess.run([f"{source}/tools/vm/run", "--build", build, "--share", f"packages={folder}",
+                               "--timeout", "300", "--", "python3",
+                               "/src/tests/system/product/clean_userland_inside.py"], check=False).returncode
 
 
 sys.exit(main())

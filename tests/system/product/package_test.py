@@ -18,6 +18,14 @@ cmake, build, source, libdir, *emulator = sys.argv[1:]
 emulator = emulator[emulator.index("--") + 1:]
 cpack = os.path.join(os.path.dirname(cmake), "cpack")
 SECONDS = 600  # A guard against a hang.
+
+
+def cached(name):
+    """A value of the build tree's configuration."""
+    with open(f"{build}/CMakeCache.txt", encoding="utf-8") as file:
+        return re.search(rf"^{name}:\w+=(.*)$", file.read(), re.M)[1]
+
+
 PROGRAMS = {"bin/ceilmeter"}
 FILES = {
     "include/roofline_events.h",
@@ -31,7 +39,7 @@ FILES = {
     *(f"{libdir}/{name}" for name in ("libroofline_events.a", "libroofline_events.so.0",
                                       "pkgconfig/roofline_events.pc")),
     *(f"{libdir}/cmake/roofline_events/roofline_events-{name}.cmake" for name in (
-        "config", "config-version", "targets", "targets-relwithdebinfo")),
+        "config", "config-version", "targets", f"targets-{cached('CMAKE_BUILD_TYPE').lower() or 'noconfig'}")),
 }
 LINKS = {f"{libdir}/libroofline_events.so": "libroofline_events.so.0"}
 
@@ -61,8 +69,7 @@ class package_test(unittest.TestCase):
         cls.folder = tempfile.mkdtemp(prefix="package_")
         cls.addClassCleanup(shutil.rmtree, cls.folder)
         run([cpack, "-G", "DEB;TGZ", "--config", f"{build}/CPackConfig.cmake", "-B", cls.folder])
-        with open(f"{build}/CMakeCache.txt", encoding="utf-8") as file:
-            cls.version = re.search(r"^CMAKE_PROJECT_VERSION:STATIC=(.*)$", file.read(), re.M)[1]
+        cls.version = cached("CMAKE_PROJECT_VERSION")
         cls.deb = f"{cls.folder}/ceilmeter_{cls.version}_arm64.deb"
         cls.tgz = f"{cls.folder}/ceilmeter-{cls.version}-linux-arm64.tar.gz"
         cls.tree = f"{cls.folder}/tree"
