@@ -113,6 +113,14 @@ class completion_test(unittest.TestCase):
         self.check("ceilmeter -o r.json solver solver_\t", "ceilmeter -o r.json solver solver_input.txt ")
         self.check("ceilmeter -- solver no\t", "ceilmeter -- solver notes.md ")
 
+    def test_words_behind_the_application_are_left_to_the_general_completion_where_there_is_one(self):
+        # As bash-completion defines it: $1 is where the command stands in COMP_WORDS.
+        for words, place in ((["--mode", "=", "total", "app", "x"], 4), (["-o", "r", "--", "app", "x"], 4), (["app", "x"], 1)):
+            script = (f"source '{completion}'; _command_offset() {{ printf 'from %s' \"$1\"; }}; "
+                      f"COMP_WORDS=(ceilmeter {' '.join(words)}) COMP_CWORD={len(words)}; _ceilmeter")
+            done = subprocess.run(["bash", "-c", script], capture_output=True, text=True, timeout=SECONDS, check=True)
+            self.assertEqual((done.stdout, done.stderr), (f"from {place}", ""))
+
     def test_every_option_of_the_help_text_is_offered_and_no_other(self):
         usage = subprocess.run([*command, "--help"], capture_output=True, text=True, timeout=SECONDS, check=True).stdout
         in_usage = {word for line in usage.splitlines() if line.startswith("    -")
