@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Every phase value in both modes, on no file and on an earlier one: what a user sees and what the file then holds.
 
-phases_and_modes_test.py TOOL PROGRAM
+phases_and_modes_test.py TOOL PROGRAM [TEST...]
 
 PROGRAM is tests/programs/regions/region_script. What a row expects follows from three questions: which phases the value
 stands for, whether the earlier file is read, and which regions the run brings.
@@ -14,7 +14,8 @@ import sys
 import tempfile
 import unittest
 
-tool, program = sys.argv[1:]
+tool, program = sys.argv[1:3]
+del sys.argv[1:3]
 SECONDS = 600  # A guard against a hang.
 PERFMON, BINTRACER, BENCHMARKS = 1, 2, 4
 PHASES = {"perfmon": 1, "bintracer": 2, "benchmarks": 4, "full": 7,
@@ -154,6 +155,17 @@ class phases_and_modes_test(unittest.TestCase):
             self.check_roofs(report, bits, old)
             self.assertEqual(os.listdir(folder), ["result.json"])
 
+    def test_broken_earlier_file_is_noticed_by_every_run_but_a_full_one_over_the_whole_application(self):
+        for value, mode, noticed in (("full", "total", False), ("full", "region", True), ("~benchmarks", "total", True),
+                                     ("benchmarks", "total", True)):
+            with tempfile.TemporaryDirectory() as folder:
+                with open(os.path.join(folder, "result.json"), "w", encoding="utf-8") as file:
+                    file.write('{"regions": {')
+                done, _, report = self.run_tool(folder, value, mode)
+                self.assertEqual("failed to parse json from" in done.stderr, noticed, f"{value} {mode}: {done.stderr}")
+                self.assertEqual(list(report["regions"]),
+                                 {"total": ["total"], "region": ["kernel"]}[mode] if value != "benchmarks" else [])
+
 
 def add_rows():
     for value in PHASES:
@@ -166,4 +178,4 @@ def add_rows():
 
 add_rows()
 if __name__ == "__main__":
-    unittest.main(argv=[sys.argv[0], "-v"])
+    unittest.main(verbosity=2)
