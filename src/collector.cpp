@@ -119,7 +119,7 @@ bool set_env_for_region_mode(const std::string& name, const std::string& value) 
     log(LEVEL_WARN, "Couldn't set environment variable %s to empty value for roofline events.", name.c_str());
     return false;
   }
-  if (perfmon_utils_set_env(name.c_str(), value.c_str()) != 0) {
+  if (perfmon_utils_set_env(name, value) != 0) {
     log(LEVEL_WARN, "Couldn't set environment variable %s to %s for roofline events.", name.c_str(), value.c_str());
     return false;
   }

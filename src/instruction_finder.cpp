@@ -60,7 +60,7 @@ std::FILE* instruction_finder::open_file_impl(const std::string& module) {
   const auto [stream, is_new] = open_files.insert(canonical, nullptr);
   if (is_new) {
     log(LEVEL_DEBUG, "Try to open file %s", canonical.c_str());
-    *stream = std::fopen(canonical.c_str(), "rb");
+    *stream = std::fopen(canonical.c_str(), "rbe");
     if (*stream == nullptr) {
       log(LEVEL_WARN, "Failed to open %s\n%s\n", module.c_str(), std::strerror(errno));
       open_files.erase(canonical);

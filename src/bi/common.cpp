@@ -2,6 +2,7 @@
 // rules, and the oddities of the interval map decide which unmappings flush a code cache. Each stands at its place.
 #include "bi/common.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -123,7 +124,8 @@ void close_descriptor(std::int32_t fd) {
   if (fd >= 0) close(fd);
 }
 
-std::int32_t duplicate_descriptor(std::int32_t fd) { return fd >= 0 ? dup(fd) : fd; }
+// The application may start programs, which are not to find the map's descriptors open.
+std::int32_t duplicate_descriptor(std::int32_t fd) { return fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : fd; }
 
 // The last entry takes the place of the removed one. The walks below run downwards and have seen it already.
 void remove_entry(interval_map* map, std::int64_t index) {

@@ -2,6 +2,7 @@
 // to the tool's image, and every call that maps, unmaps or changes memory.
 #include "bi/vm_ops.h"
 
+#include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
@@ -124,7 +125,9 @@ void remap_range(std::uint64_t start, std::uint64_t end, std::uint64_t old_addr)
   interval_entry entry{};
   if (interval_map_search(&engine.exec_ranges, old_addr, &entry) != 1) return;
   // The entry's descriptor ends with the entry. Past the raw call so that no errno of the C library moves.
-  const auto duplicate = entry.fd < 0 ? std::int64_t{NO_FILE} : raw_syscall(SYS_dup, static_cast<std::uint64_t>(entry.fd));
+  const auto duplicate =
+      entry.fd < 0 ? std::int64_t{NO_FILE}
+                   : raw_syscall(SYS_fcntl, static_cast<std::uint64_t>(entry.fd), F_DUPFD_CLOEXEC);
   forget_code(start, end);
   add_code(&engine.exec_ranges, start, end, static_cast<std::int32_t>(duplicate));
   if (duplicate >= 0) raw_syscall(SYS_close, static_cast<std::uint64_t>(duplicate));  // The map has its own by now.

@@ -56,8 +56,9 @@ void thread_info_processing(instruction_finder& finder, bintracer_report& report
     for (const bb_record& record : counted.bbs) {
       basic_block_record block = calculate_bb_metrics(finder, record, known);
       if (block.flop == 0) continue;
+      const std::uint64_t start = block.start;
       const std::int64_t count = block.count;
-      const auto [merged, is_new] = region.bbs.insert(block.start, std::move(block));
+      const auto [merged, is_new] = region.bbs.insert(start, std::move(block));
       // Of a block that is known only the count is added: all else stays as the first thread has it.
       if (!is_new) merged->count += count;
     }

@@ -45,7 +45,12 @@ struct log_site {
   // NOLINTNEXTLINE(google-explicit-constructor): the conversion is what picks up the caller's place.
   constexpr log_site(int call_level, unsigned call_line = __builtin_LINE(),
                      const char* call_function = __builtin_FUNCTION())
-      : level(call_level), line(call_line), function(call_function) {}
+      : level(call_level), line(call_line), function(call_function) {
+#ifdef __clang_analyzer__
+    // Static analysis does not follow the call to where a fatal one ends; without this it goes on behind it.
+    if (call_level == LEVEL_FATAL) __builtin_abort();
+#endif
+  }
 };
 
 // Writes one line whatever the thresholds say. `file` is shortened to what follows its last slash. A line is at most

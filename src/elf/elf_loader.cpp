@@ -98,7 +98,7 @@ segment_pages pages_of(const Elf64_Phdr& segment) {
 // Opens and identifies the file. The descriptor stays open for the process's life: mappings are reported with it.
 void open_image(image& file, Elf** elf_out) {
   errno = 0;
-  file.fd = open(file.path, O_RDONLY);
+  file.fd = open(file.path, O_RDONLY | O_CLOEXEC);
   if (file.fd < 0) mora_log_exit(EXIT_FAILURE, "Error: couldn't open file %s", file.path);
   if (elf_version(EV_CURRENT) == EV_NONE) mora_log_exit(EXIT_FAILURE, "Error: failed to get ELF version");
   Elf* elf = elf_begin(file.fd, ELF_C_READ, nullptr);

@@ -200,7 +200,7 @@ json_status json_print(const json_token* token, json_printer printer, void* cont
 }
 
 json_status json_save(const json_token* token, const char* path) {
-  file_context to{std::fopen(path, "w+"), 0};
+  file_context to{std::fopen(path, "w+e"), 0};
   if (to.file == nullptr) return JSON_ERR_FILE;
   const json_status status = json_print(token, print_to_file, &to);
   // The last piece may be written only now; a full disk or a quota shows here.

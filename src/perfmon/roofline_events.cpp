@@ -28,7 +28,8 @@ struct alignas(8) wide_flag {
   bool disabled = false;
   char overwritten[7] = {};
 };
-static_assert(sizeof(wide_flag) == 8 && alignof(wide_flag) == 8);
+static_assert(sizeof(wide_flag) == 8);
+static_assert(alignof(wide_flag) == 8);
 
 // Written during init alone, which the application calls before it starts regions, and so a plain word: a disabled
 // call is to cost a load and a test.

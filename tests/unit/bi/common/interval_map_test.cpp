@@ -58,6 +58,11 @@ TEST_F(interval_map_test, add_keeps_a_duplicate_and_leaves_the_callers_descripto
   EXPECT_EQ(scratch.opened(), 1);
 }
 
+TEST_F(interval_map_test, duplicate_of_a_descriptor_is_closed_on_exec) {
+  ASSERT_EQ(add(0x1000, 0x2000, file_a.fd()), 0);
+  EXPECT_EQ(fcntl(map->entries[0].fd, F_GETFD), FD_CLOEXEC);
+}
+
 TEST_F(interval_map_test, add_without_a_descriptor_opens_none) {
   ASSERT_EQ(add(0x1000, 0x2000, -1), 0);
   EXPECT_LT(map->entries[0].fd, 0);

@@ -1,0 +1,142 @@
+#!/usr/bin/python3
+"""What a run leaves in the file system: which files it makes, with which modes, what its children inherit, and what a
+disk that becomes full does to the result. As root, with a file system of its own for the last.
+
+file_system_test.py TOOL
+"""
+import json
+import os
+import re
+import signal
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+
+tool = sys.argv.pop(1)
+SECONDS = 600  # A guard against a hang.
+PHASES = ("perfmon", "bintracer")
+# What strace says of a call that opens a file: process, arguments from the path on, result.
+OPENED = re.compile(r'^(\d+) +(?:openat\([^,]+, |open\(|creat\()"([^"]*)"(.*)\) = (-?\d+)')
+
+
+class file_system_test(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+
+    def run_tool(self, options, application, before=(), **how):
+        return subprocess.run([*before, tool, *options, "--", *application], capture_output=True, text=True,
+                              timeout=SECONDS, cwd=self.folder, stdin=subprocess.DEVNULL, check=False, **how)
+
+    def opened_files(self, phase):
+        """(process, path, flags) of every file that was opened, the application's among them."""
+        trace = os.path.join(self.folder, "trace")
+        done = self.run_tool([f"--phase={phase}", "-o", "result.json", "--log-file=tool.log"], ["/bin/true"],
+                             before=["strace", "-f", "-qq", "-e", "trace=open,openat,openat2,creat", "-o", trace])
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        with open(trace, encoding="utf-8") as file:
+            lines = file.read().splitlines()
+        os.remove(trace)
+        opened = [match for match in map(OPENED.match, lines) if match and int(match[4]) >= 0]
+        self.assertGreater(len(opened), 5, lines)
+        return [(match[1], os.path.join(self.folder, match[2]), match[3]) for match in opened]
+
+    def test_files_that_a_run_makes_are_the_result_and_the_log_alone(self):
+        for phase in PHASES:
+            written = {path for _, path, flags in self.opened_files(phase) if re.search("O_CREAT|O_WRONLY|O_RDWR", flags)}
+            self.assertEqual(written, {os.path.join(self.folder, name) for name in ("result.json", "tool.log")}, phase)
+            self.assertEqual(sorted(os.listdir(self.folder)), ["result.json", "tool.log"])
+
+    def test_every_file_that_the_tool_opens_is_closed_on_exec(self):
+        for phase in PHASES:
+            opened = self.opened_files(phase)
+            # The tool's process is the first one; under the tracer the application is in it, and opens as it likes.
+            tools_own = [one for one in opened if one[0] == opened[0][0]]
+            self.assertTrue(any(path.endswith("/result.json") for _, path, _ in tools_own))
+            self.assertEqual([one for one in tools_own if "O_CLOEXEC" not in one[2]], [], phase)
+
+    def test_children_inherit_the_standard_descriptors_alone(self):
+        for phase in PHASES:
+            # The list's own descriptor is the fourth.
+            done = self.run_tool([f"--phase={phase}", "-o", "result.json", "--log-file=tool.log"],
+                                 ["/bin/bash", "-c", "/bin/ls /proc/self/fd; true"])
+            self.assertEqual(done.returncode, 0)
+            self.assertIn("\n0\n1\n2\n3\nCEILMETER: Processing", done.stdout, phase)
+
+    def mode_of(self, name):
+        return stat.S_IMODE(os.stat(os.path.join(self.folder, name)).st_mode)
+
+    def test_result_has_the_mode_that_the_user_has_chosen_and_the_log_is_the_users_alone(self):
+        for mask, expected in ((0o022, 0o644), (0o002, 0o664), (0o077, 0o600)):
+            for phase in PHASES:
+                self.run_tool([f"--phase={phase}", "-o", "result.json", "--log-file=tool.log"], ["/bin/true"], umask=mask)
+                self.assertEqual((self.mode_of("result.json"), self.mode_of("tool.log")), (expected, 0o600))
+                os.remove(os.path.join(self.folder, "result.json"))
+                os.remove(os.path.join(self.folder, "tool.log"))
+
+    def test_result_that_is_there_keeps_its_mode(self):
+        path = os.path.join(self.folder, "result.json")
+        with open(path, "w", encoding="utf-8") as file:
+            file.write("{}")
+        os.chmod(path, 0o640)
+        self.run_tool(["--phase=perfmon", "-o", "result.json"], ["/bin/true"])
+        self.assertEqual(self.mode_of("result.json"), 0o640)
+
+    def small_disk(self, size):
+        """A folder with room for `size` bytes."""
+        small = os.path.join(self.folder, "small")
+        os.mkdir(small)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}", "small", small], check=True)
+        self.addCleanup(subprocess.run, ["umount", small], check=True)
+        return small
+
+    def test_disk_that_becomes_full_gives_the_fatal_line_and_leaves_the_file_cut_where_the_room_ended(self):
+        page = os.sysconf("SC_PAGESIZE")
+        small = self.small_disk(page)
+        result = os.path.join(small, "result.json")
+        # More blocks than a page has room for.
+        application = ["/usr/bin/gawk", "BEGIN { for (i = 1; i < 9; ++i) printf \"%.3f \", sin(i) + exp(i) + log(i) }"]
+        options = ["--phase=bintracer", "-o", result]
+        with open(result, "w", encoding="utf-8") as file:
+            file.write('{"regions": {}}')
+        done = self.run_tool(options, application)
+        self.assertEqual(done.returncode, -signal.SIGABRT)
+        self.assertRegex(done.stderr, r" +collector:\d+ +MORA fatal Error when trying to write report:\n"
+                                      r"No space left on device\n$")
+        self.assertTrue(done.stdout.endswith("CEILMETER: Processing all collected data\n"), done.stdout)
+        with open(result, encoding="utf-8") as file:
+            cut = file.read()
+        self.assertEqual(len(cut), page)
+        self.assertTrue(cut.startswith('{\n  "regions": {\n    "total": {\n'), cut[:100])
+
+        # The next run takes what can be read of it, says so, and has room enough.
+        done = self.run_tool(["--phase=perfmon", "-o", result], ["/bin/true"])
+        self.assertEqual(done.returncode, 0)
+        self.assertIn(f"failed to parse json from {result} with error", done.stderr)
+
+    def test_disk_without_any_room_gives_the_fatal_line_under_the_counters(self):
+        page = os.sysconf("SC_PAGESIZE")
+        small = self.small_disk(page)
+        with open(os.path.join(small, "other"), "wb") as file:
+            file.write(b"x" * page)
+        result = os.path.join(small, "result.json")
+        done = self.run_tool(["--phase=perfmon", "-o", result], ["/bin/true"])
+        self.assertEqual(done.returncode, -signal.SIGABRT)
+        self.assertIn("Error when trying to write report:\nNo space left on device\n", done.stderr)
+        self.assertNotIn("Result is captured", done.stdout)
+        self.assertEqual(os.path.getsize(result), 0)
+
+    def test_file_name_with_blanks_and_other_letters_is_written_as_it_is(self):
+        done = self.run_tool(["--phase=perfmon", "-o", "a b é %%.json"], ["/bin/true"])
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        with open(os.path.join(self.folder, "a b é %.json"), encoding="utf-8") as file:
+            self.assertEqual(list(json.load(file)["regions"]), ["total"])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
