@@ -188,6 +188,7 @@ void init_thread(thread_data* thread) {
   auto* slots = reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(hot_counter_slots));
   constexpr std::uint32_t x2 = 2;
   a64_load_const(&slots, x2, reinterpret_cast<std::uint64_t>(thread->exit_counters));
+  if (trace_options.hot_mark != 0) std::memset(thread->exit_counters, trace_options.hot_mark, sizeof thread->exit_counters);
 
   log(LEVEL_TRACE, "Traces start at: %p", static_cast<void*>(thread->trace_write_cursor));
   // The copied stubs are the only code that the cache holds yet. Cleared here, before any thread can branch to them: the
@@ -241,7 +242,7 @@ void flush_code_cache(thread_data* thread) {
     meta.link_state = LINK_NONE;
     meta.linked_from = nullptr;
   }
-  std::memset(thread->exit_counters, 0, sizeof thread->exit_counters);
+  std::memset(thread->exit_counters, trace_options.hot_mark, sizeof thread->exit_counters);
   forget_function_entries(thread);
   linked_pool_init(thread->cc_link_pool, LINK_POOL_CAPACITY);
   start_without_fragments(thread);

@@ -29,9 +29,9 @@ namespace ceilmeter {
 trace_statistics trace_counts;
 
 #ifdef NDEBUG
-trace_switches trace_options = {false, TRACE_CHECK_NONE};
+trace_switches trace_options;
 #else
-trace_switches trace_options = {false, TRACE_CHECK_CHANGES};
+trace_switches trace_options = {.check = TRACE_CHECK_CHANGES};
 #endif
 
 namespace {

@@ -56,8 +56,9 @@ enum trace_check : std::uint32_t {
 // For tests and measurements; the tool leaves it alone. Set before the application starts. A debug build begins with
 // TRACE_CHECK_CHANGES.
 struct trace_switches {
-  bool off;  // No traces: hot blocks go on as they are, and pay for their counter each time.
-  trace_check check;
+  bool off = false;  // No traces: hot blocks go on as they are, and pay for their counter each time.
+  trace_check check = TRACE_CHECK_NONE;
+  std::uint8_t hot_mark = 0;  // Executions that make a block hot; 0: 256, to which the counter wraps.
 };
 
 extern trace_switches trace_options;

@@ -6,6 +6,7 @@
 // Of its own environment, for tests and measurements:
 //   MORA_RUN_TRACES      off: no traces; checked: after each installation of a trace the checker looks at what has
 //                        changed, and at the whole cache from time to time; checked-whole: at the whole cache each time
+//   MORA_RUN_HOT         how many executions make a block hot, up to 255, for programs that run their code a few times only
 //   MORA_RUN_TRACE_STATS a file to which each process that ends adds a line: its traces in numbers, "name=number ..."
 #include <fcntl.h>
 #include <unistd.h>
@@ -76,6 +77,8 @@ int main(int argc, char** argv, char** envp) {
     if (std::strcmp(traces, "checked") == 0) ceilmeter::trace_options.check = ceilmeter::TRACE_CHECK_CHANGES;
     if (std::strcmp(traces, "checked-whole") == 0) ceilmeter::trace_options.check = ceilmeter::TRACE_CHECK_WHOLE;
   }
+  const char* hot = std::getenv("MORA_RUN_HOT");
+  if (hot != nullptr) ceilmeter::trace_options.hot_mark = static_cast<std::uint8_t>(std::atoi(hot));
   statistics_file = std::getenv("MORA_RUN_TRACE_STATS");
   if (statistics_file != nullptr) std::atexit(write_statistics);
   return ceilmeter::mora_run(argc - 1, argv + 1, envp);
