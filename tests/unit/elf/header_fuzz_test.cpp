@@ -27,6 +27,7 @@ struct field {
   std::size_t size;
 };
 
+constexpr field type_field = {16, 2};
 constexpr field header_fields[] = {{EI_CLASS, 1}, {EI_DATA, 1}, {EI_VERSION, 1}, {16, 2}, {18, 2}, {20, 4},
                                    {24, 8},       {32, 8},      {40, 8},         {48, 4}, {52, 2}, {54, 2},
                                    {56, 2},       {58, 2},      {60, 2},         {62, 2}};
@@ -131,15 +132,21 @@ class fuzzed_files : public ::testing::Test {
     return run_natively({beside_the_test("../../programs/mora_run"), path}, {}, seconds_allowed);
   }
 
-  // Whether the engine ends where a native run does.
-  static bool ends_under_the_engine(const std::string& path) {
-    return !outcome_under_the_engine(path).timed_out || run_natively({path}, {}, seconds_allowed).timed_out;
+  // Whether the engine ends where a native run does. The kernel runs two types of files alone, so that natively the
+  // variant has the type of the file that it was made of.
+  static bool ends_under_the_engine(const std::string& path, const std::string& original) {
+    if (!outcome_under_the_engine(path).timed_out) return true;
+    overwrite(path, original.substr(type_field.offset, type_field.size), type_field.offset);
+    return run_natively({path}, {}, seconds_allowed).timed_out;
   }
 
   static void overwrite_headers(const std::string& path, const std::string& content) {
+    overwrite(path, content.substr(0, 0x800), 0);
+  }
+
+  static void overwrite(const std::string& path, const std::string& content, std::size_t offset) {
     const int fd = open(path.c_str(), O_WRONLY);
-    const std::size_t size = std::min<std::size_t>(content.size(), 0x800);
-    ASSERT_EQ(pwrite(fd, content.data(), size, 0), static_cast<ssize_t>(size));
+    EXPECT_EQ(pwrite(fd, content.data(), content.size(), static_cast<off_t>(offset)), static_cast<ssize_t>(content.size()));
     close(fd);
   }
 
@@ -185,7 +192,7 @@ TEST_P(header_fuzz, ends_in_a_message_or_in_the_application) {
     if (outcome.status == entered_status && outcome.err.empty()) {
       ++outcomes["entered"];
       const bool is_run = is_long_run() || seed % 8 == 0;
-      EXPECT_TRUE(!is_run || ends_under_the_engine(path)) << "seed " << seed << ", " << file.name << " hangs";
+      EXPECT_TRUE(!is_run || ends_under_the_engine(path, file.content)) << "seed " << seed << ", " << file.name << " hangs";
     } else {
       EXPECT_TRUE(is_a_message(outcome)) << "seed " << seed << ", " << file.name << ", "
                                          << ::testing::PrintToString(outcome);
