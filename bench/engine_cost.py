@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """What the engine costs, counted in instructions by a plug-in of the user-mode emulator (tests/emulator_plugin).
 
-engine_cost.py [--tracer] [--traces on|off|both] [--build DIR] [--list FILE] [--root DIR] [--hot N] [--json FILE]
-               [PATTERN]
+engine_cost.py [--tracer] [--traces on|off|both] [--build DIR] [--list FILE] [--root DIR] [--hot N] [--branches]
+               [--json FILE] [PATTERN]
 
 Runs each program of a list natively and under the bare engine, and prints what they executed:
 
@@ -23,7 +23,8 @@ phase over the whole application: what the tracer adds is the difference of the 
 else, the result file included, in "engine". --traces tells
 whether hot paths become traces, which only the bare engine can be told to leave: with "both" each program is run once
 without and once with them, and a table at the end has the two side by side. --hot prints the N functions that most
-engine instructions were spent in. --json writes the figures as a list of objects.
+engine instructions were spent in. --branches counts taken branches too, at half the pace, and ends with a table of
+them: those of the native run, and those that rewritten code takes. --json writes the figures as a list of objects.
 PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or status is not that of the native
 run, or a count cannot be right.
 """
@@ -48,8 +49,16 @@ STUB_TEXT, STUB_TEXT_END, BLOCK = "stub_text", "stub_text_end", 256
 COUNTER_STUB, COUNTER_STUB_END = "hot_counter_stub", "syscall_wrapper"
 
 
+KINDS = ("other", "cache", "stubs")
+
+
 class CountError(Exception):
     """A run that cannot be counted; the message says why."""
+
+
+def without_own_lines(output):
+    """What a program has written, without the tool's own lines, which follow right behind an output with no line's end."""
+    return re.sub(rb"CEILMETER: [^\n]*\n", b"", output)
 
 
 def symbols_of(nm, path, *options):
@@ -66,6 +75,7 @@ class Counter:
         self.plugin = os.path.join(arguments.build, "tests", "emulator_plugin", "instruction_counts.so")
         self.engine = os.path.join(arguments.build, *(["ceilmeter"] if arguments.tracer else ["tests", "programs", "mora_run"]))
         self.traces = arguments.tracer
+        self.branches = arguments.branches
         for path in (self.plugin, self.engine):
             if not os.path.exists(path):
                 raise CountError(f"{path} is not there: build the targets instruction_counts, mora_run and ceilmeter")
@@ -87,6 +97,8 @@ class Counter:
         options = [self.plugin, f"summary={summary}", f"stubs={self.stub_bytes}"]
         if under_engine:
             options.append(f"addresses={addresses}")
+        if self.branches:
+            options.append("branches=on")
         options += [f"at={self.places[name]:#x}" for name in (SCAN, FLUSH, DISPATCH)]
         command = [*self.emulator.split(), "-plugin", ",".join(options)]
         if self.root:
@@ -113,9 +125,7 @@ class Counter:
                 counts = {" ".join(words.split()[:-1]): int(words.split()[-1]) for words in file}
         except OSError as error:
             raise CountError(f"the {side} run left no counts ({error}); it said: {done.stderr[-600:]!r}") from error
-        # The tool's own lines are not the program's.
-        own = (line for line in done.stdout.splitlines(keepends=True) if not line.startswith(b"CEILMETER: "))
-        return done.returncode, b"".join(own), counts, addresses
+        return done.returncode, without_own_lines(done.stdout), counts, addresses
 
     def at(self, summary, name):
         return summary[f"at {self.places[name]:#x}"]
@@ -197,6 +207,8 @@ def measure(counter, name, line, hot, traces):
         "per_block": (run["other"] - run["start"] + run["stubs"] - counters) / max(blocks, 1),
         "hot": spent.most_common(hot),
     }
+    if counter.branches:
+        figures |= {"taken_native": sum(native[f"taken {kind}"] for kind in KINDS), "taken": run["taken cache"]}
     accounted = run["cache"] + run["stubs"] + sum(spent.values())
     if native["cache"] or accounted != run["total"] or counters > run["stubs"] or blocks == 0:
         raise CountError(f"{name}: the counts cannot be right: native {native}, under the engine {run}")
@@ -230,6 +242,16 @@ def print_comparison(rows):
               f"{on['engine_run']:>16,}{on['ratio']:>7.2f}{change:>+9.1%}{'  worse' if change > 0.02 else ''}")
 
 
+def print_branches(rows, modes):
+    """The taken branches of rewritten code beside the native ones, for each way that traces were."""
+    headings = {False: "without traces", True: "with traces"}
+    print(f"\n{'taken branches':<14}{'native':>14}" + "".join(f"{headings[mode]:>16}{'ratio':>7}" for mode in modes))
+    for first in range(0, len(rows), len(modes)):
+        row, native = rows[first], rows[first]["taken_native"]
+        print(f"{row['program']:<14}{native:>14,}" + "".join(
+            f"{each['taken']:>16,}{each['taken'] / native:>7.2f}" for each in rows[first:first + len(modes)]))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("pattern", nargs="?", default=".")
@@ -241,6 +263,7 @@ def main():
     parser.add_argument("--emulator", default="qemu-aarch64")
     parser.add_argument("--nm", default=shutil.which("aarch64-linux-gnu-nm") or "nm")
     parser.add_argument("--hot", type=int, default=0)
+    parser.add_argument("--branches", action="store_true")
     parser.add_argument("--json")
     arguments = parser.parse_args()
     arguments.build = os.path.realpath(arguments.build)
@@ -270,6 +293,8 @@ def main():
             print(f"engine_cost: {error}", file=sys.stderr)
     if arguments.traces == "both":
         print_comparison(rows)
+    if arguments.branches:
+        print_branches(rows, modes)
     if arguments.json:
         with open(arguments.json, "w", encoding="utf-8") as file:
             json.dump(rows, file, indent=1)

@@ -112,6 +112,17 @@ class InstructionCounts(unittest.TestCase):
             [sum(n for (at, _, _), n in counts.addresses.items() if at == place + 4 * i) for i in range(5)], [10] * 5
         )
 
+    def test_taken_branches_are_counted_by_the_kind_of_code_that_they_leave(self):
+        # A loop's last round falls through. Other code enters the caches (5 + 3), goes back to its loops (4 + 2 + 6), and
+        # calls what stands at the old place (7), which comes back (7).
+        self.assertEqual(Counts(f"{PROGRAMS}/counted_loop", "branches=on").summary["taken other"], 999)
+        counts = Counts(f"{PROGRAMS}/code_caches", "stubs=256", "branches=on")
+        self.assertEqual({name: counts.summary[f"taken {name}"] for name in ("other", "cache", "stubs")},
+                         {"other": 5 + 3 + 4 + 2 + 6 + 7 + 7, "cache": 3 * (99 + 1), "stubs": 5})
+
+    def test_taken_branches_are_not_told_unless_asked_for(self):
+        self.assertFalse([key for key in Counts(f"{PROGRAMS}/counted_loop").summary if key.startswith("taken")])
+
     def test_ranges_and_watched_addresses_are_counted_by_themselves_and_limit_the_lists(self):
         program = f"{PROGRAMS}/fault_in_block"
         known = symbols(program)

@@ -24,6 +24,8 @@ size_t qemu_plugin_tb_n_insns(const struct qemu_plugin_tb *tb);
 struct qemu_plugin_insn *qemu_plugin_tb_get_insn(const struct qemu_plugin_tb *tb, size_t index);
 uint64_t qemu_plugin_insn_vaddr(const struct qemu_plugin_insn *insn);
 const void *qemu_plugin_insn_data(const struct qemu_plugin_insn *insn);
+void qemu_plugin_register_vcpu_tb_exec_cb(struct qemu_plugin_tb *tb, void (*call)(unsigned, void *), int flags,
+                                          void *data);
 void qemu_plugin_register_vcpu_insn_exec_cb(struct qemu_plugin_insn *insn, void (*call)(unsigned, void *), int flags,
                                             void *data);
 void qemu_plugin_register_vcpu_insn_exec_inline(struct qemu_plugin_insn *insn, int operation, void *place,
@@ -54,11 +56,17 @@ struct span {
   uint64_t start, end;
 };
 
+/* What the emulator translates and runs as a piece: a run of instructions whose last one alone may branch. */
+struct piece {
+  struct span span;
+  enum kind kind;
+};
+
 enum { MAX_SPANS = 32, MAX_CACHES = 4096, RECORDS_PER_CHUNK = 8192 };
 
 /* What is asked for. */
 static const char *summary_path, *words_path, *addresses_path;
-static bool several_threads;
+static bool several_threads, branches_too;
 static uint64_t stub_bytes;
 static struct span ranges[MAX_SPANS];
 static size_t range_count;
@@ -77,6 +85,8 @@ static size_t cache_count, caches_seen;
 static bool cache_entered;
 static uint64_t before_first_cache_entry;
 static pid_t installed_in;
+static uint64_t taken[KINDS];                 /* Branches, by the kind of the code that they leave. */
+static __thread const struct piece *run_last; /* By this thread; none at its start. */
 
 static void fail(const char *what) {
   fprintf(stderr, "instruction_counts: %s\n", what);
@@ -153,11 +163,32 @@ static void count_one(unsigned processor, void *data) {
   __atomic_fetch_add(&((struct record *)data)->count, 1, __ATOMIC_RELAXED);
 }
 
+/* A piece that does not begin where the last one ended was branched to. Where no branch leads on, as behind a fault and
+   into a signal's handler, that counts too. */
+static void enter_piece(unsigned processor, void *data) {
+  (void)processor;
+  const struct piece *piece = data;
+  if (run_last != NULL && run_last->span.end != piece->span.start) {
+    __atomic_fetch_add(&taken[run_last->kind], 1, __ATOMIC_RELAXED);
+  }
+  run_last = piece;
+}
+
+/* Pieces are never freed, since translated code holds their addresses. */
+static void count_branches(struct qemu_plugin_tb *tb, size_t length) {
+  struct piece *piece = zeroed(1, sizeof *piece);
+  piece->span.start = qemu_plugin_insn_vaddr(qemu_plugin_tb_get_insn(tb, 0));
+  piece->span.end = piece->span.start + 4 * length;
+  piece->kind = kind_of(piece->span.start);
+  qemu_plugin_register_vcpu_tb_exec_cb(tb, enter_piece, CALLBACK_TOUCHES_NO_REGISTERS, piece);
+}
+
 /* Called before a block runs for the first time, so that the first block in a code cache finds all that came before. */
 static void on_translation(qemu_plugin_id_t id, struct qemu_plugin_tb *tb) {
   (void)id;
   pthread_mutex_lock(&lock);
   const size_t count = qemu_plugin_tb_n_insns(tb);
+  if (branches_too) count_branches(tb, count);
   for (size_t index = 0; index < count; ++index) {
     struct qemu_plugin_insn *insn = qemu_plugin_tb_get_insn(tb, index);
     const uint64_t address = qemu_plugin_insn_vaddr(insn);
@@ -242,6 +273,9 @@ static void write_summary(void) {
     fprintf(file, "%s %lu\n", kind_names[kind], total(is_of_kind, &kind));
   }
   fprintf(file, "caches %zu\nstart %lu\n", caches_seen, before_first_cache_entry);
+  for (enum kind kind = OTHER; branches_too && kind < KINDS; ++kind) {
+    fprintf(file, "taken %s %lu\n", kind_names[kind], taken[kind]);
+  }
   for (size_t index = 0; index < range_count; ++index) {
     fprintf(file, "range %#lx %#lx %lu\n", ranges[index].start, ranges[index].end, total(is_in_span, &ranges[index]));
   }
@@ -358,6 +392,8 @@ static void read_option(const char *option) {
     addresses_path = value;
   } else if (length == 7 && strncmp(option, "threads", length) == 0) {
     several_threads = strcmp(value, "on") == 0;
+  } else if (length == 8 && strncmp(option, "branches", length) == 0) {
+    branches_too = strcmp(value, "on") == 0;
   } else if (length == 5 && strncmp(option, "stubs", length) == 0) {
     stub_bytes = number_in(value, '\0');
   } else if (length == 5 && strncmp(option, "range", length) == 0 && range_count < MAX_SPANS) {

@@ -1,0 +1,95 @@
+#!/usr/bin/python3
+"""How long programs take under the engine and under the tool's tracer, beside Valgrind's time for doing nothing with them.
+
+engine_time.py [--build DIR] [--runs N] [--cpus N] [PATTERN]
+
+Times each program of bench/engine_time.txt in one boot of the virtual machine: natively, under the bare engine (mora_run),
+under the tool in its bintracer phase over the whole application, and under Valgrind's tool "none", Debian's package for
+arm64, which is fetched and unpacked beside the virtual machine's userland. Prints the median of the runs of each in
+seconds, which change places from run to run so that whatever else the machine does meets them all alike, and the tracer's
+time over Valgrind's. PATTERN chooses lines of the list by a regular expression.
+
+The processor is an emulated one: only the relation of the times means something, and what such a processor pays most
+for, code that it meets for the first time, weighs on both. A benchmark: nothing passes or fails by it, except that all four
+must have the same output and status.
+"""
+import argparse
+import os
+import shlex
+import statistics
+import subprocess
+import sys
+import time
+
+import engine_cost
+
+LIST = os.path.join(engine_cost.HERE, "engine_time.txt")
+# Folders in the virtual machine.
+BUILD, VALGRIND = "/build", "/valgrind"
+WAYS = {"native": "", "engine": f"{BUILD}/tests/programs/mora_run",
+        "tracer": f"{BUILD}/ceilmeter --phase=bintracer --output=result.json",
+        "valgrind": f"env VALGRIND_LIB={VALGRIND}/usr/libexec/valgrind {VALGRIND}/usr/bin/valgrind.bin --tool=none -q"}
+
+
+def unpacked_valgrind(userland):
+    """The folder of Debian's package, fetched if it is not there."""
+    folder = os.path.join(os.path.dirname(userland), "valgrind")
+    if not os.path.isdir(folder):
+        unfinished = folder + ".new"
+        os.makedirs(unfinished, exist_ok=True)
+        script = 'apt-get download -q valgrind:arm64 && dpkg-deb -x valgrind_*_arm64.deb . && rm valgrind_*_arm64.deb'
+        subprocess.run(["sh", "-c", script], cwd=unfinished, check=True, stdout=sys.stderr)
+        os.rename(unfinished, folder)
+    return folder
+
+
+def run(way, line):
+    """(seconds, status, output) of one run; the tool's own lines are not the program's."""
+    assignments = f"RUN={shlex.quote(WAYS[way])}; ROOT=; PROGRAMS={BUILD}/bench; "
+    begin = time.monotonic()
+    done = subprocess.run(["sh", "-c", assignments + line], stdin=subprocess.DEVNULL, check=False, capture_output=True)
+    seconds = time.monotonic() - begin
+    return seconds, done.returncode, engine_cost.without_own_lines(done.stdout), done.stderr
+
+
+def time_all(runs, pattern):
+    """In the virtual machine: times the list. True if all ways had the same output."""
+    print(f"{'program':<14}" + "".join(f"{way:>10}" for way in WAYS) + f"{'tracer/valgrind':>17}", flush=True)
+    right = True
+    for name, line in engine_cost.read_list(LIST, pattern):
+        seconds = {way: [] for way in WAYS}
+        results = {}
+        for _ in range(runs):
+            for way in WAYS:
+                spent, *result, messages = run(way, line)
+                seconds[way].append(spent)
+                if results.setdefault(way, result) != results["native"] or result != results["native"]:
+                    print(f"engine_time: {name}: {way} differs from native: status {result[0]}, {len(result[1])} bytes, "
+                          f"{messages[-300:]!r}", file=sys.stderr)
+                    right = False
+        median = {way: statistics.median(values) for way, values in seconds.items()}
+        print(f"{name:<14}" + "".join(f"{median[way]:>10.2f}" for way in WAYS)
+              + f"{median['tracer'] / median['valgrind']:>17.2f}", flush=True)
+    return right
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("pattern", nargs="?", default=".")
+    parser.add_argument("--build", default=os.path.join(engine_cost.TOP, "build", "release"))
+    parser.add_argument("--runs", type=int, default=3)
+    parser.add_argument("--cpus", type=int, default=2)
+    parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
+    arguments = parser.parse_args()
+    if arguments.inside:
+        sys.exit(0 if time_all(arguments.runs, arguments.pattern) else 1)
+    subprocess.run([os.path.join(engine_cost.TOP, "tools", "vm", "fetch")], check=True, stdout=sys.stderr)
+    valgrind = unpacked_valgrind(engine_cost.userland_of_the_virtual_machine())
+    sys.exit(subprocess.run([os.path.join(engine_cost.TOP, "tools", "vm", "run"), "--build", arguments.build, "--cpus",
+                             str(arguments.cpus), "--timeout", "3600", "--share", f"valgrind={valgrind}", "--",
+                             "/src/bench/engine_time.py", "--inside", "--runs", str(arguments.runs), arguments.pattern],
+                            check=False).returncode)
+
+
+if __name__ == "__main__":
+    main()
