@@ -151,8 +151,6 @@ void syscalls_test::expect_made(std::uint64_t number, const std::vector<std::uin
   EXPECT_EQ(thread->status, THREAD_IN_SYSCALL);
 }
 
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
-
 bool is_readable_memory(std::uint64_t address) {
   int ends[2];
   if (pipe(ends) != 0) return false;
