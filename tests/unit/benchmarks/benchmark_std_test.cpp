@@ -19,8 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "../support/fake_log.h"
 #include "common/log.h"
-#include "fake_log.h"
 #include "frame_seams.h"
 
 #if defined(__SANITIZE_THREAD__)

@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "../support/fake_log.h"
 #include "benchmarks/dataalloc.h"
 #include "common/log.h"
-#include "fake_log.h"
 
 namespace {
 bool no_memory = false;
