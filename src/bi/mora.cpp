@@ -12,7 +12,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"

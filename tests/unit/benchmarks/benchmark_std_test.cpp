@@ -13,7 +13,6 @@
 #include <limits>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <system_error>
 #include <thread>

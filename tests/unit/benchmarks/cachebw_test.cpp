@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <set>
-#include <string>
 #include <thread>
 #include <vector>
 
