@@ -74,7 +74,7 @@ class Counter:
     def __init__(self, arguments):
         self.plugin = os.path.join(arguments.build, "tests", "emulator_plugin", "instruction_counts.so")
         self.engine = os.path.join(arguments.build, *(["ceilmeter"] if arguments.tracer else ["tests", "programs", "mora_run"]))
-        self.traces = arguments.tracer
+        self.is_tool = arguments.tracer
         self.branches = arguments.branches
         for path in (self.plugin, self.engine):
             if not os.path.exists(path):
@@ -105,7 +105,7 @@ class Counter:
             command += ["-L", self.root]
         if under_engine:
             command.append(self.engine)
-            if self.traces:
+            if self.is_tool:
                 command += ["--phase=bintracer", f"--output={os.path.join(scratch, 'result.json')}"]
         # What is in the environment is the program's too: no names that differ from run to run. Python neither finds
         # nor leaves compiled modules.

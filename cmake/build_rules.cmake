@@ -16,6 +16,9 @@ endif()
 
 find_package(Threads REQUIRED)
 
+# The system's own: it has the distribution's modules.
+find_program(CEILMETER_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
+
 add_library(ceilmeter_rules INTERFACE)
 target_include_directories(ceilmeter_rules INTERFACE "${PROJECT_SOURCE_DIR}/src")
 target_compile_definitions(ceilmeter_rules INTERFACE _GNU_SOURCE)
@@ -40,7 +43,7 @@ else()
   set(CEILMETER_TEST_PREFIX "aarch64.")
 endif()
 
-# ceilmeter_library(NAME SOURCES ... LIBRARIES ...): the one library of a folder of src/.
+# ceilmeter_library(NAME SOURCES ... LIBRARIES ...): a library of src/.
 function(ceilmeter_library name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
   add_library(${name} STATIC ${arg_SOURCES})

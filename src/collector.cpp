@@ -68,7 +68,7 @@ std::vector<perfmon_region> run_in_region_mode(const collector_config& config) {
 
 std::vector<perfmon_region> run_in_total_mode(const collector_config& config) {
   // Counters that are opened here, on the tool's thread, follow the application by inheritance.
-  perfmon counters(config.mode == MODE_TOTAL);
+  perfmon counters(true);
   log(LEVEL_INFO, "Start roofline events in total mode");
   counters.start_roofline_events(total_region_name);
   log(LEVEL_INFO, "Launch application %s in total mode", config.application.c_str());

@@ -36,7 +36,7 @@ struct collector_config {
   char** argv = nullptr;        // Into the process's arguments, at the application's name as typed.
   char** envp = nullptr;        // The environment that main received.
   std::uint64_t num_threads_for_bench = 16;  // Thread count of the roofs when no run tells another.
-  std::string_view config_version = "1.0";
+  std::string_view config_version = "1.0";   // Of this record, for whoever looks at it in a debugger.
   std::string output_file_path;
   std::unique_ptr<bintracer_t> tracer;         // Set by the bintracer phase, given up by the finishing step.
   std::vector<perfmon_region> perfmon_report;  // What the perfmon phase returned in MODE_TOTAL.

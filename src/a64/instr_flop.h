@@ -2,8 +2,8 @@
 // predicates nor the machine's vector length are known here.
 //
 // The choice is deliberately narrow: scalar floating-point and Advanced SIMD arithmetic, comparison, rounding and
-// conversion, and of SVE and SME the indexed and multi-vector multiply-adds and multiplies. Whatever else sounds like
-// floating-point work (FABD, FMOV, SCVTF, FCVT, predicated SVE) does not count.
+// conversion, and of SVE and SME the indexed and multi-vector multiply-adds and multiplies, FCVTL and FCVTN. Whatever
+// else sounds like floating-point work (FABD, FMOV, SCVTF, FCVT, predicated SVE) does not count.
 #pragma once
 
 #include <cstdint>

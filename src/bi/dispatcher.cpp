@@ -12,6 +12,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_words.h"
 #include "bi/stubs.h"
 #include "bi/traces.h"
 #include "common/log.h"
@@ -21,13 +22,6 @@ namespace ceilmeter {
 namespace {
 
 constexpr engine_log log{"src/bi/dispatcher"};
-
-constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
-
-void clear_instruction_cache(const std::uint32_t* begin, const std::uint32_t* end) {
-  __builtin___clear_cache(reinterpret_cast<char*>(const_cast<std::uint32_t*>(begin)),
-                          reinterpret_cast<char*>(const_cast<std::uint32_t*>(end)));
-}
 
 void link_direct_exit(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
   a64_branch_and_link(thread, meta.exit_code_addr, entry);

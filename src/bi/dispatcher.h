@@ -13,7 +13,7 @@ namespace ceilmeter {
 // fatal for an exit that has no such branch.
 void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::uint32_t condition);
 
-// Calls the branch words' author: writes a B to `to` at `from` and notes the link.
+// Writes a B to `to` at `from` and notes the link. The caller clears the instruction cache.
 void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t to);
 
 // Writes the code of a register branch: it looks the target up without leaving the cache and comes to the dispatcher

@@ -7,6 +7,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_words.h"
 #include "bi/plugin_delivery.h"
 #include "bi/scanner.h"
 #include "common/log.h"
@@ -30,8 +31,6 @@ constexpr std::uint32_t POST_INDEX = 1;
 constexpr std::uint32_t PRE_INDEX = 3;
 constexpr std::uint32_t PLUS_8 = 8;
 constexpr std::uint32_t MINUS_8 = 0x1f8;
-
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 std::uint64_t watch_of_function(std::uint64_t function) {
   pthread_mutex_lock(&engine.function_watch_lock);
@@ -77,7 +76,7 @@ void skip_entry_code(const return_watch& watch) {
   auto* word = reinterpret_cast<std::uint32_t*>(watch.entry_begin);
   a64_branch(word, watch.entry_end);
   // The one word that changes. Only this thread runs it, and it is in the scanner, outside the cache.
-  __builtin___clear_cache(reinterpret_cast<char*>(word), reinterpret_cast<char*>(word + 1));
+  clear_instruction_cache(word, word + 1);
 }
 
 }  // namespace

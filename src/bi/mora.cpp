@@ -12,10 +12,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_words.h"
 #include "bi/dispatcher.h"
 #include "bi/function_watch.h"
 #include "bi/pages.h"
@@ -57,10 +57,6 @@ std::uint64_t stub_copy(const thread_data* thread, const std::uint8_t* place) {
 
 std::uint8_t* block_address(const thread_data* thread, std::int32_t bb_id) {
   return thread->code_cache + std::size_t{BB_SIZE} * static_cast<std::size_t>(bb_id);
-}
-
-void clear_instruction_cache(std::uint8_t* begin, std::uint8_t* end) {
-  __builtin___clear_cache(reinterpret_cast<char*>(begin), reinterpret_cast<char*>(end));
 }
 
 // Whether another thread of the list may still be in the code cache. The caller holds thread_list_lock.
@@ -178,9 +174,8 @@ void init_thread(thread_data* thread) {
 
   if ((getauxval(AT_HWCAP) & HWCAP_SVE) != 0) {
     // The vector state is more than q0 to q31 here: the branches to the shorter routines go.
-    constexpr std::uint32_t nop = 0xd503201f;
-    set_stub_instruction(thread, save_vector_state, nop);
-    set_stub_instruction(thread, restore_vector_state, nop);
+    set_stub_instruction(thread, save_vector_state, NOP);
+    set_stub_instruction(thread, restore_vector_state, NOP);
     set_raise_trap(reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(reentry_raise)));
   }
 
@@ -261,8 +256,7 @@ std::uint64_t stub_bb(thread_data* thread, std::uint64_t source) {
   meta.exit_kind = EXIT_STUB_BLOCK;
   meta.exit_code_addr = write + 1;
   meta.taken_source_addr = source;
-  constexpr std::uint32_t pop_x0_x1 = 0xa8c107e0;
-  *write++ = pop_x0_x1;
+  *write++ = POP_X0_X1;
   a64_push_x0_x1(&write);
   a64_branch_jump(thread, &write, source, bb_id);
   if (!hash_add(&thread->entry_table.table, source, address)) {

@@ -141,7 +141,7 @@ struct thread_data {
   std::uint64_t syscall_args;         // What a pre-syscall callback is followed by.
   std::uint64_t* return_stack_top;
   std::uint64_t return_stack[RETURN_STACK_SIZE];
-  // Beyond the application's own state: how the thread's end reaches those who wait for it, see syscalls.cpp.
+  // Beyond the application's own state: how the thread's end reaches those who wait for it, see threads.cpp.
   std::int32_t* library_tid_word;     // What the C library wants cleared when this thread ends; null: not known.
   std::int32_t* application_tid_word; // What the application wants cleared and woken.
   std::uint64_t saved_signal_mask;    // Around a clone, which runs with every signal blocked; of a new thread: its first.
@@ -185,6 +185,8 @@ extern engine_globals engine;
 
 // This thread's record; null on a thread of the tool's own.
 extern thread_local thread_data* current_thread;
+
+inline std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 // Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status.
 int mora_run(int argc, char** argv, char** envp);

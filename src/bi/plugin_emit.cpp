@@ -8,6 +8,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_words.h"
 #include "bi/dispatcher.h"
 #include "bi/mora.h"
 #include "bi/plugin.h"
@@ -25,8 +26,6 @@ namespace {
 constexpr std::uint32_t SP = 31;
 constexpr std::uint32_t XZR = 31;
 constexpr std::uint32_t LINK_REGISTER = 30;
-
-constexpr std::uint32_t NOP = 0xd503201f;
 
 // Fields of the load and store classes.
 constexpr std::uint32_t STORE = 0;
@@ -48,8 +47,6 @@ constexpr std::uint32_t GUARDED_CALL_MASK = 0x400001ff;
 bool begin_code(mora_context* ctx, std::uint32_t words) {
   return mora_reserve_space(ctx, words * static_cast<std::uint32_t>(sizeof(std::uint32_t))) == 0;
 }
-
-std::uint64_t address_of(const std::uint32_t* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 // Whether a branch at `from` with an offset field of `bits` bits, counting words, gets to `to`.
 bool is_in_reach(const std::uint32_t* from, std::uint64_t to, int bits) {

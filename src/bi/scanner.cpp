@@ -6,6 +6,7 @@
 #include "a64/classifier_rows.h"
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_words.h"
 #include "bi/dispatcher.h"
 #include "bi/plugin_delivery.h"
 #include "bi/stubs.h"
@@ -29,8 +30,6 @@ struct scan_state {
   bool stop;
 };
 
-constexpr std::uint32_t NOP = 0xd503201f;
-constexpr std::uint32_t POP_X0_X1 = 0xa8c107e0;     // ldp x0, x1, [sp], #16
 constexpr std::uint32_t PUSH_X1_X30 = 0xa9bf7be1;   // stp x1, x30, [sp, #-16]!
 constexpr std::uint32_t POP_X1_X30 = 0xa8c17be1;    // ldp x1, x30, [sp], #16
 constexpr std::uint32_t PUSH_X29_X30 = 0xa9bf7bfd;  // stp x29, x30, [sp, #-16]!
@@ -46,8 +45,6 @@ constexpr std::uint32_t PRE_INDEX = 3;
 constexpr std::uint32_t MINUS_16 = 0x1f0;
 
 constexpr std::uint64_t TWO_NOPS = NOP | std::uint64_t{NOP} << 32;
-
-std::uint64_t address_of(const std::uint32_t* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 void put(std::uint32_t** write, std::uint32_t word) { *(*write)++ = word; }
 
@@ -233,12 +230,7 @@ void rewrite_system_register(scan_state& state) {
 void end_before_this_word(scan_state& state) {
   // A direct branch to the word, which its own block begins with. Linked as any other: code that the decoder does not
   // know, SVE code before all, would otherwise pass through the dispatcher at each of its words.
-  const std::uint64_t target = address_of(state.read);
-  begin_exit(state, EXIT_DIRECT, target, 0);
-  put(&state.write, NOP);
-  a64_push_x0_x1(&state.write);
-  a64_branch_jump(state.thread, &state.write, target, state.bb_id);
-  state.stop = true;
+  put_direct_exit(state, address_of(state.read));
 }
 
 void rewrite_literal_load(scan_state& state) {

@@ -2,7 +2,9 @@
 //
 // A fragment's exit is in one of three forms: as scanned, linked, or trapped. A trap stands only until the fragment
 // next runs through its exit: it is undone there, by the thread itself, and the link records know nothing of it.
-// Another thread's code is never patched: mora_terminate sends a signal, and each thread patches its own.
+// Another thread's code is never patched: mora_terminate sends a signal, and each thread patches its own. The instruction
+// cache is cleared over exactly the words written: the thread that executes them is this one, on its way back into them by
+// an exception return, which is a context synchronisation.
 //
 // Everything here runs on the stack of the interrupted code, which is the application's.
 #include "bi/signals.h"
@@ -18,6 +20,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/call_mask.h"
+#include "bi/code_words.h"
 #include "bi/stubs.h"
 #include "bi/syscalls.h"
 #include "bi/threads.h"
@@ -42,8 +45,6 @@ constexpr std::uint32_t SYNCHRONOUS_SIGNALS = 0x800009b0;
 constexpr std::uint64_t NR_RT_SIGPROCMASK = 135;
 
 constexpr std::uint32_t CONDITION_ALWAYS = 14;
-
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 bool is_synchronous(int signum) { return (SYNCHRONOUS_SIGNALS >> signum & 1) != 0 && signum < 32; }
 
@@ -150,13 +151,6 @@ std::uint32_t get_direct_branch_exit_trap_sz(const bb_meta& meta, std::int32_t f
       return both ? 12 : 8;
     default: log(LEVEL_FATAL, "unknown branch type: %d", static_cast<int>(meta.exit_kind)); return 0;
   }
-}
-
-void clear_instruction_cache(const std::uint32_t* begin, const std::uint32_t* end) {
-  // Exactly the words written. The thread that executes them is this one, and it is on its way back into them by an
-  // exception return, which is a context synchronisation.
-  __builtin___clear_cache(reinterpret_cast<char*>(const_cast<std::uint32_t*>(begin)),
-                          reinterpret_cast<char*>(const_cast<std::uint32_t*>(end)));
 }
 
 void trap_register_branch(const bb_meta& meta) {

@@ -18,7 +18,6 @@
 #define SYSCALL_X4 0x20
 #define SYSCALL_X6 0x30
 #define SYSCALL_X8 0x40
-#define SYSCALL_X9 0x48
 #define SYSCALL_CACHE_RETURN 0xb0 /* word 22 */
 #define SYSCALL_NEXT_SOURCE 0xb8  /* word 23 */
 #define SYSCALL_X29 0xc0          /* words 24 and 25 */
@@ -28,11 +27,8 @@
 /* The whole frame, from q0 to the application's stack pointer at the time of the SVC. */
 #define SYSCALL_FRAME_SIZE 0x2d0
 
-/* What a pending signal's delivery writes for cache_reentry_stub, and what that stub keeps behind it. */
-#define REENTRY_RESULT_SIZE 0x20
-
-/* The result area of a hot counter's call, beyond the frame of x29 and x30. */
-#define HOT_COUNTER_SLOTS 4 /* words that init_thread fills with the load of the counters' address */
+/* Words of hot_counter_stub that init_thread fills with the load of the counters' address. */
+#define HOT_COUNTER_SLOTS 4
 
 #define NR_TGKILL 0x83
 #define NR_RT_SIGRETURN 0x8b

@@ -11,7 +11,7 @@
 // x19 once x19 is saved, the condition flags. x22 to x28 are preserved by the procedure-call standard of the engine's
 // own code. FPCR and FPSR stay as they are: the engine's code leaves the rounding mode alone and executes no
 // floating-point arithmetic.
-#include "stub_layout.h"
+#include "bi/stub_layout.h"
 
         .text
         .balign 8

@@ -68,8 +68,6 @@ static_assert(SIGNAL_FRAME_CONTEXT == SYSCALL_APP_SP + sizeof(siginfo_t), "the k
 
 char application_path[PATH_MAX];
 
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
-
 constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std::uint64_t);
 
 // The action that the kernel gets for one of the application's. It is a copy: the application's own record may lie in

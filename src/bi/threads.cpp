@@ -43,8 +43,6 @@ constexpr std::uint64_t CHILD_ENTRY = 256;  // Where start_on_stack begins.
 constexpr std::uint64_t CHILD_X0 = 16;
 constexpr std::uint64_t CHILD_X1 = 8;
 
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
-
 // Streams that wait in the parent for the next child: a child may find the heap locked for ever by a thread that it does
 // not have, and so cannot make its own. Written under spare_streams_lock; a child has them to itself.
 pthread_mutex_t spare_streams_lock = PTHREAD_MUTEX_INITIALIZER;

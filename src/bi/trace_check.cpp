@@ -3,6 +3,7 @@
 #include "bi/trace_check.h"
 
 #include "bi/a64/a64.h"
+#include "bi/code_words.h"
 #include "bi/scanner.h"
 #include "bi/signals.h"
 #include "bi/trace_install.h"
@@ -15,13 +16,8 @@ namespace {
 
 constexpr engine_log log{"src/bi/traces"};
 
-constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
-constexpr std::uint32_t POP_X0_X1 = 0xa8c107e0;  // ldp x0, x1, [sp], #16
-constexpr std::uint32_t NOP = 0xd503201f;
 constexpr std::uint32_t HEAD_TRAP = 0xd4200000;  // brk #0
 constexpr std::int32_t ALWAYS_WHOLE = 64;        // Traces up to which the whole cache is looked through each time.
-
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 const std::uint32_t* words_at(std::uint64_t address) { return reinterpret_cast<const std::uint32_t*>(address); }
 

@@ -15,10 +15,13 @@
 // An exit to a block always goes through a trampoline, however near the block: the exit's branch is noted in the
 // block's list, and whatever replaces the block may lie further than a conditional branch reaches, where a B gets to
 // any place.
+//
+// What is cleared from the instruction cache is each word that was written; the thread then goes back into the cache.
 #include "bi/trace_install.h"
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_words.h"
 #include "bi/scanner.h"
 #include "bi/signals.h"
 #include "bi/trace_check.h"
@@ -31,20 +34,10 @@ namespace {
 
 constexpr engine_log log{"src/bi/traces"};
 
-constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
-constexpr std::uint32_t NOP = 0xd503201f;
 constexpr std::uint64_t TRAMPOLINE_ALIGNMENT = 16;
 constexpr int TRAMPOLINE_WORDS = 4;
 constexpr int COPIED_WORDS = 2;
 static_assert(TRACE_TRAMPOLINE_SPACE >= MAX_TRACE_EXITS * TRAMPOLINE_WORDS * 4 + TRAMPOLINE_ALIGNMENT);
-
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
-
-// Over the words that this thread has just written and goes back into the cache to run: nobody else ever executes them.
-void clear_instruction_cache(const std::uint32_t* begin, const std::uint32_t* end) {
-  __builtin___clear_cache(reinterpret_cast<char*>(const_cast<std::uint32_t*>(begin)),
-                          reinterpret_cast<char*>(const_cast<std::uint32_t*>(end)));
-}
 
 bool is_conditional(int inst) { return inst == A64_B_COND || inst == A64_CBZ || inst == A64_TBZ; }
 

@@ -12,12 +12,16 @@
 // Only the newest fragment ever runs before the installation, from its snippet to its exit stub, so that no branch
 // without a target is reached. It stays so when a signal's handler comes between, since what was interrupted is always
 // resumed by its source address; the trace is then given up when the next head is hot.
+//
+// The instruction cache is cleared over each piece as it is written. The thread comes to run it by its way back into the
+// cache, from the engine code that has written it.
 #include "bi/traces.h"
 
 #include <atomic>
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_words.h"
 #include "bi/dispatcher.h"
 #include "bi/scanner.h"
 #include "bi/stubs.h"
@@ -37,18 +41,6 @@ trace_switches trace_options = {.check = TRACE_CHECK_CHANGES};
 namespace {
 
 constexpr engine_log log{"src/bi/traces"};
-
-constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
-constexpr std::uint32_t POP_X0_X1 = 0xa8c107e0;  // ldp x0, x1, [sp], #16
-
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
-
-void clear_instruction_cache(const std::uint32_t* begin, const std::uint32_t* end) {
-  // The words were written by this thread, which runs them after its way back into the cache: the clearing ends with
-  // the barriers that this takes.
-  __builtin___clear_cache(reinterpret_cast<char*>(const_cast<std::uint32_t*>(begin)),
-                          reinterpret_cast<char*>(const_cast<std::uint32_t*>(end)));
-}
 
 bool is_direct_exit(std::uint32_t kind) {
   return kind == EXIT_DIRECT || kind == EXIT_B_COND || kind == EXIT_CBZ || kind == EXIT_TBZ;

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 

@@ -10,7 +10,7 @@
 namespace ceilmeter {
 
 // Adds the tracer's plug-in to the engine: all callbacks, the function watch in manual mode, and `on_exit` at the end.
-// The entry point of the constructor, before the engine runs.
+// Called by the constructor of bintracer_t, before the engine runs.
 void register_callbacks(bintracer_t::exit_callback on_exit);
 
 // What is done at the entry of the functions of the region interface. Each writes code into the entry block.

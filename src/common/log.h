@@ -58,7 +58,8 @@ struct log_site {
 [[gnu::format(printf, 5, 0)]] void mora_log_message(const char* file, unsigned line, const char* function, int level,
                                                     const char* format, std::va_list arguments);
 
-// The log of one source file of the tool. `file` is the source's path without its extension.
+// The log of one source file of the tool. `file` is the source's path without its extension; of a source that belongs to a
+// module of another name, such as run_benchmarks to the collector, the module's: its lines go by that.
 struct tool_log {
   const char* file;
 

@@ -6,7 +6,6 @@
 #include <locale.h>
 
 #include <cstdlib>
-#include <cstring>
 
 #include "json/json.h"
 #include "json/tree.h"

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 namespace ceilmeter {

@@ -12,10 +12,8 @@
 namespace ceilmeter::test {
 namespace {
 
-using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::Not;
 using ::testing::StartsWith;
 
 // Written down here once more, word for word: the text is part of the tool's face.

@@ -17,8 +17,6 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 // The whole file of a run under counters that read 0; `time` is what the file itself says.
 std::string file_with_metrics(std::uint64_t time) {

@@ -14,8 +14,6 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
 
 class tracer_run : public ::testing::Test {
  protected:

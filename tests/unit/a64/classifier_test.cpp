@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <map>
 #include <set>
 #include <string>
 #include <utility>

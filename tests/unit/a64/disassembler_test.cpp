@@ -1,17 +1,15 @@
 // The classifier's mnemonics against LLVM's disassembler: wherever either of them names an instruction of the FLOP
 // table, both must, apart from the exceptions that stand here one by one, each with its reason.
 #include <gtest/gtest.h>
-#include <llvm-c/Disassembler.h>
-#include <llvm-c/Target.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "../support/llvm_disassembler.h"
 #include "a64/classifier.h"
 #include "a64/instr_flop.h"
 #include "counted_by_hand.h"
@@ -21,37 +19,11 @@ namespace ceilmeter {
 namespace {
 
 using test::hex;
+using test::llvm_disassembler;
 
-class disassembler {
- public:
-  disassembler() {
-    LLVMInitializeAArch64TargetInfo();
-    LLVMInitializeAArch64TargetMC();
-    LLVMInitializeAArch64Disassembler();
-    m_context = LLVMCreateDisasmCPUFeatures(
-        "aarch64-linux-gnu", "",
-        "+v9.3a,+aes,+sha2,+sha3,+sm4,+fullfp16,+fp16fml,+mte,+ls64,+sme,+sme-f64,+sve2,+sve2-aes,+sve2-sm4,+sve2-sha3,"
-        "+sve2-bitperm,+f32mm,+f64mm,+bf16,+i8mm,+dotprod,+complxnum,+jsconv,+rand,+mops,+hbc,+pauth,+el3,+wfxt,+xs",
-        nullptr, 0, nullptr, nullptr);
-  }
-  ~disassembler() { LLVMDisasmDispose(m_context); }
-  disassembler(const disassembler&) = delete;
-  disassembler& operator=(const disassembler&) = delete;
-
-  bool works() const { return m_context != nullptr; }
-
-  // "mnemonic<tab>operands", or nothing for a word that is no instruction.
-  std::string text_of(std::uint32_t word) const {
-    std::array<std::uint8_t, 4> bytes = {static_cast<std::uint8_t>(word), static_cast<std::uint8_t>(word >> 8),
-                                         static_cast<std::uint8_t>(word >> 16), static_cast<std::uint8_t>(word >> 24)};
-    std::array<char, 256> text = {};
-    const std::size_t size = LLVMDisasmInstruction(m_context, bytes.data(), bytes.size(), 0, text.data(), text.size());
-    return size == 0 ? "" : text.data() + (text[0] == '\t' ? 1 : 0);
-  }
-
- private:
-  LLVMDisasmContextRef m_context;
-};
+constexpr char FEATURES[] =
+    "+v9.3a,+aes,+sha2,+sha3,+sm4,+fullfp16,+fp16fml,+mte,+ls64,+sme,+sme-f64,+sve2,+sve2-aes,+sve2-sm4,+sve2-sha3,"
+    "+sve2-bitperm,+f32mm,+f64mm,+bf16,+i8mm,+dotprod,+complxnum,+jsconv,+rand,+mops,+hbc,+pauth,+el3,+wfxt,+xs";
 
 // LLVM's mnemonic as the classifier writes it: one name for both halves of a vector.
 std::string mnemonic_of(const std::string& text) {
@@ -154,7 +126,7 @@ TEST_P(a64_disassembler, names_the_counted_instructions_as_llvm_but_for_the_list
   if (test::skips_batch(GetParam())) GTEST_SKIP() << "runs with CEILMETER_LONG=1";
   const std::uint32_t seed = 4242 + static_cast<std::uint32_t>(GetParam());
   const int words = test::words_of_batch();
-  const disassembler llvm;
+  const llvm_disassembler llvm(FEATURES);
   ASSERT_TRUE(llvm.works());
   test::random_words random(seed);
   std::array<int, EXCEPTIONS.size()> excused{};
@@ -186,7 +158,7 @@ TEST_P(a64_disassembler, counts_advanced_simd_and_scalars_by_the_shapes_that_llv
   if (test::skips_batch(GetParam())) GTEST_SKIP() << "runs with CEILMETER_LONG=1";
   const std::uint32_t seed = 99 + static_cast<std::uint32_t>(GetParam());
   const int words = test::words_of_batch();
-  const disassembler llvm;
+  const llvm_disassembler llvm(FEATURES);
   ASSERT_TRUE(llvm.works());
   test::random_words random(seed);
   int compared = 0;

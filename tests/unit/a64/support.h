@@ -4,21 +4,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <random>
-#include <sstream>
-#include <string>
 
+#include "../support/hex.h"
 #include "a64/classifier_rows.h"
 
 namespace ceilmeter::test {
-
-inline std::string hex(std::uint32_t word) {
-  std::ostringstream text;
-  text << "0x" << std::hex;
-  text.width(8);
-  text.fill('0');
-  text << word;
-  return text.str();
-}
 
 inline bool long_run() { return std::getenv("CEILMETER_LONG") != nullptr; }
 

@@ -13,14 +13,13 @@
 #include <limits>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
 
+#include "../support/fake_log.h"
 #include "common/log.h"
-#include "fake_log.h"
 #include "frame_seams.h"
 
 #if defined(__SANITIZE_THREAD__)

@@ -5,14 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <set>
-#include <string>
 #include <thread>
 #include <vector>
 
+#include "../support/fake_log.h"
 #include "benchmarks/dataalloc.h"
 #include "common/log.h"
-#include "fake_log.h"
 
 namespace {
 bool no_memory = false;

@@ -11,8 +11,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "benchmarks/cachebw.h"
 #include "benchmarks/dataalloc.h"

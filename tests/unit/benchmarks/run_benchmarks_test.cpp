@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "../support/fake_log.h"
 #include "benchmarks/roof_list.h"
 #include "common/log.h"
-#include "fake_log.h"
 
 namespace ceilmeter {
 

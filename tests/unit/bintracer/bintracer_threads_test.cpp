@@ -2,11 +2,10 @@
 // the counts.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "../support/on_threads.h"
 #include "bintracer/bintracer.h"
 #include "fake_engine.h"
 
@@ -15,24 +14,10 @@ namespace {
 
 constexpr int thread_count = 6;
 
-template <typename function>
-void on_threads(const function& work) {
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int number = 0; number < thread_count; ++number) {
-    threads.emplace_back([&, number] {
-      ++ready;
-      while (ready.load() < thread_count) std::this_thread::yield();
-      work(number);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-}
-
 TEST(tracer_under_threads, starts_and_stops_of_shared_and_own_regions_are_all_counted) {
   bintracer_t& tracer = start_tracer(MODE_REGION);
   constexpr int rounds = 300;
-  on_threads([&tracer](int number) {
+  on_threads(thread_count, [&tracer](int number) {
     bintracer_thread thread;
     thread.tid = static_cast<std::uint32_t>(number);
     tracer.init_thread(thread);
@@ -72,7 +57,7 @@ TEST(tracer_under_threads, starts_and_stops_of_shared_and_own_regions_are_all_co
 TEST(tracer_under_threads, every_thread_leaves_its_info_whatever_the_order_of_births_and_ends) {
   bintracer_t& tracer = start_tracer(MODE_TOTAL);
   constexpr int rounds = 200;
-  on_threads([&tracer](int number) {
+  on_threads(thread_count, [&tracer](int number) {
     for (int round = 0; round < rounds; ++round) {
       bintracer_thread thread;
       thread.tid = static_cast<std::uint32_t>(number * rounds + round);

@@ -28,7 +28,6 @@ using test::captured_descriptor;
 using test::captured_log;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 
 constexpr tool_log log{"src/tests/some_module"};

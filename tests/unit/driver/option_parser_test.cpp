@@ -13,7 +13,6 @@ namespace ceilmeter {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 std::vector<std::string> calls;

@@ -1,7 +1,6 @@
 // The application's first stack, word by word.
 #include <csignal>
 #include <deque>
-#include <set>
 
 #include "loader_fixture.h"
 

@@ -20,7 +20,6 @@ namespace {
 
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr std::uint32_t untouched = 0xabababab;
 

@@ -2,41 +2,27 @@
 // assertions judge what is found.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdint>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "../support/on_threads.h"
 #include "mappings.h"
 
 namespace ceilmeter {
 namespace {
+
+using test::on_threads;
 
 constexpr std::int64_t read_and_execute = 5;
 constexpr std::int64_t private_mapping = 2;
 constexpr int thread_count = 4;
 constexpr std::uint64_t shared_begin = 0x10000;
 
-// Runs `work(number)` on as many threads at once, released together.
-template <typename function>
-void on_threads(const function& work) {
-  std::atomic<int> ready{0};
-  std::vector<std::thread> threads;
-  for (int number = 0; number < thread_count; ++number) {
-    threads.emplace_back([&, number] {
-      ++ready;
-      while (ready.load() < thread_count) std::this_thread::yield();
-      work(number);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-}
-
 TEST(registry_under_threads, descriptors_of_all_threads_are_kept_while_the_table_grows) {
   constexpr std::int32_t per_thread = 2000;
   fd_name_table table;
-  on_threads([&table](int number) {
+  on_threads(thread_count, [&table](int number) {
     for (std::int32_t index = 0; index < per_thread; ++index) {
       const std::int32_t fd = index * thread_count + number;
       table.insert_or_assign(fd, "/fd/" + std::to_string(fd));
@@ -52,7 +38,7 @@ TEST(registry_under_threads, descriptors_of_all_threads_are_kept_while_the_table
 TEST(registry_under_threads, one_descriptor_named_by_all_threads_has_one_of_the_names_whole) {
   fd_name_table table;
   table.insert_or_assign(7, std::string(100, 'x'));
-  on_threads([&table](int number) {
+  on_threads(thread_count, [&table](int number) {
     for (int round = 0; round < 2000; ++round) {
       table.insert_or_assign(7, std::string(100 + static_cast<std::size_t>(number), static_cast<char>('a' + number)));
       const std::string found = table.find(7);
@@ -64,7 +50,7 @@ TEST(registry_under_threads, one_descriptor_named_by_all_threads_has_one_of_the_
 
 TEST(registry_under_threads, every_thread_finds_its_own_mappings_while_others_map) {
   mappings_t registry;
-  on_threads([&registry](int number) {
+  on_threads(thread_count, [&registry](int number) {
     const std::uint64_t home = (static_cast<std::uint64_t>(number) + 1) << 32;
     const std::string name = "/lib/thread" + std::to_string(number);
     std::vector<std::uint64_t> ids;
@@ -91,7 +77,7 @@ TEST(registry_under_threads, readers_see_one_or_the_other_of_two_mappings_that_r
   registry.register_fd_name(1, "one");
   registry.register_fd_name(2, "two");
   registry.register_mmap(shared_begin, shared_begin + 0x4000, 1, read_and_execute, private_mapping, 1);
-  on_threads([&registry](int number) {
+  on_threads(thread_count, [&registry](int number) {
     for (int round = 0; round < 500; ++round) {
       if (number < 2) {
         registry.register_mmap(shared_begin, shared_begin + 0x4000, static_cast<std::uint64_t>(number) + 1, read_and_execute,

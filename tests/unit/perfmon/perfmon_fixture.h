@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "../support/fake_log.h"
 #include "common/log.h"
 #include "fake_kernel.h"
-#include "fake_log.h"
 #include "perfmon/perfmon.h"
 
 namespace ceilmeter::test {

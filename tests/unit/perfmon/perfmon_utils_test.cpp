@@ -10,9 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "../support/fake_log.h"
 #include "common/log.h"
 #include "fake_kernel.h"
-#include "fake_log.h"
 
 namespace ceilmeter::test {
 namespace {

@@ -14,7 +14,6 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
 class regions_count_test : public regions_test {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
-#include <atomic>
 #include <set>
 #include <string>
 #include <thread>

@@ -9,20 +9,18 @@ The inputs are checked against each other first: nothing is written unless the r
 names.
 """
 
-import argparse
-import difflib
 import pathlib
 import sys
 
 sys.dont_write_bytecode = True
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.append(str(HERE.parent))  # Behind this folder, which has a module `render` as that one has.
 
+import committed  # noqa: E402
 import flops  # noqa: E402
 import layouts  # noqa: E402
 import render  # noqa: E402
 import rows  # noqa: E402
-
-HERE = pathlib.Path(__file__).resolve().parent
-ROOT = HERE.parent.parent.parent
 
 
 def tables():
@@ -36,35 +34,9 @@ def tables():
     return found, mnemonics, flops.keys(found, rows.sections(HERE / "flop_rules.txt"))
 
 
-def differences(path, text):
-    present = path.read_text(encoding="utf-8") if path.exists() else ""
-    if present == text:
-        return []
-    name = str(path.relative_to(ROOT))
-    return list(difflib.unified_diff(present.splitlines(), text.splitlines(), name, f"{name}, generated", lineterm="",
-                                     n=1))
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--check", action="store_true", help="compare instead of writing")
-    check_only = parser.parse_args().check
-    try:
-        found = tables()
-    except rows.RulesError as error:
-        sys.exit(f"generate.py: {error}")
-    stale = False
-    for name, text in render.files(*found).items():
-        path = ROOT / name
-        if not check_only:
-            path.write_text(text, encoding="utf-8")
-            continue
-        for line in differences(path, text)[:40]:
-            print(line)
-            stale = True
-    if stale:
-        sys.exit("generate.py: a committed file is not what the tables give; run tools/a64/classifier/generate.py")
+def files():
+    return render.files(*tables())
 
 
 if __name__ == "__main__":
-    main()
+    committed.settle("tools/a64/classifier/generate.py", __doc__, files, rows.RulesError)

@@ -2,8 +2,6 @@
 // tell from those: branches, exceptions, hints and barriers, system registers, literal loads, ADR. What LLVM makes of a
 // word is compared by text, operands included.
 #include <gtest/gtest.h>
-#include <llvm-c/Disassembler.h>
-#include <llvm-c/Target.h>
 
 #include <iostream>
 #include <map>
@@ -11,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include "../../support/llvm_disassembler.h"
 #include "bi/a64/a64.h"
 #include "bi/a64/class_table.h"
 #include "support.h"
@@ -20,36 +19,10 @@ namespace {
 
 using test::class_name;
 using test::hex;
+using test::llvm_disassembler;
 
-class disassembler {
- public:
-  disassembler() {
-    LLVMInitializeAArch64TargetInfo();
-    LLVMInitializeAArch64TargetMC();
-    LLVMInitializeAArch64Disassembler();
-    m_context = LLVMCreateDisasmCPUFeatures(
-        "aarch64-linux-gnu", "",
-        "+v9.3a,+aes,+sha2,+sha3,+sm4,+fullfp16,+fp16fml,+mte,+ls64,+sme,+sve2,+mops,+hbc,+pauth,+el3,+wfxt,+xs,+brbe",
-        nullptr, 0, nullptr, nullptr);
-  }
-  ~disassembler() { LLVMDisasmDispose(m_context); }
-  disassembler(const disassembler&) = delete;
-  disassembler& operator=(const disassembler&) = delete;
-
-  bool works() const { return m_context != nullptr; }
-
-  // "mnemonic<tab>operands", or nothing for a word that is no instruction.
-  std::string text_of(std::uint32_t word) const {
-    std::uint8_t bytes[4] = {static_cast<std::uint8_t>(word), static_cast<std::uint8_t>(word >> 8),
-                             static_cast<std::uint8_t>(word >> 16), static_cast<std::uint8_t>(word >> 24)};
-    char text[256] = {};
-    const std::size_t size = LLVMDisasmInstruction(m_context, bytes, sizeof bytes, 0, text, sizeof text);
-    return size == 0 ? "" : text + (text[0] == '\t' ? 1 : 0);
-  }
-
- private:
-  LLVMDisasmContextRef m_context;
-};
+constexpr char FEATURES[] =
+    "+v9.3a,+aes,+sha2,+sha3,+sm4,+fullfp16,+fp16fml,+mte,+ls64,+sme,+sve2,+mops,+hbc,+pauth,+el3,+wfxt,+xs,+brbe";
 
 bool in_scope(int instruction) {
   return instruction <= A64_DRPS || instruction == A64_LDR_LITERAL || instruction == A64_ADR;
@@ -193,7 +166,7 @@ struct tally {
   std::size_t with_operands = 0;
 };
 
-void compare(const disassembler& llvm, std::uint32_t word, tally& counts) {
+void compare(const llvm_disassembler& llvm, std::uint32_t word, tally& counts) {
   const int decoded = a64_decode(&word);
   const std::string text = llvm.text_of(word);
   const int expected = class_of_text(text);
@@ -223,7 +196,7 @@ class a64_against_disassembler : public ::testing::Test {
     std::cout << counts.in_scope << " in the classes compared, " << counts.with_operands << " with their operands, "
               << counts.holes << " unallocated\n";
   }
-  disassembler llvm;
+  llvm_disassembler llvm{FEATURES};
   tally counts;
 };
 

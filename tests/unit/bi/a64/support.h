@@ -4,20 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <iomanip>
 #include <random>
-#include <sstream>
 #include <string>
 
+#include "../../support/hex.h"
 #include "bi/a64/class_table.h"
 
 namespace ceilmeter::test {
-
-inline std::string hex(std::uint32_t word) {
-  std::ostringstream text;
-  text << "0x" << std::hex << std::setw(8) << std::setfill('0') << word;
-  return text.str();
-}
 
 inline std::string class_name(int value) {
   return value >= 0 && value < A64_NOT_RECOGNISED ? a64_classes[value].name : "not recognised";

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <memory>
 #include <random>
-#include <string>
 
 #include "interval_map_support.h"
 
@@ -13,7 +12,6 @@ namespace ceilmeter {
 namespace {
 
 using test::file_of;
-using test::open_descriptors;
 using test::scratch_descriptor;
 using test::scratch_interval_map;
 

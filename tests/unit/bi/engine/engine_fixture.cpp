@@ -9,8 +9,6 @@
 
 namespace ceilmeter::test {
 
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
-
 word_list joined(const std::vector<word_list>& parts) {
   word_list all;
   for (const word_list& part : parts) all.insert(all.end(), part.begin(), part.end());

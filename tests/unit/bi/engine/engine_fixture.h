@@ -28,8 +28,6 @@ inline constexpr std::uint32_t POP_X1 = 0xf84107e1;         // ldr x1, [sp], #16
 inline constexpr std::uint32_t BR_X0 = 0xd61f0000;          // br x0
 inline constexpr std::uint32_t RET = 0xd65f03c0;            // ret
 
-std::uint64_t address_of(const void* place);
-
 // Source code of the tests, in source_code.S: a label for each piece.
 #define SOURCE(name) extern "C" const std::uint32_t name[]
 

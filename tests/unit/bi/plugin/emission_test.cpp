@@ -1,7 +1,6 @@
 // Each emission service against what an assembler makes of the same instructions, and its refusals.
 #include <cstring>
 #include <functional>
-#include <random>
 #include <set>
 
 #include "bi/a64/a64.h"

@@ -21,8 +21,6 @@ using test::words;
 constexpr std::uint32_t RET_X30 = 0xd65f03c0;
 constexpr std::uint32_t MOV_X3_X4 = 0xaa0403e3;
 
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
-
 std::vector<std::pair<std::uint32_t, std::uint64_t>> told;
 
 int note(mora_context* ctx) {

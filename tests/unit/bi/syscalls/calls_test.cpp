@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include "bi/standard_files.h"
 #include "bi/stubs.h"

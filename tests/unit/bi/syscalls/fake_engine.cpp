@@ -10,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "bi/plugin_delivery.h"
@@ -150,8 +149,6 @@ void syscalls_test::expect_made(std::uint64_t number, const std::vector<std::uin
   EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 1u) << "call " << number << " is handled";
   EXPECT_EQ(thread->status, THREAD_IN_SYSCALL);
 }
-
-std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 bool is_readable_memory(std::uint64_t address) {
   int ends[2];

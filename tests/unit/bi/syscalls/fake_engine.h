@@ -56,7 +56,6 @@ class syscalls_test : public testing::Test {
   thread_data* thread;
 };
 
-std::uint64_t address_of(const void* place);
 bool is_readable_memory(std::uint64_t address);
 // "r--p" and so on of the mapping that holds the address; empty if none does.
 std::string permissions_at(std::uint64_t address);

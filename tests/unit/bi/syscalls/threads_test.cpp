@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 
 #include "bi/stubs.h"
 #include "bi/threads.h"
