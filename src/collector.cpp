@@ -2,10 +2,15 @@
 // leaves an empty contribution, and only a result file that cannot be written is fatal.
 #include "collector.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
+#include <string>
+#include <system_error>
 
 #include "bintracer/bintracer.h"
 #include "common/log.h"
@@ -23,6 +28,21 @@ namespace ceilmeter {
 namespace {
 
 constexpr tool_log log{"src/collector"};
+
+// Where the tool was started, until the application has run in this process and may have gone elsewhere.
+std::string& start_folder() {
+  static std::string folder;
+  return folder;
+}
+
+// The result's path is relative if it was not given as an absolute one, and means the folder that the user was in. In
+// region mode the path stays the application's: its counters are in the file that it has written under that path.
+void return_to_start_folder(const collector_config& config) {
+  if (config.mode != MODE_TOTAL || start_folder().empty()) return;
+  // The folder may be gone, or out of reach of a user that the application has become: then the path's meaning is where
+  // the application is, which is as good a place.
+  [[maybe_unused]] const int result = chdir(start_folder().c_str());
+}
 
 // The counts at which the roofs are to be measured: those of the regions of this run or, without a traced run, of the
 // regions read from the file, and the highest of all.
@@ -110,6 +130,8 @@ std::vector<perfmon_region> run_app_with_perfmon(const collector_config& config)
 
 void run_app_with_bintracer(collector_config& config, finish_function finish) {
   print_progress("Launch application to do binary instrumentation of " + config.application);
+  std::error_code error;
+  start_folder() = std::filesystem::current_path(error).string();
   config.tracer = std::make_unique<bintracer_t>(finish, config.mode);
   config.tracer->collect(config.argc, config.argv, config.envp);
 }
@@ -128,6 +150,7 @@ bool set_env_for_region_mode(const std::string& name, const std::string& value) 
 }
 
 void finish_collect(collector_config& config) {
+  return_to_start_folder(config);
   bintracer_report tracer_report;
   if ((config.phase & PHASE_BINTRACER) != 0) {
     // Given up without its destructor: the engine's structures, which the tracer's blocks belong to, are still in use

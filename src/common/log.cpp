@@ -71,6 +71,17 @@ void write_ignoring_result(int fd, const char* text, std::size_t length) {
   [[maybe_unused]] const ssize_t written = ::write(fd, text, length);
 }
 
+// Moves a descriptor beyond those of the standard streams, which it takes if the caller has closed them: what the
+// application prints to such a stream is to be lost, as it is without the tool.
+int beyond_standard_streams(int fd) {
+  if (fd < 0 || fd > STDERR_FILENO) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int saved_errno = errno;
+  close(fd);
+  errno = saved_errno;
+  return moved;
+}
+
 // What %p, %h and %r stand for; the same for the whole life of the process.
 struct process_tokens {
   std::string pid;
@@ -169,7 +180,7 @@ int mora_log_init() {
     // Synchronous, so that each line has reached the file when the call returns: the process may end as abruptly as
     // the application that runs inside it.
     const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_SYNC | (log_append != 0 ? O_APPEND : O_TRUNC);
-    const int fd = open(log_file_path, flags, 0600);
+    const int fd = beyond_standard_streams(open(log_file_path, flags, 0600));
     if (fd >= 0) {
       log_fd = fd;
     } else {

@@ -30,6 +30,9 @@ class tracer_run : public ::testing::Test {
 
   static std::string program(const std::string& name) { return program_path("tracer/" + name).string(); }
 
+  // Does what its words say; chdir=FOLDER is one of them.
+  static std::string moving_program() { return program_path("regions/region_script_static").string(); }
+
   // The one region of a run over the whole application.
   region_metric total() const {
     const collector_report report = read(result());
@@ -84,6 +87,44 @@ TEST_F(tracer_run, block_of_the_application_is_tied_to_its_file) {
     count += block.count;
   }
   EXPECT_EQ(count, 3);
+}
+
+TEST_F(tracer_run, relative_result_path_starts_at_the_folder_of_the_tool_wherever_the_application_has_gone) {
+  std::filesystem::create_directory(folder / "elsewhere");
+  const process_result traced = run({"-o", "here.json"}, {moving_program(), "chdir=elsewhere"});
+  EXPECT_EQ(traced.status, 0) << traced.err;
+  EXPECT_THAT(traced.out, HasSubstr("CEILMETER: Result is captured at here.json\n"));
+  EXPECT_TRUE(std::filesystem::exists(folder / "here.json"));
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "elsewhere"));
+}
+
+TEST_F(tracer_run, default_result_path_is_beside_the_application_wherever_that_has_gone) {
+  std::filesystem::create_directory(folder / "elsewhere");
+  std::filesystem::copy_file(moving_program(), folder / "app");
+  write_file(folder / "app.roofline.json", "{\"regions\": {\"total\": {\"bbs\": [], \"time\": 77}}}");
+  run_process({tool_path().string(), "--phase=bintracer", "app", "chdir=elsewhere"}, {.folder = folder.path()});
+  EXPECT_THAT(content_of(folder / "app.roofline.json"), HasSubstr("\"threads\": 1"));
+  EXPECT_THAT(content_of(folder / "app.roofline.json"), HasSubstr("\"time\": 77")) << "the earlier file was not read";
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "elsewhere"));
+}
+
+TEST_F(tracer_run, result_goes_where_the_application_is_if_the_tools_folder_has_gone) {
+  std::filesystem::create_directory(folder / "gone");
+  const process_result traced =
+      run_process({tool_path().string(), "--phase=bintracer", "-o", "here.json", "/bin/sh", "-c",
+                   "cd ..; rmdir gone; exit 3"}, {.folder = folder / "gone"});
+  EXPECT_EQ(traced.status, 3) << traced.err;
+  EXPECT_TRUE(std::filesystem::exists(folder / "here.json"));
+}
+
+TEST_F(tracer_run, application_that_becomes_another_program_takes_the_tool_with_it_and_leaves_an_earlier_file_alone) {
+  write_file(result(), "{}");
+  const process_result traced = run({}, {"/bin/sh", "-c", "exec /bin/sh -c 'echo replaced; exit 5'"});
+  EXPECT_EQ(traced.status, 5);
+  EXPECT_EQ(traced.err, "");
+  EXPECT_THAT(traced.out, HasSubstr("\nreplaced\n"));
+  EXPECT_THAT(traced.out, Not(HasSubstr("Result is captured")));
+  EXPECT_EQ(content_of(result()), "{}");
 }
 
 TEST_F(tracer_run, program_without_floating_point_work_has_a_region_without_blocks) {

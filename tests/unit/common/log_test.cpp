@@ -306,6 +306,24 @@ TEST_F(log_test, log_file_is_private_synchronous_and_close_on_exec) {
   mora_log_fini();
 }
 
+TEST_F(log_test, log_file_never_takes_the_place_of_a_closed_standard_stream) {
+  const std::string path = folder() / "run.log";
+  EXPECT_EQ(status_of_child([&] {
+              for (int fd = 0; fd <= STDERR_FILENO; ++fd) close(fd);
+              mora_log_set_file(path.c_str());
+              mora_log_init();
+              // What a program prints to a stream that its caller has closed is lost, and not the log's.
+              for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
+                if (fcntl(fd, F_GETFD) != -1) return 10 + fd;
+              }
+              if (fcntl(STDERR_FILENO + 1, F_GETFD) != FD_CLOEXEC) return 2;
+              log(LEVEL_WARN, "a line");
+              return 0;
+            }),
+            0);
+  EXPECT_THAT(content_of(path), HasSubstr("MORA warn a line\n"));
+}
+
 TEST_F(log_test, log_file_is_truncated_unless_appending) {
   const std::filesystem::path path = folder() / "log";
   for (const bool append : {false, true}) {
