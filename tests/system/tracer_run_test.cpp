@@ -127,6 +127,37 @@ TEST_F(tracer_run, application_that_becomes_another_program_takes_the_tool_with_
   EXPECT_EQ(content_of(result()), "{}");
 }
 
+TEST_F(tracer_run, result_has_the_mode_that_the_user_has_chosen_whatever_the_application_sets) {
+  run_process({"/bin/sh", "-c", "umask 027; exec \"$0\" --phase=bintracer -o r.json /bin/sh -c 'umask 0'",
+               tool_path().string()}, {.folder = folder.path()});
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(folder / "r.json").permissions(),
+            perms::owner_read | perms::owner_write | perms::group_read);
+}
+
+TEST_F(tracer_run, timer_that_the_application_has_left_does_not_end_the_finishing_step) {
+  // A pipe in place of an earlier file: the finishing step waits for it, and here that takes longer than the timer.
+  const process_result traced = run_process(
+      {"/bin/sh", "-c", "mkfifo pipe && { \"$0\" --phase=bintracer -o pipe \"$1\" & sleep 4; echo '{}' > pipe; wait $!; }",
+       tool_path().string(), program("late_timer")},
+      {.folder = folder.path(), .seconds_allowed = 30});
+  EXPECT_EQ(traced.status, 3) << traced.err;
+  EXPECT_THAT(traced.out, HasSubstr("CEILMETER: Result is captured at "));
+}
+
+TEST_F(tracer_run, closing_lines_that_nobody_reads_cost_no_result) {
+  for (const std::string phase : {"perfmon", "bintracer"}) {
+    const process_result read_in_part = run_process(
+        {"/bin/sh", "-c", "{ \"$0\" --phase=$2 -o r.json \"$1\" 2; echo $? > status; } | head -2", tool_path().string(),
+         program("late_timer"), phase},
+        {.folder = folder.path()});
+    EXPECT_THAT(read_in_part.out, Not(HasSubstr("Processing")));
+    EXPECT_EQ(content_of(folder / "status"), phase == "perfmon" ? "0\n" : "3\n");
+    EXPECT_THAT(content_of(folder / "r.json"), HasSubstr("\"regions\"")) << phase;
+    std::filesystem::remove(folder / "r.json");
+  }
+}
+
 TEST_F(tracer_run, program_without_floating_point_work_has_a_region_without_blocks) {
   EXPECT_EQ(run({}, {"/bin/true"}).status, 0);
   EXPECT_EQ(total().bbs.size(), 0U);
