@@ -71,14 +71,18 @@ void write_ignoring_result(int fd, const char* text, std::size_t length) {
   [[maybe_unused]] const ssize_t written = ::write(fd, text, length);
 }
 
-// Moves a descriptor beyond those of the standard streams, which it takes if the caller has closed them: what the
-// application prints to such a stream is to be lost, as it is without the tool.
-int beyond_standard_streams(int fd) {
-  if (fd < 0 || fd > STDERR_FILENO) return fd;
-  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  const int saved_errno = errno;
+// Moves a descriptor away from the small numbers. The application shares them: a script that opens its descriptor 3 would
+// have the log's lines in its file from then on, and one whose standard output is closed would print into the log.
+int out_of_the_applications_way(int fd) {
+  // Below the usual limit of 1024; where the limit is lower, at least beyond the standard streams.
+  constexpr std::array<int, 2> first_numbers = {1000, STDERR_FILENO + 1};
+  if (fd < 0) return fd;
+  int moved = -1;
+  for (const int first : first_numbers) {
+    if (moved < 0) moved = fcntl(fd, F_DUPFD_CLOEXEC, first);
+  }
+  if (moved < 0) return fd;
   close(fd);
-  errno = saved_errno;
   return moved;
 }
 
@@ -180,7 +184,7 @@ int mora_log_init() {
     // Synchronous, so that each line has reached the file when the call returns: the process may end as abruptly as
     // the application that runs inside it.
     const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_SYNC | (log_append != 0 ? O_APPEND : O_TRUNC);
-    const int fd = beyond_standard_streams(open(log_file_path, flags, 0600));
+    const int fd = out_of_the_applications_way(open(log_file_path, flags, 0600));
     if (fd >= 0) {
       log_fd = fd;
     } else {

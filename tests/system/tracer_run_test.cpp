@@ -135,6 +135,13 @@ TEST_F(tracer_run, result_has_the_mode_that_the_user_has_chosen_whatever_the_app
             perms::owner_read | perms::owner_write | perms::group_read);
 }
 
+TEST_F(tracer_run, script_that_opens_a_descriptor_of_its_choice_keeps_its_file_for_itself) {
+  const process_result traced = run({"-l", "info", "--log-file=log"}, {"/bin/sh", "-c", "exec 3>mine; echo data >&3"});
+  EXPECT_EQ(traced.status, 0);
+  EXPECT_EQ(content_of(folder / "mine"), "data\n");
+  EXPECT_THAT(content_of(folder / "log"), HasSubstr("Finishing collection for "));
+}
+
 TEST_F(tracer_run, timer_that_the_application_has_left_does_not_end_the_finishing_step) {
   // A pipe in place of an earlier file: the finishing step waits for it, and here that takes longer than the timer.
   const process_result traced = run_process(
