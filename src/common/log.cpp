@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -74,13 +75,14 @@ void write_ignoring_result(int fd, const char* text, std::size_t length) {
 // Moves a descriptor away from the small numbers. The application shares them: a script that opens its descriptor 3 would
 // have the log's lines in its file from then on, and one whose standard output is closed would print into the log.
 int out_of_the_applications_way(int fd) {
-  // Below the usual limit of 1024; where the limit is lower, at least beyond the standard streams.
-  constexpr std::array<int, 2> first_numbers = {1000, STDERR_FILENO + 1};
   if (fd < 0) return fd;
-  int moved = -1;
-  for (const int first : first_numbers) {
-    if (moved < 0) moved = fcntl(fd, F_DUPFD_CLOEXEC, first);
-  }
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  // Near the end of what there may be, and where that is little at least beyond the standard streams.
+  constexpr int usual_limit = 1024;
+  const int numbers = limit.rlim_cur < usual_limit ? static_cast<int>(limit.rlim_cur) : usual_limit;
+  const int first = std::max(numbers - 24, STDERR_FILENO + 1);
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, first);
   if (moved < 0) return fd;
   close(fd);
   return moved;
