@@ -152,6 +152,12 @@ TEST_F(tracer_run, timer_that_the_application_has_left_does_not_end_the_finishin
   EXPECT_THAT(traced.out, HasSubstr("CEILMETER: Result is captured at "));
 }
 
+TEST_F(tracer_run, application_that_ends_on_a_signal_stack_of_the_usual_size_leaves_its_result) {
+  const process_result traced = run({}, {program("ends_in_handler"), "11264"});
+  EXPECT_EQ(traced.status, 5);
+  EXPECT_GE(total().flop, 2000U);
+}
+
 TEST_F(tracer_run, closing_lines_that_nobody_reads_cost_no_result) {
   for (const std::string phase : {"perfmon", "bintracer"}) {
     const process_result read_in_part = run_process(
