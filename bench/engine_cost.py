@@ -48,17 +48,15 @@ SCAN, FLUSH, DISPATCH = "ceilmeter::scan_a64", "ceilmeter::flush_code_cache", "d
 STUB_TEXT, STUB_TEXT_END, BLOCK = "stub_text", "stub_text_end", 256
 COUNTER_STUB, COUNTER_STUB_END = "hot_counter_stub", "syscall_wrapper"
 
-
-KINDS = ("other", "cache", "stubs")
+# What the tool prints in its bintracer phase, in front of what the program prints and behind it.
+OPENING_LINES = re.compile(rb"CEILMETER: Start collection for .*\nCEILMETER: Launch application to do .*\n")
+CLOSING_LINES = re.compile(rb"CEILMETER: Processing all collected data\nCEILMETER: Result is captured at .*\n"
+                           rb'CEILMETER: Run "ceilview .*\n')
+KINDS = ("other", "cache", "stubs")  # Of code, to the plug-in.
 
 
 class CountError(Exception):
     """A run that cannot be counted; the message says why."""
-
-
-def without_own_lines(output):
-    """What a program has written, without the tool's own lines, which follow right behind an output with no line's end."""
-    return re.sub(rb"CEILMETER: [^\n]*\n", b"", output)
 
 
 def symbols_of(nm, path, *options):
@@ -66,6 +64,13 @@ def symbols_of(nm, path, *options):
     listing = subprocess.run([nm, "-C", *options, path], check=False, capture_output=True, text=True).stdout
     matches = (re.match(r"([0-9a-f]+) [tTwWiVu] ([^(@$]+)", line) for line in listing.splitlines())
     return sorted((int(match[1], 16), match[2]) for match in matches if match)
+
+
+def without_lines_of_the_tool(output):
+    """What the program has printed. The closing lines stand right behind it, also where it does not end a line."""
+    for pattern in (OPENING_LINES, CLOSING_LINES):
+        output = pattern.sub(b"", output, count=1)
+    return output
 
 
 class Counter:
@@ -125,7 +130,8 @@ class Counter:
                 counts = {" ".join(words.split()[:-1]): int(words.split()[-1]) for words in file}
         except OSError as error:
             raise CountError(f"the {side} run left no counts ({error}); it said: {done.stderr[-600:]!r}") from error
-        return done.returncode, without_own_lines(done.stdout), counts, addresses
+        output = without_lines_of_the_tool(done.stdout) if under_engine and self.is_tool else done.stdout
+        return done.returncode, output, counts, addresses
 
     def at(self, summary, name):
         return summary[f"at {self.places[name]:#x}"]

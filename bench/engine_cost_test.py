@@ -12,6 +12,9 @@ import unittest
 
 BUILD, NM = sys.argv[1:3]
 BENCH = os.path.join(os.path.dirname(os.path.realpath(__file__)), "engine_cost.py")
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.dirname(BENCH))
+import engine_cost  # noqa: E402 (the bench lies beside this file and in no package)
 
 
 def run(listing, *options):
@@ -88,6 +91,15 @@ class EngineCost(unittest.TestCase):
         bare = self.rows["straight_2000"]["cache"] - self.rows["straight_1000"]["cache"]
         self.assertGreaterEqual((more - bare) / 1000, 4)  # It counts: a load, an addition, a store and the address.
         self.assertLess((more - bare) / 1000, 12.5)  # The printing of another number differs a little.
+
+    def test_the_tools_lines_are_taken_out_of_output_that_ends_within_a_line(self):
+        own = b"CEILMETER: is a word of the program's\n\xff\x00 and no end of line"
+        opening = (b"CEILMETER: Start collection for ./a\n"
+                   b"CEILMETER: Launch application to do binary instrumentation of ./a\n")
+        closing = (b"CEILMETER: Processing all collected data\nCEILMETER: Result is captured at r.json\n"
+                   b'CEILMETER: Run "ceilview r.json" to get report.\n')
+        self.assertEqual(engine_cost.without_lines_of_the_tool(opening + own + closing), own)
+        self.assertEqual(engine_cost.without_lines_of_the_tool(opening + own + closing + b"behind\n"), own + b"behind\n")
 
     def test_a_program_that_behaves_otherwise_under_the_engine_fails(self):
         status, table, messages, rows = run('bad: $RUN $PROGRAMS/engine_loops straight 10; echo "$RUN"\n')

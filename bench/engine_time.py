@@ -44,12 +44,13 @@ def unpacked_valgrind(userland):
 
 
 def run(way, line):
-    """(seconds, status, output) of one run; the tool's own lines are not the program's."""
+    """(seconds, status, output, messages) of one run."""
     assignments = f"RUN={shlex.quote(WAYS[way])}; ROOT=; PROGRAMS={BUILD}/bench; "
     begin = time.monotonic()
     done = subprocess.run(["sh", "-c", assignments + line], stdin=subprocess.DEVNULL, check=False, capture_output=True)
     seconds = time.monotonic() - begin
-    return seconds, done.returncode, engine_cost.without_own_lines(done.stdout), done.stderr
+    output = engine_cost.without_lines_of_the_tool(done.stdout) if way == "tracer" else done.stdout
+    return seconds, done.returncode, output, done.stderr
 
 
 def time_all(runs, pattern):

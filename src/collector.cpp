@@ -2,10 +2,17 @@
 // leaves an empty contribution, and only a result file that cannot be written is fatal.
 #include "collector.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
+#include <string>
+#include <system_error>
 
 #include "bintracer/bintracer.h"
 #include "common/log.h"
@@ -23,6 +30,46 @@ namespace ceilmeter {
 namespace {
 
 constexpr tool_log log{"src/collector"};
+
+// What the tool was started with, kept while the application runs in this process.
+struct start_state {
+  std::string folder;
+  mode_t file_mask;
+};
+
+start_state& at_start() {
+  static start_state state{{}, 0};
+  return state;
+}
+
+void keep_start_state() {
+  std::error_code error;
+  at_start().folder = std::filesystem::current_path(error).string();
+  // It can only be read by setting it. There is one thread as yet.
+  at_start().file_mask = umask(077);
+  umask(at_start().file_mask);
+}
+
+// The result is the user's file, not the application's. In region mode a relative path stays the application's: its
+// counters are in the file that it has written under that path.
+void return_to_start_state(const collector_config& config) {
+  if ((config.phase & PHASE_BINTRACER) == 0) return;
+  umask(at_start().file_mask);
+  if (config.mode != MODE_TOTAL || at_start().folder.empty()) return;
+  // The folder may be gone, or out of reach of a user that the application has become: then the path's meaning is where
+  // the application is, which is as good a place.
+  [[maybe_unused]] const int result = chdir(at_start().folder.c_str());
+}
+
+// What is left of the application must not cost the result, for which it has run so long. Interrupts of the user's end
+// the run as before.
+void ignore_what_the_application_has_left(const collector_config& config) {
+  // Nobody may read the closing lines any more, where they go into a pipe.
+  std::signal(SIGPIPE, SIG_IGN);
+  if ((config.phase & PHASE_BINTRACER) == 0) return;
+  // Its timers end with a process, but under the tracer the process goes on for as long as the roofs take.
+  for (const int timer_signal : {SIGALRM, SIGVTALRM, SIGPROF}) std::signal(timer_signal, SIG_IGN);
+}
 
 // The counts at which the roofs are to be measured: those of the regions of this run or, without a traced run, of the
 // regions read from the file, and the highest of all.
@@ -110,6 +157,7 @@ std::vector<perfmon_region> run_app_with_perfmon(const collector_config& config)
 
 void run_app_with_bintracer(collector_config& config, finish_function finish) {
   print_progress("Launch application to do binary instrumentation of " + config.application);
+  keep_start_state();
   config.tracer = std::make_unique<bintracer_t>(finish, config.mode);
   config.tracer->collect(config.argc, config.argv, config.envp);
 }
@@ -128,6 +176,8 @@ bool set_env_for_region_mode(const std::string& name, const std::string& value) 
 }
 
 void finish_collect(collector_config& config) {
+  ignore_what_the_application_has_left(config);
+  return_to_start_state(config);
   bintracer_report tracer_report;
   if ((config.phase & PHASE_BINTRACER) != 0) {
     // Given up without its destructor: the engine's structures, which the tracer's blocks belong to, are still in use

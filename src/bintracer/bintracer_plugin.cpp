@@ -5,6 +5,7 @@
 
 #include <sys/auxv.h>
 #include <sys/mman.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -99,6 +100,27 @@ const watch_callbacks* watched_at(const mora_context* ctx) {
   return tracer().find_watched_function(mora_get_source_addr(ctx));
 }
 
+// Runs the function on a stack of its own, on this thread, and returns when it does. The application may end on a signal
+// stack that is little more than the signal's frame; the report wants more.
+void call_on_own_stack(void (*function)()) {
+  constexpr std::size_t stack_size = std::size_t{8} << 20;
+  void* const stack = mmap(nullptr, stack_size, PROT_READ | PROT_WRITE,
+                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
+  // Two contexts would take more than half of such a stack.
+  static ucontext_t own_context;
+  static ucontext_t back;
+  if (stack == MAP_FAILED || getcontext(&own_context) != 0) {
+    function();
+    return;
+  }
+  own_context.uc_stack.ss_sp = stack;
+  own_context.uc_stack.ss_size = stack_size;
+  own_context.uc_link = &back;
+  makecontext(&own_context, function, 0);
+  swapcontext(&back, &own_context);
+  munmap(stack, stack_size);
+}
+
 int exit_cb(mora_context* ctx) {
   // A child that the application has forked ends through the engine as well. The result is that of the process that was
   // started: a child would write over it and print the closing lines into the application's output. Its tracer is given up
@@ -107,7 +129,9 @@ int exit_cb(mora_context* ctx) {
     static_cast<void>(process_config().tracer.release());
     return 0;
   }
-  run_at_exit(address_of(ctx), 0);
+  static std::uint64_t argument;
+  argument = address_of(ctx);
+  call_on_own_stack([] { run_at_exit(argument, 0); });
   return 0;
 }
 

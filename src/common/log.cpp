@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -69,6 +70,22 @@ bool find_level(const char* name, int& level) {
 // A failed or short write is ignored: there is nowhere left to report it.
 void write_ignoring_result(int fd, const char* text, std::size_t length) {
   [[maybe_unused]] const ssize_t written = ::write(fd, text, length);
+}
+
+// Moves a descriptor away from the small numbers. The application shares them: a script that opens its descriptor 3 would
+// have the log's lines in its file from then on, and one whose standard output is closed would print into the log.
+int out_of_the_applications_way(int fd) {
+  if (fd < 0) return fd;
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  // Near the end of what there may be, and where that is little at least beyond the standard streams.
+  constexpr int usual_limit = 1024;
+  const int numbers = limit.rlim_cur < usual_limit ? static_cast<int>(limit.rlim_cur) : usual_limit;
+  const int first = std::max(numbers - 24, STDERR_FILENO + 1);
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, first);
+  if (moved < 0) return fd;
+  close(fd);
+  return moved;
 }
 
 // What %p, %h and %r stand for; the same for the whole life of the process.
@@ -169,7 +186,7 @@ int mora_log_init() {
     // Synchronous, so that each line has reached the file when the call returns: the process may end as abruptly as
     // the application that runs inside it.
     const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_SYNC | (log_append != 0 ? O_APPEND : O_TRUNC);
-    const int fd = open(log_file_path, flags, 0600);
+    const int fd = out_of_the_applications_way(open(log_file_path, flags, 0600));
     if (fd >= 0) {
       log_fd = fd;
     } else {

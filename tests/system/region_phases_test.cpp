@@ -217,6 +217,34 @@ TEST_F(region_phases_test, an_exit_inside_a_region_without_finalize_is_counted_b
   EXPECT_EQ(flop("r"), 10 * flop_of_one_round);
 }
 
+// The child has a region of its own and calls everything, in the middle of its parent's region.
+const std::vector<std::string> forked_inside_a_region = {"init",   "start=r", "work=10",  "(",      "start=c", "work=1000",
+                                                         "stop=c", "finalize", ")",       "work=5", "stop=r",  "finalize"};
+
+TEST_F(region_phases_test, a_child_that_is_forked_inside_a_region_is_not_in_the_tracers_result) {
+  // The child's calls go to what the tracer has of it, which is thrown away, with or without a warning.
+  run_script("bintracer", forked_inside_a_region);
+  EXPECT_THAT(region_names(), ElementsAre("r"));
+  EXPECT_EQ(flop("r"), 15 * flop_of_one_round);
+}
+
+TEST_F(region_phases_test, of_a_process_and_its_forked_child_the_last_to_finalize_has_its_counters_in_the_file) {
+  const process_result done = run_script("perfmon", forked_inside_a_region);
+  EXPECT_EQ(done.err, "");
+  EXPECT_THAT(region_names(), ElementsAre("r"));
+  EXPECT_GT(time("r"), 0u);
+}
+
+TEST_F(region_phases_test, the_variables_of_region_mode_reach_the_counted_application_and_not_the_traced_one) {
+  // The traced one has the environment that the tool was started with.
+  const process_result done = run("~benchmarks", {"/usr/bin/env"});
+  const std::string variable = "ROOFLINE_REPORT_FILE=" + result().string() + "\n";
+  const std::size_t first = done.out.find(variable);
+  const std::size_t tracer = done.out.find("CEILMETER: Launch application to do binary instrumentation of ");
+  EXPECT_LT(first, tracer) << done.out;
+  EXPECT_EQ(done.out.find(variable, tracer), std::string::npos) << done.out;
+}
+
 TEST_F(region_phases_test, names_with_blanks_of_4000_characters_and_beyond_ascii_are_the_same_in_both_phases) {
   const std::string long_name(4000, 'x');
   run_script("~benchmarks", {"init", "start=two words ∇²", "work=10", "stop=two words ∇²", "start=" + long_name,

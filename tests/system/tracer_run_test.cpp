@@ -28,6 +28,9 @@ class tracer_run : public ::testing::Test {
 
   static std::string program(const std::string& name) { return program_path("tracer/" + name).string(); }
 
+  // Does what its words say; chdir=FOLDER is one of them.
+  static std::string moving_program() { return program_path("regions/region_script_static").string(); }
+
   // The one region of a run over the whole application.
   region_metric total() const {
     const collector_report report = read(result());
@@ -82,6 +85,88 @@ TEST_F(tracer_run, block_of_the_application_is_tied_to_its_file) {
     count += block.count;
   }
   EXPECT_EQ(count, 3);
+}
+
+TEST_F(tracer_run, relative_result_path_starts_at_the_folder_of_the_tool_wherever_the_application_has_gone) {
+  std::filesystem::create_directory(folder / "elsewhere");
+  const process_result traced = run({"-o", "here.json"}, {moving_program(), "chdir=elsewhere"});
+  EXPECT_EQ(traced.status, 0) << traced.err;
+  EXPECT_THAT(traced.out, HasSubstr("CEILMETER: Result is captured at here.json\n"));
+  EXPECT_TRUE(std::filesystem::exists(folder / "here.json"));
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "elsewhere"));
+}
+
+TEST_F(tracer_run, default_result_path_is_beside_the_application_wherever_that_has_gone) {
+  std::filesystem::create_directory(folder / "elsewhere");
+  std::filesystem::copy_file(moving_program(), folder / "app");
+  write_file(folder / "app.roofline.json", "{\"regions\": {\"total\": {\"bbs\": [], \"time\": 77}}}");
+  run_process({tool_path().string(), "--phase=bintracer", "app", "chdir=elsewhere"}, {.folder = folder.path()});
+  EXPECT_THAT(content_of(folder / "app.roofline.json"), HasSubstr("\"threads\": 1"));
+  EXPECT_THAT(content_of(folder / "app.roofline.json"), HasSubstr("\"time\": 77")) << "the earlier file was not read";
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "elsewhere"));
+}
+
+TEST_F(tracer_run, result_goes_where_the_application_is_if_the_tools_folder_has_gone) {
+  std::filesystem::create_directory(folder / "gone");
+  const process_result traced =
+      run_process({tool_path().string(), "--phase=bintracer", "-o", "here.json", "/bin/sh", "-c",
+                   "cd ..; rmdir gone; exit 3"}, {.folder = folder / "gone"});
+  EXPECT_EQ(traced.status, 3) << traced.err;
+  EXPECT_TRUE(std::filesystem::exists(folder / "here.json"));
+}
+
+TEST_F(tracer_run, application_that_becomes_another_program_takes_the_tool_with_it_and_leaves_an_earlier_file_alone) {
+  write_file(result(), "{}");
+  const process_result traced = run({}, {"/bin/sh", "-c", "exec /bin/sh -c 'echo replaced; exit 5'"});
+  EXPECT_EQ(traced.status, 5);
+  EXPECT_EQ(traced.err, "");
+  EXPECT_THAT(traced.out, HasSubstr("\nreplaced\n"));
+  EXPECT_THAT(traced.out, Not(HasSubstr("Result is captured")));
+  EXPECT_EQ(content_of(result()), "{}");
+}
+
+TEST_F(tracer_run, result_has_the_mode_that_the_user_has_chosen_whatever_the_application_sets) {
+  run_process({"/bin/sh", "-c", "umask 027; exec \"$0\" --phase=bintracer -o r.json /bin/sh -c 'umask 0'",
+               tool_path().string()}, {.folder = folder.path()});
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(folder / "r.json").permissions(),
+            perms::owner_read | perms::owner_write | perms::group_read);
+}
+
+TEST_F(tracer_run, script_that_opens_a_descriptor_of_its_choice_keeps_its_file_for_itself) {
+  const process_result traced = run({"-l", "info", "--log-file=log"}, {"/bin/sh", "-c", "exec 3>mine; echo data >&3"});
+  EXPECT_EQ(traced.status, 0);
+  EXPECT_EQ(content_of(folder / "mine"), "data\n");
+  EXPECT_THAT(content_of(folder / "log"), HasSubstr("Finishing collection for "));
+}
+
+TEST_F(tracer_run, timer_that_the_application_has_left_does_not_end_the_finishing_step) {
+  // A pipe in place of an earlier file: the finishing step waits for it, and here that takes longer than the timer.
+  const process_result traced = run_process(
+      {"/bin/sh", "-c", "mkfifo pipe && { \"$0\" --phase=bintracer -o pipe \"$1\" & sleep 4; echo '{}' > pipe; wait $!; }",
+       tool_path().string(), program("late_timer")},
+      {.folder = folder.path(), .seconds_allowed = 30});
+  EXPECT_EQ(traced.status, 3) << traced.err;
+  EXPECT_THAT(traced.out, HasSubstr("CEILMETER: Result is captured at "));
+}
+
+TEST_F(tracer_run, application_that_ends_on_a_signal_stack_of_the_usual_size_leaves_its_result) {
+  const process_result traced = run({}, {program("ends_in_handler"), "11264"});
+  EXPECT_EQ(traced.status, 5);
+  EXPECT_GE(total().flop, 2000U);
+}
+
+TEST_F(tracer_run, closing_lines_that_nobody_reads_cost_no_result) {
+  for (const std::string phase : {"perfmon", "bintracer"}) {
+    const process_result read_in_part = run_process(
+        {"/bin/sh", "-c", "{ \"$0\" --phase=$2 -o r.json \"$1\" 2; echo $? > status; } | head -2", tool_path().string(),
+         program("late_timer"), phase},
+        {.folder = folder.path()});
+    EXPECT_THAT(read_in_part.out, Not(HasSubstr("Processing")));
+    EXPECT_EQ(content_of(folder / "status"), phase == "perfmon" ? "0\n" : "3\n");
+    EXPECT_THAT(content_of(folder / "r.json"), HasSubstr("\"regions\"")) << phase;
+    std::filesystem::remove(folder / "r.json");
+  }
 }
 
 TEST_F(tracer_run, program_without_floating_point_work_has_a_region_without_blocks) {

@@ -7,6 +7,7 @@
  *   [ WORDS ]                 the words on a thread of its own, which is waited for; may stand inside another one
  *   { WORDS }                 the same without waiting: threads of this kind are joined at "join" or at the end
  *   join                      waits for these
+ *   ( WORDS )                 the words in a forked child, which is waited for
  *   chdir=PATH  exit=N        as the C library's functions
  *   descriptors               prints the number of open descriptors
  *   load=PATH                 takes the functions from a library opened now (only in the program that is not linked)
@@ -14,10 +15,12 @@
  * It prints "done" at the end. */
 #include <dirent.h>
 #include <dlfcn.h>
+#include <errno.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #ifdef REGIONS_ARE_LINKED
@@ -120,6 +123,24 @@ static int run_group(char** words, int count, int waited_for) {
   return size;
 }
 
+/* The same in a child. */
+static int run_child(char** words, int count) {
+  const int size = group_size(words, count, "(", ")");
+  fflush(stdout);
+  const pid_t child = fork();
+  if (child == -1) fail(strerror(errno));
+  if (child == 0) {
+    struct words* inside = malloc(sizeof *inside);
+    if (inside == NULL) fail("no memory");
+    *inside = (struct words){words + 1, size - 2};
+    run(inside);
+    exit(0);
+  }
+  int status = 0;
+  if (waitpid(child, &status, 0) != child || status != 0) fail("the child has failed");
+  return size;
+}
+
 static int is(const char* word, size_t length, const char* name) {
   return length == strlen(name) && memcmp(word, name, length) == 0;
 }
@@ -153,6 +174,8 @@ static void* run(void* argument) {
       at += run_group(words.first + at, words.count - at, 1) - 1;
     } else if (is(word, length, "{")) {
       at += run_group(words.first + at, words.count - at, 0) - 1;
+    } else if (is(word, length, "(")) {
+      at += run_child(words.first + at, words.count - at) - 1;
     } else if (is(word, length, "join")) {
       join_all();
     } else if (is(word, length, "chdir")) {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -294,7 +295,7 @@ TEST_F(log_test, log_file_is_private_synchronous_and_close_on_exec) {
   ASSERT_EQ(stat(path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0600U);
   bool found = false;
-  for (int fd = 3; fd < 64; ++fd) {
+  for (int fd = 3; fd < 1024; ++fd) {
     struct stat open_file {};
     if (fstat(fd, &open_file) != 0 || open_file.st_ino != status.st_ino) continue;
     found = true;
@@ -303,6 +304,48 @@ TEST_F(log_test, log_file_is_private_synchronous_and_close_on_exec) {
   }
   EXPECT_TRUE(found);
   mora_log_fini();
+}
+
+TEST_F(log_test, log_file_never_takes_the_place_of_a_closed_standard_stream) {
+  const std::string path = folder() / "run.log";
+  for (const rlim_t limit : {1024, 8}) {
+    EXPECT_EQ(status_of_child([&] {
+                const rlimit limits{limit, limit};
+                setrlimit(RLIMIT_NOFILE, &limits);
+                for (int fd = 0; fd <= STDERR_FILENO; ++fd) close(fd);
+                mora_log_set_file(path.c_str());
+                mora_log_init();
+                // What a program prints to a stream that its caller has closed is lost, and not the log's.
+                for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
+                  if (fcntl(fd, F_GETFD) != -1) return 10 + fd;
+                }
+                log(LEVEL_WARN, "a line");
+                return 0;
+              }),
+              0);
+    EXPECT_THAT(content_of(path), HasSubstr("MORA warn a line\n")) << limit << " descriptors";
+  }
+}
+
+TEST_F(log_test, log_file_leaves_the_small_descriptors_to_the_application) {
+  const std::string path = folder() / "run.log";
+  for (const rlim_t limit : {1024, 256}) {
+    EXPECT_EQ(status_of_child([&] {
+                const rlimit limits{limit, limit};
+                setrlimit(RLIMIT_NOFILE, &limits);
+                mora_log_set_file(path.c_str());
+                mora_log_init();
+                // As a script does that opens descriptors under numbers of its choice.
+                for (int fd = 3; fd < 200; ++fd) {
+                  dup2(STDERR_FILENO, fd);
+                  close(fd);
+                }
+                log(LEVEL_WARN, "a line");
+                return 0;
+              }),
+              0);
+    EXPECT_THAT(content_of(path), HasSubstr("MORA warn a line\n")) << limit << " descriptors";
+  }
 }
 
 TEST_F(log_test, log_file_is_truncated_unless_appending) {

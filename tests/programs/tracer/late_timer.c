@@ -1,0 +1,10 @@
+// Sleeps for as many seconds as its argument says, sets a timer of one second that nothing handles, and ends before it
+// is due: a process takes its timers with it.
+#include <stdlib.h>
+#include <unistd.h>
+
+int main(int argc, char** argv) {
+  if (argc > 1) sleep((unsigned)atoi(argv[1]));
+  alarm(1);
+  return 3;
+}
