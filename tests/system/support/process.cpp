@@ -1,3 +1,4 @@
+// The child is the leader of a group of its own, so that what it has started can be ended with it.
 #include "process.h"
 
 #include <fcntl.h>

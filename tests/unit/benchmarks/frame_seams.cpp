@@ -1,3 +1,4 @@
+// The redirected calls. Several threads of the frame are in them at once.
 #include "frame_seams.h"
 
 #include <dlfcn.h>

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,7 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "../report/log_capture.h"
+#include "../support/log_capture.h"
+#include "../support/scratch_folder.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {
@@ -37,12 +37,6 @@ constexpr std::uint64_t code = 0x10000;  // Where modules are mapped.
 
 class tracer_finalizer : public ::testing::Test {
  protected:
-  tracer_finalizer() {
-    std::string name = (std::filesystem::temp_directory_path() / "finalizer_XXXXXX").string();
-    folder = mkdtemp(name.data());
-  }
-  ~tracer_finalizer() override { std::filesystem::remove_all(folder); }
-
   void start(std::uint32_t mode) { tracer = &start_tracer(mode); }
 
   // A file with these words from `file_offset` on, mapped at `begin` from there.
@@ -92,7 +86,7 @@ class tracer_finalizer : public ::testing::Test {
     return finalize(finder, *tracer, max_thread_count);
   }
 
-  std::filesystem::path folder;
+  const test::scratch_folder folder;
   bintracer_t* tracer = nullptr;
   std::vector<std::unique_ptr<bintracer_thread>> threads;
   int next_fd = 1000;

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "../report/log_capture.h"
+#include "../support/log_capture.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "../support/captured_log.h"
+#include "../support/scratch_folder.h"
 
 namespace ceilmeter {
 namespace {
@@ -61,14 +62,6 @@ class log_test : public ::testing::Test {
     text << stream.rdbuf();
     return text.str();
   }
-  // A folder of this test's own, gone with the test.
-  std::filesystem::path folder() {
-    if (m_folder.path.empty()) {
-      std::string pattern = (std::filesystem::temp_directory_path() / "log_test.XXXXXX").string();
-      m_folder.path = mkdtemp(pattern.data());
-    }
-    return m_folder.path;
-  }
   // Runs `body` in a child, where the environment and the log are its own; returns what the child exits with.
   template <typename body_type>
   static int status_of_child(const body_type& body) {
@@ -79,14 +72,7 @@ class log_test : public ::testing::Test {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
 
- private:
-  struct removed_folder {
-    std::filesystem::path path;
-    ~removed_folder() {
-      if (!path.empty()) std::filesystem::remove_all(path);
-    }
-  };
-  removed_folder m_folder;
+  const test::scratch_folder folder;
 };
 
 // The next three come first: the rank is read once in a process, so that each case runs in a child, and the children
@@ -285,7 +271,7 @@ TEST_F(log_test, standard_streams_are_chosen_in_any_case_without_a_file) {
 }
 
 TEST_F(log_test, log_file_is_private_synchronous_and_close_on_exec) {
-  const std::filesystem::path path = folder() / "log";
+  const std::filesystem::path path = folder / "log";
   mora_log_set_file(path.c_str());
   EXPECT_FALSE(std::filesystem::exists(path)) << "opened before its time";
   mora_log_init();
@@ -349,7 +335,7 @@ TEST_F(log_test, log_file_leaves_the_small_descriptors_to_the_application) {
 }
 
 TEST_F(log_test, log_file_is_truncated_unless_appending) {
-  const std::filesystem::path path = folder() / "log";
+  const std::filesystem::path path = folder / "log";
   for (const bool append : {false, true}) {
     std::ofstream(path) << "earlier\n";
     mora_log_set_file(path.c_str());
@@ -363,7 +349,7 @@ TEST_F(log_test, log_file_is_truncated_unless_appending) {
 }
 
 TEST_F(log_test, closing_the_log_returns_to_standard_error_and_twice_is_harmless) {
-  mora_log_set_file((folder() / "log").c_str());
+  mora_log_set_file((folder / "log").c_str());
   mora_log_init();
   EXPECT_EQ(mora_log_fini(), 1);
   EXPECT_EQ(mora_log_fini(), 1);
@@ -373,7 +359,7 @@ TEST_F(log_test, closing_the_log_returns_to_standard_error_and_twice_is_harmless
 }
 
 TEST_F(log_test, log_file_in_a_missing_folder_leaves_standard_error_and_closing_then_closes_it) {
-  const std::string path = (folder() / "missing" / "log").string();
+  const std::string path = folder / "missing/log";
   EXPECT_EQ(status_of_child([&path] {
               const captured_log captured;
               mora_log_set_file(path.c_str());

@@ -2,13 +2,9 @@
 #pragma once
 
 #include <elf.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -80,30 +76,6 @@ struct elf_image {
     if (table != 0) std::memcpy(result.data() + sizeof complete, program_headers.data(), table);
     return result;
   }
-};
-
-// A folder for a test's files, gone with the object, that any user may read.
-class scratch_folder {
- public:
-  scratch_folder() {
-    std::string name = (std::filesystem::temp_directory_path() / "ceilmeter-elf-XXXXXX").string();
-    m_path = mkdtemp(name.data());
-    std::filesystem::permissions(m_path, std::filesystem::perms{0755});
-  }
-  ~scratch_folder() { std::filesystem::remove_all(m_path); }
-  scratch_folder(const scratch_folder&) = delete;
-  scratch_folder& operator=(const scratch_folder&) = delete;
-
-  std::string operator/(const std::string& name) const { return (m_path / name).string(); }
-
-  // Writes a file and returns its path.
-  std::string write(const std::string& name, const std::string& content) const {
-    std::ofstream(m_path / name, std::ios::binary) << content;
-    return *this / name;
-  }
-
- private:
-  std::filesystem::path m_path;
 };
 
 }  // namespace ceilmeter::test

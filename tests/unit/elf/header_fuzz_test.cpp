@@ -10,6 +10,7 @@
 #include <map>
 #include <random>
 
+#include "../support/scratch_folder.h"
 #include "loader_fixture.h"
 
 namespace ceilmeter::test {

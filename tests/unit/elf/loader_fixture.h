@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "../support/scratch_folder.h"
 #include "bi/mora.h"
 #include "child_process.h"
 #include "elf/elf_loader.h"

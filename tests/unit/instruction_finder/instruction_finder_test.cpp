@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,7 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "../report/log_capture.h"
+#include "../support/log_capture.h"
+#include "../support/scratch_folder.h"
 
 namespace ceilmeter {
 namespace {
@@ -26,11 +26,8 @@ constexpr std::uint32_t untouched = 0xabababab;
 class finding_instructions : public ::testing::Test {
  protected:
   finding_instructions() {
-    std::string name = (std::filesystem::temp_directory_path() / "finder_XXXXXX").string();
-    folder = mkdtemp(name.data());
     buffer.fill(untouched);
   }
-  ~finding_instructions() override { std::filesystem::remove_all(folder); }
 
   // A file whose word i is 1000 + i.
   std::string make_module(const std::string& name, std::size_t words) const {
@@ -54,7 +51,7 @@ class finding_instructions : public ::testing::Test {
     return result;
   }
 
-  std::filesystem::path folder;
+  const test::scratch_folder folder;
   instruction_finder finder;
   std::array<std::uint32_t, max_basic_block_size> buffer;
 };
@@ -149,7 +146,7 @@ TEST_F(finding_instructions, offset_that_no_file_can_have_fails_to_be_sought) {
 
 TEST_F(finding_instructions, folder_in_place_of_a_module_fails) {
   const log_capture log(LEVEL_WARN);
-  EXPECT_FALSE(read(folder, 0, 4));
+  EXPECT_FALSE(read(folder.path(), 0, 4));
   EXPECT_FALSE(log.messages().empty());
 }
 
@@ -165,7 +162,7 @@ TEST_F(finding_instructions, path_with_a_symbolic_link_and_its_target_share_one_
   const std::string module = make_module("module", 100);
   std::filesystem::create_symlink("module", folder / "link");
   EXPECT_EQ(finder.open_file_impl(folder / "link"), finder.open_file_impl(module));
-  EXPECT_EQ(finder.open_file_impl(folder / "." / "module"), finder.open_file_impl(module));
+  EXPECT_EQ(finder.open_file_impl(folder / "./module"), finder.open_file_impl(module));
 }
 
 TEST_F(finding_instructions, two_files_have_two_streams) {
@@ -202,8 +199,7 @@ TEST_F(finding_instructions, names_with_blanks_and_other_letters_are_opened) {
 }
 
 TEST(instruction_finder_life, all_streams_are_closed_with_it) {
-  std::string name = (std::filesystem::temp_directory_path() / "finder_XXXXXX").string();
-  const std::filesystem::path folder = mkdtemp(name.data());
+  const test::scratch_folder folder;
   const auto open_files = [] {
     std::size_t count = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
@@ -220,7 +216,6 @@ TEST(instruction_finder_life, all_streams_are_closed_with_it) {
     EXPECT_EQ(open_files(), before + 20);
   }
   EXPECT_EQ(open_files(), before);
-  std::filesystem::remove_all(folder);
 }
 
 }  // namespace

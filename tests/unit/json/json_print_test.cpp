@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <random>
@@ -16,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "../support/scratch_folder.h"
 #include "json/json.h"
 #include "json_support.h"
 
@@ -370,25 +370,19 @@ TEST(json_print, random_trees_print_as_the_plain_printer_says_and_read_back_the_
 
 class json_save_test : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (std::filesystem::temp_directory_path() / "json_save.XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    folder = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(folder); }
-  std::string folder;
+  const test::scratch_folder folder;
 };
 
 TEST_F(json_save_test, the_file_holds_what_json_to_text_gives) {
   const token_owner object = make_object();
   for (int i = 0; i < 5000; ++i) add(object.get(), "key", make_string("some text"));
-  const std::string path = folder + "/new.json";
+  const std::string path = folder / "new.json";
   ASSERT_EQ(json_save(object.get(), path.c_str()), JSON_OK);
   EXPECT_TRUE(content_of(path) == printed(object.get()));
 }
 
 TEST_F(json_save_test, an_older_longer_file_is_replaced_as_a_whole) {
-  const std::string path = folder + "/old.json";
+  const std::string path = folder / "old.json";
   std::ofstream(path) << std::string(1000, 'x');
   ASSERT_EQ(json_save(make_object().get(), path.c_str()), JSON_OK);
   EXPECT_EQ(content_of(path), "{\n}\n");
@@ -396,15 +390,15 @@ TEST_F(json_save_test, an_older_longer_file_is_replaced_as_a_whole) {
 
 TEST_F(json_save_test, a_file_that_cannot_be_opened_is_an_error_with_its_reason_in_errno) {
   errno = 0;
-  EXPECT_EQ(json_save(make_object().get(), (folder + "/none/x.json").c_str()), JSON_ERR_FILE);
+  EXPECT_EQ(json_save(make_object().get(), (folder / "none/x.json").c_str()), JSON_ERR_FILE);
   EXPECT_EQ(errno, ENOENT);
   errno = 0;
-  EXPECT_EQ(json_save(make_object().get(), folder.c_str()), JSON_ERR_FILE);
+  EXPECT_EQ(json_save(make_object().get(), folder.path().c_str()), JSON_ERR_FILE);
   EXPECT_EQ(errno, EISDIR);
 }
 
 TEST_F(json_save_test, a_refused_root_leaves_an_empty_file) {
-  const std::string path = folder + "/refused.json";
+  const std::string path = folder / "refused.json";
   std::ofstream(path) << "old";
   EXPECT_EQ(json_save(make_integer(1).get(), path.c_str()), JSON_ERR_OBJECT);
   EXPECT_EQ(content_of(path), "");

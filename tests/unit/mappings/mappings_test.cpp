@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "../report/log_capture.h"
+#include "../support/log_capture.h"
 
 namespace ceilmeter {
 namespace {

@@ -7,10 +7,8 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 
 #include "report_handler.h"
 
@@ -21,31 +19,11 @@ namespace {
 bool traced = false;
 const void* flag = nullptr;
 
-std::string content_of_descriptor(int fd) {
-  std::string content;
-  char buffer[4096];
-  off_t offset = 0;
-  for (ssize_t got; (got = pread(fd, buffer, sizeof buffer, offset)) > 0; offset += got) {
-    content.append(buffer, static_cast<std::size_t>(got));
-  }
-  return content;
-}
-
 }  // namespace
 
 void act_as_tracer() { traced = true; }
 
 const void* address_of_flag() { return flag; }
-
-std::vector<std::string> log_lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    const std::size_t mark = line.find(" MORA ");
-    lines.push_back(mark == std::string::npos ? line : line.substr(mark + 6));
-  }
-  return lines;
-}
 
 std::string content_of(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -57,16 +35,7 @@ void write_file(const std::string& path, const std::string& content) {
 }
 
 regions_test::regions_test() {
-  std::string name = std::filesystem::temp_directory_path() / "regions_test_XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no folder for the test");
-  folder_ = name;
   for (const char* variable : {"ROOFLINE_REPORT_FILE", "ROOFLINE_LOG_FILE", "ROOFLINE_LOG_LEVEL"}) unsetenv(variable);
-}
-
-regions_test::~regions_test() {
-  std::error_code ignored;
-  std::filesystem::permissions(folder_, std::filesystem::perms::owner_all, ignored);
-  std::filesystem::remove_all(folder_, ignored);
 }
 
 process_traces regions_test::run(const std::function<void()>& application) {

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "../support/captured_log.h"
+#include "../support/scratch_folder.h"
 #include "common/log.h"
 #include "fake_kernel.h"
 #include "report.h"
@@ -23,16 +25,12 @@ struct process_traces {
   std::vector<std::string> log;   // Standard error, each line of the log reduced to "level message".
 };
 
-// The lines of a log, each reduced to "level message".
-std::vector<std::string> log_lines(const std::string& text);
-
 std::string content_of(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
 
 class regions_test : public ::testing::Test {
  protected:
   regions_test();
-  ~regions_test() override;
 
   // Runs `application` in a child process. Its failed expectations are printed and fail the calling test.
   process_traces run(const std::function<void()>& application);
@@ -41,7 +39,7 @@ class regions_test : public ::testing::Test {
   process_traces run_under_tool(const std::function<void()>& application);
 
   // A file in the test's own folder.
-  std::string path(const std::string& name) const { return folder_ + "/" + name; }
+  std::string path(const std::string& name) const { return folder_ / name; }
   std::string report_path() const { return path("app.roofline.json"); }
 
   // A region of the report file; fails the test if there is none.
@@ -55,7 +53,7 @@ class regions_test : public ::testing::Test {
   fake_kernel kernel;
 
  private:
-  std::string folder_;
+  const scratch_folder folder_;
 };
 
 // As under the tracer: the entry of the function that the tracer watches stores 1, 64 bits wide.

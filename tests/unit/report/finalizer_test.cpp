@@ -9,7 +9,7 @@
 #include <initializer_list>
 #include <utility>
 
-#include "log_capture.h"
+#include "../support/log_capture.h"
 #include "report_text.h"
 
 namespace ceilmeter {

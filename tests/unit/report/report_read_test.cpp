@@ -7,7 +7,7 @@
 #include <csignal>
 #include <stdexcept>
 
-#include "log_capture.h"
+#include "../support/log_capture.h"
 #include "report_handler.h"
 #include "report_text.h"
 #include "scratch_file.h"

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <random>
 
-#include "log_capture.h"
+#include "../support/log_capture.h"
 #include "report_handler.h"
 #include "report_text.h"
 #include "scratch_file.h"

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "log_capture.h"
+#include "../support/log_capture.h"
 #include "report_handler.h"
 #include "scratch_file.h"
 

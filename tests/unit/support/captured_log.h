@@ -12,6 +12,29 @@
 
 namespace ceilmeter::test {
 
+// All that a file holds, from its start.
+inline std::string content_of_descriptor(int fd) {
+  std::string content;
+  char buffer[4096];
+  off_t offset = 0;
+  for (ssize_t got; (got = pread(fd, buffer, sizeof buffer, offset)) > 0; offset += got) {
+    content.append(buffer, static_cast<std::size_t>(got));
+  }
+  return content;
+}
+
+// One element per line of a log: "level message", such as "warn setenv failed"; lines of a message behind its first one
+// stand by themselves.
+inline std::vector<std::string> log_lines(const std::string& text) {
+  std::vector<std::string> result;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    const std::size_t mark = line.find(" MORA ");
+    result.push_back(mark == std::string::npos ? line : line.substr(mark + 6));
+  }
+  return result;
+}
+
 // While it lives, writes to `fd` go into a memory file. One thread at a time may make and destroy one per descriptor.
 class captured_descriptor {
  public:
@@ -30,15 +53,7 @@ class captured_descriptor {
   captured_descriptor& operator=(const captured_descriptor&) = delete;
 
   // All that has been written so far.
-  std::string text() const {
-    std::string content;
-    char buffer[4096];
-    off_t offset = 0;
-    for (ssize_t got; (got = pread(m_file, buffer, sizeof buffer, offset)) > 0; offset += got) {
-      content.append(buffer, static_cast<std::size_t>(got));
-    }
-    return content;
-  }
+  std::string text() const { return content_of_descriptor(m_file); }
 
  private:
   int m_fd;
@@ -51,17 +66,7 @@ class captured_log : public captured_descriptor {
  public:
   captured_log() : captured_descriptor(STDERR_FILENO) {}
 
-  // One element per line: "level message", such as "warn setenv failed"; lines of a message behind its first one stand
-  // by themselves.
-  std::vector<std::string> lines() const {
-    std::vector<std::string> result;
-    std::istringstream stream(text());
-    for (std::string line; std::getline(stream, line);) {
-      const std::size_t mark = line.find(" MORA ");
-      result.push_back(mark == std::string::npos ? line : line.substr(mark + 6));
-    }
-    return result;
-  }
+  std::vector<std::string> lines() const { return log_lines(text()); }
 };
 
 }  // namespace ceilmeter::test

@@ -1,3 +1,4 @@
+// What the handlers call of the engine, noted or answered as the test says; threads and memory are real.
 #include "fake_engine.h"
 
 #include <sys/mman.h>

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "../support/captured_log.h"
+#include "captured_log.h"
 #include "common/log.h"
 
 namespace ceilmeter {
