@@ -2,6 +2,7 @@
 // leaves an empty contribution, and only a result file that cannot be written is fatal.
 #include "collector.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -69,6 +70,11 @@ void ignore_what_the_application_has_left(const collector_config& config) {
   if ((config.phase & PHASE_BINTRACER) == 0) return;
   // Its timers end with a process, but under the tracer the process goes on for as long as the roofs take.
   for (const int timer_signal : {SIGALRM, SIGVTALRM, SIGPROF}) std::signal(timer_signal, SIG_IGN);
+  // Its descriptors are all still open, and may be as many as it was allowed.
+  rlimit descriptors{};
+  if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return;
+  descriptors.rlim_cur = descriptors.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &descriptors);
 }
 
 // The counts at which the roofs are to be measured: those of the regions of this run or, without a traced run, of the

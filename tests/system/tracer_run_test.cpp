@@ -156,6 +156,12 @@ TEST_F(tracer_run, application_that_ends_on_a_signal_stack_of_the_usual_size_lea
   EXPECT_GE(total().flop, 2000U);
 }
 
+TEST_F(tracer_run, application_that_has_used_up_its_descriptors_leaves_its_result) {
+  const process_result traced = run({}, {program("leaks_descriptors")});
+  EXPECT_EQ(traced.status, 3) << traced.err;
+  EXPECT_EQ(total().threads, 1U);
+}
+
 TEST_F(tracer_run, closing_lines_that_nobody_reads_cost_no_result) {
   for (const std::string phase : {"perfmon", "bintracer"}) {
     const process_result read_in_part = run_process(
