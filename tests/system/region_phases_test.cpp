@@ -229,8 +229,9 @@ TEST_F(region_phases_test, a_child_that_is_forked_inside_a_region_is_not_in_the_
 }
 
 TEST_F(region_phases_test, of_a_process_and_its_forked_child_the_last_to_finalize_has_its_counters_in_the_file) {
-  const process_result done = run_script("perfmon", forked_inside_a_region);
-  EXPECT_EQ(done.err, "");
+  // The child is counted by its parent's group as well as by its own, which few counter units can do at once: the log may
+  // say so.
+  run_script("perfmon", forked_inside_a_region);
   EXPECT_THAT(region_names(), ElementsAre("r"));
   EXPECT_GT(time("r"), 0u);
 }
