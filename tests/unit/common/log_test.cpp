@@ -293,7 +293,7 @@ TEST_F(log_test, log_file_is_private_synchronous_and_close_on_exec) {
 }
 
 TEST_F(log_test, log_file_never_takes_the_place_of_a_closed_standard_stream) {
-  const std::string path = folder() / "run.log";
+  const std::string path = folder / "run.log";
   for (const rlim_t limit : {1024, 8}) {
     EXPECT_EQ(status_of_child([&] {
                 const rlimit limits{limit, limit};
@@ -314,7 +314,7 @@ TEST_F(log_test, log_file_never_takes_the_place_of_a_closed_standard_stream) {
 }
 
 TEST_F(log_test, log_file_leaves_the_small_descriptors_to_the_application) {
-  const std::string path = folder() / "run.log";
+  const std::string path = folder / "run.log";
   for (const rlim_t limit : {1024, 256}) {
     EXPECT_EQ(status_of_child([&] {
                 const rlimit limits{limit, limit};
