@@ -21,6 +21,7 @@
 #include <cstring>
 
 #include "bi/plugin_delivery.h"
+#include "bi/robust_list.h"
 #include "bi/signals.h"
 #include "bi/stub_layout.h"
 #include "bi/stubs.h"
@@ -422,6 +423,8 @@ void end_thread(thread_data* thread, std::int32_t status) {
   hand_over_held_signals(thread);
 
   const std::uint64_t engine_sp = thread->engine_sp;
+  // Before its joiner is told, as from the kernel; see robust_list.h. The first thread's is the kernel's matter alone.
+  if (engine_sp != 0) settle_robust_list(find_robust_list(), thread->tid);
   std::int32_t* library_tid_word = thread->library_tid_word;
   std::int32_t* application_tid_word = thread->application_tid_word;
   current_thread = nullptr;
