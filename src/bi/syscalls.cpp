@@ -153,8 +153,12 @@ std::int64_t copy_application_path(char* buffer, std::uint64_t size) {
     path = resolved;
   }
   const std::uint64_t length = std::min<std::uint64_t>(std::strlen(path), size);
-  std::memcpy(buffer, path, length);  // No terminator, as from the kernel, and nothing behind the path.
-  return static_cast<std::int64_t>(length);
+  // No terminator, as from the kernel, and nothing behind the path. Memory that cannot be written is left to the kernel, which
+  // says so. Under the lock, because the copy has the action of SIGSEGV for its time, and a fork finds none on its way.
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  const int failure = checked_copy(buffer, path, length);
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  return failure == 0 ? static_cast<std::int64_t>(length) : -1;
 }
 
 // In the order of the numbers.
@@ -310,7 +314,7 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
   log(LEVEL_TRACE, "syscall post %ld", static_cast<long>(number));
   if (number == SYS_clone) {
     log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
-    finish_fork(thread, static_cast<std::int64_t>(args[0]));  // First: locks and signals are held back until then.
+    finish_fork(thread, args);  // First: locks and signals are held back until then.
   }
   restore_call_mask(thread, args, 1);
   leave_syscall(thread);

@@ -339,6 +339,7 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
   args[0] = flags;
 
+  thread->clone_stack = args[1];
   const std::uint64_t application_sp = address_of(args) + SYSCALL_APP_SP;
   if (args[1] == application_sp) {
     args[1] = 0;
@@ -374,8 +375,9 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   abandon_thread(thread);
 }
 
-void finish_fork(thread_data* thread, std::int64_t result) {
-  if (result == 0) {
+void finish_fork(thread_data* thread, std::uint64_t* args) {
+  args[1] = thread->clone_stack;  // A call leaves all registers but x0 as they were.
+  if (args[0] == 0) {
     thread->tls = thread->child_tls;
     reinit_after_fork(thread);
   } else if (thread->clone_holds_locks != 0) {
