@@ -28,6 +28,7 @@ struct mask_place {
 bool find_mask(std::uint64_t number, mask_place* place) {
   switch (number) {
     case SYS_rt_sigsuspend: *place = {0, false}; return true;
+    case SYS_rt_sigprocmask: *place = {1, false}; return true;
     case SYS_ppoll: *place = {3, false}; return true;
     case SYS_epoll_pwait:
     case SYS_EPOLL_PWAIT2: *place = {4, false}; return true;

@@ -3,6 +3,7 @@
 
 #include <libelf.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "bi/a64/a64.h"
@@ -79,6 +80,15 @@ void skip_entry_code(const return_watch& watch) {
   clear_instruction_cache(word, word + 1);
 }
 
+// A flush in the midst of a scan hands blocks out from the start again, and the one that is being scanned, which still has to
+// run once, may lie there: the next ones come behind the place that it has got to. A trace's fragment lies in no block.
+void flush_during_scan(const scan_place& place) {
+  flush_code_cache(place.thread);
+  if (place.fragment_type != FRAGMENT_BLOCK) return;
+  const std::int32_t current = cc_addr_to_bb_id(place.thread, address_of(*place.limit) - 1);
+  place.thread->next_block = std::max(place.thread->next_block, current + 1);
+}
+
 }  // namespace
 
 int function_watch_add_named(std::uint64_t address, const char* name) {
@@ -121,7 +131,7 @@ void put_function_entry(const scan_place& place, const std::uint32_t* read_addre
   const robin_insert_result result = robin_map_insert(&place.thread->return_watch, watch, &entry, &value);
   if (result == ROBIN_FAILED) return;
   // The record served another function, which has been unmapped since, and so did the block that was made of it.
-  if (result == ROBIN_EXISTS && load(value).function != function) flush_code_cache(place.thread);
+  if (result == ROBIN_EXISTS && load(value).function != function) flush_during_scan(place);
 
   a64_reserve_block_space(place.thread, place.write, place.limit, EXIT_SPACE);
   entry.entry_begin = address_of(*place.write);

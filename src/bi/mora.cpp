@@ -291,12 +291,17 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
   }
 
   const std::int32_t first_added = thread->next_block;
+  const std::uint32_t seen_before = thread->flush_seen;
+  thread->flush_seen = 0;
   const std::uint32_t length = scan_a64(thread, reinterpret_cast<std::uint32_t*>(source), bb_id, FRAGMENT_BLOCK, nullptr);
+  const bool flushed = thread->flush_seen != 0;
+  thread->flush_seen |= seen_before;
 
   // Exactly the words written have to be cleared: nothing else of the cache has changed. A block that was continued
   // after a flush inside the scan lies in two ranges, one up to the end of the area and one from its start. One that
-  // was reserved earlier is continued where the free blocks begin by now, which may be far from it.
-  if (!is_new && thread->next_block >= first_added) {
+  // was reserved earlier is continued where the free blocks begin by now, which may be far from it; behind a flush for a
+  // function watch, that is right behind it.
+  if (!is_new && !flushed) {
     clear_instruction_cache(block, block + BB_SIZE);
     clear_instruction_cache(block_address(thread, first_added), block_address(thread, thread->next_block));
   } else if (thread->next_block >= bb_id) {

@@ -145,6 +145,7 @@ struct thread_data {
   std::int32_t* library_tid_word;     // What the C library wants cleared when this thread ends; null: not known.
   std::int32_t* application_tid_word; // What the application wants cleared and woken.
   std::uint64_t saved_signal_mask;    // Around a clone, which runs with every signal blocked; of a new thread: its first.
+  std::uint64_t clone_stack;          // The argument of the fork-like clone that is being made.
   std::uint8_t clone_holds_locks;     // The engine's locks are held over the fork-like clone that is being made.
   // Of a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;

@@ -133,19 +133,6 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   return result;
 }
 
-// A thread that blocks SIGILL could not be stopped any more, and a trap in its code would end the process: the bit is
-// taken out of what the kernel gets. Every other call goes to the kernel as it is.
-call_action handle_rt_sigprocmask(const std::uint64_t* args, std::int64_t* result) {
-  const std::uint64_t set = args[1];
-  if (args[0] == SIG_UNBLOCK || set == 0 || args[3] != KERNEL_SIGSET_SIZE || !is_readable(set)) return call_action::MAKE;
-  std::uint64_t mask = 0;
-  std::memcpy(&mask, reinterpret_cast<const void*>(set), sizeof mask);
-  if ((mask & SIGILL_BIT) == 0) return call_action::MAKE;
-  mask &= ~SIGILL_BIT;
-  *result = raw_syscall(SYS_rt_sigprocmask, args[0], address_of(&mask), args[2], args[3]);
-  return call_action::HANDLED;
-}
-
 // The context that the kernel will restore is rewritten so that the thread comes to the dispatcher with the source address
 // that the application returns to.
 void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
@@ -164,8 +151,12 @@ std::int64_t copy_application_path(char* buffer, std::uint64_t size) {
     path = resolved;
   }
   const std::uint64_t length = std::min<std::uint64_t>(std::strlen(path), size);
-  std::memcpy(buffer, path, length);  // No terminator, as from the kernel, and nothing behind the path.
-  return static_cast<std::int64_t>(length);
+  // No terminator, as from the kernel, and nothing behind the path. Memory that cannot be written is left to the kernel, which
+  // says so. Under the lock, because the copy has the action of SIGSEGV for its time, and a fork finds none on its way.
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  const int failure = checked_copy(buffer, path, length);
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  return failure == 0 ? static_cast<std::int64_t>(length) : -1;
 }
 
 // In the order of the numbers.
@@ -186,7 +177,6 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       *result = thread->tid;
       return call_action::HANDLED;
     case SYS_rt_sigaction: *result = handle_rt_sigaction(args); return call_action::HANDLED;
-    case SYS_rt_sigprocmask: return handle_rt_sigprocmask(args, result);
     case SYS_rt_sigreturn: redirect_signal_return(args, thread); return call_action::MAKE_FINAL;
     case SYS_shmat: *result = handle_shmat(args); return call_action::HANDLED;
     case SYS_shmdt: *result = handle_shmdt(args); return call_action::HANDLED;
@@ -322,7 +312,7 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
   log(LEVEL_TRACE, "syscall post %ld", static_cast<long>(number));
   if (number == SYS_clone) {
     log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
-    finish_fork(thread, static_cast<std::int64_t>(args[0]));  // First: locks and signals are held back until then.
+    finish_fork(thread, args);  // First: locks and signals are held back until then.
   }
   restore_call_mask(thread, args, 1);
   leave_syscall(thread);

@@ -21,6 +21,7 @@
 #include <cstring>
 
 #include "bi/plugin_delivery.h"
+#include "bi/robust_list.h"
 #include "bi/signals.h"
 #include "bi/stub_layout.h"
 #include "bi/stubs.h"
@@ -336,6 +337,7 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
   args[0] = flags;
 
+  thread->clone_stack = args[1];
   const std::uint64_t application_sp = address_of(args) + SYSCALL_APP_SP;
   if (args[1] == application_sp) {
     args[1] = 0;
@@ -371,8 +373,9 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   abandon_thread(thread);
 }
 
-void finish_fork(thread_data* thread, std::int64_t result) {
-  if (result == 0) {
+void finish_fork(thread_data* thread, std::uint64_t* args) {
+  args[1] = thread->clone_stack;  // A call leaves all registers but x0 as they were.
+  if (args[0] == 0) {
     thread->tls = thread->child_tls;
     reinit_after_fork(thread);
   } else if (thread->clone_holds_locks != 0) {
@@ -420,6 +423,8 @@ void end_thread(thread_data* thread, std::int32_t status) {
   hand_over_held_signals(thread);
 
   const std::uint64_t engine_sp = thread->engine_sp;
+  // Before its joiner is told, as from the kernel; see robust_list.h. The first thread's is the kernel's matter alone.
+  if (engine_sp != 0) settle_robust_list(find_robust_list(), thread->tid);
   std::int32_t* library_tid_word = thread->library_tid_word;
   std::int32_t* application_tid_word = thread->application_tid_word;
   current_thread = nullptr;

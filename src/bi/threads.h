@@ -18,9 +18,10 @@ void restore_signal_mask(std::uint64_t mask);
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst);
 
 // Any other clone, before the kernel makes it: rewrites the arguments in `args` so that the child comes back through the
-// caller's frame with a memory of its own. finish_fork has to follow in the parent and, with `result` 0, in the child.
+// caller's frame with a memory of its own. finish_fork has to follow in the parent and in the child, with the call's result in
+// word 0: it gives the arguments back that the application finds in its registers.
 void prepare_fork(thread_data* thread, std::uint64_t* args);
-void finish_fork(thread_data* thread, std::int64_t result);
+void finish_fork(thread_data* thread, std::uint64_t* args);
 
 // Makes the calling thread, which `thread` describes, the only one that the engine of a new process knows.
 void reinit_after_fork(thread_data* thread);

@@ -2,6 +2,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "bi/a64/a64.h"
@@ -164,6 +165,14 @@ TEST_F(core, the_address_one_past_the_block_area_has_index_55000) {
   EXPECT_EQ(cc_addr_to_bb_id(thread, start + BB_AREA_SIZE), 55000);
   EXPECT_EQ(cc_addr_to_bb_id(thread, start + BB_AREA_SIZE + 1), -1);
   EXPECT_EQ(cc_addr_to_bb_id(thread, start - 1), -1);
+}
+
+TEST_F(core, the_way_back_into_the_cache_stops_at_a_target_that_no_program_has) {
+  const word_list stub = words(reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(cache_reentry_stub)), 32);
+  const word_list stop = {0xd29adb62,   // mov x2, #0xd6db
+                          0xeb02001f,   // cmp x0, x2
+                          0x54ffffc0};  // b.eq .-8
+  EXPECT_NE(std::search(stub.begin(), stub.end(), stop.begin(), stop.end()), stub.end());
 }
 
 TEST_F(core, the_trace_area_is_the_rest_of_the_cache) {

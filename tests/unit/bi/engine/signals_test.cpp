@@ -316,6 +316,47 @@ TEST_F(signals, one_that_is_blocked_stays_counted) {
   EXPECT_EQ(thread->pending_signals[SIGUSR1], 0);
 }
 
+TEST_F(signals, numbers_from_32_up_are_held_back_by_the_bits_of_those_32_below) {
+  sigset_t mask;
+  sigset_t before;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGUSR1 + 1);
+  pthread_sigmask(SIG_BLOCK, &mask, &before);
+  thread->pending_signals[SIGUSR1 + 32] = 1;
+  thread->pending_signals[SIGUSR1 + 33] = 1;
+  std::uint64_t info[4] = {};
+  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 1u);
+  EXPECT_EQ(info[2], static_cast<std::uint64_t>(SIGUSR1 + 33));
+  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 0u);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(thread->pending_signals[SIGUSR1 + 32], 1);
+}
+
+TEST_F(signals, numbers_31_and_63_are_held_back_by_any_blocked_signal_from_32_up) {
+  sigset_t mask;
+  sigset_t before;
+  sigemptyset(&mask);
+  sigaddset(&mask, 45);
+  pthread_sigmask(SIG_BLOCK, &mask, &before);
+  thread->pending_signals[31] = 1;
+  thread->pending_signals[63] = 1;
+  std::uint64_t info[4] = {};
+  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 0u);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 1u);
+}
+
+TEST_F(signals, six_are_faults_that_run_their_handler_at_once_and_no_other_is) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    engine.signal_handlers[signum] = address_of(one_ret);
+    const bool is_fault = signum == SIGILL || signum == SIGTRAP || signum == SIGBUS || signum == SIGFPE ||
+                          signum == SIGSEGV || signum == SIGSYS;
+    EXPECT_EQ(arrive(signum, block(id) + 2), is_fault ? address_of(one_ret) : 0) << "signal " << signum;
+    EXPECT_EQ(thread->pending_signals[signum], is_fault ? 0 : 1) << "signal " << signum;
+  }
+}
+
 TEST_F(signals, the_lowest_counted_one_comes_first) {
   thread->pending_signals[SIGUSR2] = 1;
   thread->pending_signals[SIGHUP] = 2;

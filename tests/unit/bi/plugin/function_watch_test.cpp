@@ -3,6 +3,7 @@
 
 #include "../../support/captured_log.h"
 #include "bi/a64/a64.h"
+#include "bi/a64/helpers.h"
 #include "bi/scanner.h"
 #include "bi/syscalls.h"
 #include "common/log.h"
@@ -211,6 +212,37 @@ TEST_F(function_watch_test, another_function_under_the_same_record_is_told_as_it
   EXPECT_EQ(thread->flush_seen, 1u);  // The block of the record was made for the first function.
   scanned(&record->code);
   EXPECT_EQ(told, (decltype(told){{MORA_POST_FUNCTION, address_of(source_direct)}}));
+}
+
+TEST_F(function_watch_test, a_flush_for_another_function_under_the_same_record_keeps_the_block_that_is_being_scanned) {
+  mora_on_post_function(mora_add_plugin(), note);
+  function_watch_add(address_of(source_plain));
+  scanned(source_plain);
+  // Longer than a block, and no two of its words are alike: mov x3, #1; mov x3, #2; ... ret.
+  words function;
+  for (std::uint32_t value = 1; value <= 150; ++value) function.push_back(0xd2800003 | value << 5);
+  function.push_back(RET_X30);
+  robin_map_remove(&engine.function_watches, address_of(source_plain));
+  function_watch_add(address_of(function.data()));
+
+  // The lowest index that there is: the next block to be handed out after a flush.
+  thread->next_block = stub_block_count();
+  const std::int32_t bb_id = thread->next_block;
+  scanned(function.data());
+  words copied;
+  const std::uint32_t* word = block(bb_id);
+  for (int steps = 0; copied.size() < 150 && steps < 300; ++steps) {
+    std::uint32_t link = 0, imm26 = 0;
+    if ((*word & 0xffe0001f) == 0xd2800003) copied.push_back(*word);
+    if (a64_decode(word) == A64_B) {
+      a64_b_decode(word, &link, &imm26);
+      word += a64_sign_extend(imm26, 26);
+    } else {
+      ++word;
+    }
+  }
+  EXPECT_EQ(copied, words(function.begin(), function.end() - 1));
+  EXPECT_GT(allocate_bb(thread), cc_addr_to_bb_id(thread, address_of(word)));
 }
 
 TEST_F(function_watch_test, a_replaced_function_is_a_warning_and_the_scan_goes_on_with_the_old_one) {

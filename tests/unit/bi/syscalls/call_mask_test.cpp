@@ -31,6 +31,7 @@ class call_masks : public syscalls_test, public testing::WithParamInterface<call
   std::uint64_t given() const { return GetParam().is_pair ? address_of(pair) : address_of(&mask); }
   std::uint64_t make() {
     for (std::uint64_t word = 0; word < 22; ++word) args[word] = 0xb000 + word;
+    args[3] = 8;  // The size of sigprocmask's; not looked at in other calls.
     args[GetParam().argument] = given();
     EXPECT_EQ(syscall_handler_pre(GetParam().number, args, next_inst, thread), 1u);
     return args[GetParam().argument];
@@ -82,6 +83,7 @@ TEST_P(call_masks, a_call_that_is_made_anew_has_its_argument_again) {
 
 TEST_P(call_masks, an_address_that_cannot_be_read_is_left_to_the_kernel) {
   for (std::uint64_t word = 0; word < 22; ++word) args[word] = 0;
+  args[3] = 8;
   void* nothing = mmap(nullptr, fake.page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   args[GetParam().argument] = address_of(nothing);
   EXPECT_EQ(syscall_handler_pre(GetParam().number, args, next_inst, thread), 1u);
@@ -91,6 +93,7 @@ TEST_P(call_masks, an_address_that_cannot_be_read_is_left_to_the_kernel) {
 
 INSTANTIATE_TEST_SUITE_P(calls, call_masks,
                          testing::Values(call_place{"sigsuspend", SYS_rt_sigsuspend, 0, false},
+                                         call_place{"sigprocmask", SYS_rt_sigprocmask, 1, false},
                                          call_place{"ppoll", SYS_ppoll, 3, false},
                                          call_place{"epoll_pwait", SYS_epoll_pwait, 4, false},
                                          call_place{"epoll_pwait2", EPOLL_PWAIT2, 4, false},

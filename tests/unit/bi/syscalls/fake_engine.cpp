@@ -21,6 +21,13 @@
 extern "C" {
 int __real_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*start)(void*), void* argument);
 int __wrap_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*start)(void*), void* argument) {
+  if (attributes != nullptr) {
+    auto& given = ceilmeter::test::fake.given_attributes;
+    pthread_attr_getstacksize(attributes, &given.stack_size);
+    pthread_attr_getguardsize(attributes, &given.guard_size);
+    pthread_attr_getdetachstate(attributes, &given.detach_state);
+    pthread_attr_getinheritsched(attributes, &given.scheduling);
+  }
   if (ceilmeter::test::fake.pthread_create_error != 0) return ceilmeter::test::fake.pthread_create_error;
   return __real_pthread_create(handle, attributes, start, argument);
 }

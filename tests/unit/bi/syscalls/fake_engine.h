@@ -18,6 +18,13 @@ struct process_ended {
 };
 struct thread_abandoned {};
 
+struct pthread_attributes {
+  std::size_t stack_size;
+  std::size_t guard_size;
+  int detach_state;
+  int scheduling;
+};
+
 struct fake_engine_state {
   std::uint64_t page;             // What page_size tells.
   int flushes;
@@ -25,6 +32,7 @@ struct fake_engine_state {
   int threads_registered;
   int records_freed;
   int pthread_create_error;       // What pthread_create returns if not 0.
+  pthread_attributes given_attributes;  // To the last pthread_create.
   bool signal_is_deliverable;     // What has_deliverable_signal tells.
   std::uint64_t redirect_target;  // Of the last context_redirect_to_dispatcher.
   void* redirect_context;

@@ -71,6 +71,15 @@ TEST_F(fork_like_clone, a_fork_reaches_the_kernel_as_it_is) {
   EXPECT_EQ(thread->child_tls, 0x7777u);
 }
 
+TEST_F(fork_like_clone, the_callers_x1_is_what_it_was_behind_the_call) {
+  alignas(16) std::uint8_t stack[SYSCALL_FRAME_SIZE + 64];
+  prepare({SIGCHLD, address_of(stack + sizeof stack), 0, 0, 0});
+  EXPECT_EQ(args[1], address_of(stack + sizeof stack));
+  const std::uint64_t own = address_of(args) + SYSCALL_APP_SP;
+  prepare({SIGCHLD, own, 0, 0, 0});
+  EXPECT_EQ(args[1], own);
+}
+
 TEST_F(fork_like_clone, a_vfork_childs_memory_is_a_copy_and_its_parent_waits) {
   thread->clone_shares_vm = 1;
   prepare({CLONE_VM | CLONE_VFORK | SIGCHLD});

@@ -82,6 +82,18 @@ TEST_F(readlink_handler_test, a_size_that_the_kernel_refuses_is_left_to_it) {
   EXPECT_EQ(readlink_handler("/proc/self/exe", buffer, 0xffffffffu), -1);
 }
 
+TEST_F(readlink_handler_test, a_buffer_that_cannot_be_written_is_left_to_the_kernel_which_says_so) {
+  const std::uint64_t page = fake.page;
+  auto* pages = static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  mprotect(pages + page, page, PROT_READ);
+  EXPECT_EQ(readlink_handler("/proc/self/exe", pages + page, 100), -1);
+  EXPECT_EQ(readlink_handler("/proc/self/exe", pages + page - 2, 100), -1);
+  EXPECT_EQ(readlink_handler("/proc/self/exe", nullptr, 100), -1);
+  EXPECT_EQ(pthread_mutex_trylock(&engine.signal_handlers_lock), 0);
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  munmap(pages, 2 * page);
+}
+
 TEST_F(readlink_handler_test, the_system_call_is_made_for_other_paths_only) {
   EXPECT_EQ(handled(SYS_readlinkat, {static_cast<std::uint64_t>(AT_FDCWD), address_of("/proc/self/exe"),
                                      address_of(buffer), sizeof buffer}),

@@ -234,6 +234,15 @@ TEST_F(application_threads, a_thread_that_cannot_be_made_is_an_error_of_the_call
   EXPECT_EQ(signal_mask(), mask);
 }
 
+TEST_F(application_threads, a_thread_is_a_detached_pthread_with_a_small_stack_and_its_parents_scheduling) {
+  fake.pthread_create_error = EAGAIN;  // What it is asked for is enough.
+  start(pthread_flags);
+  EXPECT_EQ(fake.given_attributes.stack_size, 0x21000u);
+  EXPECT_EQ(fake.given_attributes.guard_size, 0x1000u);
+  EXPECT_EQ(fake.given_attributes.detach_state, PTHREAD_CREATE_DETACHED);
+  EXPECT_EQ(fake.given_attributes.scheduling, PTHREAD_INHERIT_SCHED);
+}
+
 TEST_F(application_threads, a_held_signal_of_a_thread_that_ends_reaches_another_thread) {
   struct sigaction action {};
   static std::atomic<int> caught;
