@@ -161,12 +161,25 @@ std::int64_t copy_application_path(char* buffer, std::uint64_t size) {
   return failure == 0 ? static_cast<std::int64_t>(length) : -1;
 }
 
+// The application closes, or takes for its own, descriptors by their numbers, which may be those of the engine's duplicates: a
+// number that is the application's by then must not be closed with the code that it was kept for.
+void give_up_descriptors(std::uint64_t first, std::uint64_t last) {
+  interval_map_forget_descriptors(&engine.exec_ranges, static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(last));
+}
+
+constexpr std::uint64_t SYS_CLOSE_RANGE = 436;  // Younger than some C libraries' headers, and its flag.
+constexpr std::uint64_t CLOSE_ON_EXEC_ONLY = 4;
+
 // In the order of the numbers.
 call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread,
                            std::int64_t* result) {
   switch (number) {
+    case SYS_dup3: give_up_descriptors(args[1], args[1]); return call_action::MAKE;
     case SYS_close:
-      if (!note_close(args[0])) return call_action::MAKE;
+      if (!note_close(args[0])) {
+        give_up_descriptors(args[0], args[0]);
+        return call_action::MAKE;
+      }
       *result = 0;
       return call_action::HANDLED;
     case SYS_readlinkat:
@@ -199,6 +212,9 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       // have it, the C library falls back to clone.
       *result = -ENOSYS;
       return call_action::HANDLED;
+    case SYS_CLOSE_RANGE:
+      if ((args[2] & CLOSE_ON_EXEC_ONLY) == 0) give_up_descriptors(args[0], args[1]);
+      return call_action::MAKE;
     default: replace_call_mask(thread, number, args); return call_action::MAKE;
   }
 }

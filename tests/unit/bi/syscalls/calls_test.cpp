@@ -156,6 +156,30 @@ TEST_F(syscall_handlers, every_other_descriptor_is_closed) {
   expect_made(SYS_close, {~std::uint64_t{0}});
 }
 
+TEST_F(syscall_handlers, a_descriptor_that_the_application_takes_by_its_number_is_not_the_engines_any_more) {
+  constexpr std::uint64_t close_range = 436;
+  constexpr std::uint64_t close_on_exec_alone = 4;
+  const auto kept = [] { return engine.exec_ranges.entries[0].fd; };
+  const auto add = [] {
+    interval_map_delete(&engine.exec_ranges, 0x1000, 0x2000);
+    interval_map_add(&engine.exec_ranges, 0x1000, 0x2000, STDERR_FILENO);
+    return static_cast<std::uint64_t>(engine.exec_ranges.entries[0].fd);
+  };
+  const std::uint64_t first = add();
+  ASSERT_GT(first, std::uint64_t{STDERR_FILENO});
+  expect_made(SYS_close, {first + 1});
+  expect_made(SYS_dup3, {first, first + 1, 0});
+  expect_made(close_range, {first, ~0u, close_on_exec_alone});
+  EXPECT_EQ(kept(), static_cast<int>(first));
+  expect_made(SYS_close, {first});
+  EXPECT_EQ(kept(), -1);
+  expect_made(SYS_dup3, {0, add(), 0});
+  EXPECT_EQ(kept(), -1);
+  add();
+  expect_made(close_range, {3, ~0u, 0});
+  EXPECT_EQ(kept(), -1);
+}
+
 TEST_F(syscall_handlers, clone3_is_not_there) { EXPECT_EQ(handled(SYS_clone3, {1, 2}), -ENOSYS); }
 
 TEST_F(syscall_handlers, exit_group_ends_the_process_with_the_low_bits_of_its_status) {
