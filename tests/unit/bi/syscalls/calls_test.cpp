@@ -101,6 +101,25 @@ TEST_F(closed_descriptors, a_duplicate_takes_the_number_that_was_closed) {
   EXPECT_EQ(fcntl(copy, F_GETFD), -1);  // It has moved.
 }
 
+TEST_F(closed_descriptors, of_a_range_the_standard_ones_are_only_noted) {
+  constexpr std::uint64_t close_range = 436;
+  constexpr std::uint64_t no_such_flag = 0x100;
+  const int other = new_pipe_end();
+  ASSERT_GT(other, STDERR_FILENO);
+  ASSERT_NE(dup2(other, 300), -1);
+  EXPECT_EQ(handled(close_range, {0, 300, no_such_flag}), -EINVAL);
+  EXPECT_EQ(settle_descriptor(SYS_dup, args, other), other) << "nothing is closed yet";
+  EXPECT_EQ(handled(close_range, {0, 0, 0}), 0);
+  EXPECT_NE(fcntl(0, F_GETFD), -1);
+  EXPECT_TRUE(is_pipe_end(300));
+  EXPECT_EQ(made(SYS_dup, {static_cast<std::uint64_t>(other)}, dup(other)), 0);
+  expect_made(close_range, {2, 1, 0});
+  expect_made(close_range, {3, 3, no_such_flag});
+  expect_made(close_range, {0, 300, 4});  // On exec only.
+  close(300);
+  close(other);
+}
+
 TEST_F(closed_descriptors, a_number_is_taken_once) {
   handled(SYS_close, {0});
   const int first = new_pipe_end();
