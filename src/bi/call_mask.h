@@ -1,7 +1,7 @@
 // Calls that bring a signal mask: sigprocmask, and those that bring one for their own time, sigsuspend, ppoll and their
-// kind. A handler that interrupts one of these runs with that mask, and application code with SIGILL blocked could neither
-// be stopped nor be led out by a trap. The kernel gets a copy without SIGILL, in the thread's record; the application never
-// sees that its argument was another for a while.
+// kind. A handler that interrupts one of these runs with that mask, and application code with SIGILL blocked could
+// neither be stopped nor be led out by a trap. The kernel gets a copy without SIGILL, in the thread's record; the
+// application never sees that its argument was another for a while.
 #pragma once
 
 #include <cstdint>

@@ -238,6 +238,15 @@ std::int64_t interval_map_overlapping(interval_map* map, std::uint64_t start, st
   return found;
 }
 
+void interval_map_forget_descriptors(interval_map* map, std::uint32_t first, std::uint32_t last) {
+  if (pthread_mutex_lock(&map->lock) != 0) return;
+  for (std::int64_t index = 0; index < map->count; ++index) {
+    std::int32_t& fd = map->entries[index].fd;
+    if (fd >= 0 && static_cast<std::uint32_t>(fd) >= first && static_cast<std::uint32_t>(fd) <= last) fd = -1;
+  }
+  pthread_mutex_unlock(&map->lock);
+}
+
 bool interval_map_is_full(interval_map* map) {
   if (pthread_mutex_lock(&map->lock) != 0) return true;
   const bool full = map->count >= map->capacity;

@@ -163,6 +163,10 @@ std::int64_t interval_map_delete(interval_map* map, std::uint64_t start, std::ui
 // The number of entries that overlap [start, end), or -1 as above.
 std::int64_t interval_map_overlapping(interval_map* map, std::uint64_t start, std::uint64_t end);
 
+// The application has closed the descriptors from `first` to `last`, or is about to put its own in their places: the map has
+// none of these numbers any more, and will not close them.
+void interval_map_forget_descriptors(interval_map* map, std::uint32_t first, std::uint32_t last);
+
 // Whether the map holds as many entries as it can, so that it drops the next one that meets none of them.
 bool interval_map_is_full(interval_map* map);
 

@@ -159,12 +159,41 @@ std::int64_t copy_application_path(char* buffer, std::uint64_t size) {
   return failure == 0 ? static_cast<std::int64_t>(length) : -1;
 }
 
+// The application closes, or takes for its own, descriptors by their numbers, which may be those of the engine's duplicates: a
+// number that is the application's by then must not be closed with the code that it was kept for.
+void give_up_descriptors(std::uint64_t first, std::uint64_t last) {
+  interval_map_forget_descriptors(&engine.exec_ranges, static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(last));
+}
+
+constexpr std::uint64_t SYS_CLOSE_RANGE = 436;  // Younger than some C libraries' headers, and its flag.
+constexpr std::uint64_t CLOSE_ON_EXEC_ONLY = 4;
+
+// As close does it: the standard descriptors of the range stay open and are noted as closed. The kernel judges the arguments.
+call_action handle_close_range(const std::uint64_t* args, std::int64_t* result) {
+  const auto first = static_cast<std::uint32_t>(args[0]);
+  const auto last = static_cast<std::uint32_t>(args[1]);
+  if ((args[2] & CLOSE_ON_EXEC_ONLY) != 0) return call_action::MAKE;
+  give_up_descriptors(std::max<std::uint32_t>(first, STDERR_FILENO + 1), last);
+  if (first > STDERR_FILENO || first > last) return call_action::MAKE;
+  constexpr std::uint64_t no_file = ~std::uint32_t{0};
+  const bool has_others = last > STDERR_FILENO;
+  *result = raw_syscall(SYS_CLOSE_RANGE, has_others ? STDERR_FILENO + 1 : no_file, has_others ? last : no_file, args[2]);
+  if (*result == 0) {
+    for (std::uint32_t fd = first; fd <= std::min<std::uint32_t>(last, STDERR_FILENO); ++fd) note_close(fd);
+  }
+  return call_action::HANDLED;
+}
+
 // In the order of the numbers.
 call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread,
                            std::int64_t* result) {
   switch (number) {
+    case SYS_dup3: give_up_descriptors(args[1], args[1]); return call_action::MAKE;
     case SYS_close:
-      if (!note_close(args[0])) return call_action::MAKE;
+      if (!note_close(args[0])) {
+        give_up_descriptors(args[0], args[0]);
+        return call_action::MAKE;
+      }
       *result = 0;
       return call_action::HANDLED;
     case SYS_readlinkat:
@@ -197,6 +226,7 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       // have it, the C library falls back to clone.
       *result = -ENOSYS;
       return call_action::HANDLED;
+    case SYS_CLOSE_RANGE: return handle_close_range(args, result);
     default: replace_call_mask(thread, number, args); return call_action::MAKE;
   }
 }

@@ -264,6 +264,9 @@ void restore_signal_mask(std::uint64_t mask) {
 }
 
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
+  // What the kernel refuses too; it is not asked. A pthread shares both.
+  constexpr std::uint64_t shared = CLONE_VM | CLONE_SIGHAND;
+  if ((args[0] & shared) != shared) return -EINVAL;
   const std::uint64_t application_x3 = args[3];
   if ((args[0] & CLONE_SETTLS) == 0) args[3] = thread->tls;
   std::int32_t child_tid_word = 0;

@@ -1,7 +1,10 @@
 // The map of executable ranges, case by case: what merges, what splits, who owns which descriptor, and the oddities.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <optional>
 #include <string>
 
 #include "../../support/captured_log.h"
@@ -171,6 +174,31 @@ TEST_F(interval_map_test, delete_removes_what_lies_wholly_inside_and_closes_its_
   EXPECT_THAT(ranges(), ElementsAre(range(0x5000, 0x6000)));
   EXPECT_EQ(file_of(map->entries[0].fd), file_of(file_c.fd()));
   EXPECT_EQ(scratch.opened(), 1);
+}
+
+TEST_F(interval_map_test, forgotten_descriptors_are_not_closed_with_their_ranges) {
+  add(0x1000, 0x2000, file_a.fd());
+  add(0x3000, 0x4000, file_b.fd());
+  add(0x5000, 0x6000);
+  const int first = map->entries[0].fd;
+  const int second = map->entries[1].fd;
+  interval_map_forget_descriptors(map, static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(first));
+  EXPECT_EQ(map->entries[0].fd, -1);
+  EXPECT_EQ(map->entries[1].fd, second);
+  EXPECT_EQ(remove(0x1000, 0x6000), 3);
+  EXPECT_EQ(file_of(first), file_of(file_a.fd()));
+  EXPECT_EQ(scratch.opened(), 1);
+  close(first);
+}
+
+TEST_F(interval_map_test, descriptors_are_forgotten_by_range) {
+  add(0x1000, 0x2000, file_a.fd());
+  add(0x3000, 0x4000, file_b.fd());
+  const int taken[] = {map->entries[0].fd, map->entries[1].fd};
+  interval_map_forget_descriptors(map, static_cast<std::uint32_t>(std::min(taken[0], taken[1])), ~std::uint32_t{0});
+  EXPECT_EQ(map->entries[0].fd, -1);
+  EXPECT_EQ(map->entries[1].fd, -1);
+  for (const int fd : taken) close(fd);
 }
 
 TEST_F(interval_map_test, delete_of_an_entrys_head_moves_its_start) {

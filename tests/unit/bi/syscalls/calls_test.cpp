@@ -100,6 +100,25 @@ TEST_F(closed_descriptors, a_duplicate_takes_the_number_that_was_closed) {
   EXPECT_EQ(fcntl(copy, F_GETFD), -1);  // It has moved.
 }
 
+TEST_F(closed_descriptors, of_a_range_the_standard_ones_are_only_noted) {
+  constexpr std::uint64_t close_range = 436;
+  constexpr std::uint64_t no_such_flag = 0x100;
+  const int other = new_pipe_end();
+  ASSERT_GT(other, STDERR_FILENO);
+  ASSERT_NE(dup2(other, 300), -1);
+  EXPECT_EQ(handled(close_range, {0, 300, no_such_flag}), -EINVAL);
+  EXPECT_EQ(settle_descriptor(SYS_dup, args, other), other) << "nothing is closed yet";
+  EXPECT_EQ(handled(close_range, {0, 0, 0}), 0);
+  EXPECT_NE(fcntl(0, F_GETFD), -1);
+  EXPECT_TRUE(is_pipe_end(300));
+  EXPECT_EQ(made(SYS_dup, {static_cast<std::uint64_t>(other)}, dup(other)), 0);
+  expect_made(close_range, {2, 1, 0});
+  expect_made(close_range, {3, 3, no_such_flag});
+  expect_made(close_range, {0, 300, 4});  // On exec only.
+  close(300);
+  close(other);
+}
+
 TEST_F(closed_descriptors, a_number_is_taken_once) {
   handled(SYS_close, {0});
   const int first = new_pipe_end();
@@ -153,6 +172,30 @@ TEST_F(closed_descriptors, a_number_that_was_given_by_name_is_not_given_again) {
 TEST_F(syscall_handlers, every_other_descriptor_is_closed) {
   expect_made(SYS_close, {3});
   expect_made(SYS_close, {~std::uint64_t{0}});
+}
+
+TEST_F(syscall_handlers, a_descriptor_that_the_application_takes_by_its_number_is_not_the_engines_any_more) {
+  constexpr std::uint64_t close_range = 436;
+  constexpr std::uint64_t close_on_exec_alone = 4;
+  const auto kept = [] { return engine.exec_ranges.entries[0].fd; };
+  const auto add = [] {
+    interval_map_delete(&engine.exec_ranges, 0x1000, 0x2000);
+    interval_map_add(&engine.exec_ranges, 0x1000, 0x2000, STDERR_FILENO);
+    return static_cast<std::uint64_t>(engine.exec_ranges.entries[0].fd);
+  };
+  const std::uint64_t first = add();
+  ASSERT_GT(first, std::uint64_t{STDERR_FILENO});
+  expect_made(SYS_close, {first + 1});
+  expect_made(SYS_dup3, {first, first + 1, 0});
+  expect_made(close_range, {first, ~0u, close_on_exec_alone});
+  EXPECT_EQ(kept(), static_cast<int>(first));
+  expect_made(SYS_close, {first});
+  EXPECT_EQ(kept(), -1);
+  expect_made(SYS_dup3, {0, add(), 0});
+  EXPECT_EQ(kept(), -1);
+  add();
+  expect_made(close_range, {3, ~0u, 0});
+  EXPECT_EQ(kept(), -1);
 }
 
 TEST_F(syscall_handlers, clone3_is_not_there) { EXPECT_EQ(handled(SYS_clone3, {1, 2}), -ENOSYS); }

@@ -234,6 +234,13 @@ TEST_F(application_threads, a_thread_that_cannot_be_made_is_an_error_of_the_call
   EXPECT_EQ(signal_mask(), mask);
 }
 
+TEST_F(application_threads, a_thread_that_would_share_no_memory_or_handlers_is_refused_as_by_the_kernel) {
+  EXPECT_EQ(start(CLONE_THREAD), -EINVAL);
+  EXPECT_EQ(start(pthread_flags & ~std::uint64_t{CLONE_VM}), -EINVAL);
+  EXPECT_EQ(start(pthread_flags & ~std::uint64_t{CLONE_SIGHAND}), -EINVAL);
+  EXPECT_EQ(fake.threads_registered, 0);
+}
+
 TEST_F(application_threads, a_thread_is_a_detached_pthread_with_a_small_stack_and_its_parents_scheduling) {
   fake.pthread_create_error = EAGAIN;  // What it is asked for is enough.
   start(pthread_flags);
