@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
 #include <string>
 
 #include "../../support/captured_log.h"
