@@ -51,6 +51,52 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
   clear_instruction_cache(meta.exit_code_addr, write);
 }
 
+constexpr std::uint32_t X0 = 0;
+constexpr std::uint32_t X1 = 1;
+constexpr std::uint32_t X2 = 2;
+constexpr std::uint32_t X30 = 30;
+constexpr std::uint32_t SP = 31;
+constexpr std::uint32_t XZR = 31;
+constexpr std::uint32_t PUSHED_BYTES = 32;  // By a64_push_x0_x1 and push_x2.
+
+void push_x2(std::uint32_t** at) { a64_ldr_str_imm9((*at)++, 3, 0, 0, 0x1f0, 3, SP, X2); }  // str x2, [sp, #-16]!
+void pop_x2(std::uint32_t** at) { a64_ldr_str_imm9((*at)++, 3, 0, 1, 16, 1, SP, X2); }      // ldr x2, [sp], #16
+
+void put_move(std::uint32_t** at, std::uint32_t to, std::uint32_t from) {
+  a64_logical_shifted((*at)++, 1, 1, 0, 0, from, 0, XZR, to);
+}
+
+// Goes to the fragment of the source address in `target`, with x0 and x1 on the stack, and x2 above them if it is saved. Then
+// the target is in x1, and x2 serves as the second register; x1 does otherwise.
+void put_inline_lookup(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, std::uint32_t target, bool x2_is_saved) {
+  const std::uint32_t scratch = x2_is_saved ? X2 : X1;
+  std::uint32_t* at = *write;
+  a64_load_const(&at, X0, reinterpret_cast<std::uint64_t>(thread->entry_table.entries));
+
+  // and scratch, target, #0x1ffffc: the bits of the address that the table's hash selects, in place. 19 ones, rotated
+  // left by 2.
+  static_assert(ENTRY_TABLE_SIZE - 10 == 0x7ffff, "the mask of the inline lookup is that of the hash");
+  a64_logical_imm(at++, 1, 0, 1, 62, 18, target, scratch);
+  a64_add_sub_shifted(at++, 1, 0, 0, 0, scratch, 2, X0, X0);  // add x0, x0, scratch, lsl #2
+  static_assert(HASH_ENTRY_BYTES == 16 && HASH_ENTRY_KEY_OFFSET == 0 && HASH_ENTRY_VALUE_OFFSET == 8);
+  std::uint32_t* loop = at;
+  a64_ldr_str_imm9(at++, 3, 0, 1, 16, 1, X0, scratch);  // ldr scratch, [x0], #16
+  std::uint32_t* to_miss = at++;
+  a64_add_sub_shifted(at++, 1, 1, 0, 0, target, 0, scratch, scratch);  // sub scratch, scratch, target
+  a64_cbnz_helper(at, reinterpret_cast<std::uint64_t>(loop), 1, scratch);
+  ++at;
+  a64_ldr_str_imm9(at++, 3, 0, 1, 0x1f8, 0, X0, X0);  // ldur x0, [x0, #-8]
+  if (x2_is_saved) pop_x2(&at);
+  a64_br(at++, X0);
+
+  a64_cbz_helper(to_miss, reinterpret_cast<std::uint64_t>(at), 1, scratch);
+  put_move(&at, X0, target);
+  a64_load_const(&at, X1, static_cast<std::uint64_t>(bb_id));
+  if (x2_is_saved) pop_x2(&at);
+  a64_branch(at++, thread->dispatcher_stub_addr);
+  *write = at;
+}
+
 std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
   if (log_state::engine_log_level < LEVEL_TRACE) return lookup_or_scan(thread, target);
   std::int32_t cached = 0;
@@ -128,48 +174,41 @@ void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::ui
 
 void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, const std::uint32_t* read_address,
                     std::uint32_t reg, bool link, bool set_meta) {
-  constexpr std::uint32_t x0 = 0;
-  constexpr std::uint32_t x1 = 1;
-  constexpr std::uint32_t x2 = 2;
-  constexpr std::uint32_t x30 = 30;
-  constexpr std::uint32_t sp = 31;
-  constexpr std::uint32_t xzr = 31;
   std::uint32_t* at = *write;
-
   // The lookup needs x0 and one more register, and the target must survive both, and the loading of x30.
-  const bool needs_x2 = reg == x0 || reg == x1 || (link && reg == x30);
-  const std::uint32_t target = needs_x2 ? x1 : reg;
-  const std::uint32_t scratch = needs_x2 ? x2 : x1;
+  const bool needs_x2 = reg == X0 || reg == X1 || (link && reg == X30);
+  const std::uint32_t target = needs_x2 ? X1 : reg;
   a64_push_x0_x1(&at);
   if (needs_x2) {
-    a64_ldr_str_imm9(at++, 3, 0, 0, 0x1f0, 3, sp, x2);  // str x2, [sp, #-16]!
-    if (reg != x1) a64_logical_shifted(at++, 1, 1, 0, 0, reg, 0, xzr, x1);  // mov x1, reg
+    push_x2(&at);
+    if (reg != X1) put_move(&at, X1, reg);
   }
   if (set_meta) thread->metas[bb_id].rn = target;
-  if (link) a64_load_const(&at, x30, reinterpret_cast<std::uint64_t>(read_address) + 4);
-  a64_load_const(&at, x0, reinterpret_cast<std::uint64_t>(thread->entry_table.entries));
+  if (link) a64_load_const(&at, X30, reinterpret_cast<std::uint64_t>(read_address) + 4);
+  put_inline_lookup(thread, bb_id, &at, target, needs_x2);
+  *write = at;
+}
 
-  // and scratch, target, #0x1ffffc: the bits of the address that the table's hash selects, in place. 19 ones, rotated
-  // left by 2.
-  static_assert(ENTRY_TABLE_SIZE - 10 == 0x7ffff, "the mask of the inline lookup is that of the hash");
-  a64_logical_imm(at++, 1, 0, 1, 62, 18, target, scratch);
-  a64_add_sub_shifted(at++, 1, 0, 0, 0, scratch, 2, x0, x0);  // add x0, x0, scratch, lsl #2
-  static_assert(HASH_ENTRY_BYTES == 16 && HASH_ENTRY_KEY_OFFSET == 0 && HASH_ENTRY_VALUE_OFFSET == 8);
-  std::uint32_t* loop = at;
-  a64_ldr_str_imm9(at++, 3, 0, 1, 16, 1, x0, scratch);  // ldr scratch, [x0], #16
-  std::uint32_t* to_miss = at++;
-  a64_add_sub_shifted(at++, 1, 1, 0, 0, target, 0, scratch, scratch);  // sub scratch, scratch, target
-  a64_cbnz_helper(at, reinterpret_cast<std::uint64_t>(loop), 1, scratch);
-  ++at;
-  a64_ldr_str_imm9(at++, 3, 0, 1, 0x1f8, 0, x0, x0);  // ldur x0, [x0, #-8]
-  if (needs_x2) a64_ldr_str_imm9(at++, 3, 0, 1, 16, 1, sp, x2);
-  a64_br(at++, x0);
-
-  a64_cbz_helper(to_miss, reinterpret_cast<std::uint64_t>(at), 1, scratch);
-  a64_logical_shifted(at++, 1, 1, 0, 0, target, 0, xzr, x0);  // mov x0, target
-  a64_load_const(&at, x1, static_cast<std::uint64_t>(bb_id));
-  if (needs_x2) a64_ldr_str_imm9(at++, 3, 0, 1, 16, 1, sp, x2);
-  a64_branch(at++, thread->dispatcher_stub_addr);
+void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint32_t** write,
+                              const std::uint32_t* read_address, const a64_authenticated_branch& branch) {
+  std::uint32_t* at = *write;
+  a64_push_x0_x1(&at);
+  push_x2(&at);
+  std::uint32_t modifier = X2;
+  if (branch.zero_modifier == 0) {
+    // Before x1 is written, and not into the register that x1 is about to be copied from: either may be either.
+    if (branch.target == X2) modifier = X0;
+    if (branch.modifier == SP) {
+      a64_add_sub_imm(at++, 1, 0, 0, 0, PUSHED_BYTES, SP, modifier);  // add modifier, sp, #32: sp as it was.
+    } else if (branch.modifier != modifier) {
+      put_move(&at, modifier, branch.modifier);
+    }
+  }
+  if (branch.target != X1) put_move(&at, X1, branch.target);
+  a64_authenticate(at++, branch.key, branch.zero_modifier, modifier, X1);
+  thread->metas[bb_id].rn = X1;
+  if (branch.link != 0) a64_load_const(&at, X30, reinterpret_cast<std::uint64_t>(read_address) + 4);
+  put_inline_lookup(thread, bb_id, &at, X1, true);
   *write = at;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "bi/a64/helpers.h"
 #include "bi/mora.h"
 
 namespace ceilmeter {
@@ -21,6 +22,11 @@ void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t
 // the register that holds the target at the end in the fragment's record. REGISTER_BRANCH_SPACE bytes must be free.
 void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, const std::uint32_t* read_address,
                     std::uint32_t reg, bool link, bool set_meta);
+
+// The same for a branch to a signed address. The register keeps what it holds: a copy of it is authenticated.
+// AUTHENTICATED_BRANCH_SPACE bytes must be free.
+void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint32_t** write,
+                              const std::uint32_t* read_address, const a64_authenticated_branch& branch);
 
 // Whether the pool has the records for `count` more links. A link without a record could not be led elsewhere later,
 // and there can be more links than the pool holds: a flush gives all of them back.

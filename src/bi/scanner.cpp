@@ -191,6 +191,20 @@ void rewrite_register_branch(scan_state& state, int inst) {
   state.stop = true;
 }
 
+// Copied it would lead out of the cache, and the application would go on where nobody follows it. Its class is none of the
+// decoder's: plug-ins are told of a word that is not recognised.
+void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_branch& branch) {
+  a64_reserve_block_space(state.thread, &state.write, &state.limit, AUTHENTICATED_BRANCH_SPACE);
+  begin_exit(state, EXIT_REGISTER, 0, 0);
+  a64_branch_authenticated(state.thread, state.bb_id, &state.write, state.read, branch);
+  state.stop = true;
+}
+
+bool is_authenticated_branch(std::uint32_t word) {
+  a64_authenticated_branch branch{};
+  return a64_authenticated_branch_decode(word, &branch);
+}
+
 void rewrite_svc(scan_state& state) {
   constexpr std::uint32_t x29 = 29;
   const std::uint32_t* next = state.read + 1;
@@ -299,11 +313,11 @@ bool is_prefix(std::uint32_t word) {
   return unpredicated || predicated;
 }
 
-// Words that a block begins with or ends before: those that the decoder does not know, and the one that is fatal. Behind a
+// Words that a block begins with or ends before: those that nobody here knows, and the one that is fatal. Behind a
 // system call that does not return stands anything, data included: it is fatal only if it is to be executed.
 bool begins_its_own_block(const std::uint32_t* word) {
   const int inst = a64_decode(word);
-  if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED;
+  if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED && !is_authenticated_branch(*word);
   std::uint32_t opc = 0;
   std::uint32_t is_vector = 0;
   std::uint32_t imm19 = 0;
@@ -319,8 +333,12 @@ void leave_to_its_own_block(scan_state& state) {
       static_cast<const void*>(state.read), mnemonic_of(*state.read));
 }
 
-// The fragment's first word.
+// The fragment's first word, or a branch that ends it.
 void rewrite_unknown(scan_state& state) {
+  if (a64_authenticated_branch branch{}; a64_authenticated_branch_decode(*state.read, &branch)) {
+    rewrite_authenticated_branch(state, branch);
+    return;
+  }
   if (log_state::engine_log_level >= LEVEL_DEBUG) {
     log(LEVEL_DEBUG, "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s", A64_NOT_RECOGNISED, *state.read,
         static_cast<const void*>(state.read), mnemonic_of(*state.read));
@@ -330,7 +348,7 @@ void rewrite_unknown(scan_state& state) {
   // What the pair does is only defined if nothing comes between the two, no end of a block and no code of a plug-in's, though
   // an emulator may not mind. The second word is copied with the first, unseen by events for single instructions.
   if (is_prefix(*state.read) && !begins_unreadable_page(state.read + 1) &&
-      a64_decode(state.read + 1) == A64_NOT_RECOGNISED) {
+      a64_decode(state.read + 1) == A64_NOT_RECOGNISED && !is_authenticated_branch(state.read[1])) {
     put(&state.write, *++state.read);
   }
 }
@@ -378,6 +396,7 @@ fragment_end find_end(const std::uint32_t* read) {
       case A64_BR:
       case A64_BLR:
       case A64_RET: return {read, false};
+      case A64_NOT_RECOGNISED: return {read, false};  // A branch: what else is not recognised begins its own block.
       default: break;
     }
   }

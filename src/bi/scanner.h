@@ -21,6 +21,7 @@ enum fragment_type : std::uint32_t {
 // Bytes that are kept free after every instruction for the largest exit, and before a register branch for its lookup.
 inline constexpr std::uint32_t EXIT_SPACE = 60;
 inline constexpr std::uint32_t REGISTER_BRANCH_SPACE = 88;
+inline constexpr std::uint32_t AUTHENTICATED_BRANCH_SPACE = REGISTER_BRANCH_SPACE + 8;
 
 // Bytes that fragments leave free at the end of the trace area: for a snippet of two words, and for the trampolines of
 // a trace's exits, each of which may take 32 bytes with what comes before it.
@@ -30,7 +31,7 @@ inline constexpr std::uint32_t TRACE_END_SPACE = TRACE_TRAMPOLINE_SPACE + 8;
 // room.
 inline constexpr std::uint32_t TRACE_FRAGMENT_SPACE = 0x600;
 static_assert(TRACE_FRAGMENT_SPACE < CODE_CACHE_SIZE - TRACE_HIGH_WATER);
-static_assert(TRACE_END_SPACE + REGISTER_BRANCH_SPACE + 512 < TRACE_FRAGMENT_SPACE);
+static_assert(TRACE_END_SPACE + AUTHENTICATED_BRANCH_SPACE + 512 < TRACE_FRAGMENT_SPACE);
 
 // Fills the fragment `bb_id` with the rewritten code from `read_address` on, at `write`, or at the block's own place if
 // that is null. Returns the code's length in bytes plus 4.

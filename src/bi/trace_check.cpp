@@ -116,7 +116,7 @@ void check_sense(const bb_meta& fragment, std::uint32_t word, int inst, bool fol
 // The end of a register branch: the miss's way to the dispatcher.
 const std::uint32_t* end_of_register_branch(const thread_data* thread, const bb_meta& fragment) {
   const std::uint32_t* word = fragment.exit_code_addr;
-  for (; word < fragment.exit_code_addr + REGISTER_BRANCH_SPACE / 4; ++word) {
+  for (; word < fragment.exit_code_addr + AUTHENTICATED_BRANCH_SPACE / 4; ++word) {
     const bool is_branch = a64_decode(word) == A64_B;
     if (is_branch && branch_destination(*word, A64_B, word) == thread->dispatcher_stub_addr) return word + 1;
   }

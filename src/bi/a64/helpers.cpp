@@ -86,4 +86,26 @@ void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::ui
   a64_tbz(from, bit >> 5, op, bit & 0x1f, word_offset(from, to), rt);
 }
 
+bool a64_authenticated_branch_decode(std::uint32_t word, a64_authenticated_branch* out) {
+  constexpr std::uint32_t KEY_B = 1 << 10;
+  constexpr std::uint32_t LINK = 1 << 21;
+  constexpr std::uint32_t WITH_MODIFIER = 1 << 24;
+  const std::uint32_t rn = word >> 5 & 0x1f;
+  const std::uint32_t low = word & 0x1f;
+  const std::uint32_t key = (word & KEY_B) != 0 ? 1 : 0;
+  if ((word & ~KEY_B) == 0xd65f0bff) {  // RETAA
+    *out = {0, key, 0, SP, 30};
+    return true;
+  }
+  if ((word & 0xfedff800) != 0xd61f0800) return false;  // BRAA and BLRAA, with a modifier or without.
+  const bool has_modifier = (word & WITH_MODIFIER) != 0;
+  if (!has_modifier && low != 0x1f) return false;
+  *out = {(word & LINK) != 0 ? 1U : 0U, key, has_modifier ? 0U : 1U, has_modifier ? low : 0U, rn};
+  return true;
+}
+
+void a64_authenticate(std::uint32_t* at, std::uint32_t key, std::uint32_t zero_modifier, std::uint32_t rn, std::uint32_t rd) {
+  *at = 0xdac11000 | zero_modifier << 13 | key << 10 | (zero_modifier != 0 ? 0x1f : rn & 0x1f) << 5 | (rd & 0x1f);
+}
+
 }  // namespace ceilmeter

@@ -32,4 +32,20 @@ int a64_cbnz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std
 // TBZ (op 0) or TBNZ (op 1) of one bit, 0 to 63, of register rt.
 void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t rt, std::uint32_t bit);
 
+// A branch to a signed address that it authenticates: BRAA, BLRAA, RETAA and the like, which are in no class of the family.
+// Those whose modifier is a place in the code (RETAASPPC) are not among them.
+struct a64_authenticated_branch {
+  std::uint32_t link;           // 1: BLRAA and its kind.
+  std::uint32_t key;            // 0: A, 1: B.
+  std::uint32_t zero_modifier;  // 1: the modifier is 0, and the field below has no meaning.
+  std::uint32_t modifier;       // The register with the modifier; 31: sp.
+  std::uint32_t target;         // The register with the signed address; 31: xzr.
+};
+
+// False for any other word, with *out as it was.
+bool a64_authenticated_branch_decode(std::uint32_t word, a64_authenticated_branch* out);
+
+// AUTIA or AUTIB of register rd with the modifier in rn, 31: sp; AUTIZA or AUTIZB, without rn, if zero_modifier is 1.
+void a64_authenticate(std::uint32_t* at, std::uint32_t key, std::uint32_t zero_modifier, std::uint32_t rn, std::uint32_t rd);
+
 }  // namespace ceilmeter

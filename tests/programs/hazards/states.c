@@ -1,11 +1,13 @@
 // Runs the tests of an assembly file of state.inc, several times each, and compares the state of the machine after
 // each with the one before: only the words that a test names may differ, and have to be what it says.
 #include <string.h>
+#include <sys/auxv.h>
 
 #include "state.h"
 
 extern const struct state_test tests[];  // From the start of the section of rows to its end.
 extern const struct state_test tests_end[];
+extern const unsigned long needed_hwcap __attribute__((weak));  // What a file of tests needs of the processor.
 
 static void fill(struct state* state) {
   for (unsigned index = 0; index < 31; ++index) state->words[index] = STATE_PATTERN + index;
@@ -32,6 +34,10 @@ int main(int argc, char** argv) {
   const int rounds = count_or(argc, argv, 3);
   int wrong = 0;
   int count = 0;
+  if (&needed_hwcap != NULL && (getauxval(AT_HWCAP) & needed_hwcap) == 0) {
+    puts("not for this processor");
+    return 0;
+  }
   static struct state before;
   static struct state after;
   fill(&before);

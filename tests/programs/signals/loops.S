@@ -206,4 +206,22 @@ loop_\name\()_out:
         br      x2
         end_loop forever_register
 
+        .arch   armv8.3-a
+        loop    signed_call
+1:      bl      2f
+        ldr     w1, [x0]
+        cbz     w1, 1b
+        b       3f
+2:      paciasp
+        retaa
+3:
+        end_loop signed_call
+
+        loop    forever_signed
+        adr     x2, 1f
+        paciza  x2
+1:      add     x1, x1, #1
+        braaz   x2
+        end_loop forever_signed
+
         .section .note.GNU-stack, "", %progbits

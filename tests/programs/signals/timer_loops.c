@@ -1,6 +1,8 @@
 // An interval timer at 1 kHz in loops of every kind: timer_loops [ROUNDS]. Each loop is left once three signals have
 // found it in its own code; its registers are what they were, and the handlers have seen them.
+#include <asm/hwcap.h>
 #include <string.h>
+#include <sys/auxv.h>
 #include <ucontext.h>
 
 #include "guard.h"
@@ -12,7 +14,8 @@
   extern char loop_##name##_out[];
 #define EVERY_LOOP(what)                                                                                    \
   what(compare_zero) what(condition) what(bit) what(two_blocks) what(br_x0) what(br_x1) what(br_x2) what(blr_x30) \
-      what(call) what(system_call) what(long_block) what(forever) what(forever_register)
+      what(call) what(system_call) what(long_block) what(forever) what(forever_register) what(signed_call)               \
+      what(forever_signed)
 EVERY_LOOP(LOOP)
 
 struct loop {
@@ -52,6 +55,7 @@ int main(int argc, char** argv) {
   for (int round = 0; round < rounds; ++round) {
     guard_round(round);
     for (unsigned index = 0; index < sizeof loops / sizeof *loops; ++index) {
+      if (strstr(loops[index].name, "signed") != NULL && (getauxval(AT_HWCAP) & HWCAP_PACA) == 0) continue;
       running = &loops[index];
       inside = 0;
       flag = 0;

@@ -11,6 +11,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/a64/class_table.h"
+#include "bi/a64/helpers.h"
 #include "encoding_rows.h"
 #include "support.h"
 
@@ -57,6 +58,30 @@ TEST(a64_decode, tells_each_row_of_the_encoding_table_with_random_fields) {
                                           << " instead of " << class_name(row.instruction);
     }
   }
+}
+
+TEST(a64_authenticated_branch, is_each_row_of_its_kind_and_no_other) {
+  const std::vector<std::string> kind = {
+      "BRAAZ_64_branch_reg",  "BRABZ_64_branch_reg",  "BLRAAZ_64_branch_reg", "BLRABZ_64_branch_reg", "RETAA_64E_branch_reg",
+      "RETAB_64E_branch_reg", "BRAA_64P_branch_reg",  "BRAB_64P_branch_reg",  "BLRAA_64P_branch_reg", "BLRAB_64P_branch_reg"};
+  const std::uint64_t seed = 0xdec0de02;
+  SCOPED_TRACE(::testing::Message() << "seed " << seed);
+  std::mt19937_64 random(seed);
+  std::size_t told = 0;
+  for (std::size_t index = 0; index < encoding_row_count; ++index) {
+    const encoding_row& row = encoding_rows[index];
+    const bool is_kind = std::find(kind.begin(), kind.end(), row.name) != kind.end();
+    if (is_kind) ++told;
+    for (int round = 0; round < 50; ++round) {
+      const std::uint32_t word = row.value | (static_cast<std::uint32_t>(random()) & ~row.mask);
+      // RETAASPPCR leaves its register number 31 to RETAA, and the other key likewise.
+      const bool is_one = is_kind || word == 0xd65f0bff || word == 0xd65f0fff;
+      a64_authenticated_branch branch{};
+      ASSERT_EQ(a64_authenticated_branch_decode(word, &branch), is_one) << row.name << ", " << hex(word);
+      ASSERT_TRUE(!is_one || a64_decode(&word) == A64_NOT_RECOGNISED) << hex(word);
+    }
+  }
+  EXPECT_EQ(told, kind.size());
 }
 
 TEST(a64_decode, knows_a_row_for_every_class_but_scalar_pairwise_whose_rows_are_all_broken_out) {

@@ -1,8 +1,10 @@
 // The constant loader and the branch helpers, word by word. Words to compare with are an assembler's.
 #include "bi/a64/helpers.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <vector>
 
 #include "bi/a64/a64.h"
@@ -166,6 +168,58 @@ TEST_F(a64_branches, tbz_at_both_limits) {
   EXPECT_EQ(word(), "0xb6fc0000");  // TBZ x0, #63, .-0x8000
   a64_tbz_to(code + 1, 1, here(0x7ffc), 17, 32);
   EXPECT_EQ(word(), "0xb703fff1");  // TBNZ x17, #32, .+0x7ffc
+}
+
+// By the words of an assembler.
+struct authenticated_row {
+  std::uint32_t word;
+  a64_authenticated_branch branch;
+};
+
+void PrintTo(const authenticated_row& row, std::ostream* out) { *out << hex(row.word); }
+
+class a64_authenticated_branches : public testing::TestWithParam<authenticated_row> {};
+
+TEST_P(a64_authenticated_branches, are_told_with_all_that_they_name) {
+  a64_authenticated_branch branch{};
+  ASSERT_TRUE(a64_authenticated_branch_decode(GetParam().word, &branch));
+  const a64_authenticated_branch& expected = GetParam().branch;
+  EXPECT_EQ(branch.link, expected.link);
+  EXPECT_EQ(branch.key, expected.key);
+  EXPECT_EQ(branch.zero_modifier, expected.zero_modifier);
+  EXPECT_EQ(branch.target, expected.target);
+  EXPECT_TRUE(expected.zero_modifier == 1 || branch.modifier == expected.modifier);
+}
+
+INSTANTIATE_TEST_SUITE_P(words, a64_authenticated_branches,
+                         testing::Values(authenticated_row{0xd71f0865, {0, 0, 0, 5, 3}},     // braa x3, x5
+                                         authenticated_row{0xd71f087f, {0, 0, 0, 31, 3}},    // braa x3, sp
+                                         authenticated_row{0xd71f0c65, {0, 1, 0, 5, 3}},     // brab x3, x5
+                                         authenticated_row{0xd73f0865, {1, 0, 0, 5, 3}},     // blraa x3, x5
+                                         authenticated_row{0xd73f0c65, {1, 1, 0, 5, 3}},     // blrab x3, x5
+                                         authenticated_row{0xd61f087f, {0, 0, 1, 0, 3}},     // braaz x3
+                                         authenticated_row{0xd61f0c7f, {0, 1, 1, 0, 3}},     // brabz x3
+                                         authenticated_row{0xd63f087f, {1, 0, 1, 0, 3}},     // blraaz x3
+                                         authenticated_row{0xd63f0c7f, {1, 1, 1, 0, 3}},     // blrabz x3
+                                         authenticated_row{0xd65f0bff, {0, 0, 0, 31, 30}},   // retaa
+                                         authenticated_row{0xd65f0fff, {0, 1, 0, 31, 30}}),  // retab
+                         [](const auto& row) { return hex(row.param.word); });
+
+TEST(a64_authenticated_branch, is_no_other_word) {
+  a64_authenticated_branch branch{};
+  // ret, br x3, blr x3, unallocated beside braaz, retaasppcr x1, eretaa, drps.
+  for (const std::uint32_t word : {0xd65f03c0, 0xd61f0060, 0xd63f0060, 0xd61f0860, 0xd65f0be1, 0xd69f0bff, 0xd6bf03e0}) {
+    EXPECT_FALSE(a64_authenticated_branch_decode(word, &branch)) << hex(word);
+  }
+}
+
+TEST(a64_authenticate, writes_the_four_forms) {
+  std::uint32_t words[4] = {};
+  a64_authenticate(words, 0, 0, 2, 1);
+  a64_authenticate(words + 1, 1, 0, 2, 1);
+  a64_authenticate(words + 2, 0, 1, 0, 1);
+  a64_authenticate(words + 3, 1, 1, 0, 1);
+  EXPECT_THAT(words, testing::ElementsAre(0xdac11041, 0xdac11441, 0xdac133e1, 0xdac137e1));
 }
 
 }  // namespace

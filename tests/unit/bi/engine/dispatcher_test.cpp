@@ -20,6 +20,10 @@ SOURCE(blr_x30);
 SOURCE(blr_x0);
 SOURCE(br_x1);
 SOURCE(blr_x2);
+SOURCE(signed_return);
+SOURCE(signed_branch_x5_x1);
+SOURCE(signed_call_x2_x1);
+SOURCE(signed_branch_x17);
 
 namespace {
 
@@ -218,6 +222,38 @@ TEST_F(dispatcher_links, the_longest_lookup_fits_the_space_that_the_scanner_keep
   std::uint32_t* const start = write;
   a64_branch_reg(thread, 54999, &write, reinterpret_cast<std::uint32_t*>(0x0000222233334440), 30, true, false);
   EXPECT_LE(address_of(write) - address_of(start), REGISTER_BRANCH_SPACE);
+}
+
+TEST_F(dispatcher_links, a_signed_address_is_authenticated_in_x1_with_its_modifier_as_it_was_before_the_lookup) {
+  constexpr std::uint32_t mov_x1_x5 = 0xaa0503e1;
+  const std::uint32_t* exit = meta(scan_block(signed_return)).exit_code_addr;
+  EXPECT_THAT(words(exit, 5), ElementsAre(PUSH_X0_X1, PUSH_X2, 0x910083e2 /* add x2, sp, #32 */, 0xaa1e03e1 /* mov x1, x30 */,
+                                          0xdac11041 /* autia x1, x2 */));
+  exit = meta(scan_block(signed_branch_x5_x1)).exit_code_addr;
+  EXPECT_THAT(words(exit, 5), ElementsAre(PUSH_X0_X1, PUSH_X2, 0xaa0103e2 /* mov x2, x1 */, mov_x1_x5, 0xdac11041));
+  const std::int32_t id = scan_block(signed_branch_x17);
+  exit = meta(id).exit_code_addr;
+  EXPECT_THAT(words(exit, 4), ElementsAre(PUSH_X0_X1, PUSH_X2, 0xaa1103e1 /* mov x1, x17 */, 0xdac137e1 /* autizb x1 */));
+  EXPECT_EQ(meta(id).rn, 1u);  // Where a signal finds the target.
+}
+
+TEST_F(dispatcher_links, a_signed_target_in_x2_has_its_modifier_in_x0_and_the_link_comes_behind_both) {
+  const std::uint32_t* exit = meta(scan_block(signed_call_x2_x1)).exit_code_addr;
+  EXPECT_THAT(words(exit, 5), ElementsAre(PUSH_X0_X1, PUSH_X2, 0xaa0103e0 /* mov x0, x1 */, 0xaa0203e1 /* mov x1, x2 */,
+                                          0xdac11401 /* autib x1, x0 */));
+  const word_list link = written(exit + 5, [&](std::uint32_t** write) {
+    a64_load_const(write, 30, address_of(signed_call_x2_x1) + 4);
+  });
+  EXPECT_EQ(words(exit + 5, link.size()), link);
+}
+
+TEST_F(dispatcher_links, the_longest_lookup_of_a_signed_address_fits_its_space) {
+  const std::int32_t id = allocate_bb(thread);
+  std::uint32_t* write = block(id);
+  std::uint32_t* const start = write;
+  a64_branch_authenticated(thread, id, &write, reinterpret_cast<std::uint32_t*>(0x0000222233334440), {1, 0, 0, 31, 2});
+  // The index of a block takes one word, however high.
+  EXPECT_LE(address_of(write) - address_of(start), AUTHENTICATED_BRANCH_SPACE);
 }
 
 TEST_F(dispatcher_links, an_exit_that_has_no_skipping_branch_is_fatal) {

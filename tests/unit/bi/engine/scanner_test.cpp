@@ -32,6 +32,8 @@ SOURCE(unknown_second);
 SOURCE(prefixed);
 SOURCE(prefix_predicated);
 SOURCE(prefix_alone);
+SOURCE(prefixed_branch);
+SOURCE(signed_return);
 SOURCE(call_then_branch);
 SOURCE(call_then_return);
 SOURCE(reads_thread_pointer);
@@ -44,7 +46,9 @@ SOURCE(copied_words);
 
 namespace {
 
+using testing::Contains;
 using testing::ElementsAreArray;
+using testing::Not;
 using scanner = engine_test;
 using scanner_death = engine_test;
 
@@ -234,6 +238,21 @@ TEST_F(scanned, a_prefix_and_the_word_it_belongs_to_stay_together) {
 TEST_F(scanned, a_prefix_in_front_of_a_word_that_is_rewritten_is_a_word_like_any_other) {
   EXPECT_EQ(*body(prefix_alone, false), *prefix_alone);
   EXPECT_EQ(meta(id).exit_kind, EXIT_REGISTER);
+}
+
+TEST_F(scanned, a_prefix_in_front_of_a_signed_branch_is_copied_alone) {
+  const std::uint32_t* at = body(prefixed_branch, false);
+  EXPECT_EQ(*at, *prefixed_branch);
+  EXPECT_EQ(meta(id).exit_kind, EXIT_REGISTER);
+  EXPECT_EQ(meta(id).exit_code_addr, at + 1);
+}
+
+TEST_F(scanned, a_return_to_a_signed_address_ends_its_block_and_is_not_copied) {
+  const std::uint32_t* at = body(signed_return, false);
+  EXPECT_EQ(*at, NOP);
+  EXPECT_EQ(meta(id).exit_kind, EXIT_REGISTER);
+  EXPECT_EQ(meta(id).exit_code_addr, at + 1);
+  EXPECT_THAT(words(block(id), BB_SIZE / 4), Not(Contains(signed_return[1])));
 }
 
 TEST_F(scanned, a_system_call_stays_within_its_block_whose_end_decides_on_the_counter) {

@@ -60,6 +60,20 @@ source  blr_x2
         blr     x2
         nop
 
+        .arch_extension pauth
+source  signed_return
+        nop
+        retaa
+source  signed_branch_x5_x1
+        braa    x5, x1
+source  signed_call_x2_x1
+        blrab   x2, x1
+source  signed_branch_x17
+        brabz   x17
+source  prefixed_branch
+        .inst   0x0420bc00      // movprfx z0, z0
+        retab
+
 source  literal_x0
         ldr     x0, literals
         ret
