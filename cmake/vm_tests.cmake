@@ -6,7 +6,7 @@
 # registers aarch64.vm.<name>. The machine's own bound is TIMEOUT (default 300); ctest's lies beyond it, so that a hang
 # ends with the console's tail in the log.
 function(ceilmeter_vm_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA" "NAME;CPUS;MEMORY;PARANOID;TIMEOUT" "LABELS;COMMAND")
+  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA" "NAME;CPUS;CPU;MEMORY;PARANOID;TIMEOUT" "LABELS;COMMAND")
   if(arg_UNPARSED_ARGUMENTS OR NOT arg_NAME OR NOT arg_COMMAND)
     message(FATAL_ERROR "ceilmeter_vm_test wants NAME and COMMAND, and knows no '${arg_UNPARSED_ARGUMENTS}'")
   endif()
@@ -15,7 +15,7 @@ function(ceilmeter_vm_test)
     set(timeout "${arg_TIMEOUT}")
   endif()
   set(options --build "${CMAKE_BINARY_DIR}" --timeout "${timeout}")
-  foreach(option CPUS MEMORY PARANOID)
+  foreach(option CPUS CPU MEMORY PARANOID)
     if(DEFINED arg_${option})
       string(TOLOWER "--${option}" word)
       list(APPEND options "${word}" "${arg_${option}}")

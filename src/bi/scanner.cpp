@@ -306,11 +306,18 @@ const char* mnemonic_of(std::uint32_t word) {
   return row != nullptr ? mnemonic_names[row->mnemonic_id] : "unknown";
 }
 
-// MOVPRFX, which makes one instruction with the word behind it.
-bool is_prefix(std::uint32_t word) {
+// How many words behind this one have to stay with it.
+int words_of_its_own(std::uint32_t word) {
+  // MOVPRFX makes one instruction with the next. What the pair does is only defined if nothing comes between the two.
   const bool unpredicated = (word & 0xfffffc00) == 0x0420bc00;  // movprfx Zd, Zn
   const bool predicated = (word & 0xff3ee000) == 0x04102000;    // movprfx Zd.T, Pg/M, Zn.T and Pg/Z
-  return unpredicated || predicated;
+  if (unpredicated || predicated) return 1;
+  // The first of the three words of a memory copy (CPYP, CPYFP) or set (SETP, SETGP). A thread that comes to another kind of
+  // processor in the midst of one is sent back by the kernel, to the first word, by counting back from where it is.
+  if ((word & 0x3b200c00) != 0x19000400) return 0;
+  const std::uint32_t stage = word >> 22 & 3;
+  const bool is_set = stage == 3;
+  return (is_set ? word >> 14 & 3 : stage) == 0 ? 2 : 0;
 }
 
 // Words that a block begins with or ends before: those that nobody here knows, and the one that is fatal. Behind a
@@ -345,10 +352,11 @@ void rewrite_unknown(scan_state& state) {
     log(LEVEL_DEBUG, "Copying it unmodified, but future problems are possible");
   }
   put(&state.write, *state.read);
-  // What the pair does is only defined if nothing comes between the two, no end of a block and no code of a plug-in's, though
-  // an emulator may not mind. The second word is copied with the first, unseen by events for single instructions.
-  if (is_prefix(*state.read) && !begins_unreadable_page(state.read + 1) &&
-      a64_decode(state.read + 1) == A64_NOT_RECOGNISED && !is_authenticated_branch(state.read[1])) {
+  // No end of a block and no code of a plug-in's may come between such words, though an emulator may not mind: those behind
+  // the first are copied with it, unseen by events for single instructions.
+  for (int left = words_of_its_own(*state.read); left > 0; --left) {
+    const std::uint32_t* next = state.read + 1;
+    if (begins_unreadable_page(next) || a64_decode(next) != A64_NOT_RECOGNISED || is_authenticated_branch(*next)) break;
     put(&state.write, *++state.read);
   }
 }

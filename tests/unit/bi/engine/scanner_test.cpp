@@ -31,6 +31,8 @@ SOURCE(unknown_first);
 SOURCE(unknown_second);
 SOURCE(prefixed);
 SOURCE(prefix_predicated);
+SOURCE(memory_copy);
+SOURCE(memory_set);
 SOURCE(prefix_alone);
 SOURCE(prefixed_branch);
 SOURCE(signed_return);
@@ -233,6 +235,16 @@ TEST_F(scanned, a_prefix_and_the_word_it_belongs_to_stay_together) {
   const std::uint32_t* at = body(prefix_predicated, false);
   expect_words(at, words(prefix_predicated, 2));
   EXPECT_EQ(meta(id).taken_source_addr, address_of(prefix_predicated + 2));  // The next word of its kind begins a block.
+}
+
+TEST_F(scanned, the_three_words_of_a_memory_copy_or_set_stay_together) {
+  for (const std::uint32_t* source : {memory_copy, memory_set}) {
+    const std::uint32_t* at = body(source, false);
+    expect_words(at, words(source, 3));
+    EXPECT_EQ(meta(id).exit_code_addr, at + 3);
+    EXPECT_EQ(meta(id).taken_source_addr, address_of(source + 3));  // The last word alone is one like any other.
+    EXPECT_EQ(meta(scan_block(source + 1)).taken_source_addr, address_of(source + 2));
+  }
 }
 
 TEST_F(scanned, a_prefix_in_front_of_a_word_that_is_rewritten_is_a_word_like_any_other) {

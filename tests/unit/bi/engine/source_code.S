@@ -121,6 +121,18 @@ source  prefix_predicated
         .inst   0x04800080              // add z0.s, p0/m, z0.s, z4.s
         .inst   0x04800080
         ret
+source  memory_copy
+        .inst   0x19020460              // cpyfp [x0]!, [x2]!, x3!
+        .inst   0x19420460              // cpyfm
+        .inst   0x19820460              // cpyfe
+        .inst   0x19820460
+        ret
+source  memory_set
+        .inst   0x19c20460              // setp [x0]!, x3!, x2
+        .inst   0x19c24460              // setm
+        .inst   0x19c28460              // sete
+        .inst   0x19c28460
+        ret
 source  prefix_alone
         .inst   0x0420bc20
         ret
