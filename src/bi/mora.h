@@ -47,7 +47,7 @@ enum bb_exit_kind : std::uint32_t {
   EXIT_NOT_SET = 0,
   EXIT_STUB_BLOCK = 1,  // The block is reserved and leads to the dispatcher; not scanned yet.
   EXIT_DIRECT = 3,      // B, BL.
-  EXIT_REGISTER = 4,    // BR, BLR, RET.
+  EXIT_REGISTER = 4,    // BR, BLR, RET, and those to signed addresses.
   EXIT_B_COND = 5,
   EXIT_CBZ = 6,         // CBZ, CBNZ.
   EXIT_TBZ = 7,         // TBZ, TBNZ.
