@@ -15,8 +15,9 @@ namespace ceilmeter {
 
 // The class of the word at word_address, or A64_NOT_RECOGNISED. A class is told by its constant bits alone, so that a
 // word that the architecture leaves unallocated among a class's words is one of the class. Not recognised are SVE, SME,
-// and pointer authentication outside the hint space (for its branches see helpers.h), and what has come to the architecture in places of its own
-// (compare-and-branch CB<cc>, memory tagging's loads and stores, LDAPR and its kind, MOPS among them).
+// and pointer authentication outside the hint space (for its branches see helpers.h), and what has come to the
+// architecture in places of its own (compare-and-branch CB<cc>, memory tagging's loads and stores, LDAPR and its kind,
+// MOPS among them).
 a64_instruction a64_decode(const std::uint32_t* word_address);
 
 // Whether a class depends on its position: its instruction reads the program counter or leaves the straight path (CBZ,
