@@ -55,6 +55,8 @@ int take_number(std::uint32_t allowed) {
 bool note_close(std::uint64_t fd) {
   if (fd > STDERR_FILENO) return false;
   closed_standard_files.fetch_or(std::uint32_t{1} << fd, std::memory_order_relaxed);
+  // The tool starts no program. What takes the number brings flags of its own.
+  raw_syscall(SYS_fcntl, fd, F_SETFD, FD_CLOEXEC);
   return true;
 }
 

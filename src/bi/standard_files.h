@@ -1,7 +1,8 @@
 // The three standard descriptors that the application has closed. They are the tool's as well, which logs and prints by them:
 // the close is only noted, and the descriptor stays open. A program that closes one and then duplicates a pipe, say, into its
 // place finds the pipe there all the same, as natively and as with dup2. A new file or socket takes the place of standard
-// input only: in that of the others it would, unasked, receive what the tool writes at the end.
+// input only: in that of the others it would, unasked, receive what the tool writes at the end. A program that the application
+// executes finds the descriptor closed.
 #pragma once
 
 #include <cstdint>

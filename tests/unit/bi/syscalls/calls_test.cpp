@@ -61,6 +61,14 @@ TEST_F(syscall_handlers, the_standard_descriptors_stay_open) {
   close(200);
 }
 
+TEST_F(syscall_handlers, a_standard_descriptor_that_was_closed_is_closed_for_another_program) {
+  const int flags = fcntl(1, F_GETFD);
+  handled(SYS_close, {1});
+  EXPECT_EQ(fcntl(1, F_GETFD), FD_CLOEXEC);
+  expect_made(SYS_dup3, {2, 1, 0});
+  fcntl(1, F_SETFD, flags);
+}
+
 // What the application gets for a call that was made with this result.
 class closed_descriptors : public syscalls_test {
  protected:
