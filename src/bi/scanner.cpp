@@ -403,8 +403,8 @@ fragment_end find_end(const std::uint32_t* read) {
       case A64_B: return {read, true};
       case A64_BR:
       case A64_BLR:
-      case A64_RET: return {read, false};
-      case A64_NOT_RECOGNISED: return {read, false};  // A branch: what else is not recognised begins its own block.
+      case A64_RET:
+      case A64_NOT_RECOGNISED: return {read, false};  // One to a signed address: the others begin blocks of their own.
       default: break;
     }
   }

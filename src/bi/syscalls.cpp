@@ -221,17 +221,13 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       return call_action::HANDLED;
     case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
     case SYS_mprotect: *result = handle_mprotect(args); return call_action::HANDLED;
+    // Made as it stands clone3 would start a thread on a stack without the wrapper's frame. As on a kernel that does not
+    // have it, the C library falls back to clone.
     case SYS_clone3:
-      // Made as it stands it would start a thread on a stack without the wrapper's frame. As on a kernel that does not
-      // have it, the C library falls back to clone.
-      *result = -ENOSYS;
-      return call_action::HANDLED;
-    case SYS_rseq:
-      // The kernel begins a restartable sequence again when it finds the thread interrupted in it, by the addresses of the
-      // application's code, where no thread ever is. Nearly always the thread's own C library, the tool's, has registered
-      // first, and the kernel would refuse it anyway; as on a kernel without it, the application does without.
-      *result = -ENOSYS;
-      return call_action::HANDLED;
+    // The kernel begins a restartable sequence again when it finds the thread interrupted in it, by the addresses of the
+    // application's code, where no thread ever is. Nearly always the thread's own C library, the tool's, has registered
+    // first, and the kernel would refuse it anyway; as on a kernel without it, the application does without.
+    case SYS_rseq: *result = -ENOSYS; return call_action::HANDLED;
     case SYS_CLOSE_RANGE: return handle_close_range(args, result);
     default: replace_call_mask(thread, number, args); return call_action::MAKE;
   }
