@@ -51,12 +51,6 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
   clear_instruction_cache(meta.exit_code_addr, write);
 }
 
-constexpr std::uint32_t X0 = 0;
-constexpr std::uint32_t X1 = 1;
-constexpr std::uint32_t X2 = 2;
-constexpr std::uint32_t X30 = 30;
-constexpr std::uint32_t SP = 31;
-constexpr std::uint32_t XZR = 31;
 constexpr std::uint32_t PUSHED_BYTES = 32;  // By a64_push_x0_x1 and push_x2.
 
 void push_x2(std::uint32_t** at) { a64_ldr_str_imm9((*at)++, 3, 0, 0, 0x1f0, 3, SP, X2); }  // str x2, [sp, #-16]!
@@ -176,7 +170,7 @@ void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** wri
                     std::uint32_t reg, bool link, bool set_meta) {
   std::uint32_t* at = *write;
   // The lookup needs x0 and one more register, and the target must survive both, and the loading of x30.
-  const bool needs_x2 = reg == X0 || reg == X1 || (link && reg == X30);
+  const bool needs_x2 = reg == X0 || reg == X1 || (link && reg == LINK_REGISTER);
   const std::uint32_t target = needs_x2 ? X1 : reg;
   a64_push_x0_x1(&at);
   if (needs_x2) {
@@ -184,7 +178,7 @@ void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** wri
     if (reg != X1) put_move(&at, X1, reg);
   }
   if (set_meta) thread->metas[bb_id].rn = target;
-  if (link) a64_load_const(&at, X30, reinterpret_cast<std::uint64_t>(read_address) + 4);
+  if (link) a64_load_const(&at, LINK_REGISTER, reinterpret_cast<std::uint64_t>(read_address) + 4);
   put_inline_lookup(thread, bb_id, &at, target, needs_x2);
   *write = at;
 }
@@ -207,7 +201,7 @@ void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint
   if (branch.target != X1) put_move(&at, X1, branch.target);
   a64_authenticate(at++, branch.key, branch.zero_modifier, modifier, X1);
   thread->metas[bb_id].rn = X1;
-  if (branch.link != 0) a64_load_const(&at, X30, reinterpret_cast<std::uint64_t>(read_address) + 4);
+  if (branch.link != 0) a64_load_const(&at, LINK_REGISTER, reinterpret_cast<std::uint64_t>(read_address) + 4);
   put_inline_lookup(thread, bb_id, &at, X1, true);
   *write = at;
 }

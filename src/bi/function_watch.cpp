@@ -22,14 +22,7 @@ constexpr engine_log log{"src/bi/plugin"};
 
 constexpr std::uint32_t RET_X30 = 0xd65f03c0;
 
-constexpr std::uint32_t X0 = 0;
-constexpr std::uint32_t X1 = 1;
-constexpr std::uint32_t LINK_REGISTER = 30;
-constexpr std::uint32_t SP = 31;
-
-// Fields of a load or store with a 9-bit offset.
-constexpr std::uint32_t POST_INDEX = 1;
-constexpr std::uint32_t PRE_INDEX = 3;
+// Offsets of 9 bits.
 constexpr std::uint32_t PLUS_8 = 8;
 constexpr std::uint32_t MINUS_8 = 0x1f8;
 

@@ -23,16 +23,10 @@ thread_local std::uint64_t guarded_return_address = 0;
 
 namespace {
 
-constexpr std::uint32_t SP = 31;
-constexpr std::uint32_t XZR = 31;
-constexpr std::uint32_t LINK_REGISTER = 30;
-
 // Fields of the load and store classes.
 constexpr std::uint32_t STORE = 0;
 constexpr std::uint32_t LOAD = 1;
-constexpr std::uint32_t POST_INDEX = 1;
 constexpr std::uint32_t SIGNED_OFFSET = 2;
-constexpr std::uint32_t PRE_INDEX = 3;
 constexpr std::uint32_t SIZE_64 = 3;   // Of a single register.
 constexpr std::uint32_t PAIR_64 = 2;   // Of a pair.
 constexpr std::int32_t SLOT_PAIR = 16;  // What a push moves sp by.
@@ -370,15 +364,13 @@ int mora_emit_indirect_branch(mora_context* ctx, std::uint32_t reg) {
 }
 
 int mora_emit_counter_add(mora_context* ctx, std::uint64_t address, std::uint32_t imm) {
-  constexpr std::uint32_t x0 = 0;
-  constexpr std::uint32_t x1 = 1;
   if (imm > 0xfff || !begin_code(ctx, LOAD_CONST_WORDS + 5)) return -1;
   a64_push_x0_x1(&ctx->write_p);
-  a64_load_const(&ctx->write_p, x0, address);
-  mora_emit_ldr(ctx, x1, x0);
-  emit_add_sub_imm(ctx, 1, 0, 0, 0, imm, x1, x1);
-  mora_emit_str(ctx, x1, x0);
-  return mora_emit_pop_pair(ctx, x0, x1, SP);
+  a64_load_const(&ctx->write_p, X0, address);
+  mora_emit_ldr(ctx, X1, X0);
+  emit_add_sub_imm(ctx, 1, 0, 0, 0, imm, X1, X1);
+  mora_emit_str(ctx, X1, X0);
+  return mora_emit_pop_pair(ctx, X0, X1, SP);
 }
 
 }  // namespace ceilmeter

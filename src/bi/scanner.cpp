@@ -34,14 +34,10 @@ constexpr std::uint32_t PUSH_X1_X30 = 0xa9bf7be1;   // stp x1, x30, [sp, #-16]!
 constexpr std::uint32_t POP_X1_X30 = 0xa8c17be1;    // ldp x1, x30, [sp], #16
 constexpr std::uint32_t PUSH_X29_X30 = 0xa9bf7bfd;  // stp x29, x30, [sp, #-16]!
 
-constexpr std::uint32_t SP = 31;
-constexpr std::uint32_t LINK_REGISTER = 30;
 constexpr std::uint32_t CONDITION_ALWAYS = 14;  // AL; NV is 15.
 
 // Fields of a load or store with a 9-bit offset.
 constexpr std::uint32_t UNSCALED = 0;
-constexpr std::uint32_t POST_INDEX = 1;
-constexpr std::uint32_t PRE_INDEX = 3;
 constexpr std::uint32_t MINUS_16 = 0x1f0;
 
 constexpr std::uint64_t TWO_NOPS = NOP | std::uint64_t{NOP} << 32;
@@ -254,17 +250,16 @@ void rewrite_literal_load(scan_state& state) {
   std::uint32_t reg = 0;
   a64_ldr_literal_decode(state.read, &opc, &is_vector, &imm19, &reg);
   const std::uint64_t target = branch_target(state.read, imm19, 19);
-  constexpr std::uint32_t x0 = 0;
   if (is_vector == 0 && opc < 3) {
     // The register of the result serves as base: what it held is lost anyway.
     constexpr std::uint32_t sizes[] = {2, 3, 2};
     constexpr std::uint32_t operations[] = {1, 1, 2};  // LDR W, LDR X, LDRSW.
     if (reg == 31) {
       // Into the zero register: as a base number 31 would be the stack pointer. The access itself still happens.
-      push_register(&state.write, x0);
-      a64_load_const(&state.write, x0, target);
-      a64_ldr_str_unsigned(state.write++, sizes[opc], 0, operations[opc], 0, x0, reg);
-      pop_register(&state.write, x0);
+      push_register(&state.write, X0);
+      a64_load_const(&state.write, X0, target);
+      a64_ldr_str_unsigned(state.write++, sizes[opc], 0, operations[opc], 0, X0, reg);
+      pop_register(&state.write, X0);
       return;
     }
     a64_load_const(&state.write, reg, target);
@@ -272,16 +267,16 @@ void rewrite_literal_load(scan_state& state) {
     return;
   }
   if (is_vector != 0 && opc == 3) log(LEVEL_FATAL, "unallocated encoding");
-  push_register(&state.write, x0);
-  a64_load_const(&state.write, x0, target);
+  push_register(&state.write, X0);
+  a64_load_const(&state.write, X0, target);
   if (is_vector == 0) {
-    a64_ldr_str_unsigned(state.write++, 3, 0, 2, 0, x0, reg);  // PRFM, `reg` being the operation.
+    a64_ldr_str_unsigned(state.write++, 3, 0, 2, 0, X0, reg);  // PRFM, `reg` being the operation.
   } else {
     constexpr std::uint32_t sizes[] = {2, 3, 0};       // S, D, Q.
     constexpr std::uint32_t operations[] = {1, 1, 3};
-    a64_ldr_str_unsigned(state.write++, sizes[opc], 1, operations[opc], 0, x0, reg);
+    a64_ldr_str_unsigned(state.write++, sizes[opc], 1, operations[opc], 0, X0, reg);
   }
-  pop_register(&state.write, x0);
+  pop_register(&state.write, X0);
 }
 
 void rewrite_address(scan_state& state) {
@@ -363,9 +358,8 @@ void rewrite_unknown(scan_state& state) {
 
 // The application has gone where it may not: it gets its fault, by a load from that place in its name.
 void put_fault(scan_state& state) {
-  constexpr std::uint32_t x0 = 0;
-  a64_load_const(&state.write, x0, address_of(state.read));
-  a64_ldr_str_unsigned(state.write++, 2, 0, 1, 0, x0, x0);
+  a64_load_const(&state.write, X0, address_of(state.read));
+  a64_ldr_str_unsigned(state.write++, 2, 0, 1, 0, X0, X0);
   state.stop = true;
 }
 

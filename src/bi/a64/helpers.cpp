@@ -19,8 +19,6 @@ static_assert(BRANCH_CLASSES == (bit_of(A64_CBZ) | bit_of(A64_B_COND) | bit_of(A
 
 constexpr std::uint32_t MOVK = 3;
 constexpr std::uint32_t MOVZ = 2;
-constexpr std::uint32_t PRE_INDEX = 3;
-constexpr std::uint32_t SP = 31;
 
 // The offset from a word to an address, in words, with its sign.
 std::uint32_t word_offset(const std::uint32_t* from, std::uint64_t to) {

@@ -9,6 +9,18 @@
 
 namespace ceilmeter {
 
+// Register numbers. 31 is one or the other by the instruction and the operand's place.
+inline constexpr std::uint32_t X0 = 0;
+inline constexpr std::uint32_t X1 = 1;
+inline constexpr std::uint32_t X2 = 2;
+inline constexpr std::uint32_t LINK_REGISTER = 30;
+inline constexpr std::uint32_t SP = 31;
+inline constexpr std::uint32_t XZR = 31;
+
+// How a load or store moves its base register, in the field of the classes for pairs and for offsets of 9 bits.
+inline constexpr std::uint32_t POST_INDEX = 1;
+inline constexpr std::uint32_t PRE_INDEX = 3;
+
 // Loads `value` into register `reg`: MOVZ of the low 16 bits, then MOVK for each higher 16 bits that are not zero. One
 // to four words, without padding; *write moves past them.
 void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64_t value);
