@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "bi/common.h"
+#include "bi/held_signals.h"
 #include "bi/stub_layout.h"
 
 namespace ceilmeter {
@@ -36,6 +37,7 @@ inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;       // Where in the 
 inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;     // Nor with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
 inline constexpr int SIGNAL_COUNT = 65;  // Signal numbers from 1; 0 is unused.
+inline constexpr std::size_t SOURCE_MARKS_PER_WORD = 32;  // Two bits for each word of the code cache.
 
 static_assert(BB_AREA_SIZE == std::size_t{BB_COUNT} * BB_SIZE);
 static_assert(CODE_CACHE_SIZE - BB_AREA_SIZE == 2697216, "the trace area is the rest of the code cache");
@@ -156,6 +158,10 @@ struct thread_data {
   std::uint32_t* trace_fragment_start;
   std::uint32_t trace_fragment_overflow;
   std::int32_t traces_checked;  // Indices of traces that there were when the checker has last looked at all of them.
+  // Where in the cache the code of each source word begins, see source_map.h.
+  const std::uint32_t* source_marks_end;  // Of the fragment that is being scanned: the marks before this place are complete.
+  std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
+  held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
 };
 
 // Process-wide state, each part under the lock that is named with it.
