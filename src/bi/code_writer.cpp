@@ -37,14 +37,14 @@ void set_offset(std::uint32_t* branch, std::int64_t words) {
 
 // The address that the branch about to be written gets: the label's, or that of the branch before it that waits for the
 // label, or its own, an offset of 0, if it is the first.
-std::uint64_t code_writer::next_address(code_label& to) {
+std::uint64_t code_writer::next_address(code_label& to) const {
   if (to.place != nullptr) return reinterpret_cast<std::uint64_t>(to.place);
   const std::uint32_t* before = to.last_branch != nullptr ? to.last_branch : cursor;
   to.last_branch = cursor;
   return reinterpret_cast<std::uint64_t>(before);
 }
 
-void code_writer::bind(code_label& label) {
+void code_writer::bind(code_label& label) const {
   label.place = cursor;
   for (std::uint32_t* branch = label.last_branch; branch != nullptr;) {
     const std::int64_t to_earlier = read_offset(branch);

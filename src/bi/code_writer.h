@@ -154,100 +154,100 @@ struct code_label {
 struct code_writer {
   std::uint32_t*& cursor;
 
-  void word(std::uint32_t word) { *cursor++ = word; }
-  void nop() { word(NOP); }
+  void word(std::uint32_t word) const { *cursor++ = word; }
+  void nop() const { word(NOP); }
 
   // Loads and stores of one register.
-  void ldr(x_register rt, offset_address from) { put_unsigned(SIZE_X, LOAD, rt.number, from); }
-  void str(x_register rt, offset_address to) { put_unsigned(SIZE_X, STORE, rt.number, to); }
-  void ldr(x_register rt, indexed_address from) { put_indexed(LOAD, rt, from.base, from.offset, from.mode); }
-  void str(x_register rt, indexed_address to) { put_indexed(STORE, rt, to.base, to.offset, to.mode); }
-  void ldur(x_register rt, offset_address from) { put_indexed(LOAD, rt, from.base, from.offset, UNSCALED); }
-  void stur(x_register rt, offset_address to) { put_indexed(STORE, rt, to.base, to.offset, UNSCALED); }
-  void ldr_w(x_register rt, offset_address from) { put_unsigned(SIZE_W, LOAD, rt.number, from); }
-  void ldrsw(x_register rt, offset_address from) { put_unsigned(SIZE_W, LOAD_SIGNED, rt.number, from); }
-  void prfm(std::uint32_t operation, offset_address from) { put_unsigned(SIZE_X, LOAD_SIGNED, operation, from); }
-  void ldr_s(v_register rt, offset_address from) { put_vector(SIZE_W, LOAD, 4, rt, from); }
-  void ldr_d(v_register rt, offset_address from) { put_vector(SIZE_X, LOAD, 8, rt, from); }
-  void ldr_q(v_register rt, offset_address from) { put_vector(0, LOAD_128, 16, rt, from); }
+  void ldr(x_register rt, offset_address from) const { put_unsigned(SIZE_X, LOAD, rt.number, from); }
+  void str(x_register rt, offset_address to) const { put_unsigned(SIZE_X, STORE, rt.number, to); }
+  void ldr(x_register rt, indexed_address from) const { put_indexed(LOAD, rt, from.base, from.offset, from.mode); }
+  void str(x_register rt, indexed_address to) const { put_indexed(STORE, rt, to.base, to.offset, to.mode); }
+  void ldur(x_register rt, offset_address from) const { put_indexed(LOAD, rt, from.base, from.offset, UNSCALED); }
+  void stur(x_register rt, offset_address to) const { put_indexed(STORE, rt, to.base, to.offset, UNSCALED); }
+  void ldr_w(x_register rt, offset_address from) const { put_unsigned(SIZE_W, LOAD, rt.number, from); }
+  void ldrsw(x_register rt, offset_address from) const { put_unsigned(SIZE_W, LOAD_SIGNED, rt.number, from); }
+  void prfm(std::uint32_t operation, offset_address from) const { put_unsigned(SIZE_X, LOAD_SIGNED, operation, from); }
+  void ldr_s(v_register rt, offset_address from) const { put_vector(SIZE_W, LOAD, 4, rt, from); }
+  void ldr_d(v_register rt, offset_address from) const { put_vector(SIZE_X, LOAD, 8, rt, from); }
+  void ldr_q(v_register rt, offset_address from) const { put_vector(0, LOAD_128, 16, rt, from); }
 
   // Loads and stores of a pair.
-  void ldp(x_register rt, x_register rt2, offset_address from) {
+  void ldp(x_register rt, x_register rt2, offset_address from) const {
     put_pair(LOAD, rt, rt2, {from.base, from.offset, SIGNED_OFFSET});
   }
-  void stp(x_register rt, x_register rt2, offset_address to) {
+  void stp(x_register rt, x_register rt2, offset_address to) const {
     put_pair(STORE, rt, rt2, {to.base, to.offset, SIGNED_OFFSET});
   }
-  void ldp(x_register rt, x_register rt2, indexed_address from) { put_pair(LOAD, rt, rt2, from); }
-  void stp(x_register rt, x_register rt2, indexed_address to) { put_pair(STORE, rt, rt2, to); }
+  void ldp(x_register rt, x_register rt2, indexed_address from) const { put_pair(LOAD, rt, rt2, from); }
+  void stp(x_register rt, x_register rt2, indexed_address to) const { put_pair(STORE, rt, rt2, to); }
 
   // Pushes and pops keep sp aligned to 16: one register takes as much as two.
-  void push(x_register rt) { str(rt, pre_index(sp, -16)); }
-  void pop(x_register rt) { ldr(rt, post_index(sp, 16)); }
-  void push(x_register rt, x_register rt2) { stp(rt, rt2, pre_index(sp, -16)); }
-  void pop(x_register rt, x_register rt2) { ldp(rt, rt2, post_index(sp, 16)); }
+  void push(x_register rt) const { str(rt, pre_index(sp, -16)); }
+  void pop(x_register rt) const { ldr(rt, post_index(sp, 16)); }
+  void push(x_register rt, x_register rt2) const { stp(rt, rt2, pre_index(sp, -16)); }
+  void pop(x_register rt, x_register rt2) const { ldp(rt, rt2, post_index(sp, 16)); }
 
   // Arithmetic. An immediate has 12 bits; `lsl_12` counts it in units of 4096.
-  void add(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) { put_add_sub(0, 0, rd, rn, imm12); }
-  void sub(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) { put_add_sub(1, 0, rd, rn, imm12); }
-  void add_lsl_12(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) { put_add_sub(0, 1, rd, rn, imm12); }
-  void sub_lsl_12(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) { put_add_sub(1, 1, rd, rn, imm12); }
-  void add(x_register rd, x_register rn, x_register rm, shift_kind shift = SHIFT_LSL, std::uint32_t amount = 0) {
+  void add(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) const { put_add_sub(0, 0, rd, rn, imm12); }
+  void sub(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) const { put_add_sub(1, 0, rd, rn, imm12); }
+  void add_lsl_12(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) const { put_add_sub(0, 1, rd, rn, imm12); }
+  void sub_lsl_12(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) const { put_add_sub(1, 1, rd, rn, imm12); }
+  void add(x_register rd, x_register rn, x_register rm, shift_kind shift = SHIFT_LSL, std::uint32_t amount = 0) const {
     a64_add_sub_shifted(cursor++, 1, 0, 0, shift, rm.number, amount, rn.number, rd.number);
   }
-  void sub(x_register rd, x_register rn, x_register rm, shift_kind shift = SHIFT_LSL, std::uint32_t amount = 0) {
+  void sub(x_register rd, x_register rn, x_register rm, shift_kind shift = SHIFT_LSL, std::uint32_t amount = 0) const {
     a64_add_sub_shifted(cursor++, 1, 1, 0, shift, rm.number, amount, rn.number, rd.number);
   }
 
   // Logic and moves.
-  void and_(x_register rd, x_register rn, constant_mask bits) { and_(rd, rn, bits.fields); }
-  void and_(x_register rd, x_register rn, logical_fields bits) {
+  void and_(x_register rd, x_register rn, constant_mask bits) const { and_(rd, rn, bits.fields); }
+  void and_(x_register rd, x_register rn, logical_fields bits) const {
     a64_logical_imm(cursor++, 1, 0, bits.n, bits.immr, bits.imms, rn.number, rd.number);
   }
-  void and_(x_register rd, x_register rn, x_register rm) { put_logical(0, rd, rn, rm); }
-  void mov(x_register rd, x_register rm) { put_logical(1, rd, xzr, rm); }
-  void mov_from_sp(x_or_sp rd) { add(rd, sp, 0); }
-  void movz(x_register rd, std::uint32_t imm16, std::uint32_t lsl = 0) {
+  void and_(x_register rd, x_register rn, x_register rm) const { put_logical(0, rd, rn, rm); }
+  void mov(x_register rd, x_register rm) const { put_logical(1, rd, xzr, rm); }
+  void mov_from_sp(x_or_sp rd) const { add(rd, sp, 0); }
+  void movz(x_register rd, std::uint32_t imm16, std::uint32_t lsl = 0) const {
     a64_mov_wide(cursor++, 1, 2, lsl / 16, imm16, rd.number);
   }
-  void movk(x_register rd, std::uint32_t imm16, std::uint32_t lsl = 0) {
+  void movk(x_register rd, std::uint32_t imm16, std::uint32_t lsl = 0) const {
     a64_mov_wide(cursor++, 1, 3, lsl / 16, imm16, rd.number);
   }
   // One to four words, by the value.
-  void load_const(x_register rd, std::uint64_t value) { a64_load_const(&cursor, rd.number, value); }
+  void load_const(x_register rd, std::uint64_t value) const { a64_load_const(&cursor, rd.number, value); }
 
   // Branches to a cache address in reach.
-  void b(std::uint64_t to) { a64_branch(cursor, to), ++cursor; }
-  void bl(std::uint64_t to) { a64_bl(cursor, to), ++cursor; }
-  void b_cond(std::uint32_t condition, std::uint64_t to) { a64_b_cond_to(cursor, to, condition), ++cursor; }
-  void cbz(x_register rt, std::uint64_t to) { a64_cbz_helper(cursor, to, 1, rt.number), ++cursor; }
-  void cbnz(x_register rt, std::uint64_t to) { a64_cbnz_helper(cursor, to, 1, rt.number), ++cursor; }
-  void tbz(x_register rt, std::uint32_t bit, std::uint64_t to) { a64_tbz_to(cursor, 0, to, rt.number, bit), ++cursor; }
-  void tbnz(x_register rt, std::uint32_t bit, std::uint64_t to) { a64_tbz_to(cursor, 1, to, rt.number, bit), ++cursor; }
+  void b(std::uint64_t to) const { a64_branch(cursor++, to); }
+  void bl(std::uint64_t to) const { a64_bl(cursor++, to); }
+  void b_cond(std::uint32_t condition, std::uint64_t to) const { a64_b_cond_to(cursor++, to, condition); }
+  void cbz(x_register rt, std::uint64_t to) const { a64_cbz_helper(cursor++, to, 1, rt.number); }
+  void cbnz(x_register rt, std::uint64_t to) const { a64_cbnz_helper(cursor++, to, 1, rt.number); }
+  void tbz(x_register rt, std::uint32_t bit, std::uint64_t to) const { a64_tbz_to(cursor++, 0, to, rt.number, bit); }
+  void tbnz(x_register rt, std::uint32_t bit, std::uint64_t to) const { a64_tbz_to(cursor++, 1, to, rt.number, bit); }
 
   // Branches to a label, bound already or later.
-  void bind(code_label& label);
-  void b(code_label& to) { b(next_address(to)); }
-  void b_cond(std::uint32_t condition, code_label& to) { b_cond(condition, next_address(to)); }
-  void cbz(x_register rt, code_label& to) { cbz(rt, next_address(to)); }
-  void cbnz(x_register rt, code_label& to) { cbnz(rt, next_address(to)); }
-  void tbz(x_register rt, std::uint32_t bit, code_label& to) { tbz(rt, bit, next_address(to)); }
-  void tbnz(x_register rt, std::uint32_t bit, code_label& to) { tbnz(rt, bit, next_address(to)); }
+  void bind(code_label& label) const;
+  void b(code_label& to) const { b(next_address(to)); }
+  void b_cond(std::uint32_t condition, code_label& to) const { b_cond(condition, next_address(to)); }
+  void cbz(x_register rt, code_label& to) const { cbz(rt, next_address(to)); }
+  void cbnz(x_register rt, code_label& to) const { cbnz(rt, next_address(to)); }
+  void tbz(x_register rt, std::uint32_t bit, code_label& to) const { tbz(rt, bit, next_address(to)); }
+  void tbnz(x_register rt, std::uint32_t bit, code_label& to) const { tbnz(rt, bit, next_address(to)); }
 
-  void br(x_register rn) { a64_br(cursor++, rn.number); }
-  void blr(x_register rn) { a64_blr(cursor++, rn.number); }
-  void ret(x_register rn = x30) { a64_ret(cursor++, rn.number); }
+  void br(x_register rn) const { a64_br(cursor++, rn.number); }
+  void blr(x_register rn) const { a64_blr(cursor++, rn.number); }
+  void ret(x_register rn = x30) const { a64_ret(cursor++, rn.number); }
 
   // System registers and traps.
-  void mrs(x_register rt, system_register from) { put_system(1, rt, from); }
-  void msr(system_register to, x_register rt) { put_system(0, rt, to); }
-  void svc(std::uint32_t imm16) { a64_svc(cursor++, imm16); }
-  void hvc(std::uint32_t imm16) { a64_hvc(cursor++, imm16); }
-  void brk(std::uint32_t imm16) { a64_brk(cursor++, imm16); }
+  void mrs(x_register rt, system_register from) const { put_system(1, rt, from); }
+  void msr(system_register to, x_register rt) const { put_system(0, rt, to); }
+  void svc(std::uint32_t imm16) const { a64_svc(cursor++, imm16); }
+  void hvc(std::uint32_t imm16) const { a64_hvc(cursor++, imm16); }
+  void brk(std::uint32_t imm16) const { a64_brk(cursor++, imm16); }
 
   // Address authentication with key A (0) or B (1).
-  void aut(std::uint32_t key, x_register rd, x_or_sp modifier) { a64_authenticate(cursor++, key, 0, modifier.number, rd.number); }
-  void aut_zero(std::uint32_t key, x_register rd) { a64_authenticate(cursor++, key, 1, 0, rd.number); }
+  void aut(std::uint32_t key, x_register rd, x_or_sp modifier) const { a64_authenticate(cursor++, key, 0, modifier.number, rd.number); }
+  void aut_zero(std::uint32_t key, x_register rd) const { a64_authenticate(cursor++, key, 1, 0, rd.number); }
 
   // What the mnemonics share. Fields of the load and store classes:
   static constexpr std::uint32_t STORE = 0;
@@ -260,31 +260,31 @@ struct code_writer {
   static constexpr std::uint32_t UNSCALED = 0;
   static constexpr std::uint32_t SIGNED_OFFSET = 2;
 
-  void put_unsigned(std::uint32_t size, std::uint32_t operation, std::uint32_t rt, offset_address place) {
+  void put_unsigned(std::uint32_t size, std::uint32_t operation, std::uint32_t rt, offset_address place) const {
     a64_ldr_str_unsigned(cursor++, size, 0, operation, static_cast<std::uint32_t>(place.offset) >> size,
                          place.base.number, rt);
   }
-  void put_vector(std::uint32_t size, std::uint32_t operation, std::uint32_t bytes, v_register rt, offset_address place) {
+  void put_vector(std::uint32_t size, std::uint32_t operation, std::uint32_t bytes, v_register rt, offset_address place) const {
     a64_ldr_str_unsigned(cursor++, size, 1, operation, static_cast<std::uint32_t>(place.offset) / bytes,
                          place.base.number, rt.number);
   }
-  void put_indexed(std::uint32_t operation, x_register rt, x_or_sp base, std::int32_t offset, std::uint32_t mode) {
+  void put_indexed(std::uint32_t operation, x_register rt, x_or_sp base, std::int32_t offset, std::uint32_t mode) const {
     a64_ldr_str_imm9(cursor++, SIZE_X, 0, operation, static_cast<std::uint32_t>(offset), mode, base.number, rt.number);
   }
-  void put_pair(std::uint32_t operation, x_register rt, x_register rt2, indexed_address place) {
+  void put_pair(std::uint32_t operation, x_register rt, x_register rt2, indexed_address place) const {
     a64_ldp_stp(cursor++, PAIR_OF_X, 0, place.mode, operation, static_cast<std::uint32_t>(place.offset / 8), rt2.number,
                 place.base.number, rt.number);
   }
-  void put_add_sub(std::uint32_t is_sub, std::uint32_t shift, x_or_sp rd, x_or_sp rn, std::uint32_t imm12) {
+  void put_add_sub(std::uint32_t is_sub, std::uint32_t shift, x_or_sp rd, x_or_sp rn, std::uint32_t imm12) const {
     a64_add_sub_imm(cursor++, 1, is_sub, 0, shift, imm12, rn.number, rd.number);
   }
-  void put_logical(std::uint32_t opc, x_register rd, x_register rn, x_register rm) {
+  void put_logical(std::uint32_t opc, x_register rd, x_register rn, x_register rm) const {
     a64_logical_shifted(cursor++, 1, opc, 0, 0, rm.number, 0, rn.number, rd.number);
   }
-  void put_system(std::uint32_t is_read, x_register rt, system_register named) {
+  void put_system(std::uint32_t is_read, x_register rt, system_register named) const {
     a64_mrs_msr(cursor++, is_read, named.o0, named.op1, named.crn, named.crm, named.op2, rt.number);
   }
-  std::uint64_t next_address(code_label& to);
+  std::uint64_t next_address(code_label& to) const;
 };
 
 }  // namespace ceilmeter
