@@ -13,6 +13,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code_words.h"
+#include "bi/code_writer.h"
 #include "bi/stubs.h"
 #include "bi/traces.h"
 #include "common/log.h"
@@ -51,44 +52,37 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
   clear_instruction_cache(meta.exit_code_addr, write);
 }
 
-constexpr std::uint32_t PUSHED_BYTES = 32;  // By a64_push_x0_x1 and push_x2.
+// What a lookup pushes at most: x0 and x1, and x2.
+constexpr std::uint32_t PUSHED_BYTES = 32;
 
-void push_x2(std::uint32_t** at) { a64_ldr_str_imm9((*at)++, 3, 0, 0, 0x1f0, 3, SP, X2); }  // str x2, [sp, #-16]!
-void pop_x2(std::uint32_t** at) { a64_ldr_str_imm9((*at)++, 3, 0, 1, 16, 1, SP, X2); }      // ldr x2, [sp], #16
+// Goes to the fragment of the source address in `target`. x0 and x1 are on the stack, and x2 above them if `x2_is_saved`.
+// Then the target is in x1, and x2 is the second register that the lookup needs; otherwise x1 is.
+void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code, x_register target, bool x2_is_saved) {
+  const x_register scratch = x2_is_saved ? x2 : x1;
+  code.load_const(x0, address_of(thread->entry_table.entries));
 
-void put_move(std::uint32_t** at, std::uint32_t to, std::uint32_t from) {
-  a64_logical_shifted((*at)++, 1, 1, 0, 0, from, 0, XZR, to);
-}
+  // The mask leaves the bits of the address that the table's hash selects, in place.
+  static_assert(ENTRY_TABLE_SIZE - 10 == 0x1ffffc >> 2, "the mask of the inline lookup is that of the hash");
+  code.and_(scratch, target, 0x1ffffc);
+  code.add(x0, x0, scratch, SHIFT_LSL, 2);
 
-// Goes to the fragment of the source address in `target`, with x0 and x1 on the stack, and x2 above them if it is saved. Then
-// the target is in x1, and x2 serves as the second register; x1 does otherwise.
-void put_inline_lookup(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, std::uint32_t target, bool x2_is_saved) {
-  const std::uint32_t scratch = x2_is_saved ? X2 : X1;
-  std::uint32_t* at = *write;
-  a64_load_const(&at, X0, reinterpret_cast<std::uint64_t>(thread->entry_table.entries));
-
-  // and scratch, target, #0x1ffffc: the bits of the address that the table's hash selects, in place. 19 ones, rotated
-  // left by 2.
-  static_assert(ENTRY_TABLE_SIZE - 10 == 0x7ffff, "the mask of the inline lookup is that of the hash");
-  a64_logical_imm(at++, 1, 0, 1, 62, 18, target, scratch);
-  a64_add_sub_shifted(at++, 1, 0, 0, 0, scratch, 2, X0, X0);  // add x0, x0, scratch, lsl #2
   static_assert(HASH_ENTRY_BYTES == 16 && HASH_ENTRY_KEY_OFFSET == 0 && HASH_ENTRY_VALUE_OFFSET == 8);
-  std::uint32_t* loop = at;
-  a64_ldr_str_imm9(at++, 3, 0, 1, 16, 1, X0, scratch);  // ldr scratch, [x0], #16
-  std::uint32_t* to_miss = at++;
-  a64_add_sub_shifted(at++, 1, 1, 0, 0, target, 0, scratch, scratch);  // sub scratch, scratch, target
-  a64_cbnz_helper(at, reinterpret_cast<std::uint64_t>(loop), 1, scratch);
-  ++at;
-  a64_ldr_str_imm9(at++, 3, 0, 1, 0x1f8, 0, X0, X0);  // ldur x0, [x0, #-8]
-  if (x2_is_saved) pop_x2(&at);
-  a64_br(at++, X0);
+  code_label loop;
+  code_label miss;
+  code.bind(loop);
+  code.ldr(scratch, post_index(x0, 16));
+  code.cbz(scratch, miss);
+  code.sub(scratch, scratch, target);
+  code.cbnz(scratch, loop);
+  code.ldur(x0, at(x0, -8));
+  if (x2_is_saved) code.pop(x2);
+  code.br(x0);
 
-  a64_cbz_helper(to_miss, reinterpret_cast<std::uint64_t>(at), 1, scratch);
-  put_move(&at, X0, target);
-  a64_load_const(&at, X1, static_cast<std::uint64_t>(bb_id));
-  if (x2_is_saved) pop_x2(&at);
-  a64_branch(at++, thread->dispatcher_stub_addr);
-  *write = at;
+  code.bind(miss);
+  code.mov(x0, target);
+  code.load_const(x1, static_cast<std::uint64_t>(bb_id));
+  if (x2_is_saved) code.pop(x2);
+  code.b(thread->dispatcher_stub_addr);
 }
 
 std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
@@ -168,42 +162,44 @@ void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::ui
 
 void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, const std::uint32_t* read_address,
                     std::uint32_t reg, bool link, bool set_meta) {
-  std::uint32_t* at = *write;
-  // The lookup needs x0 and one more register, and the target must survive both, and the loading of x30.
-  const bool needs_x2 = reg == X0 || reg == X1 || (link && reg == LINK_REGISTER);
-  const std::uint32_t target = needs_x2 ? X1 : reg;
-  a64_push_x0_x1(&at);
+  const code_writer code{*write};
+  // The lookup needs x0 and one more register. The target must survive both, and the loading of x30.
+  const bool needs_x2 = reg == x0.number || reg == x1.number || (link && reg == x30.number);
+  const x_register target = needs_x2 ? x1 : x_register{reg};
+  code.push(x0, x1);
   if (needs_x2) {
-    push_x2(&at);
-    if (reg != X1) put_move(&at, X1, reg);
+    code.push(x2);
+    if (reg != x1.number) code.mov(x1, x_register{reg});
   }
-  if (set_meta) thread->metas[bb_id].rn = target;
-  if (link) a64_load_const(&at, LINK_REGISTER, reinterpret_cast<std::uint64_t>(read_address) + 4);
-  put_inline_lookup(thread, bb_id, &at, target, needs_x2);
-  *write = at;
+  if (set_meta) thread->metas[bb_id].rn = target.number;
+  if (link) code.load_const(x30, address_of(read_address) + 4);
+  put_inline_lookup(thread, bb_id, code, target, needs_x2);
 }
 
 void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint32_t** write,
                               const std::uint32_t* read_address, const a64_authenticated_branch& branch) {
-  std::uint32_t* at = *write;
-  a64_push_x0_x1(&at);
-  push_x2(&at);
-  std::uint32_t modifier = X2;
+  const code_writer code{*write};
+  code.push(x0, x1);
+  code.push(x2);
+  x_register modifier = x2;
   if (branch.zero_modifier == 0) {
-    // Before x1 is written, and not into the register that x1 is about to be copied from: either may be either.
-    if (branch.target == X2) modifier = X0;
-    if (branch.modifier == SP) {
-      a64_add_sub_imm(at++, 1, 0, 0, 0, PUSHED_BYTES, SP, modifier);  // add modifier, sp, #32: sp as it was.
-    } else if (branch.modifier != modifier) {
-      put_move(&at, modifier, branch.modifier);
+    // The modifier is copied first: x1 is written below. It must not overwrite the register that x1 is copied from.
+    if (branch.target == x2.number) modifier = x0;
+    if (branch.modifier == sp.number) {
+      code.add(modifier, sp, PUSHED_BYTES);  // sp as it was before the pushes.
+    } else if (branch.modifier != modifier.number) {
+      code.mov(modifier, x_register{branch.modifier});
     }
   }
-  if (branch.target != X1) put_move(&at, X1, branch.target);
-  a64_authenticate(at++, branch.key, branch.zero_modifier, modifier, X1);
-  thread->metas[bb_id].rn = X1;
-  if (branch.link != 0) a64_load_const(&at, LINK_REGISTER, reinterpret_cast<std::uint64_t>(read_address) + 4);
-  put_inline_lookup(thread, bb_id, &at, X1, true);
-  *write = at;
+  if (branch.target != x1.number) code.mov(x1, x_register{branch.target});
+  if (branch.zero_modifier != 0) {
+    code.aut_zero(branch.key, x1);
+  } else {
+    code.aut(branch.key, x1, modifier);
+  }
+  thread->metas[bb_id].rn = x1.number;
+  if (branch.link != 0) code.load_const(x30, address_of(read_address) + 4);
+  put_inline_lookup(thread, bb_id, code, x1, true);
 }
 
 }  // namespace ceilmeter

@@ -9,6 +9,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code_words.h"
+#include "bi/code_writer.h"
 #include "bi/plugin_delivery.h"
 #include "bi/scanner.h"
 #include "common/log.h"
@@ -22,10 +23,6 @@ constexpr engine_log log{"src/bi/plugin"};
 
 constexpr std::uint32_t RET_X30 = 0xd65f03c0;
 
-// Offsets of 9 bits.
-constexpr std::uint32_t PLUS_8 = 8;
-constexpr std::uint32_t MINUS_8 = 0x1f8;
-
 std::uint64_t watch_of_function(std::uint64_t function) {
   pthread_mutex_lock(&engine.function_watch_lock);
   const void* watch = robin_map_lookup(&engine.function_watches, function);
@@ -33,29 +30,29 @@ std::uint64_t watch_of_function(std::uint64_t function) {
   return address_of(watch);
 }
 
-// x0 and x1 pushed, x1 the address of return_stack_top, x0 its value.
-void begin_return_stack(thread_data* thread, std::uint32_t** write) {
-  a64_push_x0_x1(write);
-  a64_load_const(write, X1, address_of(&thread->return_stack_top));
-  a64_ldr_str_unsigned((*write)++, 3, 0, 1, 0, X1, X0);  // ldr x0, [x1]
+// Pushes x0 and x1, and loads x1 with the address of return_stack_top and x0 with its value.
+void begin_return_stack(thread_data* thread, code_writer code) {
+  code.push(x0, x1);
+  code.load_const(x1, address_of(&thread->return_stack_top));
+  code.ldr(x0, at(x1));
 }
 
-void end_return_stack(std::uint32_t** write) {
-  a64_ldr_str_unsigned((*write)++, 3, 0, 0, 0, X1, X0);       // str x0, [x1]
-  a64_ldp_stp((*write)++, 2, 0, POST_INDEX, 1, 2, X1, SP, X0);  // ldp x0, x1, [sp], #16
+void end_return_stack(code_writer code) {
+  code.str(x0, at(x1));
+  code.pop(x0, x1);
 }
 
-void put_entry_code(thread_data* thread, std::uint32_t** write, std::uint64_t watch) {
-  begin_return_stack(thread, write);
-  a64_ldr_str_imm9((*write)++, 3, 0, 0, PLUS_8, PRE_INDEX, X0, LINK_REGISTER);  // str x30, [x0, #8]!
-  end_return_stack(write);
-  a64_load_const(write, LINK_REGISTER, watch);
+void put_entry_code(thread_data* thread, code_writer code, std::uint64_t watch) {
+  begin_return_stack(thread, code);
+  code.str(x30, pre_index(x0, 8));
+  end_return_stack(code);
+  code.load_const(x30, watch);
 }
 
-void put_return_code(thread_data* thread, std::uint32_t** write) {
-  begin_return_stack(thread, write);
-  a64_ldr_str_imm9((*write)++, 3, 0, 1, MINUS_8, POST_INDEX, X0, LINK_REGISTER);  // ldr x30, [x0], #-8
-  end_return_stack(write);
+void put_return_code(thread_data* thread, code_writer code) {
+  begin_return_stack(thread, code);
+  code.ldr(x30, post_index(x0, -8));
+  end_return_stack(code);
 }
 
 return_watch load(const void* value) {
@@ -68,18 +65,23 @@ void store(void* value, const return_watch& changed) { std::memcpy(value, &chang
 
 void skip_entry_code(const return_watch& watch) {
   auto* word = reinterpret_cast<std::uint32_t*>(watch.entry_begin);
-  a64_branch(word, watch.entry_end);
+  std::uint32_t* branch = word;
+  code_writer{branch}.b(watch.entry_end);
   // The one word that changes. Only this thread runs it, and it is in the scanner, outside the cache.
   clear_instruction_cache(word, word + 1);
 }
 
+void reserve_exit_space(scan_state& state) {
+  a64_reserve_block_space(state.thread, &state.write, &state.limit, EXIT_SPACE);
+}
+
 // A flush in the midst of a scan hands blocks out from the start again, and the one that is being scanned, which still has to
 // run once, may lie there: the next ones come behind the place that it has got to. A trace's fragment lies in no block.
-void flush_during_scan(const scan_place& place) {
-  flush_code_cache(place.thread);
-  if (place.fragment_type != FRAGMENT_BLOCK) return;
-  const std::int32_t current = cc_addr_to_bb_id(place.thread, address_of(*place.limit) - 1);
-  place.thread->next_block = std::max(place.thread->next_block, current + 1);
+void flush_during_scan(scan_state& state) {
+  flush_code_cache(state.thread);
+  if (state.type != FRAGMENT_BLOCK) return;
+  const std::int32_t current = cc_addr_to_bb_id(state.thread, address_of(state.limit) - 1);
+  state.thread->next_block = std::max(state.thread->next_block, current + 1);
 }
 
 }  // namespace
@@ -109,44 +111,44 @@ void tell_plugins_of_mapped_file(std::int32_t fd, std::uint64_t addr) {
   mora_leave_callback();
 }
 
-void put_function_entry(const scan_place& place, const std::uint32_t* read_address) {
+void put_function_entry(scan_state& state, const std::uint32_t* read_address) {
   // A return that nobody is told of is left alone: what looks at its return address then finds the true one.
   const bool returns_are_watched = is_event_bound(MORA_POST_FUNCTION);
   if (!returns_are_watched && !is_event_bound(MORA_PRE_FUNCTION)) return;
   const std::uint64_t function = address_of(read_address);
   const std::uint64_t watch = watch_of_function(function);
   if (watch == 0) return;
-  deliver_function_event(place, MORA_PRE_FUNCTION, function);
+  deliver_function_event(state, MORA_PRE_FUNCTION, function);
   if (!returns_are_watched) return;
 
   return_watch entry = {function, 0, 0};
   void* value = nullptr;
-  const robin_insert_result result = robin_map_insert(&place.thread->return_watch, watch, &entry, &value);
+  const robin_insert_result result = robin_map_insert(&state.thread->return_watch, watch, &entry, &value);
   if (result == ROBIN_FAILED) return;
   // The record served another function, which has been unmapped since, and so did the block that was made of it.
-  if (result == ROBIN_EXISTS && load(value).function != function) flush_during_scan(place);
+  if (result == ROBIN_EXISTS && load(value).function != function) flush_during_scan(state);
 
-  a64_reserve_block_space(place.thread, place.write, place.limit, EXIT_SPACE);
-  entry.entry_begin = address_of(*place.write);
-  put_entry_code(place.thread, place.write, watch);
-  entry.entry_end = address_of(*place.write);
+  reserve_exit_space(state);
+  entry.entry_begin = address_of(state.write);
+  put_entry_code(state.thread, code_writer{state.write}, watch);
+  entry.entry_end = address_of(state.write);
   // A trace's copy is not noted: a trace that is never finished leaves its place to another one, and the branch that
   // skip_entry_code writes would be in that one's code.
-  if (place.fragment_type == FRAGMENT_BLOCK) store(value, entry);
-  a64_reserve_block_space(place.thread, place.write, place.limit, EXIT_SPACE);
+  if (state.type == FRAGMENT_BLOCK) store(value, entry);
+  reserve_exit_space(state);
 }
 
-void put_function_return(const scan_place& place, const std::uint32_t* read_address) {
-  if (place.thread->return_watch.count == 0) return;
-  void* value = robin_map_lookup(&place.thread->return_watch, address_of(read_address));
+void put_function_return(scan_state& state, const std::uint32_t* read_address) {
+  if (state.thread->return_watch.count == 0) return;
+  void* value = robin_map_lookup(&state.thread->return_watch, address_of(read_address));
   if (value == nullptr) return;
 
-  put_return_code(place.thread, place.write);
-  a64_reserve_block_space(place.thread, place.write, place.limit, EXIT_SPACE);
-  const std::uint32_t* before = *place.write;
-  deliver_function_event(place, MORA_POST_FUNCTION, load(value).function);
+  put_return_code(state.thread, code_writer{state.write});
+  reserve_exit_space(state);
+  const std::uint32_t* before = state.write;
+  deliver_function_event(state, MORA_POST_FUNCTION, load(value).function);
   return_watch watch = load(value);
-  if (*place.write != before || watch.entry_begin == 0) return;
+  if (state.write != before || watch.entry_begin == 0) return;
   skip_entry_code(watch);
   watch.entry_begin = 0;
   store(value, watch);

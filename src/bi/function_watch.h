@@ -12,6 +12,7 @@
 
 #include "bi/mora.h"
 #include "bi/plugin.h"
+#include "bi/scan_state.h"
 
 namespace ceilmeter {
 
@@ -33,25 +34,15 @@ struct return_watch {
 
 static_assert(offsetof(function_watch, code) == 0 && sizeof(function_watch) == 264 && sizeof(return_watch) == 24);
 
-// The place in a fragment where the scanner stands, as callbacks see it.
-struct scan_place {
-  thread_data* thread;
-  std::int32_t bb_id;
-  std::uint32_t fragment_type;
-  std::uint32_t** write;
-  std::uint32_t** limit;
-  bool* stop;
-};
-
 // At a block's start: the entry code, with pre_function, if the block is a watched function's first.
-void put_function_entry(const scan_place& place, const std::uint32_t* read_address);
+void put_function_entry(scan_state& state, const std::uint32_t* read_address);
 
 // Before an instruction: the return code, with post_function, if it is that of a watch's record. A post_function without
 // code takes the function's entry code out of this thread's fragments.
-void put_function_return(const scan_place& place, const std::uint32_t* read_address);
+void put_function_return(scan_state& state, const std::uint32_t* read_address);
 
-// Delivers one of the two function events at the place. Defined with the delivery of the other events of a scan.
-void deliver_function_event(const scan_place& place, mora_event event, std::uint64_t function);
+// Delivers one of the two function events at the scan's cursor. Defined with the delivery of the other events of a scan.
+void deliver_function_event(scan_state& state, mora_event event, std::uint64_t function);
 
 // After a flush: the entry code that the thread remembers is not that of its fragments any more.
 void forget_function_entries(thread_data* thread);

@@ -60,15 +60,14 @@ void tell_plugins_of_loaded_file(const char* path, int fd) {
   mora_deliver_event(&ctx);
 }
 
-void tell_plugins_of_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
-                           std::int32_t fd, std::uint64_t offset) {
+void tell_plugins_of_vm_op(const vm_op_event& what) {
   mora_context ctx = context_of(current_thread, MORA_VM_OP);
-  ctx.op = op;
-  ctx.addr = addr;
-  ctx.size = size;
-  ctx.mapping = {prot, flags};
-  ctx.fd = fd;
-  ctx.offset = offset;
+  ctx.op = what.op;
+  ctx.addr = what.addr;
+  ctx.size = what.size;
+  ctx.mapping = {what.prot, what.flags};
+  ctx.fd = what.fd;
+  ctx.offset = what.offset;
   mora_deliver_event(&ctx);
 }
 

@@ -7,6 +7,7 @@
 
 #include "bi/mora.h"
 #include "bi/plugin.h"
+#include "bi/scan_state.h"
 
 namespace ceilmeter {
 
@@ -21,12 +22,22 @@ bool is_event_bound(mora_event event);
 // Calls every plug-in that has a callback for the context's event, in order of their numbers. For events without code.
 void mora_deliver_event(mora_context* ctx);
 
+// A change of the application's memory, as MORA_VM_OP tells it.
+struct vm_op_event {
+  vm_op op;
+  std::uint64_t addr;
+  std::uint64_t size;
+  std::uint32_t prot;
+  std::uint32_t flags;
+  std::int32_t fd;  // -1: none.
+  std::uint64_t offset;
+};
+
 // What the functions below do if there are plug-ins.
 void tell_plugins(thread_data* thread, mora_event event);
 void tell_plugins_of_clone(thread_data* parent, thread_data* child);
 void tell_plugins_of_loaded_file(const char* path, int fd);
-void tell_plugins_of_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
-                           std::int32_t fd, std::uint64_t offset);
+void tell_plugins_of_vm_op(const vm_op_event& what);
 void tell_plugins_of_mapped_file(std::int32_t fd, std::uint64_t addr);
 bool ask_plugins_before_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* args, std::uint64_t* result);
 void ask_plugins_after_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* result);
@@ -57,9 +68,8 @@ inline void deliver_elf_load(const char* path, int fd) {
   if (engine.plugin_count != 0) tell_plugins_of_loaded_file(path, fd);
 }
 
-inline void deliver_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
-                          std::int32_t fd, std::uint64_t offset, std::uint64_t /*old_addr*/, std::uint64_t /*old_size*/) {
-  if (engine.plugin_count != 0) tell_plugins_of_vm_op(op, addr, size, prot, flags, fd, offset);
+inline void deliver_vm_op(const vm_op_event& what) {
+  if (engine.plugin_count != 0) tell_plugins_of_vm_op(what);
 }
 
 // An executable mapping of the file `fd` begins at `addr`: the file's function symbols are read. What they lead to, events
@@ -80,18 +90,28 @@ inline void deliver_post_syscall(thread_data* thread, std::uint64_t number, std:
   if (engine.plugin_count != 0) ask_plugins_after_syscall(thread, number, result);
 }
 
-// Delivered while a fragment is translated, the function events of its block and its watches' code included. True if a
-// plug-in has taken the instruction over; `*stop` ends the fragment. Without `allow_code` what plug-ins write is dropped.
-bool scan_for_plugins(thread_data* thread, mora_event event, const std::uint32_t** read_address, std::int32_t inst,
-                      std::uint32_t** write, std::uint32_t** limit, std::int32_t bb_id, std::uint32_t fragment_type,
-                      bool allow_code, bool* stop, const std::uint32_t* end_address);
+// One of the code events of a fragment under translation.
+struct scan_event {
+  mora_event event;
+  std::int32_t inst;                 // Of the instruction enumeration, or MORA_NO_INST.
+  bool allow_code;                   // Otherwise what plug-ins write is dropped.
+  const std::uint32_t* end_address;  // Of MORA_POST_BB: the address past the last instruction.
+};
 
-inline bool a64_scanner_deliver_callbacks(thread_data* thread, mora_event event, const std::uint32_t** read_address,
-                                          std::int32_t inst, std::uint32_t** write, std::uint32_t** limit,
-                                          std::int32_t bb_id, std::uint32_t fragment_type, bool allow_code, bool* stop,
-                                          const std::uint32_t* end_address) {
-  return engine.plugin_count != 0 && scan_for_plugins(thread, event, read_address, inst, write, limit, bb_id,
-                                                      fragment_type, allow_code, stop, end_address);
+// What deliver_scan_event does if there are plug-ins.
+bool scan_for_plugins(scan_state& state, const scan_event& what);
+
+// Tells plug-ins of the event and puts their code at the scan's cursor, the function events of the block and the code of
+// its watches included. MORA_PRE_BB concerns state.bb_start, every other event state.read. True if a plug-in has taken the
+// instruction over; a plug-in may also end the fragment (state.stop).
+inline bool deliver_scan_event(scan_state& state, const scan_event& what) {
+  return engine.plugin_count != 0 && scan_for_plugins(state, what);
 }
+
+// The same with each part of the state by itself, for callers that have no scan_state.
+bool a64_scanner_deliver_callbacks(thread_data* thread, mora_event event, const std::uint32_t** read_address,
+                                   std::int32_t inst, std::uint32_t** write, std::uint32_t** limit, std::int32_t bb_id,
+                                   std::uint32_t fragment_type, bool allow_code, bool* stop,
+                                   const std::uint32_t* end_address);
 
 }  // namespace ceilmeter

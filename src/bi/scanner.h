@@ -8,15 +8,9 @@
 
 #include <cstdint>
 
-#include "bi/mora.h"
+#include "bi/scan_state.h"
 
 namespace ceilmeter {
-
-enum fragment_type : std::uint32_t {
-  FRAGMENT_BLOCK = 0,       // A basic block.
-  FRAGMENT_TRACE = 1,       // A fragment of a trace after the first: reached by falling through, it has no entry word.
-  FRAGMENT_TRACE_HEAD = 2,  // The first fragment of a trace.
-};
 
 // Bytes that are kept free after every instruction for the largest exit, and before a register branch for its lookup.
 inline constexpr std::uint32_t EXIT_SPACE = 60;
@@ -33,10 +27,22 @@ inline constexpr std::uint32_t TRACE_FRAGMENT_SPACE = 0x600;
 static_assert(TRACE_FRAGMENT_SPACE < CODE_CACHE_SIZE - TRACE_HIGH_WATER);
 static_assert(TRACE_END_SPACE + AUTHENTICATED_BRANCH_SPACE + 512 < TRACE_FRAGMENT_SPACE);
 
+// The block's place in the code cache.
+inline std::uint32_t* block_words(const thread_data* thread, std::int32_t bb_id) {
+  return reinterpret_cast<std::uint32_t*>(thread->code_cache + std::size_t{BB_SIZE} * static_cast<std::size_t>(bb_id));
+}
+
 // Fills the fragment `bb_id` with the rewritten code from `read_address` on, at `write`, or at the block's own place if
-// that is null. Returns the code's length in bytes plus 4.
-std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, std::int32_t bb_id, fragment_type type,
-                       std::uint32_t* write);
+// that is null. Returns the code's length in bytes, from the fragment's start to the last word written. A block that was
+// continued elsewhere has its last word there.
+std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_address, std::int32_t bb_id,
+                            fragment_type type, std::uint32_t* write);
+
+// The same with 4 added to the length, as this call has always returned it.
+inline std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_address, std::int32_t bb_id,
+                              fragment_type type, std::uint32_t* write) {
+  return scan_fragment(thread, read_address, bb_id, type, write) + 4;
+}
 
 // How many words of source code the fragment at `read_address` takes in.
 std::uint64_t count_source_words(const std::uint32_t* read_address);

@@ -81,12 +81,11 @@ void forget_code(std::uint64_t start, std::uint64_t end) {
   if (was_mapped || was_protected || dropped) flush_code_cache(current_thread);
 }
 
-// Whether this thread has rewritten anything of the range since its last flush. A block's record has its start only, so one
-// that begins a little before the range counts as well.
+// Whether this thread has rewritten anything of the range since its last flush.
 bool has_rewritten(const thread_data* thread, std::uint64_t start, std::uint64_t end) {
-  constexpr std::uint64_t longest_block = 0x10000;
-  const std::uint64_t first = start > longest_block ? start - longest_block : 1;
-  const auto is_within = [=](const bb_meta& meta) { return meta.source_addr >= first && meta.source_addr < end; };
+  const auto is_within = [=](const bb_meta& meta) {
+    return meta.source_addr < end && meta.source_addr + std::uint64_t{4} * meta.source_words > start;
+  };
   return std::any_of(thread->metas, thread->metas + thread->next_block, is_within) ||
          std::any_of(thread->metas + BB_COUNT, thread->metas + std::max(BB_COUNT, thread->active_trace.id), is_within);
 }
@@ -143,8 +142,8 @@ std::int64_t segment_size(int id, std::uint64_t* size) {
 }  // namespace
 
 void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
-                  std::int32_t fd, std::uint64_t offset, std::uint64_t old_addr, std::uint64_t old_size) {
-  deliver_vm_op(op, addr, size, prot, flags, fd, offset, old_addr, old_size);
+                  std::int32_t fd, std::uint64_t offset, std::uint64_t old_addr, std::uint64_t /*old_size*/) {
+  deliver_vm_op({op, addr, size, prot, flags, fd, offset});
   const std::uint64_t end = addr + size;
   const bool executable = (prot & PROT_EXEC) != 0;
   switch (op) {

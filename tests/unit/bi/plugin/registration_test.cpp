@@ -28,7 +28,7 @@ TEST_F(plugin_registration_test, an_event_reaches_ten_plugins_when_an_eleventh_w
       mora_on_vm_op(plugin, [](mora_context*) { return ++calls; });
     }
   }
-  deliver_vm_op(VM_MAP, 0, 0, 0, 0, -1, 0, 0, 0);
+  deliver_vm_op({VM_MAP, 0, 0, 0, 0, -1, 0});
   EXPECT_EQ(calls, 10);
 }
 

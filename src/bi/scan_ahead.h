@@ -1,0 +1,33 @@
+// What the scanner finds out about source words before it rewrites them: whether they can be read, and where a fragment
+// ends.
+#pragma once
+
+#include <cstdint>
+
+namespace ceilmeter {
+
+// Where the fragment at an address ends: at its branch, or before a word that cannot be part of it.
+struct fragment_end {
+  const std::uint32_t* word;
+  bool is_direct_branch;  // The fragment can become the head of a trace.
+};
+
+// SVC does not end a fragment.
+fragment_end find_end(const std::uint32_t* read);
+
+// Whether the word can be read.
+bool is_readable(const std::uint32_t* word);
+
+// Whether a page begins with this word and cannot be read. A block may run past the end of its mapping, for instance
+// behind an SVC that does not return. The application never executes the word there.
+bool begins_unreadable_page(const std::uint32_t* word);
+
+// A branch to a signed address (BRAA, RETAA and the like), which is in no class of the decoder.
+bool is_authenticated_branch(std::uint32_t word);
+
+// Whether a block must begin with this word, so that the block before it ends: a word that neither the decoder nor
+// is_authenticated_branch knows, or the literal load whose rewriting is fatal. Behind a system call that does not return
+// anything may stand, data included; such a word is fatal only if it is executed.
+bool begins_its_own_block(const std::uint32_t* word);
+
+}  // namespace ceilmeter

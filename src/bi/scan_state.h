@@ -1,0 +1,28 @@
+// The state of one scan: where it reads, where it writes, and whose it is. The scanner's rules, the delivery of its events
+// to plug-ins and the function watches all work on this record.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/mora.h"
+
+namespace ceilmeter {
+
+enum fragment_type : std::uint32_t {
+  FRAGMENT_BLOCK = 0,       // A basic block.
+  FRAGMENT_TRACE = 1,       // A fragment of a trace after the first: reached by falling through, it has no entry word.
+  FRAGMENT_TRACE_HEAD = 2,  // The first fragment of a trace.
+};
+
+struct scan_state {
+  thread_data* thread;
+  std::int32_t bb_id;
+  fragment_type type;
+  const std::uint32_t* read;      // The source word being read.
+  const std::uint32_t* bb_start;  // Start of the block as callbacks know it; moves past each SVC.
+  std::uint32_t* write;           // The next cache word to write.
+  std::uint32_t* limit;           // End of the block being written, or of the code cache for a trace.
+  bool stop;                      // The fragment has ended. Plug-ins may set it.
+};
+
+}  // namespace ceilmeter
