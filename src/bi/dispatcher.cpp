@@ -2,18 +2,22 @@
 // entry plus 4: an arrival through a stub finds the application's x0 and x1 on the stack and enters at the entry word,
 // which pops them; an arrival through a link has never pushed them.
 //
-// After a first link a conditional exit reads: word 0, a branch that skips word 1 when the condition sends execution to
-// the other side; word 1, the link; word 2, either the second link or still the push of the exit stub.
+//   conditional exit after its first link            exit of a CB<cc>, which is not inverted
+//   word 0   branch over word 1 to the other side    cb<cc> word 2
+//   word 1   the first link                          b  fall-through side, or word 3 while that has no link
+//   word 2   the second link, or still the push      b  taken side, or nop while that has no link
+//   word 3   the rest of the exit stub               the push, and the rest of the exit stub
 //
-// Only the thread's own code is patched, by the thread itself, outside the code that it patches. The instruction cache is
-// cleared over just the words written before the thread goes back into the cache: the clearing ends with the barriers
-// and the context synchronisation that make the new words those that are fetched, and no other thread executes them.
+// A thread patches its own code only, and does so in the engine, outside the code that it patches. The instruction cache
+// is cleared over the words written before the thread goes back into the cache. The clearing ends with the barriers and the
+// context synchronisation that make the new words those that are fetched, and no other thread executes them.
 #include "bi/dispatcher.h"
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code_words.h"
 #include "bi/code_writer.h"
+#include "bi/exit_branch.h"
 #include "bi/stubs.h"
 #include "bi/traces.h"
 #include "common/log.h"
@@ -32,18 +36,40 @@ void link_direct_exit(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
 
 void link_second_side(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
   std::uint32_t* place = meta.exit_code_addr + 2;
+  // The exit of a CB<cc> has a fixed place for each side.
+  if (meta.exit_kind == EXIT_COMPARE && (meta.link_state & LINK_TAKEN_FIRST) != 0) place = meta.exit_code_addr + 1;
   meta.link_state |= LINK_BOTH;
   a64_branch_and_link(thread, place, entry);
   clear_instruction_cache(place, place + 1);
 }
 
+// `other` is the entry of the other side's fragment, or HASH_MISS: that side then goes on to the exit stub.
+void link_first_side_of_compare(thread_data* thread, bb_meta& meta, bool taken, std::uint64_t entry, std::uint64_t other) {
+  std::uint32_t* exit = meta.exit_code_addr;
+  encode_exit_branch(exit, unpack_exit_branch(meta), address_of(exit + 2));
+  std::uint32_t* const place = taken ? exit + 2 : exit + 1;
+  std::uint32_t* const other_place = taken ? exit + 1 : exit + 2;
+  a64_branch_and_link(thread, place, entry);
+  if (other != HASH_MISS) {
+    a64_branch_and_link(thread, other_place, other + ENTRY_WORD_SIZE);
+    meta.link_state |= LINK_BOTH;
+  } else if (taken) {
+    a64_branch(other_place, address_of(exit + 3));
+  }
+  clear_instruction_cache(exit, exit + 3);
+}
+
 void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
   const bool taken = target == meta.taken_source_addr;
   const std::uint64_t other = hash_lookup_entry(thread, taken ? meta.skipped_source_addr : meta.taken_source_addr);
+  meta.link_state = taken ? LINK_TAKEN_FIRST : LINK_SKIPPED_FIRST;
+  if (meta.exit_kind == EXIT_COMPARE) {
+    link_first_side_of_compare(thread, meta, taken, entry, other);
+    return;
+  }
   const auto condition = static_cast<std::uint32_t>(meta.exit_condition);
   std::uint32_t* write = meta.exit_code_addr;
   insert_cond_exit_branch(meta, &write, taken ? condition ^ 1 : condition);
-  meta.link_state = taken ? LINK_TAKEN_FIRST : LINK_SKIPPED_FIRST;
   a64_branch_and_link(thread, write++, entry);
   if (other != HASH_MISS) {
     a64_branch_and_link(thread, write++, other + ENTRY_WORD_SIZE);
@@ -122,6 +148,7 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
     case EXIT_B_COND:
     case EXIT_CBZ:
     case EXIT_TBZ:
+    case EXIT_COMPARE:
       if (meta.link_state != LINK_NONE) {
         link_second_side(thread, meta, entry);
       } else {
@@ -146,17 +173,11 @@ void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t
 }
 
 void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::uint32_t condition) {
-  std::uint32_t* from = *write;
-  const std::uint64_t to = reinterpret_cast<std::uint64_t>(from) + 8;
-  const std::uint32_t reg = meta.rn & 0x1f;
-  const std::uint32_t size_or_bit = meta.rn >> 5;
-  switch (meta.exit_kind) {
-    case EXIT_DIRECT: return;
-    case EXIT_B_COND: a64_b_cond_to(from, to, condition); break;
-    case EXIT_CBZ: a64_cbz_to(from, condition, to, size_or_bit, reg); break;
-    case EXIT_TBZ: a64_tbz_to(from, condition, to, reg, size_or_bit); break;
-    default: log(LEVEL_FATAL, "insert_cond_exit_branch(): unknown branch type"); return;
-  }
+  if (meta.exit_kind == EXIT_DIRECT) return;
+  if (!is_conditional_exit(meta.exit_kind)) log(LEVEL_FATAL, "insert_cond_exit_branch(): unknown branch type");
+  exit_branch branch = unpack_exit_branch(meta);
+  branch.condition = condition;
+  encode_exit_branch(*write, branch, address_of(*write + 2));
   ++*write;
 }
 

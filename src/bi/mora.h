@@ -54,14 +54,17 @@ enum bb_exit_kind : std::uint32_t {
   EXIT_CBZ = 6,         // CBZ, CBNZ.
   EXIT_TBZ = 7,         // TBZ, TBNZ.
   EXIT_TRACE = 8,       // The trampoline of a trace's exit.
+  EXIT_COMPARE = 9,     // CB<cc>, CBB<cc>, CBH<cc>.
 };
 
-// Values of bb_meta::link_state. A first link is 1 or 2; the second side ORs 4 in.
+// Values of bb_meta::link_state. A first link is 1 or 2. The value 4 is ORed in, and means one thing for a block and another
+// one for a fragment of a trace.
 enum bb_link_state : std::uint32_t {
   LINK_NONE = 0,
-  LINK_SKIPPED_FIRST = 1,
-  LINK_TAKEN_FIRST = 2,  // Always for an unconditional exit.
-  LINK_BOTH = 4,
+  LINK_SKIPPED_FIRST = 1,    // Of a trace's fragment: the path goes on at the fall-through side.
+  LINK_TAKEN_FIRST = 2,      // Always for an unconditional exit. Of a trace's fragment: the path takes the branch.
+  LINK_BOTH = 4,             // A block: the second side is linked, too.
+  LINK_CLOSES_TRACE = 4,     // A trace's fragment: the last one. Behind its exit stands the branch that closes the trace.
 };
 
 // The place of a branch word that was patched to reach a fragment. A record of the thread's link pool.
@@ -76,11 +79,14 @@ struct bb_meta {
   std::uint32_t exit_kind;       // A bb_exit_kind.
   std::int32_t parent_block;     // The block that this one continues; 0: none.
   std::uint32_t* exit_code_addr; // First word of the exit code.
-  std::uint64_t taken_source_addr;    // Taken side of the exit; of a trampoline, where it rejoins.
+  union {
+    std::uint64_t taken_source_addr;   // Taken side of the exit.
+    std::uint64_t rejoin_cache_addr;   // EXIT_TRACE: the cache address that the trampoline goes on at.
+  };
   std::uint64_t skipped_source_addr;  // Fall-through side.
-  std::uint64_t exit_condition;  // Condition of B.cond; the sense bit of the others: 0 CBZ, TBZ; 1 CBNZ, TBNZ.
+  std::uint64_t exit_condition;  // Of a conditional exit, with rn: see pack_exit_branch.
   std::uint32_t link_state;      // Of bb_link_state.
-  std::uint32_t rn;              // Register of the exit. EXIT_CBZ: the size bit at bit 5. EXIT_TBZ: the bit number from bit 5.
+  std::uint32_t rn;              // EXIT_REGISTER: the register that holds the target. A conditional exit: see exit_condition.
   std::int32_t trampoline;       // Of a trace fragment: the index of its exit's trampoline.
   cc_link* linked_from;          // Places that branch straight to this fragment.
   std::uint32_t overwritten_exit[OVERWRITTEN_EXIT_WORDS];  // What a trap has overwritten.

@@ -5,6 +5,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/exit_branch.h"
 #include "bi/scanner.h"
 #include "bi/stubs.h"
 
@@ -28,14 +29,19 @@ bool begins_unreadable_page(const std::uint32_t* word) {
   return address_of(word) % smallest_page == 0 && !is_readable(word);
 }
 
-bool is_authenticated_branch(std::uint32_t word) {
+bool is_compare_and_branch(std::uint32_t word) {
+  exit_branch branch{};
+  return decode_exit_branch(word, &branch) && branch.kind == EXIT_COMPARE;
+}
+
+bool is_branch_without_class(std::uint32_t word) {
   a64_authenticated_branch branch{};
-  return a64_authenticated_branch_decode(word, &branch);
+  return a64_authenticated_branch_decode(word, &branch) || is_compare_and_branch(word);
 }
 
 bool begins_its_own_block(const std::uint32_t* word) {
   const int inst = a64_decode(word);
-  if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED && !is_authenticated_branch(*word);
+  if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED && !is_branch_without_class(*word);
   std::uint32_t opc = 0;
   std::uint32_t is_vector = 0;
   std::uint32_t imm19 = 0;
@@ -54,8 +60,9 @@ fragment_end find_end(const std::uint32_t* read) {
       case A64_B: return {read, true};
       case A64_BR:
       case A64_BLR:
-      case A64_RET:
-      case A64_NOT_RECOGNISED: return {read, false};  // A branch to a signed address: other such words begin their block.
+      case A64_RET: return {read, false};
+      case A64_NOT_RECOGNISED:  // A branch without a class: other words of none begin their own block.
+        return {read, is_compare_and_branch(*read)};
       default: break;
     }
   }

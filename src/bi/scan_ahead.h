@@ -22,11 +22,15 @@ bool is_readable(const std::uint32_t* word);
 // behind an SVC that does not return. The application never executes the word there.
 bool begins_unreadable_page(const std::uint32_t* word);
 
-// A branch to a signed address (BRAA, RETAA and the like), which is in no class of the decoder.
-bool is_authenticated_branch(std::uint32_t word);
+// A branch that compares a register and is in no class of the decoder (CB<cc> and its kin).
+bool is_compare_and_branch(std::uint32_t word);
+
+// A branch that is in no class of the decoder and ends a fragment all the same: the ones above, and branches to signed
+// addresses (BRAA, RETAA and the like).
+bool is_branch_without_class(std::uint32_t word);
 
 // Whether a block must begin with this word, so that the block before it ends: a word that neither the decoder nor
-// is_authenticated_branch knows, or the literal load whose rewriting is fatal. Behind a system call that does not return
+// is_branch_without_class knows, or the literal load whose rewriting is fatal. Behind a system call that does not return
 // anything may stand, data included; such a word is fatal only if it is executed.
 bool begins_its_own_block(const std::uint32_t* word);
 

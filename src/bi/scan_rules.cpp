@@ -137,7 +137,7 @@ void copy_unknown(scan_state& state) {
   // not mind. The words behind the first are copied here and have no events of their own.
   for (int left = following_words(*state.read); left > 0; --left) {
     const std::uint32_t* next = state.read + 1;
-    if (begins_unreadable_page(next) || a64_decode(next) != A64_NOT_RECOGNISED || is_authenticated_branch(*next)) break;
+    if (begins_unreadable_page(next) || a64_decode(next) != A64_NOT_RECOGNISED || is_branch_without_class(*next)) break;
     code.word(*++state.read);
   }
 }

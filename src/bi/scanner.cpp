@@ -6,6 +6,7 @@
 #include "bi/code_words.h"
 #include "bi/code_writer.h"
 #include "bi/dispatcher.h"
+#include "bi/exit_branch.h"
 #include "bi/plugin_delivery.h"
 #include "bi/scan_ahead.h"
 #include "bi/scan_rules.h"
@@ -62,70 +63,70 @@ void rewrite_direct_branch(scan_state& state) {
   put_direct_exit(state, branch_target(state.read, imm26, 26));
 }
 
+// The parts that the exits of conditional branches have in common: the branch's words are tested before x0 and x1 are loaded,
+// and so see the application's value of any register.
+void begin_conditional_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
+  begin_exit(state, static_cast<bb_exit_kind>(branch.kind), target, address_of(state.read) + 4);
+  pack_exit_branch(branch, &meta_of(state));
+}
+
 void a64_branch_jump_cond(scan_state& state, std::uint64_t target, std::uint32_t cond) {
   log(LEVEL_TRACE, "A64 branch: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
-  const std::uint64_t skipped = address_of(state.read) + 4;
-  begin_exit(state, EXIT_B_COND, target, skipped);
-  meta_of(state).exit_condition = cond;
+  exit_branch branch = {.kind = EXIT_B_COND, .condition = cond};
+  begin_conditional_exit(state, branch, target);
   put_two_reserved_words(state);
   a64_push_x0_x1(&state.write);
   a64_load_const(&state.write, 1, static_cast<std::uint64_t>(state.bb_id));
   std::uint32_t* decision = state.write++;
   a64_load_const(&state.write, 0, target);
   exit_to_dispatcher(state);
-  a64_b_cond_to(decision, address_of(state.write), cond ^ 1);
-  a64_load_const(&state.write, 0, skipped);
+  invert_exit_branch(&branch);
+  encode_exit_branch(decision, branch, address_of(state.write));
+  a64_load_const(&state.write, 0, meta_of(state).skipped_source_addr);
   exit_to_dispatcher(state);
 }
 
-void rewrite_conditional_branch(scan_state& state) {
-  std::uint32_t imm19 = 0;
-  std::uint32_t cond = 0;
-  a64_b_cond_decode(state.read, &imm19, &cond);
-  const std::uint64_t target = branch_target(state.read, imm19, 19);
-  if (cond >= CONDITION_ALWAYS) {
-    // AL, and NV, which branches always too: neither has an inverse. The branch has one side.
-    put_direct_exit(state, target);
-    return;
-  }
-  a64_branch_jump_cond(state, target, cond);
-  state.stop = true;
-}
-
-// CBZ, CBNZ, TBZ, TBNZ. The test stands before x0 and x1 are loaded and so sees the application's value of any register.
-void a64_branch_imm_reg(scan_state& state, int inst) {
-  std::uint32_t sense = 0;
-  std::uint32_t reg = 0;
-  std::uint32_t size_or_bit = 0;
-  std::uint64_t target = 0;
-  if (inst == A64_CBZ) {
-    std::uint32_t imm19 = 0;
-    a64_cbz_decode(state.read, &size_or_bit, &sense, &imm19, &reg);
-    target = branch_target(state.read, imm19, 19);
-  } else {
-    std::uint32_t b5 = 0;
-    std::uint32_t b40 = 0;
-    std::uint32_t imm14 = 0;
-    a64_tbz_decode(state.read, &b5, &sense, &b40, &imm14, &reg);
-    size_or_bit = b5 << 5 | b40;
-    target = branch_target(state.read, imm14, 14);
-  }
+// CBZ, CBNZ, TBZ, TBNZ.
+void a64_branch_imm_reg(scan_state& state, exit_branch branch, std::uint64_t target) {
   log(LEVEL_TRACE, "A64 [c/t](n)bz: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
-  const std::uint64_t skipped = address_of(state.read) + 4;
-  begin_exit(state, inst == A64_CBZ ? EXIT_CBZ : EXIT_TBZ, target, skipped);
-  meta_of(state).exit_condition = sense;
-  meta_of(state).rn = reg | size_or_bit << 5;
-
+  begin_conditional_exit(state, branch, target);
   put_two_reserved_words(state);
   a64_push_x0_x1(&state.write);
   std::uint32_t* decision = state.write++;
   a64_branch_jump(state.thread, &state.write, target, state.bb_id);
-  if (inst == A64_CBZ) {
-    a64_cbz_to(decision, sense ^ 1, address_of(state.write), size_or_bit, reg);
-  } else {
-    a64_tbz_to(decision, sense ^ 1, address_of(state.write), reg, size_or_bit);
+  invert_exit_branch(&branch);
+  encode_exit_branch(decision, branch, address_of(state.write));
+  a64_branch_jump(state.thread, &state.write, meta_of(state).skipped_source_addr, state.bb_id);
+}
+
+// CB<cc>, which is not inverted: the branch keeps its sense, and the fall-through side comes first. Three reserved words.
+void put_compare_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
+  log(LEVEL_TRACE, "A64 cb<cc>: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+  a64_reserve_block_space(state.thread, &state.write, &state.limit, COMPARE_EXIT_SPACE);
+  begin_conditional_exit(state, branch, target);
+  put_two_reserved_words(state);
+  code_writer{state.write}.nop();
+  a64_push_x0_x1(&state.write);
+  std::uint32_t* decision = state.write++;
+  a64_branch_jump(state.thread, &state.write, meta_of(state).skipped_source_addr, state.bb_id);
+  encode_exit_branch(decision, branch, address_of(state.write));
+  a64_branch_jump(state.thread, &state.write, target, state.bb_id);
+}
+
+void rewrite_conditional_branch(scan_state& state) {
+  exit_branch branch{};
+  decode_exit_branch(*state.read, &branch);
+  const std::uint64_t target = branch_destination(*state.read, state.read);
+  if (branch.kind == EXIT_B_COND && !is_invertible(branch)) {
+    // AL, and NV, which is always taken as well: the branch has one side.
+    put_direct_exit(state, target);
+    return;
   }
-  a64_branch_jump(state.thread, &state.write, skipped, state.bb_id);
+  switch (branch.kind) {
+    case EXIT_B_COND: a64_branch_jump_cond(state, target, branch.condition); break;
+    case EXIT_COMPARE: put_compare_exit(state, branch, target); break;
+    default: a64_branch_imm_reg(state, branch, target); break;
+  }
   state.stop = true;
 }
 
@@ -163,6 +164,8 @@ void leave_to_its_own_block(scan_state& state) {
 void rewrite_unknown(scan_state& state) {
   if (a64_authenticated_branch branch{}; a64_authenticated_branch_decode(*state.read, &branch)) {
     rewrite_authenticated_branch(state, branch);
+  } else if (is_compare_and_branch(*state.read)) {
+    rewrite_conditional_branch(state);
   } else {
     copy_unknown(state);
   }
@@ -171,7 +174,7 @@ void rewrite_unknown(scan_state& state) {
 void rewrite(scan_state& state, int inst) {
   switch (inst) {
     case A64_CBZ:
-    case A64_TBZ: a64_branch_imm_reg(state, inst); break;
+    case A64_TBZ:
     case A64_B_COND: rewrite_conditional_branch(state); break;
     case A64_SVC: rewrite_svc(state); break;
     case A64_MRS_MSR: rewrite_system_register(state); break;

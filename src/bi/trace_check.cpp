@@ -1,12 +1,12 @@
-// The checker reads what is written in the cache and compares it with the records and the table: none of the code that
-// wrote it is asked again. What a fragment or a link leads to is taken from the words.
+// The checker reads the words in the cache and compares them with the records and the table. It takes from the words where a
+// fragment or a link leads, and uses none of the code that has written them but the decoding of branches.
 #include "bi/trace_check.h"
 
 #include "bi/a64/a64.h"
 #include "bi/code_words.h"
+#include "bi/exit_branch.h"
+#include "bi/exit_trap.h"
 #include "bi/scanner.h"
-#include "bi/signals.h"
-#include "bi/trace_install.h"
 #include "bi/traces.h"
 #include "common/log.h"
 
@@ -25,12 +25,10 @@ void demand(bool holds, const char* what, std::uint64_t where, std::uint64_t val
   if (!holds) log(LEVEL_FATAL, "the cache is not what it should be: %s, at 0x%lx, 0x%lx", what, where, value);
 }
 
-// A word of an exit, with the trap that may stand in its place thought away.
+// A word of an exit; under a trap, the word that the trap has replaced.
 std::uint32_t exit_word(thread_data* thread, const std::uint32_t* place) {
   return *untrapped_word(thread, const_cast<std::uint32_t*>(place));
 }
-
-bool is_conditional_kind(std::uint32_t kind) { return kind == EXIT_B_COND || kind == EXIT_CBZ || kind == EXIT_TBZ; }
 
 bool is_noted(const bb_meta& block, std::uint64_t from) {
   for (const cc_link* link = block.linked_from; link != nullptr; link = link->next) {
@@ -44,7 +42,7 @@ std::uint64_t entry_of(const thread_data* thread, std::uint64_t source) {
   return hash_lookup_entry(thread, source) + ENTRY_WORD_SIZE;
 }
 
-// The branch at `from` to `to` stands for the application's way to `source`.
+// Checks that the branch from `from` to `to` leads to the fragment of `source`.
 void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, std::uint64_t source) {
   std::uint64_t arrives = to;
   if (is_in_traces(thread, to)) {
@@ -56,8 +54,8 @@ void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, 
       const std::uint32_t* last = tramp.exit_code_addr;
       const auto copied = static_cast<std::uint64_t>(last - words_at(to));
       demand(copied <= 2 && a64_decode(last) == A64_B, "a trampoline does not end in a branch", from, to);
-      const std::uint64_t rejoins = branch_destination(*last, A64_B, last);
-      demand(rejoins == tramp.taken_source_addr, "a trampoline leads elsewhere than its record says", to, rejoins);
+      const std::uint64_t rejoins = branch_destination(*last, last);
+      demand(rejoins == tramp.rejoin_cache_addr, "a trampoline leads elsewhere than its record says", to, rejoins);
       const std::uint32_t* original = words_at(rejoins) - copied;
       bool same = true;
       for (std::uint64_t word = 0; word < copied; ++word) same = same && words_at(to)[word] == original[word];
@@ -81,36 +79,42 @@ void check_inner_branches(const thread_data* thread, const bb_meta& fragment, co
   const std::uint64_t stubs = address_of(thread->code_cache);
   const std::uint64_t stubs_end = stubs + static_cast<std::uint64_t>(stub_block_count()) * BB_SIZE;
   for (const std::uint32_t* word = words_at(fragment.cache_entry); word < end; ++word) {
-    const int inst = a64_decode(word);
-    if (inst != A64_B && inst != A64_B_COND && inst != A64_CBZ && inst != A64_TBZ) continue;
-    const std::uint64_t to = branch_destination(*word, inst, word);
-    const bool to_stub = inst == A64_B && to >= stubs && to < stubs_end;
+    if (find_branch_offset(*word).width == 0) continue;
+    const std::uint64_t to = branch_destination(*word, word);
+    const bool to_stub = a64_decode(word) == A64_B && to >= stubs && to < stubs_end;
     const bool inside = to >= fragment.cache_entry && to <= address_of(end);
     demand(to_stub || inside, "a branch leads out of its fragment", address_of(word), to);
   }
 }
 
-// The branch that leaves a trace has the sense that keeps the application on its path.
-void check_sense(const bb_meta& fragment, std::uint32_t word, int inst, bool follows_taken) {
-  std::uint32_t field = 0;
-  std::uint32_t sense = 0;
-  std::uint32_t reg = 0;
-  std::uint32_t size_or_bit = 0;
-  std::uint32_t b5 = 0;
-  switch (inst) {
-    case A64_B_COND: a64_b_cond_decode(&word, &field, &sense); break;
-    case A64_CBZ: a64_cbz_decode(&word, &size_or_bit, &sense, &field, &reg); break;
-    default:
-      a64_tbz_decode(&word, &b5, &sense, &size_or_bit, &field, &reg);
-      size_or_bit |= b5 << 5;
-      break;
-  }
-  const std::uint32_t kind = fragment.exit_kind;
-  const int expected = kind == EXIT_B_COND ? A64_B_COND : kind == EXIT_CBZ ? A64_CBZ : A64_TBZ;
+// The first word of a linked conditional exit tests what the application's branch tests, inverted if `inverted`.
+void check_branch(const bb_meta& fragment, std::uint32_t word, bool inverted) {
+  exit_branch expected = unpack_exit_branch(fragment);
+  if (inverted) invert_exit_branch(&expected);
+  exit_branch found{};
   const std::uint64_t where = address_of(fragment.exit_code_addr);
-  demand(inst == expected, "an exit is of another kind than its fragment", where, word);
-  demand(sense == (fragment.exit_condition ^ (follows_taken ? 1 : 0)), "an exit has the wrong sense", where, word);
-  if (inst != A64_B_COND) demand((reg | size_or_bit << 5) == fragment.rn, "an exit tests something else", where, word);
+  const bool same_kind = decode_exit_branch(word, &found) && found.kind == expected.kind;
+  demand(same_kind, "an exit is of another kind than its fragment", where, word);
+  demand(found.condition == expected.condition, "an exit has the wrong sense", where, word);
+  demand(found == expected, "an exit tests something else", where, word);
+}
+
+// The conditional exit of a trace's fragment. Returns the word behind it.
+const std::uint32_t* check_trace_exit(thread_data* thread, const bb_meta& fragment, bool follows_taken) {
+  const std::uint32_t* exit = fragment.exit_code_addr;
+  const std::uint32_t word = exit_word(thread, exit);
+  const std::uint64_t other = follows_taken ? fragment.skipped_source_addr : fragment.taken_source_addr;
+  if (!follows_taken || is_invertible(unpack_exit_branch(fragment))) {
+    check_branch(fragment, word, follows_taken);
+    check_way(thread, address_of(exit), branch_destination(word, exit), other);
+    return exit + 1;
+  }
+  check_branch(fragment, word, false);
+  demand(branch_destination(word, exit) == address_of(exit + 2), "an exit does not skip its way out", address_of(exit), word);
+  const std::uint32_t way_out = exit_word(thread, exit + 1);
+  demand(a64_decode(&way_out) == A64_B, "an exit has no way out", address_of(exit + 1), way_out);
+  check_way(thread, address_of(exit + 1), branch_destination(way_out, exit + 1), other);
+  return exit + 2;
 }
 
 // The end of a register branch: the miss's way to the dispatcher.
@@ -118,10 +122,48 @@ const std::uint32_t* end_of_register_branch(const thread_data* thread, const bb_
   const std::uint32_t* word = fragment.exit_code_addr;
   for (; word < fragment.exit_code_addr + AUTHENTICATED_BRANCH_SPACE / 4; ++word) {
     const bool is_branch = a64_decode(word) == A64_B;
-    if (is_branch && branch_destination(*word, A64_B, word) == thread->dispatcher_stub_addr) return word + 1;
+    if (is_branch && branch_destination(*word, word) == thread->dispatcher_stub_addr) return word + 1;
   }
   demand(false, "a register branch has no way to the dispatcher", address_of(fragment.exit_code_addr), 0);
   return word;
+}
+
+// The closing branch of a trace, or the fragment that follows, at `behind`.
+void check_path(thread_data* thread, std::int32_t id, const std::uint32_t* behind, std::uint64_t path) {
+  const bb_meta& fragment = thread->metas[id];
+  if ((fragment.link_state & LINK_CLOSES_TRACE) != 0) {
+    const std::uint32_t word = exit_word(thread, behind);
+    demand(a64_decode(&word) == A64_B, "a trace has no closing branch", address_of(behind), word);
+    check_way(thread, address_of(behind), branch_destination(word, behind), path);
+    return;
+  }
+  const bb_meta& next = thread->metas[id + 1];
+  demand(next.cache_entry == address_of(behind), "a fragment does not follow the one before", next.cache_entry,
+         address_of(fragment.exit_code_addr));
+  demand(next.source_addr == path, "a trace does not follow the application's path", next.cache_entry, path);
+}
+
+// One fragment of a trace. Whether it is the trace's last one.
+bool check_trace_fragment(thread_data* thread, std::int32_t id) {
+  const bb_meta& fragment = thread->metas[id];
+  const std::uint32_t* exit = fragment.exit_code_addr;
+  const std::uint64_t where = address_of(exit);
+  demand(where >= fragment.cache_entry && is_in_traces(thread, where), "a fragment's exit lies outside", where, 0);
+  if (fragment.exit_kind == EXIT_REGISTER) {
+    check_inner_branches(thread, fragment, end_of_register_branch(thread, fragment));
+    return true;
+  }
+  check_inner_branches(thread, fragment, exit);
+  const bool follows_taken = (fragment.link_state & LINK_TAKEN_FIRST) != 0;
+  const std::uint64_t path = follows_taken ? fragment.taken_source_addr : fragment.skipped_source_addr;
+  if (is_conditional_exit(fragment.exit_kind)) {
+    check_path(thread, id, check_trace_exit(thread, fragment, follows_taken), path);
+  } else {
+    demand(fragment.exit_kind == EXIT_DIRECT && follows_taken, "a fragment of a trace does not go on", where,
+           fragment.exit_kind);
+    check_path(thread, id, exit, path);
+  }
+  return (fragment.link_state & LINK_CLOSES_TRACE) != 0;
 }
 
 // One trace, from its head on. Returns the first index behind it and its trampolines.
@@ -132,43 +174,9 @@ std::int32_t check_trace(thread_data* thread, std::int32_t first) {
          head.cache_entry, head.source_addr);
   std::int32_t id = first;
   for (bool last = false; !last; ++id) {
-    const bb_meta& fragment = thread->metas[id];
-    const bb_meta& next = thread->metas[id + 1];
-    const std::uint32_t* exit = fragment.exit_code_addr;
-    const std::uint64_t where = address_of(exit);
     const bool may_be = id < thread->trace_id && id - first < MAX_TRACE_FRAGMENTS;
-    demand(may_be, "a trace has no end", fragment.cache_entry, where);
-    demand(where >= fragment.cache_entry && is_in_traces(thread, where), "a fragment's exit lies outside", where, 0);
-    if (fragment.exit_kind == EXIT_REGISTER) {
-      check_inner_branches(thread, fragment, end_of_register_branch(thread, fragment));
-      last = true;
-      continue;
-    }
-    check_inner_branches(thread, fragment, exit);
-    const bool follows_taken = (fragment.link_state & LINK_TAKEN_FIRST) != 0;
-    const std::uint64_t path = follows_taken ? fragment.taken_source_addr : fragment.skipped_source_addr;
-    const std::uint32_t* behind = exit;
-    if (is_conditional_kind(fragment.exit_kind)) {
-      const std::uint32_t word = exit_word(thread, exit);
-      const int inst = a64_decode(&word);
-      check_sense(fragment, word, inst, follows_taken);
-      check_way(thread, where, branch_destination(word, inst, exit),
-                follows_taken ? fragment.skipped_source_addr : fragment.taken_source_addr);
-      ++behind;
-    } else {
-      demand(fragment.exit_kind == EXIT_DIRECT && follows_taken, "a fragment of a trace does not go on", where,
-             fragment.exit_kind);
-    }
-    last = (fragment.link_state & LINK_BOTH) != 0;
-    if (last) {
-      const std::uint32_t word = exit_word(thread, behind);
-      demand(a64_decode(&word) == A64_B, "a trace has no closing branch", address_of(behind), word);
-      check_way(thread, address_of(behind), branch_destination(word, A64_B, behind), path);
-    } else {
-      demand(next.cache_entry == address_of(behind), "a fragment does not follow the one before", next.cache_entry,
-             where);
-      demand(next.source_addr == path, "a trace does not follow the application's path", next.cache_entry, path);
-    }
+    demand(may_be, "a trace has no end", thread->metas[id].cache_entry, address_of(thread->metas[id].exit_code_addr));
+    last = check_trace_fragment(thread, id);
   }
   for (; id < thread->trace_id && thread->metas[id].exit_kind == EXIT_TRACE; ++id) {
     demand(thread->metas[id].cache_entry > thread->metas[id - 1].cache_entry, "trampolines are out of order",
@@ -180,34 +188,43 @@ std::int32_t check_trace(thread_data* thread, std::int32_t first) {
 void check_link(thread_data* thread, const std::uint32_t* place, std::uint64_t source) {
   const std::uint32_t word = exit_word(thread, place);
   demand(a64_decode(&word) == A64_B, "a link is no branch", address_of(place), word);
-  check_way(thread, address_of(place), branch_destination(word, A64_B, place), source);
+  check_way(thread, address_of(place), branch_destination(word, place), source);
+}
+
+// The linked exit of a block with a conditional branch.
+void check_linked_sides(thread_data* thread, const bb_meta& block) {
+  const std::uint32_t* exit = block.exit_code_addr;
+  const bool taken_first = (block.link_state & LINK_TAKEN_FIRST) != 0;
+  const bool both = (block.link_state & LINK_BOTH) != 0;
+  const std::uint32_t word = exit_word(thread, exit);
+  const bool has_fixed_sides = block.exit_kind == EXIT_COMPARE;
+  check_branch(block, word, taken_first && !has_fixed_sides);
+  demand(branch_destination(word, exit) == address_of(exit + 2), "a block's exit does not skip its link",
+         address_of(exit), word);
+  if (has_fixed_sides) {
+    if (both || taken_first) check_link(thread, exit + 2, block.taken_source_addr);
+    if (both || !taken_first) check_link(thread, exit + 1, block.skipped_source_addr);
+    return;
+  }
+  check_link(thread, exit + 1, taken_first ? block.taken_source_addr : block.skipped_source_addr);
+  if (both) check_link(thread, exit + 2, taken_first ? block.skipped_source_addr : block.taken_source_addr);
 }
 
 void check_block(thread_data* thread, std::int32_t id) {
   const bb_meta& block = thread->metas[id];
-  const bool direct = block.exit_kind == EXIT_DIRECT || is_conditional_kind(block.exit_kind);
-  if (!direct || block.parent_block != 0) return;
+  if (!is_direct_exit(block.exit_kind) || block.parent_block != 0) return;
   const std::uint64_t found = hash_lookup_entry(thread, block.source_addr);
   if (is_in_traces(thread, found)) {
     demand(words_at(block.cache_entry)[1] == HEAD_TRAP, "a replaced block has no trap", block.cache_entry, found);
     return;
   }
-  // A block that a flush came into the making of is not in the table, and its links are those of before.
+  // A flush during a block's scan leaves the block outside the table, and its links are those from before the flush.
   if (found != block.cache_entry || block.link_state == LINK_NONE) return;
-  const std::uint32_t* exit = block.exit_code_addr;
   if (block.exit_kind == EXIT_DIRECT) {
-    check_link(thread, exit, block.taken_source_addr);
+    check_link(thread, block.exit_code_addr, block.taken_source_addr);
     return;
   }
-  const bool taken_first = (block.link_state & LINK_TAKEN_FIRST) != 0;
-  const std::uint32_t word = exit_word(thread, exit);
-  const int inst = a64_decode(&word);
-  check_sense(block, word, inst, taken_first);
-  demand(branch_destination(word, inst, exit) == address_of(exit + 2), "a block's exit does not skip its link",
-         address_of(exit), word);
-  check_link(thread, exit + 1, taken_first ? block.taken_source_addr : block.skipped_source_addr);
-  if ((block.link_state & LINK_BOTH) == 0) return;
-  check_link(thread, exit + 2, taken_first ? block.skipped_source_addr : block.taken_source_addr);
+  check_linked_sides(thread, block);
 }
 
 void check_whole_cache(thread_data* thread) {
@@ -220,7 +237,7 @@ void check_whole_cache(thread_data* thread) {
 
 void check_trace_cache(thread_data* thread, std::int32_t first) {
   count_trace_event(trace_counts.checks);
-  // A large cache is looked through as a whole each time it has grown by an eighth, and otherwise where it has changed.
+  // A large cache is checked as a whole each time it has grown by an eighth, and otherwise where it has changed.
   const std::int32_t fragments = thread->trace_id - BB_COUNT;
   if (thread->traces_checked > fragments) thread->traces_checked = 0;  // Those were before a flush.
   const bool whole = trace_options.check == TRACE_CHECK_WHOLE || fragments <= ALWAYS_WHOLE ||

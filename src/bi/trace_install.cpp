@@ -1,6 +1,6 @@
 // The installation of a trace.
 //
-//   an exit of the trace, as built   b.!cond .        offset 0, into which the target's is ORed
+//   an exit of the trace, as built   b.!cond .        or the b of an exit that has one (see traces.cpp)
 //   installed                        b.!cond target   a trace's entry + 4, if it is in reach, else a trampoline
 //
 //   a trampoline, 16 bytes           word             up to two words of the target's code,
@@ -12,18 +12,19 @@
 //   the exit's reach                 b trace + 4
 //                                    nop
 //
-// An exit to a block always goes through a trampoline, however near the block: the exit's branch is noted in the
-// block's list, and whatever replaces the block may lie further than a conditional branch reaches, where a B gets to
-// any place.
+// An exit to a block always goes through a trampoline, however near the block is. The exit's branch is noted in the block's
+// list, and the trace that replaces the block later may be out of a conditional branch's reach. The B of a trampoline gets to
+// any place of the cache.
 //
-// What is cleared from the instruction cache is each word that was written; the thread then goes back into the cache.
+// Each word that was written is cleared from the instruction cache; the thread then goes back into the cache.
 #include "bi/trace_install.h"
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code_words.h"
+#include "bi/exit_branch.h"
+#include "bi/exit_trap.h"
 #include "bi/scanner.h"
-#include "bi/signals.h"
 #include "bi/trace_check.h"
 #include "bi/traces.h"
 #include "common/log.h"
@@ -39,24 +40,8 @@ constexpr int TRAMPOLINE_WORDS = 4;
 constexpr int COPIED_WORDS = 2;
 static_assert(TRACE_TRAMPOLINE_SPACE >= MAX_TRACE_EXITS * TRAMPOLINE_WORDS * 4 + TRAMPOLINE_ALIGNMENT);
 
-bool is_conditional(int inst) { return inst == A64_B_COND || inst == A64_CBZ || inst == A64_TBZ; }
-
 bool is_in_blocks(const thread_data* thread, std::uint64_t address) {
   return address >= address_of(thread->code_cache) && address < address_of(thread->code_cache) + BB_AREA_SIZE;
-}
-
-std::uint32_t offset_field(std::uint64_t offset, std::uint32_t mask) {
-  return (static_cast<std::uint32_t>(offset >> 2) & mask) << 5;
-}
-
-std::uint32_t b_word(const std::uint32_t* place, std::uint64_t to) {
-  std::uint32_t word = 0;
-  a64_b(&word, 0, static_cast<std::uint32_t>((to - address_of(place)) >> 2) & 0x3ffffff);
-  return word;
-}
-
-bool is_within(std::int64_t offset, const cond_branch_attributes& reach) {
-  return offset >= reach.smallest && offset < reach.largest;
 }
 
 // Leads the trampoline of another trace's exit to the new trace.
@@ -70,44 +55,41 @@ void move_trampoline(thread_data* thread, std::uint64_t tramp, std::uint64_t to)
   words[1] = NOP;
   a64_branch(words + 2, to);
   record.exit_code_addr = words + 2;
-  record.taken_source_addr = to;
+  record.rejoin_cache_addr = to;
   clear_instruction_cache(words, words + 3);
   count_trace_event(trace_counts.moved_trampolines);
 }
 
-// Links from another trace: a closing branch, or an exit.
+// Leads a link of another trace to the new trace: a closing branch, or an exit.
 void patch_trace_branches(thread_data* thread, std::uint32_t* place, std::uint64_t to) {
   std::uint32_t* word = untrapped_word(thread, place);
   const int inst = a64_decode(word);
+  exit_branch branch{};
   if (inst == A64_B) {
-    *word = b_word(place, to);
+    *word = redirected_branch(*word, place, to);
     count_trace_event(trace_counts.moved_branches);
-  } else if (is_conditional(inst)) {
-    const cond_branch_attributes reach = get_cond_branch_attributes(place, inst);
-    const std::uint64_t offset = to - address_of(place);
-    if (is_within(static_cast<std::int64_t>(offset), reach)) {
-      *word = (*word & ~(reach.mask << 5)) | offset_field(offset, reach.mask);
-      count_trace_event(trace_counts.moved_exits);
-    } else {
-      move_trampoline(thread, branch_destination(*word, inst, place), to);
-    }
-  } else {
+  } else if (!decode_exit_branch(*word, &branch)) {
     log(LEVEL_FATAL, "[install_trace] Linking instruction unknown at %p instruction %d", static_cast<void*>(place),
         inst);
+  } else if (trace_exit_reaches(place, *word, to)) {
+    *word = redirected_branch(*word, place, to);
+    count_trace_event(trace_counts.moved_exits);
+  } else {
+    move_trampoline(thread, branch_destination(*word, place), to);
   }
   if (word != place) count_trace_event(trace_counts.moved_under_trap);
 }
 
-// Links from a block. A block in whose making a flush came is used once more, and its link is noted though the block is
-// forgotten: its place may have become another block's since, and the record tells of nothing then.
+// Leads a link of a block to the new trace. A flush during a scan leaves a stale link record: the forgotten block is run
+// once more and linked, and its place may have become another block's since. Ignore the record unless the word still
+// branches to the head.
 void patch_block_branch(thread_data* thread, std::uint32_t* place, std::uint64_t old_to, std::uint64_t to) {
   std::uint32_t* word = untrapped_word(thread, place);
-  const int inst = a64_decode(word);
-  if (inst != A64_B || branch_destination(*word, inst, place) != old_to) {
+  if (a64_decode(word) != A64_B || branch_destination(*word, place) != old_to) {
     count_trace_event(trace_counts.stale_links);
     return;
   }
-  *word = b_word(place, to);
+  *word = redirected_branch(*word, place, to);
   count_trace_event(trace_counts.moved_branches);
   if (word != place) count_trace_event(trace_counts.moved_under_trap);
 }
@@ -126,8 +108,8 @@ void move_links(thread_data* thread, const bb_meta& head) {
   }
 }
 
-// Whether the word of a fragment's code may be copied to where it does not stand: no word whose meaning depends on its
-// place, none of the exit, which changes when it is linked, and no trap.
+// Whether a word of a fragment's code may be copied into a trampoline. Not copied are words whose meaning depends on their
+// place, words of the exit, which change when it is linked, and traps.
 bool is_copyable(const std::uint32_t* word, const bb_meta& owner) {
   if (word >= owner.exit_code_addr && word < owner.exit_code_addr + 3) return false;
   const int inst = a64_decode(word);
@@ -149,9 +131,9 @@ std::uint32_t* make_trampoline(thread_data* thread, const trace_exit& exit, std:
   std::uint32_t* write = tramp;
   for (int count = 0; count < COPIED_WORDS && is_copyable(from, target); ++count) *write++ = *from++;
   record.exit_code_addr = write;
-  record.taken_source_addr = address_of(from);
+  record.rejoin_cache_addr = address_of(from);
   a64_branch(write++, address_of(from));
-  // Always four words: what may be written here later is as long.
+  // Always four words: move_trampoline may write as many here later.
   while (write < tramp + TRAMPOLINE_WORDS) *write++ = NOP;
   clear_instruction_cache(tramp, write);
   count_trace_event(trace_counts.trampolines);
@@ -170,25 +152,24 @@ std::uint32_t* patch_exits(thread_data* thread) {
     const trace_exit& exit = trace.exits[index];
     auto* place = reinterpret_cast<std::uint32_t*>(exit.from);
     std::uint32_t* tramp = aligned(next);
-    const cond_branch_attributes reach = get_cond_branch_attributes(place, a64_decode(place));
-    std::uint64_t offset = exit.to - exit.from;
-    const bool to_block = is_in_blocks(thread, exit.to);
-    if (to_block) record_cc_link(thread, exit.from, exit.to);
-    if (to_block || !is_within(static_cast<std::int64_t>(offset), reach)) {
+    std::uint64_t to = exit.to;
+    const bool to_block = is_in_blocks(thread, to);
+    if (to_block) record_cc_link(thread, exit.from, to);
+    if (to_block || !trace_exit_reaches(place, *place, to)) {
       next = make_trampoline(thread, exit, tramp);
-      offset = address_of(tramp) - exit.from;
-      if (!is_within(static_cast<std::int64_t>(offset), reach)) {
+      to = address_of(tramp);
+      if (!trace_exit_reaches(place, *place, to)) {
         log(LEVEL_FATAL, "the exit at %p does not reach its trampoline", static_cast<void*>(place));
       }
     }
-    // The word's offset is 0 up to here.
-    *place |= offset_field(offset, reach.mask);
+    *place = redirected_branch(*place, place, to);
     clear_instruction_cache(place, place + 1);
   }
   return next;
 }
 
-// Nothing leads to the block any more, and whatever came here all the same would show at once. Its entry word stays.
+// Writes a trap over the head block's second word. Nothing leads to the block any more; a wrong arrival shows at once. The
+// entry word stays.
 void bar_head(const bb_meta& head) {
   auto* word = reinterpret_cast<std::uint32_t*>(head.cache_entry + ENTRY_WORD_SIZE);
   a64_brk(word, 0);
@@ -198,22 +179,22 @@ void bar_head(const bb_meta& head) {
 }  // namespace
 
 cond_branch_attributes get_cond_branch_attributes(const std::uint32_t* place, int inst) {
-  switch (inst) {
-    case A64_TBZ: return {32765, -32768, 0x3fff};
-    case A64_CBZ:
-    case A64_B_COND: return {0xffffd, -0x100000, 0x7ffff};
-    case A64_B: log(LEVEL_FATAL, "direct branch (B or BL). (Not allowed)"); break;
-    default:
-      log(LEVEL_FATAL, "linking instruction unknown at %p instruction %d", static_cast<const void*>(place), inst);
+  if (inst == A64_B) log(LEVEL_FATAL, "direct branch (B or BL). (Not allowed)");
+  exit_branch branch{};
+  if (!decode_exit_branch(*place, &branch)) {
+    log(LEVEL_FATAL, "linking instruction unknown at %p instruction %d", static_cast<const void*>(place), inst);
   }
-  return {};
+  const int width = find_branch_offset(*place).width;
+  const std::int64_t furthest = std::int64_t{1} << (width + 1);  // Half of the range, in bytes.
+  return {furthest - 3, -furthest, (std::uint32_t{1} << width) - 1};
 }
 
-std::uint64_t branch_destination(std::uint32_t word, int inst, const std::uint32_t* place) {
-  const bool is_b = inst == A64_B;
-  const int width = is_b ? 26 : inst == A64_TBZ ? 14 : 19;
-  const std::uint32_t field = (is_b ? word : word >> 5) & ((std::uint32_t{1} << width) - 1);
-  return address_of(place) + static_cast<std::uint64_t>(a64_sign_extend(field, width) * 4);
+bool trace_exit_reaches(const std::uint32_t* place, std::uint32_t word, std::uint64_t to) {
+  const int inst = a64_decode(&word);
+  if (inst == A64_B) return true;  // From any place of the cache to any other.
+  const cond_branch_attributes reach = get_cond_branch_attributes(&word, inst);
+  const auto offset = static_cast<std::int64_t>(to - address_of(place));
+  return offset >= reach.smallest && offset < reach.largest;
 }
 
 void install_trace(thread_data* thread) {

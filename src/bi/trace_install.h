@@ -1,4 +1,4 @@
-// The end of a trace's construction: what led to its head block is led to the trace, and its exits get their targets.
+// The end of a trace's construction: links to its head block are led to the trace, and its exits get their targets.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace ceilmeter {
 
-// A conditional branch word's reach and the mask of its offset, which stands at bit 5 and counts words.
+// The reach of a conditional branch in bytes, and the mask of its offset, which stands at bit 5 and counts words.
 struct cond_branch_attributes {
   std::int64_t largest;
   std::int64_t smallest;
@@ -17,8 +17,8 @@ struct cond_branch_attributes {
 // Of the word at `place`, a decoded value `inst`. Fatal for anything that is no conditional branch.
 cond_branch_attributes get_cond_branch_attributes(const std::uint32_t* place, int inst);
 
-// Where the branch word of class `inst`, if it stood at `place`, goes to.
-std::uint64_t branch_destination(std::uint32_t word, int inst, const std::uint32_t* place);
+// Whether the branch `word` of a trace's exit, at `place`, can go to `to`. `word` is a conditional branch or a B.
+bool trace_exit_reaches(const std::uint32_t* place, std::uint32_t word, std::uint64_t to);
 
 // Puts the active trace in the place of its head block. The code behind its last exit is complete, `write` is behind
 // it.

@@ -9,9 +9,14 @@
 //                  ldp x0, x1, [sp], #16        the snippet that the newest fragment is entered by, once
 //                  b   the fragment's first word
 //
-// Only the newest fragment ever runs before the installation, from its snippet to its exit stub, so that no branch
-// without a target is reached. It stays so when a signal's handler comes between, since what was interrupted is always
-// resumed by its source address; the trace is then given up when the next head is hot.
+// An exit that follows the taken side of a CB<cc>, which is not inverted, has two words:
+//
+//   exit_code_addr cb<cc> .+8                   on along the path
+//                  b      .                     left by the other side; no target before the installation
+//
+// Before the installation only the newest fragment runs, from its snippet to its exit stub, so that no branch without a
+// target is reached. A signal's handler in between does not change that: interrupted code is always resumed by its source
+// address. The trace is then given up when the next head becomes hot.
 //
 // The instruction cache is cleared over each piece as it is written. The thread comes to run it by its way back into the
 // cache, from the engine code that has written it.
@@ -23,6 +28,7 @@
 #include "bi/a64/helpers.h"
 #include "bi/code_words.h"
 #include "bi/dispatcher.h"
+#include "bi/exit_branch.h"
 #include "bi/scanner.h"
 #include "bi/stubs.h"
 #include "bi/trace_install.h"
@@ -41,10 +47,6 @@ trace_switches trace_options = {.check = TRACE_CHECK_CHANGES};
 namespace {
 
 constexpr engine_log log{"src/bi/traces"};
-
-bool is_direct_exit(std::uint32_t kind) {
-  return kind == EXIT_DIRECT || kind == EXIT_B_COND || kind == EXIT_CBZ || kind == EXIT_TBZ;
-}
 
 std::uint64_t head_source(const thread_data* thread) {
   return thread->metas[thread->active_trace.source_bb].source_addr;
@@ -65,7 +67,7 @@ std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_ty
   return end;
 }
 
-// What a hot block does for which no trace is begun.
+// A hot block for which no trace is begun just goes on.
 void go_on_in_block(thread_data* thread, std::uint64_t source, std::uint64_t* ret) {
   thread->active_trace.active = 0;
   ret[0] = lookup_or_scan(thread, source);
@@ -83,45 +85,45 @@ void flush_full_area(thread_data* thread, std::uint64_t source, std::uint64_t* r
   go_on_in_block(thread, source, ret);
 }
 
-// The branch that fires when the application's goes the other way than `target`, without an offset: `.` to itself.
-void put_inverted_branch(const bb_meta& meta, bool follows_taken) {
-  const auto condition = static_cast<std::uint32_t>(follows_taken ? meta.exit_condition ^ 1 : meta.exit_condition);
-  const std::uint32_t reg = meta.rn & 0x1f;
-  const std::uint32_t size_or_bit = meta.rn >> 5;
+// The exit of a fragment that the path leaves to `follows_taken`'s side. Returns its last word: the branch to the other side,
+// which has no offset yet and so goes to itself.
+std::uint32_t* put_trace_exit(const bb_meta& meta, bool follows_taken) {
+  if (!is_conditional_exit(meta.exit_kind)) log(LEVEL_FATAL, "unknown branch type");
   std::uint32_t* place = meta.exit_code_addr;
-  switch (meta.exit_kind) {
-    case EXIT_B_COND: a64_b_cond(place, 0, condition); break;
-    case EXIT_CBZ: a64_cbz(place, size_or_bit, condition, 0, reg); break;
-    case EXIT_TBZ: a64_tbz(place, size_or_bit >> 5, condition, size_or_bit & 0x1f, 0, reg); break;
-    default: log(LEVEL_FATAL, "unknown branch type"); break;
+  exit_branch branch = unpack_exit_branch(meta);
+  if (follows_taken && !is_invertible(branch)) {
+    encode_exit_branch(place, branch, address_of(place + 2));
+    a64_branch(place + 1, address_of(place + 1));
+    return place + 1;
   }
+  if (follows_taken) invert_exit_branch(&branch);
+  encode_exit_branch(place, branch, address_of(place));
+  return place;
 }
 
-// Returns the word behind the branch. The other side may never have run, and there may be no code yet: an application
-// that writes its code piece by piece need not have written that piece. So it is not scanned before it is reached. A
-// block for it may need a flush.
+// Returns the word behind the exit. The other side is not scanned before it is reached: it may never run, and an
+// application that writes its code piece by piece need not have written that piece yet. Its stub block may need a flush.
 std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index, std::uint64_t target) {
   trace_state& trace = thread->active_trace;
   const bb_meta& meta = thread->metas[source_index];
   const bool follows_taken = target == meta.taken_source_addr;
-  std::uint32_t* place = meta.exit_code_addr;
-  put_inverted_branch(meta, follows_taken);
+  const std::uint32_t* first = meta.exit_code_addr;
+  std::uint32_t* last = put_trace_exit(meta, follows_taken);
   const std::uint64_t other = follows_taken ? meta.skipped_source_addr : meta.taken_source_addr;
   const std::uint64_t found = other == head_source(thread) ? trace.entry_addr : lookup_or_stub(thread, other);
-  // A fragment has one exit, and there are no more fragments than places here: a branch that found none would stay a
+  // A fragment has one exit, and there are no more fragments than places here. An exit without a place would stay a
   // branch to itself, and the application would hang in it.
   if (trace.exit_count >= MAX_TRACE_EXITS) log(LEVEL_FATAL, "trace %d has more exits than fragments", trace.id);
-  trace.exits[trace.exit_count++] = {address_of(place), found + ENTRY_WORD_SIZE, source_index};
-  clear_instruction_cache(place, place + 1);
-  return place + 1;
+  trace.exits[trace.exit_count++] = {address_of(last), found + ENTRY_WORD_SIZE, source_index};
+  clear_instruction_cache(first, last + 1);
+  return last + 1;
 }
 
 // Whether each exit so far would reach the trampolines of a trace whose code ended at `end`.
 bool exits_reach(const trace_state& trace, const std::uint32_t* end) {
   for (std::uint32_t exit = 0; exit < trace.exit_count; ++exit) {
     const auto* from = reinterpret_cast<const std::uint32_t*>(trace.exits[exit].from);
-    const auto distance = static_cast<std::int64_t>(address_of(end) + TRACE_TRAMPOLINE_SPACE - address_of(from));
-    if (distance > get_cond_branch_attributes(from, a64_decode(from)).largest) return false;
+    if (!trace_exit_reaches(from, *from, address_of(end) + TRACE_TRAMPOLINE_SPACE)) return false;
   }
   return true;
 }
@@ -132,7 +134,7 @@ void close_trace(thread_data* thread, std::int32_t source_index, std::uint32_t* 
   a64_branch_and_link(thread, write, entry + ENTRY_WORD_SIZE);
   clear_instruction_cache(write, write + 1);
   thread->active_trace.write = write + 1;
-  thread->metas[source_index].link_state |= LINK_BOTH;
+  thread->metas[source_index].link_state |= LINK_CLOSES_TRACE;
   install_trace(thread);
   *next_addr = entry;
 }
@@ -150,8 +152,8 @@ void close_in_block(thread_data* thread, std::int32_t source_index, std::uint32_
   close_trace(thread, source_index, write, entry, next_addr);
 }
 
-// LDP x0, x1 and a branch to the fragment, behind it: the dispatcher's way back has left both on the stack, and the
-// fragment, which is fallen into from the next run on, has no entry word.
+// Writes LDP x0, x1 and a branch to the fragment, behind the fragment. The dispatcher's way back has left both registers on
+// the stack, and the fragment has no entry word, because later runs fall into it.
 std::uint32_t* put_entry_snippet(std::uint32_t* at, const std::uint32_t* fragment) {
   at[0] = POP_X0_X1;
   a64_branch(at + 1, address_of(fragment));
@@ -159,7 +161,7 @@ std::uint32_t* put_entry_snippet(std::uint32_t* at, const std::uint32_t* fragmen
   return at + 2;
 }
 
-// Extends the trace by the block at `target`. False if the fragment does not fit: it is as if it had never been.
+// Extends the trace by the block at `target`. False if the fragment does not fit; the trace is then as it was before.
 bool extend_trace(thread_data* thread, std::uint32_t* write, std::uint64_t target, std::uint64_t* next_addr) {
   trace_state& trace = thread->active_trace;
   if (address_of(write) + TRACE_FRAGMENT_SPACE > address_of(thread->code_cache) + CODE_CACHE_SIZE) return false;
@@ -212,7 +214,7 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   const std::uint32_t kind = head.exit_kind;
   ret[1] = source;
   if (trace_options.off || kind == EXIT_NOT_SET) {
-    // Without an exit only where a plug-in has ended the block. Its counter has just come to 0 and lets it pass.
+    // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0 and does not stop it again soon.
     ret[0] = head.cache_entry;
     return;
   }
@@ -261,8 +263,8 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   ++thread->trace_fragment_count;
   log(LEVEL_TRACE, "len: %d", static_cast<int>(end - entry + 1) * 4);
   if (!is_direct_exit(thread->metas[id].exit_kind)) {
-    // The application has changed the code since the block was made of it, or has taken it away: no trace begins here,
-    // and the block goes on as it would have without one.
+    // The application has changed or unmapped the code since the block was scanned. No trace begins here, and the block
+    // goes on as it would have without one.
     log(LEVEL_DEBUG, "disallowed type of exit in the first trace fragment: %d",
         static_cast<int>(thread->metas[id].exit_kind));
     trace.id = thread->trace_id;
@@ -275,8 +277,8 @@ void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32
   bb_meta& meta = thread->metas[source_index];
   log(LEVEL_TRACE, "trace dispatcher (target: 0x%lx)", target);
   trace_state& trace = thread->active_trace;
-  // A register branch that has not found its target; or the last fragment of a trace that was given up under it, by a
-  // system call that has flushed the cache.
+  // Either a register branch has not found its target, or a system call in the last fragment has flushed the cache and so
+  // ended its trace.
   if (meta.exit_kind == EXIT_REGISTER || trace.active == 0 || source_index != trace.id - 1) {
     *next_addr = lookup_or_scan(thread, target);
     return;
@@ -288,7 +290,8 @@ void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32
     switch (meta.exit_kind) {
       case EXIT_B_COND:
       case EXIT_CBZ:
-      case EXIT_TBZ: write = set_up_trace_exit(thread, source_index, target); break;
+      case EXIT_TBZ:
+      case EXIT_COMPARE: write = set_up_trace_exit(thread, source_index, target); break;
       case EXIT_DIRECT: write = meta.exit_code_addr; break;
       default: log(LEVEL_FATAL, "trace dispatcher unknown %p", reinterpret_cast<void*>(target)); return;
     }

@@ -4,6 +4,8 @@
 #include <csignal>
 
 #include "bi/a64/a64.h"
+#include "bi/exit_branch.h"
+#include "bi/exit_trap.h"
 #include "bi/signals.h"
 #include "bi/trace_check.h"
 #include "bi/trace_install.h"
@@ -117,7 +119,7 @@ TEST_F(trace_signals, in_a_trampoline_that_leads_to_a_trace_the_exit_of_that_tra
   leave(exit_only);
   leave(by_return);
   const std::int32_t tramp = meta(BB_COUNT).trampoline;
-  ASSERT_EQ(meta(tramp).taken_source_addr, second + 4);
+  ASSERT_EQ(meta(tramp).rejoin_cache_addr, second + 4);
   arrive(SIGUSR1, meta(tramp).cache_entry + 8);
   const std::int32_t next = addr_to_fragment_id(thread, second) + 1;
   EXPECT_EQ(*meta(next).exit_code_addr, HVC_149);
@@ -137,10 +139,10 @@ TEST_F(trace_signals, an_exit_that_is_trapped_is_led_to_a_new_trace_where_the_tr
   const std::uint64_t second = make_hot(block_of(path_end));
   leave(path_end);
   EXPECT_EQ(*exit_of(0), HVC_149);
-  EXPECT_EQ(branch_destination(meta(BB_COUNT).overwritten_exit[0], A64_B_COND, exit_of(0)), second + 4);
+  EXPECT_EQ(branch_destination(meta(BB_COUNT).overwritten_exit[0], exit_of(0)), second + 4);
   ucontext.uc_mcontext.pstate = 0;
   run_into(exit_of(0));
-  EXPECT_EQ(branch_destination(*exit_of(0), A64_B_COND, exit_of(0)), second + 4);
+  EXPECT_EQ(branch_destination(*exit_of(0), exit_of(0)), second + 4);
   check_trace_cache(thread, BB_COUNT);
 }
 

@@ -6,6 +6,8 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/scanner.h"
+#include "bi/exit_branch.h"
+#include "bi/exit_trap.h"
 #include "bi/signals.h"
 #include "bi/stubs.h"
 #include "bi/trace_check.h"
@@ -143,7 +145,7 @@ TEST_F(traces, an_exit_to_a_block_goes_through_a_trampoline_however_near_the_blo
   build_five_blocks();
   const bb_meta& fragment = meta(BB_COUNT);
   const std::uint32_t* exit = fragment.exit_code_addr;
-  const std::uint64_t tramp = branch_destination(*exit, a64_decode(exit), exit);
+  const std::uint64_t tramp = branch_destination(*exit, exit);
   EXPECT_EQ(tramp, meta(fragment.trampoline).cache_entry);
   EXPECT_EQ(tramp % 16, 0u);
   const std::int32_t block_id = block_of(path_end);
@@ -161,7 +163,7 @@ TEST_F(traces, a_trampoline_begins_with_two_words_of_its_target_and_goes_on_behi
   EXPECT_EQ(tramp[3], NOP);
   EXPECT_EQ(record.exit_kind, EXIT_TRACE);
   EXPECT_EQ(record.exit_code_addr, tramp + 2);
-  EXPECT_EQ(record.taken_source_addr, target + 8);
+  EXPECT_EQ(record.rejoin_cache_addr, target + 8);
 }
 
 TEST_F(traces, the_other_side_of_an_exit_is_not_scanned_before_it_is_reached) {
@@ -223,7 +225,7 @@ TEST_F(traces, an_exit_to_the_head_goes_straight_to_the_traces_entry) {
   leave(to_itself_or_on + 1);
   EXPECT_EQ(thread->active_trace.active, 0u);
   const std::uint32_t* exit = meta(BB_COUNT).exit_code_addr;
-  EXPECT_EQ(branch_destination(*exit, a64_decode(exit), exit), entry + 4);
+  EXPECT_EQ(branch_destination(*exit, exit), entry + 4);
   EXPECT_EQ(meta(BB_COUNT).trampoline, 0);
   check_trace_cache(thread, BB_COUNT);
 }
@@ -275,7 +277,7 @@ TEST_F(traces, an_exit_that_reaches_the_trace_in_its_blocks_place_goes_there_its
   const std::uint64_t second = make_hot(block_of(path_end));
   leave(path_end);
   const std::uint32_t* exit = meta(BB_COUNT).exit_code_addr;
-  EXPECT_EQ(branch_destination(*exit, a64_decode(exit), exit), second + 4);
+  EXPECT_EQ(branch_destination(*exit, exit), second + 4);
   check_trace_cache(thread, BB_COUNT);
 }
 
@@ -291,7 +293,7 @@ TEST_F(traces, an_exit_that_does_not_reach_it_goes_there_by_its_trampoline) {
   EXPECT_EQ(*exit, before);
   const std::uint32_t* tramp = at(meta(tramp_id).cache_entry);
   EXPECT_THAT(words(tramp, 4), ElementsAre(NOP, NOP, branch_word(tramp + 2, second + 4), NOP));
-  EXPECT_EQ(meta(tramp_id).taken_source_addr, second + 4);
+  EXPECT_EQ(meta(tramp_id).rejoin_cache_addr, second + 4);
   check_trace_cache(thread, BB_COUNT);
 }
 
@@ -465,17 +467,23 @@ TEST_F(traces_death, a_noted_place_in_the_trace_area_that_holds_no_branch_is_fat
 }
 
 TEST(cond_branch_attributes, are_the_reach_and_the_field_of_each_kind) {
-  const std::uint32_t word = 0;
-  EXPECT_EQ(get_cond_branch_attributes(&word, A64_TBZ).largest, 32765);
-  EXPECT_EQ(get_cond_branch_attributes(&word, A64_TBZ).smallest, -32768);
-  EXPECT_EQ(get_cond_branch_attributes(&word, A64_TBZ).mask, 16383u);
-  for (const int inst : {A64_CBZ, A64_B_COND}) {
-    EXPECT_EQ(get_cond_branch_attributes(&word, inst).largest, 0xffffd);
-    EXPECT_EQ(get_cond_branch_attributes(&word, inst).smallest, -0x100000);
-    EXPECT_EQ(get_cond_branch_attributes(&word, inst).mask, 0x7ffffu);
+  const std::uint32_t tbz = 0x36000000;
+  EXPECT_EQ(get_cond_branch_attributes(&tbz, A64_TBZ).largest, 32765);
+  EXPECT_EQ(get_cond_branch_attributes(&tbz, A64_TBZ).smallest, -32768);
+  EXPECT_EQ(get_cond_branch_attributes(&tbz, A64_TBZ).mask, 16383u);
+  for (const std::uint32_t word : {0x34000000U, 0x54000000U}) {
+    EXPECT_EQ(get_cond_branch_attributes(&word, a64_decode(&word)).largest, 0xffffd);
+    EXPECT_EQ(get_cond_branch_attributes(&word, a64_decode(&word)).smallest, -0x100000);
+    EXPECT_EQ(get_cond_branch_attributes(&word, a64_decode(&word)).mask, 0x7ffffu);
   }
-  EXPECT_DEATH(get_cond_branch_attributes(&word, A64_B), "direct branch \\(B or BL\\). \\(Not allowed\\)");
-  EXPECT_DEATH(get_cond_branch_attributes(&word, A64_RET), "linking instruction unknown at");
+  const std::uint32_t compare = 0x74000000;
+  EXPECT_EQ(get_cond_branch_attributes(&compare, A64_NOT_RECOGNISED).largest, 1021);
+  EXPECT_EQ(get_cond_branch_attributes(&compare, A64_NOT_RECOGNISED).smallest, -1024);
+  EXPECT_EQ(get_cond_branch_attributes(&compare, A64_NOT_RECOGNISED).mask, 511u);
+  const std::uint32_t direct = 0x14000000;
+  EXPECT_DEATH(get_cond_branch_attributes(&direct, A64_B), "direct branch \\(B or BL\\). \\(Not allowed\\)");
+  const std::uint32_t ret = 0xd65f03c0;
+  EXPECT_DEATH(get_cond_branch_attributes(&ret, A64_RET), "linking instruction unknown at");
 }
 
 // The checker finds what is put wrong by hand. ------------------------------------------------------------------------

@@ -1,0 +1,87 @@
+// The conditional branches that end a fragment: B.cond, CBZ and CBNZ, TBZ and TBNZ, and the compare-and-branch forms
+// CB<cc> of newer processors (FEAT_CMPBR). This module alone knows their encodings, their reach, how they are inverted,
+// which way they go, and how a fragment's record holds them.
+//
+// The CB<cc> forms are of no class of the decoder's. They are never inverted: an immediate of 63 (GT, HI) or 0 (LT, LO) has
+// no inverse form, and a reach of 1 KiB is too short for most exits. Exits of this kind have shapes of their own, which
+// dispatcher.cpp (blocks) and traces.cpp draw.
+//
+// Nothing here clears the instruction cache: who writes words that are to run does.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/mora.h"
+
+namespace ceilmeter {
+
+// The conditions of CB<cc>. All compare the first register with the second one, or with the immediate.
+enum compare_condition : std::uint32_t {
+  COMPARE_GT = 0,  // Signed.
+  COMPARE_GE = 1,  // Signed; registers alone.
+  COMPARE_HI = 2,  // Unsigned.
+  COMPARE_HS = 3,  // Unsigned; registers alone.
+  COMPARE_LT = 4,  // Signed; immediates alone.
+  COMPARE_LO = 5,  // Unsigned; immediates alone.
+  COMPARE_EQ = 6,
+  COMPARE_NE = 7,
+};
+
+// A conditional branch without its offset. A field that the kind does not have is 0.
+struct exit_branch {
+  std::uint32_t kind = 0;       // EXIT_B_COND, EXIT_CBZ, EXIT_TBZ or EXIT_COMPARE.
+  std::uint32_t condition = 0;  // B.cond: the condition code. CBZ, TBZ: 0; CBNZ, TBNZ: 1. CB<cc>: a compare_condition.
+  std::uint32_t reg = 0;        // The register that is tested; 31 is zero. Not of B.cond.
+  std::uint32_t width = 0;      // How many of its low bits are compared: 32 or 64, of CB<cc> also 8 or 16.
+  std::uint32_t bit = 0;        // TBZ: the number of the bit that is tested, 0 to 63.
+  std::uint32_t operand = 0;    // CB<cc>: the second register, or the immediate, 0 to 63.
+  std::uint32_t is_immediate = 0;
+
+  bool operator==(const exit_branch&) const = default;
+};
+
+// Whether a fragment with an exit of this kind (bb_exit_kind) ends in a conditional branch.
+bool is_conditional_exit(std::uint32_t kind);
+
+// Whether it ends in a branch that can be linked: a conditional one, B or BL.
+bool is_direct_exit(std::uint32_t kind);
+
+// False for a word that is no conditional branch, with *out as it was. B.cond with AL or NV is one, and always taken.
+bool decode_exit_branch(std::uint32_t word, exit_branch* out);
+
+// Writes the branch at `place`. `to` is in its reach and a multiple of 4. Fatal for a kind that is no conditional branch.
+void encode_exit_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to);
+
+// Turns the branch into the one that is taken exactly when it is not. False, with the branch as it was, if there is none:
+// for AL, NV and CB<cc>.
+bool invert_exit_branch(exit_branch* branch);
+
+// Whether the branch can be inverted.
+bool is_invertible(const exit_branch& branch);
+
+// Whether the processor takes the branch with these 31 general registers and this PSTATE.
+bool is_taken(const exit_branch& branch, const std::uint64_t* registers, std::uint64_t pstate);
+
+// The branch to and from a fragment's record: exit_kind; exit_condition holds the condition; rn the register in its low five
+// bits and from bit 5 up
+//   CBZ, CBNZ    1 for the 64-bit form
+//   TBZ, TBNZ    the number of the bit, six bits
+//   CB<cc>       the second register or the immediate, six bits; at bit 11 the binary logarithm of the width in bytes, two
+//                bits; at bit 13 whether there is an immediate
+void pack_exit_branch(const exit_branch& branch, bb_meta* meta);
+exit_branch unpack_exit_branch(const bb_meta& meta);
+
+// The offset field of B, BL and the conditional branches. It counts words. `width` 0: the word is none of these.
+struct branch_offset_field {
+  int width;
+  int lowest_bit;
+};
+branch_offset_field find_branch_offset(std::uint32_t word);
+
+// Where the branch `word`, if it stood at `place`, goes to.
+std::uint64_t branch_destination(std::uint32_t word, const std::uint32_t* place);
+
+// The branch `word` with another destination, for `place`. The destination is in its reach.
+std::uint32_t redirected_branch(std::uint32_t word, const std::uint32_t* place, std::uint64_t to);
+
+}  // namespace ceilmeter

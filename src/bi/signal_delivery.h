@@ -1,0 +1,25 @@
+// Signals that have been counted and wait to be raised again, and the mask that decides whether they may be.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/mora.h"
+
+namespace ceilmeter {
+
+// A 64-bit mask as the kernel keeps it: signal n is bit n - 1.
+inline std::uint64_t signal_bit(int signum) { return std::uint64_t{1} << (signum - 1); }
+
+// Counts a signal, to be raised again on the thread's next way back into the cache. Called in the signal's handler.
+void count_signal(thread_data* thread, int signum);
+
+// Counts none, but makes the thread's next way back into the cache come to deliver_pending_signal.
+void count_visit(thread_data* thread);
+
+// The signals that the application handles, but for faults, as a mask.
+std::uint64_t handled_signals();
+
+// Whether the kernel raises a signal for a fault of the running code: SIGILL, SIGTRAP, SIGBUS, SIGFPE, SIGSEGV, SIGSYS.
+bool is_synchronous(int signum);
+
+}  // namespace ceilmeter
