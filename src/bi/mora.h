@@ -150,8 +150,8 @@ struct thread_data {
   // Of a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;
   std::uint64_t call_mask_pair[2];     // Address and size of it, for calls that want both.
-  std::uint64_t call_mask_original;    // The application's argument.
-  std::uint32_t call_mask_argument;    // Its number, counted from 1; 0: none has been replaced.
+  std::uint64_t replaced_original;     // The application's argument, a mask or a path, while the kernel gets another.
+  std::uint32_t replaced_argument;     // Its number, counted from 1; 0: none has been replaced.
   // Of the trace fragment that is being scanned: where it begins, and whether it has outgrown the trace area.
   std::uint32_t* trace_fragment_start;
   std::uint32_t trace_fragment_overflow;
@@ -180,6 +180,10 @@ struct engine_globals {
   robin_map function_watches;  // Function address to its record. Under the lock before it.
   interval_map protected_ranges;  // Executable by mprotect, or moved by mremap: no members of exec_ranges. Its own lock.
   std::uint32_t code_ranges_dropped;  // One of the two maps was full once. Relaxed atomic.
+  // Held over a call that changes the application's mappings and over what the engine notes of it. Taken behind brk_lock
+  // and before callbacks_lock.
+  pthread_mutex_t mapping_lock;
+  interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
 };
 
 extern engine_globals engine;

@@ -21,6 +21,7 @@
 #include "bi/a64/helpers.h"
 #include "bi/call_mask.h"
 #include "bi/code_words.h"
+#include "bi/signal_actions.h"
 #include "bi/stubs.h"
 #include "bi/syscalls.h"
 #include "bi/threads.h"
@@ -256,7 +257,7 @@ void raise_at_return(mcontext_t& context) {
 
 // The application's state that is the same before and after its call, out of the wrapper's frame.
 void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
-  restore_call_mask(thread, reinterpret_cast<std::uint64_t*>(context.regs), 1);  // Its result is in x0.
+  restore_argument(thread, reinterpret_cast<std::uint64_t*>(context.regs), 1);  // Its result is in x0.
   const std::uint64_t frame = context.sp;
   const auto* area = reinterpret_cast<const std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
   const std::uint64_t flags = context.regs[19];
@@ -278,7 +279,7 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
 // application stands at its own SVC, with the arguments as they were.
 void undo_syscall(thread_data* thread, mcontext_t& context) {
   auto* area = reinterpret_cast<std::uint64_t*>(context.sp + STUB_SIMD_REGS_SIZE);
-  restore_call_mask(thread, area, 0);
+  restore_argument(thread, area, 0);
   for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
   leave_syscall_wrapper(thread, context);
   context.pc -= sizeof(std::uint32_t);

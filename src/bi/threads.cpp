@@ -126,6 +126,7 @@ void lock_all() {
   pthread_mutex_lock(&engine.thread_list_lock);
   pthread_mutex_lock(&engine.signal_handlers_lock);
   pthread_mutex_lock(&engine.brk_lock);
+  pthread_mutex_lock(&engine.mapping_lock);
   pthread_rwlock_wrlock(&engine.callbacks_lock);
   pthread_mutex_lock(&engine.function_watch_lock);
   pthread_mutex_lock(&engine.exec_ranges.lock);
@@ -137,6 +138,7 @@ void unlock_all() {
   pthread_mutex_unlock(&engine.exec_ranges.lock);
   pthread_mutex_unlock(&engine.function_watch_lock);
   pthread_rwlock_unlock(&engine.callbacks_lock);
+  pthread_mutex_unlock(&engine.mapping_lock);
   pthread_mutex_unlock(&engine.brk_lock);
   pthread_mutex_unlock(&engine.signal_handlers_lock);
   pthread_mutex_unlock(&engine.thread_list_lock);
@@ -150,6 +152,8 @@ void init_all_locks() {
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
   pthread_mutex_init(&engine.protected_ranges.lock, nullptr);
+  pthread_mutex_init(&engine.attached_segments.lock, nullptr);  // Used under mapping_lock alone.
+  pthread_mutex_init(&engine.mapping_lock, nullptr);
   pthread_mutex_init(&spare_streams_lock, nullptr);
   pthread_mutex_init(&ending_threads_lock, nullptr);
 }

@@ -125,6 +125,8 @@ syscalls_test::syscalls_test() : frame{}, args(reinterpret_cast<std::uint64_t*>(
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
   interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
+  interval_map_init(&engine.attached_segments, EXEC_RANGES_CAPACITY);
+  pthread_mutex_init(&engine.mapping_lock, nullptr);
   engine.code_ranges_dropped = 0;
   robin_map_init(&engine.function_watches, 264);
   allocate_thread_data(&thread);
