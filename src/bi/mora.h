@@ -202,6 +202,15 @@ bool allocate_thread_data(thread_data** out);
 // Gives a record its code cache, stubs and tables. Fatal if one of them cannot be mapped.
 void init_thread(thread_data* thread);
 
+// The same for a thread that the application can do without: null, or what could not be mapped, with errno as mmap left
+// it. The record is then good for free_thread_data alone.
+const char* try_init_thread(thread_data* thread);
+
+// What to do when the kernel refuses memory for a thread, for log lines.
+inline constexpr char THREAD_MEMORY_REMEDY[] =
+    "each thread takes 37 MiB of address space, 16 MiB of it writable and executable: raise the limits of address space "
+    "(ulimit -v) and of committed memory, or allow such memory";
+
 // Puts a record into, or takes it out of, the list of live threads, and delivers thread_init or thread_exit before the
 // lock is released. `lock_held`: the caller has thread_list_lock. The second returns -1 if the record is not listed.
 void register_thread(thread_data* thread, bool lock_held);

@@ -48,13 +48,20 @@ using test::fake;
 std::uint64_t page_size() { return fake.page; }
 
 bool allocate_thread_data(thread_data** out) {
+  if (fake.refuses_record) {
+    errno = ENOMEM;
+    return false;
+  }
   void* mapping = mmap(nullptr, sizeof(thread_data), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapping == MAP_FAILED) return false;
   *out = static_cast<thread_data*>(mapping);
   return true;
 }
 
-void init_thread(thread_data*) {}
+const char* try_init_thread(thread_data*) {
+  errno = EACCES;
+  return fake.missing_memory;
+}
 
 void free_thread_data(thread_data* thread) {
   ++fake.records_freed;
