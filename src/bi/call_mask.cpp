@@ -1,23 +1,16 @@
-// What the kernel reads is the copy; there is one for each thread. A handler that interrupts such a call may make
-// another one: the first has been given back by then.
+// The kernel reads a copy of the mask; each thread has one. A signal's handler that interrupts such a call may make
+// another one: the first call's argument has been given back by then.
 #include "bi/call_mask.h"
 
 #include <sys/syscall.h>
 
-#include <csignal>
-#include <cstring>
-
-#include "bi/signals.h"
-#include "bi/stubs.h"
-#include "bi/syscalls.h"
+#include "bi/memory_probe.h"
 
 namespace ceilmeter {
 
 namespace {
 
 constexpr std::uint32_t SYS_EPOLL_PWAIT2 = 441;  // Younger than some C libraries' headers.
-
-constexpr std::uint64_t SIGILL_BIT = std::uint64_t{1} << (SIGILL - 1);
 
 // Where a call has its mask. Some have it behind an address and a size, in a record of their own.
 struct mask_place {
@@ -38,13 +31,6 @@ bool find_mask(std::uint64_t number, mask_place* place) {
   }
 }
 
-// Of memory of the application's, which may not be there: the call tells it so then.
-bool read_word(std::uint64_t address, std::uint64_t* word) {
-  if (!is_readable(address)) return false;
-  std::memcpy(word, reinterpret_cast<const void*>(address), sizeof *word);
-  return true;
-}
-
 }  // namespace
 
 void replace_call_mask(thread_data* thread, std::uint64_t number, std::uint64_t* args) {
@@ -56,19 +42,18 @@ void replace_call_mask(thread_data* thread, std::uint64_t number, std::uint64_t*
   std::uint64_t mask = 0;
   if (!read_word(address, &mask) || (mask & SIGILL_BIT) == 0) return;
   thread->call_mask = mask & ~SIGILL_BIT;
-  thread->call_mask_pair[0] = reinterpret_cast<std::uint64_t>(&thread->call_mask);
+  thread->call_mask_pair[0] = address_of(&thread->call_mask);
   thread->call_mask_pair[1] = size;
-  thread->call_mask_original = args[place.argument];
-  thread->call_mask_argument = place.argument + 1;
-  args[place.argument] =
-      place.is_pair ? reinterpret_cast<std::uint64_t>(thread->call_mask_pair) : thread->call_mask_pair[0];
+  thread->replaced_original = args[place.argument];
+  thread->replaced_argument = place.argument + 1;
+  args[place.argument] = place.is_pair ? address_of(thread->call_mask_pair) : thread->call_mask_pair[0];
 }
 
-void restore_call_mask(thread_data* thread, std::uint64_t* registers, std::uint32_t first) {
-  if (thread->call_mask_argument == 0) return;
-  const std::uint32_t argument = thread->call_mask_argument - 1;
-  thread->call_mask_argument = 0;
-  if (argument >= first) registers[argument] = thread->call_mask_original;
+void restore_argument(thread_data* thread, std::uint64_t* registers, std::uint32_t first) {
+  if (thread->replaced_argument == 0) return;
+  const std::uint32_t argument = thread->replaced_argument - 1;
+  thread->replaced_argument = 0;
+  if (argument >= first) registers[argument] = thread->replaced_original;
 }
 
 }  // namespace ceilmeter

@@ -4,17 +4,22 @@
 // application never sees that its argument was another for a while.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 
 #include "bi/mora.h"
 
 namespace ceilmeter {
 
+// The bit of SIGILL in a signal mask of the kernel's. The engine needs the signal unblocked at all times.
+inline constexpr std::uint64_t SIGILL_BIT = std::uint64_t{1} << (SIGILL - 1);
+
 // Before the call `number` is made with `args`, its save area.
 void replace_call_mask(thread_data* thread, std::uint64_t number, std::uint64_t* args);
 
-// After it, or in its place: gives the argument back, in the save area or in the registers of a signal's context. Not
-// one below `first`, where the call's result may stand.
-void restore_call_mask(thread_data* thread, std::uint64_t* registers, std::uint32_t first);
+// After the call, or when it is not made: gives back the argument that was replaced, the mask here or the path in
+// executable_path.h, in the save area or in the registers of a signal's context. An argument below `first` is left, since
+// the call's result may stand there.
+void restore_argument(thread_data* thread, std::uint64_t* registers, std::uint32_t first);
 
 }  // namespace ceilmeter

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +28,7 @@
 #include "bi/traces.h"
 #include "common/log.h"
 #include "elf/elf_loader.h"
+#include "elf/initial_stack.h"
 
 namespace ceilmeter {
 
@@ -118,6 +120,8 @@ int mora_run(int argc, char** argv, char** envp) {
   pthread_mutex_init(&engine.thread_list_lock, nullptr);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
   interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
+  interval_map_init(&engine.attached_segments, EXEC_RANGES_CAPACITY);
+  pthread_mutex_init(&engine.mapping_lock, nullptr);
   pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
   install_sigill_handler();
   pthread_rwlock_init(&engine.callbacks_lock, nullptr);
@@ -125,7 +129,9 @@ int mora_run(int argc, char** argv, char** envp) {
   robin_map_init(&engine.function_watches, sizeof(function_watch));
 
   thread_data* thread = nullptr;
-  if (!allocate_thread_data(&thread)) log(LEVEL_FATAL, "failed to allocate initial thread data");
+  if (!allocate_thread_data(&thread)) {
+    log(LEVEL_FATAL, "failed to allocate initial thread data: %s; %s", std::strerror(errno), THREAD_MEMORY_REMEDY);
+  }
   current_thread = thread;
   init_thread(thread);
   thread->tid = gettid();
@@ -152,28 +158,29 @@ bool allocate_thread_data(thread_data** out) {
   return true;
 }
 
-void init_thread(thread_data* thread) {
+namespace {
+
+// Maps the code cache and the link pool. Null, or what could not be mapped.
+const char* map_thread_memory(thread_data* thread) {
   void* cache = mmap(nullptr, CODE_CACHE_SIZE, PROT_READ | PROT_WRITE | PROT_EXEC, anonymous, -1, 0);
-  if (cache == MAP_FAILED) log(LEVEL_FATAL, "allocating code cache space failed");
+  if (cache == MAP_FAILED) return "code cache";
   thread->code_cache = static_cast<std::uint8_t*>(cache);
   log(LEVEL_TRACE, "Code cache: %p", cache);
-
   void* pool = mmap(nullptr, whole_pages(linked_pool_bytes(LINK_POOL_CAPACITY)), PROT_READ | PROT_WRITE, anonymous, -1, 0);
-  if (pool == MAP_FAILED) log(LEVEL_FATAL, "allocating link pool space failed");
+  if (pool == MAP_FAILED) return "link pool";
   thread->cc_link_pool = static_cast<linked_pool*>(pool);
-  // A new record's tables are empty as they are mapped. A flush would touch 15 MiB to find that out, for every thread.
-  thread->entry_table.table.size = ENTRY_TABLE_SIZE;
-  linked_pool_init_zeroed(thread->cc_link_pool, LINK_POOL_CAPACITY);
-  start_without_fragments(thread);
-  robin_map_init(&thread->return_watch, sizeof(return_watch));
+  return nullptr;
+}
 
+// Copies the stub text and fills the words and instructions in it that differ from thread to thread.
+void copy_stubs(thread_data* thread) {
   std::memcpy(thread->code_cache, stub_text, stub_offset(stub_text_end));
   set_stub_word(thread, word_pending_signal_count, &thread->pending_signal_count);
   set_stub_word(thread, word_thread_data, thread);
   log(LEVEL_TRACE, "*thread_data in dispatcher at: %p", static_cast<void*>(thread->code_cache + stub_offset(word_thread_data)));
 
   if ((getauxval(AT_HWCAP) & HWCAP_SVE) != 0) {
-    // The vector state is more than q0 to q31 here: the branches to the shorter routines go.
+    // With SVE the vector state is more than q0 to q31: the branches to the shorter routines go.
     set_stub_instruction(thread, save_vector_state, NOP);
     set_stub_instruction(thread, restore_vector_state, NOP);
     set_raise_trap(reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(reentry_raise)));
@@ -182,18 +189,38 @@ void init_thread(thread_data* thread) {
   thread->hot_counter_stub_addr = stub_copy(thread, hot_counter_stub);
   auto* slots = reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(hot_counter_slots));
   constexpr std::uint32_t x2 = 2;
-  a64_load_const(&slots, x2, reinterpret_cast<std::uint64_t>(thread->exit_counters));
+  a64_load_const(&slots, x2, address_of(thread->exit_counters));
+}
+
+}  // namespace
+
+const char* try_init_thread(thread_data* thread) {
+  const char* missing = map_thread_memory(thread);
+  if (missing != nullptr) return missing;
+  // A new record's tables are empty as they are mapped. A flush would touch 15 MiB to find that out, for every thread.
+  thread->entry_table.table.size = ENTRY_TABLE_SIZE;
+  linked_pool_init_zeroed(thread->cc_link_pool, LINK_POOL_CAPACITY);
+  start_without_fragments(thread);
+  robin_map_init(&thread->return_watch, sizeof(return_watch));
+  copy_stubs(thread);
   if (trace_options.hot_mark != 0) std::memset(thread->exit_counters, trace_options.hot_mark, sizeof thread->exit_counters);
 
   log(LEVEL_TRACE, "Traces start at: %p", static_cast<void*>(thread->trace_write_cursor));
-  // The copied stubs are the only code that the cache holds yet. Cleared here, before any thread can branch to them: the
-  // new thread's own first instruction fetch of them comes after its creation, which synchronises its context.
+  // The cache holds the copied stubs alone. They are cleared before any thread can branch to them: a new thread's first
+  // instruction fetch of them comes after its creation, which synchronises its context.
   clear_instruction_cache(thread->code_cache, block_address(thread, thread->next_block));
 
   thread->status = THREAD_RUNNING;
   thread->dispatcher_stub_addr = stub_copy(thread, dispatcher_entry_stub);
   thread->syscall_wrapper_addr = stub_copy(thread, syscall_wrapper);
   log(LEVEL_TRACE, "Syscall wrapper addr: 0x%lx", thread->syscall_wrapper_addr);
+  return nullptr;
+}
+
+void init_thread(thread_data* thread) {
+  const char* missing = try_init_thread(thread);
+  if (missing == nullptr) return;
+  log(LEVEL_FATAL, "allocating %s space failed: %s; %s", missing, std::strerror(errno), THREAD_MEMORY_REMEDY);
 }
 
 void register_thread(thread_data* thread, bool lock_held) {
@@ -451,10 +478,12 @@ void abandon_thread(thread_data* thread) {
 }
 
 void free_thread_data(thread_data* thread) {
-  if (munmap(thread->code_cache, whole_pages(CODE_CACHE_SIZE)) != 0) {
+  // A record whose making failed lacks one of the two, or both.
+  if (thread->code_cache != nullptr && munmap(thread->code_cache, whole_pages(CODE_CACHE_SIZE)) != 0) {
     log(LEVEL_FATAL, "Error freeing code cache on exit()");
   }
-  if (munmap(thread->cc_link_pool, whole_pages(linked_pool_bytes(LINK_POOL_CAPACITY))) != 0) {
+  if (thread->cc_link_pool != nullptr &&
+      munmap(thread->cc_link_pool, whole_pages(linked_pool_bytes(LINK_POOL_CAPACITY))) != 0) {
     log(LEVEL_FATAL, "Error freeing CC link struct on exit()");
   }
   robin_map_destroy(&thread->return_watch);

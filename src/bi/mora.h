@@ -159,8 +159,8 @@ struct thread_data {
   // Of a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;
   std::uint64_t call_mask_pair[2];     // Address and size of it, for calls that want both.
-  std::uint64_t call_mask_original;    // The application's argument.
-  std::uint32_t call_mask_argument;    // Its number, counted from 1; 0: none has been replaced.
+  std::uint64_t replaced_original;     // The application's argument, a mask or a path, while the kernel gets another.
+  std::uint32_t replaced_argument;     // Its number, counted from 1; 0: none has been replaced.
   // Of the trace fragment that is being scanned: where it begins, and whether it has outgrown the trace area.
   std::uint32_t* trace_fragment_start;
   std::uint32_t trace_fragment_overflow;
@@ -193,6 +193,10 @@ struct engine_globals {
   robin_map function_watches;  // Function address to its record. Under the lock before it.
   interval_map protected_ranges;  // Executable by mprotect, or moved by mremap: no members of exec_ranges. Its own lock.
   std::uint32_t code_ranges_dropped;  // One of the two maps was full once. Relaxed atomic.
+  // Held over a call that changes the application's mappings and over what the engine notes of it. Taken behind brk_lock
+  // and before callbacks_lock.
+  pthread_mutex_t mapping_lock;
+  interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
 };
 
 extern engine_globals engine;
@@ -210,6 +214,15 @@ bool allocate_thread_data(thread_data** out);
 
 // Gives a record its code cache, stubs and tables. Fatal if one of them cannot be mapped.
 void init_thread(thread_data* thread);
+
+// The same for a thread that the application can do without: null, or what could not be mapped, with errno as mmap left
+// it. The record is then good for free_thread_data alone.
+const char* try_init_thread(thread_data* thread);
+
+// What to do when the kernel refuses memory for a thread, for log lines.
+inline constexpr char THREAD_MEMORY_REMEDY[] =
+    "each thread takes 37 MiB of address space, 16 MiB of it writable and executable: raise the limits of address space "
+    "(ulimit -v) and of committed memory, or allow such memory";
 
 // Puts a record into, or takes it out of, the list of live threads, and delivers thread_init or thread_exit before the
 // lock is released. `lock_held`: the caller has thread_list_lock. The second returns -1 if the record is not listed.

@@ -7,10 +7,10 @@
 #include <sys/syscall.h>
 
 #include <atomic>
-#include <cstring>
 
+#include "bi/memory_probe.h"
+#include "bi/mora.h"
 #include "bi/stubs.h"
-#include "bi/syscalls.h"
 
 namespace ceilmeter {
 
@@ -20,12 +20,6 @@ constexpr std::uint64_t HEAD_OFFSET = 8;
 constexpr std::uint64_t HEAD_PENDING = 16;
 constexpr std::uint64_t PRIORITY_BIT = 1;
 constexpr int MOST_ENTRIES = 2048;  // A list that is a circle ends here, as in the kernel.
-
-bool read_word(std::uint64_t address, std::uint64_t* word) {
-  if (!is_readable(address)) return false;
-  std::memcpy(word, reinterpret_cast<const void*>(address), sizeof *word);
-  return true;
-}
 
 void wake_one(std::uint64_t futex) { raw_syscall(SYS_futex, futex, FUTEX_WAKE, 1); }
 
@@ -55,8 +49,7 @@ std::uint64_t find_robust_list() {
   constexpr std::uint64_t calling_thread = 0;
   std::uint64_t head = 0;
   std::uint64_t size = 0;
-  const std::int64_t result = raw_syscall(SYS_get_robust_list, calling_thread, reinterpret_cast<std::uint64_t>(&head),
-                                          reinterpret_cast<std::uint64_t>(&size));
+  const std::int64_t result = raw_syscall(SYS_get_robust_list, calling_thread, address_of(&head), address_of(&size));
   return result == 0 ? head : 0;
 }
 

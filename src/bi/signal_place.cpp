@@ -90,7 +90,7 @@ void leave_reentry_stub(mcontext_t& context) {
 }
 
 void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
-  restore_call_mask(thread, reinterpret_cast<std::uint64_t*>(context.regs), 1);  // The call's result is in x0.
+  restore_argument(thread, reinterpret_cast<std::uint64_t*>(context.regs), 1);  // The call's result is in x0.
   const std::uint64_t frame = context.sp;
   const auto* area = reinterpret_cast<const std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
   const std::uint64_t flags = context.regs[19];
@@ -111,7 +111,7 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
 
 void undo_syscall(thread_data* thread, mcontext_t& context) {
   auto* area = reinterpret_cast<std::uint64_t*>(context.sp + STUB_SIMD_REGS_SIZE);
-  restore_call_mask(thread, area, 0);
+  restore_argument(thread, area, 0);
   for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
   leave_syscall_wrapper(thread, context);
   context.pc -= sizeof(std::uint32_t);

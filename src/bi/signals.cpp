@@ -14,6 +14,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/exit_trap.h"
+#include "bi/signal_actions.h"
 #include "bi/signal_delivery.h"
 #include "bi/signal_place.h"
 #include "bi/stubs.h"

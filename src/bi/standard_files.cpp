@@ -29,9 +29,13 @@ std::uint32_t numbers_for(std::uint64_t number, const std::uint64_t* args) {
     case SYS_accept:
     case SYS_accept4: return input_alone;
     case SYS_dup: return all;
-    case SYS_fcntl:
-      if ((args[1] != F_DUPFD && args[1] != F_DUPFD_CLOEXEC) || args[2] > STDERR_FILENO) return 0;
-      return all >> args[2] << args[2];  // From the number that the application asks for upwards.
+    case SYS_fcntl: {
+      // The kernel reads both arguments as 32 bits.
+      const auto command = static_cast<std::uint32_t>(args[1]);
+      const auto lowest = static_cast<std::uint32_t>(args[2]);
+      if ((command != F_DUPFD && command != F_DUPFD_CLOEXEC) || lowest > STDERR_FILENO) return 0;
+      return all >> lowest << lowest;
+    }
     default: return 0;
   }
 }
@@ -52,7 +56,7 @@ int take_number(std::uint32_t allowed) {
 
 }  // namespace
 
-bool note_close(std::uint64_t fd) {
+bool note_close(std::uint32_t fd) {
   if (fd > STDERR_FILENO) return false;
   closed_standard_files.fetch_or(std::uint32_t{1} << fd, std::memory_order_relaxed);
   // The tool starts no program. What takes the number brings flags of its own.

@@ -10,7 +10,7 @@
 namespace ceilmeter {
 
 // Whether the descriptor is a standard one, whose close is noted here and not made.
-bool note_close(std::uint64_t fd);
+bool note_close(std::uint32_t fd);
 
 // Behind a call that was made: the result that the application gets. A new descriptor moves to the lowest number that was
 // closed and that it would have got.

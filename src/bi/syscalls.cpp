@@ -12,14 +12,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "bi/call_mask.h"
+#include "bi/executable_path.h"
 #include "bi/plugin_delivery.h"
+#include "bi/signal_actions.h"
 #include "bi/signals.h"
 #include "bi/standard_files.h"
 #include "bi/stubs.h"
@@ -33,6 +31,9 @@ namespace {
 
 constexpr engine_log log{"src/bi/syscalls"};
 
+// The kernel reads the number of a call, and every argument of type int, from the low half of its register.
+std::uint32_t low_half(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
+
 // What becomes of a call.
 enum class call_action {
   HANDLED,     // The result is known; the kernel does not see the call any more.
@@ -40,98 +41,9 @@ enum class call_action {
   MAKE_FINAL,  // The same, for the one call that does not come back.
 };
 
-// The kernel's struct sigaction.
-struct kernel_sigaction {
-  std::uint64_t handler;
-  std::uint64_t flags;
-  std::uint64_t restorer;
-  std::uint64_t mask;
-};
-static_assert(sizeof(kernel_sigaction) == 32);
-
-// In what a signal's action in the kernel differs from the one that the application has set, its handler aside.
-struct action_disguise {
-  bool adds_siginfo;     // SA_SIGINFO is the engine's.
-  bool once;             // SA_RESETHAND was the application's: see take_application_handler.
-  bool unmasks_sigill;   // SIGILL was in the application's mask.
-};
-
-// Under signal_handlers_lock. install_sigill_handler has set the action that the first entry tells of.
-action_disguise action_disguises[SIGNAL_COUNT] = {{}, {}, {}, {}, {true, false, false}};
-static_assert(SIGILL == 4);
-
-constexpr std::uint64_t SIGILL_BIT = std::uint64_t{1} << (SIGILL - 1);
-
 // Of the signal frame that an rt_sigreturn finds at the application's stack pointer, from the save area's word 0.
 constexpr std::uint64_t SIGNAL_FRAME_CONTEXT = 0x150;
 static_assert(SIGNAL_FRAME_CONTEXT == SYSCALL_APP_SP + sizeof(siginfo_t), "the kernel's frame begins with a siginfo");
-
-char application_path[PATH_MAX];
-
-constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std::uint64_t);
-
-// The action that the kernel gets for one of the application's. It is a copy: the application's own record may lie in
-// memory that cannot be written, and may be used for another signal afterwards.
-kernel_sigaction disguised_action(int signum, const kernel_sigaction& wanted, action_disguise* disguise) {
-  *disguise = {};
-  // SIGILL is never given up, not even to its default action: traps and the end of the process depend on it.
-  if (signum != SIGILL && wanted.handler <= 1) return wanted;
-  kernel_sigaction action = wanted;
-  action.handler = address_of(reinterpret_cast<const void*>(signal_entry_stub));
-  disguise->adds_siginfo = (wanted.flags & SA_SIGINFO) == 0;
-  action.flags |= SA_SIGINFO;
-  // The kernel would take the handler back when the signal arrives, and nobody would be there when it is raised again.
-  disguise->once = (wanted.flags & SA_RESETHAND) != 0;
-  action.flags &= ~std::uint64_t{SA_RESETHAND};
-  // A trap that strikes while SIGILL is blocked ends the process.
-  disguise->unmasks_sigill = (wanted.mask & SIGILL_BIT) != 0;
-  action.mask &= ~SIGILL_BIT;
-  return action;
-}
-
-// The action as the application has set it. The caller holds signal_handlers_lock.
-kernel_sigaction undisguised_action(int signum, kernel_sigaction action) {
-  const action_disguise& disguise = action_disguises[signum];
-  if (action.handler > 1) action.handler = engine.signal_handlers[signum];
-  if (disguise.adds_siginfo) action.flags &= ~std::uint64_t{SA_SIGINFO};
-  if (disguise.once) action.flags |= SA_RESETHAND;
-  if (disguise.unmasks_sigill) action.mask |= SIGILL_BIT;
-  return action;
-}
-
-std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
-  const auto signum = static_cast<int>(args[0]);
-  const std::uint64_t act = args[1];
-  const std::uint64_t oldact = args[2];
-  kernel_sigaction wanted{};
-  kernel_sigaction action{};
-  kernel_sigaction old{};
-  action_disguise disguise{};
-  if (act != 0) {
-    if (!is_readable(act) || !is_readable(act + LAST_ACTION_WORD)) return -EFAULT;
-    std::memcpy(&wanted, reinterpret_cast<const void*>(act), sizeof wanted);
-    action = disguised_action(signum, wanted, &disguise);
-  }
-
-  // Over the call and the table together: what the table says is what the kernel has.
-  pthread_mutex_lock(&engine.signal_handlers_lock);
-  const std::int64_t result = raw_syscall(SYS_rt_sigaction, args[0], act != 0 ? address_of(&action) : 0,
-                                          oldact != 0 ? address_of(&old) : 0, args[3]);
-  if (result == 0) {
-    if (oldact != 0) old = undisguised_action(signum, old);
-    if (act != 0) {
-      // Atomic, because the signal dispatcher reads it without the lock; relaxed, because it is all that it reads.
-      std::atomic_ref(engine.signal_handlers[signum]).store(wanted.handler, std::memory_order_relaxed);
-      action_disguises[signum] = disguise;
-    }
-  }
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
-  if (result != 0 || oldact == 0) return result;
-  // As in the kernel, the new action is in force even if the old one cannot be told.
-  if (!is_writable(oldact) || !is_writable(oldact + LAST_ACTION_WORD)) return -EFAULT;
-  std::memcpy(reinterpret_cast<void*>(oldact), &old, sizeof old);
-  return result;
-}
 
 // The context that the kernel will restore is rewritten so that the thread comes to the dispatcher with the source address
 // that the application returns to.
@@ -141,28 +53,10 @@ void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
   sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
 }
 
-bool resolve_application_path(char* resolved) { return realpath(engine.argv[0], resolved) != nullptr; }
-
-std::int64_t copy_application_path(char* buffer, std::uint64_t size) {
-  char resolved[PATH_MAX];
-  const char* path = application_path;
-  if (path[0] == '\0') {
-    if (!resolve_application_path(resolved)) return -1;
-    path = resolved;
-  }
-  const std::uint64_t length = std::min<std::uint64_t>(std::strlen(path), size);
-  // No terminator, as from the kernel, and nothing behind the path. Memory that cannot be written is left to the kernel, which
-  // says so. Under the lock, because the copy has the action of SIGSEGV for its time, and a fork finds none on its way.
-  pthread_mutex_lock(&engine.signal_handlers_lock);
-  const int failure = checked_copy(buffer, path, length);
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
-  return failure == 0 ? static_cast<std::int64_t>(length) : -1;
-}
-
-// The application closes, or takes for its own, descriptors by their numbers, which may be those of the engine's duplicates: a
-// number that is the application's by then must not be closed with the code that it was kept for.
-void give_up_descriptors(std::uint64_t first, std::uint64_t last) {
-  interval_map_forget_descriptors(&engine.exec_ranges, static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(last));
+// The application closes descriptors by number, or puts its own in their places. The numbers may be those of the engine's
+// duplicates: the engine forgets them, because it must not close a descriptor that is the application's by then.
+void give_up_descriptors(std::uint32_t first, std::uint32_t last) {
+  interval_map_forget_descriptors(&engine.exec_ranges, first, last);
 }
 
 constexpr std::uint64_t SYS_CLOSE_RANGE = 436;  // Younger than some C libraries' headers, and its flag.
@@ -170,8 +64,8 @@ constexpr std::uint64_t CLOSE_ON_EXEC_ONLY = 4;
 
 // As close does it: the standard descriptors of the range stay open and are noted as closed. The kernel judges the arguments.
 call_action handle_close_range(const std::uint64_t* args, std::int64_t* result) {
-  const auto first = static_cast<std::uint32_t>(args[0]);
-  const auto last = static_cast<std::uint32_t>(args[1]);
+  const std::uint32_t first = low_half(args[0]);
+  const std::uint32_t last = low_half(args[1]);
   if ((args[2] & CLOSE_ON_EXEC_ONLY) != 0) return call_action::MAKE;
   give_up_descriptors(std::max<std::uint32_t>(first, STDERR_FILENO + 1), last);
   if (first > STDERR_FILENO || first > last) return call_action::MAKE;
@@ -188,10 +82,10 @@ call_action handle_close_range(const std::uint64_t* args, std::int64_t* result) 
 call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread,
                            std::int64_t* result) {
   switch (number) {
-    case SYS_dup3: give_up_descriptors(args[1], args[1]); return call_action::MAKE;
+    case SYS_dup3: give_up_descriptors(low_half(args[1]), low_half(args[1])); return call_action::MAKE;
     case SYS_close:
-      if (!note_close(args[0])) {
-        give_up_descriptors(args[0], args[0]);
+      if (!note_close(low_half(args[0]))) {
+        give_up_descriptors(low_half(args[0]), low_half(args[0]));
         return call_action::MAKE;
       }
       *result = 0;
@@ -206,7 +100,10 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       *result = thread->tid;
       return call_action::HANDLED;
     case SYS_rt_sigaction: *result = handle_rt_sigaction(args); return call_action::HANDLED;
-    case SYS_rt_sigreturn: redirect_signal_return(args, thread); return call_action::MAKE_FINAL;
+    case SYS_rt_sigreturn:
+      args[SYSCALL_X8 / 8] = number;  // The stub compares the whole register.
+      redirect_signal_return(args, thread);
+      return call_action::MAKE_FINAL;
     case SYS_shmat: *result = handle_shmat(args); return call_action::HANDLED;
     case SYS_shmdt: *result = handle_shmdt(args); return call_action::HANDLED;
     case SYS_brk: *result = static_cast<std::int64_t>(brk_handler(args[0])); return call_action::HANDLED;
@@ -229,59 +126,14 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
     // first, and the kernel would refuse it anyway; as on a kernel without it, the application does without.
     case SYS_rseq: *result = -ENOSYS; return call_action::HANDLED;
     case SYS_CLOSE_RANGE: return handle_close_range(args, result);
-    default: replace_call_mask(thread, number, args); return call_action::MAKE;
+    default:
+      replace_call_mask(thread, number, args);
+      replace_executable_path(thread, number, args);
+      return call_action::MAKE;
   }
 }
 
 }  // namespace
-
-// No signal mask changes: the first call has no valid way to, the second asks for the mask, which it writes to the place. To
-// both of them 0 means that there is none.
-bool is_readable(std::uint64_t address) {
-  constexpr std::uint64_t no_operation = ~std::uint64_t{0};
-  return address != 0 && raw_syscall(SYS_rt_sigprocmask, no_operation, address, 0, KERNEL_SIGSET_SIZE) != -EFAULT;
-}
-
-bool is_writable(std::uint64_t address) {
-  return address != 0 && raw_syscall(SYS_rt_sigprocmask, SIG_BLOCK, 0, address, KERNEL_SIGSET_SIZE) != -EFAULT;
-}
-
-void remember_application_path() {
-  if (application_path[0] == '\0' && !resolve_application_path(application_path)) application_path[0] = '\0';
-}
-
-std::int64_t readlink_handler(const char* path, char* buffer, std::uint64_t size) {
-  // A size that the kernel refuses is left to it. So is a path that it cannot read the first eight bytes of: a match is
-  // longer than that.
-  if (static_cast<std::int32_t>(size) <= 0 || !is_readable(address_of(path))) return -1;
-  constexpr char prefix[] = "/proc/";
-  if (std::strncmp(path, prefix, sizeof prefix - 1) != 0) return -1;
-  char own[100];
-  std::snprintf(own, sizeof own, "/proc/%d/exe", getpid());
-  if (std::strcmp(path, own) != 0 && std::strcmp(path, "/proc/self/exe") != 0 &&
-      std::strcmp(path, "/proc/thread-self/exe") != 0) {
-    return -1;
-  }
-  return copy_application_path(buffer, size);
-}
-
-std::uint64_t take_application_handler(int signum) {
-  pthread_mutex_lock(&engine.signal_handlers_lock);
-  const std::uint64_t handler = engine.signal_handlers[signum];
-  action_disguise& disguise = action_disguises[signum];
-  if (disguise.once && handler > 1) {
-    disguise.once = false;
-    std::atomic_ref(engine.signal_handlers[signum]).store(0, std::memory_order_relaxed);
-    if (signum != SIGILL) {
-      const kernel_sigaction default_action{};
-      raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&default_action), 0,
-                  KERNEL_SIGSET_SIZE);
-      disguise = {};
-    }
-  }
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
-  return handler;
-}
 
 void leave_syscall(thread_data* thread) {
   // This thread stores its status and then loads the flag; mora_terminate stores the flag and then loads the status. The
@@ -295,6 +147,7 @@ void leave_syscall(thread_data* thread) {
 
 extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                              thread_data* thread) {
+  number = low_half(number);
   log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
   // The first argument is all that a post-syscall callback gets to see: the result takes its place.
   if (engine.plugin_count != 0) thread->syscall_args = args[0];
@@ -327,12 +180,13 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
 // the handler runs first, and the application makes the call after it, from its own instruction.
 extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                               thread_data* thread) {
+  number = low_half(number);
   const std::int32_t held = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const auto judged = static_cast<std::uint64_t>(held) + 1;
   // These two cannot be made anew, since their arguments have been rewritten. Neither waits for a signal.
   if (number == SYS_rt_sigreturn || number == SYS_clone || !has_deliverable_signal(thread)) return judged;
   leave_syscall(thread);
-  restore_call_mask(thread, args, 0);
+  restore_argument(thread, args, 0);
   const std::uint64_t call = next_inst - sizeof(std::uint32_t);
   args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, call);
   args[SYSCALL_NEXT_SOURCE / 8] = call;
@@ -341,12 +195,13 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
 
 extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                      thread_data* thread) {
+  number = low_half(number);
   log(LEVEL_TRACE, "syscall post %ld", static_cast<long>(number));
   if (number == SYS_clone) {
     log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
     finish_fork(thread, args);  // First: locks and signals are held back until then.
   }
-  restore_call_mask(thread, args, 1);
+  restore_argument(thread, args, 1);
   leave_syscall(thread);
   args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
   std::uint64_t result = args[0];

@@ -19,26 +19,11 @@ inline constexpr std::uint32_t VM_FLAG_INTERPRETER = 0x40000000;
 void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
                   std::int32_t fd, std::uint64_t offset, std::uint64_t old_addr, std::uint64_t old_size);
 
-// Whether the kernel can read, or write, the eight bytes at an address of the application's. An address that it cannot use
-// is the application's mistake and has to stay one that it is told of.
-bool is_readable(std::uint64_t address);
-bool is_writable(std::uint64_t address);
-
 // A thread whose call was in the kernel, or was about to be, is in application or engine code again. Does not return if the
 // process is ending.
 void leave_syscall(thread_data* thread);
 
 // The emulated program break: 0 asks for it; returns the break after the call, moved or not.
 std::uint64_t brk_handler(std::uint64_t addr);
-
-// The application's path for a path that names the executable; the number of bytes copied, or -1 for any other path.
-std::int64_t readlink_handler(const char* path, char* buffer, std::uint64_t size);
-
-// Resolves the application's path, once, for readlink_handler: before the application can change its folder.
-void remember_application_path();
-
-// The application's handler for a signal that is about to run it. One that was installed for a single time (SA_RESETHAND)
-// is taken back with it. Only where application code was interrupted: takes signal_handlers_lock.
-std::uint64_t take_application_handler(int signum);
 
 }  // namespace ceilmeter

@@ -126,6 +126,7 @@ void lock_all() {
   pthread_mutex_lock(&engine.thread_list_lock);
   pthread_mutex_lock(&engine.signal_handlers_lock);
   pthread_mutex_lock(&engine.brk_lock);
+  pthread_mutex_lock(&engine.mapping_lock);
   pthread_rwlock_wrlock(&engine.callbacks_lock);
   pthread_mutex_lock(&engine.function_watch_lock);
   pthread_mutex_lock(&engine.exec_ranges.lock);
@@ -137,6 +138,7 @@ void unlock_all() {
   pthread_mutex_unlock(&engine.exec_ranges.lock);
   pthread_mutex_unlock(&engine.function_watch_lock);
   pthread_rwlock_unlock(&engine.callbacks_lock);
+  pthread_mutex_unlock(&engine.mapping_lock);
   pthread_mutex_unlock(&engine.brk_lock);
   pthread_mutex_unlock(&engine.signal_handlers_lock);
   pthread_mutex_unlock(&engine.thread_list_lock);
@@ -150,6 +152,8 @@ void init_all_locks() {
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
   pthread_mutex_init(&engine.protected_ranges.lock, nullptr);
+  pthread_mutex_init(&engine.attached_segments.lock, nullptr);  // Used under mapping_lock alone.
+  pthread_mutex_init(&engine.mapping_lock, nullptr);
   pthread_mutex_init(&spare_streams_lock, nullptr);
   pthread_mutex_init(&ending_threads_lock, nullptr);
 }
@@ -263,6 +267,29 @@ void restore_signal_mask(std::uint64_t mask) {
   raw_syscall(SYS_rt_sigprocmask, SIG_SETMASK, address_of(&mask), 0, KERNEL_SIGSET_SIZE);
 }
 
+namespace {
+
+// A new thread's record, or null if the kernel refuses its memory; what was mapped by then is given back. The first refusal
+// is logged: the application gets the error that it would get of a kernel without memory, and may not tell anybody.
+thread_data* make_thread_record() {
+  static std::atomic<bool> was_refused{false};
+  thread_data* record = nullptr;
+  mora_enter_callback();  // Part of a record is on the heap, and a fork's child must not find that locked.
+  const char* missing = allocate_thread_data(&record) ? try_init_thread(record) : "thread data";
+  const int error = errno;
+  if (missing != nullptr && record != nullptr) free_thread_data(record);
+  mora_leave_callback();
+  if (missing == nullptr) return record;
+  // Relaxed: the flag guards nothing but the number of lines.
+  if (!was_refused.exchange(true, std::memory_order_relaxed)) {
+    log(LEVEL_WARN, "a new thread has no memory for its %s: %s; clone fails with EAGAIN, now and silently from here on; %s",
+        missing, std::strerror(error), THREAD_MEMORY_REMEDY);
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
   // What the kernel refuses too; it is not asked. A pthread shares both.
   constexpr std::uint64_t shared = CLONE_VM | CLONE_SIGHAND;
@@ -271,11 +298,11 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
   if ((args[0] & CLONE_SETTLS) == 0) args[3] = thread->tls;
   std::int32_t child_tid_word = 0;
   thread->clone_shares_vm = 1;
-  thread_data* child = nullptr;
-  mora_enter_callback();  // Part of a record is on the heap, and a fork's child must not find that locked.
-  if (!allocate_thread_data(&child)) log(LEVEL_FATAL, "failed to allocate thread data");
-  init_thread(child);
-  mora_leave_callback();
+  thread_data* child = make_thread_record();
+  if (child == nullptr) {
+    args[3] = application_x3;
+    return -EAGAIN;
+  }
   child->clone_resume_addr = next_inst;
   child->set_tid = &child_tid_word;
   child->clone_args = args;

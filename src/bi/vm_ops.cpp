@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 
+#include "bi/executable_path.h"
 #include "bi/pages.h"
 #include "bi/plugin_delivery.h"
 #include "bi/stubs.h"
@@ -22,7 +23,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/syscalls"};
+constexpr engine_log log{"src/bi/vm_ops"};
 
 constexpr std::int32_t NO_FILE = -1;
 
@@ -58,8 +59,8 @@ void remove_function_watches(std::uint64_t start, std::uint64_t end) {
   pthread_mutex_unlock(&engine.function_watch_lock);
 }
 
-// Code is known by its range: exec_ranges has what was mapped executable, protected_ranges what became so later. A map
-// that is full drops what it is given, and from then on any range may be one of code.
+// Code is known by its range: exec_ranges has what was mapped executable, protected_ranges what became executable later.
+// A full map drops what it is given. From then on any range may hold code.
 bool may_hold_code(std::uint64_t start, std::uint64_t end) {
   return interval_map_overlapping(&engine.exec_ranges, start, end) > 0 ||
          interval_map_overlapping(&engine.protected_ranges, start, end) > 0 ||
@@ -67,13 +68,13 @@ bool may_hold_code(std::uint64_t start, std::uint64_t end) {
 }
 
 void add_code(interval_map* ranges, std::uint64_t start, std::uint64_t end, std::int32_t fd) {
-  // Said before it may be true: in doubt a flush too many.
+  // Set the flag first; an extra flush is harmless.
   if (interval_map_is_full(ranges)) std::atomic_ref(engine.code_ranges_dropped).store(1, std::memory_order_relaxed);
   interval_map_add(ranges, start, end, fd);
 }
 
-// Takes the range out of those of code. If there was any code in it, this thread forgets all that it has rewritten; other
-// threads keep their copies until their own next flush.
+// Takes the range out of both maps. If it held code, this thread flushes its cache; other threads keep their copies until
+// their own next flush.
 void forget_code(std::uint64_t start, std::uint64_t end) {
   const bool dropped = std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
   const bool was_mapped = interval_map_delete(&engine.exec_ranges, start, end) >= 1;
@@ -90,16 +91,16 @@ bool has_rewritten(const thread_data* thread, std::uint64_t start, std::uint64_t
          std::any_of(thread->metas + BB_COUNT, thread->metas + std::max(BB_COUNT, thread->active_trace.id), is_within);
 }
 
-// Something else was mapped over the range. A loader does that to every library that it maps in one piece and then
-// overlays with its data: nobody has run that yet, and the cache stays.
+// Something else was mapped over the range. A loader maps every library in one piece and then overlays it with the data
+// segments. Nothing has run from there yet, and the cache is kept.
 void forget_replaced_code(std::uint64_t start, std::uint64_t end) {
   if (!may_hold_code(start, end)) return;
   interval_map_delete(&engine.protected_ranges, start, end);
   if (has_rewritten(current_thread, start, end)) flush_code_cache(current_thread);
 }
 
-// Code that becomes writable is about to be changed: what has been rewritten of it is forgotten now, and it is scanned again
-// when it is next reached. Code that is changed while it is executable and writable at once goes unseen.
+// Code that becomes writable is about to change: the cache is flushed now, and the code is scanned again when it is next
+// reached. A change of code that is executable and writable at once is not seen here.
 void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t prot) {
   if ((prot & PROT_WRITE) != 0 && may_hold_code(start, end)) {
     interval_map_delete(&engine.protected_ranges, start, end);
@@ -108,7 +109,8 @@ void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t pro
   if ((prot & PROT_EXEC) != 0) add_code(&engine.protected_ranges, start, end, NO_FILE);
 }
 
-// Code has moved with its memory: what was made of it at its old place, and of what was at its new one, is forgotten.
+// Code has moved with its memory. Blocks of its old place, and of what was at its new place before, are flushed, and the
+// new place is known as code.
 void follow_move(page_range from, page_range to, bool replaces) {
   if (replaces) forget_replaced_code(to.start, to.start + to.size);
   const std::uint64_t end = from.start + from.size;
@@ -119,11 +121,11 @@ void follow_move(page_range from, page_range to, bool replaces) {
   }
 }
 
-// The new mapping is not known here: the range stays where it was, under a descriptor of its own.
+// The old range stays known, with a descriptor of its own: plug-ins are told of it, and follow_move adds the new range.
 void remap_range(std::uint64_t start, std::uint64_t end, std::uint64_t old_addr) {
   interval_entry entry{};
   if (interval_map_search(&engine.exec_ranges, old_addr, &entry) != 1) return;
-  // The entry's descriptor ends with the entry. Past the raw call so that no errno of the C library moves.
+  // The entry's descriptor ends with the entry. A raw call leaves the errno of the C library alone.
   const auto duplicate =
       entry.fd < 0 ? std::int64_t{NO_FILE}
                    : raw_syscall(SYS_fcntl, static_cast<std::uint64_t>(entry.fd), F_DUPFD_CLOEXEC);
@@ -187,12 +189,14 @@ std::uint64_t brk_handler(std::uint64_t addr) {
   return result;
 }
 
-std::int64_t handle_mmap(const std::uint64_t* args) {
+namespace {
+
+std::int64_t map_memory(const std::uint64_t* args) {
   const std::uint64_t length = args[1];
   const std::int64_t result =
       raw_syscall(SYS_mmap, args[0], length, kernel_protection(args[0], args[2]), args[3], args[4], args[5]);
-  // Larger error numbers pass as addresses, and the application gets them all the same. Kept as it is known: the ranges
-  // that are reported for them lie at the very top, where there is nothing.
+  // Larger error numbers pass as addresses. The application gets them all the same, and the ranges that are reported for
+  // them lie at the very top of the address space, where nothing is. Kept as it is known.
   if (result < 0 && result > -34) return result;
   const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
   if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) forget_replaced_code(range.start, range.start + range.size);
@@ -202,19 +206,19 @@ std::int64_t handle_mmap(const std::uint64_t* args) {
   return result;
 }
 
-std::int64_t handle_mprotect(const std::uint64_t* args) {
+std::int64_t protect_memory(const std::uint64_t* args) {
   const std::uint64_t prot = kernel_protection(args[0], args[2]);
   const std::int64_t result = raw_syscall(SYS_mprotect, args[0], args[1], prot);
   if (result != 0) return result;
   const page_range range = whole_page_range(args[0], args[1]);
-  // Reported as the kernel has it, not executable: a change of protection does not widen exec_ranges, which tells of
-  // mappings.
+  // Reported as the kernel has it, not executable: exec_ranges tells of mappings, and a change of protection does not
+  // widen it.
   report_vm_op(VM_PROTECT, range.start, range.size, static_cast<std::uint32_t>(prot), 0, NO_FILE, 0, 0, 0);
   follow_protection(range.start, range.start + range.size, args[2]);
   return result;
 }
 
-std::int64_t handle_munmap(const std::uint64_t* args) {
+std::int64_t unmap_memory(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_munmap, args[0], args[1]);
   if (result != 0) return result;
   const page_range range = whole_page_range(args[0], args[1]);
@@ -222,37 +226,58 @@ std::int64_t handle_munmap(const std::uint64_t* args) {
   return result;
 }
 
-std::int64_t handle_mremap(const std::uint64_t* args) {
+std::int64_t move_memory(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_mremap, args[0], args[1], args[2], args[3], args[4]);
   if (is_error(result)) return result;
-  // The engine's view follows the old address; the new one is not reported.
+  // Plug-ins are told of the old address alone; follow_move notes the new one.
   const page_range range = whole_page_range(args[0], args[1]);
   report_vm_op(VM_REMAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), 0, NO_FILE, 0, args[0], args[1]);
   follow_move(range, whole_page_range(static_cast<std::uint64_t>(result), args[2]), (args[3] & MREMAP_FIXED) != 0);
   return result;
 }
 
-std::int64_t handle_shmat(const std::uint64_t* args) {
+std::int64_t attach_segment(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_shmat, args[0], args[1], args[2]);
   std::uint64_t size = 0;
-  // A segment whose size cannot be had, such as one that may not be read, is not reported: there is no range to tell.
+  // A segment whose size cannot be had, such as one that may not be read, is not reported: its range is unknown.
   if (is_error(result) || segment_size(static_cast<int>(args[0]), &size) != 0) return result;
   std::uint32_t prot = PROT_READ;
   if ((args[2] & SHM_RDONLY) == 0) prot |= PROT_WRITE;
   if ((args[2] & SHM_EXEC) != 0) prot |= PROT_EXEC;
-  report_vm_op(VM_MAP, static_cast<std::uint64_t>(result), size, prot, 0, NO_FILE, 0, 0, 0);
+  const auto address = static_cast<std::uint64_t>(result);
+  interval_map_delete(&engine.attached_segments, address, address + size);
+  interval_map_add(&engine.attached_segments, address, address + size, NO_FILE);
+  report_vm_op(VM_MAP, address, size, prot, 0, NO_FILE, 0, 0, 0);
   return result;
 }
 
-std::int64_t handle_shmdt(const std::uint64_t* args) {
-  std::uint64_t size = 0;
-  // The kernel is asked for a segment by the address's low bits, which it may well reject; the segment stays attached
-  // then. Kept as it is known: without the size there is no range to report.
-  const std::int64_t failure = segment_size(static_cast<int>(args[0]), &size);
-  if (failure != 0) return failure;
+// The kernel detaches by the address alone. The size comes from the attachment; one that could not be noted is detached
+// without a report.
+std::int64_t detach_segment(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_shmdt, args[0]);
-  if (result == 0) report_vm_op(VM_UNMAP, args[0], size, 0, 0, NO_FILE, 0, 0, 0);
+  interval_entry attached{};
+  if (result != 0 || interval_map_search(&engine.attached_segments, args[0], &attached) != 1) return result;
+  interval_map_delete(&engine.attached_segments, args[0], attached.end);
+  report_vm_op(VM_UNMAP, args[0], attached.end - args[0], 0, 0, NO_FILE, 0, 0, 0);
   return result;
 }
+
+// Holds mapping_lock over a call and over what the engine notes of it. Without the lock a range that one thread has just
+// unmapped may be mapped by another one and noted as code, before the first thread removes its note.
+std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::uint64_t* args) {
+  pthread_mutex_lock(&engine.mapping_lock);
+  const std::int64_t result = call(args);
+  pthread_mutex_unlock(&engine.mapping_lock);
+  return result;
+}
+
+}  // namespace
+
+std::int64_t handle_mmap(const std::uint64_t* args) { return make_call(map_memory, args); }
+std::int64_t handle_mprotect(const std::uint64_t* args) { return make_call(protect_memory, args); }
+std::int64_t handle_munmap(const std::uint64_t* args) { return make_call(unmap_memory, args); }
+std::int64_t handle_mremap(const std::uint64_t* args) { return make_call(move_memory, args); }
+std::int64_t handle_shmat(const std::uint64_t* args) { return make_call(attach_segment, args); }
+std::int64_t handle_shmdt(const std::uint64_t* args) { return make_call(detach_segment, args); }
 
 }  // namespace ceilmeter

@@ -20,7 +20,6 @@
 #include "bi/mora.h"
 #include "bi/pages.h"
 #include "bi/plugin_delivery.h"
-#include "bi/stubs.h"
 #include "bi/syscalls.h"
 #include "common/log.h"
 
@@ -31,20 +30,9 @@ namespace {
 constexpr engine_log log{"src/elf/elf_loader"};
 
 constexpr std::size_t INTERPRETER_PATH_SIZE = 256;  // With its terminator.
-constexpr std::uint64_t APPLICATION_STACK_SIZE = 0x4000000;
-constexpr std::uint64_t RANDOM_BYTES = 16;  // What AT_RANDOM points to.
-constexpr std::uint64_t STACK_ALIGNMENT = 16;
 
 constexpr int reservation_flags = MAP_PRIVATE | MAP_ANONYMOUS;
 constexpr int segment_flags = MAP_PRIVATE | MAP_FIXED;
-constexpr int stack_flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_GROWSDOWN | MAP_STACK;
-
-// Auxiliary types that C libraries' headers of this age lack.
-constexpr std::uint64_t AUX_RSEQ_FEATURE_SIZE = 27;
-constexpr std::uint64_t AUX_RSEQ_ALIGN = 28;
-constexpr std::uint64_t AUX_HWCAP3 = 29;
-constexpr std::uint64_t AUX_HWCAP4 = 30;
-constexpr std::uint64_t AUX_MINSIGSTKSZ = 51;
 
 // A file under way into memory. The headers are libelf's copies, which relocation changes.
 struct image {
@@ -331,119 +319,6 @@ void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_
       aux->at_phdr = header.p_vaddr + file.header->e_phoff;
     }
   }
-}
-
-namespace {
-
-// The application's stack under construction: words grow upwards from the stack pointer, what they point to downwards
-// from the top.
-//
-//   sp                                                                                                top
-//   | argc | argv ... 0 | envp ... 0 | auxv ... 0 0 | 0 to 15 bytes | ... strings ... argv[1] | argv[0] |
-//
-struct stack_writer {
-  std::uint64_t* word;
-  std::uint8_t* bytes;
-};
-
-void push_word(stack_writer& stack, std::uint64_t word) { *stack.word++ = word; }
-
-std::uint64_t push_bytes(stack_writer& stack, const void* bytes, std::size_t size) {
-  stack.bytes -= size;
-  std::memcpy(stack.bytes, bytes, size);
-  return reinterpret_cast<std::uint64_t>(stack.bytes);
-}
-
-std::uint64_t push_string(stack_writer& stack, const char* string) {
-  return push_bytes(stack, string, std::strlen(string) + 1);
-}
-
-// The kernel puts the vector of a process behind the terminating null of its environment.
-const Elf64_auxv_t* auxiliary_vector(char** envp) {
-  while (*envp != nullptr) ++envp;
-  return reinterpret_cast<const Elf64_auxv_t*>(envp + 1);
-}
-
-const char* string_at(std::uint64_t address) { return reinterpret_cast<const char*>(address); }
-
-// What the stack takes, exactly: its words, its strings, and the random bytes.
-std::uint64_t stack_bytes(const char* path, int argc, char** argv, char** envp) {
-  constexpr std::uint64_t word = sizeof(std::uint64_t);
-  constexpr std::uint64_t pair = 2 * word;
-  std::uint64_t size = std::strlen(path) + 1 + RANDOM_BYTES;
-  size += word * (static_cast<std::uint64_t>(argc) + 4);  // The count, the path, and two terminators.
-  for (int index = 0; index < argc; ++index) size += std::strlen(argv[index]) + 1;
-  for (char** variable = envp; *variable != nullptr; ++variable) size += std::strlen(*variable) + 1 + word;
-  for (const Elf64_auxv_t* entry = auxiliary_vector(envp); entry->a_type != AT_NULL; ++entry) {
-    size += pair;
-    const bool is_string = entry->a_type == AT_PLATFORM || entry->a_type == AT_EXECFN;
-    if (is_string) size += std::strlen(string_at(entry->a_un.a_val)) + 1;
-  }
-  return size + pair;
-}
-
-// The application's value for an entry of the tool's vector, with what it points to pushed.
-std::uint64_t auxiliary_value(stack_writer& stack, const Elf64_auxv_t& entry, const elf_aux_values& aux) {
-  const std::uint64_t value = entry.a_un.a_val;
-  switch (entry.a_type) {
-    case AT_PHDR: return aux.at_phdr;
-    case AT_PHNUM: return aux.at_phnum;
-    case AT_BASE: return aux.at_base;
-    case AT_ENTRY: return aux.at_entry;
-    case AT_PHENT:
-    case AT_PAGESZ:
-    case AT_FLAGS:
-    case AT_UID:
-    case AT_EUID:
-    case AT_GID:
-    case AT_EGID:
-    case AT_HWCAP:
-    case AT_CLKTCK:
-    case AT_SECURE:
-    case AT_HWCAP2:
-    case AUX_RSEQ_FEATURE_SIZE:
-    case AUX_RSEQ_ALIGN:
-    case AUX_HWCAP3:
-    case AUX_HWCAP4:
-    case AT_SYSINFO_EHDR:
-    case AUX_MINSIGSTKSZ: return value;
-    case AT_PLATFORM:
-    case AT_EXECFN: return push_string(stack, string_at(value));
-    case AT_RANDOM: return push_bytes(stack, reinterpret_cast<const void*>(value), RANDOM_BYTES);
-    default:
-      // Whether a value may be passed on unseen depends on its meaning: one that points into the tool may not.
-      log(LEVEL_FATAL, "unhandled auxv entry type: %ld", static_cast<long>(entry.a_type));
-      return 0;
-  }
-}
-
-}  // namespace
-
-void elf_run(std::uint64_t block, const char* path, int argc, char** argv, char** envp, const elf_aux_values* aux) {
-  const std::uint64_t mapping = map(0, APPLICATION_STACK_SIZE, PROT_READ | PROT_WRITE, stack_flags, -1, 0);
-  if (mapping == map_failed) mora_log_exit(EXIT_FAILURE, "Error: couldn't map the application's stack");
-  report_vm_op(VM_MAP, mapping, APPLICATION_STACK_SIZE, PROT_READ | PROT_WRITE, stack_flags, -1, 0, 0, 0);
-
-  const std::uint64_t top = mapping + APPLICATION_STACK_SIZE;
-  const std::uint64_t sp = (top - stack_bytes(path, argc, argv, envp)) & ~(STACK_ALIGNMENT - 1);
-  stack_writer stack{reinterpret_cast<std::uint64_t*>(sp), reinterpret_cast<std::uint8_t*>(top)};
-
-  push_word(stack, static_cast<std::uint64_t>(argc) + 1);
-  push_word(stack, push_string(stack, path));
-  for (int index = 0; index < argc; ++index) push_word(stack, push_string(stack, argv[index]));
-  push_word(stack, 0);
-  for (char** variable = envp; *variable != nullptr; ++variable) push_word(stack, push_string(stack, *variable));
-  push_word(stack, 0);
-  for (const Elf64_auxv_t* entry = auxiliary_vector(envp); entry->a_type != AT_NULL; ++entry) {
-    push_word(stack, entry->a_type);
-    push_word(stack, auxiliary_value(stack, *entry, *aux));
-  }
-  push_word(stack, AT_NULL);
-  push_word(stack, 0);
-
-  enter_application(block, sp);
-  log(LEVEL_FATAL, "unexpected return from elf_run");
-  std::abort();
 }
 
 }  // namespace ceilmeter

@@ -22,8 +22,4 @@ struct elf_aux_values {
 // handles and streams stay open. Raises engine.brk to the end of the application's image.
 void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_t* entry_out, int is_interpreter);
 
-// Builds the application's stack with the `argc` arguments after the path and enters the cache at `block`.
-[[noreturn]] void elf_run(std::uint64_t block, const char* path, int argc, char** argv, char** envp,
-                          const elf_aux_values* aux);
-
 }  // namespace ceilmeter

@@ -58,7 +58,9 @@ std::uint32_t function_watch_set_manual(std::uint32_t flag) {
 int function_watch_parse_elf(Elf* elf, std::uint64_t base) {
   const Elf64_Ehdr* header = elf64_getehdr(elf);
   if (header == nullptr) {
-    log(LEVEL_WARN, "error reading the ELF executable header: %s", elf_errmsg(-1));
+    // Programs map files of every kind as code. Only an ELF file that cannot be read is worth a warning.
+    const int level = elf_kind(elf) == ELF_K_ELF ? LEVEL_WARN : LEVEL_DEBUG;
+    log(level, "error reading the ELF executable header: %s", elf_errmsg(-1));
     return -1;
   }
   const std::uint64_t bias = header->e_type == ET_EXEC ? 0 : base;

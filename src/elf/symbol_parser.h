@@ -12,7 +12,8 @@ namespace ceilmeter {
 // said otherwise. `base` is the address of the mapping just made; not the file's load address: for a file whose executable
 // segment does not begin at virtual address 0 the reported addresses are off by that segment's address, and a watch on
 // such a one simply never fires. A symbol that stands in two tables is told twice, a file that is mapped executable in
-// two pieces as well. 0, or -1 with a warning if the file has no readable header. On the thread that made the mapping.
+// two pieces as well. 0, or -1 if the file has no readable header, with a warning if it is an ELF file. On the thread that
+// made the mapping.
 int function_watch_parse_elf(Elf* elf, std::uint64_t base);
 
 }  // namespace ceilmeter

@@ -2,6 +2,7 @@
 #include "engine_fakes.h"
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,7 +31,15 @@ extern "C" void enter_application(std::uint64_t block, std::uint64_t sp) { test:
 
 extern "C" void* __real_mmap(void* address, std::size_t size, int protection, int flags, int fd, off_t offset);
 
-// The executables are linked with --wrap=mmap.
+extern "C" int __real_getrlimit(int resource, rlimit* limit);
+
+// The executables are linked with --wrap=getrlimit and --wrap=mmap.
+extern "C" int __wrap_getrlimit(int resource, rlimit* limit) {
+  if (resource != RLIMIT_STACK) return __real_getrlimit(resource, limit);
+  *limit = {test::stack_limit, test::stack_limit};
+  return 0;
+}
+
 extern "C" void* __wrap_mmap(void* address, std::size_t size, int protection, int flags, int fd, off_t offset) {
   if (test::mmap_refusal == nullptr || !test::mmap_refusal(size, protection, flags)) {
     return __real_mmap(address, size, protection, flags, fd, offset);
@@ -57,6 +66,7 @@ std::vector<vm_report> vm_reports;
 std::uint64_t faked_page_size = kernel_page_size();
 enter_hook on_enter = come_back;
 mmap_decision mmap_refusal = nullptr;
+std::uint64_t stack_limit = usual_stack_limit;
 
 std::uint64_t kernel_page_size() { return static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)); }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "elf/elf_loader.h"
+#include "elf/initial_stack.h"
 
 namespace ceilmeter::test {
 
@@ -50,6 +51,10 @@ application_entry entry_of_elf_run(std::uint64_t block, const char* path, int ar
 // Says whether mmap fails for want of memory; null: what is possible is done.
 using mmap_decision = bool (*)(std::size_t size, int protection, int flags);
 extern mmap_decision mmap_refusal;
+
+// What getrlimit tells of the stack.
+inline constexpr std::uint64_t usual_stack_limit = 0x800000;
+extern std::uint64_t stack_limit;
 
 // A hook that really starts a program, `block` being its entry's address: for a child process, which it becomes.
 [[noreturn]] void run_in_place(std::uint64_t block, std::uint64_t sp);

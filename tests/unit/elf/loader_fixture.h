@@ -40,6 +40,7 @@ class loader_fixture : public ::testing::Test {
     vm_reports.clear();
     faked_page_size = kernel_page_size();
     mmap_refusal = nullptr;
+    stack_limit = usual_stack_limit;
     engine.brk = 0;
   }
 

@@ -1,4 +1,7 @@
 // The application's first stack, word by word.
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <deque>
 
@@ -77,7 +80,7 @@ class application_stack : public loader_fixture {
     EXPECT_EQ(entry.block, 0xb10cU);
     parsed_stack stack;
     stack.sp = entry.sp;
-    stack.top = vm_reports.at(0).addr + stack_size;
+    stack.top = vm_reports.at(0).addr + vm_reports.at(0).size;
     const auto* word = reinterpret_cast<const std::uint64_t*>(entry.sp);
     stack.count = *word++;
     while (*word != 0) stack.arguments.push_back(*word++);
@@ -106,6 +109,29 @@ TEST_F(application_stack, is_64_mebibytes_that_are_reported) {
   build("/app", {});
   ASSERT_EQ(vm_reports.size(), 1U);
   EXPECT_EQ(vm_reports[0], (vm_report{0, vm_reports[0].addr, stack_size, 3, 0x20122, -1, 0, 0, 0}));
+}
+
+TEST_F(application_stack, has_room_for_what_the_limit_allows) {
+  stack_limit = 5 * stack_size + 1;
+  build("/app", {});
+  EXPECT_EQ(vm_reports.at(0).size, 5 * stack_size);
+}
+
+TEST_F(application_stack, without_a_limit_has_room_for_all_of_the_memory) {
+  const std::uint64_t memory = static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)) * kernel_page_size();
+  stack_limit = RLIM_INFINITY;
+  build("/app", {});
+  EXPECT_EQ(vm_reports.at(0).size, memory);
+  auto* lowest = reinterpret_cast<volatile char*>(vm_reports.at(0).addr);
+  *lowest = 1;
+  EXPECT_EQ(*lowest, 1);
+}
+
+TEST_F(application_stack, is_halved_until_the_kernel_grants_it) {
+  stack_limit = 5 * stack_size;
+  mmap_refusal = [](std::size_t size, int, int) { return size > 2 * stack_size; };
+  build("/app", {});
+  EXPECT_EQ(vm_reports.at(0).size, 5 * stack_size / 4);
 }
 
 TEST_F(application_stack, counts_the_path_as_an_argument) {
@@ -159,7 +185,7 @@ TEST_F(application_stack, has_copies_of_the_platform_and_the_file_name) {
   const parsed_stack stack = build("/app", {});
   const std::size_t count = stack.auxiliary.size();
   EXPECT_EQ(string_at(stack.auxiliary.at(count - 3).second), "aarch64");
-  EXPECT_EQ(string_at(stack.auxiliary.at(count - 2).second), "/usr/bin/tool");
+  EXPECT_EQ(string_at(stack.auxiliary.at(count - 2).second), "/app") << "the application's file, not the tool's";
   for (const std::size_t index : {count - 3, count - 2}) {
     EXPECT_GT(stack.auxiliary[index].second, stack.words_end);
     EXPECT_LT(stack.auxiliary[index].second, stack.top);

@@ -229,13 +229,29 @@ TEST_F(symbol_parser_test, a_name_outside_its_table_is_no_function) {
   EXPECT_EQ(told, told_symbols{});
 }
 
-TEST_F(symbol_parser_test, a_file_that_is_no_elf_file_is_a_warning) {
+TEST_F(symbol_parser_test, a_file_that_is_no_elf_file_is_told_at_debug_alone) {
   write_file("this is no ELF file, but a text that is longer than an ELF file's header would have to be.");
+  {
+    const captured_log log;
+    EXPECT_EQ(parse(), -1);
+    EXPECT_EQ(log.lines().size(), 0u);
+  }
+  log_state::engine_log_level = LEVEL_DEBUG;
+  const captured_log log;
+  EXPECT_EQ(parse(), -1);
+  log_state::engine_log_level = LEVEL_WARN;
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].rfind("debug error reading the ELF executable header: ", 0), 0u) << log.lines()[0];
+  EXPECT_EQ(told, told_symbols{});
+}
+
+TEST_F(symbol_parser_test, an_elf_file_without_a_readable_header_is_a_warning) {
+  write_file(std::string(ELFMAG) + static_cast<char>(ELFCLASS64) + static_cast<char>(ELFDATA2LSB) + static_cast<char>(EV_CURRENT) +
+             std::string(20, '\0'));
   const captured_log log;
   EXPECT_EQ(parse(), -1);
   ASSERT_EQ(log.lines().size(), 1u);
   EXPECT_EQ(log.lines()[0].rfind("warn error reading the ELF executable header: ", 0), 0u) << log.lines()[0];
-  EXPECT_EQ(told, told_symbols{});
 }
 
 TEST_F(symbol_parser_test, an_executable_mapping_of_a_file_has_its_functions_told) {

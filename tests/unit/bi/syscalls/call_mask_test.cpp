@@ -64,7 +64,7 @@ TEST_P(call_masks, after_the_call_the_application_has_its_argument_again) {
   if (GetParam().argument != 0) {
     EXPECT_EQ(args[GetParam().argument], given());
   }
-  EXPECT_EQ(thread->call_mask_argument, 0u);
+  EXPECT_EQ(thread->replaced_argument, 0u);
 }
 
 TEST_P(call_masks, a_result_in_x0_is_not_overwritten) {

@@ -177,6 +177,29 @@ TEST_F(closed_descriptors, a_number_that_was_given_by_name_is_not_given_again) {
   close(copy);
 }
 
+constexpr std::uint64_t high_half = 0x500000000;
+
+TEST_F(syscall_handlers, the_high_half_of_a_calls_number_is_not_read) {
+  EXPECT_EQ(handled(high_half | SYS_rseq, {}), -ENOSYS);
+  EXPECT_EQ(handled(high_half | SYS_brk, {0}), static_cast<std::int64_t>(engine.brk));
+  EXPECT_THROW(syscall_handler_pre(high_half | SYS_exit_group, with_args({3}), next_inst, thread), process_ended);
+}
+
+TEST_F(syscall_handlers, a_signal_return_with_a_high_half_in_its_number_is_one_for_the_stub_too) {
+  alignas(16) static std::uint8_t stack[SYSCALL_FRAME_SIZE + sizeof(siginfo_t) + sizeof(ucontext_t)];
+  auto* area = reinterpret_cast<std::uint64_t*>(stack + STUB_SIMD_REGS_SIZE);
+  area[8] = high_half | SYS_rt_sigreturn;
+  EXPECT_EQ(syscall_handler_pre(area[8], area, next_inst, thread), 1u);
+  EXPECT_NE(fake.redirect_context, nullptr);
+  EXPECT_EQ(area[8], static_cast<std::uint64_t>(SYS_rt_sigreturn));
+}
+
+TEST_F(closed_descriptors, the_high_half_of_a_descriptor_and_of_a_command_is_not_read) {
+  EXPECT_EQ(handled(SYS_close, {high_half | 0}), 0);
+  const int copy = new_pipe_end();
+  EXPECT_EQ(made(SYS_fcntl, {0, high_half | F_DUPFD, high_half | 0}, copy), 0);
+}
+
 TEST_F(syscall_handlers, every_other_descriptor_is_closed) {
   expect_made(SYS_close, {3});
   expect_made(SYS_close, {~std::uint64_t{0}});

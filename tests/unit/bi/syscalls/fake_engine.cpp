@@ -48,13 +48,20 @@ using test::fake;
 std::uint64_t page_size() { return fake.page; }
 
 bool allocate_thread_data(thread_data** out) {
+  if (fake.refuses_record) {
+    errno = ENOMEM;
+    return false;
+  }
   void* mapping = mmap(nullptr, sizeof(thread_data), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapping == MAP_FAILED) return false;
   *out = static_cast<thread_data*>(mapping);
   return true;
 }
 
-void init_thread(thread_data*) {}
+const char* try_init_thread(thread_data*) {
+  errno = EACCES;
+  return fake.missing_memory;
+}
 
 void free_thread_data(thread_data* thread) {
   ++fake.records_freed;
@@ -125,6 +132,8 @@ syscalls_test::syscalls_test() : frame{}, args(reinterpret_cast<std::uint64_t*>(
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
   interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
+  interval_map_init(&engine.attached_segments, EXEC_RANGES_CAPACITY);
+  pthread_mutex_init(&engine.mapping_lock, nullptr);
   engine.code_ranges_dropped = 0;
   robin_map_init(&engine.function_watches, 264);
   allocate_thread_data(&thread);

@@ -31,6 +31,8 @@ struct fake_engine_state {
   thread_data* flushed;           // The last one.
   int threads_registered;
   int records_freed;
+  bool refuses_record;            // allocate_thread_data fails.
+  const char* missing_memory;     // What try_init_thread could not map.
   int pthread_create_error;       // What pthread_create returns if not 0.
   pthread_attributes given_attributes;  // To the last pthread_create.
   bool signal_is_deliverable;     // What has_deliverable_signal tells.

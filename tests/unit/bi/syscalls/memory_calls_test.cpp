@@ -268,11 +268,24 @@ TEST_F(shared_segments, an_error_of_shmat_is_returned_and_nothing_becomes_known)
   EXPECT_EQ(engine.exec_ranges.count, 0);
 }
 
-TEST_F(shared_segments, detaching_asks_for_a_segment_by_the_address_and_leaves_it_attached_if_there_is_none) {
+TEST_F(shared_segments, detaching_detaches_and_makes_the_code_of_the_segment_unknown) {
+  const auto address = static_cast<std::uint64_t>(handled(SYS_shmat, {static_cast<std::uint64_t>(id), 0, SHM_EXEC}));
+  const auto other = static_cast<std::uint64_t>(handled(SYS_shmat, {static_cast<std::uint64_t>(id), 0, SHM_EXEC}));
+  EXPECT_EQ(handled(SYS_shmdt, {address}), 0);
+  EXPECT_FALSE(is_readable_memory(address));
+  EXPECT_EQ(known(address, 3 * fake.page), 0);
+  EXPECT_EQ(fake.flushes, 1);
+  EXPECT_EQ(known(other, 3 * fake.page), 1);
+  EXPECT_EQ(handled(SYS_shmdt, {other}), 0);
+  EXPECT_EQ(engine.attached_segments.count, 0);
+}
+
+TEST_F(shared_segments, detaching_where_nothing_is_attached_is_the_kernels_error) {
   const auto address = static_cast<std::uint64_t>(handled(SYS_shmat, {static_cast<std::uint64_t>(id), 0, 0}));
-  EXPECT_EQ(handled(SYS_shmdt, {address}), -EINVAL);
+  EXPECT_EQ(handled(SYS_shmdt, {address + fake.page}), -EINVAL);
   EXPECT_TRUE(is_readable_memory(address));
-  shmdt(reinterpret_cast<void*>(address));
+  EXPECT_EQ(handled(SYS_shmdt, {address}), 0);
+  EXPECT_EQ(handled(SYS_shmdt, {address}), -EINVAL);
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <string>
 
+#include "bi/executable_path.h"
+#include "bi/stubs.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {
@@ -44,7 +46,7 @@ TEST_F(readlink_handler_test, the_three_names_of_the_executable_give_the_resolve
 }
 
 TEST_F(readlink_handler_test, any_other_path_is_left_to_the_kernel) {
-  const std::string other = "/proc/" + std::to_string(getpid() + 1) + "/exe";
+  const std::string other = "/proc/" + std::to_string(getppid()) + "/exe";
   for (const char* path : {"/proc/self/ex", "/proc/self/exe2", "/proc/self/cwd", "/usr", "", "exe", other.c_str()}) {
     read(path);
     EXPECT_EQ(length, -1) << path;
@@ -99,6 +101,80 @@ TEST_F(readlink_handler_test, the_system_call_is_made_for_other_paths_only) {
                                      address_of(buffer), sizeof buffer}),
             static_cast<std::int64_t>(real_shell().size()));
   expect_made(SYS_readlinkat, {static_cast<std::uint64_t>(AT_FDCWD), address_of("/bin/sh"), address_of(buffer), sizeof buffer});
+}
+
+TEST_F(readlink_handler_test, a_thread_of_the_process_and_its_task_folder_name_the_executable_too) {
+  const std::string process = std::to_string(getpid());
+  const std::string id = std::to_string(gettid());
+  for (const std::string& path : {"/proc/self/task/" + id + "/exe", "/proc/" + process + "/task/" + id + "/exe",
+                                  std::string("//proc//self///exe"), "/proc/" + id + "/exe"}) {
+    EXPECT_EQ(read(path.c_str()), real_shell()) << path;
+  }
+}
+
+// What a call is made with when the application gives it `path`. In a child: the path that is remembered stays for the process.
+class executable_path_test : public readlink_handler_test {
+ protected:
+  static constexpr std::uint64_t here = static_cast<std::uint64_t>(AT_FDCWD);
+
+  // Runs the check in a child that has remembered the application's path.
+  template <typename check>
+  static void in_child(const check& holds) {
+    const pid_t child = fork();
+    if (child == 0) {
+      remember_application_path();
+      _exit(holds() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+
+  // Whether the kernel gets the application's path as argument `index`, and the application its own argument back.
+  bool is_replaced(std::uint64_t number, std::vector<std::uint64_t> values, std::size_t index) {
+    const std::uint64_t original = values[index];
+    if (syscall_handler_pre(number, with_args(values), next_inst, thread) != 1) return false;
+    const bool replaced = args[index] != original && real_shell() == reinterpret_cast<const char*>(args[index]);
+    const bool result_takes_the_place = index == 0;
+    if (result_takes_the_place) args[0] = 5;
+    syscall_handler_post(number, args, next_inst, thread);
+    return replaced && args[index] == (result_takes_the_place ? 5 : original);
+  }
+
+  const std::uint64_t name = address_of("/proc/self/exe");
+};
+
+TEST_F(executable_path_test, calls_that_follow_the_link_mean_the_applications_file) {
+  in_child([&] { return is_replaced(SYS_execve, {name, 0, 0}, 0); });
+  in_child([&] { return is_replaced(SYS_execveat, {here, name, 0, 0, 0}, 1); });
+  in_child([&] { return is_replaced(SYS_openat, {here, name, O_RDONLY}, 1); });
+  in_child([&] { return is_replaced(SYS_newfstatat, {here, name, 0, 0}, 1); });
+  in_child([&] { return is_replaced(SYS_statx, {here, name, 0, 0, 0}, 1); });
+  in_child([&] { return is_replaced(SYS_faccessat, {here, name, 0}, 1); });
+  in_child([&] { return is_replaced(SYS_statfs, {name, 0}, 0); });
+}
+
+TEST_F(executable_path_test, an_open_by_record_means_the_file_unless_the_record_restricts_it) {
+  constexpr std::uint64_t openat2 = 437;
+  static std::uint64_t how[3];
+  in_child([&] { return is_replaced(openat2, {here, name, address_of(how), sizeof how}, 1); });
+  in_child([&] {
+    how[2] = 4;  // RESOLVE_NO_SYMLINKS
+    return !is_replaced(openat2, {here, name, address_of(how), sizeof how}, 1);
+  });
+  in_child([&] { return !is_replaced(openat2, {here, name, 8, sizeof how}, 1); });
+}
+
+TEST_F(executable_path_test, a_call_that_asks_for_the_link_keeps_its_path) {
+  in_child([&] { return !is_replaced(SYS_openat, {here, name, O_PATH | O_NOFOLLOW}, 1); });
+  in_child([&] { return !is_replaced(SYS_newfstatat, {here, name, 0, AT_SYMLINK_NOFOLLOW}, 1); });
+  in_child([&] { return !is_replaced(SYS_statx, {here, name, AT_SYMLINK_NOFOLLOW, 0, 0}, 1); });
+}
+
+TEST_F(executable_path_test, other_paths_and_bad_ones_stay) {
+  in_child([&] { return !is_replaced(SYS_openat, {here, address_of("/proc/self/exe2"), O_RDONLY}, 1); });
+  in_child([&] { return !is_replaced(SYS_openat, {here, address_of("/proc/1/exe"), O_RDONLY}, 1); });
+  in_child([&] { return !is_replaced(SYS_openat, {here, 8, O_RDONLY}, 1); });
 }
 
 // Last of the file: the path that is remembered stays for the process, which the test's own child is.

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <thread>
 
+#include "bi/signal_actions.h"
 #include "bi/signals.h"
 #include "bi/stubs.h"
 #include "fake_engine.h"

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <string>
 
 #include "bi/stubs.h"
 #include "bi/threads.h"
@@ -232,6 +233,34 @@ TEST_F(application_threads, a_thread_that_cannot_be_made_is_an_error_of_the_call
   EXPECT_EQ(fake.records_freed, 1);
   EXPECT_EQ(engine.thread_list, thread);
   EXPECT_EQ(signal_mask(), mask);
+}
+
+TEST_F(application_threads, a_thread_without_memory_is_an_error_of_the_call_and_the_first_one_is_logged) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const int standard_error = dup(STDERR_FILENO);
+  dup2(ends[1], STDERR_FILENO);
+  fake.refuses_record = true;
+  EXPECT_EQ(start(pthread_flags), -EAGAIN);
+  EXPECT_EQ(fake.records_freed, 0);
+  fake.refuses_record = false;
+  fake.missing_memory = "code cache";
+  EXPECT_EQ(start(pthread_flags, 0x2222), -EAGAIN);
+  dup2(standard_error, STDERR_FILENO);
+  close(standard_error);
+  close(ends[1]);
+  EXPECT_EQ(fake.records_freed, 1);
+  EXPECT_EQ(args[3], 0x2222u);
+  EXPECT_EQ(engine.thread_list, thread);
+  char text[2048] = "";
+  const ssize_t length = read(ends[0], text, sizeof text - 1);
+  close(ends[0]);
+  ASSERT_GT(length, 0);
+  const std::string lines(text, static_cast<std::size_t>(length));
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 1) << lines;
+  EXPECT_NE(lines.find("warn a new thread has no memory for its thread data: Cannot allocate memory; "), std::string::npos)
+      << lines;
+  EXPECT_NE(lines.find("ulimit -v"), std::string::npos) << lines;
 }
 
 TEST_F(application_threads, a_thread_that_would_share_no_memory_or_handlers_is_refused_as_by_the_kernel) {
