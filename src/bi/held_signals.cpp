@@ -46,6 +46,10 @@ bool hold_signal(held_signals& held, const siginfo_t& info) {
   return false;
 }
 
+void forget_held_signals(held_signals& held) {
+  for (held_signal& record : held.records) release(record, FREE);
+}
+
 void take_held_signal(held_signals& held, int signum, int pid, unsigned uid) {
   // Only the thread itself empties records, so that the one found stays as it is.
   held_signal* record = longest_waiting(held, signum);

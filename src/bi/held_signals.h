@@ -33,11 +33,16 @@ struct held_signals {
   siginfo_t raised;
 };
 
+static_assert(offsetof(held_signals, raised) == offsetof(held_signals, saved_x3) + 8, "stubs.S steps from one to the other");
+
 // Keeps what was sent with a signal. False if no record is free. In a signal handler.
 bool hold_signal(held_signals& held, const siginfo_t& info);
 
 // Moves what was sent with the signal `signum` that has waited longest to `raised`; what finds no record becomes a signal of
 // tgkill, sent by this process `pid` of user `uid`. On the thread's own way back into the cache.
 void take_held_signal(held_signals& held, int signum, int pid, unsigned uid);
+
+// Empties all records, as in the child of a fork, which starts without pending signals. No signal may strike meanwhile.
+void forget_held_signals(held_signals& held);
 
 }  // namespace ceilmeter

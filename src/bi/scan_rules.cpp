@@ -6,6 +6,7 @@
 #include "bi/code_writer.h"
 #include "bi/plugin_delivery.h"
 #include "bi/scan_ahead.h"
+#include "bi/source_map.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -48,6 +49,10 @@ void put_vector_load(const code_writer& code, std::uint32_t opc, std::uint32_t r
 
 }  // namespace
 
+void mark_inserted_code(scan_state& state) {
+  if (engine.plugin_count != 0) mark_source(state.thread, state.write, MARK_INSERTED);
+}
+
 std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int width) {
   return address_of(read) + static_cast<std::uint64_t>(a64_sign_extend(field, width) * 4);
 }
@@ -59,6 +64,7 @@ void rewrite_svc(scan_state& state) {
   code.load_const(x29, address_of(next));
   code.bl(state.thread->syscall_wrapper_addr);
   code.pop(x0, x1);
+  mark_inserted_code(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, next});
   state.bb_start = next;
   deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
@@ -138,12 +144,14 @@ void copy_unknown(scan_state& state) {
   for (int left = following_words(*state.read); left > 0; --left) {
     const std::uint32_t* next = state.read + 1;
     if (begins_unreadable_page(next) || a64_decode(next) != A64_NOT_RECOGNISED || is_branch_without_class(*next)) break;
+    mark_source(state.thread, state.write, MARK_SOURCE);
     code.word(*++state.read);
   }
 }
 
 void put_fault(scan_state& state) {
   const code_writer code{state.write};
+  code.push(x0);  // The fault's handler finds the application's x0.
   code.load_const(x0, address_of(state.read));
   code.ldr_w(x0, at(x0));
   state.stop = true;

@@ -10,6 +10,7 @@
 #include "bi/plugin_delivery.h"
 #include "bi/scan_ahead.h"
 #include "bi/scan_rules.h"
+#include "bi/source_map.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -151,7 +152,10 @@ void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_bra
 
 // Writes a direct branch to the word, which begins its own block. It is linked like any other exit: otherwise code that the
 // decoder does not know, SVE code above all, would pass through the dispatcher at each of its words.
-void end_before_this_word(scan_state& state) { put_direct_exit(state, address_of(state.read)); }
+void end_before_this_word(scan_state& state) {
+  mark_source(state.thread, state.write, MARK_SOURCE);
+  put_direct_exit(state, address_of(state.read));
+}
 
 void leave_to_its_own_block(scan_state& state) {
   end_before_this_word(state);
@@ -200,12 +204,14 @@ void log_word(const scan_state& state, int inst) {
 void scan_word(scan_state& state) {
   const int inst = a64_decode(state.read);
   if (log_state::engine_log_level >= LEVEL_TRACE) log_word(state, inst);
+  mark_source(state.thread, state.write, MARK_SOURCE);
   const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
   if (!replaced) rewrite(state, inst);
   if (state.write >= state.limit) {
     log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit), static_cast<void*>(state.write));
   }
   if (!state.stop) reserve_space(state, EXIT_SPACE);
+  mark_inserted_code(state);
   deliver_scan_event(state, {MORA_POST_INST, inst, !state.stop, nullptr});
   ++state.read;
 }
@@ -248,6 +254,7 @@ void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::ui
     if (address_of(*limit) > address_of(*write) + size + TRACE_END_SPACE) return;
     thread->trace_fragment_overflow = 1;
     *write = thread->trace_fragment_start;
+    begin_source_marks(thread, *write);
     return;
   }
   while (address_of(*limit) <= address_of(*write) + size) {
@@ -257,7 +264,9 @@ void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::ui
     std::uint32_t* block = block_words(thread, added);
     // Blocks are handed out in rising order, so the new one is adjacent unless a flush has come between.
     if (block != *limit) {
+      std::uint32_t* branch = *write;
       code_writer{*write}.b(address_of(block));
+      continue_source_marks(thread, branch, block);
       *write = block;
     }
     *limit = block + BB_SIZE / sizeof(std::uint32_t);
@@ -279,10 +288,12 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   }
   if (type != FRAGMENT_TRACE) code_writer{state.write}.pop(x0, x1);
   clear_exit(meta, cache_end);
+  begin_source_marks(thread, start);
 
   if (!is_readable(read_address)) {
     put_fault(state);
     meta.source_words = 1;
+    end_source_marks(thread, state.write);
     return static_cast<std::uint32_t>(state.write - start) * 4;
   }
   if (type == FRAGMENT_BLOCK && find_end(read_address).is_direct_branch) put_hot_counter(state);
@@ -293,6 +304,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
   meta.source_words = static_cast<std::uint32_t>(state.read - read_address);
+  end_source_marks(thread, state.write);
   return static_cast<std::uint32_t>(state.write - start) * 4;
 }
 

@@ -44,8 +44,9 @@ void count_visit(thread_data* thread) {
   std::atomic_ref(thread->pending_signal_count).fetch_add(1, std::memory_order_relaxed);
 }
 
-void count_signal(thread_data* thread, int signum) {
-  std::atomic_ref(thread->pending_signals[signum]).fetch_add(1, std::memory_order_relaxed);
+void count_signal(thread_data* thread, const siginfo_t& info) {
+  hold_signal(thread->held, info);  // Before it is counted: who takes it off its counter looks for the record.
+  std::atomic_ref(thread->pending_signals[info.si_signo]).fetch_add(1, std::memory_order_relaxed);
   count_visit(thread);
 }
 
@@ -78,6 +79,7 @@ extern "C" std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t* in
     info[0] = static_cast<std::uint64_t>(judged);
     return 0;
   }
+  take_held_signal(thread->held, signum, getpid(), getuid());
   info[0] = static_cast<std::uint64_t>(getpid());
   info[1] = static_cast<std::uint64_t>(gettid());
   info[2] = static_cast<std::uint64_t>(signum);

@@ -1,6 +1,7 @@
 // Signals that have been counted and wait to be raised again, and the mask that decides whether they may be.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 
 #include "bi/mora.h"
@@ -11,7 +12,7 @@ namespace ceilmeter {
 inline std::uint64_t signal_bit(int signum) { return std::uint64_t{1} << (signum - 1); }
 
 // Counts a signal, to be raised again on the thread's next way back into the cache. Called in the signal's handler.
-void count_signal(thread_data* thread, int signum);
+void count_signal(thread_data* thread, const siginfo_t& info);
 
 // Counts none, but makes the thread's next way back into the cache come to deliver_pending_signal.
 void count_visit(thread_data* thread);

@@ -6,7 +6,10 @@
 #include <atomic>
 #include <cstring>
 
+#include "bi/a64/a64.h"
 #include "bi/call_mask.h"
+#include "bi/scan_ahead.h"
+#include "bi/source_map.h"
 #include "bi/stubs.h"
 
 namespace ceilmeter {
@@ -28,6 +31,20 @@ fpsimd_context* fpsimd_record(mcontext_t& context) {
     head = reinterpret_cast<_aarch64_ctx*>(reinterpret_cast<unsigned char*>(head) + head->size);
   }
   return nullptr;
+}
+
+// Whether a literal load is rewritten with x0 as its base, which is pushed around it: all but those into a general register,
+// which serves as the base itself.
+bool borrows_x0(const std::uint32_t* source) {
+  if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return false;
+  constexpr std::uint32_t zero_register = 31;
+  constexpr std::uint32_t prefetch = 3;
+  std::uint32_t opc = 0;
+  std::uint32_t is_vector = 0;
+  std::uint32_t imm19 = 0;
+  std::uint32_t reg = 0;
+  a64_ldr_literal_decode(source, &opc, &is_vector, &imm19, &reg);
+  return is_vector != 0 || opc == prefetch || reg == zero_register;
 }
 
 }  // namespace
@@ -79,9 +96,10 @@ void look_again(const thread_data* thread, mcontext_t& context) {
   }
 }
 
-void leave_reentry_stub(mcontext_t& context) {
+void leave_reentry_stub(const thread_data* thread, mcontext_t& context) {
   const auto* frame = reinterpret_cast<const std::uint64_t*>(context.sp);
   context.regs[2] = frame[2];
+  context.regs[3] = thread->held.saved_x3;
   context.regs[8] = frame[3];
   context.regs[0] = frame[4];
   context.regs[1] = frame[5];
@@ -115,6 +133,26 @@ void undo_syscall(thread_data* thread, mcontext_t& context) {
   for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
   leave_syscall_wrapper(thread, context);
   context.pc -= sizeof(std::uint32_t);
+}
+
+bool is_in_fault_block(const thread_data* thread, std::uint64_t pc) {
+  if (!is_in_code_range(thread, pc)) return false;
+  const std::int32_t id = exit_owner(thread, pc);
+  return id > 0 && thread->metas[id].exit_kind == EXIT_NOT_SET;
+}
+
+bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
+  if (!is_in_code_range(thread, context.pc)) return false;
+  const std::uint64_t source = source_of_cache_address(thread, context.pc);
+  if (source == 0) return false;
+  // The accesses of both rules are the only loads of this kind in their code; their pushes are of another.
+  const bool loads = a64_decode(reinterpret_cast<const std::uint32_t*>(context.pc)) == A64_LDR_STR_UNSIGNED;
+  if (loads && (is_in_fault_block(thread, context.pc) || borrows_x0(reinterpret_cast<const std::uint32_t*>(source)))) {
+    context.regs[0] = *reinterpret_cast<const std::uint64_t*>(context.sp);
+    context.sp += 16;
+  }
+  context.pc = source;
+  return true;
 }
 
 }  // namespace ceilmeter

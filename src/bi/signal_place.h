@@ -33,7 +33,7 @@ bool is_before_syscall(const thread_data* thread, std::uint64_t pc);
 void look_again(const thread_data* thread, mcontext_t& context);
 
 // The signal was raised on purpose in cache_reentry_stub: takes the stub's frame apart.
-void leave_reentry_stub(mcontext_t& context);
+void leave_reentry_stub(const thread_data* thread, mcontext_t& context);
 
 // The signal came at the return of a system call: takes the wrapper's frame apart. The application stands behind its SVC, and
 // x0 to x8 are as the kernel left them.
@@ -42,5 +42,14 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context);
 // The signal came before the call was made, or has interrupted it in a way that lets it be made again (SA_RESTART): the
 // application stands at its own SVC, with the arguments as they were.
 void undo_syscall(thread_data* thread, mcontext_t& context);
+
+// The thread has faulted in a fragment: the context becomes that of the source instruction, its program counter and all registers
+// that the rewritten code has borrowed. A literal load into a general register is an exception: the register already holds the
+// literal's address, since the load would have overwritten it. Returns false and changes nothing where no source instruction
+// stands behind the fault, as in a stub.
+bool restore_faulted_context(const thread_data* thread, mcontext_t& context);
+
+// Whether the thread stands in a block for a place that cannot be executed.
+bool is_in_fault_block(const thread_data* thread, std::uint64_t pc);
 
 }  // namespace ceilmeter

@@ -37,7 +37,7 @@ bool is_fault(int signum, const siginfo_t* info) { return is_synchronous(signum)
 // its mask, at the word behind the trap.
 void raise_at_return(mcontext_t& context) {
   block_all_signals();
-  raw_syscall(NR_TGKILL, context.regs[0], context.regs[1], context.regs[2]);
+  raw_syscall(NR_RT_TGSIGQUEUEINFO, context.regs[0], context.regs[1], context.regs[2], context.regs[3]);
   context.pc += sizeof(std::uint32_t);
 }
 
@@ -51,11 +51,20 @@ void set_kernel_action(int signum, std::uint64_t handler) {
   sigaction(signum, &action, nullptr);
 }
 
-// A fault of the application's. The source address of the faulting word is not known: the handler finds pc 0.
-signal_exit handle_synchronous(thread_data* thread, int signum, ucontext_t* ucontext) {
+// A fault of the application's. Its handler finds the source instruction and goes on where it says. Only a fault of the engine's
+// own pushes on the application's stack has no source instruction: the handler finds pc 0 then.
+signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t* ucontext) {
+  const int signum = info->si_signo;
   const std::uint64_t handler = take_application_handler(signum);
   if (handler > 1) {
-    ucontext->uc_mcontext.pc = 0;
+    mcontext_t& context = ucontext->uc_mcontext;
+    const std::uint64_t pc = context.pc;
+    const bool cannot_execute = is_in_fault_block(thread, pc);
+    if (!restore_faulted_context(thread, context)) context.pc = 0;
+    // Of an undefined instruction or a breakpoint the kernel names the place, of an access what it was to.
+    if (reinterpret_cast<std::uint64_t>(info->si_addr) == pc) info->si_addr = reinterpret_cast<void*>(context.pc);
+    // There may be code later.
+    if (cannot_execute) flush_code_cache(thread);
     return enter_handler(thread, handler);
   }
   set_kernel_action(signum, handler);
@@ -105,7 +114,7 @@ signal_exit lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
 // The application's state is complete, or lies in a stub's frame at known places: the handler runs now. False elsewhere.
 bool restore_application_context(thread_data* thread, mcontext_t& context) {
   if (is_stub_point(thread, context.pc, reentry_signal_point)) {
-    leave_reentry_stub(context);
+    leave_reentry_stub(thread, context);
     return true;
   }
   const bool returns = is_stub_point(thread, context.pc, syscall_return_point);
@@ -149,7 +158,8 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
   auto* ucontext = static_cast<ucontext_t*>(ucontext_pointer);
   mcontext_t& context = ucontext->uc_mcontext;
   thread_data* thread = current_thread;
-  const bool fault = is_fault(signum, static_cast<const siginfo_t*>(info_pointer));
+  auto* info = static_cast<siginfo_t*>(info_pointer);
+  const bool fault = is_fault(signum, info);
   look_again(thread, context);
   const std::uint64_t pc = context.pc;
 
@@ -168,13 +178,13 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
       handle_trap(thread, ucontext, id);
       return GO_ON;
     }
-    if (id >= 0) trap_fragment_exit(thread, id, place);
+    if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
     if (!is_in_cache(thread, pc)) log(LEVEL_FATAL, "synchronous signal outside the code cache");
-    return handle_synchronous(thread, signum, ucontext);
+    return handle_synchronous(thread, info, ucontext);
   }
-  count_signal(thread, signum);
+  count_signal(thread, *info);
   return GO_ON;
 }
 

@@ -16,6 +16,7 @@ std::size_t index_of(const thread_data* thread, const std::uint32_t* place) {
 
 void set_mark(thread_data* thread, const std::uint32_t* place, source_mark mark) {
   const std::size_t index = index_of(thread, place);
+  if (index >= CODE_CACHE_SIZE / sizeof *place) return;  // Written elsewhere, as by a test of the writing alone.
   const auto shift = static_cast<std::uint32_t>(index % SOURCE_MARKS_PER_WORD * MARK_BITS);
   std::uint64_t& word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
   word = (word & ~(MARK_MASK << shift)) | std::uint64_t{mark} << shift;

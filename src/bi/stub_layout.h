@@ -31,4 +31,5 @@
 #define HOT_COUNTER_SLOTS 4
 
 #define NR_TGKILL 0x83
+#define NR_RT_TGSIGQUEUEINFO 0xf0
 #define NR_RT_SIGRETURN 0x8b

@@ -362,14 +362,14 @@ syscall_leave:
 //   x1   source address that it stands for; the application's x0 and x1 are on the stack
 //
 //   The one point where a signal that was held back is raised: all of the application's state is in place here but
-//   x0, x1, x2 and x8, and those are at known places, see reentry_signal_point.
+//   x0 to x3 and x8, and those are at known places, see reentry_signal_point.
 //
 //   Frame while deliver_pending_signal runs, from sp up: the vector state; x4 to x21; then
 //     x3, -                 0x00
 //     x29, x30              0x10
 //     result area           0x20: process id, thread id, signal number
 //     cache, source address 0x40
-//     x2, x8                0x50: x8 is kept here across the tgkill
+//     x2, x8                0x50: x8 is kept here across the call that raises the signal
 //     x0, x1                0x60: pushed by whoever came here
 global_label cache_reentry_stub
         str     x2, [sp, #-16]!
@@ -407,15 +407,22 @@ global_label reentry_branch
         ldr     x2, [sp, #0x10]
         ldp     x0, x1, [sp], #0x20
         str     x8, [sp, #0x18]
-        mov     x8, #NR_TGKILL
+        // What was sent with the signal lies behind the word that keeps the application's x3.
+        ldr     x8, word_raised_signal
+        str     x3, [x8], #8
+        mov     x3, x8
+        mov     x8, #NR_RT_TGSIGQUEUEINFO
 // With SVE a copy has a trap here: a system call gives up the vectors' upper parts and the predicates, which the
 // application needs. The signal dispatcher makes the call then, and the kernel raises the signal where the call would
 // have.
 global_label reentry_raise
         svc     #0
-// Raised here: from sp up the cache address, the source address, x2, x8, and the application's x0 and x1.
+// Raised here: from sp up the cache address, the source address, x2, x8, and the application's x0 and x1. Its x3 is where
+// word_raised_signal says.
 global_label reentry_signal_point
         // Not raised: it was blocked meanwhile and stays pending in the kernel. There may be others.
+        ldr     x8, word_raised_signal
+        ldr     x3, [x8]
         ldp     x2, x8, [sp, #0x10]
         ldp     x0, x1, [sp], #0x20
         b       cache_reentry_stub
@@ -450,11 +457,13 @@ syscall_with_held_signals:
         sub     w10, w0, #1
         b       syscall_restart_window
 
-// The data words. Two differ from thread to thread and are filled in each copy by init_thread.
+// The data words. Three differ from thread to thread and are filled in each copy by init_thread.
         .balign 8
 global_label word_thread_data
         .xword  0
 global_label word_pending_signal_count
+        .xword  0
+global_label word_raised_signal
         .xword  0
 word_dispatcher:
         .xword  dispatcher

@@ -38,6 +38,7 @@ extern const std::uint8_t reentry_resume_window[];
 extern const std::uint8_t reentry_resume_branch[];
 extern const std::uint8_t word_thread_data[];
 extern const std::uint8_t word_pending_signal_count[];
+extern const std::uint8_t word_raised_signal[];
 
 void signal_entry_stub();
 void guarded_call_stub();

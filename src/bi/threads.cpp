@@ -232,11 +232,17 @@ void copy_parent_state(std::uint64_t child_stack, const std::uint64_t* args) {
 
 // Signals that were counted for this thread and not yet raised. Another thread gets them: with this one's end they would
 // be lost to the process. The caller has all signals blocked, so that they do not come back here.
-void hand_over_held_signals(const thread_data* thread) {
-  const auto process = static_cast<std::uint64_t>(getpid());
+void hand_over_held_signals(thread_data* thread) {
+  const pid_t process = getpid();
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
     for (std::int32_t held = thread->pending_signals[signum]; held > 0; --held) {
-      raw_syscall(SYS_kill, process, static_cast<std::uint64_t>(signum));
+      take_held_signal(thread->held, signum, process, getuid());
+      const auto to = static_cast<std::uint64_t>(process);
+      const auto number = static_cast<std::uint64_t>(signum);
+      // The kernel lets a thread forge no sender but itself: what another process has sent keeps its number alone.
+      if (raw_syscall(SYS_rt_sigqueueinfo, to, number, address_of(&thread->held.raised)) != 0) {
+        raw_syscall(SYS_kill, to, number);
+      }
     }
   }
 }
@@ -429,6 +435,7 @@ void reinit_after_fork(thread_data* thread) {
   // A child starts without pending signals: what was counted stays the parent's.
   std::memset(thread->pending_signals, 0, sizeof thread->pending_signals);
   thread->pending_signal_count = 0;
+  forget_held_signals(thread->held);
   free_other_threads(thread);
   engine.thread_list = thread;
   thread->next = nullptr;

@@ -105,6 +105,10 @@ void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t pro
   if ((prot & PROT_WRITE) != 0 && may_hold_code(start, end)) {
     interval_map_delete(&engine.protected_ranges, start, end);
     flush_code_cache(current_thread);
+  } else if ((prot & PROT_EXEC) == 0) {
+    // Code that may not be executed any more faults when it is next reached, and may be other code by the time it is executable
+    // again.
+    forget_replaced_code(start, end);
   }
   if ((prot & PROT_EXEC) != 0) add_code(&engine.protected_ranges, start, end, NO_FILE);
 }
