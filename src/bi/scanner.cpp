@@ -6,6 +6,7 @@
 #include "a64/classifier_rows.h"
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_cache.h"
 #include "bi/code_words.h"
 #include "bi/dispatcher.h"
 #include "bi/plugin_delivery.h"

@@ -20,6 +20,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/call_mask.h"
+#include "bi/code_cache.h"
 #include "bi/code_words.h"
 #include "bi/signal_actions.h"
 #include "bi/stubs.h"
