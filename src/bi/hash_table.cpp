@@ -8,7 +8,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/hash_table"};
+constexpr engine_log log{"src/bi/common"};  // The containers log as one unit.
 
 }  // namespace
 

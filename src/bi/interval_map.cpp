@@ -13,7 +13,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/interval_map"};
+constexpr engine_log log{"src/bi/common"};  // The containers log as one unit.
 
 // A dead entry passes this test too if the range encloses both its ends; the range then counts and swallows it.
 bool overlaps(const interval_entry& entry, std::uint64_t start, std::uint64_t end) {
