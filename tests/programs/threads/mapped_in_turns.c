@@ -32,7 +32,7 @@ static void* map_and_run(void* argument) {
 }
 
 int main(int argc, char** argv) {
-  rounds = count_or(argc, argv, 100);
+  rounds = count_or(argc, argv, 25);
   pthread_t threads[THREADS];
   for (size_t index = 0; index < THREADS; ++index) {
     CHECK(pthread_create(&threads[index], NULL, map_and_run, (void*)index) == 0);
