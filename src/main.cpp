@@ -12,6 +12,7 @@
 #include "build_configuration.h"
 #include "collector.h"
 #include "collector_config.h"
+#include "common/file_pattern.h"
 #include "common/log.h"
 #include "option_parser.h"
 #include "progress.h"

@@ -18,8 +18,8 @@ inline constexpr std::uint64_t SIGILL_BIT = std::uint64_t{1} << (SIGILL - 1);
 void replace_call_mask(thread_data* thread, std::uint64_t number, std::uint64_t* args);
 
 // After the call, or when it is not made: gives back the argument that was replaced, the mask here or the path in
-// executable_path.h, in the save area or in the registers of a signal's context. An argument below `first` is left, since
-// the call's result may stand there.
+// executable_path.h, in the save area or in the registers of a signal's context. An argument below `first` is left,
+// since the call's result may stand there.
 void restore_argument(thread_data* thread, std::uint64_t* registers, std::uint32_t first);
 
 }  // namespace ceilmeter

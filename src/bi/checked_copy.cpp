@@ -26,7 +26,8 @@ extern "C" {
 void checked_copy_handler(int signal, siginfo_t* info, void* context);
 
 // The handler of the action that checked_copy replaced: a jump's target, or SIG_DFL or SIG_IGN as a number. Written
-// before checked_copy_handler can be entered, and again, with the same value unless an action changed in between, after.
+// before checked_copy_handler can be entered, and again, with the same value unless an action changed in between,
+// after.
 std::uintptr_t checked_copy_old_handler;
 
 // Where checked_copy_handler goes with a signal that is not the copy's if there is no old handler to enter.

@@ -1,10 +1,10 @@
 // A copy that survives a fault. Memory that an address of the application's leads to may have gone, and the engine may
 // not die of looking at it.
 //
-// How: byte_copy is a leaf in assembly that pushes nothing, so that at every instruction of it "return -1" is a branch to
-// two instructions. While it runs, SIGSEGV is caught by a handler that makes this branch by moving the program counter of
-// the interrupted context, if the kernel raised the signal inside byte_copy. The program counter alone decides; the
-// handler reads no thread-local word and jumps over no frame, as a siglongjmp would.
+// How: byte_copy is a leaf in assembly that pushes nothing, so that at every instruction of it "return -1" is a branch
+// to two instructions. While it runs, SIGSEGV is caught by a handler that makes this branch by moving the program
+// counter of the interrupted context, if the kernel raised the signal inside byte_copy. The program counter alone
+// decides; the handler reads no thread-local word and jumps over no frame, as a siglongjmp would.
 //
 // The action of a signal belongs to the whole process, and in the engine the application's actions stand in the kernel
 // too, as the engine's own entry for them. So:
@@ -23,13 +23,14 @@
 
 namespace ceilmeter {
 
-// Copies `size` bytes from `source` to `destination`, one by one and upwards, so that an overlap with `destination` above
-// `source` repeats what lies between. Returns 0. Any thread, any context.
+// Copies `size` bytes from `source` to `destination`, one by one and upwards, so that an overlap with `destination`
+// above `source` repeats what lies between. Returns 0. Any thread, any context.
 extern "C" int byte_copy(void* destination, const void* source, std::size_t size);
 
-// The same, but returns -1 if reading or writing faults with SIGSEGV; the bytes before the faulting one have been copied
-// then. Also -1, with nothing copied, if the signal cannot be caught. Any thread; not in a signal handler, and not in a
-// child forked while another thread was in it. An access beyond the end of a mapped file is SIGBUS and not survived.
+// The same, but returns -1 if reading or writing faults with SIGSEGV; the bytes before the faulting one have been
+// copied then. Also -1, with nothing copied, if the signal cannot be caught. Any thread; not in a signal handler, and
+// not in a child forked while another thread was in it. An access beyond the end of a mapped file is SIGBUS and not
+// survived.
 int checked_copy(void* destination, const void* source, std::size_t size);
 
 }  // namespace ceilmeter

@@ -1,5 +1,6 @@
 // Byte offsets of the container fields that emitted code and assembly address. Included by assembly as well: nothing
-// but preprocessor constants may stand here. common.h ties each to its field.
+// but preprocessor constants may stand here. hash_table.h and linked_pool.h
+// tie each to its field.
 #pragma once
 
 #define HASH_TABLE_SIZE_OFFSET 0

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "bi/checked_copy.h"
 #include "bi/memory_probe.h"
 #include "bi/pages.h"
 #include "bi/stubs.h"
@@ -34,8 +35,8 @@ constexpr std::size_t NAME_SIZE = 64;
 
 bool resolve_application_path(char* resolved) { return realpath(engine.argv[0], resolved) != nullptr; }
 
-// Copies a path of the application's. False if it is longer than any name of the executable or cannot be read. The first
-// eight bytes are probed together: every name of the executable is longer than that.
+// Copies a path of the application's. False if it is longer than any name of the executable or cannot be read. The
+// first eight bytes are probed together: every name of the executable is longer than that.
 bool copy_path(std::uint64_t address, char (&name)[NAME_SIZE]) {
   if (!is_readable(address)) return false;
   for (std::size_t index = 0; index < NAME_SIZE; ++index) {
@@ -47,7 +48,8 @@ bool copy_path(std::uint64_t address, char (&name)[NAME_SIZE]) {
   return false;
 }
 
-// Takes `component` and the slashes behind it off the front of `*path`. A component ends at a slash or at the path's end.
+// Takes `component` and the slashes behind it off the front of `*path`. A component ends at a slash or at the path's
+// end.
 bool take_component(const char** path, const char* component) {
   const std::size_t length = std::strlen(component);
   if (std::strncmp(*path, component, length) != 0) return false;
@@ -138,7 +140,8 @@ std::int64_t readlink_handler(const char* path, char* buffer, std::uint64_t size
   }
   const auto length = std::min<std::uint64_t>(std::strlen(application), static_cast<std::uint32_t>(size));
   // As from the kernel there is no terminator, and nothing is written behind the path. The kernel reports memory that
-  // cannot be written. checked_copy replaces the action of SIGSEGV for its time; the lock keeps a fork from copying that.
+  // cannot be written. checked_copy replaces the action of SIGSEGV for its time; the lock keeps a fork from copying
+  // that.
   pthread_mutex_lock(&engine.signal_handlers_lock);
   const int failure = checked_copy(buffer, application, length);
   pthread_mutex_unlock(&engine.signal_handlers_lock);

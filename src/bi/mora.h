@@ -3,9 +3,9 @@
 // address. Application code never runs where it was loaded: what runs is its rewritten copy in the code cache of the
 // thread, one fragment at a time.
 //
-// Who may touch what: a thread_data, with all that it holds, belongs to its own thread. The exceptions are `next`, `status`
-// and `tid`, which mora_terminate reads under thread_list_lock, and the counters of pending signals, which a signal may
-// move at any moment. Code caches are private to a thread, so that patching code needs no lock.
+// Who may touch what: a thread_data, with all that it holds, belongs to its own thread. The exceptions are `next`,
+// `status` and `tid`, which mora_terminate reads under thread_list_lock, and the counters of pending signals, which a
+// signal may move at any moment. Code caches are private to a thread, so that patching code needs no lock.
 #pragma once
 
 #include <pthread.h>
@@ -13,8 +13,11 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "bi/common.h"
+#include "bi/hash_table.h"
 #include "bi/held_signals.h"
+#include "bi/interval_map.h"
+#include "bi/linked_pool.h"
+#include "bi/robin_map.h"
 #include "bi/stub_layout.h"
 
 namespace ceilmeter {
@@ -153,7 +156,7 @@ struct thread_data {
   // Beyond the application's own state: how the thread's end reaches those who wait for it, see threads.cpp.
   std::int32_t* library_tid_word;     // What the C library wants cleared when this thread ends; null: not known.
   std::int32_t* application_tid_word; // What the application wants cleared and woken.
-  std::uint64_t saved_signal_mask;    // Around a clone, which runs with every signal blocked; of a new thread: its first.
+  std::uint64_t saved_signal_mask;    // Around a clone, which blocks every signal; of a new thread: its first mask.
   std::uint64_t clone_stack;          // The argument of the fork-like clone that is being made.
   std::uint8_t clone_holds_locks;     // The engine's locks are held over the fork-like clone that is being made.
   // Of a call with a signal mask of its own, see call_mask.h.
@@ -186,15 +189,15 @@ struct engine_globals {
   std::uint32_t exit_flag;  // Set to 1 once, by mora_terminate; read without a lock by every thread.
   std::uint32_t plugin_count;
   std::uint64_t plugins[MAX_PLUGINS][PLUGIN_SLOTS];  // Slots 1 to 18: callbacks by event; 19: the plug-in's data.
-  // Shared while plug-ins' code runs, and alone over a fork: the child then finds their data and the heap as they are between
-  // two callbacks. Taken behind brk_lock and before function_watch_lock.
+  // Shared while plug-ins' code runs, and alone over a fork: the child then finds their data and the heap as they are
+  // between two callbacks. Taken behind brk_lock and before function_watch_lock.
   pthread_rwlock_t callbacks_lock;
   pthread_mutex_t function_watch_lock;
   robin_map function_watches;  // Function address to its record. Under the lock before it.
-  interval_map protected_ranges;  // Executable by mprotect, or moved by mremap: no members of exec_ranges. Its own lock.
+  interval_map protected_ranges;  // Executable by mprotect, or moved by mremap: not in exec_ranges. Has its own lock.
   std::uint32_t code_ranges_dropped;  // One of the two maps was full once. Relaxed atomic.
-  // Held over a call that changes the application's mappings and over what the engine notes of it. Taken behind brk_lock
-  // and before callbacks_lock.
+  // Held over a call that changes the application's mappings and over what the engine notes of it. Taken behind
+  // brk_lock and before callbacks_lock.
   pthread_mutex_t mapping_lock;
   interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
 };
@@ -221,48 +224,13 @@ const char* try_init_thread(thread_data* thread);
 
 // What to do when the kernel refuses memory for a thread, for log lines.
 inline constexpr char THREAD_MEMORY_REMEDY[] =
-    "each thread takes 37 MiB of address space, 16 MiB of it writable and executable: raise the limits of address space "
-    "(ulimit -v) and of committed memory, or allow such memory";
+    "each thread takes 37 MiB of address space, 16 MiB of it writable and executable: raise the limits of address "
+    "space (ulimit -v) and of committed memory, or allow such memory";
 
 // Puts a record into, or takes it out of, the list of live threads, and delivers thread_init or thread_exit before the
 // lock is released. `lock_held`: the caller has thread_list_lock. The second returns -1 if the record is not listed.
 void register_thread(thread_data* thread, bool lock_held);
 int unregister_thread(thread_data* thread, bool lock_held);
-
-// The index of a free block, after a flush if few are left.
-std::int32_t allocate_bb(thread_data* thread);
-
-// Forgets every fragment of the thread. Nothing is overwritten: code that is running finishes and finds an empty table.
-void flush_code_cache(thread_data* thread);
-
-// A block's address before the block is scanned: its code comes to the dispatcher, which has it scanned in its place.
-std::uint64_t stub_bb(thread_data* thread, std::uint64_t source);
-std::uint64_t lookup_or_stub(thread_data* thread, std::uint64_t source);
-
-// Rewrites the code at `source` into block `bb_id`, or into a new one if that is 0. Returns its cache address.
-std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id);
-
-// The cache address for `source`, scanned if need be. `*out_cached`, unless null, tells whether it was there.
-std::uint64_t _lookup_or_scan(thread_data* thread, std::uint64_t source, std::int32_t* out_cached);
-std::uint64_t lookup_or_scan(thread_data* thread, std::uint64_t source);
-
-// The entry table alone; HASH_MISS if it is not there.
-std::uint64_t hash_lookup_entry(const thread_data* thread, std::uint64_t source);
-
-bool is_in_traces(const thread_data* thread, std::uint64_t address);
-
-// The index of the block that an address of the basic-block area lies in, its upper bound included; -1 elsewhere.
-std::int32_t cc_addr_to_bb_id(const thread_data* thread, std::uint64_t address);
-
-// The fragment that a cache address belongs to; a continued block belongs to the one that it continues. -1: none.
-std::int32_t addr_to_fragment_id(const thread_data* thread, std::uint64_t address);
-
-// The fragment whose record describes the exit of the code at `pc`. A block that was continued more than once is found
-// step by step: only the first one's record has the exit. -1: none.
-std::int32_t exit_owner(const thread_data* thread, std::uint64_t pc);
-
-// Notes that the branch at `from` goes to `to`, for whoever has to lead it elsewhere later.
-void record_cc_link(thread_data* thread, std::uint64_t from, std::uint64_t to);
 
 // Ends the process with `status` after every other thread has left the code cache or is parked in a system call.
 [[noreturn]] void mora_terminate(thread_data* thread, std::int32_t status);
@@ -275,8 +243,5 @@ void free_thread_data(thread_data* thread);
 
 // The page size, asked of the kernel once.
 std::uint64_t page_size();
-
-// The number of blocks at the start of a code cache that the copy of the stub text takes.
-std::int32_t stub_block_count();
 
 }  // namespace ceilmeter

@@ -14,6 +14,7 @@
 #include "bi/dispatcher.h"
 #include "bi/mora.h"
 #include "bi/plugin.h"
+#include "bi/register_mask.h"
 #include "bi/scanner.h"
 #include "bi/stubs.h"
 

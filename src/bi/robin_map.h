@@ -9,8 +9,8 @@
 //   growth      Beyond nine tenths: 64 buckets hold 58 entries, and the next insertion, even of a key that is there,
 //               doubles them first. Records are inserted again from the list's tail, by the same rules.
 //
-// Bucket pointers are void after any insertion or removal. Value pointers hold until their key is removed. A map belongs
-// to one thread or to whoever holds its owner's lock.
+// Bucket pointers are void after any insertion or removal. Value pointers hold until their key is removed. A map
+// belongs to one thread or to whoever holds its owner's lock.
 #pragma once
 
 #include <cstddef>
@@ -65,8 +65,8 @@ bool robin_map_init(robin_map* map, std::uint32_t value_size);
 // Frees the buckets and all values. The map is to be initialised again before any other use.
 void robin_map_destroy(robin_map* map);
 
-// Inserts `key` with a copy of the value_size bytes at `value`, not null. `*stored`, unless `stored` is null, is then the key's
-// value, new or found; null after a failure.
+// Inserts `key` with a copy of the value_size bytes at `value`, not null. `*stored`, unless `stored` is null, is then
+// the key's value, new or found; null after a failure.
 robin_insert_result robin_map_insert(robin_map* map, std::uint64_t key, const void* value, void** stored);
 
 // The key's value, or null for a miss.

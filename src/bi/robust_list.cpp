@@ -1,6 +1,6 @@
-// The layout of the list is the kernel's (struct robust_list_head): the first entry's address, the distance from an entry to
-// its futex word, and the entry that is being added or taken out. An entry holds the address of the next; the last one's leads
-// back to the head. Bit 0 of an address marks a mutex with priority inheritance.
+// The layout of the list is the kernel's (struct robust_list_head): the first entry's address, the distance from an
+// entry to its futex word, and the entry that is being added or taken out. An entry holds the address of the next; the
+// last one's leads back to the head. Bit 0 of an address marks a mutex with priority inheritance.
 #include "bi/robust_list.h"
 
 #include <linux/futex.h>
@@ -57,9 +57,8 @@ void settle_robust_list(std::uint64_t head, std::int32_t tid) {
   std::uint64_t entry = 0;
   std::uint64_t offset = 0;
   std::uint64_t pending = 0;
-  if (!read_word(head, &entry) || !read_word(head + HEAD_OFFSET, &offset) || !read_word(head + HEAD_PENDING, &pending)) {
-    return;
-  }
+  if (!read_word(head, &entry) || !read_word(head + HEAD_OFFSET, &offset)) return;
+  if (!read_word(head + HEAD_PENDING, &pending)) return;
   for (int count = 0; (entry & ~PRIORITY_BIT) != head && count < MOST_ENTRIES; ++count) {
     // Read first: once its futex is free the entry may be anybody's.
     std::uint64_t next = 0;

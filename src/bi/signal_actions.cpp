@@ -41,8 +41,8 @@ static_assert(SIGILL == 4);
 
 constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std::uint64_t);
 
-// The action that the kernel gets for one of the application's. It is a copy: the application's record may lie in memory
-// that cannot be written, and the application may use it for another signal afterwards.
+// The action that the kernel gets for one of the application's. It is a copy: the application's record may lie in
+// memory that cannot be written, and the application may use it for another signal afterwards.
 kernel_sigaction disguised_action(int signum, const kernel_sigaction& wanted, action_disguise* disguise) {
   *disguise = {};
   // SIGILL is never given up, not even to its default action: traps and the end of the process depend on it.

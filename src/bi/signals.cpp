@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "bi/a64/a64.h"
+#include "bi/code_cache.h"
 #include "bi/exit_trap.h"
 #include "bi/signal_actions.h"
 #include "bi/signal_delivery.h"

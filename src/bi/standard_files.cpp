@@ -14,8 +14,8 @@ namespace ceilmeter {
 
 namespace {
 
-// Bit n: descriptor n was closed and has not been opened since. Threads that open at once may both find a bit set: the one
-// that clears it has the number.
+// Bit n: descriptor n was closed and has not been opened since. Threads that open at once may both find a bit set: the
+// one that clears it has the number.
 std::atomic<std::uint32_t> closed_standard_files{0};
 
 // The closed numbers that a call's new descriptor may take, as bits; 0 of calls that return no new descriptor.

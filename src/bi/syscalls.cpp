@@ -15,7 +15,9 @@
 #include <csignal>
 
 #include "bi/call_mask.h"
+#include "bi/code_cache.h"
 #include "bi/executable_path.h"
+#include "bi/fork.h"
 #include "bi/plugin_delivery.h"
 #include "bi/signal_actions.h"
 #include "bi/signals.h"
@@ -45,16 +47,17 @@ enum class call_action {
 constexpr std::uint64_t SIGNAL_FRAME_CONTEXT = 0x150;
 static_assert(SIGNAL_FRAME_CONTEXT == SYSCALL_APP_SP + sizeof(siginfo_t), "the kernel's frame begins with a siginfo");
 
-// The context that the kernel will restore is rewritten so that the thread comes to the dispatcher with the source address
-// that the application returns to.
+// The context that the kernel will restore is rewritten so that the thread comes to the dispatcher with the source
+// address that the application returns to.
 void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
   auto* context = reinterpret_cast<ucontext_t*>(reinterpret_cast<char*>(args) + SIGNAL_FRAME_CONTEXT);
   context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
   sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
 }
 
-// The application closes descriptors by number, or puts its own in their places. The numbers may be those of the engine's
-// duplicates: the engine forgets them, because it must not close a descriptor that is the application's by then.
+// The application closes descriptors by number, or puts its own in their places. The numbers may be those of the
+// engine's duplicates: the engine forgets them, because it must not close a descriptor that is the application's by
+// then.
 void give_up_descriptors(std::uint32_t first, std::uint32_t last) {
   interval_map_forget_descriptors(&engine.exec_ranges, first, last);
 }
@@ -62,7 +65,8 @@ void give_up_descriptors(std::uint32_t first, std::uint32_t last) {
 constexpr std::uint64_t SYS_CLOSE_RANGE = 436;  // Younger than some C libraries' headers, and its flag.
 constexpr std::uint64_t CLOSE_ON_EXEC_ONLY = 4;
 
-// As close does it: the standard descriptors of the range stay open and are noted as closed. The kernel judges the arguments.
+// As close does it: the standard descriptors of the range stay open and are noted as closed. The kernel judges the
+// arguments.
 call_action handle_close_range(const std::uint64_t* args, std::int64_t* result) {
   const std::uint32_t first = low_half(args[0]);
   const std::uint32_t last = low_half(args[1]);
@@ -71,7 +75,8 @@ call_action handle_close_range(const std::uint64_t* args, std::int64_t* result) 
   if (first > STDERR_FILENO || first > last) return call_action::MAKE;
   constexpr std::uint64_t no_file = ~std::uint32_t{0};
   const bool has_others = last > STDERR_FILENO;
-  *result = raw_syscall(SYS_CLOSE_RANGE, has_others ? STDERR_FILENO + 1 : no_file, has_others ? last : no_file, args[2]);
+  const std::uint64_t first_other = has_others ? STDERR_FILENO + 1 : no_file;
+  *result = raw_syscall(SYS_CLOSE_RANGE, first_other, has_others ? last : no_file, args[2]);
   if (*result == 0) {
     for (std::uint32_t fd = first; fd <= std::min<std::uint32_t>(last, STDERR_FILENO); ++fd) note_close(fd);
   }
@@ -118,12 +123,12 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       return call_action::HANDLED;
     case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
     case SYS_mprotect: *result = handle_mprotect(args); return call_action::HANDLED;
-    // Made as it stands clone3 would start a thread on a stack without the wrapper's frame. As on a kernel that does not
-    // have it, the C library falls back to clone.
+    // Made as it stands clone3 would start a thread on a stack without the wrapper's frame. As on a kernel that does
+    // not have it, the C library falls back to clone.
     case SYS_clone3:
-    // The kernel begins a restartable sequence again when it finds the thread interrupted in it, by the addresses of the
-    // application's code, where no thread ever is. Nearly always the thread's own C library, the tool's, has registered
-    // first, and the kernel would refuse it anyway; as on a kernel without it, the application does without.
+    // The kernel begins a restartable sequence again when it finds the thread interrupted in it, by the addresses of
+    // the application's code, where no thread ever is. Nearly always the thread's own C library, the tool's, has
+    // registered first, and the kernel would refuse it anyway; as on a kernel without it, the application does without.
     case SYS_rseq: *result = -ENOSYS; return call_action::HANDLED;
     case SYS_CLOSE_RANGE: return handle_close_range(args, result);
     default:
@@ -136,9 +141,9 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
 }  // namespace
 
 void leave_syscall(thread_data* thread) {
-  // This thread stores its status and then loads the flag; mora_terminate stores the flag and then loads the status. The
-  // fence here and the one there forbid that both loads see the old values, which would let this thread run on in the
-  // cache while the process is torn down: either it finds the flag, or mora_terminate finds it running and goes on
+  // This thread stores its status and then loads the flag; mora_terminate stores the flag and then loads the status.
+  // The fence here and the one there forbid that both loads see the old values, which would let this thread run on in
+  // the cache while the process is torn down: either it finds the flag, or mora_terminate finds it running and goes on
   // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
   std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_seq_cst);
@@ -157,8 +162,8 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
     std::int64_t kernel_result = 0;
     switch (act_on_syscall(number, args, next_inst, thread, &kernel_result)) {
       case call_action::MAKE:
-        // Release: pairs with the acquire in mora_terminate, which may deliver this thread's thread_exit while the thread
-        // is in the kernel and then reads what the thread has counted.
+        // Release: pairs with the acquire in mora_terminate, which may deliver this thread's thread_exit while the
+        // thread is in the kernel and then reads what the thread has counted.
         std::atomic_ref(thread->status).store(THREAD_IN_SYSCALL, std::memory_order_release);
         return 1;
       case call_action::MAKE_FINAL: return 1;

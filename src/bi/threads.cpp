@@ -1,9 +1,10 @@
-// The life of the application's threads and of its children.
+// The life of the application's threads.
 //
-// Every thread of the application's but the process's first is a pthread of the tool's, so that the tool's C library works
-// in it. It stands on the pthread's stack twice, before it enters the cache and after it has left it for good; in between
-// it is on the application's. A thread's id word is cleared by the kernel when the thread ends, and there can be only
-// one: the application's C library and the tool's both want theirs. See set_application_tid_word and settle_tid_words.
+// Every thread of the application's but the process's first is a pthread of the tool's, so that the tool's C library
+// works in it. It stands on the pthread's stack twice, before it enters the cache and after it has left it for good; in
+// between it is on the application's. A thread's id word is cleared by the kernel when the thread ends, and there can
+// be only one: the application's C library and the tool's both want theirs. See set_application_tid_word and
+// settle_tid_words.
 #include "bi/threads.h"
 
 #include <linux/futex.h>
@@ -17,9 +18,10 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 
+#include "bi/code_cache.h"
+#include "bi/ending_threads.h"
 #include "bi/plugin_delivery.h"
 #include "bi/robust_list.h"
 #include "bi/signals.h"
@@ -31,7 +33,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/syscalls"};
+constexpr engine_log log{"src/bi/threads"};
 
 constexpr std::size_t THREAD_STACK_SIZE = 0x21000;
 constexpr std::size_t THREAD_GUARD_SIZE = 0x1000;
@@ -44,127 +46,9 @@ constexpr std::uint64_t CHILD_ENTRY = 256;  // Where start_on_stack begins.
 constexpr std::uint64_t CHILD_X0 = 16;
 constexpr std::uint64_t CHILD_X1 = 8;
 
-// Streams that wait in the parent for the next child: a child may find the heap locked for ever by a thread that it does
-// not have, and so cannot make its own. Written under spare_streams_lock; a child has them to itself.
-pthread_mutex_t spare_streams_lock = PTHREAD_MUTEX_INITIALIZER;
-std::FILE* spare_stdout = nullptr;
-std::FILE* spare_stderr = nullptr;
-
-void make_spare_streams() {
-  mora_enter_callback();  // They come from the heap, and another thread's fork must not find that locked.
-  pthread_mutex_lock(&spare_streams_lock);
-  // For writing, not for appending: fdopen would set O_APPEND on the open file for an "a", which the parent and everyone
-  // else who has the file would find set.
-  if (spare_stdout == nullptr) spare_stdout = fdopen(STDOUT_FILENO, "w");
-  if (spare_stderr == nullptr) spare_stderr = fdopen(STDERR_FILENO, "w");
-  pthread_mutex_unlock(&spare_streams_lock);
-  mora_leave_callback();
-}
-
-// Leaves behind what the parent's streams hold unwritten and any lock that another thread had on them. A descriptor that
-// was closed gives no stream: the old one stays then.
-void take_spare_streams() {
-  if (spare_stdout != nullptr) stdout = spare_stdout;
-  if (spare_stderr != nullptr) stderr = spare_stderr;
-  spare_stdout = nullptr;
-  spare_stderr = nullptr;
-}
-
-// Threads that have left the engine for good and are in the C library's end of a thread, which takes locks of the heap and
-// of the library's own. A fork waits until the kernel knows them no more: a child would find such a lock held for ever.
-// Only a thread that holds callbacks_lock, shared, adds itself, so that none comes while a fork waits with the lock to
-// itself.
-constexpr std::size_t ENDING_THREADS_MAX = 64;
-pthread_mutex_t ending_threads_lock = PTHREAD_MUTEX_INITIALIZER;
-std::int32_t ending_threads[ENDING_THREADS_MAX];
-std::size_t ending_thread_count = 0;
-
-// The caller holds ending_threads_lock.
-void forget_gone_threads() {
-  constexpr std::uint64_t no_signal = 0;
-  const auto process = static_cast<std::uint64_t>(getpid());
-  const auto is_gone = [process](std::int32_t tid) {
-    return raw_syscall(SYS_tgkill, process, static_cast<std::uint64_t>(tid), no_signal) == -ESRCH;
-  };
-  auto* end = std::remove_if(ending_threads, ending_threads + ending_thread_count, is_gone);
-  ending_thread_count = static_cast<std::size_t>(end - ending_threads);
-}
-
-// Whether at most `most` of them are left.
-bool are_ending_at_most(std::size_t most) {
-  pthread_mutex_lock(&ending_threads_lock);
-  if (ending_thread_count > most) forget_gone_threads();
-  const bool result = ending_thread_count <= most;
-  pthread_mutex_unlock(&ending_threads_lock);
-  return result;
-}
-
-void wait_for_ending_threads(std::size_t most) {
-  while (!are_ending_at_most(most)) sched_yield();
-}
-
-void note_ending_thread(std::int32_t tid) {
-  for (bool noted = false; !noted;) {
-    wait_for_ending_threads(ENDING_THREADS_MAX - 1);
-    pthread_mutex_lock(&ending_threads_lock);
-    noted = ending_thread_count < ENDING_THREADS_MAX;
-    if (noted) ending_threads[ending_thread_count++] = tid;
-    pthread_mutex_unlock(&ending_threads_lock);
-  }
-}
-
-// A new thread may have the id of one that is gone; a fork would wait for the new one.
-void forget_ending_thread(std::int32_t tid) {
-  pthread_mutex_lock(&ending_threads_lock);
-  auto* end = std::remove(ending_threads, ending_threads + ending_thread_count, tid);
-  ending_thread_count = static_cast<std::size_t>(end - ending_threads);
-  pthread_mutex_unlock(&ending_threads_lock);
-}
-
-// The engine's locks, in the order in which they are taken where more than one is held.
-void lock_all() {
-  pthread_mutex_lock(&engine.thread_list_lock);
-  pthread_mutex_lock(&engine.signal_handlers_lock);
-  pthread_mutex_lock(&engine.brk_lock);
-  pthread_mutex_lock(&engine.mapping_lock);
-  pthread_rwlock_wrlock(&engine.callbacks_lock);
-  pthread_mutex_lock(&engine.function_watch_lock);
-  pthread_mutex_lock(&engine.exec_ranges.lock);
-  pthread_mutex_lock(&engine.protected_ranges.lock);
-}
-
-void unlock_all() {
-  pthread_mutex_unlock(&engine.protected_ranges.lock);
-  pthread_mutex_unlock(&engine.exec_ranges.lock);
-  pthread_mutex_unlock(&engine.function_watch_lock);
-  pthread_rwlock_unlock(&engine.callbacks_lock);
-  pthread_mutex_unlock(&engine.mapping_lock);
-  pthread_mutex_unlock(&engine.brk_lock);
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
-  pthread_mutex_unlock(&engine.thread_list_lock);
-}
-
-void init_all_locks() {
-  pthread_mutex_init(&engine.thread_list_lock, nullptr);
-  pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
-  pthread_mutex_init(&engine.brk_lock, nullptr);
-  pthread_rwlock_init(&engine.callbacks_lock, nullptr);
-  pthread_mutex_init(&engine.function_watch_lock, nullptr);
-  pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
-  pthread_mutex_init(&engine.protected_ranges.lock, nullptr);
-  pthread_mutex_init(&engine.attached_segments.lock, nullptr);  // Used under mapping_lock alone.
-  pthread_mutex_init(&engine.mapping_lock, nullptr);
-  pthread_mutex_init(&spare_streams_lock, nullptr);
-  pthread_mutex_init(&ending_threads_lock, nullptr);
-}
-
-// Whether the process has begun to end. The caller holds thread_list_lock, under which mora_terminate sets the flag: the
-// lock orders the two, and the answer stays true of threads that enter the list later.
-bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0; }
-
-// The signals that a C library keeps for itself, below the first one that it gives to programs. The application's C library
-// installs handlers for them like any others, and so does the tool's, with the first thread that it makes: in one process
-// there is room for one.
+// The signals that a C library keeps for itself, below the first one that it gives to programs. The application's C
+// library installs handlers for them like any others, and so does the tool's, with the first thread that it makes: in
+// one process there is room for one.
 constexpr int FIRST_INTERNAL_SIGNAL = 32;
 
 constexpr int INTERNAL_SIGNALS_MAX = 8;
@@ -175,17 +59,18 @@ struct raw_signal_action {
 
 int internal_signal_count() { return std::min(SIGRTMIN - FIRST_INTERNAL_SIGNAL, INTERNAL_SIGNALS_MAX); }
 
+// The number of the index-th of them, as an argument of a call.
+std::uint64_t internal_signal(int index) { return static_cast<std::uint64_t>(FIRST_INTERNAL_SIGNAL + index); }
+
 void read_internal_actions(raw_signal_action* actions) {
   for (int index = 0; index < internal_signal_count(); ++index) {
-    raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(FIRST_INTERNAL_SIGNAL + index), 0,
-                address_of(&actions[index]), KERNEL_SIGSET_SIZE);
+    raw_syscall(SYS_rt_sigaction, internal_signal(index), 0, address_of(&actions[index]), KERNEL_SIGSET_SIZE);
   }
 }
 
 void write_internal_actions(const raw_signal_action* actions) {
   for (int index = 0; index < internal_signal_count(); ++index) {
-    raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(FIRST_INTERNAL_SIGNAL + index), address_of(&actions[index]),
-                0, KERNEL_SIGSET_SIZE);
+    raw_syscall(SYS_rt_sigaction, internal_signal(index), address_of(&actions[index]), 0, KERNEL_SIGSET_SIZE);
   }
 }
 
@@ -247,20 +132,9 @@ void hand_over_held_signals(thread_data* thread) {
   }
 }
 
-// Frees what the other threads of the parent have left in the copy of its memory.
-void free_other_threads(const thread_data* survivor) {
-  for (thread_data* thread = engine.thread_list; thread != nullptr;) {
-    thread_data* next = thread->next;
-    if (thread != survivor) {
-      // Its buckets are on the heap, and the heap may be locked for ever: they are left where they are.
-      thread->return_watch.buckets = nullptr;
-      free_thread_data(thread);
-    }
-    thread = next;
-  }
-}
-
 }  // namespace
+
+bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0; }
 
 std::uint64_t block_all_signals() {
   const std::uint64_t all = ~std::uint64_t{0};
@@ -275,8 +149,9 @@ void restore_signal_mask(std::uint64_t mask) {
 
 namespace {
 
-// A new thread's record, or null if the kernel refuses its memory; what was mapped by then is given back. The first refusal
-// is logged: the application gets the error that it would get of a kernel without memory, and may not tell anybody.
+// A new thread's record, or null if the kernel refuses its memory; what was mapped by then is given back. The first
+// refusal is logged: the application gets the error that it would get of a kernel without memory, and may not tell
+// anybody.
 thread_data* make_thread_record() {
   static std::atomic<bool> was_refused{false};
   thread_data* record = nullptr;
@@ -288,7 +163,7 @@ thread_data* make_thread_record() {
   if (missing == nullptr) return record;
   // Relaxed: the flag guards nothing but the number of lines.
   if (!was_refused.exchange(true, std::memory_order_relaxed)) {
-    log(LEVEL_WARN, "a new thread has no memory for its %s: %s; clone fails with EAGAIN, now and silently from here on; %s",
+    log(LEVEL_WARN, "a new thread has no memory for its %s: %s; clone fails with EAGAIN, later ones without a line; %s",
         missing, std::strerror(error), THREAD_MEMORY_REMEDY);
   }
   return nullptr;
@@ -319,8 +194,8 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
   child->saved_signal_mask = mask;
   std::int64_t result = -start_pthread(child);
   if (result == 0) {
-    // Acquire: pairs with the release in thread_start. The child has read all of `args` by then, and what it wrote for the
-    // application, its thread id above all, is there.
+    // Acquire: pairs with the release in thread_start. The child has read all of `args` by then, and what it wrote for
+    // the application, its thread id above all, is there.
     while ((result = std::atomic_ref(child_tid_word).load(std::memory_order_acquire)) == 0) sched_yield();
   } else {
     free_thread_data(child);  // The kernel's answer to too many threads reaches the application.
@@ -346,102 +221,22 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   thread->tls = args[3];
   copy_parent_state(thread->child_stack, args);
 
-  // In the list before the parent goes on: a parent that ends at once would else take itself for the last thread and end
-  // the process. Not at all if the process is ending: mora_terminate may already have looked through the list.
+  // In the list before the parent goes on: a parent that ends at once would else take itself for the last thread and
+  // end the process. Not at all if the process is ending: mora_terminate may already have looked through the list.
   pthread_mutex_lock(&engine.thread_list_lock);
   const bool too_late = is_ending();
   if (!too_late) register_thread(thread, true);
   pthread_mutex_unlock(&engine.thread_list_lock);
 
-  // Release: pairs with the acquire in mora_create_thread. `args` and set_tid lie on the parent's stack and are gone with
-  // this store.
+  // Release: pairs with the acquire in mora_create_thread. `args` and set_tid lie on the parent's stack and are gone
+  // with this store.
   std::atomic_ref(*thread->set_tid).store(thread->tid, std::memory_order_release);
   if (too_late) abandon_thread(thread);
 
-  restore_signal_mask(thread->saved_signal_mask);  // From here on a signal is counted, for the first way into the cache.
+  // From here on a signal is counted, for the first way into the cache.
+  restore_signal_mask(thread->saved_signal_mask);
   const std::uint64_t block = scan(thread, thread->clone_resume_addr, 0);
   start_on_stack(thread->child_stack - CHILD_ENTRY, block);
-}
-
-void prepare_fork(thread_data* thread, std::uint64_t* args) {
-  thread->clone_shares_vm = 0;
-  std::uint64_t flags = args[0];
-  // The child gets a true copy. With shared memory it would run in the parent's engine state, with or without the parent
-  // waiting for it. CLONE_SIGHAND is refused by the kernel without shared memory.
-  if ((flags & CLONE_VM) != 0) flags &= ~std::uint64_t{CLONE_VM | CLONE_SIGHAND};
-  thread->child_tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
-  flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
-  args[0] = flags;
-
-  thread->clone_stack = args[1];
-  const std::uint64_t application_sp = address_of(args) + SYSCALL_APP_SP;
-  if (args[1] == application_sp) {
-    args[1] = 0;
-  } else if (args[1] != 0) {
-    // The child comes back into syscall_wrapper on a stack of its own and has to find the wrapper's frame there. The copy
-    // is made before the kernel copies the memory, by this same thread: no barrier is needed between.
-    args[1] -= SYSCALL_FRAME_SIZE;
-    std::memcpy(reinterpret_cast<void*>(args[1]), reinterpret_cast<const char*>(args) - STUB_SIMD_REGS_SIZE,
-                SYSCALL_FRAME_SIZE);
-  }
-
-  make_spare_streams();
-  // A signal that interrupted the call as it returns would go past syscall_handler_post and so past finish_fork.
-  thread->saved_signal_mask = block_all_signals();
-  // Nothing of the engine is half changed in the copy while its locks are held. Not for a vfork: the parent sleeps until
-  // the child has gone, and its other threads may have to go on for the child to go. Such a child runs a few system calls
-  // only before it becomes another program. Plug-ins are told of it all the same, and of its code, so that theirs is the one
-  // lock that is held then: a thread of the parent's that comes to new code waits until the child has gone.
-  thread->clone_holds_locks = (flags & CLONE_VFORK) == 0 ? 1 : 0;
-  if (thread->clone_holds_locks == 0) {
-    if (engine.plugin_count != 0) {
-      pthread_rwlock_wrlock(&engine.callbacks_lock);
-      wait_for_ending_threads(0);
-    }
-    return;
-  }
-  lock_all();
-  wait_for_ending_threads(0);
-  if (!is_ending()) return;
-  // Natively no child would come to be any more.
-  unlock_all();
-  restore_signal_mask(thread->saved_signal_mask);
-  abandon_thread(thread);
-}
-
-void finish_fork(thread_data* thread, std::uint64_t* args) {
-  args[1] = thread->clone_stack;  // A call leaves all registers but x0 as they were.
-  if (args[0] == 0) {
-    thread->tls = thread->child_tls;
-    reinit_after_fork(thread);
-  } else if (thread->clone_holds_locks != 0) {
-    unlock_all();
-  } else if (engine.plugin_count != 0) {
-    pthread_rwlock_unlock(&engine.callbacks_lock);
-  }
-  restore_signal_mask(thread->saved_signal_mask);
-}
-
-void reinit_after_fork(thread_data* thread) {
-  init_all_locks();
-  std::atomic_ref(engine.exit_flag).store(0, std::memory_order_relaxed);  // The parent's end is not the child's.
-  current_thread = thread;
-  thread->tid = gettid();
-  // The process's first thread, not a pthread of the C library's any more: it ends like the parent's first one, and the
-  // kernel has been told by the clone itself what word to clear then.
-  thread->engine_sp = 0;
-  thread->library_tid_word = nullptr;
-  thread->application_tid_word = nullptr;
-  // A child starts without pending signals: what was counted stays the parent's.
-  std::memset(thread->pending_signals, 0, sizeof thread->pending_signals);
-  thread->pending_signal_count = 0;
-  forget_held_signals(thread->held);
-  free_other_threads(thread);
-  engine.thread_list = thread;
-  thread->next = nullptr;
-  ending_thread_count = 0;
-  take_spare_streams();
-  deliver_thread_init(thread);
 }
 
 void end_thread(thread_data* thread, std::int32_t status) {
@@ -478,9 +273,9 @@ void end_thread(thread_data* thread, std::int32_t status) {
 }
 
 // The kernel can be told of one word only. Where it says which one it knows (PR_GET_TID_ADDRESS needs a kernel with
-// checkpoint support), that is the C library's: it is kept, and the kernel gets the application's. Where it does not, the
-// kernel keeps the C library's, and the application's is cleared by settle_tid_words alone, which does so in both cases.
-// The process's first thread has no word that the C library waits for: the kernel simply gets the application's.
+// checkpoint support), that is the C library's: it is kept, and the kernel gets the application's. Where it does not,
+// the kernel keeps the C library's, and the application's is cleared by settle_tid_words alone, which does so in both
+// cases. The process's first thread has no word that the C library waits for: the kernel simply gets the application's.
 bool set_application_tid_word(thread_data* thread, std::int32_t* word) {
   if (thread->engine_sp == 0) return true;
   thread->application_tid_word = word;
@@ -491,12 +286,12 @@ bool set_application_tid_word(thread_data* thread, std::int32_t* word) {
   return known != nullptr;
 }
 
-// On the thread's own stack, with no record any more. First the C library's word back to the kernel, which clears it when
-// the thread is truly gone: then only may the library use the stack again. Then the application's, which nobody else will
-// clear: whoever joins the thread goes on with this call and may give its stack and its word to a new thread.
+// On the thread's own stack, with no record any more. First the C library's word back to the kernel, which clears it
+// when the thread is truly gone: then only may the library use the stack again. Then the application's, which nobody
+// else will clear: whoever joins the thread goes on with this call and may give its stack and its word to a new thread.
 //
-// One futex operation does what the kernel does at a thread's end, store 0 and wake one waiter, and like the kernel it does
-// not mind if the memory is gone. Its comparison, of a thread id below 0, holds never: no second waiter is woken.
+// One futex operation does what the kernel does at a thread's end, store 0 and wake one waiter, and like the kernel it
+// does not mind if the memory is gone. Its comparison, of a thread id below 0, holds never: no second waiter is woken.
 extern "C" void settle_tid_words(std::int32_t* library_tid_word, std::int32_t* application_tid_word) {
   if (library_tid_word != nullptr) raw_syscall(SYS_set_tid_address, address_of(library_tid_word));
   if (application_tid_word == nullptr) return;

@@ -1,5 +1,5 @@
-// The application's threads and children under the engine: how they begin, how they end, and what a child forgets of its
-// parent. Internal to the handlers of system calls; all of it runs on the calling application thread.
+// The application's threads under the engine: how they begin and how they end. Internal to the handlers of system
+// calls; all of it runs on the calling application thread.
 #pragma once
 
 #include <cstdint>
@@ -17,14 +17,9 @@ void restore_signal_mask(std::uint64_t mask);
 // caller. Returns its id, or a negative error number as the kernel would.
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst);
 
-// Any other clone, before the kernel makes it: rewrites the arguments in `args` so that the child comes back through the
-// caller's frame with a memory of its own. finish_fork has to follow in the parent and in the child, with the call's result in
-// word 0: it gives the arguments back that the application finds in its registers.
-void prepare_fork(thread_data* thread, std::uint64_t* args);
-void finish_fork(thread_data* thread, std::uint64_t* args);
-
-// Makes the calling thread, which `thread` describes, the only one that the engine of a new process knows.
-void reinit_after_fork(thread_data* thread);
+// Whether the process has begun to end. The caller holds thread_list_lock, under which mora_terminate sets the flag:
+// the lock orders the two, and the answer stays true of threads that enter the list later.
+bool is_ending();
 
 // The application's call of exit: ends the calling thread, and the process if it is the last one.
 [[noreturn]] void end_thread(thread_data* thread, std::int32_t status);

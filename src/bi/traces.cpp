@@ -26,6 +26,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
+#include "bi/code_cache.h"
 #include "bi/code_words.h"
 #include "bi/dispatcher.h"
 #include "bi/exit_branch.h"

@@ -1,5 +1,5 @@
-// The engine's view of the application's memory: the program break, which cannot be the kernel's because that one belongs
-// to the tool's image, and every call that maps, unmaps or changes memory.
+// The engine's view of the application's memory: the program break, which cannot be the kernel's because that one
+// belongs to the tool's image, and every call that maps, unmaps or changes memory.
 #include "bi/vm_ops.h"
 
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 
+#include "bi/code_cache.h"
 #include "bi/executable_path.h"
 #include "bi/pages.h"
 #include "bi/plugin_delivery.h"
@@ -37,8 +38,8 @@ page_range whole_page_range(std::uint64_t address, std::uint64_t length) {
   return ceilmeter::whole_page_range(address, length, page_size());
 }
 
-// The protection that the kernel gets. The application's code only ever runs from the cache, so that the kernel need not
-// make it executable, but the scanner has to read it.
+// The protection that the kernel gets. The application's code only ever runs from the cache, so that the kernel need
+// not make it executable, but the scanner has to read it.
 std::uint64_t kernel_protection(std::uint64_t address, std::uint64_t prot) {
   if ((prot & PROT_EXEC) == 0) return prot;
   if ((prot & PROT_READ) == 0) log(LEVEL_TRACE, "mora: adding read permission to executable mapping at 0x%lx", address);
@@ -59,8 +60,8 @@ void remove_function_watches(std::uint64_t start, std::uint64_t end) {
   pthread_mutex_unlock(&engine.function_watch_lock);
 }
 
-// Code is known by its range: exec_ranges has what was mapped executable, protected_ranges what became executable later.
-// A full map drops what it is given. From then on any range may hold code.
+// Code is known by its range: exec_ranges has what was mapped executable, protected_ranges what became executable
+// later. A full map drops what it is given. From then on any range may hold code.
 bool may_hold_code(std::uint64_t start, std::uint64_t end) {
   return interval_map_overlapping(&engine.exec_ranges, start, end) > 0 ||
          interval_map_overlapping(&engine.protected_ranges, start, end) > 0 ||
@@ -73,8 +74,8 @@ void add_code(interval_map* ranges, std::uint64_t start, std::uint64_t end, std:
   interval_map_add(ranges, start, end, fd);
 }
 
-// Takes the range out of both maps. If it held code, this thread flushes its cache; other threads keep their copies until
-// their own next flush.
+// Takes the range out of both maps. If it held code, this thread flushes its cache; other threads keep their copies
+// until their own next flush.
 void forget_code(std::uint64_t start, std::uint64_t end) {
   const bool dropped = std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
   const bool was_mapped = interval_map_delete(&engine.exec_ranges, start, end) >= 1;
@@ -99,8 +100,8 @@ void forget_replaced_code(std::uint64_t start, std::uint64_t end) {
   if (has_rewritten(current_thread, start, end)) flush_code_cache(current_thread);
 }
 
-// Code that becomes writable is about to change: the cache is flushed now, and the code is scanned again when it is next
-// reached. A change of code that is executable and writable at once is not seen here.
+// Code that becomes writable is about to change: the cache is flushed now, and the code is scanned again when it is
+// next reached. A change of code that is executable and writable at once is not seen here.
 void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t prot) {
   if ((prot & PROT_WRITE) != 0 && may_hold_code(start, end)) {
     interval_map_delete(&engine.protected_ranges, start, end);
@@ -113,8 +114,8 @@ void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t pro
   if ((prot & PROT_EXEC) != 0) add_code(&engine.protected_ranges, start, end, NO_FILE);
 }
 
-// Code has moved with its memory. Blocks of its old place, and of what was at its new place before, are flushed, and the
-// new place is known as code.
+// Code has moved with its memory. Blocks of its old place, and of what was at its new place before, are flushed, and
+// the new place is known as code.
 void follow_move(page_range from, page_range to, bool replaces) {
   if (replaces) forget_replaced_code(to.start, to.start + to.size);
   const std::uint64_t end = from.start + from.size;
@@ -199,14 +200,14 @@ std::int64_t map_memory(const std::uint64_t* args) {
   const std::uint64_t length = args[1];
   const std::int64_t result =
       raw_syscall(SYS_mmap, args[0], length, kernel_protection(args[0], args[2]), args[3], args[4], args[5]);
-  // Larger error numbers pass as addresses. The application gets them all the same, and the ranges that are reported for
-  // them lie at the very top of the address space, where nothing is. Kept as it is known.
+  // Larger error numbers pass as addresses. The application gets them all the same, and the ranges that are reported
+  // for them lie at the very top of the address space, where nothing is. Kept as it is known.
   if (result < 0 && result > -34) return result;
   const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
   if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) forget_replaced_code(range.start, range.start + range.size);
   // Reported as the application asked for it, not as the kernel has it.
-  report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), static_cast<std::uint32_t>(args[3]),
-               static_cast<std::int32_t>(args[4]), args[5], 0, 0);
+  report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]),
+               static_cast<std::uint32_t>(args[3]), static_cast<std::int32_t>(args[4]), args[5], 0, 0);
   return result;
 }
 
@@ -266,8 +267,8 @@ std::int64_t detach_segment(const std::uint64_t* args) {
   return result;
 }
 
-// Holds mapping_lock over a call and over what the engine notes of it. Without the lock a range that one thread has just
-// unmapped may be mapped by another one and noted as code, before the first thread removes its note.
+// Holds mapping_lock over a call and over what the engine notes of it. Without the lock a range that one thread has
+// just unmapped may be mapped by another one and noted as code, before the first thread removes its note.
 std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::uint64_t* args) {
   pthread_mutex_lock(&engine.mapping_lock);
   const std::int64_t result = call(args);

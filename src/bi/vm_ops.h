@@ -1,6 +1,6 @@
-// The handlers of the system calls that change the application's memory. Each takes the save area of the call, makes the
-// call, keeps the engine's view by report_vm_op, and returns the kernel's result. The arguments stay as they are: the
-// application finds its registers unchanged. report_vm_op and brk_handler are declared in syscalls.h.
+// The handlers of the system calls that change the application's memory. Each takes the save area of the call, makes
+// the call, keeps the engine's view by report_vm_op, and returns the kernel's result. The arguments stay as they are:
+// the application finds its registers unchanged. report_vm_op and brk_handler are declared in syscalls.h.
 #pragma once
 
 #include <cstdint>

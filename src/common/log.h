@@ -58,8 +58,8 @@ struct log_site {
 [[gnu::format(printf, 5, 0)]] void mora_log_message(const char* file, unsigned line, const char* function, int level,
                                                     const char* format, std::va_list arguments);
 
-// The log of one source file of the tool. `file` is the source's path without its extension; of a source that belongs to a
-// module of another name, such as run_benchmarks to the collector, the module's: its lines go by that.
+// The log of one source file of the tool. `file` is the source's path without its extension; of a source that belongs
+// to a module of another name, such as run_benchmarks to the collector, the module's: its lines go by that.
 struct tool_log {
   const char* file;
 
@@ -118,11 +118,6 @@ int mora_log_get_append();
 
 // Logs the arguments, joined by blanks, at level info.
 void mora_log_command_line(int argc, const char* const* argv);
-
-// Copies `pattern` into the `size` bytes at `out`, replacing %p (process id), %r (rank), %t (thread id), %T (time),
-// %h (host name); "%" before any other character gives that character. Always terminated. Returns `out`. Process id,
-// host name and rank are those of the first call in the process. Any thread.
-char* mora_expand_file_pattern(const char* pattern, char* out, std::size_t size);
 
 // Handlers of --log-level, --log-file and --log-append. The first returns -1 on an unknown level, after a warning;
 // the others return 0.

@@ -1,5 +1,5 @@
-// The application's first stack, in the layout that the kernel gives a process: arguments, environment and the auxiliary
-// vector, which is the tool's own with the application's values in it.
+// The application's first stack, in the layout that the kernel gives a process: arguments, environment and the
+// auxiliary vector, which is the tool's own with the application's values in it.
 #include "elf/initial_stack.h"
 
 #include <elf.h>
@@ -43,10 +43,10 @@ std::uint64_t memory_size() {
   return pages > 0 ? static_cast<std::uint64_t>(pages) * page_size() : LEAST_STACK_SIZE;
 }
 
-// Natively the stack grows into free address space up to the limit (RLIMIT_STACK). Here the kernel maps libraries and the
-// heap right below a small stack, so that the whole room has to be reserved at the start. It costs address space alone: a
-// page takes memory when it is first touched. More than the machine's memory can never be touched; that is the room of an
-// unlimited stack, and the most for any limit.
+// Natively the stack grows into free address space up to the limit (RLIMIT_STACK). Here the kernel maps libraries and
+// the heap right below a small stack, so that the whole room has to be reserved at the start. It costs address space
+// alone: a page takes memory when it is first touched. More than the machine's memory can never be touched; that is the
+// room of an unlimited stack, and the most for any limit.
 std::uint64_t wanted_stack_size() {
   rlimit limit{};
   if (getrlimit(RLIMIT_STACK, &limit) != 0) return LEAST_STACK_SIZE;
@@ -54,8 +54,8 @@ std::uint64_t wanted_stack_size() {
   return std::max(page_down(allowed, page_size()), LEAST_STACK_SIZE);
 }
 
-// Maps the stack and returns its top. A size that is refused, for a limit of address space or a kernel that commits memory
-// strictly, is halved down to the least one.
+// Maps the stack and returns its top. A size that is refused, for a limit of address space or a kernel that commits
+// memory strictly, is halved down to the least one.
 std::uint64_t map_stack() {
   std::uint64_t size = wanted_stack_size();
   void* mapping = MAP_FAILED;
@@ -116,8 +116,8 @@ std::uint64_t stack_bytes(const char* path, int argc, char** argv, char** envp) 
   return size + pair;
 }
 
-// The application's value for an entry of the tool's vector, with what it points to pushed. The name of the executed file is
-// the application's.
+// The application's value for an entry of the tool's vector, with what it points to pushed. The name of the executed
+// file is the application's.
 std::uint64_t auxiliary_value(stack_writer& stack, const Elf64_auxv_t& entry, const elf_aux_values& aux,
                               const char* path) {
   const std::uint64_t value = entry.a_un.a_val;

@@ -1,5 +1,5 @@
-// Every symbol of every executable mapping goes through here on the application's thread: two tests of its name, no copy,
-// and nothing is kept between mappings.
+// Every symbol of every executable mapping goes through here on the application's thread: two tests of its name, no
+// copy, and nothing is kept between mappings.
 #include "elf/symbol_parser.h"
 
 #include <gelf.h>
@@ -34,8 +34,10 @@ void parse_section(Elf* elf, Elf_Scn* section, std::uint64_t bias, mora_context*
   Elf_Data* data = elf_getdata(section, nullptr);
   const std::uint64_t count = header.sh_entsize != 0 ? header.sh_size / header.sh_entsize : 0;
   GElf_Sym symbol;
-  // An entry size that is not the symbols' own promises more of them than there are: the library stops at the data's end.
-  for (std::uint64_t index = 0; index < count && gelf_getsym(data, static_cast<int>(index), &symbol) != nullptr; ++index) {
+  // An entry size that is not the symbols' own promises more of them than there are: the library stops at the data's
+  // end.
+  for (std::uint64_t index = 0; index < count; ++index) {
+    if (gelf_getsym(data, static_cast<int>(index), &symbol) == nullptr) break;
     if (symbol.st_value == 0 || GELF_ST_TYPE(symbol.st_info) != STT_FUNC) continue;
     const char* name = elf_strptr(elf, header.sh_link, symbol.st_name);
     if (!is_of_interest(name)) continue;

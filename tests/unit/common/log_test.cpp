@@ -1,5 +1,6 @@
 // The log's line, thresholds, destinations and file-name tokens. The log is process-wide state, so that each test sets
 // back what it moved.
+#include "common/file_pattern.h"
 #include "common/log.h"
 
 #include <fcntl.h>

@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "bi/common.h"
+#include "bi/register_mask.h"
 
 namespace ceilmeter {
 namespace {

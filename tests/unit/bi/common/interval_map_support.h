@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "bi/common.h"
+#include "bi/interval_map.h"
 
 namespace ceilmeter::test {
 

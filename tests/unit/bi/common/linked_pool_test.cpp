@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bi/common.h"
+#include "bi/linked_pool.h"
 
 namespace ceilmeter {
 namespace {

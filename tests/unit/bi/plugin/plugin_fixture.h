@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "bi/code_cache.h"
 #include "bi/function_watch.h"
 #include "bi/mora.h"
 #include "bi/plugin.h"

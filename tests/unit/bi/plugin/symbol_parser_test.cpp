@@ -246,8 +246,9 @@ TEST_F(symbol_parser_test, a_file_that_is_no_elf_file_is_told_at_debug_alone) {
 }
 
 TEST_F(symbol_parser_test, an_elf_file_without_a_readable_header_is_a_warning) {
-  write_file(std::string(ELFMAG) + static_cast<char>(ELFCLASS64) + static_cast<char>(ELFDATA2LSB) + static_cast<char>(EV_CURRENT) +
-             std::string(20, '\0'));
+  // 32 bits: a header of the other class.
+  write_file(std::string(ELFMAG) + static_cast<char>(ELFCLASS32) + static_cast<char>(ELFDATA2LSB) + static_cast<char>(EV_CURRENT) +
+             std::string(100, '\0'));
   const captured_log log;
   EXPECT_EQ(parse(), -1);
   ASSERT_EQ(log.lines().size(), 1u);

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <string>
 
+#include "bi/code_cache.h"
 #include "bi/plugin_delivery.h"
 #include "bi/signals.h"
 #include "bi/stubs.h"

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <thread>
 
+#include "bi/fork.h"
 #include "bi/plugin.h"
 #include "bi/stubs.h"
 #include "fake_engine.h"
@@ -56,7 +57,8 @@ class fork_like_clone : public syscalls_test {
   }
   static bool all_locks_are_free() {
     return is_free(&engine.thread_list_lock) && is_free(&engine.signal_handlers_lock) && is_free(&engine.brk_lock) &&
-           is_free(&engine.function_watch_lock) && is_free(&engine.exec_ranges.lock);
+           is_free(&engine.function_watch_lock) && is_free(&engine.exec_ranges.lock) &&
+           is_free(&engine.mapping_lock);
   }
 
   std::uint64_t made_flags = 0;

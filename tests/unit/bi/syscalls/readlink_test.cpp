@@ -112,7 +112,8 @@ TEST_F(readlink_handler_test, a_thread_of_the_process_and_its_task_folder_name_t
   }
 }
 
-// What a call is made with when the application gives it `path`. In a child: the path that is remembered stays for the process.
+// What a call is made with when the application gives it `path`. In a child: the path that is remembered stays for the
+// process.
 class executable_path_test : public readlink_handler_test {
  protected:
   static constexpr std::uint64_t here = static_cast<std::uint64_t>(AT_FDCWD);

@@ -1,119 +1,19 @@
-// The engine's fixed containers. They do little and must do exactly that: emitted code probes the hash table by the same
-// rules, and the oddities of the interval map decide which unmappings flush a code cache. Each stands at its place.
-#include "bi/common.h"
+// The oddities of this map decide which unmappings flush a code cache. Each one is described at its place.
+#include "bi/interval_map.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <bit>
 #include <cstdlib>
 
 #include "common/log.h"
 
 namespace ceilmeter {
-namespace {
-
-constexpr engine_log log{"src/bi/common"};
-
-}  // namespace
-
-// hash_table ---------------------------------------------------------------------------------------------------------
-
-void hash_init(hash_table* table, std::int32_t size) {
-  table->size = size;
-  table->collisions = 0;
-  hash_entry* entries = hash_entries(table);
-  for (std::int32_t index = 0; index < size; ++index) {
-    // Read before written: a page of a fresh mapping that holds nothing stays the kernel's shared page of zeroes, and
-    // a thread pays memory only for the slots that it uses.
-    if (entries[index].key != 0) entries[index].key = 0;
-  }
-}
-
-std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key) {
-  const hash_entry* entries = hash_entries(table);
-  const std::int32_t last = table->size - 1;
-  for (std::int32_t index = hash_home(table, key); index < last; ++index) {
-    // The empty slot first, as in emitted code: the other way round key 0 would be found in it.
-    if (entries[index].key == 0) return HASH_MISS;
-    if (entries[index].key == key) return entries[index].value;
-  }
-  return HASH_MISS;
-}
-
-bool hash_has_room(const hash_table* table, std::uint64_t key) {
-  const hash_entry* entries = hash_entries(table);
-  const std::int32_t last = table->size - 1;
-  std::int32_t index = hash_home(table, key);
-  while (index < last && entries[index].key != 0 && entries[index].key != key) ++index;
-  return index < last;
-}
-
-bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value) {
-  hash_entry* entries = hash_entries(table);
-  std::int32_t index = hash_home(table, key);
-  while (entries[index].key != 0 && entries[index].key != key) {
-    ++index;
-    if (index == table->size - 1) log(LEVEL_FATAL, "hash table index overflow");
-    ++table->collisions;
-  }
-  if (entries[index].key == 0) ++table->count;
-  entries[index] = {key, value};
-  return true;
-}
-
-void hash_delete(hash_table* table, std::uint64_t key) {
-  hash_entry* entries = hash_entries(table);
-  const std::int32_t home = hash_home(table, key);
-  std::int32_t index = home;
-  // The wrap masks with the plain size, 2^k + 9, and so knows only the slots whose index is made of that number's bits:
-  // beyond its home a key is found by chance. Left as it is, since no path of the engine deletes. Such a probe can also
-  // circle without meeting home again: after as many steps as there are slots it has seen all that it ever will.
-  for (std::int32_t step = 0; step < table->size; ++step) {
-    if (entries[index].key == 0) return;
-    if (entries[index].key == key) {
-      entries[index].key = 0;
-      return;
-    }
-    index = (index + 1) & table->size;
-    if (index == home) return;
-  }
-}
-
-// linked_pool --------------------------------------------------------------------------------------------------------
-
-void linked_pool_init(linked_pool* pool, std::uint32_t capacity) {
-  linked_record* records = linked_pool_records(pool);
-  for (std::uint32_t index = 0; index < capacity; ++index) {
-    records[index].next = index + 1 < capacity ? &records[index + 1] : nullptr;
-  }
-  pool->free_head = capacity != 0 ? records : nullptr;
-  pool->capacity = capacity;
-}
-
-void linked_pool_init_zeroed(linked_pool* pool, std::uint32_t capacity) {
-  pool->free_head = capacity != 0 ? linked_pool_records(pool) : nullptr;
-  pool->capacity = capacity;
-}
-
-linked_record* linked_pool_alloc(linked_pool* pool) {
-  linked_record* record = pool->free_head;
-  if (record == nullptr) return nullptr;
-  linked_record* following = record + 1;
-  if (record->next != nullptr) {
-    pool->free_head = record->next;
-  } else {
-    // The last record, or one that has never been threaded: the free ones follow each other then.
-    pool->free_head = following != linked_pool_records(pool) + pool->capacity ? following : nullptr;
-  }
-  record->next = nullptr;
-  return record;
-}
-
-// interval_map -------------------------------------------------------------------------------------------------------
 
 namespace {
+
+constexpr engine_log log{"src/bi/common"};  // The containers log as one unit.
 
 // A dead entry passes this test too if the range encloses both its ends; the range then counts and swallows it.
 bool overlaps(const interval_entry& entry, std::uint64_t start, std::uint64_t end) {
@@ -275,44 +175,5 @@ void interval_map_print(const interval_map* map) {
     log(LEVEL_TRACE, "  %lx - %lx", map->entries[index].start, map->entries[index].end);
   }
 }
-
-// Register masks -----------------------------------------------------------------------------------------------------
-
-std::uint32_t bitmask_next_set(std::uint32_t mask, std::uint32_t start) {
-  if (start > 31) return 32;
-  const std::uint32_t rest = mask >> start << start;
-  return static_cast<std::uint32_t>(std::countr_zero(rest));
-}
-
-std::uint32_t bitmask_prev_set(std::uint32_t mask, std::uint32_t start) {
-  if (start > 31) return 32;
-  const std::uint32_t rest = mask << (31 - start) >> (31 - start);
-  return rest != 0 ? 31 - static_cast<std::uint32_t>(std::countl_zero(rest)) : 32;
-}
-
-int lowest_bits(std::uint32_t mask, std::uint32_t* out, int n) {
-  int found = 0;
-  std::uint32_t start = 0;
-  for (int index = 0; index < n; ++index) {
-    out[index] = bitmask_next_set(mask, start);
-    if (out[index] < 32) ++found;
-    start = out[index] + 1;
-  }
-  return found;
-}
-
-int highest_bits(std::uint32_t mask, std::uint32_t* out, int n) {
-  int found = 0;
-  std::uint32_t start = 31;
-  for (int index = 0; index < n; ++index) {
-    out[index] = bitmask_prev_set(mask, start);
-    if (out[index] < 32) ++found;
-    // Below bit 0 the subtraction wraps to what no scan starts at. A scan that ended may not start again at bit 31.
-    start = out[index] < 32 ? out[index] - 1 : 32;
-  }
-  return found;
-}
-
-int popcount32(std::uint32_t mask) { return std::popcount(mask); }
 
 }  // namespace ceilmeter

@@ -1,0 +1,20 @@
+// The application's child processes: what a fork-like clone needs before the kernel makes it, and what the child
+// forgets of its parent. On the thread that makes the call.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/mora.h"
+
+namespace ceilmeter {
+
+// Any other clone, before the kernel makes it: rewrites the arguments in `args` so that the child comes back through
+// the caller's frame with a memory of its own. finish_fork has to follow in the parent and in the child, with the
+// call's result in word 0: it gives the arguments back that the application finds in its registers.
+void prepare_fork(thread_data* thread, std::uint64_t* args);
+void finish_fork(thread_data* thread, std::uint64_t* args);
+
+// Makes the calling thread, which `thread` describes, the only one that the engine of a new process knows.
+void reinit_after_fork(thread_data* thread);
+
+}  // namespace ceilmeter
