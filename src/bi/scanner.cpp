@@ -289,7 +289,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   scan_words(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
-  meta.source_words = static_cast<std::uint32_t>(state.read - read_address);
+  meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
   return static_cast<std::uint32_t>(state.write - start) * 4;
 }
 
