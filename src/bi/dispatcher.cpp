@@ -5,9 +5,10 @@
 // After a first link a conditional exit reads: word 0, a branch that skips word 1 when the condition sends execution to
 // the other side; word 1, the link; word 2, either the second link or still the push of the exit stub.
 //
-// Only the thread's own code is patched, by the thread itself, outside the code that it patches. The instruction cache is
-// cleared over just the words written before the thread goes back into the cache: the clearing ends with the barriers
-// and the context synchronisation that make the new words those that are fetched, and no other thread executes them.
+// Only the thread's own code is patched, by the thread itself, outside the code that it patches. The instruction cache
+// is cleared over just the words written before the thread goes back into the cache: the clearing ends with the
+// barriers and the context synchronisation that make the new words those that are fetched, and no other thread executes
+// them.
 #include "bi/dispatcher.h"
 
 #include "bi/a64/a64.h"
@@ -55,8 +56,8 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
 // What a lookup pushes at most: x0 and x1, and x2.
 constexpr std::uint32_t PUSHED_BYTES = 32;
 
-// Goes to the fragment of the source address in `target`. x0 and x1 are on the stack, and x2 above them if `x2_is_saved`.
-// Then the target is in x1, and x2 is the second register that the lookup needs; otherwise x1 is.
+// Goes to the fragment of the source address in `target`. x0 and x1 are on the stack, and x2 above them if
+// `x2_is_saved`. Then the target is in x1, and x2 is the second register that the lookup needs; otherwise x1 is.
 void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code, x_register target, bool x2_is_saved) {
   const x_register scratch = x2_is_saved ? x2 : x1;
   code.load_const(x0, address_of(thread->entry_table.entries));

@@ -16,16 +16,10 @@ bool is_readable(const std::uint32_t* word) {
   constexpr std::uint64_t nr_rt_sigprocmask = 135;
   constexpr std::uint64_t no_operation = ~std::uint64_t{0};
   constexpr std::uint64_t set_size = 8;
-  // The set has eight bytes and must not reach into the next page. A null pointer means that there is no set, which is no
-  // error.
+  // The set has eight bytes and must not reach into the next page. A null pointer means that there is no set, which is
+  // no error.
   const std::uint64_t set = address_of(word) & ~(set_size - 1);
   return set != 0 && raw_syscall(nr_rt_sigprocmask, no_operation, set, 0, set_size) != -EFAULT;
-}
-
-bool begins_unreadable_page(const std::uint32_t* word) {
-  // A page is at least 4 KiB. On a kernel with larger pages some of these questions are superfluous.
-  constexpr std::uint64_t smallest_page = 4096;
-  return address_of(word) % smallest_page == 0 && !is_readable(word);
 }
 
 bool is_authenticated_branch(std::uint32_t word) {
@@ -55,7 +49,7 @@ fragment_end find_end(const std::uint32_t* read) {
       case A64_BR:
       case A64_BLR:
       case A64_RET:
-      case A64_NOT_RECOGNISED: return {read, false};  // A branch to a signed address: other such words begin their block.
+      case A64_NOT_RECOGNISED: return {read, false};  // A branch to a signed address.
       default: break;
     }
   }

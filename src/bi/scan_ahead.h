@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "bi/mora.h"
+
 namespace ceilmeter {
 
 // Where the fragment at an address ends: at its branch, or before a word that cannot be part of it.
@@ -20,14 +22,18 @@ bool is_readable(const std::uint32_t* word);
 
 // Whether a page begins with this word and cannot be read. A block may run past the end of its mapping, for instance
 // behind an SVC that does not return. The application never executes the word there.
-bool begins_unreadable_page(const std::uint32_t* word);
+inline bool begins_unreadable_page(const std::uint32_t* word) {
+  // A page is at least 4 KiB. On a kernel with larger pages some of these questions are superfluous.
+  constexpr std::uint64_t smallest_page = 4096;
+  return address_of(word) % smallest_page == 0 && !is_readable(word);
+}
 
 // A branch to a signed address (BRAA, RETAA and the like), which is in no class of the decoder.
 bool is_authenticated_branch(std::uint32_t word);
 
 // Whether a block must begin with this word, so that the block before it ends: a word that neither the decoder nor
-// is_authenticated_branch knows, or the literal load whose rewriting is fatal. Behind a system call that does not return
-// anything may stand, data included; such a word is fatal only if it is executed.
+// is_authenticated_branch knows, or the literal load whose rewriting is fatal. Behind a system call that does not
+// return anything may stand, data included; such a word is fatal only if it is executed.
 bool begins_its_own_block(const std::uint32_t* word);
 
 }  // namespace ceilmeter

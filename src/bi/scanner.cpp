@@ -92,7 +92,8 @@ void rewrite_conditional_branch(scan_state& state) {
   state.stop = true;
 }
 
-// CBZ, CBNZ, TBZ, TBNZ. The test stands before x0 and x1 are loaded and so sees the application's value of any register.
+// CBZ, CBNZ, TBZ, TBNZ. The test stands before x0 and x1 are loaded and so sees the application's value of any
+// register.
 void a64_branch_imm_reg(scan_state& state, int inst) {
   std::uint32_t sense = 0;
   std::uint32_t reg = 0;
@@ -139,8 +140,8 @@ void rewrite_register_branch(scan_state& state, int inst) {
   state.stop = true;
 }
 
-// If it were copied, it would lead out of the cache, and the application would go on outside the engine. The decoder has
-// no class for it, so plug-ins are told of a word that is not recognised.
+// If it were copied, it would lead out of the cache, and the application would go on outside the engine. The decoder
+// has no class for it, so plug-ins are told of a word that is not recognised.
 void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_branch& branch) {
   reserve_space(state, AUTHENTICATED_BRANCH_SPACE);
   begin_exit(state, EXIT_REGISTER, 0, 0);
@@ -148,8 +149,8 @@ void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_bra
   state.stop = true;
 }
 
-// Writes a direct branch to the word, which begins its own block. It is linked like any other exit: otherwise code that the
-// decoder does not know, SVE code above all, would pass through the dispatcher at each of its words.
+// Writes a direct branch to the word, which begins its own block. It is linked like any other exit: otherwise code that
+// the decoder does not know, SVE code above all, would pass through the dispatcher at each of its words.
 void end_before_this_word(scan_state& state) { put_direct_exit(state, address_of(state.read)); }
 
 void leave_to_its_own_block(scan_state& state) {
@@ -240,8 +241,9 @@ void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t t
 
 void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size) {
   if (address_of(*limit) == address_of(thread->code_cache) + CODE_CACHE_SIZE) {
-    // A fragment of a trace cannot be continued in another block. One that does not fit is still scanned to its end, over
-    // its own first words: plug-ins are told where it ends, and that must not depend on where it lies. Nobody runs it.
+    // A fragment of a trace cannot be continued in another block. One that does not fit is still scanned to its end,
+    // over its own first words: plug-ins are told where it ends, and that must not depend on where it lies. Nobody runs
+    // it.
     if (address_of(*limit) > address_of(*write) + size + TRACE_END_SPACE) return;
     thread->trace_fragment_overflow = 1;
     *write = thread->trace_fragment_start;
