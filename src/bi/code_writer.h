@@ -183,10 +183,11 @@ struct code_writer {
   void stp(x_register rt, x_register rt2, indexed_address to) const { put_pair(STORE, rt, rt2, to); }
 
   // Pushes and pops keep sp aligned to 16: one register takes as much as two.
-  void push(x_register rt) const { str(rt, pre_index(sp, -16)); }
-  void pop(x_register rt) const { ldr(rt, post_index(sp, 16)); }
-  void push(x_register rt, x_register rt2) const { stp(rt, rt2, pre_index(sp, -16)); }
-  void pop(x_register rt, x_register rt2) const { ldp(rt, rt2, post_index(sp, 16)); }
+  // The engine writes them all the time: whole words are cheaper than calls with eight fields.
+  void push(x_register rt) const { word(STR_SP_PRE_16 | rt.number); }
+  void pop(x_register rt) const { word(LDR_SP_POST_16 | rt.number); }
+  void push(x_register rt, x_register rt2) const { word(STP_SP_PRE_16 | rt2.number << 10 | rt.number); }
+  void pop(x_register rt, x_register rt2) const { word(LDP_SP_POST_16 | rt2.number << 10 | rt.number); }
 
   // Arithmetic. An immediate has 12 bits; `lsl_12` counts it in units of 4096.
   void add(x_or_sp rd, x_or_sp rn, std::uint32_t imm12) const { put_add_sub(0, 0, rd, rn, imm12); }
@@ -252,7 +253,12 @@ struct code_writer {
   }
   void aut_zero(std::uint32_t key, x_register rd) const { a64_authenticate(cursor++, key, 1, 0, rd.number); }
 
-  // What the mnemonics share. Fields of the load and store classes:
+  // What the mnemonics share. Pushes and pops of x0, and of x0 and x0:
+  static constexpr std::uint32_t STR_SP_PRE_16 = 0xf81f0fe0;   // str x0, [sp, #-16]!
+  static constexpr std::uint32_t LDR_SP_POST_16 = 0xf84107e0;  // ldr x0, [sp], #16
+  static constexpr std::uint32_t STP_SP_PRE_16 = 0xa9bf03e0;   // stp x0, x0, [sp, #-16]!
+  static constexpr std::uint32_t LDP_SP_POST_16 = 0xa8c103e0;  // ldp x0, x0, [sp], #16
+  // Fields of the load and store classes:
   static constexpr std::uint32_t STORE = 0;
   static constexpr std::uint32_t LOAD = 1;
   static constexpr std::uint32_t LOAD_SIGNED = 2;  // Of 64 bits: PRFM.

@@ -27,8 +27,7 @@ bool is_authenticated_branch(std::uint32_t word) {
   return a64_authenticated_branch_decode(word, &branch);
 }
 
-bool begins_its_own_block(const std::uint32_t* word) {
-  const int inst = a64_decode(word);
+bool begins_its_own_block(const std::uint32_t* word, int inst) {
   if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED && !is_authenticated_branch(*word);
   std::uint32_t opc = 0;
   std::uint32_t is_vector = 0;
@@ -40,8 +39,8 @@ bool begins_its_own_block(const std::uint32_t* word) {
 
 fragment_end find_end(const std::uint32_t* read) {
   for (;; ++read) {
-    if (begins_unreadable_page(read) || begins_its_own_block(read)) return {read, false};
-    switch (a64_decode(read)) {
+    if (begins_unreadable_page(read)) return {read, false};
+    switch (const int inst = a64_decode(read)) {
       case A64_CBZ:
       case A64_B_COND:
       case A64_TBZ:
@@ -49,7 +48,10 @@ fragment_end find_end(const std::uint32_t* read) {
       case A64_BR:
       case A64_BLR:
       case A64_RET:
-      case A64_NOT_RECOGNISED: return {read, false};  // A branch to a signed address.
+      case A64_NOT_RECOGNISED: return {read, false};  // It begins its own block or is a branch to a signed address.
+      case A64_LDR_LITERAL:
+        if (begins_its_own_block(read, inst)) return {read, false};
+        break;
       default: break;
     }
   }

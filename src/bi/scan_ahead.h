@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "bi/a64/a64.h"
 #include "bi/mora.h"
 
 namespace ceilmeter {
@@ -34,6 +35,11 @@ bool is_authenticated_branch(std::uint32_t word);
 // Whether a block must begin with this word, so that the block before it ends: a word that neither the decoder nor
 // is_authenticated_branch knows, or the literal load whose rewriting is fatal. Behind a system call that does not
 // return anything may stand, data included; such a word is fatal only if it is executed.
-bool begins_its_own_block(const std::uint32_t* word);
+// `inst` is the word's class.
+bool begins_its_own_block(const std::uint32_t* word, int inst);
+inline bool begins_its_own_block(const std::uint32_t* word) {
+  const int inst = a64_decode(word);
+  return (inst == A64_LDR_LITERAL || inst == A64_NOT_RECOGNISED) && begins_its_own_block(word, inst);
+}
 
 }  // namespace ceilmeter
