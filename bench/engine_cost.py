@@ -43,7 +43,7 @@ import tempfile
 HERE = os.path.dirname(os.path.realpath(__file__))
 TOP = os.path.dirname(HERE)
 # The functions that are counted by their first instruction.
-SCAN, FLUSH, DISPATCH = "ceilmeter::scan_a64", "ceilmeter::flush_code_cache", "dispatcher"
+SCAN, FLUSH, DISPATCH = "ceilmeter::scan_fragment", "ceilmeter::flush_code_cache", "dispatcher"
 # The stub text, and in it the stub that counts, which lies between two others.
 STUB_TEXT, STUB_TEXT_END, BLOCK = "stub_text", "stub_text_end", 256
 COUNTER_STUB, COUNTER_STUB_END = "hot_counter_stub", "syscall_wrapper"

@@ -119,7 +119,7 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
   const std::uint32_t seen_before = thread->flush_seen;
   thread->flush_seen = 0;
   auto* words = reinterpret_cast<std::uint32_t*>(source);
-  const std::uint32_t length = scan_a64(thread, words, bb_id, FRAGMENT_BLOCK, nullptr);
+  const std::uint32_t length = scan_fragment(thread, words, bb_id, FRAGMENT_BLOCK, nullptr);
   const bool flushed = thread->flush_seen != 0;
   thread->flush_seen |= seen_before;
 
@@ -131,7 +131,7 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
     clear_instruction_cache(block, block + BB_SIZE);
     clear_instruction_cache(block_address(thread, first_added), block_address(thread, thread->next_block));
   } else if (thread->next_block >= bb_id) {
-    clear_instruction_cache(block, block + length + 1);
+    clear_instruction_cache(block, block + length);
   } else {
     clear_instruction_cache(block, thread->code_cache + BB_AREA_SIZE);
     clear_instruction_cache(block_address(thread, stub_block_count()), block_address(thread, thread->next_block));

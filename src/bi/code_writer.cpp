@@ -13,24 +13,11 @@ struct offset_field {
   int width;
 };
 
-offset_field offset_field_of(const std::uint32_t* branch) {
-  switch (a64_decode(branch)) {
-    case A64_B: return {0, 26};
-    case A64_TBZ: return {5, 14};
-    default: return {5, 19};  // B.cond, CBZ.
-  }
-}
-
-std::uint32_t mask_of(offset_field field) { return ((std::uint32_t{1} << field.width) - 1) << field.low; }
-
-std::int64_t read_offset(const std::uint32_t* branch) {
-  const offset_field field = offset_field_of(branch);
-  return a64_sign_extend((*branch & mask_of(field)) >> field.low, field.width);
-}
-
-void set_offset(std::uint32_t* branch, std::int64_t words) {
-  const offset_field field = offset_field_of(branch);
-  *branch = (*branch & ~mask_of(field)) | (static_cast<std::uint32_t>(words) << field.low & mask_of(field));
+// Of the four kinds that labels take: the bits that tell them apart suffice.
+offset_field offset_field_of(std::uint32_t word) {
+  if ((word & 0x7c000000) == 0x14000000) return {0, 26};  // B.
+  if ((word & 0x7e000000) == 0x36000000) return {5, 14};  // TBZ, TBNZ.
+  return {5, 19};                                         // B.cond, CBZ, CBNZ.
 }
 
 }  // namespace
@@ -47,8 +34,10 @@ std::uint64_t code_writer::next_address(code_label& to) const {
 void code_writer::bind(code_label& label) const {
   label.place = cursor;
   for (std::uint32_t* branch = label.last_branch; branch != nullptr;) {
-    const std::int64_t to_earlier = read_offset(branch);
-    set_offset(branch, cursor - branch);
+    const offset_field field = offset_field_of(*branch);
+    const std::uint32_t mask = ((std::uint32_t{1} << field.width) - 1) << field.low;
+    const std::int64_t to_earlier = a64_sign_extend((*branch & mask) >> field.low, field.width);
+    *branch = (*branch & ~mask) | (static_cast<std::uint32_t>(cursor - branch) << field.low & mask);
     branch = to_earlier == 0 ? nullptr : branch + to_earlier;
   }
   label.last_branch = nullptr;

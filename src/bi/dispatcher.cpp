@@ -82,8 +82,8 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
 // What a lookup pushes at most: x0 and x1, and x2.
 constexpr std::uint32_t PUSHED_BYTES = 32;
 
-// Goes to the fragment of the source address in `target`. x0 and x1 are on the stack, and x2 above them if `x2_is_saved`.
-// Then the target is in x1, and x2 is the second register that the lookup needs; otherwise x1 is.
+// Goes to the fragment of the source address in `target`. x0 and x1 are on the stack, and x2 above them if
+// `x2_is_saved`. Then the target is in x1, and x2 is the second register that the lookup needs; otherwise x1 is.
 void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code, x_register target, bool x2_is_saved) {
   const x_register scratch = x2_is_saved ? x2 : x1;
   code.load_const(x0, address_of(thread->entry_table.entries));

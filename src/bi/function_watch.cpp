@@ -76,8 +76,9 @@ void reserve_exit_space(scan_state& state) {
   a64_reserve_block_space(state.thread, &state.write, &state.limit, EXIT_SPACE);
 }
 
-// A flush in the midst of a scan hands blocks out from the start again, and the one that is being scanned, which still has to
-// run once, may lie there: the next ones come behind the place that it has got to. A trace's fragment lies in no block.
+// A flush in the midst of a scan hands blocks out from the start again, and the one that is being scanned, which still
+// has to run once, may lie there: the next ones come behind the place that it has got to. A trace's fragment lies in no
+// block.
 void flush_during_scan(scan_state& state) {
   flush_code_cache(state.thread);
   if (state.type != FRAGMENT_BLOCK) return;

@@ -1,10 +1,10 @@
-// Function watches: the table of watched functions, and the code at a watched function's entry and return that the scanner
-// has put into fragments.
+// Function watches: the table of watched functions, and the code at a watched function's entry and return that the
+// scanner has put into fragments.
 //
-// The entry code keeps the return address on a stack of the thread's own and gives the function the address of its watch's
-// record instead. The record begins with a word that reads RET x30. It is never executed: the function's own return
-// comes to the engine with an address that is not in the cache yet, and the scanner translates the record like any code,
-// with the code that takes the true address back before the RET.
+// The entry code keeps the return address on a stack of the thread's own and gives the function the address of its
+// watch's record instead. The record begins with a word that reads RET x30. It is never executed: the function's own
+// return comes to the engine with an address that is not in the cache yet, and the scanner translates the record like
+// any code, with the code that takes the true address back before the RET.
 #pragma once
 
 #include <cstddef>
@@ -37,11 +37,12 @@ static_assert(offsetof(function_watch, code) == 0 && sizeof(function_watch) == 2
 // At a block's start: the entry code, with pre_function, if the block is a watched function's first.
 void put_function_entry(scan_state& state, const std::uint32_t* read_address);
 
-// Before an instruction: the return code, with post_function, if it is that of a watch's record. A post_function without
-// code takes the function's entry code out of this thread's fragments.
+// Before an instruction: the return code, with post_function, if it is that of a watch's record. A post_function
+// without code takes the function's entry code out of this thread's fragments.
 void put_function_return(scan_state& state, const std::uint32_t* read_address);
 
-// Delivers one of the two function events at the scan's cursor. Defined with the delivery of the other events of a scan.
+// Delivers one of the two function events at the scan's cursor. Defined with the delivery of the other events of a
+// scan.
 void deliver_function_event(scan_state& state, mora_event event, std::uint64_t function);
 
 // After a flush: the entry code that the thread remembers is not that of its fragments any more.

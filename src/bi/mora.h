@@ -93,7 +93,7 @@ struct bb_meta {
   std::int32_t trampoline;       // Of a trace fragment: the index of its exit's trampoline.
   cc_link* linked_from;          // Places that branch straight to this fragment.
   std::uint32_t overwritten_exit[OVERWRITTEN_EXIT_WORDS];  // What a trap has overwritten.
-  std::uint32_t source_words;    // How many words from source_addr on the fragment has taken in; set by its scan.
+  std::uint32_t source_words;    // How many words from source_addr on the scan looked at, the one behind the last included.
 };
 
 struct trace_exit {

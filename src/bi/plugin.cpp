@@ -33,8 +33,8 @@ const thread_data* cloned_thread(const mora_context* ctx) {
                                               offsetof(thread_data, plugin_thread_data));
 }
 
-// In its thread_init the parent still waits, so that its arguments are there. The child of a fork may have the record of a
-// thread that a clone has made, but it is alone.
+// In its thread_init the parent still waits, so that its arguments are there. The child of a fork may have the record
+// of a thread that a clone has made, but it is alone.
 bool is_cloned_thread(const mora_context* ctx) {
   return ctx->event == MORA_THREAD_INIT && ctx->thread_data->child_stack != 0 && ctx->thread_data->next != nullptr;
 }

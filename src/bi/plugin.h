@@ -1,12 +1,12 @@
-// The plug-in interface: what code linked into the tool sees of the engine, and all that it may include of it. A plug-in
-// registers callbacks before mora_run; the engine calls them at fixed events, the code events while it translates
-// application code, the others as they happen. From a code event a plug-in can write instructions of its own into the
-// fragment, which then run each time the translated code runs: that is where its cost lies, a callback itself costs
-// the running code nothing.
+// The plug-in interface: what code linked into the tool sees of the engine, and all that it may include of it. A
+// plug-in registers callbacks before mora_run; the engine calls them at fixed events, the code events while it
+// translates application code, the others as they happen. From a code event a plug-in can write instructions of its own
+// into the fragment, which then run each time the translated code runs: that is where its cost lies, a callback itself
+// costs the running code nothing.
 //
-// Callbacks run on the application's thread and, as all of the engine does, on the application's stack: small frames. They
-// may use the tool's C and C++ libraries. Several threads can be in the same callback at once, each with its own context.
-// Nothing here throws; what can fail returns a negative number, and 0 otherwise.
+// Callbacks run on the application's thread and, as all of the engine does, on the application's stack: small frames.
+// They may use the tool's C and C++ libraries. Several threads can be in the same callback at once, each with its own
+// context. Nothing here throws; what can fail returns a negative number, and 0 otherwise.
 #pragma once
 
 #include <cstddef>
@@ -18,11 +18,12 @@ namespace ceilmeter {
 
 struct thread_data;  // The engine's record of a thread; opaque to plug-ins.
 
-// Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status. All
-// registration must be over.
+// Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status.
+// All registration must be over.
 int mora_run(int argc, char** argv, char** envp);
 
-// Events and their context ---------------------------------------------------------------------------------------------
+// Events and their context
+// ---------------------------------------------------------------------------------------------
 
 // The fields of the context that an event fills are named with it; `thread_data`, `event` and `plugin_id` always are.
 enum mora_event : std::uint32_t {
@@ -39,8 +40,9 @@ enum mora_event : std::uint32_t {
   MORA_POST_SYSCALL = 8,  // After it: number, result, and of `args` the first argument alone, as it was before the call.
   MORA_THREAD_INIT = 9,   // The calling thread has joined the list. Also for the first thread and for the child of a fork.
   MORA_THREAD_EXIT = 10,  // `thread_data` leaves; at the end of the process this is told on the thread that ends it.
-  // While the block at a watched function's entry, or the one that stands for its return, is translated. `read_address` is
-  // the function's address. Code written here runs at each entry or return, before the function's own or the caller's.
+  // While the block at a watched function's entry, or the one that stands for its return, is translated. `read_address`
+  // is the function's address. Code written here runs at each entry or return, before the function's own or the
+  // caller's.
   MORA_PRE_FUNCTION = 11,
   MORA_POST_FUNCTION = 12,
   MORA_EXIT = 13,             // The last event, on the thread that ends the process. The C library's exit follows.
@@ -54,7 +56,8 @@ enum mora_event : std::uint32_t {
 // `op` of MORA_VM_OP.
 enum vm_op : std::uint32_t { VM_MAP = 0, VM_UNMAP = 1, VM_REMAP = 2, VM_PROTECT = 3 };
 
-// `inst` where there is no instruction, and the condition that always holds. Other values of `inst`: bi/a64/instructions.h.
+// `inst` where there is no instruction, and the condition that always holds. Other values of `inst`:
+// bi/a64/instructions.h.
 inline constexpr std::int32_t MORA_NO_INST = -1;
 inline constexpr std::uint32_t MORA_COND_ALWAYS = 14;
 
@@ -73,8 +76,8 @@ struct mora_mapping {
   std::uint32_t flags;  // Those of mmap, with marks of the engine's own in bits 29 and 30.
 };
 
-// What a callback gets, for the length of the call. Fields that share a place belong to different events. Plug-ins use the
-// accessors below; of the fields they only write `regs_to_pop`.
+// What a callback gets, for the length of the call. Fields that share a place belong to different events. Plug-ins use
+// the accessors below; of the fields they only write `regs_to_pop`.
 struct mora_context {
   struct thread_data* thread_data;
   std::uint32_t event;  // A mora_event.
@@ -112,8 +115,8 @@ struct mora_context {
     const std::uint32_t* end_address;  // post_bb.
     std::uint64_t offset;              // vm_op: in the file.
   };
-  // Registers for the engine to pop, as by mora_emit_restore_regs, when the callback has returned; 0 at its entry. For a
-  // plug-in that has pushed them by mora_emit_save_regs and leaves in many ways.
+  // Registers for the engine to pop, as by mora_emit_restore_regs, when the callback has returned; 0 at its entry. For
+  // a plug-in that has pushed them by mora_emit_save_regs and leaves in many ways.
   std::uint32_t regs_to_pop;
   std::uint32_t regs_on_entry;        // regs_to_pop as the callback found it.
   std::uint32_t plugin_stack_offset;  // 64-bit words that the plug-in's pushes hold on the application's stack.
@@ -126,12 +129,13 @@ struct mora_context {
 // The result is ignored.
 using mora_callback = int (*)(mora_context* ctx);
 
-// Registration -----------------------------------------------------------------------------------------------------------
+// Registration
+// -----------------------------------------------------------------------------------------------------------
 //
 // Before mora_run, on one thread. There is room for ten plug-ins.
 
-// A new plug-in: the context by which the functions below know it. Null if there are ten. It is the same record for every
-// plug-in and holds only the last one: register all of a plug-in before the next is added.
+// A new plug-in: the context by which the functions below know it. Null if there are ten. It is the same record for
+// every plug-in and holds only the last one: register all of a plug-in before the next is added.
 mora_context* mora_add_plugin();
 
 // -3: there is no such event. -1: there is no such plug-in. -2: the plug-in already has a callback for the event.
@@ -178,15 +182,16 @@ inline int mora_on_flush(mora_context* ctx, mora_callback fn) { return mora_bind
 int mora_set_plugin_data(mora_context* ctx, void* data);
 void* mora_get_plugin_data(const mora_context* ctx);
 
-// A pointer of the plug-in's per thread: that of the context's thread. -1 (null) for a plug-in that is not registered, -4
-// (null) for a context without a thread. Null in a new thread, unless the clone event has set it.
+// A pointer of the plug-in's per thread: that of the context's thread. -1 (null) for a plug-in that is not registered,
+// -4 (null) for a context without a thread. Null in a new thread, unless the clone event has set it.
 int mora_set_thread_data(mora_context* ctx, void* data);
 void* mora_get_thread_data(const mora_context* ctx);
 
 // At clone: the pointer that the new thread will find as its own. -4 at any other event.
 int mora_set_child_thread_data(mora_context* ctx, void* data);
 
-// Accessors --------------------------------------------------------------------------------------------------------------
+// Accessors
+// --------------------------------------------------------------------------------------------------------------
 //
 // Meaningful at the events that fill the field (mora_event). Addresses are the application's, but for cc_addr.
 
@@ -238,22 +243,24 @@ inline std::uint64_t mora_get_symbol_size(const mora_context* ctx) { return ctx-
 inline const char* mora_get_loaded_path(const mora_context* ctx) { return ctx->path; }
 inline std::int32_t mora_get_loaded_fd(const mora_context* ctx) { return ctx->loaded_fd; }
 
-// Services with effects --------------------------------------------------------------------------------------------------
+// Services with effects
+// --------------------------------------------------------------------------------------------------
 
-// Takes the instruction over: it is not copied, what the plug-in writes stands in its place. At pre_inst only; at any other
-// code event the engine logs a warning and goes on.
+// Takes the instruction over: it is not copied, what the plug-in writes stands in its place. At pre_inst only; at any
+// other code event the engine logs a warning and goes on.
 int mora_replace_inst(mora_context* ctx);
 
-// At pre_function: notes another address for the function. The engine does not replace functions: it logs the warning of
-// mora_replace_inst and goes on with the function. -1 at any other event.
+// At pre_function: notes another address for the function. The engine does not replace functions: it logs the warning
+// of mora_replace_inst and goes on with the function. -1 at any other event.
 int mora_replace_function(mora_context* ctx, std::uint64_t address);
 
 // At pre_syscall: the call is not made. Its result is that of mora_set_result, and its first argument until then. -1 at
 // any other event.
 int mora_skip_syscall(mora_context* ctx);
 
-// At pre_syscall once the call is skipped, and at post_syscall; -1 elsewhere. At post_syscall it reaches the application
-// only if the call was skipped or handled by the engine: a call that the kernel has made keeps the kernel's result.
+// At pre_syscall once the call is skipped, and at post_syscall; -1 elsewhere. At post_syscall it reaches the
+// application only if the call was skipped or handled by the engine: a call that the kernel has made keeps the kernel's
+// result.
 int mora_set_result(mora_context* ctx, std::uint64_t value);
 
 // Makes write_p an address that application code can branch to: the code that the plug-in writes there is entered as a
@@ -261,22 +268,23 @@ int mora_set_result(mora_context* ctx, std::uint64_t value);
 // next flush. -1 outside a scan.
 int mora_add_to_entry_table(mora_context* ctx);
 
-// Ends the fragment here. What is written must then lead elsewhere by itself (mora_emit_indirect_branch): the engine writes
-// no exit. -1 outside a scan.
+// Ends the fragment here. What is written must then lead elsewhere by itself (mora_emit_indirect_branch): the engine
+// writes no exit. -1 outside a scan.
 int mora_stop_scan(mora_context* ctx);
 
-// Around code of a plug-in's own that runs in a function called from the cache (mora_emit_guarded_call) and uses the heap, a
-// lock or shared data: a fork waits until it is over, as it does for callbacks, which are bracketed by the engine. Otherwise
-// the child might find a lock taken by a thread that it does not have. May be nested. Nothing in between may wait for the
-// application.
+// Around code of a plug-in's own that runs in a function called from the cache (mora_emit_guarded_call) and uses the
+// heap, a lock or shared data: a fork waits until it is over, as it does for callbacks, which are bracketed by the
+// engine. Otherwise the child might find a lock taken by a thread that it does not have. May be nested. Nothing in
+// between may wait for the application.
 void mora_enter_callback();
 void mora_leave_callback();
 
-// Makes sure that more than `size` bytes can be written at write_p without a break, which may move write_p. -1 outside a
-// scan, and where no code is allowed.
+// Makes sure that more than `size` bytes can be written at write_p without a break, which may move write_p. -1 outside
+// a scan, and where no code is allowed.
 int mora_reserve_space(mora_context* ctx, std::uint32_t size);
 
-// Code emission ----------------------------------------------------------------------------------------------------------
+// Code emission
+// ----------------------------------------------------------------------------------------------------------
 //
 // Each writes at write_p and moves it. -1, with nothing written, where no code is allowed, and for operands that the
 // instructions cannot hold. Each makes sure of the space for its own instructions; between two services the code may
@@ -289,8 +297,8 @@ int mora_reserve_space(mora_context* ctx, std::uint32_t size);
 
 inline constexpr std::uint32_t MORA_CALLBACK_SPACE = 60;
 
-// Pushes and pops the registers of a mask, bit n standing for xn, so that sp stays aligned to 16. One mask restores what the
-// same mask has saved. Flags are not saved.
+// Pushes and pops the registers of a mask, bit n standing for xn, so that sp stays aligned to 16. One mask restores
+// what the same mask has saved. Flags are not saved.
 int mora_emit_save_regs(mora_context* ctx, std::uint32_t mask);
 int mora_emit_restore_regs(mora_context* ctx, std::uint32_t mask);
 
@@ -348,9 +356,9 @@ int mora_patch_cbnz(mora_context* ctx, const mora_branch* in, std::uint32_t reg)
 // Calls code that is not the application's; changes x30. Saves nothing.
 int mora_emit_call(mora_context* ctx, std::uint64_t target);
 
-// Calls a C function of the tool's with the values that x0 to x(nargs - 1) have then. Everything of the application's state
-// is kept but these registers, flags and the whole vector state included; a result of the function's is lost unless
-// nargs is above 0, when it is in x0. The function runs in the default floating-point mode. At most 8 arguments.
+// Calls a C function of the tool's with the values that x0 to x(nargs - 1) have then. Everything of the application's
+// state is kept but these registers, flags and the whole vector state included; a result of the function's is lost
+// unless nargs is above 0, when it is in x0. The function runs in the default floating-point mode. At most 8 arguments.
 int mora_emit_guarded_call(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs);
 
 // The same with constant arguments; the registers that they take are kept as well.
@@ -385,15 +393,16 @@ int mora_emit_guarded_call_args(mora_context* ctx, function_t fn, std::uint32_t 
   return mora_emit_guarded_call_values(ctx, mora_argument_word(fn), nargs, words);
 }
 
-// Function watches -------------------------------------------------------------------------------------------------------
+// Function watches
+// -------------------------------------------------------------------------------------------------------
 
 // Has every thread deliver pre_function and post_function for the function at `address`, each time it translates the
-// function's first block from now on: to be called before the function first runs. Any thread, any event. 1: added; 0: it
-// was watched already, and counts once more. Removed by the unmapping of the address.
+// function's first block from now on: to be called before the function first runs. Any thread, any event. 1: added; 0:
+// it was watched already, and counts once more. Removed by the unmapping of the address.
 //
 // While a post_function callback is registered, a watched function returns by way of the engine, which keeps its return
-// address on a stack of its own, of 32767 live calls per thread. A function that is left otherwise (longjmp, an exception
-// that passes through it), or that looks at its return address (setjmp), must not be watched then.
+// address on a stack of its own, of 32767 live calls per thread. A function that is left otherwise (longjmp, an
+// exception that passes through it), or that looks at its return address (setjmp), must not be watched then.
 int function_watch_add(std::uint64_t address);
 
 // The same with a name for those who read the engine's table; the first 255 bytes of it are kept. Null: none.

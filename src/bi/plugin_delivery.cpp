@@ -22,8 +22,8 @@ bool is_event_bound(mora_event event) {
 }
 
 void mora_enter_callback() {
-  // More than once on one thread: an event comes within another's callback, such as the flush that its code makes necessary.
-  // The lock prefers readers, so that a fork that waits does not come between.
+  // More than once on one thread: an event comes within another's callback, such as the flush that its code makes
+  // necessary. The lock prefers readers, so that a fork that waits does not come between.
   pthread_rwlock_rdlock(&engine.callbacks_lock);
 }
 

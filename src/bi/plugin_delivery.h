@@ -1,5 +1,5 @@
-// The engine's side of the plug-in interface: the points where its code tells plug-ins of an event. Each function here is
-// called at its event's one place, whether there are plug-ins or not; without any it returns at once.
+// The engine's side of the plug-in interface: the points where its code tells plug-ins of an event. Each function here
+// is called at its event's one place, whether there are plug-ins or not; without any it returns at once.
 #pragma once
 
 #include <algorithm>
@@ -72,8 +72,8 @@ inline void deliver_vm_op(const vm_op_event& what) {
   if (engine.plugin_count != 0) tell_plugins_of_vm_op(what);
 }
 
-// An executable mapping of the file `fd` begins at `addr`: the file's function symbols are read. What they lead to, events
-// and watches, is for plug-ins alone.
+// An executable mapping of the file `fd` begins at `addr`: the file's function symbols are read. What they lead to,
+// events and watches, is for plug-ins alone.
 inline void deliver_mapped_file(std::int32_t fd, std::uint64_t addr) {
   if (engine.plugin_count != 0) tell_plugins_of_mapped_file(fd, addr);
 }
@@ -101,9 +101,9 @@ struct scan_event {
 // What deliver_scan_event does if there are plug-ins.
 bool scan_for_plugins(scan_state& state, const scan_event& what);
 
-// Tells plug-ins of the event and puts their code at the scan's cursor, the function events of the block and the code of
-// its watches included. MORA_PRE_BB concerns state.bb_start, every other event state.read. True if a plug-in has taken the
-// instruction over; a plug-in may also end the fragment (state.stop).
+// Tells plug-ins of the event and puts their code at the scan's cursor, the function events of the block and the code
+// of its watches included. MORA_PRE_BB concerns state.bb_start, every other event state.read. True if a plug-in has
+// taken the instruction over; a plug-in may also end the fragment (state.stop).
 inline bool deliver_scan_event(scan_state& state, const scan_event& what) {
   return engine.plugin_count != 0 && scan_for_plugins(state, what);
 }

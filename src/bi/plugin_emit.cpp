@@ -1,6 +1,6 @@
-// The services that write code for a plug-in. The context alone tells them where: write_p, the limit of the space behind it,
-// and whether what is written becomes part of the fragment. The engine clears the instruction cache over the whole fragment
-// when its translation is over.
+// The services that write code for a plug-in. The context alone tells them where: write_p, the limit of the space
+// behind it, and whether what is written becomes part of the fragment. The engine clears the instruction cache over the
+// whole fragment when its translation is over.
 //
 // Operands come as numbers from plug-ins, so every service tests whether its instruction can hold them.
 #include <asm/hwcap.h>
@@ -60,7 +60,9 @@ bool is_index(std::int32_t imm9) { return is_multiple_within(imm9, 1, -256, 255)
 // A pair's offset.
 bool is_pair_offset(std::int32_t imm) { return is_multiple_within(imm, 8, -512, 504); }
 
-offset_address address_at(std::uint32_t rn, std::uint32_t imm) { return at(x_or_sp{rn}, static_cast<std::int32_t>(imm)); }
+offset_address address_at(std::uint32_t rn, std::uint32_t imm) {
+  return at(x_or_sp{rn}, static_cast<std::int32_t>(imm));
+}
 
 indexed_address indexed(std::uint32_t rn, std::int32_t imm, bool post) {
   return post ? post_index(x_or_sp{rn}, imm) : pre_index(x_or_sp{rn}, imm);

@@ -17,16 +17,10 @@ bool is_readable(const std::uint32_t* word) {
   constexpr std::uint64_t nr_rt_sigprocmask = 135;
   constexpr std::uint64_t no_operation = ~std::uint64_t{0};
   constexpr std::uint64_t set_size = 8;
-  // The set has eight bytes and must not reach into the next page. A null pointer means that there is no set, which is no
-  // error.
+  // The set has eight bytes and must not reach into the next page. A null pointer means that there is no set, which is
+  // no error.
   const std::uint64_t set = address_of(word) & ~(set_size - 1);
   return set != 0 && raw_syscall(nr_rt_sigprocmask, no_operation, set, 0, set_size) != -EFAULT;
-}
-
-bool begins_unreadable_page(const std::uint32_t* word) {
-  // A page is at least 4 KiB. On a kernel with larger pages some of these questions are superfluous.
-  constexpr std::uint64_t smallest_page = 4096;
-  return address_of(word) % smallest_page == 0 && !is_readable(word);
 }
 
 bool is_compare_and_branch(std::uint32_t word) {
@@ -39,8 +33,7 @@ bool is_branch_without_class(std::uint32_t word) {
   return a64_authenticated_branch_decode(word, &branch) || is_compare_and_branch(word);
 }
 
-bool begins_its_own_block(const std::uint32_t* word) {
-  const int inst = a64_decode(word);
+bool begins_its_own_block(const std::uint32_t* word, int inst) {
   if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED && !is_branch_without_class(*word);
   std::uint32_t opc = 0;
   std::uint32_t is_vector = 0;
@@ -52,8 +45,8 @@ bool begins_its_own_block(const std::uint32_t* word) {
 
 fragment_end find_end(const std::uint32_t* read) {
   for (;; ++read) {
-    if (begins_unreadable_page(read) || begins_its_own_block(read)) return {read, false};
-    switch (a64_decode(read)) {
+    if (begins_unreadable_page(read)) return {read, false};
+    switch (const int inst = a64_decode(read)) {
       case A64_CBZ:
       case A64_B_COND:
       case A64_TBZ:
@@ -61,8 +54,11 @@ fragment_end find_end(const std::uint32_t* read) {
       case A64_BR:
       case A64_BLR:
       case A64_RET: return {read, false};
-      case A64_NOT_RECOGNISED:  // A branch without a class: other words of none begin their own block.
+      case A64_NOT_RECOGNISED:  // A branch without a class, or a word that begins its own block.
         return {read, is_compare_and_branch(*read)};
+      case A64_LDR_LITERAL:
+        if (begins_its_own_block(read, inst)) return {read, false};
+        break;
       default: break;
     }
   }

@@ -4,6 +4,9 @@
 
 #include <cstdint>
 
+#include "bi/a64/a64.h"
+#include "bi/mora.h"
+
 namespace ceilmeter {
 
 // Where the fragment at an address ends: at its branch, or before a word that cannot be part of it.
@@ -20,7 +23,11 @@ bool is_readable(const std::uint32_t* word);
 
 // Whether a page begins with this word and cannot be read. A block may run past the end of its mapping, for instance
 // behind an SVC that does not return. The application never executes the word there.
-bool begins_unreadable_page(const std::uint32_t* word);
+inline bool begins_unreadable_page(const std::uint32_t* word) {
+  // A page is at least 4 KiB. On a kernel with larger pages some of these questions are superfluous.
+  constexpr std::uint64_t smallest_page = 4096;
+  return address_of(word) % smallest_page == 0 && !is_readable(word);
+}
 
 // A branch that compares a register and is in no class of the decoder (CB<cc> and its kin).
 bool is_compare_and_branch(std::uint32_t word);
@@ -30,8 +37,13 @@ bool is_compare_and_branch(std::uint32_t word);
 bool is_branch_without_class(std::uint32_t word);
 
 // Whether a block must begin with this word, so that the block before it ends: a word that neither the decoder nor
-// is_branch_without_class knows, or the literal load whose rewriting is fatal. Behind a system call that does not return
-// anything may stand, data included; such a word is fatal only if it is executed.
-bool begins_its_own_block(const std::uint32_t* word);
+// is_branch_without_class knows, or the literal load whose rewriting is fatal. Behind a system call that does not
+// return anything may stand, data included; such a word is fatal only if it is executed.
+// `inst` is the word's class.
+bool begins_its_own_block(const std::uint32_t* word, int inst);
+inline bool begins_its_own_block(const std::uint32_t* word) {
+  const int inst = a64_decode(word);
+  return (inst == A64_LDR_LITERAL || inst == A64_NOT_RECOGNISED) && begins_its_own_block(word, inst);
+}
 
 }  // namespace ceilmeter

@@ -1,4 +1,5 @@
-// The rules of scan_rules.h. Every register that a rule needs besides the instruction's own is pushed and popped around it.
+// The rules of scan_rules.h. Every register that a rule needs besides the instruction's own is pushed and popped around
+// it.
 #include "bi/scan_rules.h"
 
 #include "a64/classifier_rows.h"
@@ -29,7 +30,8 @@ int following_words(std::uint32_t word) {
   return (is_set ? word >> 14 & 3 : stage) == 0 ? 2 : 0;
 }
 
-// LDR, LDRSW and PRFM of general registers. The register of the result serves as the base: its old value is lost anyway.
+// LDR, LDRSW and PRFM of general registers. The register of the result serves as the base: its old value is lost
+// anyway.
 void put_general_load(const code_writer& code, std::uint32_t opc, std::uint32_t reg, x_register base) {
   switch (opc) {
     case 0: code.ldr_w(x_register{reg}, at(base)); break;
@@ -139,8 +141,8 @@ void copy_unknown(scan_state& state) {
     log(LEVEL_DEBUG, "Copying it unmodified, but future problems are possible");
   }
   code.word(*state.read);
-  // Neither the end of a block nor a plug-in's code may come between words that belong together, even if an emulator does
-  // not mind. The words behind the first are copied here and have no events of their own.
+  // Neither the end of a block nor a plug-in's code may come between words that belong together, even if an emulator
+  // does not mind. The words behind the first are copied here and have no events of their own.
   for (int left = following_words(*state.read); left > 0; --left) {
     const std::uint32_t* next = state.read + 1;
     if (begins_unreadable_page(next) || a64_decode(next) != A64_NOT_RECOGNISED || is_branch_without_class(*next)) break;

@@ -1,5 +1,5 @@
-// The state of one scan: where it reads, where it writes, and whose it is. The scanner's rules, the delivery of its events
-// to plug-ins and the function watches all work on this record.
+// The state of one scan: where it reads, where it writes, and whose it is. The scanner's rules, the delivery of its
+// events to plug-ins and the function watches all work on this record.
 #pragma once
 
 #include <cstdint>

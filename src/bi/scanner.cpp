@@ -142,8 +142,8 @@ void rewrite_register_branch(scan_state& state, int inst) {
   state.stop = true;
 }
 
-// If it were copied, it would lead out of the cache, and the application would go on outside the engine. The decoder has
-// no class for it, so plug-ins are told of a word that is not recognised.
+// If it were copied, it would lead out of the cache, and the application would go on outside the engine. The decoder
+// has no class for it, so plug-ins are told of a word that is not recognised.
 void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_branch& branch) {
   reserve_space(state, AUTHENTICATED_BRANCH_SPACE);
   begin_exit(state, EXIT_REGISTER, 0, 0);
@@ -250,8 +250,9 @@ void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t t
 
 void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size) {
   if (address_of(*limit) == address_of(thread->code_cache) + CODE_CACHE_SIZE) {
-    // A fragment of a trace cannot be continued in another block. One that does not fit is still scanned to its end, over
-    // its own first words: plug-ins are told where it ends, and that must not depend on where it lies. Nobody runs it.
+    // A fragment of a trace cannot be continued in another block. One that does not fit is still scanned to its end,
+    // over its own first words: plug-ins are told where it ends, and that must not depend on where it lies. Nobody runs
+    // it.
     if (address_of(*limit) > address_of(*write) + size + TRACE_END_SPACE) return;
     thread->trace_fragment_overflow = 1;
     *write = thread->trace_fragment_start;
@@ -304,7 +305,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   scan_words(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
-  meta.source_words = static_cast<std::uint32_t>(state.read - read_address);
+  meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
   end_source_marks(thread, state.write);
   return static_cast<std::uint32_t>(state.write - start) * 4;
 }

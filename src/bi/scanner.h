@@ -1,9 +1,9 @@
-// The scanner turns a stretch of application code into rewritten code in the cache: copies what does not depend on where
-// it runs, rewrites what does, and ends a fragment at the first instruction that transfers control. It knows nothing of
-// linking and only leaves the words reserved that the dispatcher turns into links.
+// The scanner turns a stretch of application code into rewritten code in the cache: copies what does not depend on
+// where it runs, rewrites what does, and ends a fragment at the first instruction that transfers control. It knows
+// nothing of linking and only leaves the words reserved that the dispatcher turns into links.
 //
-// Runs on the application's thread, on its stack, without locks, and writes only to the thread's own cache. Who calls it
-// clears the instruction cache over what it wrote.
+// Runs on the application's thread, on its stack, without locks, and writes only to the thread's own cache. Who calls
+// it clears the instruction cache over what it wrote.
 #pragma once
 
 #include <cstdint>
@@ -36,8 +36,8 @@ inline std::uint32_t* block_words(const thread_data* thread, std::int32_t bb_id)
 }
 
 // Fills the fragment `bb_id` with the rewritten code from `read_address` on, at `write`, or at the block's own place if
-// that is null. Returns the code's length in bytes, from the fragment's start to the last word written. A block that was
-// continued elsewhere has its last word there.
+// that is null. Returns the code's length in bytes, from the fragment's start to the last word written. A block that
+// was continued elsewhere has its last word there.
 std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_address, std::int32_t bb_id,
                             fragment_type type, std::uint32_t* write);
 
@@ -55,8 +55,8 @@ std::uint64_t count_source_words(const std::uint32_t* read_address);
 // trace that has no room left is marked instead, in the thread's record, and goes on where it may do no harm.
 void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size);
 
-// The last part of an exit: x0 gets the target, x1 the index of the block, then the dispatcher. The application's x0 and
-// x1 have been pushed.
+// The last part of an exit: x0 gets the target, x1 the index of the block, then the dispatcher. The application's x0
+// and x1 have been pushed.
 void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t target, std::int32_t bb_id);
 
 }  // namespace ceilmeter

@@ -61,9 +61,9 @@ std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_ty
   meta.source_addr = source;
   meta.cache_entry = address_of(write);
   meta.link_state = LINK_NONE;
-  const std::uint32_t length = scan_a64(thread, reinterpret_cast<const std::uint32_t*>(source), id, type, write);
+  const std::uint32_t length = scan_fragment(thread, reinterpret_cast<const std::uint32_t*>(source), id, type, write);
   if (thread->trace_fragment_overflow != 0) return write;
-  std::uint32_t* end = write + length / 4 - 1;
+  std::uint32_t* end = write + length / 4;
   clear_instruction_cache(write, end);
   return end;
 }

@@ -10,6 +10,11 @@ FIRST_LINES = """\
 // tools/a64/a64_encodings.LICENSE.txt.
 """
 
+# The classes that have an emit_X: branches, traps, and the loads, stores, moves and arithmetic of general registers. A
+# plug-in that needs another one writes it by a64_X and moves write_p itself, or adds the class here.
+EMITTED = ("cbz", "b_cond", "hvc", "brk", "tbz", "b", "br", "blr", "ldp_stp", "ldr_str_imm9", "ldr_str_unsigned",
+           "add_sub_imm", "logical_imm", "mov_wide", "add_sub_shifted", "logical_shifted")
+
 
 def constant(item):
     return f"A64_{item.name.upper()}"
@@ -115,9 +120,10 @@ namespace ceilmeter {
 def emit_h(classes):
     lines = [FIRST_LINES + """\
 //
-// emit_X writes one instruction of class X at a context's write_p and moves write_p past it: how plug-ins and the code
-// that serves them write instructions one after another. The context is whatever record has such a pointer, so that
-// this family needs nothing of the engine's. Space is the caller's affair, and so is the instruction cache.
+// emit_X writes one instruction of class X at a context's write_p and moves write_p past it: how plug-ins write
+// instructions for which there is no service (plug-in header). The engine's own code uses bi/code_writer.h instead. The
+// context is any record that has such a pointer, so that this family needs nothing of the engine. The caller reserves the
+// space and clears the instruction cache.
 #pragma once
 
 #include <concepts>
@@ -132,7 +138,9 @@ concept a64_code_context = requires(context_t& context) {
   { (context.write_p) } -> std::same_as<std::uint32_t*&>;
 };
 """]
-    for item in classes:
+    emitted = [item for item in classes if item.name in EMITTED]
+    assert len(emitted) == len(EMITTED)
+    for item in emitted:
         lines.append("template <a64_code_context context_t>")
         lines.append(wrapped(*encoder_head(item, "emit_", "context_t* context"), ") {"))
         lines.append(wrapped(f"  a64_{item.name}(", ["context->write_p"] + [part.name for part in item.fields], ");"))
@@ -225,7 +233,8 @@ inline constexpr int A64_REFUSED_COUNT = {refused};
 def family_calls_cpp(classes):
     lines = [FIRST_LINES + """\
 //
-// Every function of the family behind one signature each, so that tests can walk them by value.
+// Every function of the family behind one signature each, so that tests can walk them by value. A class without an emit_X
+// has nullptr in its place.
 #include "family_calls.h"
 
 #include "bi/a64/emit.h"
@@ -238,11 +247,13 @@ const family_call family_calls[A64_NOT_RECOGNISED] = {"""]
         given = [f"f[{index}]" for index in range(len(item.fields))]
         taken = [f"&f[{index}]" for index in range(len(item.fields))]
         used = "f" if item.fields else ""
-        for index, (head, first, function, rest) in enumerate((
-                (f"    {{[](std::uint32_t* w, const std::uint32_t* {used}) {{ ", "w", f"a64_{item.name}", given),
-                (f"     [](const std::uint32_t* w, std::uint32_t* {used}) {{ ", "w", f"a64_{item.name}_decode", taken),
-                (f"     [](code_context* c, const std::uint32_t* {used}) {{ ", "c", f"emit_{item.name}", given))):
-            lines.append(wrapped(f"{head}{function}(", [first] + rest, "); }}," if index == 2 else "); },"))
+        calls = [(f"    {{[](std::uint32_t* w, const std::uint32_t* {used}) {{ ", "w", f"a64_{item.name}", given),
+                 (f"     [](const std::uint32_t* w, std::uint32_t* {used}) {{ ", "w", f"a64_{item.name}_decode", taken)]
+        if item.name in EMITTED:
+            calls.append((f"     [](code_context* c, const std::uint32_t* {used}) {{ ", "c", f"emit_{item.name}", given))
+        for head, first, function, rest in calls:
+            lines.append(wrapped(f"{head}{function}(", [first] + rest, "); },"))
+        lines[-1] = lines[-1][:-1] + "}," if item.name in EMITTED else lines[-1] + "\n     nullptr},"
     lines += ["};", "", "}  // namespace ceilmeter", ""]
     return "\n".join(lines)
 

@@ -44,8 +44,8 @@ int a64_cbnz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std
 // TBZ (op 0) or TBNZ (op 1) of one bit, 0 to 63, of register rt.
 void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t rt, std::uint32_t bit);
 
-// A branch to a signed address that it authenticates: BRAA, BLRAA, RETAA and the like, which are in no class of the family.
-// Those whose modifier is a place in the code (RETAASPPC) are not among them.
+// A branch to a signed address that it authenticates: BRAA, BLRAA, RETAA and the like, which are in no class of the
+// family. Those whose modifier is a place in the code (RETAASPPC) are not among them.
 struct a64_authenticated_branch {
   std::uint32_t link;           // 1: BLRAA and its kind.
   std::uint32_t key;            // 0: A, 1: B.

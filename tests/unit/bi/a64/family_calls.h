@@ -16,7 +16,7 @@ struct code_context {
 struct family_call {
   void (*encode)(std::uint32_t* write, const std::uint32_t* fields);
   void (*decode)(const std::uint32_t* word_address, std::uint32_t* fields);
-  void (*emit)(code_context* context, const std::uint32_t* fields);
+  void (*emit)(code_context* context, const std::uint32_t* fields);  // Null: the class has no emit_X.
 };
 
 extern const family_call family_calls[A64_NOT_RECOGNISED];

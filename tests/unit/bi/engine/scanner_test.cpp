@@ -317,6 +317,17 @@ TEST_F(scanned, a_trace_fragment_has_no_entry_word_and_no_counter_code) {
   EXPECT_EQ(length, (2 + stub.size() + 1) * 4);
 }
 
+TEST_F(scanned, a_fragments_record_counts_the_words_that_the_scan_looked_at) {
+  EXPECT_EQ(meta(scan_block(one_branch)).source_words, 2u);  // The branch, and the word behind it.
+  EXPECT_EQ(meta(scan_block(copied_words)).source_words, count_source_words(copied_words) + 1);
+}
+
+TEST_F(scanned, the_two_names_of_a_scan_differ_by_4_bytes) {
+  auto* place = reinterpret_cast<std::uint32_t*>(thread->trace_write_cursor);
+  const std::uint32_t exact = scan_fragment(thread, one_branch, BB_COUNT, FRAGMENT_TRACE, place);
+  EXPECT_EQ(scan_a64(thread, one_branch, BB_COUNT, FRAGMENT_TRACE, place), exact + 4);
+}
+
 TEST_F(scanned, a_trace_head_has_the_entry_word_and_no_counter_code) {
   auto* place = reinterpret_cast<std::uint32_t*>(thread->trace_write_cursor);
   scan_a64(thread, one_branch, BB_COUNT, FRAGMENT_TRACE_HEAD, place);

@@ -93,6 +93,19 @@ TEST_F(plugin_scan_test, a_blocks_events_come_in_the_order_of_its_translation) {
                                            {MORA_POST_FRAGMENT, 3}}));
 }
 
+TEST_F(plugin_scan_test, an_event_can_be_delivered_without_the_scans_record) {
+  mora_on_pre_bb(mora_add_plugin(), write_mov);
+  const std::int32_t bb_id = allocate_bb(thread);
+  const std::uint32_t* read = source_plain;
+  std::uint32_t* write = block(bb_id);
+  std::uint32_t* limit = write + BB_SIZE / 4;
+  EXPECT_FALSE(a64_scanner_deliver_callbacks(thread, MORA_PRE_BB, &read, MORA_NO_INST, &write, &limit, bb_id,
+                                             FRAGMENT_BLOCK, true, &stop, nullptr));
+  EXPECT_EQ(write, block(bb_id) + 1);
+  EXPECT_EQ(*block(bb_id), MOV_X3_X4);
+  EXPECT_EQ(read, source_plain);
+}
+
 TEST_F(plugin_scan_test, a_block_ends_at_a_system_call_and_another_begins_behind_it) {
   mora_context* plugin = mora_add_plugin();
   mora_on_pre_bb(plugin, note);

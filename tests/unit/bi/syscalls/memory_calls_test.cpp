@@ -23,10 +23,11 @@ class memory_calls : public syscalls_test {
     const auto at = static_cast<std::int64_t>(address);
     EXPECT_EQ(handled(SYS_mmap, {address, fake.page, prot, anonymous | MAP_FIXED, no_file, 0}), at);
   }
-  // A block of this thread's begins there.
-  void was_rewritten(std::uint64_t address) {
+  // A block of this thread's was made of that many words from there on.
+  void was_rewritten(std::uint64_t address, std::uint32_t words = 1) {
     thread->next_block = 4;
     thread->metas[3].source_addr = address;
+    thread->metas[3].source_words = words;
   }
   static std::int64_t known(std::uint64_t address, std::uint64_t size) {
     return interval_map_overlapping(&engine.exec_ranges, address, address + size);
@@ -141,21 +142,23 @@ TEST_F(memory_calls, code_that_becomes_writable_and_stays_executable_is_forgotte
 TEST_F(memory_calls, a_mapping_over_code_that_was_rewritten_flushes) {
   const std::uint64_t address = map(4 * fake.page, PROT_READ | PROT_EXEC);
   was_rewritten(address + fake.page + 8);
-  map_over(address, PROT_READ);  // Blocks are known by their starts: this page has none, nor the one before it.
+  map_over(address, PROT_READ);
   EXPECT_EQ(fake.flushes, 0);
   map_over(address + fake.page, PROT_READ);
   EXPECT_EQ(fake.flushes, 1);
   munmap(reinterpret_cast<void*>(address), 4 * fake.page);
 }
 
-TEST_F(memory_calls, a_mapping_over_code_flushes_for_a_block_that_may_reach_into_it) {
-  const std::uint64_t address = map(40 * fake.page, PROT_READ | PROT_EXEC);
-  was_rewritten(address + 8);
-  map_over(address + 39 * fake.page, PROT_READ);
-  EXPECT_EQ(fake.flushes, 0);
+TEST_F(memory_calls, a_mapping_over_code_flushes_for_a_block_that_reaches_into_it_by_a_word) {
+  const std::uint64_t address = map(4 * fake.page, PROT_READ | PROT_EXEC);
+  was_rewritten(address + fake.page - 8, 2);  // Up to the page's end.
   map_over(address + fake.page, PROT_READ);
-  EXPECT_EQ(fake.flushes, 1);
-  munmap(reinterpret_cast<void*>(address), 40 * fake.page);
+  EXPECT_EQ(fake.flushes, 0);
+  was_rewritten(address + fake.page - 8, 3);
+  map_over(address + fake.page, PROT_READ | PROT_EXEC);
+  map_over(address + fake.page, PROT_READ);
+  EXPECT_GE(fake.flushes, 1);
+  munmap(reinterpret_cast<void*>(address), 4 * fake.page);
 }
 
 TEST_F(memory_calls, a_mapping_over_data_flushes_nothing) {
