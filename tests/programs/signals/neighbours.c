@@ -1,0 +1,89 @@
+// A signal that is not blocked while others are: neighbours [ROUNDS]. For each number a loop waits for that signal with every
+// other one blocked that may be; then one waits in sigsuspend for what has come right before.
+#include <string.h>
+#include <time.h>
+
+#include "guard.h"
+
+static volatile sig_atomic_t come;
+
+static void on_signal(int number) {
+  come = number;
+  timer_ticked();
+}
+
+// `number` is the only one that is not blocked, and the loop makes no system call.
+static void wait_in_a_loop(int number, timer_t timer) {
+  sigset_t others;
+  sigset_t before;
+  sigfillset(&others);
+  sigdelset(&others, number);
+  CHECK(sigprocmask(SIG_SETMASK, &others, &before) == 0);
+  come = 0;
+  const struct itimerspec soon = {{0, 0}, {0, 300000}};
+  CHECK(timer_settime(timer, 0, &soon, NULL) == 0);
+  while (come == 0) continue;
+  CHECK(come == number);
+  CHECK(sigprocmask(SIG_SETMASK, &before, NULL) == 0);
+}
+
+static timer_t timer_for(int number) {
+  struct sigevent event;
+  memset(&event, 0, sizeof event);
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = number;
+  timer_t timer;
+  CHECK(timer_create(CLOCK_MONOTONIC, &event, &timer) == 0);
+  return timer;
+}
+
+// SIGTERM is blocked. SIGALRM comes in the loop or at its end, is blocked then, and is waited for.
+static void wait_behind_a_loop(int round) {
+  sigset_t term;
+  sigset_t alarm_too;
+  sigset_t term_alone;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  alarm_too = term;
+  sigaddset(&alarm_too, SIGALRM);
+  term_alone = term;
+  CHECK(sigprocmask(SIG_SETMASK, &term, NULL) == 0);
+  come = 0;
+  const struct itimerval once = {{0, 0}, {0, 200}};
+  CHECK(setitimer(ITIMER_REAL, &once, NULL) == 0);
+  for (volatile int step = 0; step < round * 997 % 20011; ++step) continue;
+  CHECK(sigprocmask(SIG_SETMASK, &alarm_too, NULL) == 0);
+  while (come == 0) CHECK(sigsuspend(&term_alone) == -1);
+  CHECK(come == SIGALRM);
+}
+
+int main(int argc, char** argv) {
+  const int rounds = count_or(argc, argv, 20);
+  guard_begin();
+  CHECK(signal(SIGALRM, on_signal) != SIG_ERR);
+  // SIGTERM blocked, and an alarm in a loop.
+  sigset_t term;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  CHECK(sigprocmask(SIG_SETMASK, &term, NULL) == 0);
+  come = 0;
+  alarm(1);
+  while (come == 0) continue;
+  puts("the alarm has come");
+  for (int number = 1; number <= 64; ++number) {
+    guard_round(number);
+    // Of the kernel, of the C library, and those that faults raise.
+    if (number == SIGKILL || number == SIGSTOP || (number >= 32 && number < SIGRTMIN)) continue;
+    if (signal(number, on_signal) == SIG_ERR) continue;
+    const timer_t timer = timer_for(number);
+    wait_in_a_loop(number, timer);
+    CHECK(timer_delete(timer) == 0);
+  }
+  puts("each has come while all others were blocked");
+  for (int round = 1; round <= rounds; ++round) {
+    guard_round(100 + round);
+    wait_behind_a_loop(round);
+  }
+  printf("%d alarms, none slept over\n", rounds);
+  return 0;
+}
