@@ -27,14 +27,15 @@ static void wait_in_a_loop(int number, timer_t timer) {
   CHECK(sigprocmask(SIG_SETMASK, &before, NULL) == 0);
 }
 
-static timer_t timer_for(int number) {
+// False for a number that there is no timer for: an emulator keeps the last two for itself.
+static int make_timer(int number, timer_t* timer) {
   struct sigevent event;
   memset(&event, 0, sizeof event);
   event.sigev_notify = SIGEV_SIGNAL;
   event.sigev_signo = number;
-  timer_t timer;
-  CHECK(timer_create(CLOCK_MONOTONIC, &event, &timer) == 0);
-  return timer;
+  const int made = timer_create(CLOCK_MONOTONIC, &event, timer) == 0;
+  CHECK(made || number >= 63);
+  return made;
 }
 
 // SIGTERM is blocked. SIGALRM comes in the loop or at its end, is blocked then, and is waited for.
@@ -72,10 +73,11 @@ int main(int argc, char** argv) {
   puts("the alarm has come");
   for (int number = 1; number <= 64; ++number) {
     guard_round(number);
-    // Of the kernel, of the C library, and those that faults raise.
+    // Two that nobody handles, and the C library's own.
     if (number == SIGKILL || number == SIGSTOP || (number >= 32 && number < SIGRTMIN)) continue;
     if (signal(number, on_signal) == SIG_ERR) continue;
-    const timer_t timer = timer_for(number);
+    timer_t timer;
+    if (!make_timer(number, &timer)) continue;
     wait_in_a_loop(number, timer);
     CHECK(timer_delete(timer) == 0);
   }
