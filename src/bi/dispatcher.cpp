@@ -129,10 +129,21 @@ std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t
   return found;
 }
 
+// A branch ignores the top byte of an address of the application's half, and `pc` then has none. The inline lookup knows the
+// whole address only and misses for a tagged one.
+std::uint64_t without_tag(std::uint64_t target) {
+  constexpr int sign_bit = 55;  // Selects the half of the address space; the other one is the kernel's.
+  return (target >> sign_bit & 1) != 0 ? target : target & ((std::uint64_t{1} << (sign_bit + 1)) - 1);
+}
+
 }  // namespace
 
 extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr,
                            thread_data* thread) {
+  if (const std::uint64_t stripped = without_tag(target); stripped != target) {
+    target = stripped;
+    next_addr[1] = stripped;  // Held signals find it as their pc.
+  }
   log(LEVEL_TRACE, "source block index: %d", source_index);
   if (source_index >= BB_COUNT) {
     trace_dispatcher(target, next_addr, source_index, thread);

@@ -187,6 +187,26 @@ bool extend_trace(thread_data* thread, std::uint32_t* write, std::uint64_t targe
   return true;
 }
 
+// The record of a trace that begins at the next free place. Returns its first word.
+std::uint32_t* begin_trace(thread_data* thread, std::int32_t source_index, std::uint64_t source) {
+  thread->flush_seen = 0;
+  trace_state& trace = thread->active_trace;
+  auto* entry = reinterpret_cast<std::uint32_t*>(thread->trace_write_cursor);
+  log(LEVEL_TRACE, "bb: %d, source: %p, ret to: 0x%lx", source_index, reinterpret_cast<void*>(source),
+      address_of(entry));
+  trace.id = thread->trace_id;
+  trace.source_bb = source_index;
+  trace.active = 1;
+  trace.entry_addr = address_of(entry);
+  trace.write = entry;
+  trace.exit_count = 0;
+  count_trace_event(trace_counts.started);
+  log(LEVEL_TRACE, "Create trace: %d (%p), source_bb: %d, entry: %lx", trace.id, static_cast<void*>(entry),
+      source_index, trace.entry_addr);
+  log(LEVEL_TRACE, "Trace head: %p at 0x%lx", reinterpret_cast<void*>(source), trace.entry_addr);
+  return entry;
+}
+
 // The trace that the path has come back to, if it has come to one.
 std::uint64_t find_trace(thread_data* thread, std::uint64_t target) {
   if (target == head_source(thread)) return thread->active_trace.entry_addr;
@@ -227,20 +247,7 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
     flush_full_area(thread, source, ret);
     return;
   }
-  thread->flush_seen = 0;
-  auto* entry = reinterpret_cast<std::uint32_t*>(thread->trace_write_cursor);
-  log(LEVEL_TRACE, "bb: %d, source: %p, ret to: 0x%lx", source_index, reinterpret_cast<void*>(source),
-      address_of(entry));
-  trace.id = thread->trace_id;
-  trace.source_bb = source_index;
-  trace.active = 1;
-  trace.entry_addr = address_of(entry);
-  trace.write = entry;
-  trace.exit_count = 0;
-  count_trace_event(trace_counts.started);
-  log(LEVEL_TRACE, "Create trace: %d (%p), source_bb: %d, entry: %lx", trace.id, static_cast<void*>(entry),
-      source_index, trace.entry_addr);
-  log(LEVEL_TRACE, "Trace head: %p at 0x%lx", reinterpret_cast<void*>(source), trace.entry_addr);
+  std::uint32_t* entry = begin_trace(thread, source_index, source);
   ret[0] = trace.entry_addr;
 
   const std::int32_t id = trace.id++;
