@@ -29,7 +29,9 @@ void set_raise_trap(std::uint32_t* place);
 // Makes a context look like an exit that is about to enter the dispatcher with `target`.
 void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target);
 
-// Whether the thread's next way back into the cache would raise a signal that has been counted, or end the thread.
+// Whether the thread's next way back into the cache would raise a signal that has been counted, or end the thread. Asked
+// before a system call is made: if not, counted signals that the thread blocks are pending in the kernel afterwards, and the
+// call can wait for them.
 bool has_deliverable_signal(thread_data* thread);
 
 }  // namespace ceilmeter

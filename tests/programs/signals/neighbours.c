@@ -1,5 +1,6 @@
 // A signal that is not blocked while others are: neighbours [ROUNDS]. For each number a loop waits for that signal with every
-// other one blocked that may be; then one waits in sigsuspend for what has come right before.
+// other one blocked that may be. Then sigsuspend waits for a signal that has come right before, and a handler for one that its
+// own mask has blocked.
 #include <string.h>
 #include <time.h>
 
@@ -58,6 +59,34 @@ static void wait_behind_a_loop(int round) {
   CHECK(come == SIGALRM);
 }
 
+static volatile sig_atomic_t second_come;
+
+static void on_second(int number) {
+  (void)number;
+  second_come = 1;
+}
+
+// Runs with the second signal blocked, which comes at the same time as this one, and waits for it.
+static void on_first(int number) {
+  sigset_t none;
+  sigemptyset(&none);
+  while (second_come == 0) CHECK(sigsuspend(&none) == -1);
+  come = number;
+}
+
+static void wait_in_a_handler(timer_t first, timer_t second) {
+  second_come = 0;
+  come = 0;
+  struct timespec now;
+  CHECK(clock_gettime(CLOCK_MONOTONIC, &now) == 0);
+  const long soon = now.tv_nsec + 300000;
+  const struct itimerspec both = {{0, 0}, {now.tv_sec + soon / 1000000000, soon % 1000000000}};
+  CHECK(timer_settime(first, TIMER_ABSTIME, &both, NULL) == 0);
+  CHECK(timer_settime(second, TIMER_ABSTIME, &both, NULL) == 0);
+  while (come == 0) continue;
+  CHECK(come == SIGUSR1 && second_come == 1);
+}
+
 int main(int argc, char** argv) {
   const int rounds = count_or(argc, argv, 20);
   guard_begin();
@@ -87,5 +116,17 @@ int main(int argc, char** argv) {
     wait_behind_a_loop(round);
   }
   printf("%d alarms, none slept over\n", rounds);
+  struct sigaction action = {.sa_handler = on_first};
+  sigaddset(&action.sa_mask, SIGUSR2);
+  CHECK(sigaction(SIGUSR1, &action, NULL) == 0);
+  CHECK(signal(SIGUSR2, on_second) != SIG_ERR);
+  timer_t first;
+  timer_t second;
+  CHECK(make_timer(SIGUSR1, &first) && make_timer(SIGUSR2, &second));
+  for (int round = 1; round <= rounds; ++round) {
+    guard_round(100 + rounds + round);
+    wait_in_a_handler(first, second);
+  }
+  printf("%d pairs, none slept over\n", rounds);
   return 0;
 }

@@ -338,6 +338,30 @@ TEST_F(signals, each_is_held_back_by_its_own_bit_of_the_mask_and_no_other) {
   EXPECT_GE(blockable, 60);  // Not SIGKILL and SIGSTOP; and an emulator keeps two for itself.
 }
 
+TEST_F(signals, one_that_is_blocked_is_pending_in_the_kernel_before_a_call_is_made) {
+  sigset_t mask;
+  sigset_t before;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &mask, &before);
+  thread->pending_signals[SIGUSR1] = 2;
+  thread->pending_signal_count = 2;
+  EXPECT_FALSE(has_deliverable_signal(thread));
+  EXPECT_EQ(thread->pending_signals[SIGUSR1], 0);
+  EXPECT_EQ(thread->pending_signal_count, 0);
+  const timespec at_once = {0, 0};
+  EXPECT_EQ(sigtimedwait(&mask, nullptr, &at_once), SIGUSR1);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST_F(signals, one_that_is_not_blocked_has_to_be_raised_before_a_call_and_stays_counted) {
+  thread->pending_signals[SIGUSR1] = 1;
+  thread->pending_signal_count = 1;
+  EXPECT_TRUE(has_deliverable_signal(thread));
+  EXPECT_EQ(thread->pending_signals[SIGUSR1], 1);
+  EXPECT_EQ(thread->pending_signal_count, 1);
+}
+
 TEST_F(signals, six_are_faults_that_run_their_handler_at_once_and_no_other_is) {
   const std::int32_t id = scan_block(loop_to_itself);
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
