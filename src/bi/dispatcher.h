@@ -1,5 +1,5 @@
-// Where execution continues when it leaves a fragment by its exit stub, and the words that make the exit a link, so that
-// it does not come here again. The routine itself, `dispatcher`, is declared in stubs.h: only the stub calls it.
+// Where execution continues when it leaves a fragment by its exit stub, and the words that make the exit a link, so
+// that it does not come here again. The routine itself, `dispatcher`, is declared in stubs.h: only the stub calls it.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,9 @@ void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::ui
 void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t to);
 
 // Writes the code of a register branch: it looks the target up without leaving the cache and comes to the dispatcher
-// only for one that is not there. `link` also loads x30 with the source address behind `read_address`; `set_meta` stores
-// the register that holds the target at the end in the fragment's record. REGISTER_BRANCH_SPACE bytes must be free.
+// only for one that is not there. `link` also loads x30 with the source address behind `read_address`; `set_meta`
+// stores the register that holds the target at the end in the fragment's record. REGISTER_BRANCH_SPACE bytes must be
+// free.
 void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, const std::uint32_t* read_address,
                     std::uint32_t reg, bool link, bool set_meta);
 

@@ -1,4 +1,5 @@
-// The counters belong to their thread. They are updated atomically: a nested signal can strike between a load and a store.
+// The counters belong to their thread. They are updated atomically: a nested signal can strike between a load and a
+// store.
 #include "bi/signal_delivery.h"
 
 #include <unistd.h>
@@ -40,8 +41,8 @@ int find_pending_signal(thread_data* thread) {
 }
 
 // Gives counted signals that the thread blocks back to the kernel, where they stay pending: a call may wait for them
-// (sigsuspend, sigtimedwait, a signal descriptor), and the kernel has to know of them. They were counted before they were
-// blocked, which the mask of another signal's handler does.
+// (sigsuspend, sigtimedwait, a signal descriptor), and the kernel has to know of them. They were counted before they
+// were blocked, which the mask of another signal's handler does.
 void give_back_blocked_signals(thread_data* thread) {
   const std::uint64_t mask = blocked_signals();
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
@@ -86,7 +87,8 @@ void block_handled_signals() {
 bool has_deliverable_signal(thread_data* thread) {
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) return true;
   if (find_pending_signal(thread) >= 0) return true;
-  if (std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0) give_back_blocked_signals(thread);
+  if (std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0)
+    give_back_blocked_signals(thread);
   return false;
 }
 

@@ -1,5 +1,5 @@
-// Branches to addresses whose top byte is not 0, which a branch ignores: the code behind them finds a pc without it, and so does
-// a signal's handler.
+// Branches to addresses whose top byte is not 0, which a branch ignores: the code behind them finds a pc without it,
+// and so does a signal's handler.
 #include <signal.h>
 #include <stdint.h>
 #include <string.h>

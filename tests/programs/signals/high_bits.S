@@ -1,7 +1,7 @@
 // Loops that test one value in one way. Each is a function
 //   long test_NAME(unsigned long value, volatile int* flag)
-// that loops until the flag is 1, and returns 0. It returns 1 as soon as its branch goes the other way, which it never does
-// for a value that the loop is for.
+// that loops until the flag is 1, and returns 0. It returns 1 as soon as its branch goes the other way, which it never
+// does for a value that the loop is for.
         .text
 
         // `stays`: the branch that goes back to 1.

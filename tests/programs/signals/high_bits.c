@@ -3,9 +3,10 @@
 #include "guard.h"
 
 #define TESTS_OF_BIT(what) what(31) what(32) what(33) what(37) what(47) what(62) what(63)
-#define DECLARE_BIT(bit) long test_tbnz_##bit(unsigned long, volatile int*); long test_tbz_##bit(unsigned long, volatile int*);
-#define ROWS_OF_BIT(bit) \
-  {"tbnz " #bit, test_tbnz_##bit, 1UL << (bit)}, {"tbz " #bit, test_tbz_##bit, ~(1UL << (bit))},
+#define DECLARE_BIT(bit)                              \
+  long test_tbnz_##bit(unsigned long, volatile int*); \
+  long test_tbz_##bit(unsigned long, volatile int*);
+#define ROWS_OF_BIT(bit) {"tbnz " #bit, test_tbnz_##bit, 1UL << (bit)}, {"tbz " #bit, test_tbz_##bit, ~(1UL << (bit))},
 TESTS_OF_BIT(DECLARE_BIT)
 long test_cbnz_x(unsigned long, volatile int*);
 long test_cbz_x(unsigned long, volatile int*);
@@ -15,12 +16,10 @@ static const struct {
   const char* name;
   long (*run)(unsigned long, volatile int*);
   unsigned long value;  // For which the loop goes on.
-} tests[] = {
-    {"cbnz of a high half", test_cbnz_x, 1UL << 32},
-    {"cbz of a high half", test_cbz_x, 1UL << 32},
-    {"cbz of a low half", test_cbz_w, 1UL << 32},
-    TESTS_OF_BIT(ROWS_OF_BIT)
-};
+} tests[] = {{"cbnz of a high half", test_cbnz_x, 1UL << 32},
+             {"cbz of a high half", test_cbz_x, 1UL << 32},
+             {"cbz of a low half", test_cbz_w, 1UL << 32},
+             TESTS_OF_BIT(ROWS_OF_BIT)};
 
 static volatile int flag;
 static volatile int ticks;

@@ -1,6 +1,6 @@
-// A signal that is not blocked while others are: neighbours [ROUNDS]. For each number a loop waits for that signal with every
-// other one blocked that may be. Then sigsuspend waits for a signal that has come right before, and a handler for one that its
-// own mask has blocked.
+// A signal that is not blocked while others are: neighbours [ROUNDS]. For each number a loop waits for that signal with
+// every other one blocked that may be. Then sigsuspend waits for a signal that has come right before, and a handler for
+// one that its own mask has blocked.
 #include <string.h>
 #include <time.h>
 

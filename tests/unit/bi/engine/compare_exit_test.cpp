@@ -99,12 +99,14 @@ TEST_F(compare_exits, the_taken_side_first_has_its_own_word_and_the_other_one_go
   std::uint32_t* exit = meta(id).exit_code_addr;
   const std::uint64_t taken = dispatched(address_of(cbgt_w3_63 + 2), id);
   const std::uint32_t branch = compare_word(exit, *cbgt_w3_63, address_of(exit + 2));
-  EXPECT_THAT(words(exit, 4), ElementsAre(branch, branch_word(exit + 1, address_of(exit + 3)), branch_word(exit + 2, taken + 4), PUSH_X0_X1));
+  EXPECT_THAT(words(exit, 4), ElementsAre(branch, branch_word(exit + 1, address_of(exit + 3)),
+                                          branch_word(exit + 2, taken + 4), PUSH_X0_X1));
   EXPECT_EQ(meta(id).link_state, LINK_TAKEN_FIRST);
   EXPECT_THAT(links_to(cc_addr_to_bb_id(thread, taken)), ElementsAre(address_of(exit + 2)));
 
   const std::uint64_t skipped = dispatched(address_of(cbgt_w3_63 + 1), id);
-  EXPECT_THAT(words(exit, 4), ElementsAre(branch, branch_word(exit + 1, skipped + 4), branch_word(exit + 2, taken + 4), PUSH_X0_X1));
+  EXPECT_THAT(words(exit, 4),
+              ElementsAre(branch, branch_word(exit + 1, skipped + 4), branch_word(exit + 2, taken + 4), PUSH_X0_X1));
   EXPECT_EQ(meta(id).link_state, LINK_TAKEN_FIRST | LINK_BOTH);
   EXPECT_THAT(links_to(cc_addr_to_bb_id(thread, skipped)), ElementsAre(address_of(exit + 1)));
 }
@@ -118,7 +120,8 @@ TEST_F(compare_exits, the_fall_through_side_first_leaves_the_taken_one_to_the_st
   EXPECT_EQ(meta(id).link_state, LINK_SKIPPED_FIRST);
 
   const std::uint64_t taken = dispatched(address_of(cbhs_x3_x4 + 2), id);
-  EXPECT_THAT(words(exit, 4), ElementsAre(branch, branch_word(exit + 1, skipped + 4), branch_word(exit + 2, taken + 4), PUSH_X0_X1));
+  EXPECT_THAT(words(exit, 4),
+              ElementsAre(branch, branch_word(exit + 1, skipped + 4), branch_word(exit + 2, taken + 4), PUSH_X0_X1));
   EXPECT_EQ(meta(id).link_state, LINK_SKIPPED_FIRST | LINK_BOTH);
 }
 
@@ -136,7 +139,8 @@ TEST_F(compare_exits, a_trap_leads_where_the_comparison_does_and_is_put_back) {
   std::uint32_t* exit = meta(id).exit_code_addr;
   dispatched(address_of(cbgt_w3_63 + 2), id);
   const word_list linked = words(exit, 4);
-  const std::pair<std::uint64_t, int> values[] = {{63, 1}, {64, 2}, {0x7fffffff, 2}, {0x80000000, 1}, {1ULL << 32, 1}, {~0ULL, 1}};
+  const std::pair<std::uint64_t, int> values[] = {{63, 1},         {64, 2},         {0x7fffffff, 2},
+                                                  {0x80000000, 1}, {1ULL << 32, 1}, {~0ULL, 1}};
   for (const auto& [value, side] : values) {
     arrive(SIGUSR1, block(id) + 1);
     EXPECT_THAT(words(exit, 3), Each(HVC_149));

@@ -19,8 +19,23 @@ namespace ceilmeter::test {
 namespace {
 
 std::vector<std::uint64_t> edge_values() {
-  std::vector<std::uint64_t> values = {0, ~std::uint64_t{0}, 62, 63, 64, 65, 127, 128, 255, 256, 0x7fff, 0x8000, 0xffff, 0x7fffffff,
-                                       0xffffffff, 0x7fffffffffffffff, 0xffffffffffffffc0};
+  std::vector<std::uint64_t> values = {0,
+                                       ~std::uint64_t{0},
+                                       62,
+                                       63,
+                                       64,
+                                       65,
+                                       127,
+                                       128,
+                                       255,
+                                       256,
+                                       0x7fff,
+                                       0x8000,
+                                       0xffff,
+                                       0x7fffffff,
+                                       0xffffffff,
+                                       0x7fffffffffffffff,
+                                       0xffffffffffffffc0};
   for (int bit = 0; bit < 64; ++bit) values.push_back(std::uint64_t{1} << bit);
   for (int bit = 0; bit < 64; ++bit) values.push_back(~(std::uint64_t{1} << bit));
   return values;
@@ -37,7 +52,12 @@ std::vector<exit_branch> compare_forms() {
   for (const std::uint32_t condition : {COMPARE_GT, COMPARE_LT, COMPARE_HI, COMPARE_LO, COMPARE_EQ, COMPARE_NE}) {
     for (const std::uint32_t width : {32, 64}) {
       for (std::uint32_t value = 0; value < 64; ++value) {
-        forms.push_back({.kind = EXIT_COMPARE, .condition = condition, .reg = 3, .width = width, .operand = value, .is_immediate = 1});
+        forms.push_back({.kind = EXIT_COMPARE,
+                         .condition = condition,
+                         .reg = 3,
+                         .width = width,
+                         .operand = value,
+                         .is_immediate = 1});
       }
     }
   }
@@ -71,8 +91,9 @@ std::vector<exit_branch> all_forms() {
 
 std::string told(const exit_branch& branch) {
   return "kind " + std::to_string(branch.kind) + ", condition " + std::to_string(branch.condition) + ", register " +
-         std::to_string(branch.reg) + ", width " + std::to_string(branch.width) + ", bit " + std::to_string(branch.bit) +
-         ", operand " + std::to_string(branch.operand) + ", immediate " + std::to_string(branch.is_immediate);
+         std::to_string(branch.reg) + ", width " + std::to_string(branch.width) + ", bit " +
+         std::to_string(branch.bit) + ", operand " + std::to_string(branch.operand) + ", immediate " +
+         std::to_string(branch.is_immediate);
 }
 
 // What the encoding table says of a compare-and-branch word, by the name of its row: CBGT_32_imm, CBBHS_8_regs.
@@ -96,7 +117,9 @@ bool is_compare_row(const std::string& name) {
 // The processor's own decision: the branch with register 0 tested, or the flags.
 class processor {
  public:
-  processor() : code(static_cast<std::uint32_t*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {}
+  processor()
+      : code(static_cast<std::uint32_t*>(
+            mmap(nullptr, 4096, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {}
   ~processor() { munmap(code, 4096); }
   processor(const processor&) = delete;
   processor& operator=(const processor&) = delete;
@@ -148,7 +171,8 @@ TEST(exit_branches, no_other_row_of_the_encoding_table_is_a_conditional_branch_b
     for (int round = 0; round < 20; ++round) {
       const std::uint32_t word = row.value | (static_cast<std::uint32_t>(random()) & ~row.mask);
       exit_branch found{};
-      EXPECT_EQ(decode_exit_branch(word, &found), has_class || is_compare_row(row.name)) << row.name << std::hex << word;
+      EXPECT_EQ(decode_exit_branch(word, &found), has_class || is_compare_row(row.name))
+          << row.name << std::hex << word;
     }
   }
 }
@@ -157,8 +181,8 @@ TEST(exit_branches, words_that_the_architecture_leaves_free_beside_compare_and_b
   exit_branch found{};
   for (const std::uint32_t word : {0x74800000U, 0x74a00000U,                            // Conditions 4 and 5.
                                    0x75800000U, 0x75a00000U, 0x74004000U, 0xf4004000U,  // Size 1.
-                                   0xf4008000U, 0xf400c000U,                            // A byte and a halfword of 64 bits.
-                                   0x75004000U, 0xf5004000U}) {                         // Bit 14 behind an immediate.
+                                   0xf4008000U, 0xf400c000U,     // A byte and a halfword of 64 bits.
+                                   0x75004000U, 0xf5004000U}) {  // Bit 14 behind an immediate.
     EXPECT_FALSE(decode_exit_branch(word, &found)) << std::hex << word;
   }
   EXPECT_EQ(found, exit_branch{});
@@ -178,7 +202,8 @@ TEST(exit_branches, every_form_is_read_as_it_was_written_wherever_it_leads) {
       ASSERT_TRUE(decode_exit_branch(*place, &found)) << told(branch);
       EXPECT_EQ(found, branch) << told(branch) << " is read as " << told(found);
       EXPECT_EQ(branch_destination(*place, place), to) << told(branch);
-      EXPECT_EQ(redirected_branch(*place, place, address_of(place)), *place & ~(((1U << width) - 1) << 5)) << told(branch);
+      EXPECT_EQ(redirected_branch(*place, place, address_of(place)), *place & ~(((1U << width) - 1) << 5))
+          << told(branch);
     }
   }
 }
@@ -200,13 +225,15 @@ TEST(exit_branches, b_cond_cbz_and_tbz_go_the_way_that_the_processor_goes) {
     std::uint64_t registers[31] = {};
     if (branch.kind == EXIT_B_COND) {
       for (std::uint64_t flags = 0; flags < 16; ++flags) {
-        EXPECT_EQ(is_taken(branch, registers, flags << 28 | 0x0ffffff), here.takes(0, flags << 28)) << told(branch) << ", flags " << flags;
+        EXPECT_EQ(is_taken(branch, registers, flags << 28 | 0x0ffffff), here.takes(0, flags << 28))
+            << told(branch) << ", flags " << flags;
       }
       continue;
     }
     for (const std::uint64_t value : edge_values()) {
       registers[0] = value;
-      EXPECT_EQ(is_taken(branch, registers, 0), here.takes(value, 0)) << told(branch) << ", value 0x" << std::hex << value;
+      EXPECT_EQ(is_taken(branch, registers, 0), here.takes(value, 0))
+          << told(branch) << ", value 0x" << std::hex << value;
     }
   }
 }
@@ -251,7 +278,8 @@ TEST(exit_branches, compare_and_branch_goes_the_way_of_the_comparison_of_its_wid
 TEST(exit_branches, register_31_of_a_comparison_is_zero) {
   std::uint64_t registers[31];
   for (std::uint64_t& value : registers) value = 7;
-  const exit_branch is_zero = {.kind = EXIT_COMPARE, .condition = COMPARE_EQ, .reg = 31, .width = 64, .operand = 0, .is_immediate = 1};
+  const exit_branch is_zero = {
+      .kind = EXIT_COMPARE, .condition = COMPARE_EQ, .reg = 31, .width = 64, .operand = 0, .is_immediate = 1};
   const exit_branch above_zero = {.kind = EXIT_COMPARE, .condition = COMPARE_HI, .reg = 3, .width = 8, .operand = 31};
   EXPECT_TRUE(is_taken(is_zero, registers, 0));
   EXPECT_TRUE(is_taken(above_zero, registers, 0));
