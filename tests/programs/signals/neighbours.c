@@ -77,12 +77,19 @@ static void on_first(int number) {
 static void wait_in_a_handler(timer_t first, timer_t second) {
   second_come = 0;
   come = 0;
+  sigset_t two;  // Blocked until both timers run: the first handler waits for the second signal.
+  sigset_t before;
+  sigemptyset(&two);
+  sigaddset(&two, SIGUSR1);
+  sigaddset(&two, SIGUSR2);
+  CHECK(sigprocmask(SIG_BLOCK, &two, &before) == 0);
   struct timespec now;
   CHECK(clock_gettime(CLOCK_MONOTONIC, &now) == 0);
   const long soon = now.tv_nsec + 300000;
   const struct itimerspec both = {{0, 0}, {now.tv_sec + soon / 1000000000, soon % 1000000000}};
   CHECK(timer_settime(first, TIMER_ABSTIME, &both, NULL) == 0);
   CHECK(timer_settime(second, TIMER_ABSTIME, &both, NULL) == 0);
+  CHECK(sigprocmask(SIG_SETMASK, &before, NULL) == 0);
   while (come == 0) continue;
   CHECK(come == SIGUSR1 && second_come == 1);
 }
