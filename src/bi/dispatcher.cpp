@@ -8,9 +8,10 @@
 //   word 2   the second link, or still the push      b  taken side, or nop while that has no link
 //   word 3   the rest of the exit stub               the push, and the rest of the exit stub
 //
-// A thread patches its own code only, and does so in the engine, outside the code that it patches. The instruction cache
-// is cleared over the words written before the thread goes back into the cache. The clearing ends with the barriers and the
-// context synchronisation that make the new words those that are fetched, and no other thread executes them.
+// A thread patches its own code only, and does so in the engine, outside the code that it patches. The instruction
+// cache is cleared over the words written before the thread goes back into the cache. The clearing ends with the
+// barriers and the context synchronisation that make the new words those that are fetched, and no other thread executes
+// them.
 #include "bi/dispatcher.h"
 
 #include "bi/a64/a64.h"
@@ -45,7 +46,8 @@ void link_second_side(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
 }
 
 // `other` is the entry of the other side's fragment, or HASH_MISS: that side then goes on to the exit stub.
-void link_first_side_of_compare(thread_data* thread, bb_meta& meta, bool taken, std::uint64_t entry, std::uint64_t other) {
+void link_first_side_of_compare(thread_data* thread, bb_meta& meta, bool taken, std::uint64_t entry,
+                                std::uint64_t other) {
   std::uint32_t* exit = meta.exit_code_addr;
   encode_exit_branch(exit, unpack_exit_branch(meta), address_of(exit + 2));
   std::uint32_t* const place = taken ? exit + 2 : exit + 1;
@@ -124,10 +126,21 @@ std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t
   return found;
 }
 
+// A branch ignores the top byte of an address of the application's half, and `pc` then has none. The inline lookup
+// knows the whole address only and misses for a tagged one.
+std::uint64_t without_tag(std::uint64_t target) {
+  constexpr int sign_bit = 55;  // Selects the half of the address space; the other one is the kernel's.
+  return (target >> sign_bit & 1) != 0 ? target : target & ((std::uint64_t{1} << (sign_bit + 1)) - 1);
+}
+
 }  // namespace
 
 extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr,
                            thread_data* thread) {
+  if (const std::uint64_t stripped = without_tag(target); stripped != target) {
+    target = stripped;
+    next_addr[1] = stripped;  // Held signals find it as their pc.
+  }
   log(LEVEL_TRACE, "source block index: %d", source_index);
   if (source_index >= BB_COUNT) {
     trace_dispatcher(target, next_addr, source_index, thread);

@@ -1,8 +1,8 @@
-// Encoding, evaluation and records of conditional branches. The tables of the architecture are behind a64_decode and the
-// generated family; CB<cc>, which the family does not have, is encoded here.
+// Encoding, evaluation and records of conditional branches. The tables of the architecture are behind a64_decode and
+// the generated family; CB<cc>, which the family does not have, is encoded here.
 //
-//   CB<cc> registers    sf 1110100 cc:3 Rm:5 size:2 imm9 Rt:5    size 0: 32 or 64 bits by sf; 2: byte, 3: halfword, sf 0
-//   CB<cc> immediate    sf 1110101 cc:3 imm6      0 imm9 Rt:5
+//   CB<cc> registers    sf 1110100 cc:3 Rm:5 size:2 imm9 Rt:5    size 0: 32 or 64 bits by sf; 2: byte, 3: halfword, sf
+//   0 CB<cc> immediate    sf 1110101 cc:3 imm6      0 imm9 Rt:5
 #include "bi/exit_branch.h"
 
 #include "bi/a64/a64.h"
@@ -60,13 +60,15 @@ bool decode_compare(std::uint32_t word, exit_branch* out) {
   const std::uint32_t condition = word >> CB_CONDITION & 7;
   if ((form != CB_REGISTERS && form != CB_IMMEDIATE) || condition == 4 || condition == 5) return false;
   exit_branch branch = {.kind = EXIT_COMPARE, .condition = condition, .reg = word & REGISTER_MASK};
-  const bool found = form == CB_REGISTERS ? decode_compare_registers(word, &branch) : decode_compare_immediate(word, &branch);
+  const bool found =
+      form == CB_REGISTERS ? decode_compare_registers(word, &branch) : decode_compare_immediate(word, &branch);
   if (found) *out = branch;
   return found;
 }
 
 std::uint32_t compare_word(const exit_branch& branch) {
-  std::uint32_t word = branch.is_immediate != 0 ? CB_IMMEDIATE | branch.operand << 15 : CB_REGISTERS | branch.operand << 16;
+  std::uint32_t word =
+      branch.is_immediate != 0 ? CB_IMMEDIATE | branch.operand << 15 : CB_REGISTERS | branch.operand << 16;
   if (branch.width == 64) word |= std::uint32_t{1} << 31;
   if (branch.width == 16) word |= CB_SIZE_HALFWORD << 14;
   if (branch.width == 8) word |= CB_SIZE_BYTE << 14;
@@ -191,8 +193,8 @@ void pack_exit_branch(const exit_branch& branch, bb_meta* meta) {
   if (branch.kind == EXIT_CBZ && branch.width == 64) meta->rn |= std::uint32_t{1} << RN_SIZE_OR_BIT;
   if (branch.kind == EXIT_TBZ) meta->rn |= branch.bit << RN_SIZE_OR_BIT;
   if (branch.kind == EXIT_COMPARE) {
-    meta->rn |= branch.operand << RN_OPERAND | log2_of_bytes(branch.width) << RN_WIDTH |
-                branch.is_immediate << RN_IS_IMMEDIATE;
+    meta->rn |=
+        branch.operand << RN_OPERAND | log2_of_bytes(branch.width) << RN_WIDTH | branch.is_immediate << RN_IS_IMMEDIATE;
   }
 }
 

@@ -2,9 +2,9 @@
 // CB<cc> of newer processors (FEAT_CMPBR). This module alone knows their encodings, their reach, how they are inverted,
 // which way they go, and how a fragment's record holds them.
 //
-// The CB<cc> forms are of no class of the decoder's. They are never inverted: an immediate of 63 (GT, HI) or 0 (LT, LO) has
-// no inverse form, and a reach of 1 KiB is too short for most exits. Exits of this kind have shapes of their own, which
-// dispatcher.cpp (blocks) and traces.cpp draw.
+// The CB<cc> forms are of no class of the decoder's. They are never inverted: an immediate of 63 (GT, HI) or 0 (LT, LO)
+// has no inverse form, and a reach of 1 KiB is too short for most exits. Exits of this kind have shapes of their own,
+// which dispatcher.cpp (blocks) and traces.cpp draw.
 //
 // Nothing here clears the instruction cache: who writes words that are to run does.
 #pragma once
@@ -49,11 +49,12 @@ bool is_direct_exit(std::uint32_t kind);
 // False for a word that is no conditional branch, with *out as it was. B.cond with AL or NV is one, and always taken.
 bool decode_exit_branch(std::uint32_t word, exit_branch* out);
 
-// Writes the branch at `place`. `to` is in its reach and a multiple of 4. Fatal for a kind that is no conditional branch.
+// Writes the branch at `place`. `to` is in its reach and a multiple of 4. Fatal for a kind that is no conditional
+// branch.
 void encode_exit_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to);
 
-// Turns the branch into the one that is taken exactly when it is not. False, with the branch as it was, if there is none:
-// for AL, NV and CB<cc>.
+// Turns the branch into the one that is taken exactly when it is not. False, with the branch as it was, if there is
+// none: for AL, NV and CB<cc>.
 bool invert_exit_branch(exit_branch* branch);
 
 // Whether the branch can be inverted.
@@ -62,12 +63,12 @@ bool is_invertible(const exit_branch& branch);
 // Whether the processor takes the branch with these 31 general registers and this PSTATE.
 bool is_taken(const exit_branch& branch, const std::uint64_t* registers, std::uint64_t pstate);
 
-// The branch to and from a fragment's record: exit_kind; exit_condition holds the condition; rn the register in its low five
-// bits and from bit 5 up
-//   CBZ, CBNZ    1 for the 64-bit form
-//   TBZ, TBNZ    the number of the bit, six bits
-//   CB<cc>       the second register or the immediate, six bits; at bit 11 the binary logarithm of the width in bytes, two
-//                bits; at bit 13 whether there is an immediate
+// The branch to and from a fragment's record: exit_kind; exit_condition holds the condition; rn the register in its low
+// five bits, and the rest above:
+//   CBZ, CBNZ    bit 5: 1 for the 64-bit form
+//   TBZ, TBNZ    bits 5 to 10: the number of the bit
+//   CB<cc>       bits 5 to 10: the second register or the immediate; bits 11 and 12: the binary logarithm of the width
+//                in bytes; bit 13: whether there is an immediate
 void pack_exit_branch(const exit_branch& branch, bb_meta* meta);
 exit_branch unpack_exit_branch(const bb_meta& meta);
 

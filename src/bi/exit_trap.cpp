@@ -1,5 +1,5 @@
-// Setting and taking away traps. The instruction cache is cleared over exactly the words written. The thread that executes
-// them is this one, and it comes back to them by an exception return, which is a context synchronisation.
+// Setting and taking away traps. The instruction cache is cleared over exactly the words written. The thread that
+// executes them is this one, and it comes back to them by an exception return, which is a context synchronisation.
 #include "bi/exit_trap.h"
 
 #include <cstring>
@@ -18,9 +18,9 @@ constexpr engine_log log{"src/bi/signals"};
 
 constexpr std::uint32_t BR_X0 = 0xd61f0000;  // br x0
 
-// How many bytes of a conditional exit in a trace a trap replaces: the words that leave the trace. The word behind them is
-// the next fragment's and may be the first one of that one's exit, with a trap of its own. In the last fragment it is the
-// branch that closes the trace.
+// How many bytes of a conditional exit in a trace a trap replaces: the words that leave the trace. The word behind them
+// is the next fragment's and may be the first one of that one's exit, with a trap of its own. In the last fragment it
+// is the branch that closes the trace.
 std::uint32_t trace_exit_trap_size(const bb_meta& meta) {
   const bool has_way_out_of_its_own = meta.exit_kind == EXIT_COMPARE && (meta.link_state & LINK_TAKEN_FIRST) != 0;
   const std::uint32_t size = has_way_out_of_its_own ? 8 : 4;

@@ -60,14 +60,14 @@ enum bb_exit_kind : std::uint32_t {
   EXIT_COMPARE = 9,     // CB<cc>, CBB<cc>, CBH<cc>.
 };
 
-// Values of bb_meta::link_state. A first link is 1 or 2. The value 4 is ORed in, and means one thing for a block and another
-// one for a fragment of a trace.
+// Values of bb_meta::link_state. A first link is 1 or 2. The value 4 is ORed in, and means one thing for a block and
+// another one for a fragment of a trace.
 enum bb_link_state : std::uint32_t {
   LINK_NONE = 0,
-  LINK_SKIPPED_FIRST = 1,    // Of a trace's fragment: the path goes on at the fall-through side.
-  LINK_TAKEN_FIRST = 2,      // Always for an unconditional exit. Of a trace's fragment: the path takes the branch.
-  LINK_BOTH = 4,             // A block: the second side is linked, too.
-  LINK_CLOSES_TRACE = 4,     // A trace's fragment: the last one. Behind its exit stands the branch that closes the trace.
+  LINK_SKIPPED_FIRST = 1,  // A trace's fragment: the path goes on at the fall-through side.
+  LINK_TAKEN_FIRST = 2,    // Always for an unconditional exit. A trace's fragment: the path takes the branch.
+  LINK_BOTH = 4,           // A block: the second side is linked, too.
+  LINK_CLOSES_TRACE = 4,   // A trace's fragment: it is the last one, and the branch that closes the trace follows.
 };
 
 // The place of a branch word that was patched to reach a fragment. A record of the thread's link pool.
@@ -89,7 +89,7 @@ struct bb_meta {
   std::uint64_t skipped_source_addr;  // Fall-through side.
   std::uint64_t exit_condition;  // Of a conditional exit, with rn: see pack_exit_branch.
   std::uint32_t link_state;      // Of bb_link_state.
-  std::uint32_t rn;              // EXIT_REGISTER: the register that holds the target. A conditional exit: see exit_condition.
+  std::uint32_t rn;              // EXIT_REGISTER: the register that holds the target. Else see exit_condition.
   std::int32_t trampoline;       // Of a trace fragment: the index of its exit's trampoline.
   cc_link* linked_from;          // Places that branch straight to this fragment.
   std::uint32_t overwritten_exit[OVERWRITTEN_EXIT_WORDS];  // What a trap has overwritten.

@@ -65,8 +65,8 @@ void rewrite_direct_branch(scan_state& state) {
   put_direct_exit(state, branch_target(state.read, imm26, 26));
 }
 
-// The parts that the exits of conditional branches have in common: the branch's words are tested before x0 and x1 are loaded,
-// and so see the application's value of any register.
+// The start of every conditional exit. Its branch stands before the words that load x0 and x1, and so tests the
+// application's value of any register.
 void begin_conditional_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
   begin_exit(state, static_cast<bb_exit_kind>(branch.kind), target, address_of(state.read) + 4);
   pack_exit_branch(branch, &meta_of(state));
@@ -101,7 +101,7 @@ void a64_branch_imm_reg(scan_state& state, exit_branch branch, std::uint64_t tar
   a64_branch_jump(state.thread, &state.write, meta_of(state).skipped_source_addr, state.bb_id);
 }
 
-// CB<cc>, which is not inverted: the branch keeps its sense, and the fall-through side comes first. Three reserved words.
+// CB<cc> is not inverted: the branch keeps its sense, and the fall-through side comes first. Three words are reserved.
 void put_compare_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
   log(LEVEL_TRACE, "A64 cb<cc>: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
   a64_reserve_block_space(state.thread, &state.write, &state.limit, COMPARE_EXIT_SPACE);

@@ -16,8 +16,8 @@ namespace ceilmeter {
 inline constexpr std::uint32_t EXIT_SPACE = 60;
 inline constexpr std::uint32_t REGISTER_BRANCH_SPACE = 88;
 inline constexpr std::uint32_t AUTHENTICATED_BRANCH_SPACE = REGISTER_BRANCH_SPACE + 8;
-// Before the exit of a CB<cc>: three reserved words, push, decision, and twice four words of a target, two of an index and
-// a branch.
+// Before the exit of a CB<cc>: three reserved words, push, decision, and twice four words of a target, two of an index
+// and a branch.
 inline constexpr std::uint32_t COMPARE_EXIT_SPACE = 19 * 4;
 
 // Bytes that fragments leave free at the end of the trace area: for a snippet of two words, and for the trampolines of

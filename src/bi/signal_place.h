@@ -1,5 +1,5 @@
-// Where a signal has found its thread: in a fragment, in one of the windows of the stubs, or elsewhere in the engine; and how
-// the thread's context is made the application's again where a stub holds part of it.
+// Where a signal has found its thread: in a fragment, in one of the windows of the stubs, or elsewhere in the engine;
+// and how the thread's context is made the application's again where a stub holds part of it.
 #pragma once
 
 #include <ucontext.h>
@@ -23,20 +23,20 @@ bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8
 // counter's stub, or from a plug-in's function.
 std::uint64_t fragment_place(const thread_data* thread, const mcontext_t& context);
 
-// Between the last look at the held signals and a system call that has not been made. A call that does not return is not
-// covered: only calls that do return set the thread's status.
+// Between the last look at the held signals and a system call that has not been made. A call that does not return is
+// not covered: only calls that do return set the thread's status.
 bool is_before_syscall(const thread_data* thread, std::uint64_t pc);
 
-// Sends a thread that has read the count of held signals, and has not acted on it, back to the read. Otherwise the signal
-// that has come now would wait until the thread next reads the count, which may be never. Signals that came earlier are
-// still raised first.
+// Sends a thread that has read the count of held signals, and has not acted on it, back to the read. Otherwise the
+// signal that has come now would wait until the thread next reads the count, which may be never. Signals that came
+// earlier are still raised first.
 void look_again(const thread_data* thread, mcontext_t& context);
 
 // The signal was raised on purpose in cache_reentry_stub: takes the stub's frame apart.
 void leave_reentry_stub(const thread_data* thread, mcontext_t& context);
 
-// The signal came at the return of a system call: takes the wrapper's frame apart. The application stands behind its SVC, and
-// x0 to x8 are as the kernel left them.
+// The signal came at the return of a system call: takes the wrapper's frame apart. The application stands behind its
+// SVC, and x0 to x8 are as the kernel left them.
 void leave_syscall_wrapper(thread_data* thread, mcontext_t& context);
 
 // The signal came before the call was made, or has interrupted it in a way that lets it be made again (SA_RESTART): the

@@ -1,6 +1,6 @@
-// The handler that the kernel calls for every signal of the application: what is done depends on where the thread stands
-// (signal_place.cpp), and most signals are only counted (signal_delivery.cpp) after the exit of the interrupted fragment has
-// been trapped (exit_trap.cpp).
+// The handler that the kernel calls for every signal of the application: what is done depends on where the thread
+// stands (signal_place.cpp), and most signals are only counted (signal_delivery.cpp) after the exit of the interrupted
+// fragment has been trapped (exit_trap.cpp).
 //
 // Everything here runs on the stack of the interrupted code, which is the application's.
 #include "bi/signals.h"
@@ -34,8 +34,8 @@ constexpr signal_exit GO_ON = {0, 0};
 // A fault of the running code. A signal of the same number that somebody has sent is like any other.
 bool is_fault(int signum, const siginfo_t* info) { return is_synchronous(signum) && info->si_code > 0; }
 
-// Makes the call that the trap stands for. The signal is blocked here. It strikes when the kernel restores the context with
-// its mask, at the word behind the trap.
+// Makes the call that the trap stands for. The signal is blocked here. It strikes when the kernel restores the context
+// with its mask, at the word behind the trap.
 void raise_at_return(mcontext_t& context) {
   block_all_signals();
   raw_syscall(NR_RT_TGSIGQUEUEINFO, context.regs[0], context.regs[1], context.regs[2], context.regs[3]);
@@ -72,9 +72,9 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
   return GO_ON;  // The instruction faults again, and the default action applies.
 }
 
-// The context is the application's, with a source address as its pc. There is no handler if another thread has changed the
-// action since the signal arrived. The thread then goes on, and the kernel's default action strikes once the signal is
-// unblocked.
+// The context is the application's, with a source address as its pc. There is no handler if another thread has changed
+// the action since the signal arrived. The thread then goes on, and the kernel's default action strikes once the signal
+// is unblocked.
 signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
   const std::uint64_t handler = take_application_handler(signum);
   if (handler > 1) return enter_handler(thread, handler);
@@ -112,7 +112,8 @@ signal_exit lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
   return GO_ON;
 }
 
-// The application's state is complete, or lies in a stub's frame at known places: the handler runs now. False elsewhere.
+// The application's state is complete, or lies in a stub's frame at known places: the handler runs now. False
+// elsewhere.
 bool restore_application_context(thread_data* thread, mcontext_t& context) {
   if (is_stub_point(thread, context.pc, reentry_signal_point)) {
     leave_reentry_stub(thread, context);

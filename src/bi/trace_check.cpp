@@ -1,5 +1,5 @@
-// The checker reads the words in the cache and compares them with the records and the table. It takes from the words where a
-// fragment or a link leads, and uses none of the code that has written them but the decoding of branches.
+// The checker reads the words in the cache and compares them with the records and the table. It takes from the words
+// where a fragment or a link leads, and uses none of the code that has written them but the decoding of branches.
 #include "bi/trace_check.h"
 
 #include "bi/a64/a64.h"
@@ -111,7 +111,8 @@ const std::uint32_t* check_trace_exit(thread_data* thread, const bb_meta& fragme
     return exit + 1;
   }
   check_branch(fragment, word, false);
-  demand(branch_destination(word, exit) == address_of(exit + 2), "an exit does not skip its way out", address_of(exit), word);
+  demand(branch_destination(word, exit) == address_of(exit + 2), "an exit does not skip its way out", address_of(exit),
+         word);
   const std::uint32_t way_out = exit_word(thread, exit + 1);
   demand(a64_decode(&way_out) == A64_B, "an exit has no way out", address_of(exit + 1), way_out);
   check_way(thread, address_of(exit + 1), branch_destination(way_out, exit + 1), other);

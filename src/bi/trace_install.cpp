@@ -12,9 +12,9 @@
 //   the exit's reach                 b trace + 4
 //                                    nop
 //
-// An exit to a block always goes through a trampoline, however near the block is. The exit's branch is noted in the block's
-// list, and the trace that replaces the block later may be out of a conditional branch's reach. The B of a trampoline gets to
-// any place of the cache.
+// An exit to a block always goes through a trampoline, however near the block is. The exit's branch is noted in the
+// block's list, and the trace that replaces the block later may be out of a conditional branch's reach. The B of a
+// trampoline gets to any place of the cache.
 //
 // Each word that was written is cleared from the instruction cache; the thread then goes back into the cache.
 #include "bi/trace_install.h"
@@ -81,9 +81,9 @@ void patch_trace_branches(thread_data* thread, std::uint32_t* place, std::uint64
   if (word != place) count_trace_event(trace_counts.moved_under_trap);
 }
 
-// Leads a link of a block to the new trace. A flush during a scan leaves a stale link record: the forgotten block is run
-// once more and linked, and its place may have become another block's since. Ignore the record unless the word still
-// branches to the head.
+// Leads a link of a block to the new trace. A flush during a scan leaves a stale link record: the forgotten block is
+// run once more and linked, and its place may have become another block's since. Ignore the record unless the word
+// still branches to the head.
 void patch_block_branch(thread_data* thread, std::uint32_t* place, std::uint64_t old_to, std::uint64_t to) {
   std::uint32_t* word = untrapped_word(thread, place);
   if (a64_decode(word) != A64_B || branch_destination(*word, place) != old_to) {
@@ -109,8 +109,8 @@ void move_links(thread_data* thread, const bb_meta& head) {
   }
 }
 
-// Whether a word of a fragment's code may be copied into a trampoline. Not copied are words whose meaning depends on their
-// place, words of the exit, which change when it is linked, and traps.
+// Whether a word of a fragment's code may be copied into a trampoline. Not copied are words whose meaning depends on
+// their place, words of the exit, which change when it is linked, and traps.
 bool is_copyable(const std::uint32_t* word, const bb_meta& owner) {
   if (word >= owner.exit_code_addr && word < owner.exit_code_addr + 3) return false;
   const int inst = a64_decode(word);
@@ -169,8 +169,8 @@ std::uint32_t* patch_exits(thread_data* thread) {
   return next;
 }
 
-// Writes a trap over the head block's second word. Nothing leads to the block any more; a wrong arrival shows at once. The
-// entry word stays.
+// Writes a trap over the head block's second word. Nothing leads to the block any more; a wrong arrival shows at once.
+// The entry word stays.
 void bar_head(const bb_meta& head) {
   auto* word = reinterpret_cast<std::uint32_t*>(head.cache_entry + ENTRY_WORD_SIZE);
   a64_brk(word, 0);

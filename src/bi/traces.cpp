@@ -15,11 +15,11 @@
 //                  b      .                     left by the other side; no target before the installation
 //
 // Before the installation only the newest fragment runs, from its snippet to its exit stub, so that no branch without a
-// target is reached. A signal's handler in between does not change that: interrupted code is always resumed by its source
-// address. The trace is then given up when the next head becomes hot.
+// target is reached. A signal's handler in between does not change that: interrupted code is always resumed by its
+// source address. The trace is then given up when the next head becomes hot.
 //
-// The instruction cache is cleared over each piece as it is written. The thread comes to run it by its way back into the
-// cache, from the engine code that has written it.
+// The instruction cache is cleared over each piece as it is written. The thread comes to run it by its way back into
+// the cache, from the engine code that has written it.
 #include "bi/traces.h"
 
 #include <atomic>
@@ -86,8 +86,8 @@ void flush_full_area(thread_data* thread, std::uint64_t source, std::uint64_t* r
   go_on_in_block(thread, source, ret);
 }
 
-// The exit of a fragment that the path leaves to `follows_taken`'s side. Returns its last word: the branch to the other side,
-// which has no offset yet and so goes to itself.
+// The exit of a fragment that the path leaves to `follows_taken`'s side. Returns its last word: the branch to the other
+// side, which has no offset yet and so goes to itself.
 std::uint32_t* put_trace_exit(const bb_meta& meta, bool follows_taken) {
   if (!is_conditional_exit(meta.exit_kind)) log(LEVEL_FATAL, "unknown branch type");
   std::uint32_t* place = meta.exit_code_addr;
@@ -103,7 +103,8 @@ std::uint32_t* put_trace_exit(const bb_meta& meta, bool follows_taken) {
 }
 
 // Returns the word behind the exit. The other side is not scanned before it is reached: it may never run, and an
-// application that writes its code piece by piece need not have written that piece yet. Its stub block may need a flush.
+// application that writes its code piece by piece need not have written that piece yet. Its stub block may need a
+// flush.
 std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index, std::uint64_t target) {
   trace_state& trace = thread->active_trace;
   const bb_meta& meta = thread->metas[source_index];
@@ -153,8 +154,8 @@ void close_in_block(thread_data* thread, std::int32_t source_index, std::uint32_
   close_trace(thread, source_index, write, entry, next_addr);
 }
 
-// Writes LDP x0, x1 and a branch to the fragment, behind the fragment. The dispatcher's way back has left both registers on
-// the stack, and the fragment has no entry word, because later runs fall into it.
+// Writes LDP x0, x1 and a branch to the fragment, behind the fragment. The dispatcher's way back has left both
+// registers on the stack, and the fragment has no entry word, because later runs fall into it.
 std::uint32_t* put_entry_snippet(std::uint32_t* at, const std::uint32_t* fragment) {
   at[0] = POP_X0_X1;
   a64_branch(at + 1, address_of(fragment));
@@ -188,6 +189,26 @@ bool extend_trace(thread_data* thread, std::uint32_t* write, std::uint64_t targe
   return true;
 }
 
+// The record of a trace that begins at the next free place. Returns its first word.
+std::uint32_t* begin_trace(thread_data* thread, std::int32_t source_index, std::uint64_t source) {
+  thread->flush_seen = 0;
+  trace_state& trace = thread->active_trace;
+  auto* entry = reinterpret_cast<std::uint32_t*>(thread->trace_write_cursor);
+  log(LEVEL_TRACE, "bb: %d, source: %p, ret to: 0x%lx", source_index, reinterpret_cast<void*>(source),
+      address_of(entry));
+  trace.id = thread->trace_id;
+  trace.source_bb = source_index;
+  trace.active = 1;
+  trace.entry_addr = address_of(entry);
+  trace.write = entry;
+  trace.exit_count = 0;
+  count_trace_event(trace_counts.started);
+  log(LEVEL_TRACE, "Create trace: %d (%p), source_bb: %d, entry: %lx", trace.id, static_cast<void*>(entry),
+      source_index, trace.entry_addr);
+  log(LEVEL_TRACE, "Trace head: %p at 0x%lx", reinterpret_cast<void*>(source), trace.entry_addr);
+  return entry;
+}
+
 // The trace that the path has come back to, if it has come to one.
 std::uint64_t find_trace(thread_data* thread, std::uint64_t target) {
   if (target == head_source(thread)) return thread->active_trace.entry_addr;
@@ -215,7 +236,8 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   const std::uint32_t kind = head.exit_kind;
   ret[1] = source;
   if (trace_options.off || kind == EXIT_NOT_SET) {
-    // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0 and does not stop it again soon.
+    // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0 and does not stop it again
+    // soon.
     ret[0] = head.cache_entry;
     return;
   }
@@ -228,20 +250,7 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
     flush_full_area(thread, source, ret);
     return;
   }
-  thread->flush_seen = 0;
-  auto* entry = reinterpret_cast<std::uint32_t*>(thread->trace_write_cursor);
-  log(LEVEL_TRACE, "bb: %d, source: %p, ret to: 0x%lx", source_index, reinterpret_cast<void*>(source),
-      address_of(entry));
-  trace.id = thread->trace_id;
-  trace.source_bb = source_index;
-  trace.active = 1;
-  trace.entry_addr = address_of(entry);
-  trace.write = entry;
-  trace.exit_count = 0;
-  count_trace_event(trace_counts.started);
-  log(LEVEL_TRACE, "Create trace: %d (%p), source_bb: %d, entry: %lx", trace.id, static_cast<void*>(entry),
-      source_index, trace.entry_addr);
-  log(LEVEL_TRACE, "Trace head: %p at 0x%lx", reinterpret_cast<void*>(source), trace.entry_addr);
+  std::uint32_t* entry = begin_trace(thread, source_index, source);
   ret[0] = trace.entry_addr;
 
   const std::int32_t id = trace.id++;
@@ -278,8 +287,8 @@ void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32
   bb_meta& meta = thread->metas[source_index];
   log(LEVEL_TRACE, "trace dispatcher (target: 0x%lx)", target);
   trace_state& trace = thread->active_trace;
-  // Either a register branch has not found its target, or a system call in the last fragment has flushed the cache and so
-  // ended its trace.
+  // Either a register branch has not found its target, or a system call in the last fragment has flushed the cache and
+  // so ended its trace.
   if (meta.exit_kind == EXIT_REGISTER || trace.active == 0 || source_index != trace.id - 1) {
     *next_addr = lookup_or_scan(thread, target);
     return;

@@ -21,25 +21,25 @@ void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32
 struct trace_statistics {
   std::uint64_t started;
   std::uint64_t installed;
-  std::uint64_t fragments;           // Of installed traces, as the next three.
+  std::uint64_t fragments;  // Of installed traces, as the next three.
   std::uint64_t exits;
   std::uint64_t trampolines;
-  std::uint64_t most_fragments;      // Of one trace.
+  std::uint64_t most_fragments;  // Of one trace.
   std::uint64_t most_exits;
-  std::uint64_t ends_in_head;        // How traces have ended.
+  std::uint64_t ends_in_head;  // How traces have ended.
   std::uint64_t ends_in_trace;
-  std::uint64_t ends_in_block;       // At the limit of fragments, or of length.
+  std::uint64_t ends_in_block;  // At the limit of fragments, or of length.
   std::uint64_t ends_in_register_branch;
-  std::uint64_t too_long;            // Of those that end in a block: for the reach of an exit, or for the area.
-  std::uint64_t abandoned;           // Another head became hot first.
-  std::uint64_t flushed;             // A flush came while it was being built.
-  std::uint64_t area_full;           // Flushes for want of room.
-  std::uint64_t moved_branches;      // Links led to a new trace: unconditional ones, ...
-  std::uint64_t moved_exits;         // ... exits of other traces that reach it, ...
-  std::uint64_t moved_trampolines;   // ... and those that do not.
-  std::uint64_t moved_under_trap;    // Of all these, those that a trap stood in place of.
-  std::uint64_t stale_links;         // Records of links that are no longer there.
-  std::uint64_t checks;              // Caches looked through after an installation.
+  std::uint64_t too_long;           // Of those that end in a block: for the reach of an exit, or for the area.
+  std::uint64_t abandoned;          // Another head became hot first.
+  std::uint64_t flushed;            // A flush came while it was being built.
+  std::uint64_t area_full;          // Flushes for want of room.
+  std::uint64_t moved_branches;     // Links led to a new trace: unconditional ones, ...
+  std::uint64_t moved_exits;        // ... exits of other traces that reach it, ...
+  std::uint64_t moved_trampolines;  // ... and those that do not.
+  std::uint64_t moved_under_trap;   // Of all these, those that a trap stood in place of.
+  std::uint64_t stale_links;        // Records of links that are no longer there.
+  std::uint64_t checks;             // Caches looked through after an installation.
 };
 
 extern trace_statistics trace_counts;

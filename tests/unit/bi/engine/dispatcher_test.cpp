@@ -256,6 +256,19 @@ TEST_F(dispatcher_links, the_longest_lookup_of_a_signed_address_fits_its_space) 
   EXPECT_LE(address_of(write) - address_of(start), AUTHENTICATED_BRANCH_SPACE);
 }
 
+TEST_F(dispatcher_links, the_tag_of_an_address_of_the_applications_half_is_stripped_and_the_other_halfs_stays) {
+  const std::int32_t id = scan_block(ret_x30);
+  const std::uint64_t target = address_of(one_ret);
+  EXPECT_EQ(dispatched(target | 0xa5ULL << 56, id), hash_lookup_entry(thread, target));
+  EXPECT_EQ(source_of_next, target);
+  EXPECT_NE(hash_lookup_entry(thread, target), HASH_MISS);
+  EXPECT_EQ(hash_lookup_entry(thread, target | 0xa5ULL << 56), HASH_MISS);
+  const std::uint64_t in_other_half = 0xff80000000000000;
+  dispatched(in_other_half, id);
+  EXPECT_EQ(source_of_next, in_other_half);
+  EXPECT_NE(hash_lookup_entry(thread, in_other_half), HASH_MISS);
+}
+
 TEST_F(dispatcher_links, an_exit_that_has_no_skipping_branch_is_fatal) {
   bb_meta trampoline{};
   trampoline.exit_kind = EXIT_TRACE;

@@ -74,9 +74,10 @@ word_list engine_test::branch_jump(const std::uint32_t* place, std::uint64_t tar
 }
 
 std::uint64_t engine_test::dispatched(std::uint64_t target, std::int32_t source_index) {
-  std::uint64_t next = 0;
-  dispatcher(target, source_index, &next, thread);
-  return next;
+  std::uint64_t next[2] = {0, target};  // As in the stub's frame: cache address, source address.
+  dispatcher(target, source_index, next, thread);
+  source_of_next = next[1];
+  return next[0];
 }
 
 std::vector<std::uint64_t> engine_test::links_to(std::int32_t bb_id) const {

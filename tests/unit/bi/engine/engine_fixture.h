@@ -54,6 +54,7 @@ class engine_test : public testing::Test {
   std::vector<std::uint64_t> links_to(std::int32_t bb_id) const;
 
   thread_data* thread = nullptr;
+  std::uint64_t source_of_next = 0;  // What the last call of dispatched has left as the source address.
 };
 
 // All the parts behind one another.

@@ -1,20 +1,13 @@
-// Signals at places of rewritten code and of the stubs, by contexts made up here: what is trapped, counted, undone and
-// run.
+// Signals at places of rewritten code: what is trapped, counted, undone and run.
 #include "bi/signals.h"
 
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <ucontext.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstring>
 #include <thread>
 
 #include "bi/a64/a64.h"
-#include "bi/stub_layout.h"
-#include "bi/stubs.h"
-#include "engine_fixture.h"
+#include "signals_fixture.h"
 
 namespace ceilmeter::test {
 
@@ -32,60 +25,8 @@ namespace {
 
 using testing::Each;
 
-constexpr std::uint32_t HVC_148 = 0xd4001282;
-constexpr std::uint32_t HVC_149 = 0xd40012a2;
-
-class signals : public engine_test {
- protected:
-  signals() {
-    context().sp = address_of(stack + 64);
-    for (int reg = 0; reg < 31; ++reg) context().regs[reg] = 0x100 + static_cast<std::uint64_t>(reg);
-  }
-
-  mcontext_t& context() { return ucontext.uc_mcontext; }
-  // The source address of the handler that is entered; 0: the interrupted code goes on. SIGILL and SIGSEGV are faults
-  // unless `code` says that somebody has sent them.
-  std::uint64_t arrive(int signum, const void* pc, int code = 1) {
-    context().pc = address_of(pc);
-    siginfo_t info{};
-    info.si_signo = signum;
-    info.si_code = code;
-    const signal_exit way = signal_dispatcher(signum, &info, &ucontext);
-    EXPECT_EQ(way.entry, way.target == 0 ? 0 : thread->dispatcher_stub_addr);
-    return way.target;
-  }
-  const std::uint8_t* stub(const std::uint8_t* place) const { return thread->code_cache + stub_offset(place); }
-  void expect_at_dispatcher(std::uint64_t target, std::uint64_t sp_before) {
-    EXPECT_EQ(context().pc, thread->dispatcher_stub_addr);
-    EXPECT_EQ(context().regs[0], target);
-    EXPECT_EQ(context().regs[1], 0u);  // No source, no link.
-    EXPECT_EQ(context().sp, sp_before - 16);
-  }
-  // The exit is linked at its taken side, trapped by a signal in the block's body and run into with the context as it
-  // is: where execution is led.
-  std::uint64_t through_trap(const std::uint32_t* source, std::uint64_t taken) {
-    const std::int32_t id = scan_block(source);
-    dispatched(taken, id);
-    const std::uint64_t x0 = context().regs[0];
-    const std::uint64_t x1 = context().regs[1];
-    arrive(SIGUSR1, block(id) + 1);
-    EXPECT_THAT(words(meta(id).exit_code_addr, 2), Each(HVC_149));
-    const std::uint64_t sp = context().sp;
-    EXPECT_EQ(arrive(SIGILL, meta(id).exit_code_addr), 0u);
-    const std::uint64_t target = context().regs[0];
-    expect_at_dispatcher(target, sp);
-    EXPECT_EQ(reinterpret_cast<std::uint64_t*>(context().sp)[0], x0);
-    EXPECT_EQ(reinterpret_cast<std::uint64_t*>(context().sp)[1], x1);
-    context().regs[0] = x0;
-    context().regs[1] = x1;
-    context().sp = sp;
-    return target;
-  }
-
-  ucontext_t ucontext{};
-  alignas(16) std::uint64_t stack[128] = {};
-};
-using signals_death = signals;
+using signals = signals_fixture;
+using signals_death = signals_fixture;
 
 TEST_F(signals, one_in_a_linked_loop_ends_at_the_next_pass_through_the_exit_and_the_handler_sees_the_loops_source) {
   const std::int32_t id = scan_block(loop_to_itself);
@@ -299,44 +240,6 @@ TEST_F(signals, a_register_branch_by_x0_has_its_target_in_x1_at_the_trap) {
   expect_at_dispatcher(address_of(one_ret), address_of(stack + 34));
 }
 
-TEST_F(signals, one_that_is_blocked_stays_counted_until_it_is_not) {
-  sigset_t mask;
-  sigset_t before;
-  sigemptyset(&mask);
-  sigaddset(&mask, SIGUSR1);
-  pthread_sigmask(SIG_BLOCK, &mask, &before);
-  thread->pending_signals[SIGUSR1] = 1;
-  thread->pending_signal_count = 1;
-  std::uint64_t info[4] = {};
-  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 0u);
-  EXPECT_EQ(thread->pending_signals[SIGUSR1], 1);
-  EXPECT_EQ(thread->pending_signal_count, 1);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 1u);
-  EXPECT_EQ(thread->pending_signals[SIGUSR1], 0);
-}
-
-TEST_F(signals, each_is_held_back_by_its_own_bit_of_the_mask_and_no_other) {
-  sigset_t before;
-  pthread_sigmask(SIG_SETMASK, nullptr, &before);
-  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
-    if (signum == SIGKILL || signum == SIGSTOP) continue;  // Can be blocked by nobody.
-    thread->pending_signals[signum] = 1;
-    std::uint64_t info[4] = {};
-    std::uint64_t mask = std::uint64_t{1} << (signum - 1);  // As the kernel has it: a C library blocks some never.
-    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &mask, nullptr, sizeof mask);
-    const bool held = deliver_pending_signal(address_of(one_ret), info) == 0;
-    mask = ~mask;
-    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &mask, nullptr, sizeof mask);
-    const bool raised = deliver_pending_signal(address_of(one_ret), info) == 1;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    EXPECT_TRUE(held) << "signal " << signum;
-    EXPECT_TRUE(raised) << "signal " << signum;
-    EXPECT_EQ(info[2], static_cast<std::uint64_t>(signum));
-    thread->pending_signals[signum] = 0;
-  }
-}
-
 TEST_F(signals, six_are_faults_that_run_their_handler_at_once_and_no_other_is) {
   const std::int32_t id = scan_block(loop_to_itself);
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
@@ -346,17 +249,6 @@ TEST_F(signals, six_are_faults_that_run_their_handler_at_once_and_no_other_is) {
     EXPECT_EQ(arrive(signum, block(id) + 2), is_fault ? address_of(one_ret) : 0) << "signal " << signum;
     EXPECT_EQ(thread->pending_signals[signum], is_fault ? 0 : 1) << "signal " << signum;
   }
-}
-
-TEST_F(signals, the_lowest_counted_one_comes_first) {
-  thread->pending_signals[SIGUSR2] = 1;
-  thread->pending_signals[SIGHUP] = 2;
-  thread->pending_signal_count = 3;
-  std::uint64_t info[4] = {};
-  std::vector<std::uint64_t> order;
-  while (deliver_pending_signal(address_of(one_ret), info) == 1) order.push_back(info[2]);
-  EXPECT_THAT(order, testing::ElementsAre(SIGHUP, SIGHUP, SIGUSR2));
-  EXPECT_EQ(thread->pending_signal_count, 0);
 }
 
 TEST_F(signals, a_fault_with_a_handler_runs_it_at_once_with_pc_0) {
@@ -393,45 +285,6 @@ TEST_F(signals_death, a_trap_of_an_unknown_number_is_fatal) {
   const std::int32_t id = scan_block(loop_to_itself);
   a64_hvc(meta(id).exit_code_addr, 150);
   EXPECT_EXIT(arrive(SIGILL, meta(id).exit_code_addr), testing::KilledBySignal(SIGABRT), "unknown trap code");
-}
-
-TEST_F(signals, one_at_a_system_calls_return_takes_the_frame_apart) {
-  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
-  for (std::size_t word = 0; word < std::size(frame); ++word) frame[word] = 0x5000 + word;
-  const std::uint64_t* area = frame + STUB_SIMD_REGS_SIZE / 8;
-  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
-  auto* record = reinterpret_cast<fpsimd_context*>(context().__reserved);
-  record->head = {FPSIMD_MAGIC, sizeof(fpsimd_context)};
-  context().sp = address_of(frame);
-  context().regs[19] = 0x60000000;
-  context().regs[20] = 0x100000400000;
-  context().regs[21] = 0x100000000010;
-
-  EXPECT_EQ(arrive(SIGUSR1, stub(syscall_return_point)), address_of(one_ret));
-
-  EXPECT_EQ(context().sp, address_of(frame) + 0x2d0);
-  EXPECT_EQ(context().pc, area[23]);
-  EXPECT_EQ(context().pstate, 0x60000000u);
-  for (std::uint64_t reg = 0; reg <= 8; ++reg) EXPECT_EQ(context().regs[reg], 0x100 + reg);
-  for (int reg = 9; reg <= 21; ++reg) EXPECT_EQ(context().regs[reg], area[reg]);
-  EXPECT_EQ(context().regs[29], area[24]);
-  EXPECT_EQ(context().regs[30], area[25]);
-  EXPECT_EQ(std::memcmp(record->vregs, frame, STUB_SIMD_REGS_SIZE), 0);
-  EXPECT_EQ(record->fpcr, 0x400000u);
-  EXPECT_EQ(record->fpsr, 0x10u);
-}
-
-TEST_F(signals, one_at_a_system_calls_return_leaves_the_bits_of_pstate_beyond_the_flags_alone) {
-  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
-  constexpr std::uint64_t ssbs = 1ULL << 12;
-  constexpr std::uint64_t dit = 1ULL << 24;
-  constexpr std::uint64_t tco = 1ULL << 25;
-  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
-  context().sp = address_of(frame);
-  context().regs[19] = 0x60000000;
-  context().pstate = 0x90000000 | ssbs | dit | tco;
-  EXPECT_EQ(arrive(SIGUSR1, stub(syscall_return_point)), address_of(one_ret));
-  EXPECT_EQ(context().pstate, 0x60000000 | ssbs | dit | tco);
 }
 
 TEST_F(signals, the_end_of_the_process_traps_a_thread_in_a_block_and_ends_it_on_its_way_back_into_the_cache) {
@@ -509,58 +362,6 @@ TEST_F(signals, a_fault_signal_that_somebody_has_sent_is_counted_wherever_it_arr
   EXPECT_EQ(thread->pending_signals[SIGILL], 1);
   EXPECT_EQ(thread->pending_signals[SIGTRAP], 1);
   EXPECT_EQ(thread->pending_signal_count, 3);
-}
-
-TEST_F(signals, one_between_the_look_at_the_count_and_the_way_into_the_cache_makes_the_thread_look_again) {
-  const std::uint64_t sp = context().sp;
-  for (const std::uint8_t* word = reentry_window; word < reentry_branch; word += 4) {
-    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
-    EXPECT_EQ(context().pc, address_of(stub(reentry_window)));
-    EXPECT_EQ(context().sp, sp);
-  }
-  EXPECT_EQ(arrive(SIGUSR1, stub(reentry_branch)), 0u);
-  EXPECT_EQ(context().pc, address_of(stub(cache_reentry_stub)));
-  EXPECT_EQ(arrive(SIGUSR1, stub(reentry_resume_branch)), 0u);
-  EXPECT_EQ(context().pc, address_of(stub(cache_reentry_stub)));
-  EXPECT_EQ(context().regs[0], 0x100u);
-  EXPECT_EQ(context().regs[1], 0x101u);
-  EXPECT_EQ(context().sp, sp);
-}
-
-TEST_F(signals, one_after_others_have_been_judged_to_wait_has_them_judged_again) {
-  for (const std::uint8_t* word = reentry_resume_window; word < reentry_resume_branch; word += 4) {
-    // The stub's frame: the number judged; cache and source address; x2; the application's x0 and x1.
-    const std::uint64_t frame[] = {1, 0, 0, 0, 0xca, 0x50, 0xc2, 0, 0xc0, 0xc1};
-    std::copy(std::begin(frame), std::end(frame), stack + 32);
-    context().sp = address_of(stack + 32);
-    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
-    EXPECT_EQ(context().pc, address_of(stub(reentry_window)));
-    EXPECT_EQ(context().regs[0], 0xcau);
-    EXPECT_EQ(context().regs[1], 0x50u);
-    EXPECT_EQ(*reinterpret_cast<std::uint64_t*>(context().sp), 0xc2u);
-  }
-}
-
-TEST_F(signals, one_between_the_look_at_the_count_and_a_system_call_makes_the_thread_look_again) {
-  for (const std::uint8_t* word = syscall_restart_window; word < syscall_call_window; word += 4) {
-    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
-    EXPECT_EQ(context().pc, address_of(stub(syscall_restart_window)));
-  }
-}
-
-TEST_F(signals, one_in_the_counter_of_a_block_traps_the_exit_that_the_counter_returns_to) {
-  const std::int32_t id = scan_block(loop_to_itself);
-  dispatched(address_of(loop_to_itself), id);
-  context().regs[30] = address_of(block(id) + 4);
-  EXPECT_EQ(arrive(SIGUSR1, stub(hot_counter_stub) + 8), 0u);
-  EXPECT_EQ(*meta(id).exit_code_addr, HVC_149);
-}
-
-TEST_F(signals, how_many_have_been_judged_is_told_when_all_have_to_wait) {
-  std::uint64_t info[4] = {~std::uint64_t{0}};
-  thread->pending_signal_count = 7;  // None that may be raised.
-  EXPECT_EQ(deliver_pending_signal(address_of(one_ret), info), 0u);
-  EXPECT_EQ(info[0], 7u);
 }
 
 }  // namespace

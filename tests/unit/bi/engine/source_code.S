@@ -44,6 +44,18 @@ source  tbz_bit_5
         tbz     x3, #5, one_ret
         ret
 
+// Compare and branch, which assemblers do not know yet, over the return behind it.
+        .macro  compare_over_ret name, word
+source  \name
+        .inst   \word | 2 << 5
+        ret
+        ret
+        .endm
+compare_over_ret cbgt_w3_63, 0x75000003 | 63 << 15
+compare_over_ret cblt_x1_0, 0xf5200001
+compare_over_ret cbhs_x3_x4, 0xf4600003 | 4 << 16
+compare_over_ret cbbeq_w3_w4, 0x74c08003 | 4 << 16
+
 source  ret_x30
         ret
 source  br_x17

@@ -81,4 +81,32 @@ source  to_itself_or_on
         cbnz    x4, to_itself_or_on
         ret
 
+
+// Traces over compare and branch: each block is left by the side that its name says, or by the other one.
+source  compare_head
+        add     x1, x1, #1
+        .inst   0x75000003 | 63 << 15 | 5 << 5  // cbgt w3, #63, compare_taken
+fallen_into compare_skipped
+        add     x1, x1, #2
+        b       compare_head
+        nop
+        nop
+fallen_into compare_taken
+        add     x1, x1, #3
+        .inst   0xf4c00003 | 4 << 16 | 3 << 5   // cbeq x3, x4, compare_end
+fallen_into compare_closes
+        add     x1, x1, #4
+        b       compare_head
+fallen_into compare_end
+        add     x1, x1, #5
+        .inst   0x74e08003 | 4 << 16 | (-11 & 0x1ff) << 5   // cbbne w3, w4, compare_head
+        ret
+source  compare_before_much
+        .inst   0x75000003 | 63 << 15 | 2 << 5  // cbgt w3, #63, .+8
+fallen_into compare_much
+        .rept   200
+        add     x1, x1, #1
+        .endr
+        b       compare_head
+
         .section .note.GNU-stack, "", %progbits

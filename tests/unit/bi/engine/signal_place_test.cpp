@@ -1,0 +1,102 @@
+// Signals in the stubs: what is looked at again, and how a stub's frame is taken apart.
+#include "bi/signal_place.h"
+
+#include <cstring>
+
+#include "signals_fixture.h"
+
+namespace ceilmeter::test {
+
+SOURCE(one_ret);
+SOURCE(loop_to_itself);
+
+namespace {
+
+using signal_place = signals_fixture;
+
+TEST_F(signal_place, one_at_a_system_calls_return_takes_the_frame_apart) {
+  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
+  for (std::size_t word = 0; word < std::size(frame); ++word) frame[word] = 0x5000 + word;
+  const std::uint64_t* area = frame + STUB_SIMD_REGS_SIZE / 8;
+  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
+  auto* record = reinterpret_cast<fpsimd_context*>(context().__reserved);
+  record->head = {FPSIMD_MAGIC, sizeof(fpsimd_context)};
+  context().sp = address_of(frame);
+  context().regs[19] = 0x60000000;
+  context().regs[20] = 0x100000400000;
+  context().regs[21] = 0x100000000010;
+
+  EXPECT_EQ(arrive(SIGUSR1, stub(syscall_return_point)), address_of(one_ret));
+
+  EXPECT_EQ(context().sp, address_of(frame) + 0x2d0);
+  EXPECT_EQ(context().pc, area[23]);
+  EXPECT_EQ(context().pstate, 0x60000000u);
+  for (std::uint64_t reg = 0; reg <= 8; ++reg) EXPECT_EQ(context().regs[reg], 0x100 + reg);
+  for (int reg = 9; reg <= 21; ++reg) EXPECT_EQ(context().regs[reg], area[reg]);
+  EXPECT_EQ(context().regs[29], area[24]);
+  EXPECT_EQ(context().regs[30], area[25]);
+  EXPECT_EQ(std::memcmp(record->vregs, frame, STUB_SIMD_REGS_SIZE), 0);
+  EXPECT_EQ(record->fpcr, 0x400000u);
+  EXPECT_EQ(record->fpsr, 0x10u);
+}
+
+TEST_F(signal_place, one_at_a_system_calls_return_leaves_the_bits_of_pstate_beyond_the_flags_alone) {
+  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
+  constexpr std::uint64_t ssbs = 1ULL << 12;
+  constexpr std::uint64_t dit = 1ULL << 24;
+  constexpr std::uint64_t tco = 1ULL << 25;
+  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
+  context().sp = address_of(frame);
+  context().regs[19] = 0x60000000;
+  context().pstate = 0x90000000 | ssbs | dit | tco;
+  EXPECT_EQ(arrive(SIGUSR1, stub(syscall_return_point)), address_of(one_ret));
+  EXPECT_EQ(context().pstate, 0x60000000 | ssbs | dit | tco);
+}
+
+TEST_F(signal_place, one_between_the_look_at_the_count_and_the_way_into_the_cache_makes_the_thread_look_again) {
+  const std::uint64_t sp = context().sp;
+  for (const std::uint8_t* word = reentry_window; word < reentry_branch; word += 4) {
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
+    EXPECT_EQ(context().pc, address_of(stub(reentry_window)));
+    EXPECT_EQ(context().sp, sp);
+  }
+  EXPECT_EQ(arrive(SIGUSR1, stub(reentry_branch)), 0u);
+  EXPECT_EQ(context().pc, address_of(stub(cache_reentry_stub)));
+  EXPECT_EQ(arrive(SIGUSR1, stub(reentry_resume_branch)), 0u);
+  EXPECT_EQ(context().pc, address_of(stub(cache_reentry_stub)));
+  EXPECT_EQ(context().regs[0], 0x100u);
+  EXPECT_EQ(context().regs[1], 0x101u);
+  EXPECT_EQ(context().sp, sp);
+}
+
+TEST_F(signal_place, one_after_others_have_been_judged_to_wait_has_them_judged_again) {
+  for (const std::uint8_t* word = reentry_resume_window; word < reentry_resume_branch; word += 4) {
+    // The stub's frame: the number judged; cache and source address; x2; the application's x0 and x1.
+    const std::uint64_t frame[] = {1, 0, 0, 0, 0xca, 0x50, 0xc2, 0, 0xc0, 0xc1};
+    std::copy(std::begin(frame), std::end(frame), stack + 32);
+    context().sp = address_of(stack + 32);
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
+    EXPECT_EQ(context().pc, address_of(stub(reentry_window)));
+    EXPECT_EQ(context().regs[0], 0xcau);
+    EXPECT_EQ(context().regs[1], 0x50u);
+    EXPECT_EQ(*reinterpret_cast<std::uint64_t*>(context().sp), 0xc2u);
+  }
+}
+
+TEST_F(signal_place, one_between_the_look_at_the_count_and_a_system_call_makes_the_thread_look_again) {
+  for (const std::uint8_t* word = syscall_restart_window; word < syscall_call_window; word += 4) {
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
+    EXPECT_EQ(context().pc, address_of(stub(syscall_restart_window)));
+  }
+}
+
+TEST_F(signal_place, one_in_the_counter_of_a_block_traps_the_exit_that_the_counter_returns_to) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  dispatched(address_of(loop_to_itself), id);
+  context().regs[30] = address_of(block(id) + 4);
+  EXPECT_EQ(arrive(SIGUSR1, stub(hot_counter_stub) + 8), 0u);
+  EXPECT_EQ(*meta(id).exit_code_addr, HVC_149);
+}
+
+}  // namespace
+}  // namespace ceilmeter::test
