@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "bi/a64/a64.h"
+#include "bi/code_cache.h"
 #include "bi/code_words.h"
 #include "bi/exit_branch.h"
 #include "bi/signals.h"

@@ -1,5 +1,6 @@
 // The counters belong to their thread. They are updated atomically: a nested signal can strike between a load and a
 // store.
+#include "bi/code_cache.h"
 #include "bi/signal_delivery.h"
 
 #include <unistd.h>

@@ -8,6 +8,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/call_mask.h"
+#include "bi/code_cache.h"
 #include "bi/scan_ahead.h"
 #include "bi/source_map.h"
 #include "bi/stubs.h"

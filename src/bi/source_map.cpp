@@ -1,6 +1,7 @@
 #include "bi/source_map.h"
 
 #include "bi/a64/a64.h"
+#include "bi/code_cache.h"
 
 namespace ceilmeter {
 

@@ -251,14 +251,6 @@ TEST_F(signals, six_are_faults_that_run_their_handler_at_once_and_no_other_is) {
   }
 }
 
-TEST_F(signals, a_fault_with_a_handler_runs_it_at_once_with_pc_0) {
-  const std::int32_t id = scan_block(loop_to_itself);
-  engine.signal_handlers[SIGSEGV] = address_of(one_ret);
-  EXPECT_EQ(arrive(SIGSEGV, block(id) + 2), address_of(one_ret));
-  EXPECT_EQ(context().pc, 0u);
-  EXPECT_EQ(thread->pending_signal_count, 0);
-}
-
 TEST_F(signals, a_fault_without_a_handler_happens_again_under_the_default_action) {
   struct sigaction before {};
   sigaction(SIGSEGV, nullptr, &before);
