@@ -1,0 +1,28 @@
+// The viewer's own reader of result files. It walks the JSON tree itself: the report reader of the collector takes a
+// missing figure as 0, and a viewer has to tell the two apart.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "view/model.h"
+
+namespace ceilmeter::view {
+
+// Deepest nesting of arrays and objects that is read. A result file has four; the parser recurses, and this bounds its
+// stack.
+inline constexpr std::size_t max_nesting = 64;
+
+struct read_outcome {
+  bool ok = false;
+  std::string error;    // without the program's name: "FILE:LINE: reason" or "FILE: reason"
+  result_file result;   // filled if ok
+};
+
+// Reads the file at `path`; "-" is standard input.
+read_outcome read_result(const std::string& path);
+
+// Reads `text`; `path` is for messages and labels.
+read_outcome parse_result(const std::string& path, std::string_view text);
+
+}  // namespace ceilmeter::view
