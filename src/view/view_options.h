@@ -2,13 +2,13 @@
 // usage text take it from there, and tests compare README.md, the man page and the completion with the usage text.
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
+
+#include "view/model.h"
 
 namespace ceilmeter::view {
 
@@ -17,22 +17,15 @@ enum class output_form : std::uint8_t { PAGE, SVG, CSV, TABLE };
 // What several files are to each other.
 enum class file_relation : std::uint8_t { OVERLAY, BASELINE, RANKS };
 
-// Powers of ten at the edges of the picture: x is flop/byte, y is GFLOP/s.
-struct frame_option {
-  int x_from = 0;
-  int x_to = 0;
-  int y_from = 0;
-  int y_to = 0;
-};
-
-struct view_options {
+struct command_options {
   std::vector<std::string> files;     // With BASELINE the earlier run first. Never empty but for help and version.
+                                      // "-" is standard input.
   std::string output;                 // "-" is standard output. Set by the parser, given or not.
   output_form form = output_form::PAGE;
   file_relation relation = file_relation::OVERLAY;
   std::optional<std::uint64_t> threads;  // Roofs of this count, whatever the regions' own.
-  std::optional<std::size_t> level;      // 0 to 3: L1, L2, L3, DDR.
-  std::optional<frame_option> frame;
+  std::optional<memory_level> level;     // None: all are shown.
+  std::optional<frame> axes;
   std::optional<std::string> title;
   bool modules = false;
   std::string modules_folder;         // Empty: the paths of the result file.
@@ -44,11 +37,9 @@ struct view_options {
 };
 
 struct parsed_command_line {
-  view_options options;
+  command_options options;
   std::string error;  // Empty: none, and the options are complete.
 };
-
-inline constexpr std::array<const char*, 4> level_option_names = {"L1", "L2", "L3", "DDR"};
 
 // `arguments` without the program's own name. Options and files may stand in any order; "--" ends the options.
 parsed_command_line parse_command_line(std::span<const char* const> arguments);
