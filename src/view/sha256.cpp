@@ -4,7 +4,7 @@
 #include <bit>
 #include <cstddef>
 
-namespace view {
+namespace ceilmeter::view {
 namespace {
 
 // The first 32 bits of the fractional parts of the cube roots of the first 64 primes.
@@ -20,7 +20,7 @@ constexpr std::array<std::uint32_t, 64> round_constants = {
 
 using state_t = std::array<std::uint32_t, 8>;
 
-std::array<std::uint32_t, 64> schedule(const std::uint8_t *block) {
+std::array<std::uint32_t, 64> schedule(const std::uint8_t* block) {
   std::array<std::uint32_t, 64> words{};
   for (std::size_t i = 0; i < 16; i++) {
     for (std::size_t byte = 0; byte < 4; byte++) {
@@ -37,7 +37,7 @@ std::array<std::uint32_t, 64> schedule(const std::uint8_t *block) {
   return words;
 }
 
-void add_block(state_t &state, const std::uint8_t *block) {
+void add_block(state_t& state, const std::uint8_t* block) {
   const std::array<std::uint32_t, 64> words = schedule(block);
   auto [a, b, c, d, e, f, g, h] = state;
   for (std::size_t i = 0; i < 64; i++) {
@@ -60,7 +60,7 @@ void add_block(state_t &state, const std::uint8_t *block) {
   }
 }
 
-} // namespace
+}  // namespace
 
 std::array<std::uint8_t, 32> sha256(std::string_view bytes) {
   // The message, a 1 bit, zeros up to a whole block, the length in bits.
@@ -73,7 +73,7 @@ std::array<std::uint8_t, 32> sha256(std::string_view bytes) {
   }
   state_t state = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a, 0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
   for (std::size_t at = 0; at < padded.size(); at += 64) {
-    add_block(state, reinterpret_cast<const std::uint8_t *>(padded.data()) + at);
+    add_block(state, reinterpret_cast<const std::uint8_t*>(padded.data()) + at);
   }
   std::array<std::uint8_t, 32> digest{};
   for (std::size_t i = 0; i < digest.size(); i++) {
@@ -100,7 +100,7 @@ std::string base64(std::string_view bytes) {
 
 std::string policy_hash(std::string_view bytes) {
   const std::array<std::uint8_t, 32> digest = sha256(bytes);
-  return "'sha256-" + base64(std::string_view(reinterpret_cast<const char *>(digest.data()), digest.size())) + "'";
+  return "'sha256-" + base64(std::string_view(reinterpret_cast<const char*>(digest.data()), digest.size())) + "'";
 }
 
-} // namespace view
+}  // namespace ceilmeter::view

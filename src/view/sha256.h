@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace view {
+namespace ceilmeter::view {
 
 std::array<std::uint8_t, 32> sha256(std::string_view bytes);
 
@@ -16,4 +16,4 @@ std::string base64(std::string_view bytes);
 // "'sha256-...'", the source expression of an inline script or style of exactly these bytes.
 std::string policy_hash(std::string_view bytes);
 
-} // namespace view
+}  // namespace ceilmeter::view

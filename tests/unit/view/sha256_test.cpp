@@ -5,9 +5,9 @@
 
 namespace {
 
-std::string hex(const std::string &bytes) {
+std::string hex(const std::string& bytes) {
   std::string text;
-  for (const std::uint8_t byte : view::sha256(bytes)) {
+  for (const std::uint8_t byte : ceilmeter::view::sha256(bytes)) {
     text.push_back("0123456789abcdef"[byte >> 4]);
     text.push_back("0123456789abcdef"[byte & 15]);
   }
@@ -32,16 +32,16 @@ TEST(sha256, pads_lengths_around_a_block_rightly) {
 }
 
 TEST(sha256, base64_pads_to_groups_of_four) {
-  EXPECT_EQ(view::base64(""), "");
-  EXPECT_EQ(view::base64("f"), "Zg==");
-  EXPECT_EQ(view::base64("fo"), "Zm8=");
-  EXPECT_EQ(view::base64("foo"), "Zm9v");
-  EXPECT_EQ(view::base64("foobar"), "Zm9vYmFy");
-  EXPECT_EQ(view::base64("\xff\xfe\xfd"), "//79");
+  EXPECT_EQ(ceilmeter::view::base64(""), "");
+  EXPECT_EQ(ceilmeter::view::base64("f"), "Zg==");
+  EXPECT_EQ(ceilmeter::view::base64("fo"), "Zm8=");
+  EXPECT_EQ(ceilmeter::view::base64("foo"), "Zm9v");
+  EXPECT_EQ(ceilmeter::view::base64("foobar"), "Zm9vYmFy");
+  EXPECT_EQ(ceilmeter::view::base64("\xff\xfe\xfd"), "//79");
 }
 
 TEST(sha256, a_policy_names_the_digest_in_base64) {
-  EXPECT_EQ(view::policy_hash("abc"), "'sha256-ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0='");
+  EXPECT_EQ(ceilmeter::view::policy_hash("abc"), "'sha256-ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0='");
 }
 
-} // namespace
+}  // namespace
