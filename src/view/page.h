@@ -3,30 +3,21 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "view/model.h"
+#include "view/modules.h"
 
 namespace ceilmeter::view {
 
-// What is known of a block beyond the result file: from the module's symbol table and its code.
-struct block_text {
-  std::string function;                   // empty: no symbol
-  std::vector<std::string> instructions;  // one text for each instruction, in order
-};
-
-// By index into result_file::modules and the block's dump_start.
-using block_texts = std::map<std::pair<std::uint32_t, std::uint64_t>, block_text>;
-
 struct page_options {
-  // How many blocks the page lists, the ones with the most operations first; empty: all. What is left out is one exact
-  // row for each region.
-  std::optional<std::size_t> blocks = 10000;
-  std::vector<block_texts> texts;  // one for each file of the model, or empty
+  // How many blocks of a region the page lists, the ones with the most operations first; empty: all. What is left out
+  // is one exact row.
+  std::optional<std::uint64_t> blocks = 10'000;
+  // For each file of the model its modules, null where they are not at hand; or empty.
+  std::vector<const module_names*> names;
 };
 
 // The whole page, UTF-8. Module paths are written as they stand in result_file::modules.
