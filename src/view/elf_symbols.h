@@ -1,5 +1,5 @@
-// A reader of what the viewer wants of a 64-bit AArch64 ELF file: the functions of its symbol tables, by their place in the
-// file. The file is a stranger's: every offset and count is checked against the file's size before it is followed.
+// A reader of what the viewer wants of a 64-bit AArch64 ELF file: the functions of its symbol tables, by their place in
+// the file. The file is a stranger's: every offset and count is checked against the file's size before it is followed.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ struct elf_function {
 
 struct elf_functions {
   std::string error;                    // Empty: the file is an AArch64 ELF file, whatever its tables hold.
-  std::vector<elf_function> functions;  // By rising offset; of several names of one place the one that is known outside.
+  std::vector<elf_function> functions;  // By rising offset; one for each place, global names first.
 };
 
 // `descriptor` is an open file. Of tables with more than 2^22 symbols the first ones are read.

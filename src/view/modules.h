@@ -28,8 +28,8 @@ std::vector<std::string> shortened_paths(const std::vector<std::string>& modules
 // The modules of one result file. Keeps the files open while it lives.
 class module_names {
  public:
-  // `folder`: where the modules are looked for, by their path below it and then by their last part alone. Empty: at their
-  // paths. Reads the tables of all modules that have blocks and counts the operations of all blocks again.
+  // `folder`: where the modules are looked for, by their path below it and then by their last part alone. Empty: at
+  // their paths. Reads the tables of all modules that have blocks and counts the operations of all blocks again.
   module_names(const result_file& file, const std::string& folder);
   module_names(const module_names&) = delete;
   module_names& operator=(const module_names&) = delete;

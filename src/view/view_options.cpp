@@ -39,9 +39,9 @@ std::optional<std::uint64_t> whole_number(std::string_view text) {
 }
 
 std::string read_form(command_options& options, output_form form) {
-  if (options.form != output_form::PAGE && options.form != form) return "only one of --svg, --csv and --table can be given";
+  const bool is_second = options.form != output_form::PAGE && options.form != form;
   options.form = form;
-  return {};
+  return is_second ? "only one of --svg, --csv and --table can be given" : "";
 }
 
 std::string read_output(command_options& options, std::string_view value) {
@@ -287,8 +287,8 @@ parsed_command_line parse_command_line(std::span<const char* const> arguments) {
   if (options.help || options.version) return parsed;
   // A baseline's own page is that of the later run.
   if (options.output.empty() && !options.files.empty()) {
-    options.output = default_output(options.files.back(), options.form);
-    if (options.relation != file_relation::BASELINE) options.output = default_output(options.files.front(), options.form);
+    const bool is_later = options.relation == file_relation::BASELINE;
+    options.output = default_output(is_later ? options.files.back() : options.files.front(), options.form);
   }
   parsed.error = check_together(options);
   return parsed;
