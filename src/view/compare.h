@@ -11,4 +11,7 @@ namespace ceilmeter::view {
 // becomes `single`, except for `ranks`; with several and mode `single` it becomes `overlay`.
 view_model build_view(std::vector<result_file> files, const view_options& options);
 
+// Whether two values of one roof are so far apart that both have to be drawn: more than 3 % of the first.
+bool roofs_differ(double before, double after);
+
 }  // namespace ceilmeter::view

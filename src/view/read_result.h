@@ -3,7 +3,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "view/model.h"
 
@@ -22,7 +21,7 @@ struct read_outcome {
 // Reads the file at `path`; "-" is standard input.
 read_outcome read_result(const std::string& path);
 
-// Reads `text`; `path` is for messages and labels.
-read_outcome parse_result(const std::string& path, std::string_view text);
+// Reads `bytes`, which may hold NUL bytes; `path` is for messages and labels.
+read_outcome parse_result(const std::string& path, const std::string& bytes);
 
 }  // namespace ceilmeter::view
