@@ -1,7 +1,7 @@
 // Puts the page together: the template, its policy, and the sections of the model.
 #include "view/page.h"
 
-#include <array>
+#include <string>
 #include <string_view>
 
 #include "view/page_parts.h"
@@ -60,9 +60,11 @@ std::string files_line(const view_model& model) {
 }  // namespace
 
 std::string write_page(const view_model& model, const page_options& options) {
+  std::string script;
+  for (const std::string_view part : {common_js(), picture_js(), tables_js(), page_js()}) script += part;
   const std::string style = std::string(picture_style()) + std::string(page_css());
   return fill(page_template(), {
-      {"policy", escape_xml(policy(d3_js(), page_js(), style))},
+      {"policy", escape_xml(policy(d3_js(), script, style))},
       {"title", escape_xml(model.title)},
       {"files", escape_xml(files_line(model))},
       {"style", style},
@@ -76,7 +78,7 @@ std::string write_page(const view_model& model, const page_options& options) {
       {"blocks", blocks_section(model, options)},
       {"data", page_data(model, options)},
       {"library", std::string(d3_js())},
-      {"script", std::string(page_js())},
+      {"script", script},
   });
 }
 

@@ -45,6 +45,15 @@ std::string hex(std::uint64_t value) {
   return digits;
 }
 
+std::string mnemonics_text(const block_description& description) {
+  std::string text;
+  for (const char* mnemonic : description.mnemonics) {
+    if (!text.empty()) text += ' ';
+    text += mnemonic;
+  }
+  return text;
+}
+
 block_list list_blocks(const region& of, const std::optional<std::uint64_t>& limit) {
   std::vector<const block*> order;
   order.reserve(of.blocks.size());
@@ -111,14 +120,16 @@ struct blocks_writer {
   void block_row(std::string& html, const listed_block& one) const {
     html += "<tr><th scope=\"row\"><code>" + escape_xml(modules[one.of->module]) + "+" + hex(one.of->dump_start) +
             "</code></th>";
-    if (names != nullptr) text_cell(html, names->describe(*one.of).function);
+    const block_description description = names != nullptr ? names->describe(*one.of) : block_description();
+    if (names != nullptr) text_cell(html, description.function);
     number_cell(html, show_count(one.of->executions));
     number_cell(html, show_count(one.of->flop));
-    number_cell(html, one.operations ? show_quantity(one.operations, "") : shown_figure{"exceeds 64 bits", ""});
+    number_cell(html, one.operations ? show_count(one.operations) : shown_figure{"exceeds 64 bits", ""});
     number_cell(html, show_percent(one.share));
     number_cell(html, show_percent(one.running));
     number_cell(html, show_figure(one.per_instruction));
     number_cell(html, show_count(one.of->elements));
+    if (names != nullptr) html += "<td class=\"code\">" + escape_xml(mnemonics_text(description)) + "</td>";
     html += "</tr>\n";
   }
 
@@ -135,6 +146,7 @@ struct blocks_writer {
     head_cell(html, "Running share", true, "This block and all above it");
     head_cell(html, "Per instruction", true, "Operations of one execution divided by the block's instructions");
     head_cell(html, "Elements", true, "The most elements of any floating-point instruction of the block");
+    if (names != nullptr) head_cell(html, "Instructions", false);
     html += "</tr></thead>\n<tbody>\n";
     for (const listed_block& one : list.listed) block_row(html, one);
     if (list.rest > 0) {
@@ -142,8 +154,9 @@ struct blocks_writer {
       if (names != nullptr) text_cell(html, "");
       number_cell(html, show_count(list.rest_executions));
       text_cell(html, "");
-      number_cell(html, show_quantity(list.rest_operations, ""));
-      html += "<td></td><td></td><td></td><td></td></tr>\n";
+      number_cell(html, show_count(list.rest_operations));
+      html += "<td></td><td></td><td></td><td></td>";
+      html += names != nullptr ? "<td></td></tr>\n" : "</tr>\n";
     }
     close_table(html);
   }

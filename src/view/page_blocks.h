@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "view/model.h"
+#include "view/modules.h"
 
 namespace ceilmeter::view {
 
@@ -35,6 +36,9 @@ struct module_work {
 
 // Lower case, without prefix or leading zeros, as the result file writes offsets.
 std::string hex(std::uint64_t value);
+
+// The block's instructions in order, with blanks between them.
+std::string mnemonics_text(const block_description& description);
 
 // At most `limit` blocks; empty: all of them.
 block_list list_blocks(const region& of, const std::optional<std::uint64_t>& limit);

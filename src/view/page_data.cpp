@@ -53,15 +53,6 @@ std::string json_array(const List& list, const Write& write) {
 
 std::string text_of(const count& value) { return value ? number(*value) : "-"; }
 
-std::string mnemonics_text(const block_description& description) {
-  std::string text;
-  for (const char* mnemonic : description.mnemonics) {
-    if (!text.empty()) text += ' ';
-    text += mnemonic;
-  }
-  return text;
-}
-
 // [module, offset, executions, per execution, operations, share, running share, per instruction, elements] and with
 // names [.., function, mnemonics].
 std::string block_row(const listed_block& one, const module_names* names) {
@@ -117,7 +108,8 @@ std::string level_line(const region_figures& region, std::size_t level) {
 std::string region_object(const file_view& file, std::size_t index, const page_options& options,
                           const module_names* names) {
   const region_figures& region = file.regions[index];
-  std::string json = "{\"name\":" + json_text(region.name) + ",\"lines\":";
+  std::string json = "{\"name\":" + json_text(region.name) + ",\"time\":\"" + number(region.time.value_or(0)) +
+                     "\",\"lines\":";
   json += json_array(region_lines(file, region), json_text) + ",\"levels\":{";
   for (std::size_t level = 0; level < level_count; ++level) {
     if (level > 0) json += ',';

@@ -51,13 +51,11 @@
 //   </svg>
 //
 // How the script moves things, so this has to hold:
-//   g.tick                transform="translate(X Y)", its line and text are around 0,0; the script clones it
-//   grid lines            x1 y1 x2 y2 in units, no transform; the script clones one of each class and axis
+//   grid lines, ticks     stand at their units, without a transform; the script clones one of each axis
 //   g.roof                has data-text, the words of its label, also where no label found a place
-//   text.roof-label       transform="translate(X Y) rotate(A)" with X,Y on the roof, and y="-OFFSET"
-//   edge-arrow            a <path>, d around 0,0, transform="translate(X Y)"; edge-value is the same with its text at 0,0
-//   region-label, -note   x = place of data-x plus data-dx, y = place of data-y plus data-dy, both in units
-//   path.move             d="M X1 Y1 L X2 Y2"; the head is a <marker>
+//   edge-arrow            moves by its transform; its edge-value follows it in the document
+//   region-label, -note, edge-value   x = place of data-x plus data-dx, y = place of data-y plus data-dy, both in units
+//   path.move             a line and a head of two strokes
 //
 // State that the page's script sets, and that picture_style() obeys:
 //   svg[data-level=l1]       hides markers of the other levels        .region.selected  the chosen region

@@ -1,55 +1,191 @@
-// Moves the picture and the tables that the program wrote; nothing is calculated here but places on the screen.
-// Texts are written as texts, never as markup: names of regions and modules come from strangers.
+// What a reader does: select and filter regions, read tooltips, choose level, thread count and roofs.
 "use strict";
 (() => {
-  const byId = (id) => document.getElementById(id);
-  const all = (selector, within) => Array.from((within || document).querySelectorAll(selector));
-  const data = JSON.parse(byId("ceilview-data").textContent);
-  const svg = byId("roofline");
-  const controls = byId("controls");
+  const { byId, all, data, svg, make, place, dataOf, say, rows } = ceilview;
+  const { draw, scale, pan, whole } = ceilview.picture;
+  const picture = byId("picture");
+  const tooltip = byId("tooltip");
 
-  const make = (tag, className, text) => {
-    const element = document.createElement(tag);
-    if (className) element.className = className;
-    if (text !== undefined) element.textContent = text;
-    return element;
-  };
-  const attributes = (element, values) => {
-    for (const name of Object.keys(values)) element.setAttribute(name, values[name]);
-    return element;
-  };
-  const regionData = (file, region) => (data.files[file] ? data.files[file].regions[region] : undefined);
-  const keyOf = (element) => element.dataset.file + "-" + element.dataset.region;
-  const say = (text) => { byId("status").textContent = text; };
+  // ---- Selection and filter ----
 
-  // ---- The picture's coordinates ----
+  let selected = null;  // a region's name: in a comparison it means the region in both files
+  const regions = all(".region", svg);
 
-  const num = (element, name) => Number(element.getAttribute("data-" + name));
-  const frame = {};
-  for (const name of ["x0", "x1", "y0", "y1", "left", "right", "top", "bottom"]) frame[name] = num(svg, name);
-  const xOf = (lg) => frame.left + ((lg - frame.x0) / (frame.x1 - frame.x0)) * (frame.right - frame.left);
-  const yOf = (lg) => frame.bottom - ((lg - frame.y0) / (frame.y1 - frame.y0)) * (frame.bottom - frame.top);
-  let transform = d3.zoomIdentity;
-  const x = (lg) => transform.applyX(xOf(lg));
-  const y = (lg) => transform.applyY(yOf(lg));
-  const inside = (px, py, slack) =>
-    px >= frame.left - slack && px <= frame.right + slack && py >= frame.top - slack && py <= frame.bottom + slack;
-
-  // Every moved element keeps what the program wrote, so that the whole picture comes back byte for byte.
-  const originals = new Map();
-  const keep = (element, names) => {
-    const old = {};
-    for (const name of names) old[name] = element.getAttribute(name);
-    originals.set(element, old);
-    return element;
-  };
-  const restore = () => {
-    for (const [element, old] of originals) {
-      for (const name of Object.keys(old)) {
-        if (old[name] === null) element.removeAttribute(name);
-        else element.setAttribute(name, old[name]);
-      }
-      element.classList.remove("outside");
+  const showBlocks = () => {
+    for (const details of all("#blocks details")) {
+      const mine = selected !== null && dataOf(details).name === selected;
+      details.hidden = details.classList.contains("filtered") || (selected !== null && !mine);
+      if (mine) details.open = true;
     }
   };
+
+  const select = (name) => {
+    selected = selected === name ? null : name;
+    svg.classList.toggle("has-selection", selected !== null);
+    for (const element of [...regions, ...rows()]) {
+      const mine = selected !== null && dataOf(element).name === selected;
+      element.classList.toggle("selected", mine);
+      const button = element.querySelector("button.pick") || element;
+      if (element.querySelector("button.pick") || element.getAttribute("role") === "button") {
+        button.setAttribute("aria-pressed", String(mine));
+      }
+    }
+    byId("clear").disabled = selected === null;
+    say(selected === null ? "No region is selected." : "Selected: " + selected);
+    showBlocks();
+  };
+  const clear = () => { if (selected !== null) select(selected); };
+
+  const filter = () => {
+    const part = byId("filter").value.toLowerCase();
+    const times = data.files.flatMap((file) => file.regions.map((region) => Number(region.time)));
+    const least = Number(byId("least").value) * Math.max(0, ...times);
+    const passes = (element) => {
+      const region = dataOf(element);
+      return region.name.toLowerCase().includes(part) && Number(region.time) >= least;
+    };
+    for (const row of rows()) row.hidden = !passes(row);
+    for (const element of [...regions, ...all("#blocks details")]) {
+      element.classList.toggle("filtered", !passes(element));
+    }
+    const left = regions.filter((region) => !region.classList.contains("filtered")).length;
+    say(left + " of " + regions.length + (regions.length === 1 ? " region" : " regions"));
+    showBlocks();
+    draw();
+  };
+
+  // ---- Tooltips ----
+
+  const hideTooltip = () => { tooltip.hidden = true; };
+
+  const showTooltip = (lines, here, px, py) => {
+    const lineOf = (line, at) => make(at === 0 ? "b" : "div", line === here ? "here" : "", line);
+    tooltip.replaceChildren(...lines.map(lineOf));
+    tooltip.hidden = false;
+    const box = tooltip.getBoundingClientRect();
+    const left = px + 14 + box.width > innerWidth ? px - 14 - box.width : px + 14;
+    const top = py + 14 + box.height > innerHeight ? py - 14 - box.height : py + 14;
+    tooltip.style.left = Math.max(4, left) + "px";
+    tooltip.style.top = Math.max(4, top) + "px";
+  };
+
+  const explain = (target, px, py) => {
+    const region = target.closest(".region");
+    const roof = target.closest(".roof");
+    if (region) {
+      const about = dataOf(region);
+      const mark = target.closest("[data-level]");
+      const here = mark && mark !== svg ? about.levels[mark.dataset.level] : "";
+      showTooltip([about.name, ...about.lines, ...Object.values(about.levels)], here, px, py);
+    } else if (roof) {
+      showTooltip([roof.dataset.text], "", px, py);
+    } else {
+      hideTooltip();
+    }
+  };
+
+  // ---- Controls ----
+
+  const showMoves = () => {
+    const level = svg.dataset.level === "all" ? "ddr" : svg.dataset.level;
+    for (const path of all(".move", svg)) path.toggleAttribute("hidden", path.dataset.level !== level);
+  };
+
+  const makeRoofChoice = () => {
+    const choices = byId("roof-choice").querySelector(".choices");
+    choices.replaceChildren();
+    for (const roof of all(".roofs:not([hidden]) > .roof", svg)) {
+      const label = make("label");
+      const box = place(make("input"), { type: "checkbox" });
+      box.checked = !roof.hasAttribute("hidden");
+      label.append(box, roof.dataset.text);
+      choices.append(label);
+      box.addEventListener("change", () => {
+        roof.toggleAttribute("hidden", !box.checked);
+        draw();
+      });
+    }
+    byId("roof-choice").hidden = choices.children.length === 0;
+  };
+
+  const makeControls = () => {
+    const level = byId("level");
+    const threads = byId("threads");
+    level.value = svg.dataset.level;
+    level.addEventListener("change", () => {
+      svg.dataset.level = level.value;
+      showMoves();
+      say(level.value === "all" ? "Points of all levels." : "Points of " + level.value.toUpperCase() + ".");
+    });
+    const sets = all(".roofs", svg);
+    const counts = [...new Set(sets.map((set) => set.dataset.threads))].sort((a, b) => a - b);
+    for (const count of counts) {
+      const option = make("option", "", count + (count === "1" ? " thread" : " threads"));
+      option.value = count;
+      threads.append(option);
+    }
+    threads.value = svg.dataset.threads;
+    threads.closest("label").hidden = counts.length === 0;
+    threads.addEventListener("change", () => {
+      for (const set of sets) set.toggleAttribute("hidden", set.dataset.threads !== threads.value);
+      svg.dataset.threads = threads.value;
+      makeRoofChoice();
+      draw();
+      say("Roofs of " + threads.selectedOptions[0].textContent + ".");
+    });
+    byId("zoom-in").addEventListener("click", () => scale(1.6));
+    byId("zoom-out").addEventListener("click", () => scale(1 / 1.6));
+    byId("zoom-reset").addEventListener("click", whole);
+    byId("clear").addEventListener("click", clear);
+    byId("filter").addEventListener("input", filter);
+    byId("least").addEventListener("change", filter);
+    byId("controls").addEventListener("submit", (event) => event.preventDefault());
+    byId("controls").hidden = false;
+    byId("help").hidden = false;
+    picture.classList.add("moves");
+  };
+
+  const keys = {
+    "+": () => scale(1.6), "=": () => scale(1.6), "-": () => scale(1 / 1.6), "0": whole,
+    ArrowLeft: () => pan(60, 0), ArrowRight: () => pan(-60, 0), ArrowUp: () => pan(0, 60), ArrowDown: () => pan(0, -60),
+  };
+
+  const makePicture = () => {
+    for (const region of regions) {
+      place(region, { role: "button", "aria-pressed": "false" });
+      // The tooltip says more than the title would.
+      for (const title of all("title", region)) title.remove();
+      region.addEventListener("click", () => select(dataOf(region).name));
+      region.addEventListener("focus", () => {
+        const mark = region.querySelector(".marker:not(.outside)") || region;
+        const box = mark.getBoundingClientRect();
+        explain(region, box.right, box.bottom);
+      });
+      region.addEventListener("blur", hideTooltip);
+    }
+    svg.addEventListener("pointermove", (event) => {
+      if (event.buttons === 0) explain(event.target, event.clientX, event.clientY);
+      else hideTooltip();
+    });
+    svg.addEventListener("pointerleave", hideTooltip);
+    svg.addEventListener("keydown", (event) => {
+      if (event.ctrlKey || event.metaKey || event.altKey) return;
+      const region = event.target.closest(".region");
+      if (region && (event.key === "Enter" || event.key === " ")) select(dataOf(region).name);
+      else if (keys[event.key]) keys[event.key]();
+      else return;
+      event.preventDefault();
+    });
+    document.addEventListener("keydown", (event) => {
+      if (event.key !== "Escape") return;
+      if (tooltip.hidden) clear();
+      hideTooltip();
+    });
+  };
+
+  makePicture();
+  makeControls();
+  makeRoofChoice();
+  ceilview.tables.start(select);
+  showMoves();
 })();
