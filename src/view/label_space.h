@@ -1,0 +1,64 @@
+// Where texts may stand in the picture: none over another one, over a point, or over the frame. Widths come from a fixed
+// table of a wide sans font, since no font is at hand when the picture is written; other fonts of its kind are narrower.
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+namespace ceilmeter::view {
+
+// Width of `text` at that font size, in the same unit. Characters outside of the table count as wide ones.
+double text_width(std::string_view text, double font_size);
+
+// Ascent and descent of the font, as parts of its size.
+inline constexpr double font_ascent = 0.93;
+inline constexpr double font_descent = 0.24;
+
+struct position {
+  double x = 0;
+  double y = 0;
+};
+
+// A rectangle turned around its centre. Angles in radians, clockwise on the screen, as SVG's rotate().
+struct turned_box {
+  position center;
+  double half_width = 0;
+  double half_height = 0;
+  double angle = 0;
+};
+
+struct disc {
+  position center;
+  double radius = 0;
+};
+
+bool overlap(const turned_box& a, const turned_box& b);
+bool overlap(const turned_box& box, const disc& point);
+
+enum class text_anchor : char { start, middle, end };
+
+// The box of a text whose anchor stands at `baseline`, with a margin on each side.
+turned_box box_of_text(std::string_view text, double font_size, position baseline, text_anchor anchor, double angle);
+
+// What is taken of a rectangle.
+class label_space {
+ public:
+  label_space(double left, double top, double right, double bottom)
+      : left_(left), top_(top), right_(right), bottom_(bottom) {}
+
+  void add_point(const disc& point) { points_.push_back(point); }
+  void add_box(const turned_box& box) { boxes_.push_back(box); }
+
+  // Whether the box lies within the rectangle and touches nothing that was added.
+  bool is_free(const turned_box& box) const;
+
+ private:
+  double left_;
+  double top_;
+  double right_;
+  double bottom_;
+  std::vector<disc> points_;
+  std::vector<turned_box> boxes_;
+};
+
+}  // namespace ceilmeter::view
