@@ -8,8 +8,8 @@
 namespace ceilmeter::view {
 
 // The commands to try, each as its words, the file's address included. `variable` is the value of $BROWSER, null where
-// it is not set: commands parted by ":", their words by blanks; "%s" stands for the address, which otherwise comes last.
-// Behind them the programs by which desktops open files.
+// it is not set: commands parted by ":", their words by blanks; "%s" stands for the address, which otherwise comes
+// last. Behind them the programs by which desktops open files.
 std::vector<std::vector<std::string>> browser_commands(const char* variable, const std::string& address);
 
 // The file's address for a browser: file:// and the absolute path, with what is no letter, digit or one of "/-._~"

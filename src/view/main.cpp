@@ -1,5 +1,7 @@
 // ceilview: from the command line to what it asks for, in one go: read, derive, write. Nothing is written before all of
 // it is known.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -37,11 +39,22 @@ exit_status print(const std::string& text) {
   return OUTPUT_FAILED;
 }
 
+// A device such as /dev/zero would fill the memory before it were found to be no result file. Pipes are fine.
+bool is_device(const std::string& path) {
+  struct stat status {};
+  return path != "-" && stat(path.c_str(), &status) == 0 && (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode));
+}
+
 // Every file is tried, so that all complaints come at once.
 bool read_files(const command_options& options, std::vector<result_file>& files) {
   bool good = true;
   for (const std::string& path : options.files) {
-    read_outcome outcome = read_result(path);
+    read_outcome outcome;
+    if (is_device(path)) {
+      outcome.error = path + ": it is a device, not a result file";
+    } else {
+      outcome = read_result(path);
+    }
     good = good && outcome.ok;
     if (!outcome.ok) say(outcome.error);
     files.push_back(std::move(outcome.result));
