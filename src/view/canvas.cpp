@@ -64,6 +64,10 @@ void svg_writer::text(std::string_view tag, attributes list, std::string_view co
   out_ += ">\n";
 }
 
+std::string_view anchor_name(text_anchor align) {
+  return align == text_anchor::start ? "start" : align == text_anchor::end ? "end" : "middle";
+}
+
 svg_writer svg_writer::nested() const {
   svg_writer inner;
   inner.open_ = open_;

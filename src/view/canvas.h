@@ -88,9 +88,11 @@ struct placed_label {
 // Finds places for the labels of a set and takes them; the lines that are drawn by default come first. `wanted` says
 // which of the two kinds is placed: first all default ones, later, behind the regions' names, the others.
 std::vector<placed_label> place_roof_labels(picture_state& state, const shown_set& set, bool wanted_default);
+// The lines of the set that are drawn by default go into the space: labels avoid to cross them.
+void reserve_roofs(picture_state& state, const shown_set& set);
 void draw_roof_set(picture_state& state, const shown_set& set, const std::vector<placed_label>& labels);
 
-// The markers' discs go into the space before any text finds its place.
+// The markers' discs and the lines between them go into the space before any text finds its place.
 void reserve_points(picture_state& state);
 // Draws the regions, and in a baseline the moves. Names that find no place are left to tooltips and the table.
 void draw_regions(picture_state& state);
@@ -99,5 +101,6 @@ void draw_moves(picture_state& state);
 // Path of a level's shape around 0,0 with the area of a circle of that radius.
 std::string marker_path(memory_level level, double radius);
 std::string_view level_class(memory_level level);
+std::string_view anchor_name(text_anchor align);  // SVG's word
 
 }  // namespace ceilmeter::view

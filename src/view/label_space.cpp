@@ -9,7 +9,6 @@ namespace ceilmeter::view {
 
 namespace {
 
-constexpr double margin = 2;
 constexpr double frame_margin = 3;
 
 // Advance widths of the characters from blank to tilde in thousandths of the font size, and for all others a bound of
@@ -61,6 +60,15 @@ bool parted_by(const turned_box& box, const std::array<position, 4>& a, const st
   });
 }
 
+// A segment is a box without height.
+turned_box box_of_line(position from, position to) {
+  turned_box box;
+  box.center = {(from.x + to.x) / 2, (from.y + to.y) / 2};
+  box.half_width = std::hypot(to.x - from.x, to.y - from.y) / 2;
+  box.angle = std::atan2(to.y - from.y, to.x - from.x);
+  return box;
+}
+
 }  // namespace
 
 double text_width(std::string_view text, double font_size) {
@@ -98,8 +106,8 @@ turned_box box_of_text(std::string_view text, double font_size, position baselin
   const double up = (font_ascent - font_descent) / 2 * font_size;
   turned_box box;
   box.angle = angle;
-  box.half_width = width / 2 + margin;
-  box.half_height = (font_ascent + font_descent) / 2 * font_size + margin;
+  box.half_width = width / 2 + label_margin;
+  box.half_height = (font_ascent + font_descent) / 2 * font_size + label_margin;
   box.center = {baseline.x + along * std::cos(angle) + up * std::sin(angle),
                 baseline.y + along * std::sin(angle) - up * std::cos(angle)};
   return box;
@@ -114,6 +122,12 @@ bool label_space::is_free(const turned_box& box) const {
   }
   return std::none_of(boxes_.begin(), boxes_.end(), [&box](const turned_box& other) { return overlap(box, other); }) &&
          std::none_of(points_.begin(), points_.end(), [&box](const disc& point) { return overlap(box, point); });
+}
+
+std::size_t label_space::crossings(const turned_box& box) const {
+  return static_cast<std::size_t>(std::count_if(lines_.begin(), lines_.end(), [&box](const auto& line) {
+    return overlap(box, box_of_line(line.first, line.second));
+  }));
 }
 
 }  // namespace ceilmeter::view

@@ -2,7 +2,9 @@
 // table of a wide sans font, since no font is at hand when the picture is written; other fonts of its kind are narrower.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace ceilmeter::view {
@@ -13,6 +15,9 @@ double text_width(std::string_view text, double font_size);
 // Ascent and descent of the font, as parts of its size.
 inline constexpr double font_ascent = 0.93;
 inline constexpr double font_descent = 0.24;
+
+// Room on each side of a text that belongs to its box.
+inline constexpr double label_margin = 2;
 
 struct position {
   double x = 0;
@@ -48,9 +53,13 @@ class label_space {
 
   void add_point(const disc& point) { points_.push_back(point); }
   void add_box(const turned_box& box) { boxes_.push_back(box); }
+  void add_line(position from, position to) { lines_.push_back({from, to}); }
 
   // Whether the box lies within the rectangle and touches nothing that was added.
   bool is_free(const turned_box& box) const;
+
+  // Lines may be crossed, but a place where none is reads better.
+  std::size_t crossings(const turned_box& box) const;
 
  private:
   double left_;
@@ -59,6 +68,7 @@ class label_space {
   double bottom_;
   std::vector<disc> points_;
   std::vector<turned_box> boxes_;
+  std::vector<std::pair<position, position>> lines_;
 };
 
 }  // namespace ceilmeter::view

@@ -246,6 +246,9 @@ void draw_roofs_and_regions(picture_state& state) {
   reserve_points(state);
   const std::vector<shown_set> sets = sets_to_show(model, state.options);
   std::vector<std::vector<placed_label>> labels(sets.size());
+  for (const shown_set& set : sets) {
+    if (!set.hidden) reserve_roofs(state, set);
+  }
   for (std::size_t at = 0; at < sets.size(); ++at) {
     if (!sets[at].hidden) labels[at] = place_roof_labels(state, sets[at], true);
   }

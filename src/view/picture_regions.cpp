@@ -122,8 +122,8 @@ bool draw_beside(picture_state& state, std::string_view css_class, const std::st
     text_anchor align;
   };
   const double middle = size * 0.35;
-  const double low = distance + size * 0.95;
-  const double high = -distance - size * 0.3;
+  const double low = distance + size * font_ascent + label_margin;
+  const double high = -distance - size * font_descent - label_margin;
   const std::array<place, 8> places = {{{distance + 4, middle, text_anchor::start},
                                         {-distance - 4, middle, text_anchor::end},
                                         {0, high, text_anchor::middle},
@@ -132,17 +132,23 @@ bool draw_beside(picture_state& state, std::string_view css_class, const std::st
                                         {-4, high, text_anchor::end},
                                         {4, low, text_anchor::start},
                                         {-4, low, text_anchor::end}}};
+  const place* best = nullptr;
+  std::size_t fewest = 0;
   for (const place& one : places) {
     const turned_box box = box_of_text(text, size, {at.x + one.dx, at.y + one.dy}, one.align, 0);
     if (!state.space.is_free(box)) continue;
-    state.space.add_box(box);
-    const char* align = one.align == text_anchor::start ? "start" : one.align == text_anchor::end ? "end" : "middle";
-    state.svg.text("text", {{"class", std::string(css_class)}, {"x", units(at.x + one.dx)}, {"y", units(at.y + one.dy)},
-                            {"text-anchor", align}, {"data-x", lg_text(lg.x)}, {"data-y", lg_text(lg.y)},
-                            {"data-dx", units(one.dx)}, {"data-dy", units(one.dy)}}, text);
-    return true;
+    const std::size_t crossed = state.space.crossings(box);
+    if (best != nullptr && crossed >= fewest) continue;
+    best = &one;
+    fewest = crossed;
   }
-  return false;
+  if (best == nullptr) return false;
+  const position baseline = {at.x + best->dx, at.y + best->dy};
+  state.space.add_box(box_of_text(text, size, baseline, best->align, 0));
+  state.svg.text("text", {{"class", std::string(css_class)}, {"x", units(baseline.x)}, {"y", units(baseline.y)},
+                          {"text-anchor", std::string(anchor_name(best->align))}, {"data-x", lg_text(lg.x)},
+                          {"data-y", lg_text(lg.y)}, {"data-dx", units(best->dx)}, {"data-dy", units(best->dy)}}, text);
+  return true;
 }
 
 void draw_point(picture_state& state, const shown_point& point, double radius, bool hollow) {
@@ -286,10 +292,14 @@ std::string move_path(position from, position to) {
 
 void reserve_points(picture_state& state) {
   for (const shown_region& region : regions_to_show(state.model)) {
-    for (const shown_point& point : points_of(state.area, *region.figures)) {
+    const std::vector<shown_point> points = points_of(state.area, *region.figures);
+    for (const shown_point& point : points) {
       const double radius = point.edge.empty() ? reach_of(point.level, region.radius) : edge_inset;
       state.space.add_point({point.at, radius + point_margin});
+      state.space.add_line(points.front().at, point.at);
     }
+    const double y = state.area.y(std::log10(*region.figures->performance));
+    if (points.empty()) state.space.add_line({state.area.left, y}, {state.area.right, y});
   }
 }
 

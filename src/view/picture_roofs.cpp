@@ -99,15 +99,22 @@ std::string label_of(const picture_state& state, const shown_set& set, const roo
   return label + " (" + shorten(state.model.files[set.file].file.label, 20) + ")";
 }
 
-// Tries places along the roof, the wanted end first, above and then below it.
+// Tries places along the roof, the wanted end first, above and then below it. The first that crosses the fewest lines
+// wins; one whose text goes on beyond the roof's end is taken only if there is no other.
 std::optional<placed_label> find_place(const picture_state& state, const roof_line& line, const roof_ends& visible,
                                        const std::string& text) {
   constexpr int steps = 64;
   constexpr double above = -5;
   constexpr double below = 14;
+  constexpr std::size_t overhang_cost = 1000;
   const plot_area& area = state.area;
   const double slope = line.is_compute ? 0 : -std::atan2(area.y_unit(), area.x_unit());
   const text_anchor align = line.is_compute ? text_anchor::end : text_anchor::start;
+  const double whole = std::hypot((visible.to.x - visible.from.x) * area.x_unit(),
+                                  (visible.to.y - visible.from.y) * area.y_unit());
+  const double longest_part = 1 - text_width(text, label_size) / whole;
+  std::optional<placed_label> best;
+  std::size_t fewest = 0;
   for (const double offset : {above, below}) {
     for (int step = 0; step <= steps; ++step) {
       const double part = line.is_compute ? 1.0 - static_cast<double>(step) / steps : static_cast<double>(step) / steps;
@@ -116,14 +123,15 @@ std::optional<placed_label> find_place(const picture_state& state, const roof_li
       const position baseline = {anchor.x - offset * std::sin(slope), anchor.y + offset * std::cos(slope)};
       const turned_box box = box_of_text(text, label_size, baseline, align, slope);
       if (!state.space.is_free(box)) continue;
-      return placed_label{0, text, anchor, baseline, slope * 180 / M_PI, offset, align};
+      const bool overhangs = static_cast<double>(step) / steps > longest_part;
+      const std::size_t crossed = state.space.crossings(box) + (overhangs ? overhang_cost : 0);
+      if (best && crossed >= fewest) continue;
+      best = placed_label{0, text, anchor, baseline, slope * 180 / M_PI, offset, align};
+      fewest = crossed;
+      if (fewest == 0) return best;
     }
   }
-  return std::nullopt;
-}
-
-std::string_view anchor_name(text_anchor align) {
-  return align == text_anchor::start ? "start" : align == text_anchor::end ? "end" : "middle";
+  return best;
 }
 
 void draw_label(picture_state& state, const placed_label& label) {
@@ -171,6 +179,16 @@ std::vector<shown_set> sets_to_show(const view_model& model, const picture_optio
     return key(a) < key(b);
   });
   return shown;
+}
+
+void reserve_roofs(picture_state& state, const shown_set& set) {
+  const plot_area& area = state.area;
+  for (const std::size_t at : set.lines) {
+    const roof_line& line = lines_of(state.model, set).lines[at];
+    const auto visible = clipped(area.axes, ends_of(state, set, line));
+    if (!line.drawn || !visible) continue;
+    state.space.add_line({area.x(visible->from.x), area.y(visible->from.y)}, {area.x(visible->to.x), area.y(visible->to.y)});
+  }
 }
 
 std::vector<placed_label> place_roof_labels(picture_state& state, const shown_set& set, bool wanted_default) {

@@ -15,6 +15,10 @@ bool any_metric(const region& source) {
   return source.time || std::any_of(source.bytes.begin(), source.bytes.end(), [](const count& one) { return one.has_value(); });
 }
 
+std::string file_name(const std::string& path) {
+  return path == "-" || path.empty() ? "FILE" : clean_utf8(path.substr(path.rfind('/') + 1));
+}
+
 bool any_bytes(const region_figures& figures) {
   return std::any_of(figures.bytes.begin(), figures.bytes.end(), [](const count& one) { return one.value_or(0) > 0; });
 }
@@ -55,6 +59,24 @@ void explain_levels(region_figures& figures) {
                              "exist. Limit among the counted levels: " + levels_where(figures, true) + "."});
 }
 
+void explain_above(region_figures& figures) {
+  std::string roofs;
+  bool memory = false;
+  bool compute = false;
+  for (const bound& one : figures.bounds) {
+    if (!one.share || *one.share <= above_roof_share) continue;
+    roofs += (roofs.empty() ? "" : ", ") + number(100 * *one.share, 3) + " % of " + one.roof + " (" + number(one.value) +
+             (one.is_compute ? " GFLOPS)" : " GB/s)");
+    (one.is_compute ? compute : memory) = true;
+  }
+  if (roofs.empty()) return;
+  std::string text = "Above its roof: it reaches " + roofs + ". Either the roof was measured low (another load, a lower "
+                     "clock, threads on another node)";
+  if (memory) text += ", or the counter counts more than the bytes that moved";
+  if (compute) text += ", or the operations are of a shorter or wider type than the class that was taken for them";
+  figures.remarks.push_back({remark_kind::above_roof, text + "."});
+}
+
 void explain_roofs(const result_file& file, const region& source, region_figures& figures) {
   if (!figures.roof_threads) {
     if (!file.roofs.empty() && figures.threads) {
@@ -70,16 +92,8 @@ void explain_roofs(const result_file& file, const region& source, region_figures
         counted(static_cast<std::uint64_t>(*figures.threads), "thread") +
         " were not measured: it is held against those of " + counted(*figures.roof_threads, "thread") + "."});
   }
+  explain_above(figures);
   const roof_set* roofs = roofs_for(file, source.threads);
-  for (const bound& one : figures.bounds) {
-    if (!one.share || *one.share <= above_roof_share) continue;
-    figures.remarks.push_back({remark_kind::above_roof, "Above its roof: it reaches " + number(100 * *one.share, 3) +
-        " % of " + one.roof + " (" + number(one.value) + (one.is_compute ? " GFLOPS" : " GB/s") +
-        (one.is_compute ? "). The roof was measured low (another load, a lower clock), or the operations are of a wider or "
-                          "shorter type than the class that was taken for them."
-                        : "). The roof was measured low (another load, a lower clock, threads on another node), or the "
-                          "counter counts more than the bytes that moved.")});
-  }
   for (std::size_t level = 0; level < level_count; ++level) {
     if (figures.bytes[level].value_or(0) <= 0 || find_roof(*roofs, level_names[level]) != nullptr) continue;
     figures.remarks.push_back({remark_kind::roof_not_measured, std::string("The ") + level_names[level] +
@@ -114,8 +128,8 @@ void explain_file(file_view& view, const view_options& options) {
   const auto add_remark = [&view](remark_kind kind, std::string text) { view.remarks.push_back({kind, std::move(text)}); };
   if (view.file.regions.empty()) add_remark(remark_kind::other, "No regions in this file: the roofs alone are shown.");
   if (view.file.roofs.empty()) {
-    add_remark(remark_kind::no_roofs, "No roofs in this file. A run of the benchmarks phase adds them: "
-                                      "ceilmeter --collect=benchmarks with the same output file and application.");
+    add_remark(remark_kind::no_roofs, "No roofs in this file. This adds them, on the machine of the run: "
+                                      "ceilmeter --phase=benchmarks -o " + file_name(view.file.path));
   } else if (options.threads && view.roofs[*view.drawn_roofs].threads != *options.threads) {
     add_remark(remark_kind::no_roofs, "Roofs of " + counted(*options.threads, "thread") +
         " are not in this file: those of " + counted(view.roofs[*view.drawn_roofs].threads, "thread") + " are shown.");
