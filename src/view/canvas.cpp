@@ -95,7 +95,8 @@ std::string marker_path(memory_level level, double radius) {
       // Equilateral, its centre of gravity at 0,0.
       const double side = radius * std::sqrt(4 * M_PI / std::sqrt(3.0));
       const double height = side * std::sqrt(3.0) / 2;
-      return point('M', 0, -height * 2 / 3) + point('L', side / 2, height / 3) + point('L', -side / 2, height / 3) + "Z";
+      return point('M', 0, -height * 2 / 3) + point('L', side / 2, height / 3) + point('L', -side / 2, height / 3) +
+             "Z";
     }
     case memory_level::ddr: break;
   }

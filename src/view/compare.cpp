@@ -29,8 +29,9 @@ void compare_work(const region_figures& before, const region_figures& after, reg
   const auto old_work = static_cast<double>(*before.operations);
   const auto new_work = static_cast<double>(*after.operations);
   if (std::abs(new_work - old_work) <= work_difference * old_work) return;
-  pair.remarks.push_back({remark_kind::other, "The work changed: " + number(*before.operations) + " operations before, " +
-                                                  number(*after.operations) + " after. Times do not compare."});
+  pair.remarks.push_back({remark_kind::other, "The work changed: " + number(*before.operations) +
+                                                  " operations before, " + number(*after.operations) +
+                                                  " after. Times do not compare."});
 }
 
 region_pair pair_of(const region_figures& before, const region_figures& after) {
@@ -93,9 +94,10 @@ baseline_view compare_baseline(const file_view& before, const file_view& after) 
   }
   result.roofs = compare_roofs(before.file, after.file);
   if (!result.roofs.empty()) {
-    result.remarks.push_back({remark_kind::other,
-        counted(result.roofs.size(), "roof") + " differ by more than 3 %: both are drawn. The machine, its clock or its "
-        "load was another, and the shares of the roofs do not compare."});
+    result.remarks.push_back(
+        {remark_kind::other, counted(result.roofs.size(), "roof") +
+                                 " differ by more than 3 %: both are drawn. The machine, its clock or its "
+                                 "load was another, and the shares of the roofs do not compare."});
   }
   return result;
 }

@@ -127,7 +127,9 @@ count multiply(const count& a, const count& b) {
   return product;
 }
 
-std::int64_t width_class(std::int64_t elements) { return elements >= 8 ? 8 : elements >= 4 ? 4 : elements >= 2 ? 2 : 1; }
+std::int64_t width_class(std::int64_t elements) {
+  return elements >= 8 ? 8 : elements >= 4 ? 4 : elements >= 2 ? 2 : 1;
+}
 
 std::int64_t main_width(const std::vector<block>& blocks) {
   std::int64_t widest = 0;

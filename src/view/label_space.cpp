@@ -14,10 +14,11 @@ constexpr double frame_margin = 3;
 // Advance widths of the characters from blank to tilde in thousandths of the font size, and for all others a bound of
 // Latin, Greek and Cyrillic letters, and of ideographs and symbols.
 constexpr std::array<std::uint16_t, 95> advance = {
-    318, 401, 460, 838, 636, 950, 780, 275, 390, 390, 500,  838, 318, 361, 318, 337, 636, 636, 636, 636, 636, 636, 636, 636,
-    636, 636, 337, 337, 838, 838, 838, 531, 1000, 684, 686, 698, 770, 632, 575, 775, 752, 295, 295, 656, 557, 863, 748, 787,
-    603, 787, 695, 635, 611, 732, 684, 989, 685, 611, 685, 390, 337, 390, 838, 500, 500, 613, 635, 550, 635, 615, 352, 635,
-    634, 278, 278, 579, 278, 974, 634, 612, 635, 635, 411, 521, 392, 634, 592, 818, 592, 592, 525, 636, 337, 636, 838};
+    318, 401, 460, 838, 636, 950, 780, 275, 390, 390, 500, 838, 318, 361,  318, 337, 636, 636, 636,
+    636, 636, 636, 636, 636, 636, 636, 337, 337, 838, 838, 838, 531, 1000, 684, 686, 698, 770, 632,
+    575, 775, 752, 295, 295, 656, 557, 863, 748, 787, 603, 787, 695, 635,  611, 732, 684, 989, 685,
+    611, 685, 390, 337, 390, 838, 500, 500, 613, 635, 550, 635, 615, 352,  635, 634, 278, 278, 579,
+    278, 974, 634, 612, 635, 635, 411, 521, 392, 634, 592, 818, 592, 592,  525, 636, 337, 636, 838};
 constexpr double letter_advance = 1000;
 constexpr double wide_advance = 1450;
 
@@ -125,9 +126,14 @@ bool label_space::is_free(const turned_box& box) const {
 }
 
 std::size_t label_space::crossings(const turned_box& box) const {
-  return static_cast<std::size_t>(std::count_if(lines_.begin(), lines_.end(), [&box](const auto& line) {
-    return overlap(box, box_of_line(line.first, line.second));
-  }));
+  // A line along the text strikes it through, one across it does little harm.
+  constexpr double parallel = 0.02;
+  std::size_t cost = 0;
+  for (const auto& [from, to] : lines_) {
+    const turned_box line = box_of_line(from, to);
+    if (overlap(box, line)) cost += std::abs(std::sin(line.angle - box.angle)) < parallel ? struck_cost : 1;
+  }
+  return cost;
 }
 
 }  // namespace ceilmeter::view

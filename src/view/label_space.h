@@ -1,5 +1,6 @@
-// Where texts may stand in the picture: none over another one, over a point, or over the frame. Widths come from a fixed
-// table of a wide sans font, since no font is at hand when the picture is written; other fonts of its kind are narrower.
+// Where texts may stand in the picture: none over another one, over a point, or over the frame. Widths come from a
+// fixed table of a wide sans font, since no font is at hand when the picture is written; other fonts of its kind are
+// narrower.
 #pragma once
 
 #include <cstddef>
@@ -45,6 +46,9 @@ enum class text_anchor : char { start, middle, end };
 // The box of a text whose anchor stands at `baseline`, with a margin on each side.
 turned_box box_of_text(std::string_view text, double font_size, position baseline, text_anchor anchor, double angle);
 
+// What a line along a text costs, where one across costs 1.
+inline constexpr std::size_t struck_cost = 4;
+
 // What is taken of a rectangle.
 class label_space {
  public:
@@ -58,7 +62,7 @@ class label_space {
   // Whether the box lies within the rectangle and touches nothing that was added.
   bool is_free(const turned_box& box) const;
 
-  // Lines may be crossed, but a place where none is reads better.
+  // Lines may be crossed, but a place where none is reads better: the sum of the lines' costs.
   std::size_t crossings(const turned_box& box) const;
 
  private:

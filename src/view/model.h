@@ -64,7 +64,7 @@ struct result_file {
   count threads;
   std::vector<region> regions;    // in the order of the file; names can repeat
   std::vector<roof> root_roofs;   // the root's `roofs`
-  std::vector<roof_set> roofs;    // `roofs_by_num_threads`, by rising count; without that key, `root_roofs` of `threads`
+  std::vector<roof_set> roofs;  // `roofs_by_num_threads`, by rising count; without that key, `root_roofs` of `threads`
   std::vector<std::string> modules;
   std::vector<std::string> notes; // What was odd in the file and how it was taken, one sentence each.
 };

@@ -5,9 +5,10 @@
 // and print. All positions in data-* attributes are decimal logarithms of the figure (flop/byte, GFLOP/s), written with
 // a dot whatever the locale is; the page's scales are linear in them.
 //
-//   <svg id="roofline" class="roofline" role="group" viewBox="0 0 1120 700" aria-labelledby="roofline-title roofline-desc"
+//   <svg id="roofline" class="roofline" role="group" viewBox="0 0 1120 716"
+//        aria-labelledby="roofline-title roofline-desc"
 //        data-x0="-2" data-x1="2" data-y0="-1" data-y1="3"          decades of the frame, whole numbers
-//        data-left="72" data-right="1096" data-top="28" data-bottom="640"    the plot's rectangle in viewBox units
+//        data-left="72" data-right="1096" data-top="44" data-bottom="640"    the plot's rectangle in viewBox units
 //        data-level="all|l1|l2|l3|ddr" data-threads="4" data-mode="single|overlay|baseline|ranks">
 //     <title id="roofline-title">..</title><desc id="roofline-desc">..</desc>
 //     <style>picture_style()</style>                       only with picture_options::standalone (--svg)
@@ -60,9 +61,9 @@
 // State that the page's script sets, and that picture_style() obeys:
 //   svg[data-level=l1]       hides markers of the other levels        .region.selected  the chosen region
 //   svg.has-selection        dims regions that are not .selected      .region.filtered  hidden by the table's filter
-//   [hidden]                 display: none                            :root[data-theme=dark|light]  overrides the system
+//   [hidden]                 display: none                            :root[data-theme=dark|light]  not as the system
 //
-// The page (v2's side):
+// The page around it:
 //   <script type="application/json" id="ceilview-data">..</script>  64-bit figures are strings of decimal digits
 //   <main>: <figure id="picture"><svg/></figure>, <section id="regions">, <section id="roofs">, <section id="blocks">,
 //   <section id="missing">, <section id="remarks">, <section id="comparison">, <section id="ranks">

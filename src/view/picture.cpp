@@ -57,8 +57,10 @@ void draw_tick(picture_state& state, bool is_x, int decade) {
     state.svg.text("text", {{"x", x}, {"y", units(area.bottom + 18)}, {"text-anchor", "middle"}}, decade_text(decade));
   } else {
     const double y = area.y(decade);
-    state.svg.leaf("line", {{"x1", units(area.left - 5)}, {"y1", units(y)}, {"x2", units(area.left)}, {"y2", units(y)}});
-    state.svg.text("text", {{"x", units(area.left - 8)}, {"y", units(y + 4)}, {"text-anchor", "end"}}, decade_text(decade));
+    state.svg.leaf("line",
+                   {{"x1", units(area.left - 5)}, {"y1", units(y)}, {"x2", units(area.left)}, {"y2", units(y)}});
+    state.svg.text("text", {{"x", units(area.left - 8)}, {"y", units(y + 4)}, {"text-anchor", "end"}},
+                   decade_text(decade));
   }
   state.svg.close();
 }
@@ -97,11 +99,14 @@ void draw_legend(picture_state& state) {
   };
   const auto show = [&](memory_level level, std::string_view more, const std::string& text) {
     svg.leaf("path", {{"class", "marker " + std::string(level_class(level)) + std::string(more)},
-                      {"transform", "translate(" + units(x + 6) + " " + units(y - 4) + ")"}, {"d", marker_path(level, 6)}});
+                      {"transform", "translate(" + units(x + 6) + " " + units(y - 4) + ")"},
+                      {"d", marker_path(level, 6)}});
     x += 18;
     say(text);
   };
-  for (std::size_t level = 0; level < level_count; ++level) show(static_cast<memory_level>(level), "", level_names[level]);
+  for (std::size_t level = 0; level < level_count; ++level) {
+    show(static_cast<memory_level>(level), "", level_names[level]);
+  }
   if (state.model.options.mode == view_mode::baseline) {
     show(memory_level::ddr, " hollow", "before");
     show(memory_level::ddr, "", "after");
@@ -134,7 +139,8 @@ struct note_line {
 };
 
 bool is_warning(remark_kind kind) {
-  return kind == remark_kind::above_roof || kind == remark_kind::ddr_roof_near_l3 || kind == remark_kind::l2_roof_near_l1;
+  return kind == remark_kind::above_roof || kind == remark_kind::ddr_roof_near_l3 ||
+         kind == remark_kind::l2_roof_near_l1;
 }
 
 // What a reader of the picture alone has to know: why something is missing, and what is suspicious.
@@ -176,7 +182,8 @@ void draw_notes(picture_state& state, const std::vector<note_line>& notes) {
   state.svg.open("g", {{"class", "notes"}});
   double y = height + 2;
   for (const note_line& note : notes) {
-    state.svg.text("text", {{"class", note.warn ? "note warn" : "note"}, {"x", units(state.area.left)}, {"y", units(y)}},
+    state.svg.text("text",
+                   {{"class", note.warn ? "note warn" : "note"}, {"x", units(state.area.left)}, {"y", units(y)}},
                    note.text);
     y += line_height;
   }
@@ -206,9 +213,11 @@ void open_picture(picture_state& state, double full_height) {
                          {"data-level", model.options.level ? std::string(level_class(*model.options.level)) : "all"},
                          {"data-threads", threads}, {"data-mode", std::string(mode_name(model.options.mode))}});
   state.svg.text("title", {{"id", "roofline-title"}}, "Roofline of " + model.title);
-  state.svg.text("desc", {{"id", "roofline-desc"}},
-                 "Both axes are logarithmic: arithmetic intensity in flop/byte, performance in GFLOP/s. Sloped lines are "
-                 "bandwidths, level ones arithmetic: " + roofs_text(model) + ".");
+  state.svg.text(
+      "desc", {{"id", "roofline-desc"}},
+      "Both axes are logarithmic: arithmetic intensity in flop/byte, performance in GFLOP/s. Sloped lines are "
+      "bandwidths, level ones arithmetic: " +
+          roofs_text(model) + ".");
   if (standalone) {
     state.svg.raw("<style>\n");
     state.svg.raw(picture_style());
@@ -260,9 +269,13 @@ void draw_roofs_and_regions(picture_state& state) {
   state.svg = std::move(before);
   state.svg.open("g", {{"class", "roof-sets"}});
   for (std::size_t at = 0; at < sets.size(); ++at) {
-    if (sets[at].hidden) continue;
-    append(labels[at], place_roof_labels(state, sets[at], false));
-    draw_roof_set(state, sets[at], labels[at]);
+    if (!sets[at].hidden) append(labels[at], place_roof_labels(state, sets[at], false));
+  }
+  // The old ones are painted first, so that none of their lines goes over a label of the others.
+  for (const bool old : {true, false}) {
+    for (std::size_t at = 0; at < sets.size(); ++at) {
+      if (!sets[at].hidden && sets[at].old == old) draw_roof_set(state, sets[at], labels[at]);
+    }
   }
   // Hidden sets of two thread counts are never seen together: each count finds the space as the visible ones left it.
   const label_space shared = state.space;

@@ -97,7 +97,8 @@ std::string summary_of(const region_figures& figures) {
   std::string intensities;
   for (std::size_t level = 0; level < level_count; ++level) {
     if (!figures.intensity[level]) continue;
-    intensities += std::string(intensities.empty() ? "" : ", ") + level_names[level] + " " + number(*figures.intensity[level], 3);
+    intensities +=
+        std::string(intensities.empty() ? "" : ", ") + level_names[level] + " " + number(*figures.intensity[level], 3);
   }
   text += intensities.empty() ? "; bytes were not counted" : "; flop/byte: " + intensities;
   if (figures.limit) text += "; limited by " + figures.limit->roof;
@@ -257,13 +258,16 @@ void draw_region(picture_state& state, const shown_region& region, bool with_nam
       return a.lg_x < b.lg_x;
     });
     draw_line(state, first->lg_x, last->lg_x, lg_y);
-    for (const shown_point& point : points) draw_point(state, point, region.radius, is_hollow(state.model, region.file));
+    for (const shown_point& point : points) {
+      draw_point(state, point, region.radius, is_hollow(state.model, region.file));
+    }
     if (!name.empty()) draw_name(state, name, region, points);
   }
   state.svg.close();
 }
 
-std::optional<memory_level> level_of_move(const view_model& model, const region_figures& before, const region_figures& after) {
+std::optional<memory_level> level_of_move(const view_model& model, const region_figures& before,
+                                          const region_figures& after) {
   const auto both = [&](std::size_t level) { return before.intensity[level] && after.intensity[level]; };
   if (model.options.level) {
     const auto level = static_cast<std::size_t>(*model.options.level);
@@ -322,13 +326,19 @@ void draw_moves(picture_state& state) {
     const std::vector<shown_point> from = points_of(state.area, before);
     const std::vector<shown_point> to = points_of(state.area, after);
     for (const shown_point& start : from) {
-      const auto end = std::find_if(to.begin(), to.end(), [&](const shown_point& one) { return one.level == start.level; });
+      const auto end =
+          std::find_if(to.begin(), to.end(), [&](const shown_point& one) { return one.level == start.level; });
       if (end == to.end()) continue;
       const std::string level(level_class(start.level));
-      state.svg.leaf("path", {{"class", "move " + level}, {"data-level", level}, {"data-region", std::to_string(*pair.after)},
-                              {"data-x1", lg_text(start.lg_x)}, {"data-y1", lg_text(start.lg_y)},
-                              {"data-x2", lg_text(end->lg_x)}, {"data-y2", lg_text(end->lg_y)},
-                              {"d", move_path(start.at, end->at)}, {chosen == start.level ? "" : "hidden", ""}});
+      state.svg.leaf("path", {{"class", "move " + level},
+                              {"data-level", level},
+                              {"data-region", std::to_string(*pair.after)},
+                              {"data-x1", lg_text(start.lg_x)},
+                              {"data-y1", lg_text(start.lg_y)},
+                              {"data-x2", lg_text(end->lg_x)},
+                              {"data-y2", lg_text(end->lg_y)},
+                              {"d", move_path(start.at, end->at)},
+                              {chosen == start.level ? "" : "hidden", ""}});
     }
   }
   state.svg.close();

@@ -21,7 +21,9 @@ struct roof_ends {
 
 std::size_t reference_file(const view_model& model) { return model.options.mode == view_mode::baseline ? 1 : 0; }
 
-const roof_lines& lines_of(const view_model& model, const shown_set& set) { return model.files[set.file].roofs[set.set]; }
+const roof_lines& lines_of(const view_model& model, const shown_set& set) {
+  return model.files[set.file].roofs[set.set];
+}
 
 // Of a file that is compared with the reference: the lines that differ from the reference's, or all of them where it
 // has none of that count.
@@ -100,9 +102,10 @@ std::string label_of(const picture_state& state, const shown_set& set, const roo
 }
 
 // Tries places along the roof, the wanted end first, above and then below it. The first that crosses the fewest lines
-// wins; one whose text goes on beyond the roof's end is taken only if there is no other.
+// wins; one whose text goes on beyond the roof's end is taken only if there is no other, and for the many roofs of a
+// file that is compared with neither such a place nor one with a line along the text.
 std::optional<placed_label> find_place(const picture_state& state, const roof_line& line, const roof_ends& visible,
-                                       const std::string& text) {
+                                       const std::string& text, bool old) {
   constexpr int steps = 64;
   constexpr double above = -5;
   constexpr double below = 14;
@@ -125,7 +128,7 @@ std::optional<placed_label> find_place(const picture_state& state, const roof_li
       if (!state.space.is_free(box)) continue;
       const bool overhangs = static_cast<double>(step) / steps > longest_part;
       const std::size_t crossed = state.space.crossings(box) + (overhangs ? overhang_cost : 0);
-      if (best && crossed >= fewest) continue;
+      if ((old && crossed >= struck_cost) || (best && crossed >= fewest)) continue;
       best = placed_label{0, text, anchor, baseline, slope * 180 / M_PI, offset, align};
       fewest = crossed;
       if (fewest == 0) return best;
@@ -187,7 +190,8 @@ void reserve_roofs(picture_state& state, const shown_set& set) {
     const roof_line& line = lines_of(state.model, set).lines[at];
     const auto visible = clipped(area.axes, ends_of(state, set, line));
     if (!line.drawn || !visible) continue;
-    state.space.add_line({area.x(visible->from.x), area.y(visible->from.y)}, {area.x(visible->to.x), area.y(visible->to.y)});
+    state.space.add_line({area.x(visible->from.x), area.y(visible->from.y)},
+                         {area.x(visible->to.x), area.y(visible->to.y)});
   }
 }
 
@@ -199,7 +203,7 @@ std::vector<placed_label> place_roof_labels(picture_state& state, const shown_se
     if (line.drawn != wanted_default) continue;
     const auto visible = clipped(state.area.axes, ends_of(state, set, line));
     if (!visible) continue;
-    auto label = find_place(state, line, *visible, label_of(state, set, line));
+    auto label = find_place(state, line, *visible, label_of(state, set, line), set.old);
     if (!label) continue;
     label->line = at;
     state.space.add_box(box_of_text(label->text, label_size, label->baseline, label->align, label->angle * M_PI / 180));
@@ -218,11 +222,15 @@ void draw_roof_set(picture_state& state, const shown_set& set, const std::vector
     const roof_line& line = roofs.lines[set.lines[at]];
     const roof_ends ends = ends_of(state, set, line);
     const auto visible = clipped(state.area.axes, ends);
-    svg.open("g", {{"class", roof_class(set, line)}, {"id", prefix + std::to_string(set.lines[at])},
-                   {"data-roof", line.name}, {"data-kind", line.is_compute ? "compute" : "memory"},
+    svg.open("g", {{"class", roof_class(set, line)},
+                   {"id", prefix + std::to_string(set.lines[at])},
+                   {"data-roof", line.name},
+                   {"data-kind", line.is_compute ? "compute" : "memory"},
                    {line.level ? "data-level" : "", line.level ? std::string(level_class(*line.level)) : ""},
-                   {"data-default", line.drawn ? "1" : "0"}, {"data-value", lg_text(std::log10(line.value))},
-                   {"data-unit", line.unit}, {"data-text", label_of(state, set, line)},
+                   {"data-default", line.drawn ? "1" : "0"},
+                   {"data-value", lg_text(std::log10(line.value))},
+                   {"data-unit", line.unit},
+                   {"data-text", label_of(state, set, line)},
                    {line.drawn ? "" : "hidden", ""}});
     // A roof outside of the frame keeps an empty line that the page can move.
     const position from = visible ? visible->from : ends.to;
@@ -232,7 +240,8 @@ void draw_roof_set(picture_state& state, const shown_set& set, const std::vector
                       {"y2", units(state.area.y(to.y))}, {"data-x1", lg_text(ends.from.x)},
                       {"data-y1", lg_text(ends.from.y)}, {"data-x2", lg_text(ends.to.x)},
                       {"data-y2", lg_text(ends.to.y)}});
-    const auto label = std::find_if(labels.begin(), labels.end(), [at](const placed_label& one) { return one.line == at; });
+    const auto label =
+        std::find_if(labels.begin(), labels.end(), [at](const placed_label& one) { return one.line == at; });
     if (label != labels.end()) draw_label(state, *label);
     svg.close();
   }

@@ -1,5 +1,5 @@
-// The colours keep apart for the common colour-blindnesses, and shapes say the same as colours. Each has a contrast of at
-// least 4.5 to the paper, so that texts can have it too; picture_style_test computes it.
+// The colours keep apart for the common colour-blindnesses, and shapes say the same as colours. Each has a contrast of
+// at least 4.5 to the paper, so that texts can have it too; picture_style_test computes it.
 #include "view/page_parts.h"
 
 namespace ceilmeter::view {

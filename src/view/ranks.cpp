@@ -128,7 +128,9 @@ void compare_times(const std::vector<file_view>& ranks, rank_region& result) {
   result.slowest = std::move(order);
 }
 
-std::string of_ranks(std::size_t some, std::size_t all) { return number(static_cast<std::int64_t>(some)) + " of " + counted(all, "rank"); }
+std::string of_ranks(std::size_t some, std::size_t all) {
+  return number(static_cast<std::int64_t>(some)) + " of " + counted(all, "rank");
+}
 
 rank_region compare_region(const std::vector<file_view>& ranks, const joined_region& joined) {
   rank_region result;
@@ -180,12 +182,16 @@ ranks_view compare_ranks(const std::vector<file_view>& ranks) {
   ranks_view result;
   for (const file_view& rank : ranks) result.labels.push_back(rank.file.label);
   for (const joined_region& joined : join_regions(ranks)) result.regions.push_back(compare_region(ranks, joined));
-  const auto add_remark = [&result](std::string text) { result.remarks.push_back({remark_kind::other, std::move(text)}); };
+  const auto add_remark = [&result](std::string text) {
+    result.remarks.push_back({remark_kind::other, std::move(text)});
+  };
   add_remark("Operations and bytes are sums over the ranks; time is that of the longest rank.");
-  add_remark("Ranks of one node share its memory, and the files do not tell which ranks those are: against the DDR roof of "
-             "a whole node a single rank looks slow while its neighbours use the rest.");
+  add_remark(
+      "Ranks of one node share its memory, and the files do not tell which ranks those are: against the DDR roof of "
+      "a whole node a single rank looks slow while its neighbours use the rest.");
   if (!ranks.front().file.roofs.empty()) {
-    add_remark("The roofs are those that " + ranks.front().file.label + " measured. The sums are held against roofs only "
+    add_remark("The roofs are those that " + ranks.front().file.label +
+               " measured. The sums are held against roofs only "
                "where the file has them for as many threads as all ranks had together.");
   }
   return result;

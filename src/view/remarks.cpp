@@ -12,7 +12,8 @@ namespace {
 constexpr double above_roof_share = 1.05;
 
 bool any_metric(const region& source) {
-  return source.time || std::any_of(source.bytes.begin(), source.bytes.end(), [](const count& one) { return one.has_value(); });
+  return source.time ||
+         std::any_of(source.bytes.begin(), source.bytes.end(), [](const count& one) { return one.has_value(); });
 }
 
 std::string file_name(const std::string& path) {
@@ -55,8 +56,10 @@ void explain_levels(region_figures& figures) {
   const std::string absent = levels_where(figures, false);
   if (absent.empty()) return;
   figures.remarks.push_back({remark_kind::level_not_counted,
-                             absent + ": 0 bytes, which most often means that the counter could not be opened or does not "
-                             "exist. Limit among the counted levels: " + levels_where(figures, true) + "."});
+                             absent +
+                                 ": 0 bytes, which most often means that the counter could not be opened or does not "
+                                 "exist. Limit among the counted levels: " +
+                                 levels_where(figures, true) + "."});
 }
 
 void explain_above(region_figures& figures) {
@@ -65,12 +68,13 @@ void explain_above(region_figures& figures) {
   bool compute = false;
   for (const bound& one : figures.bounds) {
     if (!one.share || *one.share <= above_roof_share) continue;
-    roofs += (roofs.empty() ? "" : ", ") + number(100 * *one.share, 3) + " % of " + one.roof + " (" + number(one.value) +
-             (one.is_compute ? " GFLOPS)" : " GB/s)");
+    roofs += (roofs.empty() ? "" : ", ") + number(100 * *one.share, 3) + " % of " + one.roof + " (" +
+             number(one.value) + (one.is_compute ? " GFLOPS)" : " GB/s)");
     (one.is_compute ? compute : memory) = true;
   }
   if (roofs.empty()) return;
-  std::string text = "Above its roof: it reaches " + roofs + ". Either the roof was measured low (another load, a lower "
+  std::string text = "Above its roof: it reaches " + roofs +
+                     ". Either the roof was measured low (another load, a lower "
                      "clock, threads on another node)";
   if (memory) text += ", or the counter counts more than the bytes that moved";
   if (compute) text += ", or the operations are of a shorter or wider type than the class that was taken for them";
@@ -109,8 +113,9 @@ void explain_region(const result_file& file, const region& source, region_figure
   explain_roofs(file, source, figures);
   for (std::size_t level = 0; level < level_count; ++level) {
     if (source.bytes[level].value_or(0) >= 0) continue;
-    figures.remarks.push_back({remark_kind::other, std::string("The bytes of ") + level_names[level] +
-                                                       " are negative: the sum exceeds 64 bits. Taken as not counted."});
+    figures.remarks.push_back(
+        {remark_kind::other, std::string("The bytes of ") + level_names[level] +
+                                 " are negative: the sum exceeds 64 bits. Taken as not counted."});
   }
   if (figures.blocks_overflow) {
     figures.remarks.push_back({remark_kind::sum_differs, "The sum over its blocks exceeds 64 bits."});
@@ -119,13 +124,16 @@ void explain_region(const result_file& file, const region& source, region_figure
   count sum = 0;
   for (const width_work& one : figures.widths) sum = add(sum, one.operations);
   if (!source.blocks.empty() && source.flop && sum != source.flop) {
-    figures.remarks.push_back({remark_kind::sum_differs, "Its operations are " + number(*source.flop) +
-        ", the sum over its blocks is " + (sum ? number(*sum) : "beyond 64 bits") + ": blocks are missing or were changed."});
+    figures.remarks.push_back({remark_kind::sum_differs,
+                               "Its operations are " + number(*source.flop) + ", the sum over its blocks is " +
+                                   (sum ? number(*sum) : "beyond 64 bits") + ": blocks are missing or were changed."});
   }
 }
 
 void explain_file(file_view& view, const view_options& options) {
-  const auto add_remark = [&view](remark_kind kind, std::string text) { view.remarks.push_back({kind, std::move(text)}); };
+  const auto add_remark = [&view](remark_kind kind, std::string text) {
+    view.remarks.push_back({kind, std::move(text)});
+  };
   if (view.file.regions.empty()) add_remark(remark_kind::other, "No regions in this file: the roofs alone are shown.");
   if (view.file.roofs.empty()) {
     add_remark(remark_kind::no_roofs, "No roofs in this file. This adds them, on the machine of the run: "
@@ -136,10 +144,12 @@ void explain_file(file_view& view, const view_options& options) {
   }
   const auto without_counters = [](const region_figures& one) { return one.state == region_state::no_counters; };
   if (std::any_of(view.regions.begin(), view.regions.end(), without_counters)) {
-    add_remark(remark_kind::other,
+    add_remark(
+        remark_kind::other,
         "No counters. Where the kernel forbids to count: sysctl kernel.perf_event_paranoid=2, or setcap cap_perfmon=ep "
         "on ceilmeter, or --cap-add PERFMON for a container. Where there is no PMU, as in most virtual machines: count "
-        "on the host, or ask for a virtual PMU. The log of the run has a line for each event that could not be opened.");
+        "on the host, or ask for a virtual PMU. The log of the run has a line for each event that could not be "
+        "opened.");
   }
   for (const std::string& note : view.file.notes) add_remark(remark_kind::other, note);
 }

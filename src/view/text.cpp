@@ -123,7 +123,8 @@ std::string quantity(std::int64_t value, std::string_view unit) {
   static constexpr std::array<prefix, 4> prefixes = {{{"T", 1e12}, {"G", 1e9}, {"M", 1e6}, {"k", 1e3}}};
   for (const prefix& one : prefixes) {
     const auto amount = static_cast<double>(value);
-    if (amount >= one.scale * 0.9995) return three_digits(amount / one.scale) + " " + std::string(one.name) + std::string(unit);
+    if (amount >= one.scale * 0.9995)
+      return three_digits(amount / one.scale) + " " + std::string(one.name) + std::string(unit);
   }
   return number(value) + (unit.empty() ? "" : " ") + std::string(unit);
 }
