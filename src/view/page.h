@@ -13,8 +13,8 @@
 namespace ceilmeter::view {
 
 struct page_options {
-  // How many blocks of a region the page lists, the ones with the most operations first; empty: all. What is left out
-  // is one exact row.
+  // How many blocks the page lists, the ones with the most operations of all regions first; empty: all. What is left
+  // out of a region is one exact row.
   std::optional<std::uint64_t> blocks = 10'000;
   // For each file of the model its modules, null where they are not at hand; or empty.
   std::vector<const module_names*> names;

@@ -85,6 +85,37 @@ block_list list_blocks(const region& of, const std::optional<std::uint64_t>& lim
   return list;
 }
 
+std::vector<std::vector<std::uint64_t>> block_limits(const view_model& model,
+                                                     const std::optional<std::uint64_t>& limit) {
+  struct candidate {
+    double operations;
+    std::size_t file;
+    std::size_t region;
+  };
+  std::vector<std::vector<std::uint64_t>> limits(model.files.size());
+  std::vector<candidate> candidates;
+  for (const std::size_t file : listed_files(model)) {
+    for (const region& of : model.files[file].file.regions) {
+      const std::size_t index = limits[file].size();
+      limits[file].push_back(of.blocks.size());
+      for (const block& one : of.blocks) candidates.push_back({work(one), file, index});
+    }
+  }
+  if (!limit || candidates.size() <= *limit) return limits;
+  const auto chosen = candidates.begin() + static_cast<std::ptrdiff_t>(*limit);
+  std::nth_element(candidates.begin(), chosen, candidates.end(), [](const candidate& a, const candidate& b) {
+    return a.operations != b.operations ? a.operations > b.operations
+                                        : std::tie(a.file, a.region) < std::tie(b.file, b.region);
+  });
+  for (std::vector<std::uint64_t>& file : limits) std::fill(file.begin(), file.end(), 0);
+  std::for_each(candidates.begin(), chosen, [&](const candidate& one) { ++limits[one.file][one.region]; });
+  const std::uint64_t least = std::min<std::uint64_t>(*limit, static_blocks);
+  for (std::vector<std::uint64_t>& file : limits) {
+    for (std::uint64_t& region : file) region = std::max(region, least);
+  }
+  return limits;
+}
+
 std::vector<module_work> work_by_module(const region& of) {
   std::map<std::uint32_t, std::pair<module_work, double>> modules;
   const double whole = work(of);

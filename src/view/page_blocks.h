@@ -43,6 +43,11 @@ std::string mnemonics_text(const block_description& description);
 // At most `limit` blocks; empty: all of them.
 block_list list_blocks(const region& of, const std::optional<std::uint64_t>& limit);
 
+// For each file and region of the model how many blocks the page's data lists, so that they are the `limit` blocks of
+// most operations of the whole page; without a limit all. A region has no fewer than the tables in the page show.
+std::vector<std::vector<std::uint64_t>> block_limits(const view_model& model,
+                                                     const std::optional<std::uint64_t>& limit);
+
 // The region's operations by module, most first.
 std::vector<module_work> work_by_module(const region& of);
 

@@ -67,8 +67,8 @@ std::string block_row(const listed_block& one, const module_names* names) {
   return json + "]";
 }
 
-std::string blocks_object(const region& of, const page_options& options, const module_names* names) {
-  const block_list list = list_blocks(of, options.blocks);
+std::string blocks_object(const region& of, std::uint64_t limit, const module_names* names) {
+  const block_list list = list_blocks(of, limit);
   std::string json = "\"blocks\":";
   json += json_array(list.listed, [&](const listed_block& one) { return block_row(one, names); });
   if (list.rest > 0) {
@@ -105,8 +105,7 @@ std::string level_line(const region_figures& region, std::size_t level) {
   return line;
 }
 
-std::string region_object(const file_view& file, std::size_t index, const page_options& options,
-                          const module_names* names) {
+std::string region_object(const file_view& file, std::size_t index, std::uint64_t limit, const module_names* names) {
   const region_figures& region = file.regions[index];
   std::string json = "{\"name\":" + json_text(region.name) + ",\"time\":\"" + number(region.time.value_or(0)) +
                      "\",\"lines\":";
@@ -115,12 +114,13 @@ std::string region_object(const file_view& file, std::size_t index, const page_o
     if (level > 0) json += ',';
     json += "\"" + std::string(level_class(level)) + "\":" + json_text(level_line(region, level));
   }
-  return json + "}," + blocks_object(file.file.regions[index], options, names) + "}";
+  return json + "}," + blocks_object(file.file.regions[index], limit, names) + "}";
 }
 
 }  // namespace
 
 std::string page_data(const view_model& model, const page_options& options) {
+  const std::vector<std::vector<std::uint64_t>> limits = block_limits(model, options.blocks);
   std::string json = "{\"files\":[";
   for (const std::size_t file : listed_files(model)) {
     const file_view& shown = model.files[file];
@@ -130,7 +130,7 @@ std::string page_data(const view_model& model, const page_options& options) {
     json += json_array(shortened_paths(shown.file.modules), json_text) + ",\"regions\":[";
     for (std::size_t region = 0; region < shown.regions.size(); ++region) {
       if (region > 0) json += ",\n";
-      json += region_object(shown, region, options, names);
+      json += region_object(shown, region, limits[file][region], names);
     }
     json += "]}";
   }

@@ -142,7 +142,7 @@ constexpr option_row rows[] = {
     {0, "modules", value_kind::OPTIONAL, "[=<folder>]", read_modules,
      "name the functions and instructions of blocks from the module files (default: at the paths of the result file)"},
     {0, "blocks", value_kind::REQUIRED, "<count|all>", read_blocks,
-     "blocks to list for each region, those of most operations first (default: 10000)"},
+     "blocks to list on the page, those of most operations first (default: 10000)"},
     {0, "short-paths", value_kind::NONE, "",
      [](command_options& options, std::string_view) { return options.short_paths = true, std::string(); },
      "show module files without their folders"},

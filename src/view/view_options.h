@@ -29,7 +29,7 @@ struct command_options {
   std::optional<std::string> title;
   bool modules = false;
   std::string modules_folder;         // Empty: the paths of the result file.
-  std::optional<std::uint64_t> blocks = 10'000;  // Of one region; none: all.
+  std::optional<std::uint64_t> blocks = 10'000;  // On the whole page; none: all.
   bool short_paths = false;
   bool open = false;
   bool help = false;
