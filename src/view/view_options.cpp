@@ -132,7 +132,7 @@ constexpr option_row rows[] = {
     {0, "ranks", value_kind::NONE, "", read_ranks,
      "put the files together as the ranks of one parallel job"},
     {0, "threads", value_kind::REQUIRED, "<count>", read_threads,
-     "draw the roofs of this thread count (default: that of each region)"},
+     "draw the roofs of this thread count (default: that of the whole run)"},
     {0, "level", value_kind::REQUIRED, "<L1|L2|L3|DDR>", read_level,
      "the memory level that is selected first (default: all)"},
     {0, "frame", value_kind::REQUIRED, "<x:x,y:y>", read_frame,

@@ -23,7 +23,7 @@ struct command_options {
   std::string output;                 // "-" is standard output. Set by the parser, given or not.
   output_form form = output_form::PAGE;
   file_relation relation = file_relation::OVERLAY;
-  std::optional<std::uint64_t> threads;  // Roofs of this count, whatever the regions' own.
+  std::optional<std::uint64_t> threads;  // Whose roofs are drawn.
   std::optional<memory_level> level;     // None: all are shown.
   std::optional<frame> axes;
   std::optional<std::string> title;

@@ -35,7 +35,8 @@ FILES = {
     "share/doc/ceilmeter/CHANGELOG.md",
     *(f"share/doc/ceilmeter/docs/{name}" for name in (
         "flop.md", "regions.md", "result-format.md", "result-format.schema.json", "roofs.md", "troubleshooting.md",
-        "viewer.md")),
+        "viewer.md", "viewer/before_and_after.svg", "viewer/example.json", "viewer/example.svg",
+        "viewer/example_before.json")),
     *(f"{libdir}/{name}" for name in ("libroofline_events.a", "libroofline_events.so.0",
                                       "pkgconfig/roofline_events.pc")),
     *(f"{libdir}/cmake/roofline_events/roofline_events-{name}.cmake" for name in (
