@@ -153,6 +153,9 @@
   const makePicture = () => {
     for (const region of regions) {
       place(region, { role: "button", "aria-pressed": "false" });
+      // A name that is read out has to begin with what is seen.
+      const note = region.querySelector(".region-note");
+      if (note) place(region, { "aria-label": note.textContent + ". " + region.getAttribute("aria-label") });
       // The tooltip says more than the title would.
       for (const title of all("title", region)) title.remove();
       region.addEventListener("click", () => select(dataOf(region).name));

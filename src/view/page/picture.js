@@ -45,8 +45,12 @@ ceilview.picture = (() => {
 
   const grid = svg.querySelector(".grid");
   const axes = { x: svg.querySelector(".axis[data-axis=x]"), y: svg.querySelector(".axis[data-axis=y]") };
-  const firstGrid = Array.from(grid.children);
-  const firstTicks = { x: all(".tick", axes.x), y: all(".tick", axes.y) };
+  const firstGrid = Array.from(grid.childNodes);
+  const firstAxis = { x: Array.from(axes.x.childNodes), y: Array.from(axes.y.childNodes) };
+  const patterns = {};  // a line of the grid and a tick of each axis
+  for (const axis of ["x", "y"]) {
+    patterns[axis] = { line: grid.querySelector(".major[data-axis=" + axis + "]"), tick: axes[axis].querySelector(".tick") };
+  }
 
   const tickText = (value) => {
     const short = Number(value.toPrecision(6));
@@ -54,9 +58,7 @@ ceilview.picture = (() => {
   };
 
   const addGridLine = (axis, lg, decade) => {
-    const pattern = firstGrid.find((line) => line.dataset.axis === axis && line.classList.contains("major"));
-    if (!pattern) return;
-    const line = pattern.cloneNode(false);
+    const line = patterns[axis].line.cloneNode(false);
     line.setAttribute("class", decade ? "major" : "minor");
     line.dataset.at = lg;
     if (axis === "x") place(line, { x1: text(x(lg)), x2: text(x(lg)) });
@@ -65,9 +67,7 @@ ceilview.picture = (() => {
   };
 
   const addTick = (axis, lg, words) => {
-    const pattern = firstTicks[axis][0];
-    if (!pattern) return;
-    const tick = pattern.cloneNode(true);
+    const tick = patterns[axis].tick.cloneNode(true);
     tick.dataset.at = lg;
     const line = tick.querySelector("line");
     const label = tick.querySelector("text");
@@ -99,9 +99,8 @@ ceilview.picture = (() => {
   const drawAxes = (whole) => {
     grid.replaceChildren(...(whole ? firstGrid : []));
     for (const axis of ["x", "y"]) {
-      for (const tick of all(".tick", axes[axis])) tick.remove();
-      if (whole) axes[axis].append(...firstTicks[axis]);
-      else layTicks(axis);
+      axes[axis].replaceChildren(...firstAxis[axis].filter((node) => whole || !node.matches || !node.matches(".tick")));
+      if (!whole) layTicks(axis);
     }
   };
 
@@ -213,7 +212,8 @@ ceilview.picture = (() => {
       const arrow = label.classList.contains("edge-value") && label.previousElementSibling;
       const [px, py] = arrow ? edgePlace(arrow) : [x(num(label, "x")), y(num(label, "y"))];
       place(label, { x: text(px + num(label, "dx")), y: text(py + num(label, "dy")) });
-      label.classList.toggle("outside", !inside(px, py));
+      const box = label.getBBox();
+      label.classList.toggle("outside", !inside(box.x, box.y) || !inside(box.x + box.width, box.y + box.height));
     }
     for (const arrow of all(".edge-arrow", svg)) {
       const [px, py] = edgePlace(arrow);
