@@ -8,6 +8,7 @@ import csv
 import io
 import json
 import os
+import re
 import stat
 import subprocess
 import sys
@@ -16,7 +17,7 @@ import unittest
 
 source, *command = sys.argv[1:]
 results = os.path.join(source, "tests/unit/view/results")
-SECONDS = 120  # A guard against a hang.
+SECONDS = 600  # A guard against a hang.
 SMALL = {"regions": {"total": {"flop": 100, "threads": 1, "bbs": [["0", "8", "0", "8", 4, 25, 2, "/home/user/app"]],
                                "l1_bytes": 400, "l2_bytes": 300, "l3_bytes": 200, "ddr_bytes": 100, "time": 1000}},
          "bb_keys": ["start", "end", "dump_start", "dump_end", "flop", "count", "vector_length", "module"], "threads": 1}
@@ -143,6 +144,35 @@ class program_test(unittest.TestCase):
         status, out, err = self.run_it("--open", "app.json", env={**os.environ, "BROWSER": "", "PATH": "/nowhere"})
         self.assertEqual((status, out), (0, "app.html\n"))
         self.assertEqual(err, "ceilview: warning: no browser could be started; $BROWSER can name one\n")
+
+    def test_pictures_of_the_documents_are_what_it_draws(self):
+        subprocess.run([os.path.join(source, "tests/system/view/draw_documents"), self.folder], check=True, timeout=SECONDS,
+                       env={**os.environ, "ceilview": " ".join(command)}, stdout=subprocess.DEVNULL)
+        names = [name for name in os.listdir(os.path.join(source, "docs/viewer")) if name.endswith(".svg")]
+        self.assertEqual(sorted(names), sorted(os.listdir(self.folder)))
+        for name in names:
+            with open(os.path.join(source, "docs/viewer", name), encoding="utf-8", newline="") as file:
+                self.assertTrue(file.read() == self.read(name), f"{name} differs: see docs/development.md, The viewer")
+
+    def test_page_of_200000_blocks_is_small_and_its_sums_are_exact(self):
+        with open(self.path("large.json"), "wb") as file:
+            subprocess.run([os.path.join(source, "bench/large_result.py")], stdout=file, check=True, timeout=SECONDS)
+        with open(self.path("large.json"), encoding="utf-8") as file:
+            regions = json.load(file)["regions"]
+        self.assertEqual(sum(len(region["bbs"]) for region in regions.values()), 200_000)
+        self.assertEqual(self.run_it("large.json"), (0, "large.html\n", ""))
+        page = self.read("large.html")
+        self.assertLess(len(page.encode()), 6_000_000)
+        data = json.loads(re.search(r'<script[^>]* id="ceilview-data"[^>]*>(.*?)</script>', page, re.S)[1])
+        listed = 0
+        for shown in data["files"][0]["regions"]:
+            count, executions, operations = (int(text) for text in shown["rest"])
+            blocks = regions[shown["name"]]["bbs"]
+            listed += len(shown["blocks"])
+            self.assertEqual(len(shown["blocks"]) + count, len(blocks))
+            self.assertEqual(sum(int(one[4]) for one in shown["blocks"]) + operations, regions[shown["name"]]["flop"])
+            self.assertEqual(sum(int(one[2]) for one in shown["blocks"]) + executions, sum(one[5] for one in blocks))
+        self.assertEqual(listed, 10_000)
 
     # Status 1.
 
