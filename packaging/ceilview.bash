@@ -65,8 +65,12 @@ _ceilview() {
     _ceilview_values "$waiting" "$word"
   elif [[ -z $closed && $word == --*=* ]]; then
     _ceilview_values "${word%%=*}" "${word#*=}"
-    # Where "=" does not break words, bash replaces the whole of it.
+    # Where "=" does not break words, bash replaces the whole of it, and does not see that it ends with a folder.
     if [[ $COMP_WORDBREAKS != *=* ]]; then
+      if [[ ${#COMPREPLY[@]} -eq 1 && -d ${COMPREPLY[0]} ]]; then
+        COMPREPLY[0]+=/
+        compopt -o nospace 2> /dev/null
+      fi
       COMPREPLY=("${COMPREPLY[@]/#/${word%%=*}=}")
     fi
   elif [[ -z $closed && $word == -* ]]; then
