@@ -63,8 +63,9 @@ TEST(modules, module_whose_operations_differ_is_shown_without_names) {
   const std::string path = folder.write("solver", solver().bytes());
   const result_file file = result_of(path, 8);
   const module_names names(file, "");
-  EXPECT_THAT(names.warnings(), ElementsAre(path + ": its blocks have no names: it is not the file that ran, 1 of 1 block "
-                                                   "have other operations in it"));
+  EXPECT_THAT(names.warnings(),
+              ElementsAre(path + ": its blocks have no names: it is not the file that ran, 1 of 1 block "
+                                 "have other operations in it"));
   const block_description described = names.describe(file.regions[0].blocks[0]);
   EXPECT_EQ(described.function, "");
   EXPECT_THAT(described.mnemonics, ElementsAre());

@@ -64,8 +64,9 @@ TEST(view_options, baseline_is_the_earlier_file_wherever_it_stands) {
 }
 
 TEST(view_options, every_other_option_is_stored) {
-  const command_options options = good({"--ranks", "--threads=18446744073709551615", "--level=ddr", "--frame=-2:2,0:4",
-                                        "--title=A <run>", "--modules=/lib", "--blocks=7", "--short-paths", "--open", "a"});
+  const command_options options =
+      good({"--ranks", "--threads=18446744073709551615", "--level=ddr", "--frame=-2:2,0:4", "--title=A <run>",
+            "--modules=/lib", "--blocks=7", "--short-paths", "--open", "a"});
   EXPECT_EQ(options.relation, file_relation::RANKS);
   EXPECT_EQ(options.threads, UINT64_MAX);
   EXPECT_EQ(options.level, memory_level::ddr);
@@ -108,7 +109,8 @@ TEST(view_options, values_that_are_none_are_shown) {
   }
   EXPECT_EQ(error_of({"--level=L4", "a"}), "--level wants L1, L2, L3 or DDR, not 'L4'");
   EXPECT_EQ(error_of({"--blocks=some", "a"}), "--blocks wants a whole number or all, not 'some'");
-  for (const char* words : {"--frame=", "--frame=1", "--frame=2:1,0:1", "--frame=0:1,1:1", "--frame=0:1", "--frame=0:1,0:x"}) {
+  for (const char* words :
+       {"--frame=", "--frame=1", "--frame=2:1,0:1", "--frame=0:1,1:1", "--frame=0:1", "--frame=0:1,0:x"}) {
     EXPECT_THAT(error_of({words, "a"}), HasSubstr("--frame wants powers of ten such as")) << words;
   }
   EXPECT_EQ(error_of({"--output=", "a"}), "--output wants a path");
