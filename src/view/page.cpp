@@ -49,7 +49,7 @@ std::string files_line(const view_model& model) {
     line += (line.empty() ? "" : ", ") + file.file.label;
   }
   switch (model.options.mode) {
-    case view_mode::single: return line;
+    case view_mode::single: return line == model.title ? "" : line;
     case view_mode::overlay: return std::to_string(model.files.size()) + " files: " + line;
     case view_mode::baseline: return "Two runs, before and after: " + line;
     case view_mode::ranks: return model.ranks ? counted(model.ranks->labels.size(), "rank") : line;

@@ -58,6 +58,8 @@ void pair_table(std::string& html, const view_model& model) {
 
 void roof_difference_table(std::string& html, const baseline_view& baseline) {
   if (baseline.roofs.empty()) return;
+  // Two machines differ in every roof of every thread count; that many rows are there to be looked up.
+  html += "<details><summary>" + counted(baseline.roofs.size(), "differing roof") + "</summary>\n";
   open_table(html, "table-roof-differences", "Roofs that differ");
   html += "<thead><tr>";
   head_cell(html, "Roof", false);
@@ -77,6 +79,7 @@ void roof_difference_table(std::string& html, const baseline_view& baseline) {
     html += "</tr>\n";
   }
   close_table(html);
+  html += "</details>\n";
 }
 
 // One cell for each rank; the longest rank's is the darkest, an absent one's is empty.

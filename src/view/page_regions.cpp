@@ -167,7 +167,7 @@ std::string missing_section(const view_model& model) {
   }
   if (items.empty()) return {};
   return "<section id=\"missing\" aria-labelledby=\"missing-title\">\n"
-         "<h2 id=\"missing-title\">Not or not wholly in the picture</h2>\n<ul>\n" + items + "</ul>\n</section>\n";
+         "<h2 id=\"missing-title\">Not in the picture</h2>\n<ul>\n" + items + "</ul>\n</section>\n";
 }
 
 std::string remarks_section(const view_model& model) {

@@ -154,8 +154,11 @@
     for (const region of regions) {
       place(region, { role: "button", "aria-pressed": "false" });
       // A name that is read out has to begin with what is seen.
-      const note = region.querySelector(".region-note");
-      if (note) place(region, { "aria-label": note.textContent + ". " + region.getAttribute("aria-label") });
+      const shown = region.querySelector(".region-note, .region-label");
+      const label = region.getAttribute("aria-label");
+      if (shown && !label.startsWith(shown.textContent)) {
+        place(region, { "aria-label": shown.textContent + ". " + label });
+      }
       // The tooltip says more than the title would.
       for (const title of all("title", region)) title.remove();
       region.addEventListener("click", () => select(dataOf(region).name));

@@ -49,7 +49,8 @@ ceilview.picture = (() => {
   const firstAxis = { x: Array.from(axes.x.childNodes), y: Array.from(axes.y.childNodes) };
   const patterns = {};  // a line of the grid and a tick of each axis
   for (const axis of ["x", "y"]) {
-    patterns[axis] = { line: grid.querySelector(".major[data-axis=" + axis + "]"), tick: axes[axis].querySelector(".tick") };
+    const line = grid.querySelector(".major[data-axis=" + axis + "]");
+    patterns[axis] = { line, tick: axes[axis].querySelector(".tick") };
   }
 
   const tickText = (value) => {
@@ -225,7 +226,8 @@ ceilview.picture = (() => {
       const angle = Math.atan2(y2 - y1, x2 - x1);
       const tip = text(x2) + " " + text(y2);
       const stroke = (turn) => text(x2 - 8 * Math.cos(angle + turn)) + " " + text(y2 - 8 * Math.sin(angle + turn));
-      place(path, { d: "M" + text(x1) + " " + text(y1) + "L" + tip + "M" + stroke(0.45) + "L" + tip + "L" + stroke(-0.45) });
+      const head = "M" + stroke(0.45) + "L" + tip + "L" + stroke(-0.45);
+      place(path, { d: "M" + text(x1) + " " + text(y1) + "L" + tip + head });
     }
   };
 

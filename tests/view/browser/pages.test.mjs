@@ -53,18 +53,28 @@ after(async () => {
   rmSync(folder, { recursive: true, force: true });
 });
 
-// Opens a page, gives it to `use`, and returns what was asked for and complained about meanwhile.
-const open = async (url, use = async () => {}, options = {}) => {
-  const context = await browser.newContext({ viewport: { width: 1280, height: 900 }, ...options });
-  const seen = { requests: [], complaints: [] };
-  try {
+// A context for each kind of reader; starting one takes longer than most tests.
+const contexts = new Map();
+const contextOf = async (options) => {
+  const key = JSON.stringify(options);
+  if (!contexts.has(key)) {
+    const context = await browser.newContext({ viewport: { width: 1280, height: 900 }, ...options });
     await context.addInitScript(() => {
       window.policyReports = [];
       document.addEventListener("securitypolicyviolation", (event) => {
         window.policyReports.push(`${event.violatedDirective} ${event.blockedURI}`);
       });
     });
-    const page = await context.newPage();
+    contexts.set(key, context);
+  }
+  return contexts.get(key);
+};
+
+// Opens a page, gives it to `use`, and returns what was asked for and complained about meanwhile.
+const open = async (url, use = async () => {}, options = {}) => {
+  const page = await (await contextOf(options)).newPage();
+  const seen = { requests: [], complaints: [] };
+  try {
     page.on("request", (request) => seen.requests.push(request.url()));
     page.on("console", (message) => seen.complaints.push(message.text()));
     page.on("pageerror", (error) => seen.complaints.push(error.message));
@@ -74,7 +84,7 @@ const open = async (url, use = async () => {}, options = {}) => {
       seen.reports = await page.evaluate(() => window.policyReports);
     }
   } finally {
-    await context.close();
+    await page.close();
   }
   return seen;
 };
@@ -168,7 +178,8 @@ const measure = (page) => page.evaluate(() => {
     roofs: [...document.querySelectorAll(".roofs:not([hidden]) .roof:not([hidden])")].map((roof) => {
       const line = roof.querySelector(".roof-line");
       const label = roof.querySelector(".roof-label");
-      const turn = label && shown(label) ? Number(/rotate\((\S+)\)/.exec(label.getAttribute("transform"))?.[1] ?? 0) : null;
+      const turned = label && /rotate\((\S+)\)/.exec(label.getAttribute("transform"));
+      const turn = label && shown(label) ? Number(turned?.[1] ?? 0) : null;
       return { memory: roof.dataset.kind === "memory", value: number(roof, "data-value"), turn,
         ends: ["x1", "y1", "x2", "y2"].map((name) => number(line, name)) };
     }),
@@ -233,7 +244,8 @@ test("dragging and the wheel move the picture; a plain wheel scrolls the page", 
     await page.keyboard.down("Control");
     await page.mouse.wheel(0, -300);
     await page.keyboard.up("Control");
-    await page.waitForFunction((old) => document.querySelector("#region-0-1 .marker").getAttribute("transform") !== old, before);
+    await page.waitForFunction((old) =>
+      document.querySelector("#region-0-1 .marker").getAttribute("transform") !== old, before);
     const zoomed = await marker.getAttribute("transform");
     checkScales(await measure(page), "after the wheel");
     await page.mouse.down();
@@ -301,12 +313,13 @@ test("the keyboard selects, clears, zooms and moves", async () => {
     await page.keyboard.press("Enter");
     assert.equal(await region.getAttribute("aria-pressed"), "true");
     assert.equal(await page.locator("#table-levels tr.selected th").textContent(), "solve");
-    assert.deepEqual(await page.locator("#blocks details:visible").evaluateAll((list) => list.map((one) => one.open)), [true]);
+    const blocks = page.locator("#blocks details:visible");
+    assert.deepEqual(await blocks.evaluateAll((list) => list.map((one) => one.open)), [true]);
     await page.keyboard.press("Escape");
     assert.equal(await page.locator("#tooltip").isVisible(), false);
     await page.keyboard.press("Escape");
     assert.equal(await region.getAttribute("aria-pressed"), "false");
-    assert.equal(await page.locator("#blocks details:visible").count(), 5);
+    assert.equal(await blocks.count(), 5);
     const place = () => region.locator(".marker").first().getAttribute("transform");
     const first = await place();
     await page.keyboard.press("+");
@@ -350,7 +363,8 @@ test("one level at a time", async () => {
 
 test("a baseline shows moves of the chosen level, and ranks show their strip", async () => {
   await open(urls.baseline, async (page) => {
-    const levels = () => page.locator(".move:not([hidden])").evaluateAll((list) => list.map((one) => one.dataset.level));
+    const levels = () =>
+      page.locator(".move:not([hidden])").evaluateAll((list) => list.map((one) => one.dataset.level));
     assert.deepEqual(await levels(), Array(5).fill("ddr"));
     await page.locator("#level").selectOption("l3");
     assert.deepEqual(await levels(), Array(5).fill("l3"));
@@ -381,14 +395,16 @@ test("blocks come in parts, exact, and can be searched", async () => {
 test("print gives the picture on one page of A4 landscape and the tables on the next", async () => {
   await open(urls.heat, async (page) => {
     const pdf = (await page.pdf({ preferCSSPageSize: true })).toString("latin1");
-    const sizes = [...pdf.matchAll(/\/MediaBox\s*\[([^\]]+)\]/g)].map((match) => match[1].trim().split(/\s+/).map(Number));
+    const sizes = [...pdf.matchAll(/\/MediaBox\s*\[([^\]]+)\]/g)]
+      .map((match) => match[1].trim().split(/\s+/).map(Number));
     assert.equal(sizes.length, 2);
     for (const [, , width, height] of sizes) {
       near(width, 842, 1.5, "width");
       near(height, 595, 1.5, "height");
     }
     await page.emulateMedia({ media: "print", colorScheme: "dark" });
-    assert.equal(await page.evaluate(() => getComputedStyle(document.documentElement).backgroundColor), "rgb(255, 255, 255)");
+    const paper = await page.evaluate(() => getComputedStyle(document.documentElement).backgroundColor);
+    assert.equal(paper, "rgb(255, 255, 255)");
   });
 });
 
@@ -398,7 +414,8 @@ test("the accessibility checker finds nothing, in light and in dark", async () =
       await open(urls[name], async (page) => {
         await page.evaluate(axe);
         const { violations, passes } = await page.evaluate(() => window.axe.run());
-        const found = violations.map((one) => `${one.id}: ${one.nodes.map((node) => node.target.join(" ")).join(", ")}`);
+        const found = violations.map((one) =>
+          `${one.id}: ${one.nodes.map((node) => node.target.join(" ")).join(", ")}`);
         assert.deepEqual(found, [], `${name}, ${colorScheme}`);
         assert.ok(passes.some((one) => one.id === "color-contrast"), "contrast was checked");
       }, { colorScheme });

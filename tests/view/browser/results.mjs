@@ -47,7 +47,8 @@ export const heat = (speed = 1, scale = 1) => result({
   assemble: region(4, 210e6 * speed, [11e9, 4.1e9, 2.2e9, 1.1e9],
     [block(0x1200, 14, 8, 90e6, 1, solver), block(0x5400, 31, 17, 12e6, 1, libm)]),
   solve: region(4, 1500e6 * speed, [190e9, 88e9, 61e9, 52e9],
-    [block(0x2380, 12, 16, 1.1e9, 2, solver), block(0x2440, 9, 8, 0.4e9, 2, solver), block(0x2500, 7, 1, 0.2e9, 1, solver)]),
+    [block(0x2380, 12, 16, 1.1e9, 2, solver), block(0x2440, 9, 8, 0.4e9, 2, solver),
+      block(0x2500, 7, 1, 0.2e9, 1, solver)]),
   "dot product": region(4, 400e6 * speed, [21e9, 20e9, 18.4e9, 12.8e9], [block(0x3000, 6, 4, 1.3e9, 2, solver)]),
   "small matrices": region(4, 640e6 * speed, [73e9, 9.1e9, 0.8e9, 0.2e9], [block(0x4000, 40, 64, 0.52e9, 2, solver)]),
   output: region(1, 95e6 * speed, [1.2e9, 0.3e9, 0.2e9, 0.15e9], [block(0x6100, 22, 2, 6e6, 1, libm)]),
@@ -76,7 +77,8 @@ const hotBlocks = (count) => {
   return result({ total: region(4, 900e6, [9e9, 5e9, 3e9, 2e9], blocks) });
 };
 
-const total = (bytes, extra = {}) => ({ ...region(4, 300e6, bytes, [block(0x1000, 8, 8, 500e6, 2, solver)]), ...extra });
+const total = (bytes, extra = {}) =>
+  ({ ...region(4, 300e6, bytes, [block(0x1000, 8, 8, 500e6, 2, solver)]), ...extra });
 
 // Each name becomes a file NAME.json; each is a page of its own in the tests of labels.
 export const files = {

@@ -22,9 +22,8 @@
         const size = Math.hypot(...axis) || 1;
         const along = (points) => points.map((p) => (p[0] * axis[0] + p[1] * axis[1]) / size);
         const [first, second] = [along(a), along(b)];
-        if (Math.min(Math.max(...first), Math.max(...second)) - Math.max(Math.min(...first), Math.min(...second)) <= 0.5) {
-          return false;
-        }
+        const until = Math.min(Math.max(...first), Math.max(...second));
+        if (until - Math.max(Math.min(...first), Math.min(...second)) <= 0.5) return false;
       }
     }
     return true;
