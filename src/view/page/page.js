@@ -2,7 +2,7 @@
 "use strict";
 (() => {
   const { byId, all, data, svg, make, place, dataOf, say, rows } = ceilview;
-  const { draw, scale, pan, whole } = ceilview.picture;
+  const { draw, show, scale, pan, whole } = ceilview.picture;
   const picture = byId("picture");
   const tooltip = byId("tooltip");
 
@@ -133,8 +133,9 @@
       draw();
       say("Roofs of " + threads.selectedOptions[0].textContent + ".");
     });
-    byId("zoom-in").addEventListener("click", () => scale(1.6));
-    byId("zoom-out").addEventListener("click", () => scale(1 / 1.6));
+    const chosen = () => regions.find((region) => region.classList.contains("selected"));
+    byId("zoom-in").addEventListener("click", () => scale(1.6, chosen()));
+    byId("zoom-out").addEventListener("click", () => scale(1 / 1.6, chosen()));
     byId("zoom-reset").addEventListener("click", whole);
     byId("clear").addEventListener("click", clear);
     byId("filter").addEventListener("input", filter);
@@ -146,7 +147,8 @@
   };
 
   const keys = {
-    "+": () => scale(1.6), "=": () => scale(1.6), "-": () => scale(1 / 1.6), "0": whole,
+    "+": (region) => scale(1.6, region), "=": (region) => scale(1.6, region),
+    "-": (region) => scale(1 / 1.6, region), "0": whole,
     ArrowLeft: () => pan(60, 0), ArrowRight: () => pan(-60, 0), ArrowUp: () => pan(0, 60), ArrowDown: () => pan(0, -60),
   };
 
@@ -163,6 +165,7 @@
       for (const title of all("title", region)) title.remove();
       region.addEventListener("click", () => select(dataOf(region).name));
       region.addEventListener("focus", () => {
+        show(region);
         const mark = region.querySelector(".marker:not(.outside)") || region;
         const box = mark.getBoundingClientRect();
         explain(region, box.right, box.bottom);
@@ -178,7 +181,7 @@
       if (event.ctrlKey || event.metaKey || event.altKey) return;
       const region = event.target.closest(".region");
       if (region && (event.key === "Enter" || event.key === " ")) select(dataOf(region).name);
-      else if (keys[event.key]) keys[event.key]();
+      else if (keys[event.key]) keys[event.key](region);
       else return;
       event.preventDefault();
     });

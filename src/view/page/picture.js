@@ -256,9 +256,23 @@ ceilview.picture = (() => {
     });
   const moved = d3.select(svg).call(zoom).on("dblclick.zoom", null);
 
+  // A region that the keyboard reaches has to be seen: what lies outside comes into the middle.
+  const show = (region) => {
+    const mark = region.querySelector(".marker");
+    if (!mark || region.querySelector(".marker:not(.outside)")) return;
+    moved.call(zoom.translateTo, view.invertX(x(num(mark, "x"))), view.invertY(y(num(mark, "y"))));
+  };
+
+  // Zooms about a region, or about the middle.
+  const scale = (factor, region) => {
+    const mark = region && region.querySelector(".marker:not(.outside)");
+    moved.call(zoom.scaleBy, factor, mark ? [x(num(mark, "x")), y(num(mark, "y"))] : undefined);
+  };
+
   return {
     draw,
-    scale: (factor) => moved.call(zoom.scaleBy, factor),
+    show,
+    scale,
     pan: (px, py) => moved.call(zoom.translateBy, px / view.k, py / view.k),
     whole: () => moved.call(zoom.transform, d3.zoomIdentity),
   };
