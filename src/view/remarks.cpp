@@ -145,10 +145,10 @@ void explain_file(file_view& view, const view_options& options) {
   const auto without_counters = [](const region_figures& one) { return !any_bytes(one); };
   if (std::any_of(view.regions.begin(), view.regions.end(), without_counters)) {
     add_remark(remark_kind::other,
-               "No counters, or none that moved. Where the kernel forbids to count: sysctl kernel.perf_event_paranoid=2, "
-               "or setcap cap_perfmon=ep on ceilmeter, or --cap-add PERFMON for a container. Where there is no PMU, as in "
-               "most virtual machines: count on the host, or ask for a virtual PMU. The log of the run has a line for "
-               "each event that could not be opened.");
+               "No counters, or none that moved. Where the kernel forbids to count: sysctl "
+               "kernel.perf_event_paranoid=2, or setcap cap_perfmon=ep on ceilmeter, or --cap-add PERFMON for a "
+               "container. Where there is no PMU, as in most virtual machines: count on the host, or ask for a virtual "
+               "PMU. The log of the run has a line for each event that could not be opened.");
   }
   for (const std::string& note : view.file.notes) add_remark(remark_kind::other, note);
 }
