@@ -42,9 +42,8 @@ def main():
             "ddr_bytes": flop, "time": max(1, flop // 20)}
     roofs = [{"name": name, "value": value, "measure": "GFLOPS" if is_compute else "GB/s", "is_compute": is_compute}
              for name, value, is_compute in ROOFS]
-    report = {"regions": regions, "bb_keys": ["start", "end", "dump_start", "dump_end", "flop", "count", "vector_length",
-                                              "module"],
-              "threads": 4, "roofs": roofs, "roofs_by_num_threads": {"4": roofs}}
+    keys = ["start", "end", "dump_start", "dump_end", "flop", "count", "vector_length", "module"]
+    report = {"regions": regions, "bb_keys": keys, "threads": 4, "roofs": roofs, "roofs_by_num_threads": {"4": roofs}}
     json.dump(report, sys.stdout, indent=2)
     print()
 

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""`ceilview --table` on fixed result files: the whole text byte for byte, what is computed by hand beside it, and what is
-left open.
+"""`ceilview --table` on fixed result files: the whole text byte for byte, what is computed by hand beside it, and what
+is left open.
 
 table_test.py SOURCE EMULATOR... CEILVIEW
 """
@@ -15,7 +15,8 @@ import unittest
 
 source, *command = sys.argv[1:]
 results = os.path.join(source, "tests/unit/view/results")
-HEADER = ["region", "threads", "time", "L1", "L2", "L3", "DDR", "operations", "GFLOP/s", "flop/byte", "limited by", "reached"]
+HEADER = ["region", "threads", "time", "L1", "L2", "L3", "DDR", "operations", "GFLOP/s", "flop/byte", "limited by",
+          "reached"]
 
 
 def run(*words, folder=results):
@@ -46,7 +47,8 @@ def columns(name):
 def made_up(region, roofs=(), threads=1):
     """The row of a file with this region and roofs of one thread, given as {name: value}."""
     report = {"regions": {"total": region}, "bb_keys": [], "threads": threads, "roofs_by_num_threads": {"1": [
-        {"name": name, "value": value, "measure": "GB/s" if name in HEADER else "GFLOPS", "is_compute": name not in HEADER}
+        {"name": name, "value": value, "measure": "GB/s" if name in HEADER else "GFLOPS",
+         "is_compute": name not in HEADER}
         for name, value in dict(roofs).items()]}}
     with tempfile.NamedTemporaryFile("w", suffix=".json") as file:
         json.dump(report, file)
@@ -114,7 +116,8 @@ class table_test(unittest.TestCase):
         self.assertEqual(made_up(region, {"L2": 1})["limited by"], "-")
 
     def test_class_is_that_of_most_operations_and_the_better_of_the_two_scalar_roofs(self):
-        roofs = {"L1": 1000, "Scalar(SP)-FMADD": 10, "Scalar(DP)-FMADD": 12, "f64x2-FMLA/FMLS": 24, "f16x8-FMLA/FMLS": 96}
+        roofs = {"L1": 1000, "Scalar(SP)-FMADD": 10, "Scalar(DP)-FMADD": 12, "f64x2-FMLA/FMLS": 24,
+                 "f16x8-FMLA/FMLS": 96}
 
         def limit(*blocks):
             flop = sum(work * count for work, count, _ in blocks)
@@ -132,15 +135,16 @@ class table_test(unittest.TestCase):
     def test_numbers_have_three_digits_and_the_nearest_prefix(self):
         shown = [made_up({"l1_bytes": value, "time": 1})["L1"]
                  for value in (0, 7, 999, 1000, 9994, 9996, 99949, 999499, 999500)]
-        self.assertEqual(shown, ["0 B", "7 B", "999 B", "1.00 kB", "9.99 kB", "10.0 kB", "99.9 kB", "999 kB", "1.00 MB"])
+        self.assertEqual(shown, ["0 B", "7 B", "999 B", "1.00 kB", "9.99 kB", "10.0 kB", "99.9 kB", "999 kB",
+                                 "1.00 MB"])
         self.assertEqual([made_up({"l1_bytes": 1, "time": value})["time"]
                           for value in (999, 1500, 999499, 999500, 61_000_000_000)],
                          ["999 ns", "1.50 us", "999 us", "1.00 ms", "61.0 s"])
 
     def test_columns_are_as_wide_as_characters_not_bytes(self):
         with tempfile.NamedTemporaryFile("w", suffix=".json", encoding="utf-8") as file:
-            json.dump({"regions": {"größe": {"threads": 1, "flop": 1}, "abcde": {"threads": 1, "flop": 1}}, "threads": 1}, file,
-                      ensure_ascii=False)
+            region = {"threads": 1, "flop": 1}
+            json.dump({"regions": {"größe": region, "abcde": region}, "threads": 1}, file, ensure_ascii=False)
             file.flush()
             lines = run(file.name)[1].splitlines()
         self.assertEqual(lines[2].replace("größe", "abcde"), lines[3])
