@@ -39,7 +39,8 @@ std::string fill(std::string_view form, const std::vector<page_part>& parts) {
 // Nothing is loaded and nothing runs but what has one of these checksums; texts cannot become markup either.
 std::string policy(std::string_view library, std::string_view script, std::string_view style) {
   return "default-src 'none'; script-src " + policy_hash(library) + " " + policy_hash(script) + "; style-src " +
-         policy_hash(style) + "; base-uri 'none'; form-action 'none'; require-trusted-types-for 'script'; "
+         policy_hash(style) +
+         "; base-uri 'none'; form-action 'none'; require-trusted-types-for 'script'; "
          "trusted-types 'none'";
 }
 
@@ -64,22 +65,22 @@ std::string write_page(const view_model& model, const page_options& options) {
   for (const std::string_view part : {common_js(), picture_js(), tables_js(), page_js()}) script += part;
   const std::string style = std::string(picture_style()) + std::string(page_css());
   return fill(page_template(), {
-      {"policy", escape_xml(policy(d3_js(), script, style))},
-      {"title", escape_xml(model.title)},
-      {"files", escape_xml(files_line(model))},
-      {"style", style},
-      {"picture", draw_picture(model, {.standalone = false, .all_threads = true})},
-      {"remarks", remarks_section(model)},
-      {"missing", missing_section(model)},
-      {"comparison", comparison_section(model)},
-      {"ranks", ranks_section(model)},
-      {"regions", regions_section(model)},
-      {"roofs", roofs_section(model)},
-      {"blocks", blocks_section(model, options)},
-      {"data", page_data(model, options)},
-      {"library", std::string(d3_js())},
-      {"script", script},
-  });
+                                   {"policy", escape_xml(policy(d3_js(), script, style))},
+                                   {"title", escape_xml(model.title)},
+                                   {"files", escape_xml(files_line(model))},
+                                   {"style", style},
+                                   {"picture", draw_picture(model, {.standalone = false, .all_threads = true})},
+                                   {"remarks", remarks_section(model)},
+                                   {"missing", missing_section(model)},
+                                   {"comparison", comparison_section(model)},
+                                   {"ranks", ranks_section(model)},
+                                   {"regions", regions_section(model)},
+                                   {"roofs", roofs_section(model)},
+                                   {"blocks", blocks_section(model, options)},
+                                   {"data", page_data(model, options)},
+                                   {"library", std::string(d3_js())},
+                                   {"script", script},
+                               });
 }
 
 }  // namespace ceilmeter::view

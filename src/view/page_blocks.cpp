@@ -68,12 +68,12 @@ block_list list_blocks(const region& of, const std::optional<std::uint64_t>& lim
     const block& one = *order[at];
     const std::uint64_t instructions = one.dump_end > one.dump_start ? (one.dump_end - one.dump_start) / 4 : 0;
     running += work(one);
-    list.listed.push_back({.of = &one,
-                           .operations = multiply(one.flop, one.executions),
-                           .share = share_of(work(one), whole),
-                           .running = share_of(running, whole),
-                           .per_instruction = share_of(static_cast<double>(one.flop),
-                                                       static_cast<double>(instructions))});
+    list.listed.push_back(
+        {.of = &one,
+         .operations = multiply(one.flop, one.executions),
+         .share = share_of(work(one), whole),
+         .running = share_of(running, whole),
+         .per_instruction = share_of(static_cast<double>(one.flop), static_cast<double>(instructions))});
   }
   list.rest = order.size() - listed;
   list.rest_executions = 0;

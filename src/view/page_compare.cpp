@@ -86,8 +86,8 @@ void roof_difference_table(std::string& html, const baseline_view& baseline) {
 std::string heat_strip(const rank_region& region, const std::vector<std::string>& labels) {
   const std::string width = std::to_string(region.ranks.size());
   std::string svg = "<svg class=\"heat\" role=\"img\" viewBox=\"0 0 " + width +
-                    " 1\" preserveAspectRatio=\"none\" aria-label=\"" + width + " ranks of " +
-                    escape_xml(region.name) + ", time over the longest\">";
+                    " 1\" preserveAspectRatio=\"none\" aria-label=\"" + width + " ranks of " + escape_xml(region.name) +
+                    ", time over the longest\">";
   for (std::size_t rank = 0; rank < region.ranks.size(); ++rank) {
     const rank_cell& cell = region.ranks[rank];
     if (!cell.present) continue;
@@ -128,8 +128,9 @@ void rank_row(std::string& html, const ranks_view& ranks, std::size_t index) {
 
 std::string comparison_section(const view_model& model) {
   if (!model.baseline || model.files.size() < 2) return {};
-  std::string html = "<section id=\"comparison\" aria-labelledby=\"comparison-title\">\n"
-                     "<h2 id=\"comparison-title\">Before and after</h2>\n";
+  std::string html =
+      "<section id=\"comparison\" aria-labelledby=\"comparison-title\">\n"
+      "<h2 id=\"comparison-title\">Before and after</h2>\n";
   html += "<p>Before: " + escape_xml(model.files[0].file.label) + ". After: " + escape_xml(model.files[1].file.label) +
           ". A ratio is the later figure divided by the earlier one.</p>\n";
   pair_table(html, model);

@@ -107,8 +107,8 @@ std::string level_line(const region_figures& region, std::size_t level) {
 
 std::string region_object(const file_view& file, std::size_t index, std::uint64_t limit, const module_names* names) {
   const region_figures& region = file.regions[index];
-  std::string json = "{\"name\":" + json_text(region.name) + ",\"time\":\"" + number(region.time.value_or(0)) +
-                     "\",\"lines\":";
+  std::string json =
+      "{\"name\":" + json_text(region.name) + ",\"time\":\"" + number(region.time.value_or(0)) + "\",\"lines\":";
   json += json_array(region_lines(file, region), json_text) + ",\"levels\":{";
   for (std::size_t level = 0; level < level_count; ++level) {
     if (level > 0) json += ',';

@@ -15,11 +15,11 @@ struct shown_figure {
   std::string sort;
 };
 
-shown_figure show_count(const count& value);                          // all digits
+shown_figure show_count(const count& value);  // all digits
 shown_figure show_quantity(const count& value, std::string_view unit);
 shown_figure show_time(const count& nanoseconds);
 shown_figure show_figure(const figure& value, int digits = 3);
-shown_figure show_percent(const figure& share, int digits = 3);        // 1 is 100 %
+shown_figure show_percent(const figure& share, int digits = 3);  // 1 is 100 %
 
 // A table inside of a frame that scrolls sideways. `id` has to be unique in the page.
 void open_table(std::string& html, std::string_view id, std::string_view caption);

@@ -138,8 +138,8 @@ std::string of_file(const view_model& model, std::size_t file, const std::string
 
 std::vector<std::size_t> listed_files(const view_model& model) {
   std::vector<std::size_t> files;
-  const std::size_t end = model.options.mode == view_mode::ranks ? std::min<std::size_t>(1, model.files.size())
-                                                                 : model.files.size();
+  const std::size_t end =
+      model.options.mode == view_mode::ranks ? std::min<std::size_t>(1, model.files.size()) : model.files.size();
   for (std::size_t file = 0; file < end; ++file) files.push_back(file);
   return files;
 }
@@ -167,7 +167,8 @@ std::string missing_section(const view_model& model) {
   }
   if (items.empty()) return {};
   return "<section id=\"missing\" aria-labelledby=\"missing-title\">\n"
-         "<h2 id=\"missing-title\">Not in the picture</h2>\n<ul>\n" + items + "</ul>\n</section>\n";
+         "<h2 id=\"missing-title\">Not in the picture</h2>\n<ul>\n" +
+         items + "</ul>\n</section>\n";
 }
 
 std::string remarks_section(const view_model& model) {

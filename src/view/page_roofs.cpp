@@ -78,8 +78,8 @@ std::string roofs_section(const view_model& model) {
     any = true;
     roof_table(html, model, file);
     if (shown.drawn_roofs) {
-      html += "<p>The picture shows the roofs of " +
-              counted(shown.roofs[*shown.drawn_roofs].threads, "thread") + " at first.</p>\n";
+      html += "<p>The picture shows the roofs of " + counted(shown.roofs[*shown.drawn_roofs].threads, "thread") +
+              " at first.</p>\n";
     }
   }
   if (!any) html += "<p>There are no roofs.</p>\n";

@@ -49,8 +49,11 @@ result_file make_file(std::vector<region> regions) {
   file.threads = 1;
   file.regions = std::move(regions);
   file.roofs = {{.threads = 1,
-                 .roofs = {{"L1", 90, "GB/s", false}, {"L2", 50, "GB/s", false}, {"L3", 30, "GB/s", false},
-                           {"DDR", 20, "GB/s", false}, {"f64x2-FMLA/FMLS", 16, "GFLOPS", true}}}};
+                 .roofs = {{"L1", 90, "GB/s", false},
+                           {"L2", 50, "GB/s", false},
+                           {"L3", 30, "GB/s", false},
+                           {"DDR", 20, "GB/s", false},
+                           {"f64x2-FMLA/FMLS", 16, "GFLOPS", true}}}};
   file.root_roofs = file.roofs[0].roofs;
   file.modules = {"/opt/app", "/usr/lib/libm.so.6"};
   return file;
