@@ -129,6 +129,7 @@ std::vector<module_work> work_by_module(const region& of) {
     sum.share = share_of(rough, whole);
   }
   std::vector<module_work> list;
+  list.reserve(modules.size());
   for (const auto& [module, sum] : modules) list.push_back(sum.first);
   std::stable_sort(list.begin(), list.end(), [](const module_work& a, const module_work& b) {
     return a.share.value_or(0) > b.share.value_or(0);
