@@ -123,8 +123,9 @@ bool draw_beside(picture_state& state, std::string_view css_class, const std::st
     text_anchor align;
   };
   const double middle = size * 0.35;
-  const double low = distance + size * font_ascent + label_margin;
-  const double high = -distance - size * font_descent - label_margin;
+  constexpr double slack = 0.5;  // A box that just touches a point would depend on rounding.
+  const double low = distance + size * font_ascent + label_margin + slack;
+  const double high = -distance - size * font_descent - label_margin - slack;
   const std::array<place, 8> places = {{{distance + 4, middle, text_anchor::start},
                                         {-distance - 4, middle, text_anchor::end},
                                         {0, high, text_anchor::middle},
@@ -152,25 +153,42 @@ bool draw_beside(picture_state& state, std::string_view css_class, const std::st
   return true;
 }
 
-void draw_point(picture_state& state, const shown_point& point, double radius, bool hollow) {
-  std::string classes(level_class(point.level));
-  if (hollow) classes += " hollow";
-  const std::string place = "translate(" + units(point.at.x) + " " + units(point.at.y) + ")";
+void draw_marker(picture_state& state, const shown_point& point, double radius, bool hollow) {
   const std::string level(level_class(point.level));
-  if (point.edge.empty()) {
-    state.svg.leaf("path", {{"class", "marker " + classes}, {"data-level", level}, {"data-x", lg_text(point.lg_x)},
-                            {"data-y", lg_text(point.lg_y)}, {"data-size", units(radius)}, {"transform", place},
-                            {"d", marker_path(point.level, radius)}});
-    return;
+  state.svg.leaf("path", {{"class", "marker " + level + (hollow ? " hollow" : "")}, {"data-level", level},
+                          {"data-x", lg_text(point.lg_x)}, {"data-y", lg_text(point.lg_y)},
+                          {"data-size", units(radius)},
+                          {"transform", "translate(" + units(point.at.x) + " " + units(point.at.y) + ")"},
+                          {"d", marker_path(point.level, radius)}});
+}
+
+// The points beyond one edge of the frame, as arrows, and one text with their values.
+void draw_beyond(picture_state& state, const std::vector<shown_point>& points, std::string_view edge, bool hollow) {
+  const bool sideways = edge == "left" || edge == "right";
+  const shown_point* last = nullptr;
+  std::string values;
+  for (const shown_point& point : points) {
+    if (point.edge != edge) continue;
+    const std::string level(level_class(point.level));
+    state.svg.leaf("path", {{"class", "edge-arrow " + level + (hollow ? " hollow" : "")},
+                            {"data-edge", std::string(edge)}, {"data-level", level},
+                            {"data-x", lg_text(point.lg_x)}, {"data-y", lg_text(point.lg_y)},
+                            {"transform", "translate(" + units(point.at.x) + " " + units(point.at.y) + ")"},
+                            {"d", arrow_path(edge)}});
+    last = &point;
+    values += (values.empty() ? "" : ", ") + std::string(level_names[static_cast<std::size_t>(point.level)]) + " " +
+              number(std::pow(10, point.lg_x), 3);
   }
-  state.svg.leaf("path", {{"class", "edge-arrow " + classes}, {"data-edge", std::string(point.edge)},
-                          {"data-level", level}, {"data-x", lg_text(point.lg_x)}, {"data-y", lg_text(point.lg_y)},
-                          {"transform", place}, {"d", arrow_path(point.edge)}});
-  const bool sideways = point.edge == "left" || point.edge == "right";
-  const std::string value = std::string(level_names[static_cast<std::size_t>(point.level)]) + " " +
-                            number(std::pow(10, sideways ? point.lg_x : point.lg_y), 3) +
-                            (sideways ? " flop/byte" : " GFLOP/s");
-  draw_beside(state, "edge-value " + level, value, small_size, point.at, edge_inset, {point.lg_x, point.lg_y});
+  if (last == nullptr) return;
+  const std::string text = sideways ? values + " flop/byte" : number(std::pow(10, last->lg_y), 3) + " GFLOP/s";
+  draw_beside(state, "edge-value", text, small_size, last->at, edge_inset + point_margin, {last->lg_x, last->lg_y});
+}
+
+void draw_points(picture_state& state, const std::vector<shown_point>& points, double radius, bool hollow) {
+  for (const shown_point& point : points) {
+    if (point.edge.empty()) draw_marker(state, point, radius, hollow);
+  }
+  for (const std::string_view edge : {"left", "right", "top", "bottom"}) draw_beyond(state, points, edge, hollow);
 }
 
 // The name stands beside the outermost markers if it can, else beside any.
@@ -180,8 +198,11 @@ void draw_name(picture_state& state, const std::string& name, const shown_region
   std::sort(order.begin(), order.end(), [](const shown_point& a, const shown_point& b) { return a.lg_x > b.lg_x; });
   if (order.size() > 2) std::swap(order[1], order.back());
   for (const shown_point& point : order) {
-    const double distance = point.edge.empty() ? reach_of(point.level, region.radius) + point_margin : edge_inset;
-    if (draw_beside(state, "region-label", name, label_size, point.at, distance, {point.lg_x, point.lg_y})) return;
+    const double distance = point.edge.empty() ? reach_of(point.level, region.radius) : edge_inset;
+    if (draw_beside(state, "region-label", name, label_size, point.at, distance + point_margin,
+                    {point.lg_x, point.lg_y})) {
+      return;
+    }
   }
 }
 
@@ -258,9 +279,7 @@ void draw_region(picture_state& state, const shown_region& region, bool with_nam
       return a.lg_x < b.lg_x;
     });
     draw_line(state, first->lg_x, last->lg_x, lg_y);
-    for (const shown_point& point : points) {
-      draw_point(state, point, region.radius, is_hollow(state.model, region.file));
-    }
+    draw_points(state, points, region.radius, is_hollow(state.model, region.file));
     if (!name.empty()) draw_name(state, name, region, points);
   }
   state.svg.close();

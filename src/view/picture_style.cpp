@@ -43,7 +43,7 @@ stroke-linejoin:round}
 .roofline .hollow{fill:var(--plot);stroke:var(--level);stroke-width:2}
 .roofline .region-label,.roofline .region-note{font-size:12px;stroke:var(--plot);stroke-width:3;paint-order:stroke;
 stroke-linejoin:round}
-.roofline .edge-value{fill:var(--level);stroke:var(--plot);stroke-width:3;paint-order:stroke}
+.roofline .edge-value{stroke:var(--plot);stroke-width:3;paint-order:stroke}
 .roofline .move{stroke:var(--level);stroke-width:1.5;fill:none}
 .roofline .note{font-size:12px;fill:var(--ink-soft)}
 .roofline .note.warn{fill:var(--warn)}
