@@ -8,7 +8,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 # The tool is a non-relocatable executable, and its kernels hold absolute address words: position-independent
 # executables, which distributions' compilers make by default, are switched off for AArch64. The host's sanitizers
 # prefer the default.
-if(NOT CEILMETER_HOST)
+if(NOT CEILMETER_HOST AND NOT CEILMETER_VIEWER_ONLY)
   include(CheckPIESupported)
   check_pie_supported(LANGUAGES C CXX)
   set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
@@ -25,8 +25,10 @@ endfunction()
 
 find_package(Threads REQUIRED)
 
-# The system's own: it has the distribution's modules.
-find_program(CEILMETER_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
+# The system's own: it has the distribution's modules. The viewer alone needs none.
+if(NOT CEILMETER_VIEWER_ONLY)
+  find_program(CEILMETER_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
+endif()
 
 add_library(ceilmeter_rules INTERFACE)
 target_include_directories(ceilmeter_rules INTERFACE "${PROJECT_SOURCE_DIR}/src")

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""The completion of the command line, as a user at a terminal meets it: an interactive bash that has read the file, keys
+"""The completion of the command lines, as a user at a terminal meets it: an interactive bash that has read the files, keys
 typed into it, and what then stands in its line.
 
-completion_test.py SOURCE EMULATOR... TOOL
+completion_test.py SOURCE CEILMETER CEILVIEW EMULATOR...
 """
 import os
 import pty
@@ -15,8 +15,9 @@ import tempfile
 import time
 import unittest
 
-source, *command = sys.argv[1:]
+source, tool, viewer, *emulator = sys.argv[1:]
 completion = os.path.join(source, "packaging/ceilmeter.bash")
+viewer_completion = os.path.join(source, "packaging/ceilview.bash")
 SECONDS = 60  # A guard against a hang.
 SHOW_LINE = "\x18p"  # Control-X p, bound below.
 
@@ -33,7 +34,7 @@ class shell:
         for line in ("bind 'set bell-style none'", "bind 'set completion-query-items 0'", "bind 'set page-completions off'",
                      # The line in hand between two marks.
                      r"""bind -x '"\C-xp": printf "<%s>\n" "$READLINE_LINE"'""",
-                     *before, f"source '{completion}'", "printf '<%s>\\n' ready"):
+                     *before, f"source '{completion}'; source '{viewer_completion}'", "printf '<%s>\\n' ready"):
             os.write(self.terminal, line.encode() + b"\n")
         self.seen = b""
         self.wait_for(rb"<(ready)>")
@@ -58,6 +59,22 @@ class shell:
     def close(self):
         os.close(self.terminal)
         os.waitpid(self.pid, 0)
+
+
+def usage_options(program):
+    """The options of the help text: they stand in front of the dash of the explanation."""
+    usage = subprocess.run([*emulator, program, "--help"], capture_output=True, text=True, timeout=SECONDS, check=True).stdout
+    return {word for line in usage.splitlines() if line.startswith("    -")
+            for word in re.findall(r"(?<![\w-])--?[a-zA-Z][\w-]*", line.split(" - ")[0])}
+
+
+def offered_options(script):
+    """What the completion in the file `script` offers for a single dash."""
+    name = os.path.basename(script).removesuffix(".bash")
+    text = (f"source '{script}'; COMP_WORDS=({name} -) COMP_CWORD=1; _{name} 2> /dev/null; "
+            "printf '%s\n' \"${COMPREPLY[@]}\"")
+    offered = subprocess.run(["bash", "-c", text], capture_output=True, text=True, timeout=SECONDS, check=True).stdout
+    return {word.rstrip("=") for word in offered.split()}
 
 
 class completion_test(unittest.TestCase):
@@ -121,15 +138,29 @@ class completion_test(unittest.TestCase):
             done = subprocess.run(["bash", "-c", script], capture_output=True, text=True, timeout=SECONDS, check=True)
             self.assertEqual((done.stdout, done.stderr), (f"from {place}", ""))
 
-    def test_every_option_of_the_help_text_is_offered_and_no_other(self):
-        usage = subprocess.run([*command, "--help"], capture_output=True, text=True, timeout=SECONDS, check=True).stdout
-        in_usage = {word for line in usage.splitlines() if line.startswith("    -")
-                    for word in re.findall(r"(?<![\w-])--?[a-zA-Z][\w-]*", line[:43])}
-        script = (f"source '{completion}'; COMP_WORDS=(ceilmeter -) COMP_CWORD=1; _ceilmeter 2> /dev/null; "
-                  "printf '%s\\n' \"${COMPREPLY[@]}\"")
-        offered = subprocess.run(["bash", "-c", script], capture_output=True, text=True, timeout=SECONDS, check=True).stdout
-        self.assertEqual({word.rstrip("=") for word in offered.split()}, in_usage)
-        self.assertGreaterEqual(len(in_usage), 13)
+    def test_every_option_of_the_help_texts_is_offered_and_no_other(self):
+        for script, program, at_least in ((completion, tool, 13), (viewer_completion, viewer, 18)):
+            in_usage = usage_options(program)
+            self.assertEqual(offered_options(script), in_usage)
+            self.assertGreaterEqual(len(in_usage), at_least)
+
+    def test_options_and_values_of_the_viewer_are_completed(self):
+        self.check("ceilview --base\t", "ceilview --baseline=")
+        self.check("ceilview --short\t", "ceilview --short-paths ")
+        self.check("ceilview --level=D\t", "ceilview --level=DDR ")
+        self.check("ceilview --level D\t", "ceilview --level DDR ")
+        self.check("ceilview --blocks=\t", "ceilview --blocks=all ")
+        self.check("ceilview --modules=some\t", "ceilview --modules=some_folder/")
+        self.check("ceilview -o no\t", "ceilview -o notes.md ")
+
+    def test_files_of_the_viewer_are_result_files_or_folders_on_the_way_to_one(self):
+        with open(os.path.join(self.folder, "solver.roofline.json"), "w", encoding="utf-8"):
+            pass
+        self.check("ceilview sol\t", "ceilview solver.roofline.json ")
+        self.check("ceilview --svg some\t", "ceilview --svg some_folder/")
+        self.check("ceilview --baseline=sol\t", "ceilview --baseline=solver.roofline.json ")
+        self.check("ceilview --title x sol\t", "ceilview --title x solver.roofline.json ")
+        self.check("ceilview a.json -- --sv\t", "ceilview a.json -- --sv")
 
 
 class completion_without_breaks_at_equals_signs_test(completion_test):

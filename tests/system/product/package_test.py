@@ -26,16 +26,17 @@ def cached(name):
         return re.search(rf"^{name}:\w+=(.*)$", file.read(), re.M)[1]
 
 
-PROGRAMS = {"bin/ceilmeter"}
+PROGRAMS = {"bin/ceilmeter", "bin/ceilview"}
 FILES = {
     "include/roofline_events.h",
-    "share/man/man1/ceilmeter.1",
-    "share/bash-completion/completions/ceilmeter",
+    *(f"share/man/man1/{name}.1" for name in ("ceilmeter", "ceilview")),
+    *(f"share/bash-completion/completions/{name}" for name in ("ceilmeter", "ceilview")),
     "share/doc/ceilmeter/README.md",
     "share/doc/ceilmeter/CHANGELOG.md",
     *(f"share/doc/ceilmeter/docs/{name}" for name in (
-        "flop.md", "regions.md", "result-format.md", "result-format.schema.json", "roofline-table.md", "roofs.md",
-        "troubleshooting.md")),
+        "flop.md", "regions.md", "result-format.md", "result-format.schema.json", "roofs.md", "troubleshooting.md",
+        "viewer.md", "viewer/before_and_after.svg", "viewer/example.json", "viewer/example.svg",
+        "viewer/example_before.json")),
     *(f"{libdir}/{name}" for name in ("libroofline_events.a", "libroofline_events.so.0",
                                       "pkgconfig/roofline_events.pc")),
     *(f"{libdir}/cmake/roofline_events/roofline_events-{name}.cmake" for name in (
@@ -91,7 +92,8 @@ class package_test(unittest.TestCase):
         run([cmake, "--install", build, "--prefix", prefix])
         self.assertEqual(files_below(prefix), PROGRAMS | FILES | set(LINKS))
         self.assertEqual(os.readlink(f"{prefix}/{libdir}/libroofline_events.so"), "libroofline_events.so.0")
-        self.assertTrue(os.access(f"{prefix}/bin/ceilmeter", os.X_OK))
+        for program in PROGRAMS:
+            self.assertTrue(os.access(f"{prefix}/{program}", os.X_OK), program)
 
     def test_deb_holds_exactly_the_known_files_below_usr(self):
         with subprocess.Popen(["dpkg-deb", "--fsys-tarfile", self.deb], stdout=subprocess.PIPE) as process:
@@ -116,7 +118,7 @@ class package_test(unittest.TestCase):
     def test_deb_depends_on_every_library_that_its_programs_need_in_the_versions_that_they_need(self):
         declared = dict(re.findall(r"([a-z0-9+-]+) \(>= ([^)]+)\)", self.field("Depends")))
         needed = {}
-        for file in ("bin/ceilmeter", f"{libdir}/libroofline_events.so.0"):
+        for file in (*PROGRAMS, f"{libdir}/libroofline_events.so.0"):
             text = run(["readelf", "-dVW", f"{self.tree}/usr/{file}"])
             libraries = re.findall(r"\(NEEDED\).*\[(.*)\]", text)
             # The library's version needs: each file, and behind it the versions.
@@ -147,7 +149,7 @@ class package_test(unittest.TestCase):
         raise AssertionError(f"{package} for arm64 is not installed: scripts/setup does it")
 
     def test_packaged_programs_are_stripped_and_their_marks_are_still_found(self):
-        for file in ("bin/ceilmeter", f"{libdir}/libroofline_events.so.0"):
+        for file in (*PROGRAMS, f"{libdir}/libroofline_events.so.0"):
             sections = run(["readelf", "-SW", f"{self.tree}/usr/{file}"])
             self.assertNotIn(".debug_info", sections)
             self.assertNotIn(".symtab", sections)
@@ -158,13 +160,15 @@ class package_test(unittest.TestCase):
     def test_all_that_is_installed_tells_the_version_of_the_project(self):
         self.assertEqual(run([*emulator, f"{build}/ceilmeter", "--version"]).splitlines()[0],
                          f"ceilmeter tool version {self.version}")
+        self.assertEqual(run([*emulator, f"{build}/ceilview", "--version"]), f"ceilview version {self.version}\n")
         text = {}
-        for path in ("share/man/man1/ceilmeter.1", f"{libdir}/pkgconfig/roofline_events.pc",
+        for path in ("share/man/man1/ceilmeter.1", "share/man/man1/ceilview.1", f"{libdir}/pkgconfig/roofline_events.pc",
                      f"{libdir}/cmake/roofline_events/roofline_events-config-version.cmake",
                      "share/doc/ceilmeter/CHANGELOG.md"):
             with open(f"{self.tree}/usr/{path}", encoding="utf-8") as file:
                 text[os.path.basename(path)] = file.read()
-        self.assertIn(f'"ceilmeter {self.version}"', text["ceilmeter.1"])
+        for page in ("ceilmeter.1", "ceilview.1"):
+            self.assertIn(f'"ceilmeter {self.version}"', text[page])
         self.assertIn(f"\nVersion: {self.version}\n", text["roofline_events.pc"])
         self.assertIn(f'set(PACKAGE_VERSION "{self.version}")', text["roofline_events-config-version.cmake"])
         self.assertEqual(re.search(r"^## (\S+)", text["CHANGELOG.md"], re.M)[1], self.version)
@@ -179,26 +183,32 @@ class package_test(unittest.TestCase):
                         self.assertFalse(re.search(rf'version[^\n]*\b{re.escape(self.version)}\b(?!\.)', line, re.I),
                                          f"{folder}/{path}: {line}")
 
-    def test_man_page_is_set_without_a_complaint(self):
-        page = f"{self.tree}/usr/share/man/man1/ceilmeter.1"
-        done = subprocess.run(["groff", "-man", "-ww", "-Tutf8", "-Wbreak", page], capture_output=True, text=True,
-                              timeout=SECONDS, check=True)
-        self.assertEqual(done.stderr, "")
-        self.assertIn("ceilmeter - collect roofline data of an application", re.sub(r".\x08|\x1b\[[0-9;]*m", "", done.stdout)
-                      .replace("−", "-"))
+    def test_man_pages_are_set_without_a_complaint(self):
+        for title in ("ceilmeter - collect roofline data of an application",
+                      "ceilview - draw the rooflines of result files"):
+            page = f"{self.tree}/usr/share/man/man1/{title.split()[0]}.1"
+            done = subprocess.run(["groff", "-man", "-ww", "-Tutf8", "-Wbreak", page], capture_output=True, text=True,
+                                  timeout=SECONDS, check=True)
+            self.assertEqual(done.stderr, "")
+            self.assertIn(title, re.sub(r".\x08|\x1b\[[0-9;]*m", "", done.stdout).replace("−", "-"))
 
-    def test_man_page_has_the_options_of_the_help_text(self):
-        with open(f"{self.tree}/usr/share/man/man1/ceilmeter.1", encoding="utf-8") as file:
+    def test_man_pages_have_the_options_of_the_help_texts(self):
+        self.check_options_of_man_page("ceilmeter", 43, 13)
+        self.check_options_of_man_page("ceilview", 38, 18)
+
+    def check_options_of_man_page(self, program, head, at_least):
+        """`head` is the width of an option's column in the help text."""
+        with open(f"{self.tree}/usr/share/man/man1/{program}.1", encoding="utf-8") as file:
             text = file.read()
         page = text[text.index(".SH OPTIONS"):text.index(".SH EXIT STATUS")].replace("\\-", "-")
         # An option stands in the line behind .TP, which is its title.
         titles = re.findall(r"^\.TP\n(\..*)$", page, re.M)
         option = r"(?<![\w-])--?[a-zA-Z][\w-]*"
         in_page = {word for title in titles for word in re.findall(option, title)}
-        usage = run([*emulator, f"{build}/ceilmeter", "--help"])
+        usage = run([*emulator, f"{build}/{program}", "--help"])
         in_usage = {word for line in usage.splitlines() if line.startswith("    -")
-                    for word in re.findall(option, line[:43])}
-        self.assertGreaterEqual(len(in_usage), 13)
+                    for word in re.findall(option, line[:head])}
+        self.assertGreaterEqual(len(in_usage), at_least)
         self.assertEqual(in_page, in_usage)
 
 
