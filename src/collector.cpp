@@ -105,6 +105,7 @@ std::vector<perfmon_region> run_in_total_mode(const collector_config& config) {
   // Counters that are opened here, on the tool's thread, follow the application by inheritance.
   perfmon counters(true);
   log(LEVEL_INFO, "Start roofline events in total mode");
+  use_counting_privilege();
   counters.start_roofline_events(total_region_name);
   give_up_rights();
   log(LEVEL_INFO, "Launch application %s in total mode", config.application.c_str());

@@ -16,7 +16,9 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr unsigned perfmon_capability = 38;  // CAP_PERFMON, which headers before Linux 5.8 do not have.
+// CAP_PERFMON is 38, which headers before Linux 5.8 do not have. Kernels that know a perf_event_paranoid of 3 may ask for
+// CAP_SYS_ADMIN.
+constexpr std::uint64_t counting_capabilities = std::uint64_t{1} << 38 | std::uint64_t{1} << CAP_SYS_ADMIN;
 
 // As the kernel takes them: the lower 32 capabilities, then the upper.
 using capability_words = std::array<__user_cap_data_struct, 2>;
@@ -28,13 +30,13 @@ bool read_capabilities(capability_words& words) {
   return syscall(SYS_capget, &header, words.data()) == 0;
 }
 
-// Of what is permitted only `kept` stays, and is effective.
-bool restrict_capabilities(std::uint64_t kept) {
+// Of what is permitted only `kept` stays, of that only `used` is in effect.
+bool restrict_capabilities(std::uint64_t kept, std::uint64_t used) {
   capability_words words{};
   if (!read_capabilities(words)) return false;
   for (std::size_t word = 0; word < words.size(); ++word) {
     words[word].permitted &= static_cast<std::uint32_t>(kept >> (32 * word));
-    words[word].effective = words[word].permitted;
+    words[word].effective = words[word].permitted & static_cast<std::uint32_t>(used >> (32 * word));
   }
   __user_cap_header_struct header = header_of_this_thread();
   return syscall(SYS_capset, &header, words.data()) == 0;
@@ -63,13 +65,18 @@ bool keep_counting_privilege_alone() {
   if (!take_callers_identity()) return false;
   if (getuid() == 0) return true;  // Root's capabilities are its own.
   prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
-  return restrict_capabilities(std::uint64_t{1} << perfmon_capability);
+  return restrict_capabilities(counting_capabilities, 0);
+}
+
+void use_counting_privilege() {
+  // Without them the counters are refused, which is told there.
+  if (is_privileged_start() && getuid() != 0) restrict_capabilities(counting_capabilities, counting_capabilities);
 }
 
 bool give_up_privileges() {
   static bool is_done = false;
   if (is_done || !is_privileged_start()) return true;
-  if (getuid() != 0 && !restrict_capabilities(0)) return false;
+  if (getuid() != 0 && !restrict_capabilities(0, 0)) return false;
   // The kernel keeps a privileged process from debuggers and core dumps. There is nothing to protect any more.
   prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);
   is_done = true;

@@ -4,10 +4,14 @@
 
 namespace ceilmeter {
 
-// Gives up all that the executable's file has lent, but for the right to open counters (CAP_PERFMON). User and group
-// become the caller's. False if that fails: the run must not go on then. Nothing happens to a process that its file has
-// lent nothing, root's for instance. Call first in main.
+// Gives up all that the executable's file has lent, but for the rights to open counters (CAP_PERFMON, and CAP_SYS_ADMIN,
+// which some kernels want instead), and takes effect off those. User and group become the caller's. False if that fails:
+// the run must not go on then. Nothing happens to a process that its file has lent nothing, root's for instance. Call
+// first in main.
 bool keep_counting_privilege_alone();
+
+// Puts the rights to open counters into effect. Call right before counters are opened.
+void use_counting_privilege();
 
 // Gives up the rest, for good; the process can no longer be told from one without any of it. False if that fails. Later
 // calls do nothing. Call before the application runs, in this process or in a child, and before a result is written.

@@ -25,6 +25,11 @@ LOG_TEXT = re.compile(r"^\[[^]]*\] +(\w+):\d+ +MORA (.*)$", re.M)
 CAPABILITIES = re.compile(r"^Cap(?:Prm|Eff|Amb):\s*([0-9a-f]+)$", re.M)
 
 
+def write_text(path, text):
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
 class kept_results_test(unittest.TestCase):
     maxDiff = None
 
@@ -111,8 +116,10 @@ class kept_results_test(unittest.TestCase):
         """A copy of the tool that lends an ordinary user the right to open counters, and a second one of root's."""
         counting = os.path.join(self.folder, "counting")
         shutil.copy(tool, counting)
-        # Version 2 with the effective bit, the lower words, the upper words: capability 38.
-        os.setxattr(counting, "security.capability", struct.pack("<IIIII", 0x02000001, 0, 0, 1 << (38 - 32), 0))
+        # Version 2 with the effective bit, then permitted and inheritable of the lower word and of the upper one:
+        # CAP_SYS_ADMIN, which this kernel wants for counters where the value is 3, CAP_DAC_OVERRIDE, and CAP_PERFMON.
+        os.setxattr(counting, "security.capability",
+                    struct.pack("<IIIII", 0x02000001, 1 << 21 | 1 << 1, 0, 1 << (38 - 32), 0))
         of_root = os.path.join(self.folder, "of_root")
         shutil.copy(tool, of_root)
         os.chmod(of_root, 0o4755)
@@ -122,9 +129,8 @@ class kept_results_test(unittest.TestCase):
         paranoid = "/proc/sys/kernel/perf_event_paranoid"
         with open(paranoid, encoding="ascii") as file:
             before = file.read()
-        self.addCleanup(lambda: open(paranoid, "w", encoding="ascii").write(before))
-        with open(paranoid, "w", encoding="ascii") as file:
-            file.write("3")
+        write_text(paranoid, "3")
+        self.addCleanup(write_text, paranoid, before)
         os.chown(self.folder, USER, USER)
         os.chmod(self.folder, 0o755)
         for executable in self.privileged_tool():

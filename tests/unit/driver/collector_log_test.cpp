@@ -99,7 +99,7 @@ std::vector<std::string> collectors_lines(const std::string& text) {
     const bool has_header = line.find(" MORA ") != std::string::npos;
     // A line without a header goes on with the message before it.
     if (has_header) is_message = line.find(" collector:") != std::string::npos && line.find(" result: ") == std::string::npos;
-    if (is_message) lines.push_back(test::log_lines(line).front());
+    if (is_message) lines.push_back(line.empty() ? line : test::log_lines(line).front());
   }
   return lines;
 }
@@ -123,8 +123,8 @@ TEST_P(collector_log, tells_each_step) {
   EXPECT_EQ(collectors_lines(captured.text()), GetParam().lines);
 }
 
-INSTANTIATE_TEST_SUITE_P(of, collector_log, ::testing::ValuesIn(rows()), [](const auto& info) {
-  std::string name = info.param.what;
+INSTANTIATE_TEST_SUITE_P(of, collector_log, ::testing::ValuesIn(rows()), [](const auto& one) {
+  std::string name = one.param.what;
   for (char& letter : name) letter = letter == ' ' ? '_' : letter;
   return name;
 });
