@@ -140,8 +140,8 @@ void keep_counters(const collector_config& config) {
   _exit(0);
 }
 
-// The join in two steps is the join in one: the second finds nothing but roofs to add, because the inputs of the first are
-// spent.
+// The join in two steps is the join in one: the second finds nothing but roofs to add, because the inputs of the first
+// are spent.
 void keep_before_benchmarks(collector_config& config, collector_report& report, bintracer_report& tracer_report,
                             result_keeper& keeper) {
   benchmark_report none_yet;

@@ -1,5 +1,5 @@
-// What happens to a run when somebody stops it while its application runs as a child: the application ends, its counters
-// up to then are written, and then the tool ends by the same signal. A second request ends the tool at once.
+// What happens to a run when somebody stops it while its application runs as a child: the application ends, its
+// counters up to then are written, and then the tool ends by the same signal. A second request ends the tool at once.
 #pragma once
 
 #include <sys/types.h>
@@ -12,8 +12,8 @@ namespace ceilmeter {
 // already, and a child can be waited for even if the caller ignores SIGCHLD. Make it before fork, one at a time, in a
 // process of one thread.
 //
-// A signal from a terminal goes to the whole group of processes, the child among them. One that was sent, by `kill` or by
-// a batch system, is passed on, because it may have been sent to the tool alone.
+// A signal from a terminal goes to the whole group of processes, the child among them. One that was sent, by `kill` or
+// by a batch system, is passed on, because it may have been sent to the tool alone.
 class interruption_guard {
  public:
   interruption_guard();   // The signals wait until one of the two calls that follow.

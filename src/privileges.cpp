@@ -1,5 +1,5 @@
-// The bounding set and the inheritable set stay: they are the caller's own, and a program that the application starts has
-// them natively as well.
+// The bounding set and the inheritable set stay: they are the caller's own, and a program that the application starts
+// has them natively as well.
 #include "privileges.h"
 
 #include <elf.h>
@@ -16,8 +16,8 @@ namespace ceilmeter {
 
 namespace {
 
-// CAP_PERFMON is 38, which headers before Linux 5.8 do not have. Kernels that know a perf_event_paranoid of 3 may ask for
-// CAP_SYS_ADMIN.
+// CAP_PERFMON is 38, which headers before Linux 5.8 do not have. Kernels that know a perf_event_paranoid of 3 may ask
+// for CAP_SYS_ADMIN.
 constexpr std::uint64_t counting_capabilities = std::uint64_t{1} << 38 | std::uint64_t{1} << CAP_SYS_ADMIN;
 
 // As the kernel takes them: the lower 32 capabilities, then the upper.

@@ -1,5 +1,5 @@
-// Raw system calls where the C library has no wrapper or a narrower one. A call that this kernel does not know leaves its
-// part of the record unset, and nothing is restored from it.
+// Raw system calls where the C library has no wrapper or a narrower one. A call that this kernel does not know leaves
+// its part of the record unset, and nothing is restored from it.
 #include "process_state.h"
 
 #include <sched.h>

@@ -1,5 +1,5 @@
-// The file is written in place, because other names, an owner or a mode of it are the user's. A new file that is renamed
-// would lose them.
+// The file is written in place, because other names, an owner or a mode of it are the user's. A new file that is
+// renamed would lose them.
 #include "result_file.h"
 
 #include <fcntl.h>

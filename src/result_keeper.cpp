@@ -1,4 +1,5 @@
-// The lines that tell where the data are stand in the log whatever its level is: without them the data are lost after all.
+// The lines that tell where the data are stand in the log whatever its level is: without them the data are lost after
+// all.
 #include "result_keeper.h"
 
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// Keeps what a run has measured: in the result file or, where that cannot be written, in a copy elsewhere, whose place the
-// log tells. What was measured before a step that may end the process is kept before the step begins.
+// Keeps what a run has measured: in the result file or, where that cannot be written, in a copy elsewhere, whose place
+// the log tells. What was measured before a step that may end the process is kept before the step begins.
 #pragma once
 
 #include <string>
@@ -18,8 +18,8 @@ class result_keeper {
   // Keeps what there is so far. Says nothing unless it takes a copy.
   void keep(const collector_report& report);
 
-  // Writes the result file and removes the copy that `keep` has made. False, with the cause in errno, if the result file
-  // cannot be written: a copy is then kept, if any folder takes one.
+  // Writes the result file and removes the copy that `keep` has made. False, with the cause in errno, if the result
+  // file cannot be written: a copy is then kept, if any folder takes one.
   bool finish(const collector_report& report);
 
  private:

@@ -1,5 +1,5 @@
-// A line on the terminal that tells how far the long work of a run is. It stands on standard error, overwrites itself and
-// is gone at the end; where standard error is no terminal nothing is written.
+// A line on the terminal that tells how far the long work of a run is. It stands on standard error, overwrites itself
+// and is gone at the end; where standard error is no terminal nothing is written.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +14,8 @@ class terminal_progress {
   terminal_progress(const terminal_progress&) = delete;
   terminal_progress& operator=(const terminal_progress&) = delete;
 
-  // Shows "CEILMETER: " and `text`, cut to the terminal's width. The cursor stays at the line's start, so that a line of
-  // the log overwrites it.
+  // Shows "CEILMETER: " and `text`, cut to the terminal's width. The cursor stays at the line's start, so that a line
+  // of the log overwrites it.
   void show(const std::string& text);
   void clear();
 

@@ -11,8 +11,8 @@ namespace ceilmeter {
 // that somebody has resolved before.
 bool is_foreign_link(const std::string& path);
 
-// open(2), which fails with EACCES for a foreign link, also for one that appears between test and call. `flags` may hold
-// O_CREAT and O_TRUNC: nothing behind a foreign link is made or cut.
+// open(2), which fails with EACCES for a foreign link, also for one that appears between test and call. `flags` may
+// hold O_CREAT and O_TRUNC: nothing behind a foreign link is made or cut.
 int open_unless_foreign_link(const std::string& path, int flags, unsigned mode);
 
 }  // namespace ceilmeter

@@ -21,7 +21,8 @@ PHASES = ("perfmon", "bintracer")
 OPENED = re.compile(r'^(\d+) +(?:openat\([^,]+, |open\(|creat\()"([^"]*)"(.*)\) = (-?\d+)')
 
 # What the log says of a result file that cannot be written: its path, the copy's path, the reason.
-COPY_LINES = re.compile(r"\[[^]]*\] +result_keeper:\d+ +MORA warn Report cannot be written to (.*), a copy is saved as (.*)\n"
+COPY_LINES = re.compile(r"\[[^]]*\] +result_keeper:\d+ +MORA warn "
+                        r"Report cannot be written to (.*), a copy is saved as (.*)\n"
                         r"\[[^]]*\] +collector:\d+ +MORA fatal Error when trying to write report:\n(.*)\n")
 
 

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Whatever happens at the end of a run, what was measured is kept: limits and state that a traced application leaves, an
-end in a later phase, and a caller that ignores its children; and the application has no more rights than its user.
+"""Whatever happens at the end of a run, what was measured is kept: limits and state that a traced application leaves,
+an end in a later phase, and a caller that ignores its children; and the application has no more rights than its user.
 
 kept_results_test.py BUILD [TEST...]
 """
@@ -41,8 +41,8 @@ class kept_results_test(unittest.TestCase):
         self.result = os.path.join(self.folder, "result.json")
 
     def run_tool(self, options, application, executable=tool, **how):
-        return subprocess.run([executable, *options, "-o", self.result, "--", *application], capture_output=True, text=True,
-                              timeout=SECONDS, cwd=self.folder, stdin=subprocess.DEVNULL, check=False, **how)
+        return subprocess.run([executable, *options, "-o", self.result, "--", *application], capture_output=True,
+                              text=True, timeout=SECONDS, cwd=self.folder, stdin=subprocess.DEVNULL, check=False, **how)
 
     def report(self):
         with open(self.result, encoding="utf-8") as file:
@@ -72,8 +72,10 @@ class kept_results_test(unittest.TestCase):
         done = self.run_tool(["--phase=bintracer"], [os.path.join(programs, "leaves"), "file_size_for_good"], user=USER)
         self.assertEqual(done.returncode, -signal.SIGABRT)
         self.assertEqual(LOG_TEXT.findall(done.stderr),
-                         [("process_state", "warn The application has lowered the limit on the size of files to 100 for good"),
-                          ("result_keeper", f"warn Report cannot be written to {self.result}, and no folder takes a copy"),
+                         [("process_state",
+                           "warn The application has lowered the limit on the size of files to 100 for good"),
+                          ("result_keeper",
+                           f"warn Report cannot be written to {self.result}, and no folder takes a copy"),
                           ("collector", "fatal Error when trying to write report:")])
         self.assertTrue(done.stderr.endswith("\nFile too large\n"))
         with open(self.result, encoding="utf-8") as file:

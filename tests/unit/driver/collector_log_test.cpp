@@ -51,18 +51,22 @@ struct row {
 
 const std::vector<row>& rows() {
   static const std::vector<row> table = {
-      {"application under the counters", [](const std::string& result) { run_true(MODE_TOTAL, result); },
+      {"application under the counters",
+       [](const std::string& result) { run_true(MODE_TOTAL, result); },
        {"info Start roofline events in total mode", "info Launch application /bin/true in total mode",
         "info Stop roofline events in total mode", "info Finish phase Perfmon"}},
-      {"application that marks its regions", [](const std::string& result) { run_true(MODE_REGION, result); },
+      {"application that marks its regions",
+       [](const std::string& result) { run_true(MODE_REGION, result); },
        {"info Launch application /bin/true in region mode", "info Finish phase Perfmon"}},
-      {"regions without a file for them", [](const std::string&) { run_true(MODE_REGION, ""); },
+      {"regions without a file for them",
+       [](const std::string&) { run_true(MODE_REGION, ""); },
        {"info Launch application /bin/true in region mode",
         "warn Couldn't set environment variable ROOFLINE_REPORT_FILE to empty value for roofline events.",
         "info Launch application /bin/true in region mode failed because couldn't set environment variable for report "
         "output file",
         "info Finish phase Perfmon"}},
-      {"mode that there is not", [](const std::string& result) { run_true(7, result); },
+      {"mode that there is not",
+       [](const std::string& result) { run_true(7, result); },
        {"warn Wrong mode parameter in collector config.mode", "", "info Finish phase Perfmon"}},
       {"variable that no environment takes",
        [](const std::string&) { EXPECT_FALSE(set_env_for_region_mode("A=B", "value")); },
@@ -98,7 +102,8 @@ std::vector<std::string> collectors_lines(const std::string& text) {
   for (std::string line; std::getline(stream, line);) {
     const bool has_header = line.find(" MORA ") != std::string::npos;
     // A line without a header goes on with the message before it.
-    if (has_header) is_message = line.find(" collector:") != std::string::npos && line.find(" result: ") == std::string::npos;
+    if (has_header)
+      is_message = line.find(" collector:") != std::string::npos && line.find(" result: ") == std::string::npos;
     if (is_message) lines.push_back(line.empty() ? line : test::log_lines(line).front());
   }
   return lines;

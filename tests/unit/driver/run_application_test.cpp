@@ -102,11 +102,12 @@ TEST_F(application_run, steps_are_logged_at_info_on_both_sides) {
   std::vector<std::string> parent;
   std::vector<std::string> child;
   for (const std::string& line : captured.lines()) {
-    const bool of_child = line.starts_with("info command line") || line.starts_with("info Call execvp") ||
-                          line == "info Fork result: 0";
+    const bool of_child =
+        line.starts_with("info command line") || line.starts_with("info Call execvp") || line == "info Fork result: 0";
     (of_child ? child : parent).push_back(line);
   }
-  EXPECT_THAT(child, ElementsAre("info Fork result: 0", "info command line: sh -c exit 2", "info Call execvp for /bin/sh"));
+  EXPECT_THAT(child,
+              ElementsAre("info Fork result: 0", "info command line: sh -c exit 2", "info Call execvp for /bin/sh"));
   EXPECT_THAT(parent,
               ElementsAre("info Call fork for /bin/sh", MatchesRegex("info Fork result: [1-9][0-9]*"),
                           MatchesRegex("info End wait, wait_status=512, wait_return [1-9][0-9]* and app_exit_status=2"),

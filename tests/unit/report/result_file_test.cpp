@@ -229,8 +229,8 @@ TEST_F(result_file, report_that_nothing_takes_is_said_to_be_lost) {
   const captured_log captured;
   result_keeper keeper(folder.path(), {folder / "missing"});
   EXPECT_FALSE(keeper.finish({}));
-  EXPECT_THAT(captured.lines(), ElementsAre("warn Report cannot be written to " + folder.path() +
-                                            ", and no folder takes a copy"));
+  EXPECT_THAT(captured.lines(),
+              ElementsAre("warn Report cannot be written to " + folder.path() + ", and no folder takes a copy"));
 }
 
 }  // namespace
