@@ -23,7 +23,7 @@ OPENED = re.compile(r'^(\d+) +(?:openat\([^,]+, |open\(|creat\()"([^"]*)"(.*)\) 
 # What the log says of a result file that cannot be written: its path, the copy's path, the reason.
 COPY_LINES = re.compile(r"\[[^]]*\] +result_keeper:\d+ +MORA warn "
                         r"Report cannot be written to (.*), a copy is saved as (.*)\n"
-                        r"\[[^]]*\] +collector:\d+ +MORA fatal Error when trying to write report:\n(.*)\n")
+                        r"\[[^]]*\] +collector:\d+ +MORA fatal Error when trying to write report:\n(.*)\n\Z")
 
 
 class file_system_test(unittest.TestCase):
@@ -100,10 +100,10 @@ class file_system_test(unittest.TestCase):
         self.addCleanup(subprocess.run, ["umount", small], check=True)
         return small
 
-    def check_saved_copy(self, done, result, reason, folder, regions=("total",)):
+    def check_saved_copy(self, done, result, reason, folder):
         """The two lines of a result file that cannot be written, and the copy that the first of them names."""
         self.assertEqual(done.returncode, -signal.SIGABRT, done.stderr)
-        match = COPY_LINES.fullmatch(done.stderr)
+        match = COPY_LINES.search(done.stderr)
         self.assertIsNotNone(match, done.stderr)
         self.assertEqual((match[1], os.path.dirname(match[2]), match[3]), (result, folder, reason))
         self.assertTrue(done.stdout.endswith("CEILMETER: Processing all collected data\n"), done.stdout)
@@ -111,7 +111,7 @@ class file_system_test(unittest.TestCase):
         with open(match[2], encoding="utf-8") as file:
             report = json.load(file)
         os.remove(match[2])
-        self.assertEqual(list(report["regions"]), list(regions))
+        self.assertEqual(list(report["regions"]), ["total"])
         return report
 
     def test_disk_that_becomes_full_leaves_the_earlier_file_as_it_was_and_a_copy_where_the_tool_was_started(self):
@@ -136,12 +136,11 @@ class file_system_test(unittest.TestCase):
         os.mkdir(temporary)
         for phase in PHASES:
             for variables, folder in (({"TMPDIR": temporary}, temporary), ({"TMPDIR": small}, "/tmp")):
-                done = subprocess.run([tool, f"--phase={phase}", "-o", "result.json", "/bin/true"], capture_output=True,
+                result = os.path.join(small, "result.json")
+                done = subprocess.run([tool, f"--phase={phase}", "-o", result, "/bin/true"], capture_output=True,
                                       text=True, timeout=SECONDS, cwd=small, env={**os.environ, **variables},
                                       stdin=subprocess.DEVNULL, check=False)
-                result = os.path.join(small, "result.json")
-                self.check_saved_copy(done, result, "No space left on device", folder,
-                                      regions=("total",) if phase == "perfmon" else ())
+                self.check_saved_copy(done, result, "No space left on device", folder)
                 self.assertEqual(os.listdir(small), ["other"])
 
     def test_output_that_is_a_folder_ends_in_a_copy(self):

@@ -32,8 +32,9 @@ class roofs_progress_test(unittest.TestCase):
     def measure(self, terminal_as_error):
         """Standard output, and what stands on standard error."""
         own, other = pty.openpty() if terminal_as_error else os.pipe()
-        with subprocess.Popen([*command, "--phase=benchmarks", "--benchmarks_num_threads=1", "-o", "r.json"],
-                              stdout=subprocess.PIPE, stderr=other, cwd=self.folder, stdin=subprocess.DEVNULL,
+        with subprocess.Popen([*command, "--phase=benchmarks", "--benchmarks_num_threads=1", "-o",
+                               os.path.join(self.folder, "r.json")], stdout=subprocess.PIPE, stderr=other,
+                              cwd=self.folder, stdin=subprocess.DEVNULL,
                               env={**os.environ, "TERM": "xterm"}) as process:
             os.close(other)
             seen = b""
