@@ -2,29 +2,31 @@
 // leaves an empty contribution, and only a result file that cannot be written is fatal.
 #include "collector.h"
 
-#include <sys/resource.h>
-#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <set>
 #include <string>
-#include <system_error>
 
 #include "bintracer/bintracer.h"
 #include "common/log.h"
 #include "finalizer.h"
+#include "interruption.h"
 #include "perfmon/perfmon.h"
 #include "perfmon/perfmon_utils.h"
+#include "privileges.h"
+#include "process_state.h"
 #include "progress.h"
 #include "report_handler.h"
+#include "result_keeper.h"
 #include "run_application.h"
 #include "run_benchmarks.h"
 #include "shared_names.h"
+#include "terminal_progress.h"
 
 namespace ceilmeter {
 
@@ -32,49 +34,28 @@ namespace {
 
 constexpr tool_log log{"src/collector"};
 
-// What the tool was started with, kept while the application runs in this process.
-struct start_state {
-  std::string folder;
-  mode_t file_mask;
-};
-
-start_state& at_start() {
-  static start_state state{{}, 0};
-  return state;
-}
-
-void keep_start_state() {
-  std::error_code error;
-  at_start().folder = std::filesystem::current_path(error).string();
-  // It can only be read by setting it. There is one thread as yet.
-  at_start().file_mask = umask(077);
-  umask(at_start().file_mask);
-}
-
-// The result is the user's file, not the application's. In region mode a relative path stays the application's: its
-// counters are in the file that it has written under that path.
-void return_to_start_state(const collector_config& config) {
-  if ((config.phase & PHASE_BINTRACER) == 0) return;
-  umask(at_start().file_mask);
-  if (config.mode != MODE_TOTAL || at_start().folder.empty()) return;
-  // The folder may be gone, or out of reach of a user that the application has become: then the path's meaning is where
-  // the application is, which is as good a place.
-  [[maybe_unused]] const int result = chdir(at_start().folder.c_str());
-}
+// The folders that may take a copy of the result, the likeliest to be looked into first.
+std::vector<std::string> copy_folders() { return {start_folder(), start_temporary_folder(), "/tmp"}; }
 
 // What is left of the application must not cost the result, for which it has run so long. Interrupts of the user's end
 // the run as before.
-void ignore_what_the_application_has_left(const collector_config& config) {
+void leave_the_application_behind(const collector_config& config) {
+  if ((config.phase & PHASE_BINTRACER) != 0) {
+    restore_process_state();
+    // The result is the user's file, not the application's. In region mode a relative path stays the application's: its
+    // counters are in the file that it has written under that path. The folder may be gone, or out of reach of a user
+    // that the application has become: then the path means a file where the application is.
+    if (config.mode == MODE_TOTAL && !start_folder().empty()) {
+      [[maybe_unused]] const int result = chdir(start_folder().c_str());
+    }
+  }
   // Nobody may read the closing lines any more, where they go into a pipe.
-  std::signal(SIGPIPE, SIG_IGN);
-  if ((config.phase & PHASE_BINTRACER) == 0) return;
-  // Its timers end with a process, but under the tracer the process goes on for as long as the roofs take.
-  for (const int timer_signal : {SIGALRM, SIGVTALRM, SIGPROF}) std::signal(timer_signal, SIG_IGN);
-  // Its descriptors are all still open, and may be as many as it was allowed.
-  rlimit descriptors{};
-  if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return;
-  descriptors.rlim_cur = descriptors.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &descriptors);
+  ignore_write_signals();
+}
+
+// Rights that the tool's file lends are for opening counters. Nothing is run or written with them.
+void give_up_rights() {
+  if (!give_up_privileges()) log(LEVEL_FATAL, "Cannot give up the rights that the tool's file lends");
 }
 
 // The counts at which the roofs are to be measured: those of the regions of this run or, without a traced run, of the
@@ -105,6 +86,7 @@ bool adds_to_earlier_file(const collector_config& config) {
 }
 
 std::vector<perfmon_region> run_in_region_mode(const collector_config& config) {
+  give_up_rights();
   log(LEVEL_INFO, "Launch application %s in region mode", config.application.c_str());
   if (!set_env_for_region_mode(ROOFLINE_REPORT_FILE, config.output_file_path)) {
     log(LEVEL_INFO,
@@ -123,13 +105,58 @@ std::vector<perfmon_region> run_in_total_mode(const collector_config& config) {
   // Counters that are opened here, on the tool's thread, follow the application by inheritance.
   perfmon counters(true);
   log(LEVEL_INFO, "Start roofline events in total mode");
+  use_counting_privilege();
   counters.start_roofline_events(total_region_name);
+  give_up_rights();
   log(LEVEL_INFO, "Launch application %s in total mode", config.application.c_str());
   run_application(config.application, config.argc, config.argv);
   log(LEVEL_INFO, "Stop roofline events in total mode");
   counters.stop_roofline_events(total_region_name);
   counters.finalize_roofline_events();
   return counters.get_roofline_events();
+}
+
+// The counters go into the result file before the tracer makes this process the application, which may end it. The file
+// is then as after a run of the perfmon phase alone. A process of its own does this, because an earlier file that is
+// damaged can end whoever reads it. The final step reads the file again, and tells what is to be told.
+void keep_counters(const collector_config& config) {
+  if (config.perfmon_report.empty()) return;
+  const pid_t child = fork();
+  if (child < 0) return;
+  if (child > 0) {
+    waitpid(child, nullptr, 0);
+    return;
+  }
+  ignore_write_signals();
+  // What is wrong with an earlier file is of interest unless the run replaces it unread.
+  const int level = adds_to_earlier_file(config) ? LEVEL_WARN : LEVEL_FATAL;
+  mora_log_set_level(std::min(mora_log_get_level(), level));
+  collector_report report = read(config.output_file_path);
+  std::vector<perfmon_region> counters = config.perfmon_report;
+  bintracer_report no_tracer_report;
+  benchmark_report no_benchmarks;
+  finalize(report, no_tracer_report, counters, no_benchmarks);
+  result_keeper(config.output_file_path, copy_folders()).keep(report);
+  _exit(0);
+}
+
+// The join in two steps is the join in one: the second finds nothing but roofs to add, because the inputs of the first
+// are spent.
+void keep_before_benchmarks(collector_config& config, collector_report& report, bintracer_report& tracer_report,
+                            result_keeper& keeper) {
+  benchmark_report none_yet;
+  finalize(report, tracer_report, config.perfmon_report, none_yet);
+  tracer_report = {};
+  config.perfmon_report.clear();
+  keeper.keep(report);
+}
+
+// What was counted before somebody stopped the run is its result. The phases that are left would start the application
+// again, or take as long.
+void drop_later_phases(collector_config& config) {
+  log(LEVEL_WARN, "Stopped by signal %d (%s): the report holds what was counted before", interrupting_signal(),
+      strsignal(interrupting_signal()));
+  config.phase &= PHASE_PERFMON;
 }
 
 }  // namespace
@@ -147,8 +174,12 @@ std::uint64_t start_collect(collector_config& config, finish_function finish) {
   if ((config.phase & PHASE_PERFMON) != 0) {
     config.perfmon_report = run_app_with_perfmon(config);
     log(LEVEL_INFO, "Finish phase Perfmon");
+    if (interrupting_signal() != 0) drop_later_phases(config);
   }
-  if ((config.phase & PHASE_BINTRACER) != 0) run_app_with_bintracer(config, finish);
+  if ((config.phase & PHASE_BINTRACER) != 0) {
+    keep_counters(config);
+    run_app_with_bintracer(config, finish);
+  }
   return finish(0, config.phase);
 }
 
@@ -163,7 +194,8 @@ std::vector<perfmon_region> run_app_with_perfmon(const collector_config& config)
 
 void run_app_with_bintracer(collector_config& config, finish_function finish) {
   print_progress("Launch application to do binary instrumentation of " + config.application);
-  keep_start_state();
+  give_up_rights();
+  hide_privileged_start(config.envp);
   config.tracer = std::make_unique<bintracer_t>(finish, config.mode);
   config.tracer->collect(config.argc, config.argv, config.envp);
 }
@@ -182,10 +214,12 @@ bool set_env_for_region_mode(const std::string& name, const std::string& value) 
 }
 
 void finish_collect(collector_config& config) {
-  ignore_what_the_application_has_left(config);
-  return_to_start_state(config);
+  leave_the_application_behind(config);
+  give_up_rights();
+  terminal_progress progress;
   bintracer_report tracer_report;
   if ((config.phase & PHASE_BINTRACER) != 0) {
+    progress.show("evaluating the counts of the blocks");
     // Given up without its destructor: the engine's structures, which the tracer's blocks belong to, are still in use
     // until the process ends.
     bintracer_t* tracer = config.tracer.release();
@@ -194,21 +228,28 @@ void finish_collect(collector_config& config) {
   }
 
   const std::string output_file_path = config.output_file_path;
+  result_keeper keeper(output_file_path, copy_folders());
   collector_report report;
   if (adds_to_earlier_file(config)) report = read(output_file_path);
 
   benchmark_report benchmarks;
   if ((config.phase & PHASE_BENCHMARKS) != 0) {
     std::set<std::uint64_t> num_threads_set = choose_thread_counts(config, tracer_report, report);
+    if (config.phase != PHASE_BENCHMARKS) {
+      progress.show("writing what was counted");
+      keep_before_benchmarks(config, report, tracer_report, keeper);
+    }
     benchmarks = run_benchmarks(num_threads_set);
     log(LEVEL_INFO, "Finish phase benchmarks with benchmark_report size=%lu", benchmarks.size());
   }
 
   print_progress("Processing all collected data");
+  progress.show("writing the result");
   finalize(report, tracer_report, config.perfmon_report, benchmarks);
-  if (!write(output_file_path, report)) {
+  if (!keeper.finish(report)) {
     log(LEVEL_FATAL, "Error when trying to write report:\n%s", std::strerror(errno));
   }
+  progress.clear();
   print_progress("Result is captured at " + output_file_path);
   print_progress("Run \"ceilview " + output_file_path + "\" to get report.");
   log(LEVEL_INFO, "Finishing collection for %s", config.application.c_str());

@@ -14,7 +14,11 @@
 #include "collector_config.h"
 #include "common/file_pattern.h"
 #include "common/log.h"
+#include "common/open_file.h"
+#include "interruption.h"
 #include "option_parser.h"
+#include "privileges.h"
+#include "process_state.h"
 #include "progress.h"
 
 namespace ceilmeter {
@@ -109,6 +113,11 @@ std::int32_t read_num_threads_option(option_entry& entry) {
 std::int32_t read_output_option(option_entry& entry) {
   std::string path(output_path_size, '\0');
   process_config().output_file_path = mora_expand_file_pattern(entry.argument, path.data(), path.size());
+  // Where the link leads would be all that is left of it below.
+  if (is_foreign_link(process_config().output_file_path)) {
+    std::fputs("CEILMETER: ERROR: Output file is a link of another user in a shared folder\n", stderr);
+    return -1;
+  }
   std::error_code error;
   const std::filesystem::path canonical = std::filesystem::weakly_canonical(process_config().output_file_path, error);
   if (error) {
@@ -196,6 +205,11 @@ std::uint64_t on_collection_finished(std::uint64_t, std::uint64_t) {
 
 int main(int argc, char** argv, char** envp) {
   using namespace ceilmeter;
+  save_process_state();
+  if (!keep_counting_privilege_alone()) {
+    std::fputs("CEILMETER: ERROR: Cannot give up the rights that the tool's file lends\n", stderr);
+    return EXIT_FAILURE;
+  }
   parse_command_line(argc, argv, envp);
   mora_log_init();
   mora_log_command_line(argc, argv);
@@ -203,5 +217,6 @@ int main(int argc, char** argv, char** envp) {
   print_progress("Start collection for " + process_config().application);
   start_collect(process_config(), on_collection_finished);
   mora_log_fini();
+  end_as_interrupted();
   return 0;
 }

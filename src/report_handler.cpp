@@ -10,9 +10,12 @@
 #include <new>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "common/log.h"
+#include "common/open_file.h"
+#include "result_file.h"
 #include "shared_names.h"
 
 namespace ceilmeter {
@@ -201,15 +204,15 @@ const json_token* read_typed_token(const json_index& index, const char* key, jso
 
 bool write(const std::string& path, const collector_report& report) {
   json_token_owner root = fill_json(report.regions, report.benchmarks, report.threads);
-  if (json_save(root.get(), path.c_str()) == JSON_OK) return true;
+  const bool done = replace_content(path, *root);
   const int cause = errno;
   root.reset();
   errno = cause;
-  return false;
+  return done;
 }
 
 json_token_owner fill_json(const std::vector<region_metric>& regions, const benchmark_report& benchmarks,
-                           std::uint64_t threads) {
+                           std::uint64_t threads, roofs_state state) {
   json_token_owner root = new_object();
 
   json_token_owner region_objects = new_object();
@@ -228,7 +231,7 @@ json_token_owner fill_json(const std::vector<region_metric>& regions, const benc
     const std::vector<benchmark_result>* roofs = benchmarks.find(threads);
     if (roofs != nullptr) {
       add_member(*root, "roofs", roofs_array(*roofs));
-    } else {
+    } else if (state == ROOFS_COMPLETE) {
       log(LEVEL_WARN, "No benchmark result for max parallel threads");
     }
     json_token_owner by_count = new_object();
@@ -262,7 +265,8 @@ json_token_owner fill_json_per_region(const region_metric& region) {
 collector_report read(const std::string& path) {
   log(LEVEL_INFO, "Reading collector report from %s", path.c_str());
   collector_report report;
-  file_owner file(std::fopen(path.c_str(), "rbe"));
+  const int fd = open_unless_foreign_link(path, O_RDONLY | O_CLOEXEC, 0);
+  file_owner file(fd >= 0 ? fdopen(fd, "rb") : nullptr);
   if (file == nullptr) {
     log(LEVEL_DEBUG, "failed to open %s for reading", path.c_str());
     return report;

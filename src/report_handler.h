@@ -27,8 +27,9 @@ using json_token_owner = std::unique_ptr<json_token, json_token_deleter>;
 // belong to the tree, which must outlive the index.
 using json_index = std::unordered_map<std::string_view, const json_token*>;
 
-// Prints the report into the file, which is replaced as a whole: a crash meanwhile leaves a truncated file. True on
-// success; on false `errno` tells why the file could not be made or filled.
+// Prints the report into the file, in the place of what it holds. True on success; on false `errno` tells why the file
+// could not be made or filled, and it holds what it has held before. A crash meanwhile leaves a text that ends early or
+// in the middle of an older one.
 bool write(const std::string& path, const collector_report& report);
 
 // What the file holds; an empty report if it is not there, which is the normal case of a first run, and what could be
@@ -37,9 +38,13 @@ bool write(const std::string& path, const collector_report& report);
 // std::out_of_range for one too large).
 collector_report read(const std::string& path);
 
-// The tree of the whole file. The roofs of `threads` stand in it twice, flat and by thread count.
+// Whether a tree is the last of a run, or another one with the roofs of this run will follow.
+enum roofs_state { ROOFS_COMPLETE, ROOFS_FOLLOW };
+
+// The tree of the whole file. The roofs of `threads` stand in it twice, flat and by thread count; if they are missing
+// the log says so, unless they follow.
 json_token_owner fill_json(const std::vector<region_metric>& regions, const benchmark_report& benchmarks,
-                           std::uint64_t threads);
+                           std::uint64_t threads, roofs_state state = ROOFS_COMPLETE);
 
 // The object of one region. Its "flop" is summed from the blocks, not taken from the record.
 json_token_owner fill_json_per_region(const region_metric& region);

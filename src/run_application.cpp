@@ -2,7 +2,6 @@
 // status only the exit status is looked at: a program that a signal ended counts as 0, and its counters are as good.
 #include "run_application.h"
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include <cstring>
 
 #include "common/log.h"
+#include "interruption.h"
 
 namespace ceilmeter {
 
@@ -17,7 +17,8 @@ namespace {
 
 constexpr tool_log log{"src/run_application"};
 
-[[noreturn]] void child_func(const std::string& path, int argc, char** argv) {
+[[noreturn]] void child_func(const interruption_guard& guard, const std::string& path, int argc, char** argv) {
+  guard.leave_in_child();
   mora_log_command_line(argc, argv);
   log(LEVEL_INFO, "Call execvp for %s", path.c_str());
   execvp(path.c_str(), argv);
@@ -32,16 +33,18 @@ constexpr tool_log log{"src/run_application"};
 
 std::int32_t run_application(const std::string& path, int argc, char** argv) {
   log(LEVEL_INFO, "Call fork for %s", path.c_str());
+  interruption_guard guard;
   const pid_t pid = fork();
   log(LEVEL_INFO, "Fork result: %d", pid);
   if (pid < 0) {
     log(LEVEL_WARN, "Fork error, cant run %s", path.c_str());
     return -1;
   }
-  if (pid == 0) child_func(path, argc, argv);
+  if (pid == 0) child_func(guard, path, argc, argv);
 
+  guard.begin_wait(pid);
   int status = 0;
-  const pid_t waited = waitpid(pid, &status, 0);
+  const pid_t waited = guard.wait_for_end(pid, status);
   const int exit_status = (status >> 8) & 0xff;
   log(LEVEL_INFO, "End wait, wait_status=%d, wait_return %d and app_exit_status=%d", status, waited, exit_status);
   if (exit_status != 0) log(LEVEL_WARN, "Application exit status is %d!\n", exit_status);

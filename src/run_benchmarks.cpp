@@ -1,9 +1,11 @@
-// The driver of the roof benchmarks. Benchmarks run one after the other, so that each sees the machine alone; those that
-// are constructed together hold their buffers together.
+// The driver of the roof benchmarks. Benchmarks run one after the other, so that each sees the machine alone; those
+// that are constructed together hold their buffers together.
 #include "run_benchmarks.h"
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -11,6 +13,7 @@
 #include "benchmarks/roof_list.h"
 #include "common/log.h"
 #include "progress.h"
+#include "terminal_progress.h"
 
 namespace ceilmeter {
 
@@ -26,6 +29,27 @@ benchmark_list make_all(const std::vector<roof_maker>& makers, std::uint64_t num
   for (const roof_maker& make : makers) benchmarks.push_back(make(static_cast<std::uint32_t>(num_threads)));
   return benchmarks;
 }
+
+// Runs the roofs one by one and tells on a terminal which one it is and how long it will take.
+class roof_runner {
+ public:
+  explicit roof_runner(std::uint64_t rows) : m_rows(rows), m_start(std::chrono::steady_clock::now()) {}
+
+  void run(benchmark_std& roof) {
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - m_start;
+    const std::uint64_t seconds = remaining_seconds(m_done, m_rows - m_done, elapsed.count());
+    m_progress.show("roof " + std::to_string(m_done + 1) + " of " + std::to_string(m_rows) + ", " + roof.name +
+                    ", about " + std::to_string(seconds) + " s left");
+    roof();
+    ++m_done;
+  }
+
+ private:
+  terminal_progress m_progress;
+  std::uint64_t m_rows;
+  std::uint64_t m_done = 0;
+  std::chrono::steady_clock::time_point m_start;
+};
 
 benchmark_result describe(benchmark_std& roof, std::uint64_t value) {
   return {.name = roof.name,
@@ -63,7 +87,8 @@ benchmark_report run_benchmarks(std::set<std::uint64_t>& num_threads_set, const 
   }
 
   const benchmark_list once = make_all(roofs.measured_once, first_count);
-  for (const auto& roof : once) (*roof)();
+  roof_runner runner(roofs.measured_once.size() + roofs.measured_each_count.size() * num_threads_set.size());
+  for (const auto& roof : once) runner.run(*roof);
 
   for (const std::uint64_t num_threads : num_threads_set) {
     std::vector<benchmark_result> results;
@@ -83,7 +108,7 @@ benchmark_report run_benchmarks(std::set<std::uint64_t>& num_threads_set, const 
     // All of them exist at once, so that none is given pages that another has just freed, touched and placed already.
     const benchmark_list each = make_all(roofs.measured_each_count, num_threads);
     for (const auto& roof : each) {
-      (*roof)();
+      runner.run(*roof);
       add(*roof, roof->result());
     }
     report.insert(num_threads, std::move(results));

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "common/file_pattern.h"
+#include "common/open_file.h"
 
 namespace ceilmeter {
 
@@ -136,7 +137,7 @@ int mora_log_init() {
     // Synchronous, so that each line has reached the file when the call returns: the process may end as abruptly as
     // the application that runs inside it.
     const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_SYNC | (log_append != 0 ? O_APPEND : O_TRUNC);
-    const int fd = out_of_the_applications_way(open(log_file_path, flags, 0600));
+    const int fd = out_of_the_applications_way(open_unless_foreign_link(log_file_path, flags, 0600));
     if (fd >= 0) {
       log_fd = fd;
     } else {

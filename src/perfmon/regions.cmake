@@ -5,8 +5,10 @@ include(GNUInstallDirs)
 add_library(roofline_events_objects OBJECT
   roofline_events.cpp tracer_switch.cpp perfmon.cpp perfmon_utils.cpp
   "${PROJECT_SOURCE_DIR}/src/common/log.cpp"
+  "${PROJECT_SOURCE_DIR}/src/common/open_file.cpp"
   "${PROJECT_SOURCE_DIR}/src/finalizer.cpp"
   "${PROJECT_SOURCE_DIR}/src/report_handler.cpp"
+  "${PROJECT_SOURCE_DIR}/src/result_file.cpp"
   "${PROJECT_SOURCE_DIR}/src/json/parse.cpp"
   "${PROJECT_SOURCE_DIR}/src/json/print.cpp"
   "${PROJECT_SOURCE_DIR}/src/json/tree.cpp")

@@ -17,6 +17,7 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::StartsWith;
 
 // The whole file of a run under counters that read 0; `time` is what the file itself says.
 std::string file_with_metrics(std::uint64_t time) {
@@ -179,8 +180,8 @@ TEST_F(perfmon_run, group_holds_six_events_at_warn) {
   }
 }
 
-// The emulated unit has room for six, not for ten, and a kernel refuses to make a child that would inherit a group which
-// its unit cannot hold: from info on the application does not run at all here. The log says so.
+// The emulated unit has room for six, not for ten, and a kernel refuses to make a child that would inherit a group
+// which its unit cannot hold: from info on the application does not run at all here. The log says so.
 TEST_F(perfmon_run, group_of_ten_that_the_unit_cannot_hold_keeps_the_application_from_starting) {
   for (const std::string level : {"info", "debug", "trace"}) {
     const process_result counted = run({"-l", level}, {"/bin/echo", "ran"});
@@ -213,7 +214,7 @@ TEST_F(perfmon_run, application_that_cannot_be_executed_is_reported_and_the_file
   EXPECT_EQ(counted.out, lines_before(path) + lines_after());
   // The bare newline is the child's last word to the log.
   EXPECT_THAT(log_lines(counted.err), ElementsAre("Error: Failed to start " + path, "Permission denied", "",
-                                                 "run_application warn Application exit status is 1!", ""));
+                                                  "run_application warn Application exit status is 1!", ""));
   EXPECT_EQ(counted.status, 0);
   EXPECT_EQ(content_of(result()), file_with_metrics(time_of_result()));
 }
@@ -264,8 +265,11 @@ TEST_F(perfmon_run, result_in_a_missing_folder_is_fatal_after_the_run) {
   const process_result counted =
       run_process({tool_path().string(), "--phase=perfmon", "-o", path, "/bin/echo", "ran"}, {.folder = folder.path()});
   EXPECT_EQ(counted.out, lines_before("/bin/echo") + "ran\nCEILMETER: Processing all collected data\n");
-  EXPECT_THAT(log_lines(counted.err), ElementsAre("collector fatal Error when trying to write report:",
-                                                 "No such file or directory"));
+  const std::string copy = (folder / "ceilmeter.").string();
+  EXPECT_THAT(
+      log_lines(counted.err),
+      ElementsAre(StartsWith("result_keeper warn Report cannot be written to " + path + ", a copy is saved as " + copy),
+                  "collector fatal Error when trying to write report:", "No such file or directory"));
   EXPECT_EQ(counted.status, 128 + SIGABRT);
 }
 

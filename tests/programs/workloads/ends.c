@@ -3,7 +3,8 @@
  *   ends crash     writes through a null pointer
  *   ends abort     calls abort
  *   ends never     goes on for ever, with a line of output to say that it has begun
- *   ends on_term   the same, but on SIGTERM it prints a line and exits with status 5 */
+ *   ends on_term   the same, but on SIGTERM it prints a line and exits with status 5
+ *   ends on_interrupt   the same, but on SIGINT it prints a line and goes on */
 #include <roofline_events.h>
 #include <signal.h>
 #include <stdio.h>
@@ -15,6 +16,12 @@ static volatile double sink = 1.0;
 static volatile sig_atomic_t told_to_end = 0;
 
 static void remember(int number) { told_to_end = number; }
+
+static void go_on(int number) {
+  static const char line[] = "told to go on\n";
+  (void)number;
+  if (write(1, line, sizeof line - 1) < 0) _exit(1);
+}
 
 static void work(long rounds) {
   for (long round = 0; round < rounds; ++round) sink = sink * 0.5 + 1.0;
@@ -32,6 +39,7 @@ int main(int argc, char** argv) {
     action.sa_handler = remember;
     sigaction(SIGTERM, &action, NULL);
   }
+  if (strcmp(argv[1], "on_interrupt") == 0) signal(SIGINT, go_on);
   puts("half of the work is done");
   fflush(stdout);
   if (strcmp(argv[1], "crash") == 0) *(volatile int*)NULL = 1;

@@ -20,6 +20,11 @@ PHASES = ("perfmon", "bintracer")
 # What strace says of a call that opens a file: process, arguments from the path on, result.
 OPENED = re.compile(r'^(\d+) +(?:openat\([^,]+, |open\(|creat\()"([^"]*)"(.*)\) = (-?\d+)')
 
+# What the log says of a result file that cannot be written: its path, the copy's path, the reason.
+COPY_LINES = re.compile(r"\[[^]]*\] +result_keeper:\d+ +MORA warn "
+                        r"Report cannot be written to (.*), a copy is saved as (.*)\n"
+                        r"\[[^]]*\] +collector:\d+ +MORA fatal Error when trying to write report:\n(.*)\n\Z")
+
 
 class file_system_test(unittest.TestCase):
     maxDiff = None
@@ -95,41 +100,87 @@ class file_system_test(unittest.TestCase):
         self.addCleanup(subprocess.run, ["umount", small], check=True)
         return small
 
-    def test_disk_that_becomes_full_gives_the_fatal_line_and_leaves_the_file_cut_where_the_room_ended(self):
-        page = os.sysconf("SC_PAGESIZE")
-        small = self.small_disk(page)
+    def check_saved_copy(self, done, result, reason, folder):
+        """The two lines of a result file that cannot be written, and the copy that the first of them names."""
+        self.assertEqual(done.returncode, -signal.SIGABRT, done.stderr)
+        match = COPY_LINES.search(done.stderr)
+        self.assertIsNotNone(match, done.stderr)
+        self.assertEqual((match[1], os.path.dirname(match[2]), match[3]), (result, folder, reason))
+        self.assertTrue(done.stdout.endswith("CEILMETER: Processing all collected data\n"), done.stdout)
+        self.assertEqual(stat.S_IMODE(os.stat(match[2]).st_mode), 0o600)
+        with open(match[2], encoding="utf-8") as file:
+            report = json.load(file)
+        os.remove(match[2])
+        self.assertEqual(list(report["regions"]), ["total"])
+        return report
+
+    def test_disk_that_becomes_full_leaves_the_earlier_file_as_it_was_and_a_copy_where_the_tool_was_started(self):
+        small = self.small_disk(os.sysconf("SC_PAGESIZE"))
         result = os.path.join(small, "result.json")
-        # More blocks than a page has room for.
-        application = ["/usr/bin/gawk", "BEGIN { for (i = 1; i < 9; ++i) printf \"%.3f \", sin(i) + exp(i) + log(i) }"]
-        options = ["--phase=bintracer", "-o", result]
         with open(result, "w", encoding="utf-8") as file:
             file.write('{"regions": {}}')
-        done = self.run_tool(options, application)
-        self.assertEqual(done.returncode, -signal.SIGABRT)
-        self.assertRegex(done.stderr, r" +collector:\d+ +MORA fatal Error when trying to write report:\n"
-                                      r"No space left on device\n$")
-        self.assertTrue(done.stdout.endswith("CEILMETER: Processing all collected data\n"), done.stdout)
+        # More blocks than a page has room for.
+        application = ["/usr/bin/gawk", "BEGIN { for (i = 1; i < 9; ++i) printf \"%.3f \", sin(i) + exp(i) + log(i) }"]
+        done = self.run_tool(["--phase=bintracer", "-o", result], application)
+        report = self.check_saved_copy(done, result, "No space left on device", self.folder)
+        self.assertGreater(report["regions"]["total"]["flop"], 0)
         with open(result, encoding="utf-8") as file:
-            cut = file.read()
-        self.assertEqual(len(cut), page)
-        self.assertTrue(cut.startswith('{\n  "regions": {\n    "total": {\n'), cut[:100])
+            self.assertEqual(file.read(), '{"regions": {}}')
 
-        # The next run takes what can be read of it, says so, and has room enough.
-        done = self.run_tool(["--phase=perfmon", "-o", result], ["/bin/true"])
-        self.assertEqual(done.returncode, 0)
-        self.assertIn(f"failed to parse json from {result} with error", done.stderr)
-
-    def test_disk_without_any_room_gives_the_fatal_line_under_the_counters(self):
+    def test_copy_goes_to_the_folder_for_temporary_files_where_the_tool_was_started_in_a_full_one(self):
         page = os.sysconf("SC_PAGESIZE")
         small = self.small_disk(page)
         with open(os.path.join(small, "other"), "wb") as file:
             file.write(b"x" * page)
-        result = os.path.join(small, "result.json")
-        done = self.run_tool(["--phase=perfmon", "-o", result], ["/bin/true"])
-        self.assertEqual(done.returncode, -signal.SIGABRT)
-        self.assertIn("Error when trying to write report:\nNo space left on device\n", done.stderr)
-        self.assertNotIn("Result is captured", done.stdout)
-        self.assertEqual(os.path.getsize(result), 0)
+        temporary = os.path.join(self.folder, "temporary")
+        os.mkdir(temporary)
+        for phase in PHASES:
+            for variables, folder in (({"TMPDIR": temporary}, temporary), ({"TMPDIR": small}, "/tmp")):
+                result = os.path.join(small, "result.json")
+                done = subprocess.run([tool, f"--phase={phase}", "-o", result, "/bin/true"], capture_output=True,
+                                      text=True, timeout=SECONDS, cwd=small, env={**os.environ, **variables},
+                                      stdin=subprocess.DEVNULL, check=False)
+                self.check_saved_copy(done, result, "No space left on device", folder)
+                self.assertEqual(os.listdir(small), ["other"])
+
+    def test_output_that_is_a_folder_ends_in_a_copy(self):
+        folder = os.path.join(self.folder, "results")
+        os.mkdir(folder)
+        self.check_saved_copy(self.run_tool(["--phase=perfmon", "-o", folder], ["/bin/true"]), folder, "Is a directory",
+                              self.folder)
+
+    def test_full_run_to_a_folder_measures_the_roofs_all_the_same_and_leaves_one_copy_of_everything(self):
+        folder = os.path.join(self.folder, "results")
+        os.mkdir(folder)
+        done = self.run_tool(["--phase=~perfmon", "-o", folder], ["/bin/true"])
+        lines = re.findall("a copy is saved as (.*)", done.stderr)
+        self.assertEqual(lines, [lines[0]] * 2, "before the roofs and at the end")
+        with open(lines[0], encoding="utf-8") as file:
+            self.assertEqual(len(json.load(file)["roofs"]), 13)
+        self.assertEqual(sorted(os.listdir(self.folder)), sorted([os.path.basename(lines[0]), "results"]))
+
+    def test_link_of_another_user_in_a_shared_folder_is_neither_result_nor_log(self):
+        shared = os.path.join(self.folder, "shared")
+        os.mkdir(shared)
+        os.chmod(shared, 0o1777)
+        precious = os.path.join(self.folder, "precious")
+        with open(precious, "w", encoding="utf-8") as file:
+            file.write("precious")
+        link = os.path.join(shared, "link")
+        os.symlink(precious, link)
+        os.chown(link, 1000, 1000, follow_symlinks=False)
+        done = self.run_tool(["--phase=perfmon", "-o", link], ["/bin/true"])
+        self.assertEqual((done.returncode, done.stderr.splitlines()[0]),
+                         (1, "CEILMETER: ERROR: Output file is a link of another user in a shared folder"))
+        done = self.run_tool(["--phase=perfmon", "-o", "result.json", f"--log-file={link}"], ["/bin/true"])
+        self.assertIn(f"failed to create log file {link}: Permission denied\n", done.stderr)
+        # The link may also come while the application runs.
+        os.remove(link)
+        done = self.run_tool(["--phase=perfmon", "-o", link],
+                             ["/bin/sh", "-c", f"ln -s {precious} {link} && chown -h 1000:1000 {link}"])
+        self.check_saved_copy(done, link, "Permission denied", self.folder)
+        with open(precious, encoding="utf-8") as file:
+            self.assertEqual(file.read(), "precious")
 
     def test_file_name_with_blanks_and_other_letters_is_written_as_it_is(self):
         done = self.run_tool(["--phase=perfmon", "-o", "a b é %%.json"], ["/bin/true"])

@@ -8,11 +8,13 @@ Applications are those of tests/programs/workloads, and programs of the userland
 """
 import json
 import os
+import pty
 import re
 import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 build = sys.argv.pop(1)
@@ -168,12 +170,14 @@ class endings_test(workload):
         self.assertEqual((region["flop"], region["threads"]), (600, 3))
         self.assertGreater(region["time"], 77)
 
-    def test_crash_in_both_phases_ends_in_the_second_and_leaves_the_earlier_file_alone(self):
-        before = self.leave_earlier_file()
+    def test_crash_in_both_phases_ends_in_the_second_and_leaves_the_counters_of_the_first_in_the_earlier_file(self):
+        self.leave_earlier_file()
         done = self.run_tool("total", "full", [program("ends"), "crash"])
         self.assertEqual(done.returncode, -signal.SIGSEGV)
         self.assertEqual(TOOL_LINE.sub("", done.stdout), 2 * "half of the work is done\n")
-        self.assertEqual(self.content(), before)
+        region = self.report()["regions"]["total"]
+        self.assertEqual((region["flop"], region["threads"]), (600, 3))
+        self.assertGreater(region["time"], 77)
 
     def test_crash_in_region_mode_before_the_regions_are_written_keeps_those_of_the_earlier_file(self):
         self.leave_earlier_file()
@@ -208,15 +212,63 @@ class endings_test(workload):
         with open(f"/proc/{process.pid}/task/{process.pid}/children", encoding="ascii") as file:
             return [int(word) for word in file.read().split()]
 
-    def test_interrupt_from_the_keyboard_ends_tool_and_application_and_leaves_the_earlier_file_alone(self):
-        for phase in ("perfmon", "bintracer", "full"):
-            before = self.leave_earlier_file()
+    def check_stopped_run(self, process, number):
+        """The counters up to then are written, no later phase has begun, and the status is the signal's."""
+        rest, err = process.communicate(timeout=SECONDS)
+        self.assertEqual(process.returncode, -number)
+        self.assertEqual(rest, f"CEILMETER: Processing all collected data\nCEILMETER: Result is captured at "
+                               f'{self.result}\nCEILMETER: Run "ceilview {self.result}" to get report.\n')
+        self.assertRegex(err, f"^[^\n]* +collector:[0-9]+ +MORA warn Stopped by signal {int(number)} "
+                              rf"\({signal.strsignal(number)}\): the report holds what was counted before\n$")
+        region = self.report()["regions"]["total"]
+        self.assertEqual((region["flop"], region["threads"]), (600, 3), "of the earlier file")
+        self.assertGreater(region["time"], 77)
+
+    def test_interrupt_from_the_keyboard_under_the_counters_ends_both_and_writes_the_counters(self):
+        for phase in ("perfmon", "full"):
+            self.leave_earlier_file()
             process, _ = self.start(phase, "never")
-            os.killpg(process.pid, signal.SIGINT)  # As a terminal does.
-            out, err = process.communicate(timeout=SECONDS)
-            self.assertEqual((process.returncode, out, err), (-signal.SIGINT, "", ""), phase)
-            self.assertEqual(self.content(), before, phase)
+            os.killpg(process.pid, signal.SIGINT)
+            self.check_stopped_run(process, signal.SIGINT)
             # Both pipes have ended: nobody of the group still holds them.
+
+    def test_interrupt_from_a_real_keyboard_reaches_the_application_once(self):
+        self.leave_earlier_file()
+        script = 'trap "echo caught; exit 0" INT; echo begun; while :; do sleep 0.1; done'
+        pid, terminal = pty.fork()
+        if pid == 0:
+            os.chdir(self.folder)
+            os.execv(tool, self.words("total", "perfmon", ["/bin/sh", "-c", script]))
+        seen = b""
+        while b"begun" not in seen:
+            seen += os.read(terminal, 1000)
+        os.write(terminal, b"\x03")
+        while True:
+            try:
+                seen += os.read(terminal, 1000)
+            except OSError:  # The other end is closed.
+                break
+        self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), -signal.SIGINT)
+        self.assertEqual(seen.count(b"caught"), 1, seen)
+        self.assertIn(b"CEILMETER: Result is captured at ", seen)
+
+    def test_second_interrupt_ends_the_tool_at_once(self):
+        before = self.leave_earlier_file()
+        process, _ = self.start("perfmon", "on_interrupt")
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.stdout.readline(), "told to go on\n")
+        time.sleep(1)
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(timeout=SECONDS), -signal.SIGINT)
+        self.assertEqual(self.content(), before)
+
+    def test_interrupt_from_the_keyboard_under_the_tracer_ends_the_one_process_and_leaves_the_earlier_file_alone(self):
+        before = self.leave_earlier_file()
+        process, _ = self.start("bintracer", "never")
+        os.killpg(process.pid, signal.SIGINT)
+        out, err = process.communicate(timeout=SECONDS)
+        self.assertEqual((process.returncode, out, err), (-signal.SIGINT, "", ""))
+        self.assertEqual(self.content(), before)
 
     def test_termination_under_the_tracer_ends_the_one_process_and_leaves_the_earlier_file_alone(self):
         before = self.leave_earlier_file()
@@ -237,15 +289,23 @@ class endings_test(workload):
         self.assertGreaterEqual(region["flop"], 2000)
         self.assertEqual(region["time"], 77, "the metrics of the earlier file")
 
-    def test_termination_of_the_tool_alone_under_the_counters_leaves_the_application_running(self):
-        before = self.leave_earlier_file()
+    def test_termination_of_the_tool_alone_under_the_counters_ends_the_application_too_and_writes_the_counters(self):
+        self.leave_earlier_file()
         process, _ = self.start("perfmon", "never")
         application = self.children(process)
         self.assertEqual(len(application), 1)
         process.send_signal(signal.SIGTERM)
-        self.assertEqual(process.wait(timeout=SECONDS), -signal.SIGTERM)
-        self.assertEqual(self.content(), before)
-        os.kill(application[0], 0)  # Raises if there is no such process.
+        self.check_stopped_run(process, signal.SIGTERM)
+        self.assertRaises(ProcessLookupError, os.kill, application[0], 0)
+
+    def test_termination_that_the_application_handles_under_the_counters_lets_it_end_by_itself(self):
+        self.leave_earlier_file()
+        process, _ = self.start("perfmon", "on_term")
+        process.send_signal(signal.SIGTERM)
+        process.stderr.readline()
+        rest, _ = process.communicate(timeout=SECONDS)
+        self.assertTrue(rest.startswith("told to end\nCEILMETER: Processing all collected data\n"), rest)
+        self.assertEqual(process.returncode, -signal.SIGTERM)
 
     def test_termination_of_the_application_alone_under_the_counters_ends_in_a_result(self):
         self.leave_earlier_file()
@@ -256,13 +316,11 @@ class endings_test(workload):
         self.assertTrue(out.startswith("CEILMETER: Processing all collected data\n"), out)
         self.assertGreater(self.report()["regions"]["total"]["time"], 77)
 
-    def test_termination_of_the_group_under_the_counters_ends_both_and_leaves_the_earlier_file_alone(self):
-        before = self.leave_earlier_file()
+    def test_termination_of_the_group_under_the_counters_ends_both_and_writes_the_counters(self):
+        self.leave_earlier_file()
         process, _ = self.start("perfmon", "never")
         os.killpg(process.pid, signal.SIGTERM)
-        out, err = process.communicate(timeout=SECONDS)
-        self.assertEqual((process.returncode, out, err), (-signal.SIGTERM, "", ""))
-        self.assertEqual(self.content(), before)
+        self.check_stopped_run(process, signal.SIGTERM)
 
 
 if __name__ == "__main__":

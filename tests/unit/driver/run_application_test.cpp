@@ -7,13 +7,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "../support/captured_log.h"
 #include "common/log.h"
+#include "interruption.h"
 
 namespace ceilmeter {
 namespace {
@@ -98,15 +102,86 @@ TEST_F(application_run, steps_are_logged_at_info_on_both_sides) {
   std::vector<std::string> parent;
   std::vector<std::string> child;
   for (const std::string& line : captured.lines()) {
-    const bool of_child = line.starts_with("info command line") || line.starts_with("info Call execvp") ||
-                          line == "info Fork result: 0";
+    const bool of_child =
+        line.starts_with("info command line") || line.starts_with("info Call execvp") || line == "info Fork result: 0";
     (of_child ? child : parent).push_back(line);
   }
-  EXPECT_THAT(child, ElementsAre("info Fork result: 0", "info command line: sh -c exit 2", "info Call execvp for /bin/sh"));
+  EXPECT_THAT(child,
+              ElementsAre("info Fork result: 0", "info command line: sh -c exit 2", "info Call execvp for /bin/sh"));
   EXPECT_THAT(parent,
               ElementsAre("info Call fork for /bin/sh", MatchesRegex("info Fork result: [1-9][0-9]*"),
                           MatchesRegex("info End wait, wait_status=512, wait_return [1-9][0-9]* and app_exit_status=2"),
                           "warn Application exit status is 2!", ""));
+}
+
+TEST_F(application_run, status_is_known_to_a_caller_that_ignores_its_children_and_the_program_ignores_them_too) {
+  const captured_log captured;
+  const captured_descriptor out(STDOUT_FILENO);
+  std::signal(SIGCHLD, SIG_IGN);
+  EXPECT_EQ(run("/bin/sh", {"sh", "-c", "exit 3"}), 3);
+  EXPECT_EQ(run("/bin/grep", {"grep", "SigIgn", "/proc/self/status"}), 0);
+  struct sigaction after {};
+  sigaction(SIGCHLD, nullptr, &after);
+  std::signal(SIGCHLD, SIG_DFL);
+  EXPECT_EQ(after.sa_handler, SIG_IGN);
+  const std::uint64_t ignored = std::stoull(out.text().substr(out.text().find(':') + 1), nullptr, 16);
+  EXPECT_NE(ignored & (1U << (SIGCHLD - 1)), 0U);
+  EXPECT_THAT(captured.lines(), ElementsAre("warn Application exit status is 3!", ""));
+}
+
+// In a process of its own, because a run can be interrupted once.
+void expect_in_child(int expected, const std::function<int()>& body) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), expected);
+}
+
+TEST_F(application_run, signal_that_is_sent_reaches_the_application_and_is_noted) {
+  expect_in_child(0, [] {
+    // The program ends by the signal that is passed on, long before its time.
+    const int status = run("/bin/sh", {"sh", "-c", "kill -TERM $PPID; exec sleep 600"});
+    return status == 0 && interrupting_signal() == SIGTERM ? 0 : 1;
+  });
+}
+
+TEST_F(application_run, signal_that_is_sent_twice_at_once_is_one_request) {
+  expect_in_child(0, [] {
+    const int status = run("/bin/sh", {"sh", "-c", "trap '' TERM; kill -TERM $PPID; kill -TERM $PPID; exit 3"});
+    return status == 3 && interrupting_signal() == SIGTERM ? 0 : 1;
+  });
+}
+
+TEST_F(application_run, second_request_ends_the_tool_at_once) {
+  expect_in_child(-SIGINT, [] {
+    run("/bin/sh", {"sh", "-c", "trap '' INT; kill -INT $PPID; sleep 1; kill -INT $PPID; exec sleep 2"});
+    return 0;
+  });
+}
+
+TEST_F(application_run, interrupted_run_ends_by_its_signal) {
+  expect_in_child(-SIGINT, [] {
+    run("/bin/sh", {"sh", "-c", "trap '' INT; kill -INT $PPID; exit 0"});
+    end_as_interrupted();
+    return 0;
+  });
+}
+
+TEST_F(application_run, signal_that_the_caller_ignores_stays_ignored_in_tool_and_application) {
+  expect_in_child(0, [] {
+    std::signal(SIGINT, SIG_IGN);
+    const int status = run("/bin/sh", {"sh", "-c", "kill -INT $PPID; kill -INT $$; exit 4"});
+    return status == 4 && interrupting_signal() == 0 ? 0 : 1;
+  });
+}
+
+TEST_F(application_run, actions_of_the_caller_are_back_afterwards) {
+  expect_in_child(-SIGINT, [] {
+    run("/bin/true", {"true"});
+    std::raise(SIGINT);
+    return 0;
+  });
 }
 
 TEST_F(application_run, process_that_cannot_be_made_gives_minus_one_and_a_warning) {
