@@ -45,6 +45,10 @@ class fake_kernel {
   int read_error = 0;                                       // errno of every read.
   std::uint64_t time_enabled = 100;
   std::uint64_t time_running = 100;
+  // Counters of the unit; 0: as many as are wanted. A larger group never runs. One that is opened to run at once is
+  // refused, one that is opened stopped is not.
+  int width = 0;
+  int starved_readings = 0;                                 // So many readings find that no group has run.
   std::vector<std::int64_t> clock;                          // The next readings of the clock, in nanoseconds.
 
   // Adds to the counter of an event code in the group of `leader`.
@@ -82,6 +86,9 @@ class fake_kernel {
     std::atomic<bool> open{false};
   };
   static constexpr int capacity = 1 << 14;
+
+  int open_members(int leader) const;
+  bool runs(int leader);
 
   counter* find(int fd);
   const counter* find(int fd) const;
