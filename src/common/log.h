@@ -124,6 +124,9 @@ void mora_log_command_line(int argc, const char* const* argv);
 // host name and rank are those of the first call in the process. Any thread.
 char* mora_expand_file_pattern(const char* pattern, char* out, std::size_t size);
 
+// Whether a launcher has given this process a rank, as %r finds it.
+bool mora_environment_shows_rank();
+
 // Handlers of --log-level, --log-file and --log-append. The first returns -1 on an unknown level, after a warning;
 // the others return 0.
 std::int32_t mora_log_parse_level(option_entry& entry);

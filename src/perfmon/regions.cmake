@@ -4,7 +4,7 @@
 include(GNUInstallDirs)
 add_library(roofline_events_objects OBJECT
   roofline_events.cpp tracer_switch.cpp counter_group.cpp descriptor_room.cpp perfmon.cpp perfmon_utils.cpp
-  roofline_metrics.cpp silent_events.cpp
+  region_result.cpp roofline_metrics.cpp silent_events.cpp
   "${PROJECT_SOURCE_DIR}/src/common/log.cpp"
   "${PROJECT_SOURCE_DIR}/src/finalizer.cpp"
   "${PROJECT_SOURCE_DIR}/src/report_handler.cpp"
