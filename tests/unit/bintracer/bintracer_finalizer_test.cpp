@@ -205,12 +205,23 @@ TEST_F(tracer_finalizer, block_without_a_segment_keeps_its_addresses_alone) {
 // A position beyond 4 GiB wraps, deliberately.
 TEST_F(tracer_finalizer, high_half_of_a_segments_offset_is_not_used) {
   start(MODE_TOTAL);
-  map_module({fadd_double});
-  tracer->register_mmap(code, code + 0x1000, 0x500000000, 5, 2, next_fd - 1);
+  map_module({fadd_double}, code, 0x2000);
+  tracer->register_mmap(code, code + 0x1000, 0x500002000, 5, 2, next_fd - 1);
   instruction_finder finder;
   const basic_block_record block = metrics_of(finder, {1, code, code + 4, tracer->search_segment(code)});
-  EXPECT_EQ(block.dump_start, 0U);
+  EXPECT_EQ(block.dump_start, 0x2000U);
+  EXPECT_EQ(block.dump_end, 0x2004U);
   EXPECT_EQ(block.flop, 1);
+}
+
+// All 32 bits of the low half are used, the highest one without a sign.
+TEST_F(tracer_finalizer, low_half_of_a_segments_offset_is_used_whole) {
+  start(MODE_TOTAL);
+  const std::string module = map_module({nop});
+  std::filesystem::resize_file(module, 0x100000000);  // Nothing but a hole.
+  tracer->register_mmap(code, code + 0x1000, 0x1fffff000, 5, 2, next_fd - 1);
+  instruction_finder finder;
+  EXPECT_EQ(metrics_of(finder, {1, code, code + 4, tracer->search_segment(code)}).dump_start, 0xfffff000U);
 }
 
 TEST_F(tracer_finalizer, module_deleted_since_the_run_gives_warnings_and_no_record) {
@@ -476,6 +487,36 @@ TEST_F(tracer_finalizer, module_of_many_blocks_is_opened_once) {
   const std::vector<std::string> lines = log.messages();
   EXPECT_EQ(std::count(lines.begin(), lines.end(),
                        "debug Try to open file " + std::filesystem::canonical(module).string()), 1);
+}
+
+constexpr std::uint32_t sve_fadd_doubles = 0x65c20020;  // fadd z0.d, z1.d, z2.d: not counted.
+
+TEST_F(tracer_finalizer, scalable_arithmetic_that_is_not_counted_is_told_with_its_number_and_share) {
+  start(MODE_TOTAL);
+  map_module({sve_fadd_doubles, sve_fadd_doubles, fadd_double, nop, fmla_two_doubles});
+  bintracer_thread& thread = begin_thread();
+  run(thread, code, 2, 30);       // Two scalable additions, 30 times: no other work in the block.
+  run(thread, code + 8, 3, 10);   // Two counted instructions, 10 times.
+  tracer->finish_thread(thread);
+  bintracer_thread& second = begin_thread(2);
+  run(second, code, 2, 60);
+  tracer->finish_thread(second);
+  const log_capture log(LEVEL_WARN);
+  EXPECT_THAT(report().regions, SizeIs(1));
+  EXPECT_THAT(log.messages(),
+              ElementsAre("warn 180 scalable floating-point instructions (SVE, SME) were executed and not counted, 90.0 % of "
+                          "all floating-point instructions: the operations are too low"));
+}
+
+TEST_F(tracer_finalizer, scalable_arithmetic_that_is_counted_is_not_told) {
+  start(MODE_TOTAL);
+  map_module({sve_fmla_doubles, sve_fmul_singles});
+  bintracer_thread& thread = begin_thread();
+  run(thread, code, 2, 30);
+  tracer->finish_thread(thread);
+  const log_capture log(LEVEL_WARN);
+  EXPECT_THAT(report().regions, SizeIs(1));
+  EXPECT_THAT(log.messages(), IsEmpty());
 }
 
 }  // namespace
