@@ -200,7 +200,10 @@ TEST(flop_table, has_a_key_for_every_row_that_the_table_written_by_hand_counts) 
   EXPECT_EQ(keys.size(), flop_key_count);
   std::size_t counted_rows = 0;
   for (const classifier_row& row : classifier_rows) {
-    if (!counted_by_hand(row, row.value)) continue;
+    const std::set<std::uint32_t> words = variants(row);
+    if (std::ranges::none_of(words, [&row](std::uint32_t word) { return counted_by_hand(row, word).has_value(); })) {
+      continue;
+    }
     ++counted_rows;
     EXPECT_TRUE(keys.contains({row.form_id, row.format_id}))
         << mnemonic_names[row.mnemonic_id] << " " << hex(row.value);
