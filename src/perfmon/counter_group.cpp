@@ -26,17 +26,28 @@ group_reading decode_group_reading(std::span<const std::uint64_t> words) {
 
 group_start wait_for_group(std::int32_t group_fd) {
   std::array<std::uint64_t, group_reading_bytes / sizeof(std::uint64_t)> buffer;
-  std::uint64_t waited = 0;
-  for (int reads = 0; reads < most_reads && waited < longest_wait; ++reads) {
+  group_reading earlier;
+  std::uint64_t missing_before = 0;
+  int steps_kept_up = 0;
+  for (int reads = 0; reads < most_reads; ++reads) {
     const ssize_t bytes = read(group_fd, buffer.data(), sizeof buffer);
     constexpr ssize_t header_bytes = 3 * sizeof(std::uint64_t);
     if (bytes < header_bytes) return {};
-    const group_reading reading =
+    const group_reading now =
         decode_group_reading(std::span(buffer).first(static_cast<std::size_t>(bytes) / sizeof(std::uint64_t)));
-    if (reading.time_running != 0) return {true, waited};
-    waited = reading.time_enabled;
+    const std::uint64_t missing = now.time_enabled - now.time_running;
+    if (missing == 0 && now.time_running != 0) return {};
+
+    // A group that is looked at for the second time has its first wait in the times.
+    if (reads == 0) missing_before = missing;
+    const std::uint64_t ran = now.time_running - earlier.time_running;
+    const bool kept_up = reads != 0 && ran != 0 && ran == now.time_enabled - earlier.time_enabled;
+    steps_kept_up = kept_up ? steps_kept_up + 1 : 0;
+    if (steps_kept_up == 2) return {true, missing};
+    if (missing - missing_before >= longest_wait) return {false, missing};
+    earlier = now;
   }
-  return {false, waited};
+  return {false, earlier.time_enabled - earlier.time_running};
 }
 
 }  // namespace ceilmeter

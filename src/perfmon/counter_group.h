@@ -1,8 +1,8 @@
 // What an open group of kernel counters says about itself when it is read: its values, and whether it counts at all.
 //
 // The kernel opens a group without looking at how many counters the unit has. A group that is larger never runs: its
-// enabled time grows, its running time stays 0. The kernel also refuses a fork that would inherit such a group while it
-// is enabled.
+// enabled time grows, and its running time stays near 0: each of the kernel's attempts to start the group leaves some
+// hundred nanoseconds there. The kernel also refuses a fork that would inherit such a group while it is enabled.
 #pragma once
 
 #include <cstddef>
@@ -31,9 +31,10 @@ struct group_start {
   std::uint64_t waited = 0;  // Nanoseconds for which it was enabled and did not run.
 };
 
-// Reads the group until it has run, or has been enabled for 20 ms of the thread's time without. That is five times the
-// interval after which the kernel lets groups that share the counter unit change places. One read if all is well. A
-// group that cannot be read counts as running: the last reading will say what is wrong.
+// Reads the group until it runs, or has been enabled for 20 ms of the thread's time without. That is five times the
+// interval after which the kernel lets groups that share the counter unit change places. A group runs if both times are
+// the same, which one read shows if all is well, or if its running time has kept up with the enabled time over two reads.
+// A group that cannot be read counts as running: the last reading will say what is wrong.
 group_start wait_for_group(std::int32_t group_fd);
 
 }  // namespace ceilmeter

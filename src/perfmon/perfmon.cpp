@@ -274,11 +274,11 @@ void perfmon::finalize_per_thread_map() {
 void perfmon::tell_of_missing_time() const {
   for (const auto& [region, times] : m_times_per_region) {
     if (times.enabled == times.running) continue;
-    if (times.running == 0) {
+    const double share = 100.0 * static_cast<double>(times.running) / static_cast<double>(times.enabled);
+    if (share < 0.05) {
       log(LEVEL_WARN, "the counters of %s region never ran (0 %% of its time): its bytes are 0", region.c_str());
       continue;
     }
-    const double share = 100.0 * static_cast<double>(times.running) / static_cast<double>(times.enabled);
     log(LEVEL_WARN, "the counters of %s region ran for %.1f %% of its time: its bytes are too low", region.c_str(),
         share);
   }

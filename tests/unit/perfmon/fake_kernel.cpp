@@ -141,9 +141,7 @@ long fake_kernel::read(int fd, void* buffer, std::size_t size) {
   if (reading) {
     words = *reading;
   } else {
-    // Where a group does not run, the reading is that of a whole second.
-    words = runs(fd) ? std::vector<std::uint64_t>{0, time_enabled, time_running}
-                     : std::vector<std::uint64_t>{0, 1'000'000'000, 0};
+    words = times_of(fd);
     const int count = counter_count_.load(std::memory_order_relaxed);
     for (int index = 0; index < count; ++index) {
       const counter& member = counters_[static_cast<std::size_t>(index)];
@@ -170,6 +168,19 @@ bool fake_kernel::runs(int leader) {
     return false;
   }
   return width == 0 || open_members(leader) <= width;
+}
+
+// Zero pairs as yet, and both times. A group that does not run has a little running time nevertheless, as from the real
+// kernel; once it runs, both times go on from there.
+std::vector<std::uint64_t> fake_kernel::times_of(int leader) {
+  constexpr std::uint64_t attempts = 300;
+  if (!runs(leader)) {
+    starved_time_ += 10'000'000;
+    return {0, starved_time_ + attempts, attempts};
+  }
+  if (starved_time_ == 0) return {0, time_enabled, time_running};
+  ran_after_ += 1000;
+  return {0, starved_time_ + attempts + ran_after_, attempts + ran_after_};
 }
 
 int fake_kernel::close(int fd) {

@@ -92,6 +92,7 @@ class fake_kernel {
 
   counter* find(int fd);
   const counter* find(int fd) const;
+  std::vector<std::uint64_t> times_of(int leader);
   std::uint64_t id_of(int fd) const;
   void record(std::string text);
 
@@ -102,6 +103,8 @@ class fake_kernel {
   mutable std::mutex mutex_;  // Guards what follows.
   std::vector<open_call> opens_;
   std::vector<std::string> calls_;
+  std::uint64_t starved_time_ = 0;  // For which groups were enabled without running.
+  std::uint64_t ran_after_ = 0;     // For which one ran after that.
 };
 
 }  // namespace ceilmeter::test
