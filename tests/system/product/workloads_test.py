@@ -15,6 +15,8 @@ import sys
 import tempfile
 import unittest
 
+from emulated_counters import without_silent_metrics
+
 build = sys.argv.pop(1)
 tool = os.path.join(build, "ceilmeter")
 programs = os.path.join(build, "tests/programs/workloads")
@@ -46,8 +48,9 @@ class workload(unittest.TestCase):
         return [tool, f"--mode={mode}", f"--phase={phase}", "-o", self.result, "--", *application]
 
     def run_tool(self, mode, phase, application):
-        return subprocess.run(self.words(mode, phase, application), capture_output=True, text=True, timeout=SECONDS,
+        done = subprocess.run(self.words(mode, phase, application), capture_output=True, text=True, timeout=SECONDS,
                               cwd=self.folder, env=self.environment, stdin=subprocess.DEVNULL, check=False)
+        return without_silent_metrics(done)
 
     def report(self):
         with open(self.result, encoding="utf-8") as file:
