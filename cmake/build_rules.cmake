@@ -14,6 +14,15 @@ if(NOT CEILMETER_HOST)
   set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 endif()
 
+# Where the executables that run an application are linked: far from where the kernel and the C library put images, since
+# the application's own image is loaded beside the tool in one address space.
+set(CEILMETER_IMAGE_BASE 0x7000000000)
+
+# ceilmeter_link_at_image_base(TARGET): links the executable, which is not relocatable, at that address.
+function(ceilmeter_link_at_image_base target)
+  target_link_options(${target} PRIVATE "-Wl,-Ttext-segment=${CEILMETER_IMAGE_BASE}")
+endfunction()
+
 find_package(Threads REQUIRED)
 
 # The system's own: it has the distribution's modules.

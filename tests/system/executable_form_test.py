@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The tool is an AArch64 executable, not relocatable, at its fixed base, dynamically linked.
 
-executable_form_test.py TOOL    Reads the file's headers itself: 64-bit little-endian ELF.
+executable_form_test.py TOOL BASE    Reads the file's headers itself: 64-bit little-endian ELF.
 """
 import struct
 import sys
@@ -19,7 +19,7 @@ checks = {
     "64-bit little-endian ELF": image[:6] == b"\x7fELF\x02\x01",
     "for AArch64": machine == EM_AARCH64,
     "not relocatable": kind == ET_EXEC,
-    "based at 0x7000000000": base == 0x7000000000,
+    f"based at {sys.argv[2]}": base == int(sys.argv[2], 0),
     "dynamically linked": PT_INTERP in types and PT_DYNAMIC in types,
 }
 for name, holds in checks.items():
