@@ -38,8 +38,9 @@
  * Cost. Without the tool a start and a stop are a load, a test and a return each. Under the counters each of them looks
  * the thread's region up under a lock and makes one system call; the first start of a region on a thread opens its six
  * counters, some twenty-five system calls and six descriptors, which stay open until finalize. The library raises the
- * process's soft limit of descriptors and keeps its own beyond the numbers that the application had. Under the tracer the pair is some
- * ten thousand instructions, more for a thread that runs much code, since a stop goes through all blocks that the
+ * process's soft limit of descriptors and keeps its own beyond the numbers that the application had. Under the tracer
+ * the pair is some ten
+ * thousand instructions, more for a thread that runs much code, since a stop goes through all blocks that the
  * thread has run. So mark loops, not the inside of loops. */
 #pragma once
 

@@ -1,5 +1,5 @@
-// The driver of the roof benchmarks. Benchmarks run one after the other, so that each sees the machine alone; those that
-// are constructed together hold their buffers together.
+// The driver of the roof benchmarks. Benchmarks run one after the other, so that each sees the machine alone; those
+// that are constructed together hold their buffers together.
 #include "run_benchmarks.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
-// Floating-point arithmetic of SVE and SME that the FLOP table does not count: what an instruction does there depends on
-// predicates and on the machine's vector length, which its word does not tell. Whoever reads the counts has to know how
-// much of it there was.
+// Floating-point arithmetic of SVE and SME that the FLOP table does not count: what an instruction does there depends
+// on predicates and on the machine's vector length, which its word does not tell. Whoever reads the counts has to know
+// how much of it there was.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // What the memory rows sweep, and which cache of this machine that is. The sizes are constants, so that results of
-// machines can be compared and an old result stays what it was; on a machine with other caches a row reads another level
-// than its name says, and this tells which.
+// machines can be compared and an old result stays what it was; on a machine with other caches a row reads another
+// level than its name says, and this tells which.
 #pragma once
 
 #include <cstdint>
@@ -30,8 +30,8 @@ inline constexpr char cache_folder[] = "/sys/devices/system/cpu/cpu0/cache";
 // By rising level. Empty if the kernel does not tell, as in many virtual machines; a cache of unknown size is left out.
 std::vector<data_cache> read_data_caches(const std::string& folder);
 
-// One line for each memory row that reads another level than its name says, with the thread counts for which it does so.
-// L1 and L2 are measured once, with the smallest count. Nothing is said without caches.
+// One line for each memory row that reads another level than its name says, with the thread counts for which it does
+// so. L1 and L2 are measured once, with the smallest count. Nothing is said without caches.
 std::vector<std::string> describe_misnamed_rows(const std::vector<data_cache>& caches,
                                                 const std::set<std::uint64_t>& thread_counts);
 

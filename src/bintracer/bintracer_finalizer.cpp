@@ -1,5 +1,5 @@
-// The finalizer. A block that several threads or regions have run is worth the same for each of them and is read once; of
-// the records that they have of it, the first one's stays.
+// The finalizer. A block that several threads or regions have run is worth the same for each of them and is read once;
+// of the records that they have of it, the first one's stays.
 #include "bintracer/bintracer_finalizer.h"
 
 #include <algorithm>
@@ -42,9 +42,10 @@ void warn_of_uncounted(const arithmetic_count& executed) {
   if (executed.uncounted == 0) return;
   const double all = static_cast<double>(executed.counted) + static_cast<double>(executed.uncounted);
   log({LEVEL_WARN, __builtin_LINE(), "finalize"},
-      "%lu scalable floating-point instructions (SVE, SME) were executed and not counted, %.1f %% of all floating-point "
-      "instructions: the operations are too low", executed.uncounted,
-      100.0 * static_cast<double>(executed.uncounted) / all);
+      "%lu scalable floating-point instructions (SVE, SME) were executed and not counted, %.1f %% of all "
+      "floating-point "
+      "instructions: the operations are too low",
+      executed.uncounted, 100.0 * static_cast<double>(executed.uncounted) / all);
 }
 
 }  // namespace
@@ -102,7 +103,8 @@ basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_rec
     log(LEVEL_DEBUG, "Cant find mapping segment at %lx address\n", block.start);
     return block;
   }
-  // The low half of the file offset alone, deliberately: results have always been so, and no module has code beyond 4 GiB.
+  // The low half of the file offset alone, deliberately: results have always been so, and no module has code beyond 4
+  // GiB.
   const std::uint64_t to_file = static_cast<std::uint32_t>(segment.offset) - segment.begin;
   block.dump_start = block.start + to_file;
   block.dump_end = block.end + to_file;
@@ -120,8 +122,8 @@ basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_rec
 
 bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block, arithmetic_count& arithmetic) {
   std::array<std::uint32_t, max_basic_block_size> buffer{};
-  // One record for the whole block, deliberately: scalable instructions leave its multiplier as the instruction before them
-  // had it. A block that begins with one counts it once.
+  // One record for the whole block, deliberately: scalable instructions leave its multiplier as the instruction before
+  // them had it. A block that begins with one counts it once.
   instr_flop work{};
   work.multiplier = 1;
   const std::uint64_t partial_bb_num =

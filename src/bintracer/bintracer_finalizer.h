@@ -1,7 +1,7 @@
-// What the threads have left behind, turned into the tracer's part of the report. Each counted block is tied to its file,
-// its instructions are read there and their floating-point work is added up; blocks without any are left out, and the
-// others are merged by start over the threads of a region. The work of a block is that of one execution: the product with
-// its count is taken when the report is written.
+// What the threads have left behind, turned into the tracer's part of the report. Each counted block is tied to its
+// file, its instructions are read there and their floating-point work is added up; blocks without any are left out, and
+// the others are merged by start over the threads of a region. The work of a block is that of one execution: the
+// product with its count is taken when the report is written.
 //
 // Runs once, on one thread, when all threads of the application have ended: no lock is taken.
 #pragma once
@@ -14,8 +14,9 @@
 
 namespace ceilmeter {
 
-// The whole report. Its regions stand in the order in which the threads have them, newest thread first. Without a region
-// it is empty, after a warning. Scalable arithmetic that was executed and not counted is a warning, too. Blocks that can't be read are reported in the log and left out.
+// The whole report. Its regions stand in the order in which the threads have them, newest thread first. Without a
+// region it is empty, after a warning. Scalable arithmetic that was executed and not counted is a warning, too. Blocks
+// that can't be read are reported in the log and left out.
 bintracer_report finalize(instruction_finder& finder, const bintracer_t& tracer, std::uint64_t max_thread_count);
 
 // Floating-point instructions: those that are in `flop`, and the scalable ones that are not.

@@ -33,8 +33,8 @@ struct group_start {
 
 // Reads the group until it runs, or has been enabled for 20 ms of the thread's time without. That is five times the
 // interval after which the kernel lets groups that share the counter unit change places. A group runs if both times are
-// the same, which one read shows if all is well, or if its running time has kept up with the enabled time over two reads.
-// A group that cannot be read counts as running: the last reading will say what is wrong.
+// the same, which one read shows if all is well, or if its running time has kept up with the enabled time over two
+// reads. A group that cannot be read counts as running: the last reading will say what is wrong.
 group_start wait_for_group(std::int32_t group_fd);
 
 }  // namespace ceilmeter

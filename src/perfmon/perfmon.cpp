@@ -81,7 +81,8 @@ bool extend_time_interval(time_interval& running, const time_interval& next) {
 
 perfmon::perfmon(bool inherit) : perfmon(inherit, roofline_events(mora_log_get_level() > LEVEL_WARN)) {}
 
-perfmon::perfmon(bool inherit, perfmon_event_map events) : m_counter_units(counter_unit_folder), m_inherit(inherit), m_events(std::move(events)) {}
+perfmon::perfmon(bool inherit, perfmon_event_map events)
+    : m_counter_units(counter_unit_folder), m_inherit(inherit), m_events(std::move(events)) {}
 
 void perfmon::start_roofline_events(const std::string& region) {
   log(LEVEL_DEBUG, "start_roofline_events: region is %s", region.c_str());

@@ -7,10 +7,10 @@
 
 namespace ceilmeter {
 
-// Keeps other processes of the region interface from the result file at `path` while it is read, merged and written. The
-// lock is one on the file's folder, so that the file need not exist; where the file system has none for folders, one on
-// the file, which is then created empty. Waits for up to ten minutes, then goes on without, after a warning. A file
-// system without any locks is a debug line.
+// Keeps other processes of the region interface from the result file at `path` while it is read, merged and written.
+// The lock is one on the file's folder, so that the file need not exist; where the file system has none for folders,
+// one on the file, which is then created empty. Waits for up to ten minutes, then goes on without, after a warning. A
+// file system without any locks is a debug line.
 class result_lock {
  public:
   explicit result_lock(const std::string& path);

@@ -1,5 +1,5 @@
-// Events that opened and never counted. The kernel takes any raw code; one that the processor does not have reads 0, and
-// nothing else tells it from an event that did not happen.
+// Events that opened and never counted. The kernel takes any raw code; one that the processor does not have reads 0,
+// and nothing else tells it from an event that did not happen.
 #pragma once
 
 #include <optional>

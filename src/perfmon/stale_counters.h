@@ -8,8 +8,8 @@
 
 namespace ceilmeter {
 
-// Notes what the result file is, before the application is started. Returns once a later write of the file is certain to
-// change its time, a few milliseconds at most.
+// Notes what the result file is, before the application is started. Returns once a later write of the file is certain
+// to change its time, a few milliseconds at most.
 void note_result_before_run(const std::string& path);
 
 // One warning if `report`, read from the file at `path`, has counters and the file is still what was noted. Without a

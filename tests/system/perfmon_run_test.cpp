@@ -180,8 +180,8 @@ TEST_F(perfmon_run, group_holds_six_events_at_warn) {
   }
 }
 
-// The emulated unit has room for six, not for ten, and a kernel refuses to make a child that would inherit a group which
-// its unit cannot hold: from info on the extra four are closed again before the application starts.
+// The emulated unit has room for six, not for ten, and a kernel refuses to make a child that would inherit a group
+// which its unit cannot hold: from info on the extra four are closed again before the application starts.
 TEST_F(perfmon_run, of_ten_events_that_the_unit_cannot_hold_four_are_closed_and_the_application_runs) {
   for (const std::string level : {"info", "debug", "trace"}) {
     const process_result counted = run({"-l", level}, {"/bin/echo", "ran"});
@@ -266,8 +266,8 @@ TEST_F(perfmon_run, result_in_a_missing_folder_is_fatal_after_the_run) {
   const process_result counted =
       run_process({tool_path().string(), "--phase=perfmon", "-o", path, "/bin/echo", "ran"}, {.folder = folder.path()});
   EXPECT_EQ(counted.out, lines_before("/bin/echo") + "ran\nCEILMETER: Processing all collected data\n");
-  EXPECT_THAT(log_lines(without_silent_metrics(counted.err)), ElementsAre("collector fatal Error when trying to write report:",
-                                                 "No such file or directory"));
+  EXPECT_THAT(log_lines(without_silent_metrics(counted.err)),
+              ElementsAre("collector fatal Error when trying to write report:", "No such file or directory"));
   EXPECT_EQ(counted.status, 128 + SIGABRT);
 }
 
@@ -281,7 +281,8 @@ TEST_F(perfmon_run, interrupted_run_leaves_an_earlier_result_alone) {
 }
 
 TEST_F(perfmon_run, metrics_that_are_0_for_want_of_an_event_are_named_once_each) {
-  const std::vector<std::string> words = {tool_path().string(), "--phase=perfmon", "-o", result().string(), "/bin/true"};
+  const std::vector<std::string> words = {tool_path().string(), "--phase=perfmon", "-o", result().string(),
+                                          "/bin/true"};
   const process_result counted = run_process(words, {.folder = folder.path()});
   std::vector<std::string> metrics;
   for (const std::string& line : log_lines(counted.err)) metrics.push_back(line.substr(0, line.find(" did not")));

@@ -142,7 +142,8 @@ TEST(machine_roofs, without_half_precision_are_the_same_rows_and_warn_once) {
   const std::vector<std::string> rows = describe(list.measured_once);
   const std::string line = testing::internal::GetCapturedStderr();
   EXPECT_EQ(rows, describe(machine_roofs(true).measured_once));
-  EXPECT_THAT(line, testing::EndsWith(" MORA warn this processor has no half-precision arithmetic: its two roofs are 0\n"));
+  EXPECT_THAT(line,
+              testing::EndsWith(" MORA warn this processor has no half-precision arithmetic: its two roofs are 0\n"));
   EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1);
 }
 

@@ -25,9 +25,10 @@ counter_table counters(std::initializer_list<std::pair<const char*, std::uint64_
 }
 
 TEST(silent_events_test, a_metric_that_stays_0_while_l1_moves_is_named_with_its_event) {
-  EXPECT_THAT(describe_silent_metrics(counters({{"L1D_CACHE", 10'000}, {"LL_CACHE", 0}}), std::nullopt),
-              ElementsAre("l3_bytes is 0 in all regions: LL_CACHE (0x32) did not count while L1D_CACHE counted 10000. The "
-                          "processor may lack the event; do not read this 0 as no traffic"));
+  EXPECT_THAT(
+      describe_silent_metrics(counters({{"L1D_CACHE", 10'000}, {"LL_CACHE", 0}}), std::nullopt),
+      ElementsAre("l3_bytes is 0 in all regions: LL_CACHE (0x32) did not count while L1D_CACHE counted 10000. The "
+                  "processor may lack the event; do not read this 0 as no traffic"));
 }
 
 TEST(silent_events_test, a_metric_of_three_events_names_all_that_were_opened) {
@@ -52,10 +53,11 @@ TEST(silent_events_test, an_event_that_failed_to_open_has_had_its_line) {
 }
 
 TEST(silent_events_test, an_event_that_the_kernel_does_not_list_is_named_whatever_the_work) {
-  EXPECT_THAT(describe_silent_metrics(counters({{"L1D_CACHE", 0}, {"LL_CACHE", 0}, {"LL_CACHE_MISS", 0}}),
-                                      event_names{"l1d_cache", "ll_cache_miss", "ll_cache_rd"}),
-              ElementsAre("l3_bytes is 0 in all regions: LL_CACHE (0x32) did not count, and the kernel does not list it "
-                          "for this processor. The processor may lack the event; do not read this 0 as no traffic"));
+  EXPECT_THAT(
+      describe_silent_metrics(counters({{"L1D_CACHE", 0}, {"LL_CACHE", 0}, {"LL_CACHE_MISS", 0}}),
+                              event_names{"l1d_cache", "ll_cache_miss", "ll_cache_rd"}),
+      ElementsAre("l3_bytes is 0 in all regions: LL_CACHE (0x32) did not count, and the kernel does not list it "
+                  "for this processor. The processor may lack the event; do not read this 0 as no traffic"));
 }
 
 TEST(silent_events_test, codes_that_the_kernel_never_lists_are_judged_by_the_counts_alone) {

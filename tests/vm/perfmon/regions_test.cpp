@@ -220,7 +220,8 @@ TEST(regions_test, metrics_whose_events_the_kernel_does_not_list_are_named) {
   std::printf("%zu metrics named\n", child.silent_metrics.size());
 }
 
-TEST(regions_test, a_group_larger_than_any_counter_unit_opens_and_is_stopped_with_a_warning_so_that_a_child_can_be_made) {
+TEST(regions_test,
+     a_group_larger_than_any_counter_unit_opens_and_is_stopped_with_a_warning_so_that_a_child_can_be_made) {
   // The kernel looks at the size of a group only when it is to run: members are created stopped.
   const child_result child = run_in_child([] {
     perfmon_event_map events;
