@@ -37,8 +37,10 @@
  *
  * Cost. Without the tool a start and a stop are a load, a test and a return each. Under the counters each of them looks
  * the thread's region up under a lock and makes one system call; the first start of a region on a thread opens its six
- * counters, twelve system calls and six descriptors, which stay open until finalize. Under the tracer the pair is some
- * ten thousand instructions, more for a thread that runs much code, since a stop goes through all blocks that the
+ * counters, some twenty-five system calls and six descriptors, which stay open until finalize. The library raises the
+ * process's soft limit of descriptors and keeps its own beyond the numbers that the application had. Under the tracer
+ * the pair is some ten
+ * thousand instructions, more for a thread that runs much code, since a stop goes through all blocks that the
  * thread has run. So mark loops, not the inside of loops. */
 #pragma once
 
@@ -67,7 +69,8 @@ void stop_perf_roofline_events(const char* region);
  * to here, without their last stretch of time. Call it once, on one thread, when no other is in a region, and before
  * the program ends: not from a destructor of a static object or a function registered with atexit. A program that ends
  * without it leaves no counters. The file named on the tool's command line is read, brought up to date and written; if
- * its path is relative, it is so to the application's folder at this moment. */
+ * its path is relative, it is so to the application's folder at this moment. A damaged file stays as it is, and the
+ * counters go into a new one beside it. Other processes that finalize at the same time wait for each other. */
 void finalize_perf_roofline_events(void);
 
 #pragma GCC visibility pop

@@ -18,6 +18,7 @@
 #include "interruption.h"
 #include "perfmon/perfmon.h"
 #include "perfmon/perfmon_utils.h"
+#include "perfmon/stale_counters.h"
 #include "privileges.h"
 #include "process_state.h"
 #include "progress.h"
@@ -97,6 +98,7 @@ std::vector<perfmon_region> run_in_region_mode(const collector_config& config) {
   set_env_for_region_mode(ROOFLINE_LOG_LEVEL, mora_log_get_level_name());
   const char* log_file = mora_log_get_file();
   set_env_for_region_mode(ROOFLINE_LOG_FILE, log_file != nullptr ? log_file : "");
+  note_result_before_run(config.output_file_path);
   run_application(config.application, config.argc, config.argv);
   return {};
 }
@@ -231,6 +233,7 @@ void finish_collect(collector_config& config) {
   result_keeper keeper(output_file_path, copy_folders());
   collector_report report;
   if (adds_to_earlier_file(config)) report = read(output_file_path);
+  warn_of_stale_counters(output_file_path, report);
 
   benchmark_report benchmarks;
   if ((config.phase & PHASE_BENCHMARKS) != 0) {

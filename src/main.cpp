@@ -110,7 +110,18 @@ std::int32_t read_num_threads_option(option_entry& entry) {
   return 0;
 }
 
+// The processes of a parallel run have the same command line; what keeps their results apart is the name's pattern.
+bool result_is_of_one_process = false;
+
+void warn_of_shared_result() {
+  if (result_is_of_one_process || !mora_environment_shows_rank()) return;
+  log(LEVEL_WARN, "the environment shows a rank, but all ranks write %s: put %%r or %%p into the name given with -o",
+      process_config().output_file_path.c_str());
+}
+
 std::int32_t read_output_option(option_entry& entry) {
+  const std::string_view pattern = entry.argument;
+  result_is_of_one_process = pattern.find("%r") != pattern.npos || pattern.find("%p") != pattern.npos;
   std::string path(output_path_size, '\0');
   process_config().output_file_path = mora_expand_file_pattern(entry.argument, path.data(), path.size());
   // Where the link leads would be all that is left of it below.
@@ -214,6 +225,7 @@ int main(int argc, char** argv, char** envp) {
   mora_log_init();
   mora_log_command_line(argc, argv);
   log_config_state();
+  warn_of_shared_result();
   print_progress("Start collection for " + process_config().application);
   start_collect(process_config(), on_collection_finished);
   mora_log_fini();

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "benchmarks/roof_list.h"
+#include "benchmarks/row_sizes.h"
 #include "common/log.h"
 #include "progress.h"
 #include "terminal_progress.h"
@@ -61,6 +62,8 @@ benchmark_result describe(benchmark_std& roof, std::uint64_t value) {
 }  // namespace
 
 benchmark_report run_benchmarks(std::set<std::uint64_t>& num_threads_set) {
+  num_threads_set.erase(0);
+  warn_of_misnamed_rows(num_threads_set);
   return run_benchmarks(num_threads_set, machine_roofs(), std::thread::hardware_concurrency());
 }
 

@@ -76,6 +76,14 @@ elements elements_of(const flop_key& key, std::uint32_t word) {
   return {precision, FLOP_VECTOR, precision == FLOP_DOUBLE ? key.count / 2U : key.count};
 }
 
+// FMOV of a constant into a vector of halves. Its words are also those of FCVTZS to fixed-point without a shift amount,
+// which no instruction is; the classifier finds that row first.
+bool is_fmov_of_halves(std::uint32_t word) {
+  constexpr std::uint32_t fmov_halves = 0x0f00fc00;  // fmov v0.4h, #2.0
+  constexpr std::uint32_t fixed_bits = 0xbff8fc00;   // All but Q, the constant and the register.
+  return (word & fixed_bits) == fmov_halves;
+}
+
 // Bits 23:22 of the scalar floating-point encodings that stand for no precision.
 bool is_reserved(const flop_key& key, std::uint32_t word) {
   return key.layout == flop_layout::FP_DATA_PROCESSING && bit(word, 23) && !bit(word, 22);
@@ -89,7 +97,7 @@ int get_instr_flop(std::uint32_t word, instr_flop& work) {
   std::uint32_t format_id = 0;
   if (classify_instruction(word, form_id, mnemonic_id, format_id) < 0) return -1;
   const flop_key* key = find_key(form_id, format_id);
-  if (key == nullptr || is_reserved(*key, word)) return -1;
+  if (key == nullptr || is_reserved(*key, word) || is_fmov_of_halves(word)) return -1;
   const elements found = elements_of(*key, word);
   work.precision = found.precision;
   work.fclass = found.fclass;

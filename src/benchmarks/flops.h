@@ -1,5 +1,6 @@
 // The floating-point throughput of one instruction class and element type: a kernel of register arithmetic, without
-// data. On a processor without half-precision arithmetic the two f16x8 kernels raise SIGILL; nothing checks for that.
+// data. On a processor without half-precision arithmetic the two f16x8 kernels raise SIGILL; the list of roofs keeps
+// them from being run there.
 #pragma once
 
 #include <cstdint>

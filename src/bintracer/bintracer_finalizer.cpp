@@ -1,5 +1,5 @@
-// The finalizer. A block that several threads or regions have run is worth the same for each of them and is read once; of
-// the records that they have of it, the first one's stays.
+// The finalizer. A block that several threads or regions have run is worth the same for each of them and is read once;
+// of the records that they have of it, the first one's stays.
 #include "bintracer/bintracer_finalizer.h"
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "a64/instr_flop.h"
+#include "a64/scalable_work.h"
 #include "common/log.h"
 #include "shared_names.h"
 
@@ -31,30 +32,53 @@ bintracer_region& find_or_add_region(std::vector<bintracer_region>& regions, con
 // The most detailed log names every instruction of every thread's blocks: then none is left out.
 bool is_logged_in_detail() { return mora_log_get_level() >= LEVEL_TRACE; }
 
+// Null if the block is not known, or another one that begins at the same address.
+const block_work* find_work(const block_work_table& known, const bb_record& record) {
+  const block_work* work = known.find(record.start);
+  return work != nullptr && work->end == record.end && work->map_seg_id == record.map_seg_id ? work : nullptr;
+}
+
+void warn_of_uncounted(const arithmetic_count& executed) {
+  if (executed.uncounted == 0) return;
+  const double all = static_cast<double>(executed.counted) + static_cast<double>(executed.uncounted);
+  log({LEVEL_WARN, __builtin_LINE(), "finalize"},
+      "%lu scalable floating-point instructions (SVE, SME) were executed and not counted, %.1f %% of all "
+      "floating-point "
+      "instructions: the operations are too low",
+      executed.uncounted, 100.0 * static_cast<double>(executed.uncounted) / all);
+}
+
 }  // namespace
 
 bintracer_report finalize(instruction_finder& finder, const bintracer_t& tracer, std::uint64_t max_thread_count) {
   bintracer_report report;
   report.regions.reserve(first_region_room);
   block_work_table known;
+  arithmetic_count executed;
   for (const thread_info* info = tracer.first_thread_info(); info != nullptr; info = info->next) {
-    thread_info_processing(finder, report, *info, tracer, max_thread_count, known);
+    thread_info_processing(finder, report, *info, tracer, max_thread_count, known, executed);
   }
   if (report.regions.empty()) {
     log(LEVEL_WARN, "No flop in regions collected!");
     return {};
   }
+  warn_of_uncounted(executed);
   report.max_thread_count = max_thread_count;
   return report;
 }
 
 void thread_info_processing(instruction_finder& finder, bintracer_report& report, const thread_info& info,
-                            const bintracer_t& tracer, std::uint64_t max_thread_count, block_work_table& known) {
+                            const bintracer_t& tracer, std::uint64_t max_thread_count, block_work_table& known,
+                            arithmetic_count& executed) {
   for (const region_bbs& counted : info.regions) {
     bintracer_region& region = find_or_add_region(report.regions, counted.name);
     region.threads = region.name == total_region_name ? max_thread_count : tracer.max_active_threads(region.name);
     for (const bb_record& record : counted.bbs) {
       basic_block_record block = calculate_bb_metrics(finder, record, known);
+      if (const block_work* work = find_work(known, record)) {
+        executed.counted += work->arithmetic.counted * record.count;
+        executed.uncounted += work->arithmetic.uncounted * record.count;
+      }
       if (block.flop == 0) continue;
       const std::uint64_t start = block.start;
       const std::int64_t count = block.count;
@@ -72,33 +96,34 @@ basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_rec
   basic_block_record block;
   block.start = record.start;
   block.end = record.end;
-  const block_work* work = is_logged_in_detail() ? nullptr : known.find(record.start);
-  if (work != nullptr && (work->end != record.end || work->map_seg_id != record.map_seg_id)) work = nullptr;
+  const block_work* work = is_logged_in_detail() ? nullptr : find_work(known, record);
   if (work != nullptr && work->flop == 0) return block;
   const mapping_segment segment = mappings_t::get_segment(record.map_seg_id);
   if (segment.begin == 0) {
     log(LEVEL_DEBUG, "Cant find mapping segment at %lx address\n", block.start);
     return block;
   }
-  // The low half of the file offset alone, deliberately: results have always been so, and no module has code beyond 4 GiB.
+  // The low half of the file offset alone, deliberately: results have always been so, and no module has code beyond 4
+  // GiB.
   const std::uint64_t to_file = static_cast<std::uint32_t>(segment.offset) - segment.begin;
   block.dump_start = block.start + to_file;
   block.dump_end = block.end + to_file;
   block.count = static_cast<std::int64_t>(record.count);
   block.module = segment.name;
+  arithmetic_count arithmetic;
   if (work != nullptr) {
     block.flop = work->flop;
     block.vector_length = work->vector_length;
-  } else if (set_basic_block_flop(finder, block)) {
-    known[record.start] = {record.end, record.map_seg_id, block.flop, block.vector_length};
+  } else if (set_basic_block_flop(finder, block, arithmetic)) {
+    known[record.start] = {record.end, record.map_seg_id, block.flop, block.vector_length, arithmetic};
   }
   return block;
 }
 
-bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block) {
+bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block, arithmetic_count& arithmetic) {
   std::array<std::uint32_t, max_basic_block_size> buffer{};
-  // One record for the whole block, deliberately: scalable instructions leave its multiplier as the instruction before them
-  // had it. A block that begins with one counts it once.
+  // One record for the whole block, deliberately: scalable instructions leave its multiplier as the instruction before
+  // them had it. A block that begins with one counts it once.
   instr_flop work{};
   work.multiplier = 1;
   const std::uint64_t partial_bb_num =
@@ -115,7 +140,11 @@ bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block)
       return false;
     }
     for (std::uint64_t index = 0; index < partial_bb_size / instruction_size; ++index) {
-      if (get_instr_flop(buffer[index], work) != 0) continue;
+      if (get_instr_flop(buffer[index], work) != 0) {
+        if (is_uncounted_scalable_work(buffer[index])) ++arithmetic.uncounted;
+        continue;
+      }
+      ++arithmetic.counted;
       log(LEVEL_TRACE, "instr_off=%lx, instr_flop.precision=%d, instr_flop.fclass=%d, instr_flop.count=%d",
           part_start + index * instruction_size, static_cast<int>(work.precision), static_cast<int>(work.fclass),
           static_cast<int>(work.count));

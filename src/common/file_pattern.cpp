@@ -70,6 +70,8 @@ std::string format_time(const timeval& time) {
 
 }  // namespace
 
+bool mora_environment_shows_rank() { return find_rank_variable() != nullptr; }
+
 char* mora_expand_file_pattern(const char* pattern, char* out, std::size_t size) {
   if (size == 0) return out;
   const process_tokens& tokens = cached_process_tokens();

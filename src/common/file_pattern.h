@@ -10,4 +10,7 @@ namespace ceilmeter {
 // host name and rank are those of the first call in the process. Any thread.
 char* mora_expand_file_pattern(const char* pattern, char* out, std::size_t size);
 
+// Whether a launcher has given this process a rank, as %r finds it.
+bool mora_environment_shows_rank();
+
 }  // namespace ceilmeter

@@ -136,7 +136,9 @@ int mora_log_init() {
   if (log_file_path != nullptr) {
     // Synchronous, so that each line has reached the file when the call returns: the process may end as abruptly as
     // the application that runs inside it.
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_SYNC | (log_append != 0 ? O_APPEND : O_TRUNC);
+    // Every line goes to the end, also of a file that was cut: the application's process writes to the same file through
+    // a descriptor of its own.
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_SYNC | O_APPEND | (log_append != 0 ? 0 : O_TRUNC);
     const int fd = out_of_the_applications_way(open_unless_foreign_link(log_file_path, flags, 0600));
     if (fd >= 0) {
       log_fd = fd;

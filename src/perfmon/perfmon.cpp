@@ -9,12 +9,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
+#include <span>
 
 #include "common/log.h"
+#include "perfmon/descriptor_room.h"
 #include "perfmon/perfmon_utils.h"
+#include "perfmon/silent_events.h"
 #include "shared_names.h"
 
 namespace ceilmeter {
@@ -23,23 +26,11 @@ namespace {
 
 constexpr tool_log log{"src/perfmon/perfmon"};
 
-// The pseudo-counter of a region's active time in nanoseconds. No kernel counter feeds it.
-constexpr char DURATION_TIME[] = "duration_time";
-
-constexpr int BYTES_PER_L1_ACCESS_SHIFT = 4;  // An L1 access is taken as one of 16 bytes,
-constexpr int BYTES_PER_LINE_SHIFT = 6;       // all else as a line of 64, whatever the machine's line length.
-
-constexpr bool by_rising_code(const roofline_event_code& left, const roofline_event_code& right) {
-  return left.code < right.code;
-}
-static_assert(std::is_sorted(roofline_event_codes.begin(), roofline_event_codes.end(), by_rising_code));
-static_assert(std::is_sorted(roofline_extra_event_codes.begin(), roofline_extra_event_codes.end(), by_rising_code));
-
 perfmon_event_map roofline_events(bool with_extra_events) {
   perfmon_event_map events;
   std::vector<perfmon_event>& raw_events = events[PERF_TYPE_RAW];
-  const auto append = [&raw_events](std::span<const roofline_event_code> codes) {
-    for (const roofline_event_code& row : codes) {
+  const auto append = [&raw_events](std::span<const roofline_event_row> codes) {
+    for (const roofline_event_row& row : codes) {
       raw_events.push_back({row.name, static_cast<std::uint64_t>(row.code), -1});
     }
   };
@@ -56,20 +47,31 @@ std::int64_t monotonic_nanoseconds() {
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
-std::uint64_t counter_value(const counter_table& counters, std::string_view name) {
-  const std::uint64_t* value = counters.find(name);
-  return value == nullptr ? 0 : *value;
+bool is_extra_event(const std::string& name) {
+  return std::any_of(roofline_extra_event_codes.begin(), roofline_extra_event_codes.end(),
+                     [&name](const roofline_event_row& row) { return name == row.name; });
+}
+
+// Closes the group's extra events, the only ones that no metric uses. Returns their names, joined by commas.
+std::string close_extra_events(thread_counters& counters) {
+  std::string names;
+  for (const roofline_event_row& row : roofline_extra_event_codes) {
+    for (auto entry = counters.events.begin(); entry != counters.events.end(); ++entry) {
+      if (entry->second.name != row.name || entry->second.fd == counters.group_fd) continue;
+      close(entry->second.fd);
+      counters.events.erase(entry);
+      names += names.empty() ? row.name : std::string(", ") + row.name;
+      break;
+    }
+  }
+  return names;
+}
+
+std::string width_text(int width) {
+  return width == 0 ? std::string() : " of " + std::to_string(width) + " counters";
 }
 
 }  // namespace
-
-group_reading decode_group_reading(std::span<const std::uint64_t> words) {
-  constexpr std::size_t header_words = 3;
-  if (words.size() < header_words) return {};
-  const std::span<const std::uint64_t> delivered = words.subspan(header_words);
-  const std::size_t pair_count = std::min<std::uint64_t>(words[0], delivered.size() / 2);
-  return {words[1], words[2], delivered.first(2 * pair_count)};
-}
 
 bool extend_time_interval(time_interval& running, const time_interval& next) {
   if (next.first > running.second) return false;
@@ -77,30 +79,22 @@ bool extend_time_interval(time_interval& running, const time_interval& next) {
   return true;
 }
 
-std::uint64_t roofline_metric(const std::string& metric, const counter_table& counters) {
-  if (metric == "l1_bytes") return counter_value(counters, "L1D_CACHE") << BYTES_PER_L1_ACCESS_SHIFT;
-  if (metric == "l2_bytes") {
-    return (counter_value(counters, "LSU_HIT_L2") + counter_value(counters, "L2D_CACHE_REFILL_LD") +
-            counter_value(counters, "L2D_CACHE_REFILL_ST"))
-           << BYTES_PER_LINE_SHIFT;
-  }
-  if (metric == "l3_bytes") return counter_value(counters, "LL_CACHE") << BYTES_PER_LINE_SHIFT;
-  if (metric == "ddr_bytes") return counter_value(counters, "LL_CACHE_MISS") << BYTES_PER_LINE_SHIFT;
-  if (metric == "time") return counter_value(counters, DURATION_TIME);
-  return 0;
-}
-
 perfmon::perfmon(bool inherit) : perfmon(inherit, roofline_events(mora_log_get_level() > LEVEL_WARN)) {}
 
-perfmon::perfmon(bool inherit, perfmon_event_map events) : m_inherit(inherit), m_events(std::move(events)) {}
+perfmon::perfmon(bool inherit, perfmon_event_map events)
+    : m_counter_units(counter_unit_folder), m_inherit(inherit), m_events(std::move(events)) {}
 
 void perfmon::start_roofline_events(const std::string& region) {
   log(LEVEL_DEBUG, "start_roofline_events: region is %s", region.c_str());
   thread_counters* counters = find_counters(region);
-  if (counters == nullptr || counters->group_fd < 0) {
+  const bool is_new = counters == nullptr || counters->group_fd < 0;
+  if (is_new) {
     counters = &open_roofline_events(region);
     if (counters->group_fd == -1) {
-      log(LEVEL_WARN, "failed to perfmon::open_roofline_events for %s region", region.c_str());
+      // Once: an application may start a region a million times. The number of starts is told at the end.
+      if (++counters->uncounted_starts == 1) {
+        log(LEVEL_WARN, "failed to perfmon::open_roofline_events for %s region", region.c_str());
+      }
       return;
     }
   }
@@ -113,7 +107,44 @@ void perfmon::start_roofline_events(const std::string& region) {
     log(LEVEL_WARN, "couldn't start_roofline_events for %s region because group_fd was not set", region.c_str());
     return;
   }
+  // A group that cannot run stays disabled: enabled, it would keep the thread from forking.
+  if (m_no_group_runs.load(std::memory_order_relaxed)) return;
   ioctl(counters->group_fd, PERF_EVENT_IOC_ENABLE, PERF_IOC_FLAG_GROUP);
+  if (is_new) make_group_run(*counters);
+}
+
+void perfmon::make_group_run(thread_counters& counters) {
+  if (wait_for_group(counters.group_fd).runs) return;
+
+  ioctl(counters.group_fd, PERF_EVENT_IOC_DISABLE, PERF_IOC_FLAG_GROUP);
+  const int width = perfmon_utils_counter_width();
+  const std::size_t opened = counters.events.size();
+  const std::string closed = close_extra_events(counters);
+  // The wait is no part of the region.
+  const std::int64_t now = monotonic_nanoseconds();
+  counters.time_intervals.back() = {now, now};
+  ioctl(counters.group_fd, PERF_EVENT_IOC_ENABLE, PERF_IOC_FLAG_GROUP);
+  if (!closed.empty()) {
+    if (!m_extra_events_refused.exchange(true)) {
+      log(LEVEL_WARN, "%lu events do not run together on this counter unit%s: %s are closed again and not counted",
+          opened, width_text(width).c_str(), closed.c_str());
+    }
+    const group_start second = wait_for_group(counters.group_fd);
+    counters.waited = second.waited;
+    if (second.runs) return;
+  }
+
+  const std::size_t left = counters.events.size();
+  if (width != 0 && static_cast<std::size_t>(width) >= left) {
+    // There are enough counters: somebody else has them, and may give them back.
+    log(LEVEL_WARN, "the %lu roofline events do not run: another user of the counter unit%s, such as a profiler, holds "
+        "counters", left, width_text(width).c_str());
+    return;
+  }
+  ioctl(counters.group_fd, PERF_EVENT_IOC_DISABLE, PERF_IOC_FLAG_GROUP);
+  if (m_no_group_runs.exchange(true)) return;
+  log(LEVEL_WARN, "the %lu roofline events cannot run on this counter unit%s: all bytes will be 0, the time is measured",
+      left, width_text(width).c_str());
 }
 
 void perfmon::stop_roofline_events(const std::string& region) {
@@ -129,6 +160,8 @@ void perfmon::stop_roofline_events(const std::string& region) {
     counters = &found->second;
   }
   if (counters->group_fd < 0) {
+    if (counters->told_of_stop) return;
+    counters->told_of_stop = true;
     log(LEVEL_WARN, "couldn't stop_roofline_events for %s region because group_fd was not set", region.c_str());
     return;
   }
@@ -166,11 +199,15 @@ void perfmon::open_events_of_type(std::uint32_t type, thread_counters& counters)
 
   const auto events = m_events.find(type);
   if (events == m_events.end()) return;
+  if (m_descriptors_apart) reserve_descriptor_room(static_cast<int>(events->second.size()));
+  const bool without_extra = m_extra_events_refused.load(std::memory_order_relaxed);
   for (const perfmon_event& event : events->second) {
+    if (without_extra && is_extra_event(event.name)) continue;
     const perfmon_event_desc desc{.type = type, .config = event.config, .inherit = m_inherit};
-    const std::int32_t fd =
-        perfmon_utils_event_open_core(&desc, calling_thread, any_cpu, counters.group_fd, PERF_FLAG_FD_CLOEXEC);
+    std::int32_t fd = perfmon_utils_event_open_core(&desc, calling_thread, any_cpu, counters.group_fd,
+                                                    PERF_FLAG_FD_CLOEXEC, counters.uncounted_starts != 0);
     if (fd == -1) continue;
+    if (m_descriptors_apart) fd = move_to_descriptor_room(fd);
     if (counters.group_fd == -1) counters.group_fd = fd;
 
     std::uint64_t id = 0;
@@ -181,34 +218,41 @@ void perfmon::open_events_of_type(std::uint32_t type, thread_counters& counters)
   }
 }
 
-void perfmon::read_counters_from_group(const thread_counters& counters, counter_table& totals) {
-  if (counters.group_fd < 0) return;
+group_times perfmon::read_counters_from_group(const thread_counters& counters, counter_table& totals) {
+  if (counters.group_fd < 0) return {};
 
-  std::array<std::uint64_t, 4096 / sizeof(std::uint64_t)> buffer;
+  std::array<std::uint64_t, group_reading_bytes / sizeof(std::uint64_t)> buffer;
   errno = 0;  // A read that delivers nothing sets no error; an old one would be misleading below.
   const ssize_t bytes = read(counters.group_fd, buffer.data(), sizeof buffer);
   if (bytes < 1) {
     log(LEVEL_WARN, "failed to read counter_values for core events with %s", std::strerror(errno));
-    return;
+    return {};
   }
 
   const group_reading reading =
       decode_group_reading(std::span(buffer).first(static_cast<std::size_t>(bytes) / sizeof(std::uint64_t)));
   // Scaling by the time ratio would make an estimate of a count. The warning tells the user to count less at a time.
-  if (reading.time_enabled != reading.time_running) log(LEVEL_WARN, "core counters have multiplexing!");
+  const group_times times{reading.time_enabled - counters.waited, reading.time_running};
+  if (times.enabled != times.running) log(LEVEL_WARN, "core counters have multiplexing!");
   for (std::size_t i = 0; i + 1 < reading.pairs.size(); i += 2) {
     const auto event = counters.events.find(reading.pairs[i + 1]);
     if (event == counters.events.end()) continue;
     totals.find_or_insert(event->second.name) += reading.pairs[i];
   }
+  return times;
 }
 
 void perfmon::finalize_per_thread_map() {
   log(LEVEL_DEBUG, "finalize_per_thread_map: m_counters_per_thread_map has %lu entries",
       m_counters_per_thread_map.size());
+  std::map<std::string, std::uint64_t> uncounted_starts;
   for (auto& [key, counters] : m_counters_per_thread_map) {
+    // The first one of each thread has its own lines.
+    if (counters.uncounted_starts > 1) uncounted_starts[key.region] += counters.uncounted_starts;
     if (counters.group_fd >= 0) {
-      read_counters_from_group(counters, m_counters_per_region_map[key.region]);
+      const group_times times = read_counters_from_group(counters, m_counters_per_region_map[key.region]);
+      m_times_per_region[key.region].enabled += times.enabled;
+      m_times_per_region[key.region].running += times.running;
       close(counters.group_fd);
       counters.group_fd = -1;
       // The leader is among the events, so its number is closed a second time. That fails unnoticed unless another
@@ -221,6 +265,36 @@ void perfmon::finalize_per_thread_map() {
     }
     time_interval_map& intervals = m_time_intervals_map[key.region];
     for (const auto& [begin, end] : counters.time_intervals) intervals.emplace(begin, end);
+  }
+  for (const auto& [region, starts] : uncounted_starts) {
+    log(LEVEL_WARN, "%lu starts of %s region had no counters", starts, region.c_str());
+  }
+  if (!m_no_group_runs) tell_of_missing_time();
+}
+
+void perfmon::tell_of_missing_time() const {
+  for (const auto& [region, times] : m_times_per_region) {
+    if (times.enabled == times.running) continue;
+    const double share = 100.0 * static_cast<double>(times.running) / static_cast<double>(times.enabled);
+    if (share < 0.05) {
+      log(LEVEL_WARN, "the counters of %s region never ran (0 %% of its time): its bytes are 0", region.c_str());
+      continue;
+    }
+    log(LEVEL_WARN, "the counters of %s region ran for %.1f %% of its time: its bytes are too low", region.c_str(),
+        share);
+  }
+}
+
+void perfmon::tell_of_silent_metrics() const {
+  const bool counted = std::any_of(m_times_per_region.begin(), m_times_per_region.end(),
+                                   [](const auto& entry) { return entry.second.running != 0; });
+  if (!counted) return;
+  counter_table totals;
+  for (const auto& [region, counters] : m_counters_per_region_map) {
+    for (const auto& [name, value] : counters) totals.find_or_insert(name) += value;
+  }
+  for (const std::string& warning : describe_silent_metrics(totals, read_listed_events(m_counter_units))) {
+    log(LEVEL_WARN, "%s", warning.c_str());
   }
 }
 
@@ -258,6 +332,7 @@ void perfmon::finalize_roofline_events() {
     log(LEVEL_DEBUG, "Counters captured for %s", region.c_str());
     for (const auto& [name, value] : counters) log(LEVEL_DEBUG, "%s\t%lu", name.c_str(), value);
   }
+  tell_of_silent_metrics();
 }
 
 std::vector<perfmon_region> perfmon::get_roofline_events() {

@@ -6,45 +6,21 @@
 // a thread works on its own group outside the lock.
 #pragma once
 
-#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <mutex>
-#include <span>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "flat_table.h"
+#include "perfmon/counter_group.h"
+#include "perfmon/roofline_metrics.h"
 #include "report.h"
 
 namespace ceilmeter {
-
-struct roofline_event_code {
-  std::int32_t code;  // Raw event code of the processor's counter unit.
-  const char* name;
-};
-
-// Always counted, by rising code. The first one that opens leads the group. The set is the same on every processor: a
-// code that a machine does not know fails to open, and what needs it counts it as 0.
-inline constexpr std::array<roofline_event_code, 6> roofline_event_codes = {{
-    {0x4, "L1D_CACHE"},
-    {0x32, "LL_CACHE"},
-    {0x33, "LL_CACHE_MISS"},
-    {0x52, "L2D_CACHE_REFILL_LD"},
-    {0x53, "L2D_CACHE_REFILL_ST"},
-    {0x600B, "LSU_HIT_L2"},
-}};
-
-// Counted as well while the log is talkative, for its lines alone: no metric uses them.
-inline constexpr std::array<roofline_event_code, 4> roofline_extra_event_codes = {{
-    {0x72, "LDST_SPEC"},
-    {0x74, "ASE_SPEC"},
-    {0x75, "VFP_SPEC"},
-    {0x5023, "STREAM_OUT"},
-}};
 
 // One event to count.
 struct perfmon_event {
@@ -83,32 +59,23 @@ struct thread_counters {
   std::unordered_map<std::uint64_t, group_event> events;  // By the kernel's id of the counter, the leader included.
   std::int32_t group_fd = -1;                             // The leader; -1 without an open counter.
   std::vector<time_interval> time_intervals;              // One per start; end equals begin until the stop.
+  std::uint64_t waited = 0;            // Enabled nanoseconds before the group was made small enough to run.
+  std::uint64_t uncounted_starts = 0;  // Starts for which no counter could be opened.
+  bool told_of_stop = false;           // The warning of a stop without a group is out.
 };
 
-// Counter name to the sum of its values.
-using counter_table = flat_table<std::string, std::uint64_t>;
+// For how long groups were enabled, and for how long of that they counted, in nanoseconds.
+struct group_times {
+  std::uint64_t enabled = 0;
+  std::uint64_t running = 0;
+};
 
 // Intervals of all threads of a region, begin to end, by rising begin.
 using time_interval_map = std::multimap<std::int64_t, std::int64_t>;
 
-// What one read of a group leader delivered.
-struct group_reading {
-  std::uint64_t time_enabled = 0;
-  std::uint64_t time_running = 0;           // Less than `time_enabled` if the group had to share the counter unit.
-  std::span<const std::uint64_t> pairs;     // Value and id by turns, as many as were really delivered.
-};
-
-// Takes a group reading apart. `words` is what was read, without a partial last word; the result points into it. Too
-// few words for the header give a reading without pairs, and a count of pairs beyond `words` is cut.
-group_reading decode_group_reading(std::span<const std::uint64_t> words);
-
 // Joins `next`, whose begin is not before that of `running`, to `running` if the two overlap or touch. False, with
 // `running` unchanged, if there is a gap between them.
 bool extend_time_interval(time_interval& running, const time_interval& next);
-
-// A metric of `roofline_metric_names` from a region's counters. A missing counter counts as 0, and so does an unknown
-// metric. Unsigned 64-bit arithmetic that wraps.
-std::uint64_t roofline_metric(const std::string& metric, const counter_table& counters);
 
 // The order of a life: construct, start and stop regions on any threads, finalise once when no thread is between start
 // and stop any more, take the metrics. No failure of the kernel raises an exception: what could not be counted is
@@ -125,8 +92,13 @@ class perfmon {
   // Closes no descriptor: that is finalisation's work.
   ~perfmon() = default;
 
+  // Keeps the counters' descriptors out of the numbers that the rest of the process uses. Before the first start.
+  void keep_descriptors_apart() { m_descriptors_apart = true; }
+
   // Begins or resumes the counting of `region` on the calling thread. The counters go on from where they stood; an
-  // enabled region is enabled again and gets one more interval. Any thread.
+  // enabled region is enabled again and gets one more interval. A new group is looked at before the call returns: where
+  // it cannot run on this counter unit, the extra events are closed again, and if that is not enough the region has its
+  // time alone. Any thread.
   void start_roofline_events(const std::string& region);
 
   // Suspends it. On the thread that started it: another one finds nothing to stop. Any thread.
@@ -153,12 +125,17 @@ class perfmon {
   // Opens the events of one type of `m_events` into `counters`, whose thread has to be the caller.
   void open_events_of_type(std::uint32_t type, thread_counters& counters);
 
-  // Adds the group's current values to `totals`, unscaled, and leaves `totals` alone if there is none to read.
-  void read_counters_from_group(const thread_counters& counters, counter_table& totals);
+  // Adds the group's current values to `totals`, unscaled, and leaves `totals` alone if there is none to read. Returns
+  // the group's times.
+  group_times read_counters_from_group(const thread_counters& counters, counter_table& totals);
 
   void finalize_per_thread_map();
 
+  // The kernel's folder of counter units. Tests have another.
+  std::string m_counter_units;
+
   bool m_inherit;
+  bool m_descriptors_apart = false;
   perfmon_event_map m_events;
   std::mutex m_mutex;  // Guards look-ups in and insertions into the next member, whose records never move.
   std::unordered_map<thread_region_key, thread_counters, thread_region_key_hash> m_counters_per_thread_map;
@@ -167,6 +144,15 @@ class perfmon {
 
  private:
   thread_counters* find_counters(const std::string& region);
+  void make_group_run(thread_counters& counters);
+  void tell_of_missing_time() const;
+  void tell_of_silent_metrics() const;
+
+  // What the first groups have shown. A later group finds it out for itself if it was opened in the meantime.
+  std::atomic<bool> m_extra_events_refused = false;
+  std::atomic<bool> m_no_group_runs = false;
+  // By region, filled by finalisation.
+  std::map<std::string, group_times> m_times_per_region;
 };
 
 }  // namespace ceilmeter

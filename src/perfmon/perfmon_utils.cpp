@@ -5,7 +5,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -35,6 +37,14 @@ perf_event_attr make_attr(const perfmon_event_desc& event) {
   return attr;
 }
 
+// What a counter of the user-mode work of a task adds.
+void make_core_shape(perf_event_attr& attr) {
+  attr.read_format |= PERF_FORMAT_ID | PERF_FORMAT_GROUP;
+  attr.exclude_kernel = 1;
+  attr.exclude_hv = 1;
+  attr.exclude_callchain_kernel = 1;
+}
+
 // The C library has no wrapper for this call. Descriptors and errors fit in 32 bits, and only these are looked at.
 std::int32_t perf_event_open(const perf_event_attr& attr, std::int32_t pid, std::int32_t cpu, std::int32_t group_fd,
                              std::uint64_t flags) {
@@ -49,12 +59,9 @@ constexpr char DESCRIPTOR_LIMIT_HINT[] =
 }  // namespace
 
 std::int32_t perfmon_utils_event_open_core(const perfmon_event_desc* event, std::int32_t pid, std::int32_t cpu,
-                                           std::int32_t group_fd, std::uint64_t flags) {
+                                           std::int32_t group_fd, std::uint64_t flags, bool repeated) {
   perf_event_attr attr = make_attr(*event);
-  attr.read_format |= PERF_FORMAT_ID | PERF_FORMAT_GROUP;
-  attr.exclude_kernel = 1;
-  attr.exclude_hv = 1;
-  attr.exclude_callchain_kernel = 1;
+  make_core_shape(attr);
 
   const std::int32_t fd = perf_event_open(attr, pid, cpu, group_fd, flags);
   const int cause = errno;  // Writing the next log line may change it.
@@ -62,9 +69,35 @@ std::int32_t perfmon_utils_event_open_core(const perfmon_event_desc* event, std:
       static_cast<int>(event->type), event->config, event->inherit, cpu, group_fd, flags, fd);
   if (fd != -1) return fd;
 
-  log(LEVEL_WARN, "perf_event_open failed with %s", std::strerror(cause));
-  if (cause == EMFILE) log(LEVEL_WARN, "%s", DESCRIPTOR_LIMIT_HINT);
+  const int level = repeated ? LEVEL_DEBUG : LEVEL_WARN;
+  log(level, "perf_event_open failed with %s", std::strerror(cause));
+  if (cause == EMFILE) log(level, "%s", DESCRIPTOR_LIMIT_HINT);
   return -1;
+}
+
+int perfmon_utils_counter_width() {
+  constexpr std::size_t most_counters = 31;  // That the architecture allows.
+  constexpr std::uint64_t any_event = 0x4;   // Any code but that of cycles, which have a counter of their own.
+  perf_event_attr attr = make_attr({.type = PERF_TYPE_RAW, .config = any_event});
+  make_core_shape(attr);
+  attr.disabled = 0;
+
+  std::array<std::int32_t, most_counters + 1> fds;
+  std::size_t opened = 0;
+  int cause = 0;
+  while (opened < fds.size()) {
+    const std::int32_t fd = perf_event_open(attr, 0, -1, opened == 0 ? -1 : fds[0], PERF_FLAG_FD_CLOEXEC);
+    if (fd == -1) {
+      cause = errno;
+      break;
+    }
+    fds[opened++] = fd;
+  }
+  // The members before their leader: they would be groups of their own for a moment.
+  for (std::size_t index = opened; index-- > 0;) close(fds[index]);
+  const int width = cause == EINVAL ? static_cast<int>(opened) : 0;
+  log(LEVEL_DEBUG, "the counter unit has %d counters, %lu opened", width, opened);
+  return width;
 }
 
 std::int32_t perfmon_utils_event_open_uncore(const perfmon_event_desc* event, std::int32_t cpu, std::int32_t group_fd,

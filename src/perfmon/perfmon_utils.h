@@ -17,9 +17,15 @@ struct perfmon_event_desc {
 
 // Creates a stopped counter of the user-mode work of task `pid` on `cpu`, as a member of the group of `group_fd` (-1:
 // as a leader), readable as a group. Returns the descriptor, which the caller owns, or -1 after a warning with the
-// kernel's reason. Any thread.
+// kernel's reason; where the caller has been told the reason before, `repeated`, the warning becomes a debug line. Any
+// thread.
 std::int32_t perfmon_utils_event_open_core(const perfmon_event_desc* event, std::int32_t pid, std::int32_t cpu,
-                                           std::int32_t group_fd, std::uint64_t flags);
+                                           std::int32_t group_fd, std::uint64_t flags, bool repeated = false);
+
+// How many counters the processor's counter unit has for raw events, the one for cycles alone aside; 0 if the kernel
+// does not say. Found out with counters that are opened for it and closed again: the kernel refuses one counter too
+// many in a group, but only while it is asked for running ones. Not cheap. Any thread.
+int perfmon_utils_counter_width();
 
 // The same for a counter that no task is tied to: everything that happens on `cpu`, the kernel's work included, read
 // singly. Nothing calls it while all roofline events belong to the cores.

@@ -3,7 +3,9 @@
 # names, and its own copies of what is used here, never meet these.
 include(GNUInstallDirs)
 add_library(roofline_events_objects OBJECT
-  roofline_events.cpp tracer_switch.cpp perfmon.cpp perfmon_utils.cpp
+  roofline_events.cpp tracer_switch.cpp counter_group.cpp descriptor_room.cpp perfmon.cpp perfmon_utils.cpp
+  region_result.cpp roofline_metrics.cpp silent_events.cpp
+  "${PROJECT_SOURCE_DIR}/src/common/file_pattern.cpp"
   "${PROJECT_SOURCE_DIR}/src/common/log.cpp"
   "${PROJECT_SOURCE_DIR}/src/common/open_file.cpp"
   "${PROJECT_SOURCE_DIR}/src/finalizer.cpp"

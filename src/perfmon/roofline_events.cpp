@@ -5,6 +5,7 @@
 #include <roofline_events.h>
 
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "finalizer.h"
 #include "perfmon/perfmon.h"
 #include "perfmon/perfmon_utils.h"
+#include "perfmon/region_result.h"
 #include "perfmon/tracer_switch.h"
 #include "report_handler.h"
 #include "shared_names.h"
@@ -38,8 +40,35 @@ bool& region_api_disabled = storage.disabled;
 
 // Made by whichever function needs it first, because a program that never calls init is counted all the same.
 perfmon& region_counters() {
-  static perfmon counters(true);
+  static perfmon& counters = []() -> perfmon& {
+    static perfmon made(true);
+    made.keep_descriptors_apart();
+    return made;
+  }();
   return counters;
+}
+
+// Merges the regions with what the result file holds and writes it back, or writes beside a file that can't be read.
+void write_regions(const std::string& report_file, std::vector<perfmon_region>& regions) {
+  constexpr const char* caller = "finalize_perf_roofline_events";
+  const result_lock lock(report_file);
+  std::string target = report_file;
+  collector_report report;
+  if (const std::optional<std::string> damage = find_result_damage(report_file)) {
+    target = path_beside(report_file);
+    region_log({LEVEL_WARN, __builtin_LINE(), caller}, "%s is damaged (%s) and stays as it is: the counters go to %s",
+               report_file.c_str(), damage->c_str(), target.c_str());
+  } else {
+    report = read(report_file);
+  }
+  bintracer_report no_tracer_report;
+  benchmark_report no_benchmarks;
+  finalize(report, no_tracer_report, regions, no_benchmarks);
+  if (!write(target, report)) {
+    region_log({LEVEL_WARN, __builtin_LINE(), caller}, "failed to write roofline events to %s.", target.c_str());
+  }
+  // Also after a failed write, deliberately: it closes the account of the run, and the line before says how it went.
+  region_log({LEVEL_INFO, __builtin_LINE(), caller}, "Regions roofline events are written to %s", target.c_str());
 }
 
 void take_log_settings(const std::string& file, const std::string& level) {
@@ -122,14 +151,6 @@ void finalize_perf_roofline_events() {
     region_log(LEVEL_WARN, "roofline events are not going to be written. Filename is empty");
     return;
   }
-  collector_report report = read(report_file);
-  bintracer_report no_tracer_report;
-  benchmark_report no_benchmarks;
-  finalize(report, no_tracer_report, regions, no_benchmarks);
-  if (!write(report_file, report)) {
-    region_log(LEVEL_WARN, "failed to write roofline events to %s.", report_file.c_str());
-  }
-  // Also after a failed write, deliberately: it closes the account of the run, and the line before says how it went.
-  region_log(LEVEL_INFO, "Regions roofline events are written to %s", report_file.c_str());
+  write_regions(report_file, regions);
   mora_log_fini();
 }

@@ -17,6 +17,8 @@ import tempfile
 import time
 import unittest
 
+from emulated_counters import without_silent_metrics
+
 build = sys.argv.pop(1)
 tool = os.path.join(build, "ceilmeter")
 programs = os.path.join(build, "tests/programs/workloads")
@@ -48,8 +50,9 @@ class workload(unittest.TestCase):
         return [tool, f"--mode={mode}", f"--phase={phase}", "-o", self.result, "--", *application]
 
     def run_tool(self, mode, phase, application):
-        return subprocess.run(self.words(mode, phase, application), capture_output=True, text=True, timeout=SECONDS,
+        done = subprocess.run(self.words(mode, phase, application), capture_output=True, text=True, timeout=SECONDS,
                               cwd=self.folder, env=self.environment, stdin=subprocess.DEVNULL, check=False)
+        return without_silent_metrics(done)
 
     def report(self):
         with open(self.result, encoding="utf-8") as file:

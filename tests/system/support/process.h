@@ -24,6 +24,9 @@ struct process_options {
 };
 
 // `words` is the argument vector, its first element the program (searched in PATH as execvp does).
+// `err` without the warnings of metrics that are 0 for want of an event: an emulated counter unit has none of the tool's.
+std::string without_silent_metrics(const std::string& err);
+
 process_result run_process(const std::vector<std::string>& words, const process_options& options = {});
 
 // The tool of the build that this test belongs to.

@@ -187,6 +187,8 @@ std::optional<expected_work> counted_by_hand(const classifier_row& row, std::uin
       return of_vector(row.format_id == 85 ? HALF : of_bit_22(word), word, multiplier);
     case FIXED:
       if (row.format_id == 1) return expected_work{of_fixed_point(word), SCALAR, 1, multiplier};
+      // Without a shift amount the words of a signed conversion are FMOV of a constant to a vector of halves.
+      if (mnemonic == "fcvtzs" && (word >> 19 & 0xf) == 0) return std::nullopt;
       return of_vector(of_fixed_point(word), word, multiplier);
     case ROUND_TO_ODD:
       if (row.format_id == 1) return expected_work{of_bit_22(word), SCALAR, 1, multiplier};

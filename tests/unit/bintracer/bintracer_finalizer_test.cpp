@@ -14,7 +14,7 @@
 
 #include "../support/log_capture.h"
 #include "../support/scratch_folder.h"
-#include "fake_engine.h"
+#include "finalizer_fixture.h"
 
 namespace ceilmeter::test {
 namespace {
@@ -23,74 +23,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
-
-constexpr std::uint32_t nop = 0xd503201f;
-constexpr std::uint32_t fadd_double = 0x1e602820;       // fadd d0, d1, d0: 1 operation.
-constexpr std::uint32_t fmadd_double = 0x1f420c20;      // fmadd d0, d1, d2, d3: 2.
-constexpr std::uint32_t fmla_two_doubles = 0x4e60cc20;  // fmla v0.2d, v1.2d, v0.2d: 4.
-constexpr std::uint32_t fadd_four_singles = 0x4e20d420; // fadd v0.4s, v1.4s, v0.4s: 4.
-constexpr std::uint32_t fadd_half = 0x1ee02820;         // fadd h0, h1, h0: 1.
-constexpr std::uint32_t sve_fmla_doubles = 0x64e00000;  // fmla z0.d, z0.d, z0.d[0]: 4 lanes as counted.
-constexpr std::uint32_t sve_fmul_singles = 0x64a02000;  // fmul z0.s, z0.s, z0.s[0]: 4 lanes as counted.
-
-constexpr std::uint64_t code = 0x10000;  // Where modules are mapped.
-
-class tracer_finalizer : public ::testing::Test {
- protected:
-  void start(std::uint32_t mode) { tracer = &start_tracer(mode); }
-
-  // A file with these words from `file_offset` on, mapped at `begin` from there.
-  std::string map_module(const std::vector<std::uint32_t>& words, std::uint64_t begin = code,
-                         std::uint64_t file_offset = 0, const std::string& name = "module") {
-    const std::string path = folder / name;
-    {
-      std::ofstream stream(path, std::ios::binary);
-      stream.seekp(static_cast<std::streamoff>(file_offset));
-      stream.write(reinterpret_cast<const char*>(words.data()), static_cast<std::streamsize>(words.size() * 4));
-    }
-    const int fd = next_fd++;
-    tracer->register_fd_name(fd, path);
-    tracer->register_mmap(begin, begin + 0x4000, file_offset, 5, 2, fd);
-    return path;
-  }
-
-  bintracer_thread& begin_thread(std::uint32_t tid = 1) {
-    threads.push_back(std::make_unique<bintracer_thread>());
-    threads.back()->tid = tid;
-    tracer->init_thread(*threads.back());
-    return *threads.back();
-  }
-
-  // The thread runs the block of so many words so many times.
-  void run(bintracer_thread& thread, std::uint64_t start, std::size_t words, std::uint64_t times) const {
-    auto* node = new bb_node;
-    node->next = thread.bb_nodes;
-    node->record = {times, start, start + words * 4, tracer->search_segment(start)};
-    thread.bb_nodes = node;
-  }
-
-  basic_block_record metrics_of(const std::vector<std::uint32_t>& words) {
-    map_module(words);
-    instruction_finder finder;
-    return metrics_of(finder, {1, code, code + words.size() * 4, tracer->search_segment(code)});
-  }
-
-  // As of the first thread that has run the block.
-  static basic_block_record metrics_of(instruction_finder& finder, const bb_record& record) {
-    block_work_table known;
-    return calculate_bb_metrics(finder, record, known);
-  }
-
-  bintracer_report report(std::uint64_t max_thread_count = 1) const {
-    instruction_finder finder;
-    return finalize(finder, *tracer, max_thread_count);
-  }
-
-  const test::scratch_folder folder;
-  bintracer_t* tracer = nullptr;
-  std::vector<std::unique_ptr<bintracer_thread>> threads;
-  int next_fd = 1000;
-};
 
 TEST_F(tracer_finalizer, block_has_its_addresses_offsets_count_module_and_work) {
   start(MODE_TOTAL);
@@ -205,12 +137,23 @@ TEST_F(tracer_finalizer, block_without_a_segment_keeps_its_addresses_alone) {
 // A position beyond 4 GiB wraps, deliberately.
 TEST_F(tracer_finalizer, high_half_of_a_segments_offset_is_not_used) {
   start(MODE_TOTAL);
-  map_module({fadd_double});
-  tracer->register_mmap(code, code + 0x1000, 0x500000000, 5, 2, next_fd - 1);
+  map_module({fadd_double}, code, 0x2000);
+  tracer->register_mmap(code, code + 0x1000, 0x500002000, 5, 2, next_fd - 1);
   instruction_finder finder;
   const basic_block_record block = metrics_of(finder, {1, code, code + 4, tracer->search_segment(code)});
-  EXPECT_EQ(block.dump_start, 0U);
+  EXPECT_EQ(block.dump_start, 0x2000U);
+  EXPECT_EQ(block.dump_end, 0x2004U);
   EXPECT_EQ(block.flop, 1);
+}
+
+// All 32 bits of the low half are used, the highest one without a sign.
+TEST_F(tracer_finalizer, low_half_of_a_segments_offset_is_used_whole) {
+  start(MODE_TOTAL);
+  const std::string module = map_module({nop});
+  std::filesystem::resize_file(module, 0x100000000);  // Nothing but a hole.
+  tracer->register_mmap(code, code + 0x1000, 0x1fffff000, 5, 2, next_fd - 1);
+  instruction_finder finder;
+  EXPECT_EQ(metrics_of(finder, {1, code, code + 4, tracer->search_segment(code)}).dump_start, 0xfffff000U);
 }
 
 TEST_F(tracer_finalizer, module_deleted_since_the_run_gives_warnings_and_no_record) {

@@ -120,7 +120,7 @@ TEST(roofline_metric_test, each_of_the_three_l2_counters_may_be_missing) {
 
 TEST(roofline_metric_test, extra_counters_enter_no_metric) {
   counter_table counters = one_to_six();
-  for (const roofline_event_code& extra : roofline_extra_event_codes) counters.insert(extra.name, 1'000'000);
+  for (const roofline_event_row& extra : roofline_extra_event_codes) counters.insert(extra.name, 1'000'000);
   const counter_table plain = one_to_six();
   for (const std::string& metric : roofline_metric_names) {
     EXPECT_EQ(roofline_metric(metric, counters), roofline_metric(metric, plain)) << metric;

@@ -84,6 +84,11 @@ long fake_kernel::perf_event_open(long number, const void* attr, long pid, long 
     errno = EMFILE;
     return -1;
   }
+  const bool stopped = (call.attr[5] & 1) != 0;  // The flag word, bit `disabled`.
+  if (width != 0 && !stopped && group_fd != -1 && open_members(static_cast<int>(group_fd)) >= width) {
+    errno = EINVAL;
+    return -1;
+  }
   const int index = counter_count_.fetch_add(1, std::memory_order_relaxed);
   if (index >= capacity) std::abort();
   counter& opened = counters_[static_cast<std::size_t>(index)];
@@ -136,7 +141,7 @@ long fake_kernel::read(int fd, void* buffer, std::size_t size) {
   if (reading) {
     words = *reading;
   } else {
-    words = {0, time_enabled, time_running};
+    words = times_of(fd);
     const int count = counter_count_.load(std::memory_order_relaxed);
     for (int index = 0; index < count; ++index) {
       const counter& member = counters_[static_cast<std::size_t>(index)];
@@ -149,6 +154,33 @@ long fake_kernel::read(int fd, void* buffer, std::size_t size) {
   const std::size_t bytes = std::min(size, read_bytes.value_or(words.size() * sizeof(std::uint64_t)));
   std::memcpy(buffer, words.data(), std::min(bytes, words.size() * sizeof(std::uint64_t)));
   return static_cast<long>(bytes);
+}
+
+int fake_kernel::open_members(int leader) const {
+  return static_cast<int>(std::count_if(counters_.begin(), counters_.end(), [leader](const counter& member) {
+    return member.open.load(std::memory_order_relaxed) && member.leader.load(std::memory_order_relaxed) == leader;
+  }));
+}
+
+bool fake_kernel::runs(int leader) {
+  if (starved_readings > 0) {
+    --starved_readings;
+    return false;
+  }
+  return width == 0 || open_members(leader) <= width;
+}
+
+// Zero pairs as yet, and both times. A group that does not run has a little running time nevertheless, as from the real
+// kernel; once it runs, both times go on from there.
+std::vector<std::uint64_t> fake_kernel::times_of(int leader) {
+  constexpr std::uint64_t attempts = 300;
+  if (!runs(leader)) {
+    starved_time_ += 10'000'000;
+    return {0, starved_time_ + attempts, attempts};
+  }
+  if (starved_time_ == 0) return {0, time_enabled, time_running};
+  ran_after_ += 1000;
+  return {0, starved_time_ + attempts + ran_after_, attempts + ran_after_};
 }
 
 int fake_kernel::close(int fd) {

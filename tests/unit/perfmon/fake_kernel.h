@@ -45,6 +45,10 @@ class fake_kernel {
   int read_error = 0;                                       // errno of every read.
   std::uint64_t time_enabled = 100;
   std::uint64_t time_running = 100;
+  // Counters of the unit; 0: as many as are wanted. A larger group never runs. One that is opened to run at once is
+  // refused, one that is opened stopped is not.
+  int width = 0;
+  int starved_readings = 0;                                 // So many readings find that no group has run.
   std::vector<std::int64_t> clock;                          // The next readings of the clock, in nanoseconds.
 
   // Adds to the counter of an event code in the group of `leader`.
@@ -83,8 +87,12 @@ class fake_kernel {
   };
   static constexpr int capacity = 1 << 14;
 
+  int open_members(int leader) const;
+  bool runs(int leader);
+
   counter* find(int fd);
   const counter* find(int fd) const;
+  std::vector<std::uint64_t> times_of(int leader);
   std::uint64_t id_of(int fd) const;
   void record(std::string text);
 
@@ -95,6 +103,8 @@ class fake_kernel {
   mutable std::mutex mutex_;  // Guards what follows.
   std::vector<open_call> opens_;
   std::vector<std::string> calls_;
+  std::uint64_t starved_time_ = 0;  // For which groups were enabled without running.
+  std::uint64_t ran_after_ = 0;     // For which one ran after that.
 };
 
 }  // namespace ceilmeter::test

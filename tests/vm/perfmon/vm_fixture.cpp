@@ -119,7 +119,9 @@ child_result run_in_child(const std::function<void()>& work) {
   if (WIFEXITED(status)) result.exit_status = WEXITSTATUS(status);
   for (std::size_t begin = 0; begin < text.size();) {
     const std::size_t end = std::min(text.find('\n', begin), text.size());
-    result.log.push_back(without_header(text.substr(begin, end - begin)));
+    const std::string line = without_header(text.substr(begin, end - begin));
+    const bool is_silent_metric = line.find(" is 0 in all regions: ") != std::string::npos;
+    (is_silent_metric ? result.silent_metrics : result.log).push_back(line);
     begin = end + 1;
   }
   return result;

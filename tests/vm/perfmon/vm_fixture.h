@@ -66,6 +66,9 @@ std::uint64_t faults_of_children();
 struct child_result {
   int exit_status = -1;           // -1: it was killed.
   std::vector<std::string> log;   // Its log lines, each reduced to "level message".
+  // Of these the warnings of metrics that are 0 for want of an event, which are kept out of `log`: the emulated unit
+  // has none of the tool's events.
+  std::vector<std::string> silent_metrics;
 };
 
 // Runs `work` in a child process whose standard error is kept. A failed test in the child gives exit status 1.

@@ -1,0 +1,19 @@
+// Counters of an earlier run beside the operations of this one. In region mode the application writes its counters into
+// the result file itself; if it never does, those that an earlier run left there stay, and nothing in the file tells.
+#pragma once
+
+#include <string>
+
+#include "report.h"
+
+namespace ceilmeter {
+
+// Notes what the result file is, before the application is started. Returns once a later write of the file is certain
+// to change its time, a few milliseconds at most.
+void note_result_before_run(const std::string& path);
+
+// One warning if `report`, read from the file at `path`, has counters and the file is still what was noted. Without a
+// note nothing is said.
+void warn_of_stale_counters(const std::string& path, const collector_report& report);
+
+}  // namespace ceilmeter
