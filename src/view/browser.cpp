@@ -1,6 +1,7 @@
 #include "view/browser.h"
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +19,6 @@ namespace {
 
 constexpr std::chrono::milliseconds patience{2000};
 constexpr std::chrono::milliseconds pause_between_looks{10};
-constexpr int cannot_start = 127;
 
 // The pieces of `text` between `separator`s, without the empty ones.
 std::vector<std::string> pieces(std::string_view text, char separator) {
@@ -31,14 +31,25 @@ std::vector<std::string> pieces(std::string_view text, char separator) {
   return result;
 }
 
-// In the child: a session of its own, so that Ctrl-C in this terminal does not end the browser, and nothing of what it
-// prints for hours comes here.
-[[noreturn]] void become(char* const* words) {
-  setsid();
-  const int nothing = open("/dev/null", O_RDWR);
-  for (int standard = 0; standard <= 2 && nothing >= 0; ++standard) dup2(nothing, standard);
-  execvp(words[0], words);
-  _exit(cannot_start);
+// Starts a program in a session of its own, so that Ctrl-C in this terminal does not end the browser. What it prints for
+// hours goes nowhere. Spawned, not forked: user-mode emulators do not always get through a fork. -1 on failure.
+pid_t start(char* const* words) {
+  posix_spawn_file_actions_t files;
+  posix_spawnattr_t attributes;
+  if (posix_spawn_file_actions_init(&files) != 0) return -1;
+  if (posix_spawnattr_init(&attributes) != 0) {
+    posix_spawn_file_actions_destroy(&files);
+    return -1;
+  }
+  bool good = posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID) == 0;
+  for (int standard = 0; good && standard <= 2; ++standard) {
+    good = posix_spawn_file_actions_addopen(&files, standard, "/dev/null", O_RDWR, 0) == 0;
+  }
+  pid_t child = -1;
+  if (!good || posix_spawnp(&child, words[0], &files, &attributes, words, environ) != 0) child = -1;
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&files);
+  return child;
 }
 
 bool run(std::vector<std::string> command) {
@@ -46,9 +57,8 @@ bool run(std::vector<std::string> command) {
   words.reserve(command.size() + 1);
   for (std::string& word : command) words.push_back(word.data());
   words.push_back(nullptr);
-  const pid_t child = fork();
+  const pid_t child = start(words.data());
   if (child < 0) return false;
-  if (child == 0) become(words.data());
   const auto end = std::chrono::steady_clock::now() + patience;
   while (std::chrono::steady_clock::now() < end) {
     int status = 0;

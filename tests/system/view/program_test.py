@@ -9,6 +9,7 @@ import io
 import json
 import os
 import re
+import shutil
 import stat
 import subprocess
 import sys
@@ -16,6 +17,7 @@ import tempfile
 import unittest
 
 source, *command = sys.argv[1:]
+command[0] = shutil.which(command[0])  # A test takes PATH away.
 results = os.path.join(source, "tests/unit/view/results")
 SECONDS = 600  # A guard against a hang.
 SMALL = {"regions": {"total": {"flop": 100, "threads": 1, "bbs": [["0", "8", "0", "8", 4, 25, 2, "/home/user/app"]],
