@@ -34,10 +34,12 @@ bool read_capabilities(capability_words& words) {
 bool restrict_capabilities(std::uint64_t kept, std::uint64_t used) {
   capability_words words{};
   if (!read_capabilities(words)) return false;
-  for (std::size_t word = 0; word < words.size(); ++word) {
-    words[word].permitted &= static_cast<std::uint32_t>(kept >> (32 * word));
-    words[word].effective = words[word].permitted & static_cast<std::uint32_t>(used >> (32 * word));
-  }
+  const auto restrict_word = [](__user_cap_data_struct& word, std::uint64_t kept_bits, std::uint64_t used_bits) {
+    word.permitted &= static_cast<std::uint32_t>(kept_bits);
+    word.effective = word.permitted & static_cast<std::uint32_t>(used_bits);
+  };
+  restrict_word(words[0], kept, used);
+  restrict_word(words[1], kept >> 32, used >> 32);
   __user_cap_header_struct header = header_of_this_thread();
   return syscall(SYS_capset, &header, words.data()) == 0;
 }

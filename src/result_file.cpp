@@ -166,8 +166,9 @@ std::string save_copy(const std::vector<std::string>& folders, const json_token&
   for (const std::string& folder : folders) {
     if (folder.empty()) continue;
     for (int number = 0; number < copies_of_one_process; ++number) {
-      const std::string mark = std::to_string(getpid()) + (number == 0 ? "" : "." + std::to_string(number));
-      const std::string path = folder + "/ceilmeter." + mark + ".roofline.json";
+      std::string path = folder + "/ceilmeter." + std::to_string(getpid());
+      if (number != 0) path.append(".").append(std::to_string(number));
+      path += ".roofline.json";
       const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, copy_mode);
       // Another process of this number, on another machine or of an earlier day.
       if (fd < 0 && errno == EEXIST) continue;
