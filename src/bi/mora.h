@@ -13,12 +13,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "bi/hash_table.h"
-#include "bi/held_signals.h"
-#include "bi/interval_map.h"
-#include "bi/linked_pool.h"
-#include "bi/robin_map.h"
-#include "bi/stub_layout.h"
+#include "bi/containers/hash_table.h"
+#include "bi/signals/held_signals.h"
+#include "bi/containers/interval_map.h"
+#include "bi/containers/linked_pool.h"
+#include "bi/containers/robin_map.h"
+#include "bi/code/stub_layout.h"
 
 namespace ceilmeter {
 

@@ -18,9 +18,9 @@
 #include <cstring>
 
 #include "bi/mora.h"
-#include "bi/pages.h"
-#include "bi/plugin_delivery.h"
-#include "bi/syscalls.h"
+#include "bi/kernel/pages.h"
+#include "bi/plugins/plugin_delivery.h"
+#include "bi/kernel/syscalls.h"
 #include "common/log.h"
 
 namespace ceilmeter {

@@ -13,9 +13,9 @@
 #include <cstring>
 
 #include "bi/mora.h"
-#include "bi/pages.h"
-#include "bi/stubs.h"
-#include "bi/syscalls.h"
+#include "bi/kernel/pages.h"
+#include "bi/code/stubs.h"
+#include "bi/kernel/syscalls.h"
 #include "common/log.h"
 
 namespace ceilmeter {

@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include "bi/plugin_delivery.h"
+#include "bi/plugins/plugin_delivery.h"
 #include "common/log.h"
 
 namespace ceilmeter {

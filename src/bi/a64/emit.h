@@ -3,7 +3,7 @@
 // tools/a64/a64_encodings.LICENSE.txt.
 //
 // emit_X writes one instruction of class X at a context's write_p and moves write_p past it: how plug-ins write
-// instructions for which there is no service (plug-in header). The engine's own code uses bi/code_writer.h instead. The
+// instructions for which there is no service (plug-in header). The engine's own code uses bi/code/code_writer.h instead. The
 // context is any record that has such a pointer, so that this family needs nothing of the engine. The caller reserves the
 // space and clears the instruction cache.
 #pragma once

@@ -16,7 +16,7 @@
 #include <cstring>
 
 #include "bi/mora.h"
-#include "bi/traces.h"
+#include "bi/code/traces.h"
 #include "common/log.h"
 
 namespace {

@@ -10,9 +10,9 @@
 #include <ostream>
 
 #include "bi/mora.h"
-#include "bi/plugin_delivery.h"
-#include "bi/stubs.h"
-#include "bi/syscalls.h"
+#include "bi/plugins/plugin_delivery.h"
+#include "bi/code/stubs.h"
+#include "bi/kernel/syscalls.h"
 
 namespace ceilmeter {
 

@@ -1,7 +1,7 @@
 // What load_elf maps, reports and hands on, on images built by hand so that every number is the test's own.
 #include "loader_fixture.h"
 
-#include "bi/syscalls.h"
+#include "bi/kernel/syscalls.h"
 #include "common/log.h"
 
 namespace ceilmeter::test {

@@ -1,5 +1,5 @@
 // Each mnemonic against the word that the assembler makes of the same line, and labels in both directions.
-#include "bi/code_writer.h"
+#include "bi/code/code_writer.h"
 
 #include <gtest/gtest.h>
 

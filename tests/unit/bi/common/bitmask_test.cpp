@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "bi/register_mask.h"
+#include "bi/containers/register_mask.h"
 
 namespace ceilmeter {
 namespace {

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "bi/hash_table.h"
+#include "bi/containers/hash_table.h"
 #include "common/log.h"
 
 namespace ceilmeter {

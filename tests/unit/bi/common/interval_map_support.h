@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "bi/interval_map.h"
+#include "bi/containers/interval_map.h"
 
 namespace ceilmeter::test {
 

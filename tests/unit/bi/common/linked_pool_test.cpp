@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bi/linked_pool.h"
+#include "bi/containers/linked_pool.h"
 
 namespace ceilmeter {
 namespace {

@@ -1,5 +1,5 @@
 // Page arithmetic with the three sizes of a page that the architecture knows.
-#include "bi/pages.h"
+#include "bi/kernel/pages.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "bi/robin_map.h"
+#include "bi/containers/robin_map.h"
 
 namespace ceilmeter::test {
 

@@ -4,10 +4,10 @@
 #include <csignal>
 
 #include "bi/a64/a64.h"
-#include "bi/exit_branch.h"
-#include "bi/exit_trap.h"
-#include "bi/stubs.h"
-#include "bi/trace_check.h"
+#include "bi/code/exit_branch.h"
+#include "bi/signals/exit_trap.h"
+#include "bi/code/stubs.h"
+#include "bi/code/trace_check.h"
 #include "trace_sources.h"
 
 namespace ceilmeter::test {

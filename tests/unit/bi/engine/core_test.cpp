@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "bi/a64/a64.h"
-#include "bi/scanner.h"
-#include "bi/stubs.h"
+#include "bi/code/scanner.h"
+#include "bi/code/stubs.h"
 #include "engine_fixture.h"
 
 namespace ceilmeter::test {

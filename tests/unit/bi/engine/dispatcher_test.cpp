@@ -1,9 +1,9 @@
 // How exits become links, and the code of register branches.
-#include "bi/dispatcher.h"
+#include "bi/code/dispatcher.h"
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
-#include "bi/scanner.h"
+#include "bi/code/scanner.h"
 #include "engine_fixture.h"
 
 namespace ceilmeter::test {

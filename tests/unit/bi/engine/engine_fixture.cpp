@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include "bi/a64/helpers.h"
-#include "bi/scanner.h"
-#include "bi/stubs.h"
+#include "bi/code/scanner.h"
+#include "bi/code/stubs.h"
 
 namespace ceilmeter::test {
 

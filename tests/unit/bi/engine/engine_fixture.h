@@ -8,7 +8,7 @@
 #include <functional>
 #include <vector>
 
-#include "bi/code_cache.h"
+#include "bi/code/code_cache.h"
 #include "bi/mora.h"
 
 namespace ceilmeter::test {

@@ -1,5 +1,5 @@
 // Conditional branches: their words both ways, which way they go, their inverses, and how a record holds them.
-#include "bi/exit_branch.h"
+#include "bi/code/exit_branch.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "../a64/encoding_rows.h"
-#include "bi/code_words.h"
+#include "bi/code/code_words.h"
 
 namespace ceilmeter::test {
 

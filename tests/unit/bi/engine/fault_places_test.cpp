@@ -3,11 +3,11 @@
 #include <csignal>
 
 #include "bi/a64/a64.h"
-#include "bi/code_cache.h"
-#include "bi/code_words.h"
-#include "bi/dispatcher.h"
-#include "bi/source_map.h"
-#include "bi/traces.h"
+#include "bi/code/code_cache.h"
+#include "bi/code/code_words.h"
+#include "bi/code/dispatcher.h"
+#include "bi/code/source_map.h"
+#include "bi/code/traces.h"
 #include "signals_fixture.h"
 #include "trace_sources.h"
 

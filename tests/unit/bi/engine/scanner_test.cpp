@@ -1,5 +1,5 @@
 // What the scanner writes for each kind of instruction, word by word.
-#include "bi/scanner.h"
+#include "bi/code/scanner.h"
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"

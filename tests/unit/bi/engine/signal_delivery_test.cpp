@@ -1,5 +1,5 @@
 // Which of the counted signals are raised again, and which wait.
-#include "bi/signal_delivery.h"
+#include "bi/signals/signal_delivery.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <ctime>
 #include <vector>
 
-#include "bi/signals.h"
+#include "bi/signals/signals.h"
 #include "signals_fixture.h"
 
 namespace ceilmeter::test {

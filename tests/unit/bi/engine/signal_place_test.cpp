@@ -1,5 +1,5 @@
 // Signals in the stubs: what is looked at again, and how a stub's frame is taken apart.
-#include "bi/signal_place.h"
+#include "bi/signals/signal_place.h"
 
 #include <cstring>
 

@@ -5,8 +5,8 @@
 
 #include <csignal>
 
-#include "bi/stub_layout.h"
-#include "bi/stubs.h"
+#include "bi/code/stub_layout.h"
+#include "bi/code/stubs.h"
 #include "engine_fixture.h"
 
 namespace ceilmeter::test {

@@ -1,5 +1,5 @@
 // Signals at places of rewritten code: what is trapped, counted, undone and run.
-#include "bi/signals.h"
+#include "bi/signals/signals.h"
 
 #include <unistd.h>
 

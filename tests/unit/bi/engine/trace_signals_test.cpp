@@ -4,11 +4,11 @@
 #include <csignal>
 
 #include "bi/a64/a64.h"
-#include "bi/exit_branch.h"
-#include "bi/exit_trap.h"
-#include "bi/signals.h"
-#include "bi/trace_check.h"
-#include "bi/trace_install.h"
+#include "bi/code/exit_branch.h"
+#include "bi/signals/exit_trap.h"
+#include "bi/signals/signals.h"
+#include "bi/code/trace_check.h"
+#include "bi/code/trace_install.h"
 #include "trace_sources.h"
 
 namespace ceilmeter::test {

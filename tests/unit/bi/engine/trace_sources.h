@@ -2,10 +2,10 @@
 #pragma once
 
 #include "bi/a64/helpers.h"
-#include "bi/dispatcher.h"
-#include "bi/scanner.h"
-#include "bi/stubs.h"
-#include "bi/traces.h"
+#include "bi/code/dispatcher.h"
+#include "bi/code/scanner.h"
+#include "bi/code/stubs.h"
+#include "bi/code/traces.h"
 #include "engine_fixture.h"
 
 namespace ceilmeter::test {

@@ -1,17 +1,17 @@
 // Traces, made by calling the routines that the stubs call: what is in the cache and in the records afterwards.
-#include "bi/traces.h"
+#include "bi/code/traces.h"
 
 #include <sys/mman.h>
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
-#include "bi/scanner.h"
-#include "bi/exit_branch.h"
-#include "bi/exit_trap.h"
-#include "bi/signals.h"
-#include "bi/stubs.h"
-#include "bi/trace_check.h"
-#include "bi/trace_install.h"
+#include "bi/code/scanner.h"
+#include "bi/code/exit_branch.h"
+#include "bi/signals/exit_trap.h"
+#include "bi/signals/signals.h"
+#include "bi/code/stubs.h"
+#include "bi/code/trace_check.h"
+#include "bi/code/trace_install.h"
 #include "engine_fixture.h"
 #include "trace_sources.h"
 

@@ -4,7 +4,7 @@
 #include <set>
 
 #include "bi/a64/a64.h"
-#include "bi/stubs.h"
+#include "bi/code/stubs.h"
 #include "plugin_fixture.h"
 
 namespace ceilmeter {

@@ -4,8 +4,8 @@
 #include "../../support/captured_log.h"
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
-#include "bi/scanner.h"
-#include "bi/syscalls.h"
+#include "bi/code/scanner.h"
+#include "bi/kernel/syscalls.h"
 #include "common/log.h"
 #include "plugin_fixture.h"
 

@@ -8,11 +8,11 @@
 #include <stdexcept>
 #include <vector>
 
-#include "bi/code_cache.h"
-#include "bi/function_watch.h"
+#include "bi/code/code_cache.h"
+#include "bi/plugins/function_watch.h"
 #include "bi/mora.h"
 #include "bi/plugin.h"
-#include "bi/plugin_delivery.h"
+#include "bi/plugins/plugin_delivery.h"
 
 namespace ceilmeter::test {
 

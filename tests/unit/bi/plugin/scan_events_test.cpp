@@ -7,7 +7,7 @@
 
 #include "../../support/captured_log.h"
 #include "bi/a64/a64.h"
-#include "bi/scanner.h"
+#include "bi/code/scanner.h"
 #include "common/log.h"
 #include "plugin_fixture.h"
 

@@ -1,5 +1,5 @@
 // Calls with a signal mask of their own: the kernel never blocks SIGILL for one, and the application never finds out.
-#include "bi/call_mask.h"
+#include "bi/kernel/call_mask.h"
 
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <csignal>
 
-#include "bi/stubs.h"
+#include "bi/code/stubs.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {

@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "bi/standard_files.h"
-#include "bi/stubs.h"
+#include "bi/kernel/standard_files.h"
+#include "bi/code/stubs.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {

@@ -13,11 +13,11 @@
 #include <fstream>
 #include <string>
 
-#include "bi/code_cache.h"
-#include "bi/plugin_delivery.h"
-#include "bi/signals.h"
-#include "bi/stubs.h"
-#include "bi/threads.h"
+#include "bi/code/code_cache.h"
+#include "bi/plugins/plugin_delivery.h"
+#include "bi/signals/signals.h"
+#include "bi/code/stubs.h"
+#include "bi/kernel/threads.h"
 
 extern "C" {
 int __real_pthread_create(pthread_t* handle, const pthread_attr_t* attributes, void* (*start)(void*), void* argument);

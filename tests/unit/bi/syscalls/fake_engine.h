@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "bi/mora.h"
-#include "bi/stub_layout.h"
-#include "bi/syscalls.h"
+#include "bi/code/stub_layout.h"
+#include "bi/kernel/syscalls.h"
 
 namespace ceilmeter::test {
 

@@ -13,9 +13,9 @@
 #include <cstring>
 #include <thread>
 
-#include "bi/fork.h"
+#include "bi/kernel/fork.h"
 #include "bi/plugin.h"
-#include "bi/stubs.h"
+#include "bi/code/stubs.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string>
 
-#include "bi/executable_path.h"
-#include "bi/stubs.h"
+#include "bi/kernel/executable_path.h"
+#include "bi/code/stubs.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {

@@ -1,5 +1,5 @@
 // What a thread that ends leaves of its robust mutexes.
-#include "bi/robust_list.h"
+#include "bi/kernel/robust_list.h"
 
 #include <gtest/gtest.h>
 #include <linux/futex.h>

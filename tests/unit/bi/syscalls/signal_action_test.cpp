@@ -8,9 +8,9 @@
 #include <cstring>
 #include <thread>
 
-#include "bi/signal_actions.h"
-#include "bi/signals.h"
-#include "bi/stubs.h"
+#include "bi/signals/signal_actions.h"
+#include "bi/signals/signals.h"
+#include "bi/code/stubs.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {

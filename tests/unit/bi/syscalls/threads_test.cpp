@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "bi/stubs.h"
-#include "bi/threads.h"
+#include "bi/code/stubs.h"
+#include "bi/kernel/threads.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {

@@ -1,0 +1,240 @@
+// Every link is a branch word that the dispatcher writes over words that the scanner reserved. Links go to a fragment's
+// entry plus 4: an arrival through a stub finds the application's x0 and x1 on the stack and enters at the entry word,
+// which pops them; an arrival through a link has never pushed them.
+//
+//   conditional exit after its first link            exit of a CB<cc>, which is not inverted
+//   word 0   branch over word 1 to the other side    cb<cc> word 2
+//   word 1   the first link                          b  fall-through side, or word 3 while that has no link
+//   word 2   the second link, or still the push      b  taken side, or nop while that has no link
+//   word 3   the rest of the exit stub               the push, and the rest of the exit stub
+//
+// A thread patches its own code only, and does so in the engine, outside the code that it patches. The instruction
+// cache is cleared over the words written before the thread goes back into the cache. The clearing ends with the
+// barriers and the context synchronisation that make the new words those that are fetched, and no other thread executes
+// them.
+#include "bi/code/dispatcher.h"
+
+#include "bi/a64/a64.h"
+#include "bi/a64/helpers.h"
+#include "bi/code/code_cache.h"
+#include "bi/code/code_words.h"
+#include "bi/code/code_writer.h"
+#include "bi/code/exit_branch.h"
+#include "bi/code/stubs.h"
+#include "bi/code/traces.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/dispatcher"};
+
+void link_direct_exit(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
+  a64_branch_and_link(thread, meta.exit_code_addr, entry);
+  clear_instruction_cache(meta.exit_code_addr, meta.exit_code_addr + 1);
+  meta.link_state = LINK_TAKEN_FIRST;
+}
+
+void link_second_side(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
+  std::uint32_t* place = meta.exit_code_addr + 2;
+  // The exit of a CB<cc> has a fixed place for each side.
+  if (meta.exit_kind == EXIT_COMPARE && (meta.link_state & LINK_TAKEN_FIRST) != 0) place = meta.exit_code_addr + 1;
+  meta.link_state |= LINK_BOTH;
+  a64_branch_and_link(thread, place, entry);
+  clear_instruction_cache(place, place + 1);
+}
+
+// `other` is the entry of the other side's fragment, or HASH_MISS: that side then goes on to the exit stub.
+void link_first_side_of_compare(thread_data* thread, bb_meta& meta, bool taken, std::uint64_t entry,
+                                std::uint64_t other) {
+  std::uint32_t* exit = meta.exit_code_addr;
+  encode_exit_branch(exit, unpack_exit_branch(meta), address_of(exit + 2));
+  std::uint32_t* const place = taken ? exit + 2 : exit + 1;
+  std::uint32_t* const other_place = taken ? exit + 1 : exit + 2;
+  a64_branch_and_link(thread, place, entry);
+  if (other != HASH_MISS) {
+    a64_branch_and_link(thread, other_place, other + ENTRY_WORD_SIZE);
+    meta.link_state |= LINK_BOTH;
+  } else if (taken) {
+    a64_branch(other_place, address_of(exit + 3));
+  }
+  clear_instruction_cache(exit, exit + 3);
+}
+
+void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
+  const bool taken = target == meta.taken_source_addr;
+  const std::uint64_t other = hash_lookup_entry(thread, taken ? meta.skipped_source_addr : meta.taken_source_addr);
+  meta.link_state = taken ? LINK_TAKEN_FIRST : LINK_SKIPPED_FIRST;
+  if (meta.exit_kind == EXIT_COMPARE) {
+    link_first_side_of_compare(thread, meta, taken, entry, other);
+    return;
+  }
+  const auto condition = static_cast<std::uint32_t>(meta.exit_condition);
+  std::uint32_t* write = meta.exit_code_addr;
+  insert_cond_exit_branch(meta, &write, taken ? condition ^ 1 : condition);
+  a64_branch_and_link(thread, write++, entry);
+  if (other != HASH_MISS) {
+    a64_branch_and_link(thread, write++, other + ENTRY_WORD_SIZE);
+    meta.link_state |= LINK_BOTH;
+  }
+  clear_instruction_cache(meta.exit_code_addr, write);
+}
+
+// What a lookup pushes at most: x0 and x1, and x2.
+constexpr std::uint32_t PUSHED_BYTES = 32;
+
+// Goes to the fragment of the source address in `target`. x0 and x1 are on the stack, and x2 above them if
+// `x2_is_saved`. Then the target is in x1, and x2 is the second register that the lookup needs; otherwise x1 is.
+void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code, x_register target, bool x2_is_saved) {
+  const x_register scratch = x2_is_saved ? x2 : x1;
+  code.load_const(x0, address_of(thread->entry_table.entries));
+
+  // The mask leaves the bits of the address that the table's hash selects, in place.
+  static_assert(ENTRY_TABLE_SIZE - 10 == 0x1ffffc >> 2, "the mask of the inline lookup is that of the hash");
+  code.and_(scratch, target, 0x1ffffc);
+  code.add(x0, x0, scratch, SHIFT_LSL, 2);
+
+  static_assert(HASH_ENTRY_BYTES == 16 && HASH_ENTRY_KEY_OFFSET == 0 && HASH_ENTRY_VALUE_OFFSET == 8);
+  code_label loop;
+  code_label miss;
+  code.bind(loop);
+  code.ldr(scratch, post_index(x0, 16));
+  code.cbz(scratch, miss);
+  code.sub(scratch, scratch, target);
+  code.cbnz(scratch, loop);
+  code.ldur(x0, at(x0, -8));
+  if (x2_is_saved) code.pop(x2);
+  code.br(x0);
+
+  code.bind(miss);
+  code.mov(x0, target);
+  code.load_const(x1, static_cast<std::uint64_t>(bb_id));
+  if (x2_is_saved) code.pop(x2);
+  code.b(thread->dispatcher_stub_addr);
+}
+
+std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
+  if (log_state::engine_log_level < LEVEL_TRACE) return lookup_or_scan(thread, target);
+  std::int32_t cached = 0;
+  const std::uint64_t found = _lookup_or_scan(thread, target, &cached);
+  if (cached != 0) {
+    log(LEVEL_TRACE, "found block from %d for 0x%lx in cache at 0x%lx", source_index, target, found);
+  } else {
+    log(LEVEL_TRACE, "scanned at 0x%lx for 0x%lx", found, target);
+  }
+  return found;
+}
+
+// A branch ignores the top byte of an address of the application's half, and `pc` then has none. The inline lookup
+// knows the whole address only and misses for a tagged one.
+std::uint64_t without_tag(std::uint64_t target) {
+  constexpr int sign_bit = 55;  // Selects the half of the address space; the other one is the kernel's.
+  return (target >> sign_bit & 1) != 0 ? target : target & ((std::uint64_t{1} << (sign_bit + 1)) - 1);
+}
+
+}  // namespace
+
+extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr,
+                           thread_data* thread) {
+  if (const std::uint64_t stripped = without_tag(target); stripped != target) {
+    target = stripped;
+    next_addr[1] = stripped;  // Held signals find it as their pc.
+  }
+  log(LEVEL_TRACE, "source block index: %d", source_index);
+  if (source_index >= BB_COUNT) {
+    trace_dispatcher(target, next_addr, source_index, thread);
+    return;
+  }
+  bb_meta& meta = thread->metas[source_index];
+  const std::uint32_t exit_kind = meta.exit_kind;  // Read now: the search below may flush it away.
+  log(LEVEL_TRACE, "reached the dispatcher, target: 0x%lx, ret: %p, src: %d thr: %p", target,
+      static_cast<void*>(next_addr), source_index, static_cast<void*>(thread));
+  thread->flush_seen = 0;
+  if (!has_links_to_spare(thread->cc_link_pool, 2)) flush_code_cache(thread);  // One call may need two.
+  const std::uint64_t found = find_block(thread, target, source_index);
+  *next_addr = found;
+  if (source_index == 0 || thread->flush_seen != 0) return;
+
+  const std::uint64_t entry = found + ENTRY_WORD_SIZE;
+  switch (exit_kind) {
+    case EXIT_DIRECT: link_direct_exit(thread, meta, entry); break;
+    case EXIT_B_COND:
+    case EXIT_CBZ:
+    case EXIT_TBZ:
+    case EXIT_COMPARE:
+      if (meta.link_state != LINK_NONE) {
+        link_second_side(thread, meta, entry);
+      } else {
+        link_first_side(thread, meta, target, entry);
+      }
+      break;
+    // A register branch looks its target up by itself each time; a block that was not scanned yet has become the
+    // target.
+    default: break;
+  }
+}
+
+bool has_links_to_spare(linked_pool* pool, std::uint32_t count) {
+  // Records are handed out in the order of their addresses, and none is ever given back alone.
+  const linked_record* end = linked_pool_records(pool) + pool->capacity;
+  return pool->free_head != nullptr && end - pool->free_head >= static_cast<std::ptrdiff_t>(count);
+}
+
+void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t to) {
+  a64_branch(from, to);
+  record_cc_link(thread, reinterpret_cast<std::uint64_t>(from), to);
+}
+
+void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::uint32_t condition) {
+  if (meta.exit_kind == EXIT_DIRECT) return;
+  if (!is_conditional_exit(meta.exit_kind)) log(LEVEL_FATAL, "insert_cond_exit_branch(): unknown branch type");
+  exit_branch branch = unpack_exit_branch(meta);
+  branch.condition = condition;
+  encode_exit_branch(*write, branch, address_of(*write + 2));
+  ++*write;
+}
+
+void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, const std::uint32_t* read_address,
+                    std::uint32_t reg, bool link, bool set_meta) {
+  const code_writer code{*write};
+  // The lookup needs x0 and one more register. The target must survive both, and the loading of x30.
+  const bool needs_x2 = reg == x0.number || reg == x1.number || (link && reg == x30.number);
+  const x_register target = needs_x2 ? x1 : x_register{reg};
+  code.push(x0, x1);
+  if (needs_x2) {
+    code.push(x2);
+    if (reg != x1.number) code.mov(x1, x_register{reg});
+  }
+  if (set_meta) thread->metas[bb_id].rn = target.number;
+  if (link) code.load_const(x30, address_of(read_address) + 4);
+  put_inline_lookup(thread, bb_id, code, target, needs_x2);
+}
+
+void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint32_t** write,
+                              const std::uint32_t* read_address, const a64_authenticated_branch& branch) {
+  const code_writer code{*write};
+  code.push(x0, x1);
+  code.push(x2);
+  x_register modifier = x2;
+  if (branch.zero_modifier == 0) {
+    // The modifier is copied first: x1 is written below. It must not overwrite the register that x1 is copied from.
+    if (branch.target == x2.number) modifier = x0;
+    if (branch.modifier == sp.number) {
+      code.add(modifier, sp, PUSHED_BYTES);  // sp as it was before the pushes.
+    } else if (branch.modifier != modifier.number) {
+      code.mov(modifier, x_register{branch.modifier});
+    }
+  }
+  if (branch.target != x1.number) code.mov(x1, x_register{branch.target});
+  if (branch.zero_modifier != 0) {
+    code.aut_zero(branch.key, x1);
+  } else {
+    code.aut(branch.key, x1, modifier);
+  }
+  thread->metas[bb_id].rn = x1.number;
+  if (branch.link != 0) code.load_const(x30, address_of(read_address) + 4);
+  put_inline_lookup(thread, bb_id, code, x1, true);
+}
+
+}  // namespace ceilmeter

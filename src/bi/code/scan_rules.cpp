@@ -1,0 +1,175 @@
+// The rules of scan_rules.h. Every register that a rule needs besides the instruction's own is pushed and popped around
+// it.
+#include "bi/code/scan_rules.h"
+
+#include "a64/classifier_rows.h"
+#include "bi/a64/a64.h"
+#include "bi/code/code_writer.h"
+#include "bi/plugins/plugin_delivery.h"
+#include "bi/code/scan_ahead.h"
+#include "bi/code/source_map.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/scanner"};
+
+// How many of the words behind this one belong to the same instruction or sequence.
+int following_words(std::uint32_t word) {
+  // MOVPRFX makes one instruction with the next. The pair is only defined if nothing comes between the two.
+  const bool unpredicated = (word & 0xfffffc00) == 0x0420bc00;  // movprfx Zd, Zn
+  const bool predicated = (word & 0xff3ee000) == 0x04102000;    // movprfx Zd.T, Pg/M, Zn.T and Pg/Z
+  if (unpredicated || predicated) return 1;
+  // The first of the three words of a memory copy (CPYP, CPYFP) or set (SETP, SETGP). If a thread moves to another kind
+  // of processor in the middle, the kernel sends it back to the first word and counts back from its pc to find it.
+  if ((word & 0x3b200c00) != 0x19000400) return 0;
+  const std::uint32_t stage = word >> 22 & 3;
+  const bool is_set = stage == 3;
+  return (is_set ? word >> 14 & 3 : stage) == 0 ? 2 : 0;
+}
+
+// LDR, LDRSW and PRFM of general registers. The register of the result serves as the base: its old value is lost
+// anyway.
+void put_general_load(const code_writer& code, std::uint32_t opc, std::uint32_t reg, x_register base) {
+  switch (opc) {
+    case 0: code.ldr_w(x_register{reg}, at(base)); break;
+    case 1: code.ldr(x_register{reg}, at(base)); break;
+    case 2: code.ldrsw(x_register{reg}, at(base)); break;
+    default: code.prfm(reg, at(base)); break;
+  }
+}
+
+void put_vector_load(const code_writer& code, std::uint32_t opc, std::uint32_t reg, x_register base) {
+  switch (opc) {
+    case 0: code.ldr_s(v_register{reg}, at(base)); break;
+    case 1: code.ldr_d(v_register{reg}, at(base)); break;
+    default: code.ldr_q(v_register{reg}, at(base)); break;
+  }
+}
+
+}  // namespace
+
+void mark_inserted_code(scan_state& state) {
+  if (engine.plugin_count != 0) mark_source(state.thread, state.write, MARK_INSERTED);
+}
+
+std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int width) {
+  return address_of(read) + static_cast<std::uint64_t>(a64_sign_extend(field, width) * 4);
+}
+
+void rewrite_svc(scan_state& state) {
+  const code_writer code{state.write};
+  const std::uint32_t* next = state.read + 1;
+  code.push(x29, x30);
+  code.load_const(x29, address_of(next));
+  code.bl(state.thread->syscall_wrapper_addr);
+  code.pop(x0, x1);
+  mark_inserted_code(state);
+  deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, next});
+  state.bb_start = next;
+  deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
+}
+
+void rewrite_system_register(scan_state& state) {
+  const code_writer code{state.write};
+  std::uint32_t is_read = 0;
+  std::uint32_t reg = 0;
+  system_register named{};
+  a64_mrs_msr_decode(state.read, &is_read, &named.o0, &named.op1, &named.crn, &named.crm, &named.op2, &reg);
+  if (!(named == TPIDR_EL0)) {
+    code.word(*state.read);
+    return;
+  }
+  // TPIDR_EL0 itself always holds the value of the tool's C library.
+  const x_register scratch = reg == x0.number ? x1 : x0;
+  code.push(scratch);
+  code.load_const(scratch, address_of(&state.thread->tls));
+  if (is_read != 0) {
+    code.ldur(x_register{reg}, at(scratch));
+  } else {
+    code.stur(x_register{reg}, at(scratch));
+  }
+  code.pop(scratch);
+}
+
+void rewrite_literal_load(scan_state& state) {
+  constexpr std::uint32_t prefetch = 3;  // `opc` of PRFM, whose operation stands in the place of the register.
+  const code_writer code{state.write};
+  std::uint32_t opc = 0;
+  std::uint32_t is_vector = 0;
+  std::uint32_t imm19 = 0;
+  std::uint32_t reg = 0;
+  a64_ldr_literal_decode(state.read, &opc, &is_vector, &imm19, &reg);
+  const std::uint64_t target = branch_target(state.read, imm19, 19);
+  // Not with xzr: as a base number 31 would be the stack pointer. The access of a load into xzr still happens.
+  if (is_vector == 0 && opc != prefetch && reg != xzr.number) {
+    code.load_const(x_register{reg}, target);
+    put_general_load(code, opc, reg, x_register{reg});
+    return;
+  }
+  if (is_vector != 0 && opc == 3) log(LEVEL_FATAL, "unallocated encoding");
+  code.push(x0);
+  code.load_const(x0, target);
+  if (is_vector == 0) {
+    put_general_load(code, opc, reg, x0);
+  } else {
+    put_vector_load(code, opc, reg, x0);
+  }
+  code.pop(x0);
+}
+
+void rewrite_address(scan_state& state) {
+  constexpr std::uint64_t page_mask = 0xfff;
+  std::uint32_t is_page = 0;
+  std::uint32_t low = 0;
+  std::uint32_t high = 0;
+  std::uint32_t reg = 0;
+  a64_adr_decode(state.read, &is_page, &low, &high, &reg);
+  const auto offset = static_cast<std::uint64_t>(a64_sign_extend(high << 2 | low, 21));
+  const std::uint64_t here = address_of(state.read);
+  const std::uint64_t value = is_page != 0 ? (here & ~page_mask) + (offset << 12) : here + offset;
+  code_writer{state.write}.load_const(x_register{reg}, value);
+}
+
+void copy_unknown(scan_state& state) {
+  const code_writer code{state.write};
+  if (log_state::engine_log_level >= LEVEL_DEBUG) {
+    log(LEVEL_DEBUG, "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s", A64_NOT_RECOGNISED, *state.read,
+        static_cast<const void*>(state.read), mnemonic_of(*state.read));
+    log(LEVEL_DEBUG, "Copying it unmodified, but future problems are possible");
+  }
+  code.word(*state.read);
+  // Neither the end of a block nor a plug-in's code may come between words that belong together, even if an emulator
+  // does not mind. The words behind the first are copied here and have no events of their own.
+  for (int left = following_words(*state.read); left > 0; --left) {
+    const std::uint32_t* next = state.read + 1;
+    if (begins_unreadable_page(next) || a64_decode(next) != A64_NOT_RECOGNISED || is_branch_without_class(*next)) break;
+    mark_source(state.thread, state.write, MARK_SOURCE);
+    code.word(*++state.read);
+  }
+}
+
+void put_fault(scan_state& state) {
+  const code_writer code{state.write};
+  code.push(x0);  // The fault's handler finds the application's x0.
+  code.load_const(x0, address_of(state.read));
+  code.ldr_w(x0, at(x0));
+  state.stop = true;
+}
+
+void put_hot_counter(scan_state& state) {
+  const code_writer code{state.write};
+  code.push(x1, x30);
+  code.load_const(x1, static_cast<std::uint64_t>(state.bb_id));
+  code.bl(state.thread->hot_counter_stub_addr);
+  code.pop(x1, x30);
+}
+
+const char* mnemonic_of(std::uint32_t word) {
+  const classifier_row* row = find_classifier_row_linearly(word);
+  return row != nullptr ? mnemonic_names[row->mnemonic_id] : "unknown";
+}
+
+}  // namespace ceilmeter

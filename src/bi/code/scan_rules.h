@@ -1,0 +1,41 @@
+// How single instructions that do not end a fragment are rewritten. Each rule writes at the scan's cursor and leaves
+// `read` at the last word that it has dealt with.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/code/scan_state.h"
+
+namespace ceilmeter {
+
+// A call of the system-call stub. For callbacks a block ends here and another one begins, though the fragment goes on.
+void rewrite_svc(scan_state& state);
+
+// An access to the thread pointer becomes one to the application's value in the thread's record. Others are copied.
+void rewrite_system_register(scan_state& state);
+
+// Loads relative to the program counter, and ADR and ADRP. Both get the source address as a constant.
+void rewrite_literal_load(scan_state& state);
+void rewrite_address(scan_state& state);
+
+// Copies a word that the decoder does not know, with the words that form one instruction with it.
+void copy_unknown(scan_state& state);
+
+// For a place that the application may not execute: a load from there, which raises the application's fault.
+void put_fault(scan_state& state);
+
+// Counts how often the block runs, until it is hot.
+void put_hot_counter(scan_state& state);
+
+// Before code of plug-ins that stands between the source word just rewritten and the next one: a fault in it has left the first
+// one behind.
+void mark_inserted_code(scan_state& state);
+
+// The address that an offset field of a source word, in words, refers to.
+std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int width);
+
+// The mnemonic of a word, for the log. Searches row by row: the classifier's index lies on the heap, which the child of
+// a fork must not touch.
+const char* mnemonic_of(std::uint32_t word);
+
+}  // namespace ceilmeter

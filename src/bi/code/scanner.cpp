@@ -1,0 +1,313 @@
+// The walk over source words, and the exits that end a fragment. The other rules stand in scan_rules.cpp.
+#include "bi/code/scanner.h"
+
+#include "bi/a64/a64.h"
+#include "bi/a64/helpers.h"
+#include "bi/code/code_cache.h"
+#include "bi/code/code_words.h"
+#include "bi/code/code_writer.h"
+#include "bi/code/dispatcher.h"
+#include "bi/code/exit_branch.h"
+#include "bi/plugins/plugin_delivery.h"
+#include "bi/code/scan_ahead.h"
+#include "bi/code/scan_rules.h"
+#include "bi/code/source_map.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/scanner"};
+
+constexpr std::uint32_t CONDITION_ALWAYS = 14;  // AL; NV is 15.
+
+constexpr std::uint64_t TWO_NOPS = NOP | std::uint64_t{NOP} << 32;
+
+bb_meta& meta_of(scan_state& state) { return state.thread->metas[state.bb_id]; }
+
+void reserve_space(scan_state& state, std::uint32_t size) {
+  a64_reserve_block_space(state.thread, &state.write, &state.limit, size);
+}
+
+// The exit of every kind begins with the words that the dispatcher turns into links.
+void begin_exit(scan_state& state, bb_exit_kind kind, std::uint64_t taken, std::uint64_t skipped) {
+  bb_meta& meta = meta_of(state);
+  meta.exit_kind = kind;
+  meta.exit_code_addr = state.write;
+  meta.taken_source_addr = taken;
+  meta.skipped_source_addr = skipped;
+  meta.link_state = LINK_NONE;
+}
+
+void put_two_reserved_words(scan_state& state) {
+  __builtin_memcpy(state.write, &TWO_NOPS, sizeof TWO_NOPS);
+  state.write += 2;
+}
+
+void exit_to_dispatcher(scan_state& state) { a64_branch(state.write++, state.thread->dispatcher_stub_addr); }
+
+void put_direct_exit(scan_state& state, std::uint64_t target) {
+  begin_exit(state, EXIT_DIRECT, target, 0);
+  const code_writer code{state.write};
+  code.nop();
+  code.push(x0, x1);
+  a64_branch_jump(state.thread, &state.write, target, state.bb_id);
+  state.stop = true;
+}
+
+void rewrite_direct_branch(scan_state& state) {
+  std::uint32_t link = 0;
+  std::uint32_t imm26 = 0;
+  a64_b_decode(state.read, &link, &imm26);
+  // The application's link register holds a source address throughout.
+  if (link != 0) code_writer{state.write}.load_const(x30, address_of(state.read) + 4);
+  put_direct_exit(state, branch_target(state.read, imm26, 26));
+}
+
+// The start of every conditional exit. Its branch stands before the words that load x0 and x1, and so tests the
+// application's value of any register.
+void begin_conditional_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
+  begin_exit(state, static_cast<bb_exit_kind>(branch.kind), target, address_of(state.read) + 4);
+  pack_exit_branch(branch, &meta_of(state));
+}
+
+void a64_branch_jump_cond(scan_state& state, std::uint64_t target, std::uint32_t cond) {
+  log(LEVEL_TRACE, "A64 branch: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+  exit_branch branch = {.kind = EXIT_B_COND, .condition = cond};
+  begin_conditional_exit(state, branch, target);
+  put_two_reserved_words(state);
+  a64_push_x0_x1(&state.write);
+  a64_load_const(&state.write, 1, static_cast<std::uint64_t>(state.bb_id));
+  std::uint32_t* decision = state.write++;
+  a64_load_const(&state.write, 0, target);
+  exit_to_dispatcher(state);
+  invert_exit_branch(&branch);
+  encode_exit_branch(decision, branch, address_of(state.write));
+  a64_load_const(&state.write, 0, meta_of(state).skipped_source_addr);
+  exit_to_dispatcher(state);
+}
+
+// CBZ, CBNZ, TBZ, TBNZ.
+void a64_branch_imm_reg(scan_state& state, exit_branch branch, std::uint64_t target) {
+  log(LEVEL_TRACE, "A64 [c/t](n)bz: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+  begin_conditional_exit(state, branch, target);
+  put_two_reserved_words(state);
+  a64_push_x0_x1(&state.write);
+  std::uint32_t* decision = state.write++;
+  a64_branch_jump(state.thread, &state.write, target, state.bb_id);
+  invert_exit_branch(&branch);
+  encode_exit_branch(decision, branch, address_of(state.write));
+  a64_branch_jump(state.thread, &state.write, meta_of(state).skipped_source_addr, state.bb_id);
+}
+
+// CB<cc> is not inverted: the branch keeps its sense, and the fall-through side comes first. Three words are reserved.
+void put_compare_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
+  log(LEVEL_TRACE, "A64 cb<cc>: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+  a64_reserve_block_space(state.thread, &state.write, &state.limit, COMPARE_EXIT_SPACE);
+  begin_conditional_exit(state, branch, target);
+  put_two_reserved_words(state);
+  code_writer{state.write}.nop();
+  a64_push_x0_x1(&state.write);
+  std::uint32_t* decision = state.write++;
+  a64_branch_jump(state.thread, &state.write, meta_of(state).skipped_source_addr, state.bb_id);
+  encode_exit_branch(decision, branch, address_of(state.write));
+  a64_branch_jump(state.thread, &state.write, target, state.bb_id);
+}
+
+void rewrite_conditional_branch(scan_state& state) {
+  exit_branch branch{};
+  decode_exit_branch(*state.read, &branch);
+  const std::uint64_t target = branch_destination(*state.read, state.read);
+  if (branch.kind == EXIT_B_COND && !is_invertible(branch)) {
+    // AL, and NV, which is always taken as well: the branch has one side.
+    put_direct_exit(state, target);
+    return;
+  }
+  switch (branch.kind) {
+    case EXIT_B_COND: a64_branch_jump_cond(state, target, branch.condition); break;
+    case EXIT_COMPARE: put_compare_exit(state, branch, target); break;
+    default: a64_branch_imm_reg(state, branch, target); break;
+  }
+  state.stop = true;
+}
+
+void rewrite_register_branch(scan_state& state, int inst) {
+  std::uint32_t reg = 0;
+  a64_br_decode(state.read, &reg);  // BR, BLR and RET hold the register in the same place.
+  reserve_space(state, REGISTER_BRANCH_SPACE);
+  begin_exit(state, EXIT_REGISTER, 0, 0);
+  meta_of(state).rn = reg;
+  a64_branch_reg(state.thread, state.bb_id, &state.write, state.read, reg, inst == A64_BLR, true);
+  state.stop = true;
+}
+
+// If it were copied, it would lead out of the cache, and the application would go on outside the engine. The decoder
+// has no class for it, so plug-ins are told of a word that is not recognised.
+void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_branch& branch) {
+  reserve_space(state, AUTHENTICATED_BRANCH_SPACE);
+  begin_exit(state, EXIT_REGISTER, 0, 0);
+  a64_branch_authenticated(state.thread, state.bb_id, &state.write, state.read, branch);
+  state.stop = true;
+}
+
+// Writes a direct branch to the word, which begins its own block. It is linked like any other exit: otherwise code that the
+// decoder does not know, SVE code above all, would pass through the dispatcher at each of its words.
+void end_before_this_word(scan_state& state) {
+  mark_source(state.thread, state.write, MARK_SOURCE);
+  put_direct_exit(state, address_of(state.read));
+}
+
+void leave_to_its_own_block(scan_state& state) {
+  end_before_this_word(state);
+  if (log_state::engine_log_level < LEVEL_TRACE) return;
+  log(LEVEL_TRACE, "deferred scanning because of unknown instruction at: %p, type: %s",
+      static_cast<const void*>(state.read), mnemonic_of(*state.read));
+}
+
+// A word of no class: a branch to a signed address, or the fragment's first word.
+void rewrite_unknown(scan_state& state) {
+  if (a64_authenticated_branch branch{}; a64_authenticated_branch_decode(*state.read, &branch)) {
+    rewrite_authenticated_branch(state, branch);
+  } else if (is_compare_and_branch(*state.read)) {
+    rewrite_conditional_branch(state);
+  } else {
+    copy_unknown(state);
+  }
+}
+
+void rewrite(scan_state& state, int inst) {
+  switch (inst) {
+    case A64_CBZ:
+    case A64_TBZ:
+    case A64_B_COND: rewrite_conditional_branch(state); break;
+    case A64_SVC: rewrite_svc(state); break;
+    case A64_MRS_MSR: rewrite_system_register(state); break;
+    case A64_B: rewrite_direct_branch(state); break;
+    case A64_BR:
+    case A64_BLR:
+    case A64_RET: rewrite_register_branch(state, inst); break;
+    case A64_LDR_LITERAL: rewrite_literal_load(state); break;
+    case A64_ADR: rewrite_address(state); break;
+    case A64_NOT_RECOGNISED: rewrite_unknown(state); break;
+    default: *state.write++ = *state.read; break;
+  }
+}
+
+// The caller tests the threshold: a suppressed call would still pass its arguments, three times for each word.
+void log_word(const scan_state& state, int inst) {
+  log(LEVEL_TRACE, "A64 scan read_address: %p, w: : %p, bb: %d", static_cast<const void*>(state.read),
+      static_cast<void*>(state.write), state.bb_id);
+  log(LEVEL_TRACE, "  instruction enum: %d", inst);
+  log(LEVEL_TRACE, "  instruction word: 0x%x", *state.read);
+}
+
+void scan_word(scan_state& state) {
+  const int inst = a64_decode(state.read);
+  if (log_state::engine_log_level >= LEVEL_TRACE) log_word(state, inst);
+  mark_source(state.thread, state.write, MARK_SOURCE);
+  const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
+  if (!replaced) rewrite(state, inst);
+  if (state.write >= state.limit) {
+    log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit), static_cast<void*>(state.write));
+  }
+  if (!state.stop) reserve_space(state, EXIT_SPACE);
+  mark_inserted_code(state);
+  deliver_scan_event(state, {MORA_POST_INST, inst, !state.stop, nullptr});
+  ++state.read;
+}
+
+void scan_words(scan_state& state) {
+  const std::uint32_t* const first = state.read;
+  while (!state.stop) {
+    if (state.read != first && begins_unreadable_page(state.read)) {
+      end_before_this_word(state);
+    } else if (state.read != first && begins_its_own_block(state.read)) {
+      leave_to_its_own_block(state);  // Before its events: plug-ins are told of the word in the block that it begins.
+    } else {
+      scan_word(state);
+    }
+  }
+}
+
+// A record without an exit: a signal that finds the fragment before its exit is written must not take an older exit for
+// the fragment's own.
+void clear_exit(bb_meta& meta, std::uint32_t* cache_end) {
+  meta.exit_kind = EXIT_NOT_SET;
+  meta.exit_code_addr = cache_end;
+  meta.link_state = LINK_NONE;
+}
+
+}  // namespace
+
+void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t target, std::int32_t bb_id) {
+  log(LEVEL_TRACE, "A64 branch target: 0x%lx", target);
+  const code_writer code{*write};
+  code.load_const(x0, target);
+  code.load_const(x1, static_cast<std::uint64_t>(bb_id));
+  code.b(thread->dispatcher_stub_addr);
+}
+
+void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size) {
+  if (address_of(*limit) == address_of(thread->code_cache) + CODE_CACHE_SIZE) {
+    // A fragment of a trace cannot be continued in another block. One that does not fit is still scanned to its end,
+    // over its own first words: plug-ins are told where it ends, and that must not depend on where it lies. Nobody runs
+    // it.
+    if (address_of(*limit) > address_of(*write) + size + TRACE_END_SPACE) return;
+    thread->trace_fragment_overflow = 1;
+    *write = thread->trace_fragment_start;
+    begin_source_marks(thread, *write);
+    return;
+  }
+  while (address_of(*limit) <= address_of(*write) + size) {
+    const std::int32_t current = cc_addr_to_bb_id(thread, address_of(*limit) - 1);
+    const std::int32_t added = allocate_bb(thread);
+    thread->metas[added].parent_block = current;
+    std::uint32_t* block = block_words(thread, added);
+    // Blocks are handed out in rising order, so the new one is adjacent unless a flush has come between.
+    if (block != *limit) {
+      std::uint32_t* branch = *write;
+      code_writer{*write}.b(address_of(block));
+      continue_source_marks(thread, branch, block);
+      *write = block;
+    }
+    *limit = block + BB_SIZE / sizeof(std::uint32_t);
+  }
+}
+
+std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_address, std::int32_t bb_id,
+                            fragment_type type, std::uint32_t* write) {
+  auto* cache_end = reinterpret_cast<std::uint32_t*>(thread->code_cache + CODE_CACHE_SIZE);
+  std::uint32_t* const start = write != nullptr ? write : block_words(thread, bb_id);
+  scan_state state = {thread, bb_id, type, read_address, read_address, start, cache_end, false};
+  bb_meta& meta = meta_of(state);
+  if (type == FRAGMENT_BLOCK) {
+    state.limit = start + BB_SIZE / sizeof(std::uint32_t);
+  } else {
+    meta.trampoline = 0;
+    thread->trace_fragment_start = start;
+    thread->trace_fragment_overflow = 0;
+  }
+  if (type != FRAGMENT_TRACE) code_writer{state.write}.pop(x0, x1);
+  clear_exit(meta, cache_end);
+  begin_source_marks(thread, start);
+
+  if (!is_readable(read_address)) {
+    put_fault(state);
+    meta.source_words = 1;
+    end_source_marks(thread, state.write);
+    return static_cast<std::uint32_t>(state.write - start) * 4;
+  }
+  if (type == FRAGMENT_BLOCK && find_end(read_address).is_direct_branch) put_hot_counter(state);
+
+  deliver_scan_event(state, {MORA_PRE_FRAGMENT, MORA_NO_INST, true, nullptr});
+  deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
+  scan_words(state);
+  deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
+  deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
+  meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
+  end_source_marks(thread, state.write);
+  return static_cast<std::uint32_t>(state.write - start) * 4;
+}
+
+}  // namespace ceilmeter

@@ -1,0 +1,91 @@
+#include "bi/code/source_map.h"
+
+#include "bi/a64/a64.h"
+#include "bi/code/code_cache.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr std::uint32_t MARK_BITS = 2;
+constexpr std::uint64_t MARK_MASK = (std::uint64_t{1} << MARK_BITS) - 1;
+static_assert(SOURCE_MARKS_PER_WORD * MARK_BITS == 64 && MARK_CONTINUED <= MARK_MASK);
+
+std::size_t index_of(const thread_data* thread, const std::uint32_t* place) {
+  return static_cast<std::size_t>(place - reinterpret_cast<const std::uint32_t*>(thread->code_cache));
+}
+
+void set_mark(thread_data* thread, const std::uint32_t* place, source_mark mark) {
+  const std::size_t index = index_of(thread, place);
+  if (index >= CODE_CACHE_SIZE / sizeof *place) return;  // Written elsewhere, as by a test of the writing alone.
+  const auto shift = static_cast<std::uint32_t>(index % SOURCE_MARKS_PER_WORD * MARK_BITS);
+  std::uint64_t& word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
+  word = (word & ~(MARK_MASK << shift)) | std::uint64_t{mark} << shift;
+}
+
+source_mark mark_of(const thread_data* thread, const std::uint32_t* place) {
+  const std::size_t index = index_of(thread, place);
+  const std::uint64_t word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
+  return static_cast<source_mark>(word >> (index % SOURCE_MARKS_PER_WORD * MARK_BITS) & MARK_MASK);
+}
+
+// What the cache still says of an earlier fragment goes.
+void clear_up_to(thread_data* thread, const std::uint32_t* place) {
+  for (; thread->source_marks_end < place; ++thread->source_marks_end) set_mark(thread, thread->source_marks_end, MARK_SAME);
+}
+
+const std::uint32_t* target_of_branch(const std::uint32_t* place) {
+  std::uint32_t link = 0;
+  std::uint32_t imm26 = 0;
+  a64_b_decode(place, &link, &imm26);
+  return place + a64_sign_extend(imm26, 26);
+}
+
+}  // namespace
+
+void begin_source_marks(thread_data* thread, const std::uint32_t* place) { thread->source_marks_end = place; }
+
+void mark_source(thread_data* thread, const std::uint32_t* place, source_mark mark) {
+  clear_up_to(thread, place);
+  set_mark(thread, place, mark);
+  thread->source_marks_end = place + 1;
+}
+
+void continue_source_marks(thread_data* thread, const std::uint32_t* place, const std::uint32_t* next) {
+  // Nothing has been written since a mark of the same place: it is that of the first word in the new block.
+  const source_mark pending = thread->source_marks_end == place + 1 ? mark_of(thread, place) : MARK_SAME;
+  mark_source(thread, place, MARK_CONTINUED);
+  thread->source_marks_end = next;
+  if (pending != MARK_SAME) mark_source(thread, next, pending);
+}
+
+void end_source_marks(thread_data* thread, const std::uint32_t* place) { clear_up_to(thread, place); }
+
+std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t pc) {
+  const std::int32_t id = exit_owner(thread, pc);
+  if (id <= 0) return 0;
+  const bb_meta& meta = thread->metas[id];
+  if (meta.exit_kind == EXIT_TRACE) {
+    // A trampoline ends in a branch to the word behind those that it has copied; two places of one distance.
+    const std::uint64_t left = address_of(meta.exit_code_addr) - pc;
+    return pc > address_of(meta.exit_code_addr) ? 0 : source_of_cache_address(thread, meta.taken_source_addr - left);
+  }
+  const auto* end = reinterpret_cast<const std::uint32_t*>(pc);
+  std::uint64_t source = meta.source_addr;
+  bool between = true;  // Before the first source word, or behind the one counted last.
+  std::uint64_t counted = 0;
+  std::size_t walked = 0;
+  for (const auto* place = reinterpret_cast<const std::uint32_t*>(meta.cache_entry);; ++place) {
+    // No fragment is longer than the cache: a record that does not fit the address ends the walk.
+    if (++walked > CODE_CACHE_SIZE / sizeof *place || index_of(thread, place) >= CODE_CACHE_SIZE / sizeof *place) return 0;
+    const source_mark mark = mark_of(thread, place);
+    if (mark == MARK_SOURCE) ++counted;
+    if (mark == MARK_SOURCE || mark == MARK_INSERTED) between = mark == MARK_INSERTED;
+    if (place == end) break;
+    if (mark == MARK_CONTINUED) place = target_of_branch(place) - 1;
+  }
+  source += counted * sizeof(std::uint32_t);
+  return between ? source : source - sizeof(std::uint32_t);
+}
+
+}  // namespace ceilmeter

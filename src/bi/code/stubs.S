@@ -1,0 +1,609 @@
+// The stub text: position-independent code and data that every thread's code cache begins with a copy of. Rewritten
+// application code reaches the engine through it and through nothing else. Stubs save the application's state on the
+// application's own stack, since a thread in the code cache has no other, call an engine routine, put the state back
+// and go on at a cache address.
+//
+// A copy finds its thread by the data words that init_thread patches into it, so that no register of the application
+// is needed for that. Data words are reached by literal loads; everything in the text must stay in range of itself, and
+// nothing in it may refer to its own address in the executable.
+//
+// Preserved for the application around every call into the engine: x0 to x21, x29, x30, the vector registers and, in
+// x19 once x19 is saved, the condition flags. x22 to x28 are preserved by the procedure-call standard of the engine's
+// own code. FPCR and FPSR stay as they are: the engine's code leaves the rounding mode alone and executes no
+// floating-point arithmetic.
+#include "bi/code/stub_layout.h"
+
+        .text
+        .balign 8
+        .globl  stub_text
+        .globl  stub_text_end
+
+        .macro  global_label name
+        .globl  \name
+\name:
+        .endm
+
+stub_text:
+
+// Subroutines, called by BL with x30 saved by the caller. Each moves sp by the size of its block.
+
+//   +0x000 q0, q1 ... +0x1e0 q30, q31
+save_simd_regs:
+        stp     q0, q1, [sp, #-STUB_SIMD_REGS_SIZE]!
+        stp     q2, q3, [sp, #0x20]
+        stp     q4, q5, [sp, #0x40]
+        stp     q6, q7, [sp, #0x60]
+        stp     q8, q9, [sp, #0x80]
+        stp     q10, q11, [sp, #0xa0]
+        stp     q12, q13, [sp, #0xc0]
+        stp     q14, q15, [sp, #0xe0]
+        stp     q16, q17, [sp, #0x100]
+        stp     q18, q19, [sp, #0x120]
+        stp     q20, q21, [sp, #0x140]
+        stp     q22, q23, [sp, #0x160]
+        stp     q24, q25, [sp, #0x180]
+        stp     q26, q27, [sp, #0x1a0]
+        stp     q28, q29, [sp, #0x1c0]
+        stp     q30, q31, [sp, #0x1e0]
+        ret
+
+restore_simd_regs:
+        ldp     q30, q31, [sp, #0x1e0]
+        ldp     q28, q29, [sp, #0x1c0]
+        ldp     q26, q27, [sp, #0x1a0]
+        ldp     q24, q25, [sp, #0x180]
+        ldp     q22, q23, [sp, #0x160]
+        ldp     q20, q21, [sp, #0x140]
+        ldp     q18, q19, [sp, #0x120]
+        ldp     q16, q17, [sp, #0x100]
+        ldp     q14, q15, [sp, #0xe0]
+        ldp     q12, q13, [sp, #0xc0]
+        ldp     q10, q11, [sp, #0xa0]
+        ldp     q8, q9, [sp, #0x80]
+        ldp     q6, q7, [sp, #0x60]
+        ldp     q4, q5, [sp, #0x40]
+        ldp     q2, q3, [sp, #0x20]
+        ldp     q0, q1, [sp], #STUB_SIMD_REGS_SIZE
+        ret
+
+//   +0x00 x4, x5 ... +0x80 x20, x21
+save_int_regs:
+        stp     x4, x5, [sp, #-STUB_INT_REGS_SIZE]!
+        stp     x6, x7, [sp, #0x10]
+        stp     x8, x9, [sp, #0x20]
+        stp     x10, x11, [sp, #0x30]
+        stp     x12, x13, [sp, #0x40]
+        stp     x14, x15, [sp, #0x50]
+        stp     x16, x17, [sp, #0x60]
+        stp     x18, x19, [sp, #0x70]
+        stp     x20, x21, [sp, #0x80]
+        ret
+
+restore_int_regs:
+        ldp     x20, x21, [sp, #0x80]
+        ldp     x18, x19, [sp, #0x70]
+        ldp     x16, x17, [sp, #0x60]
+        ldp     x14, x15, [sp, #0x50]
+        ldp     x12, x13, [sp, #0x40]
+        ldp     x10, x11, [sp, #0x30]
+        ldp     x8, x9, [sp, #0x20]
+        ldp     x6, x7, [sp, #0x10]
+        ldp     x4, x5, [sp], #STUB_INT_REGS_SIZE
+        ret
+
+// The whole vector state. In a copy on a machine without SVE the first word stays what it is and q0 to q31 are all
+// there is. With SVE it is a NOP (init_thread): a load of a q register clears the rest of its z register, and the C
+// library's own copying clobbers predicates, either of which an application between two blocks still needs. Not around
+// system calls: their interface gives the rest of the state up.
+//
+//   SVE, from sp up, VL being a vector's length and PL an eighth of it: p0 to p15 and FFR, 17 PL; up to 3 VL unused; z0 to
+//   z31. Both steps of sp are whole vectors, so that it stays aligned to 16.
+        .arch   armv8-a+sve
+global_label save_vector_state
+        b       save_simd_regs
+        addvl   sp, sp, #-32
+        addvl   sp, sp, #-3
+        str     p0, [sp, #0, mul vl]
+        str     p1, [sp, #1, mul vl]
+        str     p2, [sp, #2, mul vl]
+        str     p3, [sp, #3, mul vl]
+        str     p4, [sp, #4, mul vl]
+        str     p5, [sp, #5, mul vl]
+        str     p6, [sp, #6, mul vl]
+        str     p7, [sp, #7, mul vl]
+        str     p8, [sp, #8, mul vl]
+        str     p9, [sp, #9, mul vl]
+        str     p10, [sp, #10, mul vl]
+        str     p11, [sp, #11, mul vl]
+        str     p12, [sp, #12, mul vl]
+        str     p13, [sp, #13, mul vl]
+        str     p14, [sp, #14, mul vl]
+        str     p15, [sp, #15, mul vl]
+        rdffr   p0.b
+        str     p0, [sp, #16, mul vl]
+        str     z0, [sp, #3, mul vl]
+        str     z1, [sp, #4, mul vl]
+        str     z2, [sp, #5, mul vl]
+        str     z3, [sp, #6, mul vl]
+        str     z4, [sp, #7, mul vl]
+        str     z5, [sp, #8, mul vl]
+        str     z6, [sp, #9, mul vl]
+        str     z7, [sp, #10, mul vl]
+        str     z8, [sp, #11, mul vl]
+        str     z9, [sp, #12, mul vl]
+        str     z10, [sp, #13, mul vl]
+        str     z11, [sp, #14, mul vl]
+        str     z12, [sp, #15, mul vl]
+        str     z13, [sp, #16, mul vl]
+        str     z14, [sp, #17, mul vl]
+        str     z15, [sp, #18, mul vl]
+        str     z16, [sp, #19, mul vl]
+        str     z17, [sp, #20, mul vl]
+        str     z18, [sp, #21, mul vl]
+        str     z19, [sp, #22, mul vl]
+        str     z20, [sp, #23, mul vl]
+        str     z21, [sp, #24, mul vl]
+        str     z22, [sp, #25, mul vl]
+        str     z23, [sp, #26, mul vl]
+        str     z24, [sp, #27, mul vl]
+        str     z25, [sp, #28, mul vl]
+        str     z26, [sp, #29, mul vl]
+        str     z27, [sp, #30, mul vl]
+        str     z28, [sp, #31, mul vl]
+        str     z29, [sp, #32, mul vl]
+        str     z30, [sp, #33, mul vl]
+        str     z31, [sp, #34, mul vl]
+        ret
+
+global_label restore_vector_state
+        b       restore_simd_regs
+        ldr     p0, [sp, #16, mul vl]
+        wrffr   p0.b
+        ldr     p0, [sp, #0, mul vl]
+        ldr     p1, [sp, #1, mul vl]
+        ldr     p2, [sp, #2, mul vl]
+        ldr     p3, [sp, #3, mul vl]
+        ldr     p4, [sp, #4, mul vl]
+        ldr     p5, [sp, #5, mul vl]
+        ldr     p6, [sp, #6, mul vl]
+        ldr     p7, [sp, #7, mul vl]
+        ldr     p8, [sp, #8, mul vl]
+        ldr     p9, [sp, #9, mul vl]
+        ldr     p10, [sp, #10, mul vl]
+        ldr     p11, [sp, #11, mul vl]
+        ldr     p12, [sp, #12, mul vl]
+        ldr     p13, [sp, #13, mul vl]
+        ldr     p14, [sp, #14, mul vl]
+        ldr     p15, [sp, #15, mul vl]
+        ldr     z0, [sp, #3, mul vl]
+        ldr     z1, [sp, #4, mul vl]
+        ldr     z2, [sp, #5, mul vl]
+        ldr     z3, [sp, #6, mul vl]
+        ldr     z4, [sp, #7, mul vl]
+        ldr     z5, [sp, #8, mul vl]
+        ldr     z6, [sp, #9, mul vl]
+        ldr     z7, [sp, #10, mul vl]
+        ldr     z8, [sp, #11, mul vl]
+        ldr     z9, [sp, #12, mul vl]
+        ldr     z10, [sp, #13, mul vl]
+        ldr     z11, [sp, #14, mul vl]
+        ldr     z12, [sp, #15, mul vl]
+        ldr     z13, [sp, #16, mul vl]
+        ldr     z14, [sp, #17, mul vl]
+        ldr     z15, [sp, #18, mul vl]
+        ldr     z16, [sp, #19, mul vl]
+        ldr     z17, [sp, #20, mul vl]
+        ldr     z18, [sp, #21, mul vl]
+        ldr     z19, [sp, #22, mul vl]
+        ldr     z20, [sp, #23, mul vl]
+        ldr     z21, [sp, #24, mul vl]
+        ldr     z22, [sp, #25, mul vl]
+        ldr     z23, [sp, #26, mul vl]
+        ldr     z24, [sp, #27, mul vl]
+        ldr     z25, [sp, #28, mul vl]
+        ldr     z26, [sp, #29, mul vl]
+        ldr     z27, [sp, #30, mul vl]
+        ldr     z28, [sp, #31, mul vl]
+        ldr     z29, [sp, #32, mul vl]
+        ldr     z30, [sp, #33, mul vl]
+        ldr     z31, [sp, #34, mul vl]
+        addvl   sp, sp, #31
+        addvl   sp, sp, #4
+        ret
+        .arch   armv8-a
+
+// dispatcher_entry_stub: every exit that is not linked comes here by B, having pushed the application's x0 and x1.
+//   x0   source address to go to
+//   x1   bb_meta index of the fragment that left, 0 if none
+//
+//   Frame, from sp up, while dispatcher runs:
+//     the vector state                  of save_vector_state
+//     x4 to x21                         STUB_INT_REGS_SIZE
+//     x2, x3                            0x00 of the frame
+//     x29, x30                          DISPATCH_X29
+//     cache address, from dispatcher    DISPATCH_NEXT
+//     source address                    DISPATCH_TARGET
+//     x0, x1                            DISPATCH_SIZE, the exit's
+//
+//   Calls dispatcher(target, source_index, next_addr, thread_data) and leaves to cache_reentry_stub.
+global_label dispatcher_entry_stub
+        stp     x2, x3, [sp, #-DISPATCH_SIZE]!
+        stp     x29, x30, [sp, #DISPATCH_X29]
+        str     x0, [sp, #DISPATCH_TARGET]
+        bl      save_int_regs
+        mrs     x19, nzcv
+        add     x2, sp, #(STUB_INT_REGS_SIZE + DISPATCH_NEXT)
+        ldr     x3, word_thread_data
+        ldr     x9, word_dispatcher
+        bl      save_vector_state
+        blr     x9
+        bl      restore_vector_state
+        msr     nzcv, x19
+        bl      restore_int_regs
+        ldp     x29, x30, [sp, #DISPATCH_X29]
+        ldp     x0, x1, [sp, #DISPATCH_NEXT]
+        ldp     x2, x3, [sp], #DISPATCH_SIZE
+        b       cache_reentry_stub
+
+// hot_counter_stub: called by BL at the head of every block that ends in a direct branch.
+//   x1   bb_meta index of the block; the application's x1 and x30 are on the stack, in this order
+//
+//   Counts the block's byte of exit_counters down and returns, unless it has reached 0: the block is hot then, and
+//   create_trace(thread_data, source_index, ret) tells where to go on in its place.
+//
+//   Frame while create_trace runs, from sp up: the vector state; x4 to x21; x29, x30; x2, x3 below the two words that
+//   become the application's x0 and x1:
+//     x29, x30                      0x00
+//     ret: cache, source address    0x10
+//     x2, x3                        0x20
+//     x0, x1                        0x30
+global_label hot_counter_stub
+        stp     x2, x3, [sp, #-16]!
+global_label hot_counter_slots
+        .rept   HOT_COUNTER_SLOTS
+        nop
+        .endr
+        ldrb    w3, [x2, x1]
+        sub     w3, w3, #1
+        strb    w3, [x2, x1]
+        cbz     w3, 1f
+        ldp     x2, x3, [sp], #16
+global_label hot_counter_return
+        ret
+1:      ldp     x2, x30, [sp, #0x10]
+        stp     x0, x2, [sp, #0x10]
+        stp     x29, x30, [sp, #-0x20]!
+        bl      save_int_regs
+        mrs     x19, nzcv
+        add     x2, sp, #(STUB_INT_REGS_SIZE + 0x10)
+        ldr     x0, word_thread_data
+        ldr     x3, word_create_trace
+        bl      save_vector_state
+        blr     x3
+        bl      restore_vector_state
+        msr     nzcv, x19
+        bl      restore_int_regs
+        ldp     x0, x1, [sp, #0x10]
+        ldp     x2, x3, [sp, #0x20]
+        ldp     x29, x30, [sp], #0x30
+        b       cache_reentry_stub
+
+// syscall_wrapper: called by BL from a rewritten SVC.
+//   x29   source address of the next instruction; the application's x29 and x30 are on the stack
+//   x30   cache address of the rest of the block
+//
+//   Frame, from sp up: q0 to q31, then the save area of stub_layout.h (SYSCALL_*): x0 to x21, the two return addresses,
+//   x29, x30. SYSCALL_FRAME_SIZE in all.
+//
+//   Calls syscall_handler_pre(number, args, next_inst, thread_data); if that says so makes the call and calls
+//   syscall_handler_post with the same arguments. Leaves to cache_reentry_stub. While the call is in the kernel x19
+//   holds the flags, x20 FPCR and x21 FPSR, where the signal dispatcher finds them if the frame has to be taken apart
+//   at syscall_return_point. An rt_sigreturn does not come back: the kernel finds its frame where the save area ends.
+global_label syscall_wrapper
+        stp     x30, x29, [sp, #-16]!
+        bl      save_int_regs
+        stp     x0, x1, [sp, #-0x20]!
+        stp     x2, x3, [sp, #SYSCALL_X2]
+        bl      save_simd_regs
+        mrs     x19, nzcv
+        mrs     x20, fpcr
+        mrs     x21, fpsr
+        mov     x0, x8
+        add     x1, sp, #STUB_SIMD_REGS_SIZE
+        mov     x2, x29
+        ldr     x3, word_thread_data
+        ldr     x9, word_syscall_handler_pre
+        blr     x9
+        cbz     x0, syscall_leave
+        mov     w10, #0 // how many held signals have been judged
+// A signal from before this point was only counted, and the call might never return: it is raised first. One that comes
+// in this window makes the thread look again.
+global_label syscall_restart_window
+        ldr     x9, word_pending_signal_count
+        ldr     w9, [x9]
+        cmp     w9, w10
+        b.ne    syscall_with_held_signals
+// From here on to the SVC, itself included, a signal finds the call not made: the signal dispatcher takes the frame
+// apart, lets the handler run, and the application makes the call anew. So nothing that arrives before a call can be
+// slept over by it.
+global_label syscall_call_window
+        add     x9, sp, #STUB_SIMD_REGS_SIZE
+        ldp     x0, x1, [x9, #SYSCALL_X0]
+        ldp     x2, x3, [x9, #SYSCALL_X2]
+        ldp     x4, x5, [x9, #SYSCALL_X4]
+        ldp     x6, x7, [x9, #SYSCALL_X6]
+        ldr     x8, [x9, #SYSCALL_X8]
+        cmp     x8, #NR_RT_SIGRETURN
+        b.ne    1f
+        add     sp, sp, #SYSCALL_FRAME_SIZE
+1:      svc     #0
+global_label syscall_return_point
+        str     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X0)]
+        ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
+        add     x1, sp, #STUB_SIMD_REGS_SIZE
+        ldr     x2, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_NEXT_SOURCE)]
+        ldr     x3, word_thread_data
+        ldr     x9, word_syscall_handler_post
+        blr     x9
+syscall_leave:
+        bl      restore_simd_regs
+        msr     nzcv, x19
+        ldp     x2, x3, [sp, #SYSCALL_X2]
+        ldp     x0, x1, [sp], #0x20
+        bl      restore_int_regs
+        ldp     x29, x30, [sp, #0x10]
+        // The application's x0 and x1 take the place of its x29 and x30, where the fragment pops them.
+        stp     x0, x1, [sp, #0x10]
+        ldp     x0, x1, [sp], #0x10
+        // Falls through.
+
+// cache_reentry_stub: the one way back into the cache.
+//   x0   cache address to go to
+//   x1   source address that it stands for; the application's x0 and x1 are on the stack
+//
+//   The one point where a signal that was held back is raised: all of the application's state is in place here but
+//   x0 to x3 and x8, and those are at known places, see reentry_signal_point.
+//
+//   Frame while deliver_pending_signal runs, from sp up: the vector state; x4 to x21; then
+//     x3, -                 0x00
+//     x29, x30              0x10
+//     result area           0x20: process id, thread id, signal number
+//     cache, source address 0x40
+//     x2, x8                0x50: x8 is kept here across the call that raises the signal
+//     x0, x1                0x60: pushed by whoever came here
+global_label cache_reentry_stub
+        str     x2, [sp, #-16]!
+// From the look at the count to the branch that leaves, and again below, a signal would be counted too late: the thread
+// might not come here again for as long as it runs. The signal dispatcher sends a thread back to this window from
+// there: up to the branch everything is at known places.
+global_label reentry_window
+        ldr     x2, word_pending_signal_count
+        ldr     w2, [x2]
+        cbnz    w2, 1f
+        ldr     x2, [sp], #16
+global_label reentry_branch
+        br      x0
+1:      stp     x0, x1, [sp, #-16]!
+        mov     x0, x1
+        str     x3, [sp, #-0x40]!
+        stp     x29, x30, [sp, #0x10]
+        add     x1, sp, #0x20
+        bl      save_int_regs
+        bl      save_vector_state
+        mrs     x19, nzcv
+        // A target that no program has stops the thread here: a place to attach a debugger to.
+2:      mov     x2, #0xd6db
+        cmp     x0, x2
+        b.eq    2b
+        ldr     x3, word_deliver_pending_signal
+        blr     x3
+        msr     nzcv, x19
+        bl      restore_vector_state
+        bl      restore_int_regs
+        ldp     x29, x30, [sp, #0x10]
+        ldr     x3, [sp], #0x20
+        cbz     x0, reentry_resume
+        // sp is at the result area. The kernel takes x0 to x2 as thread group, thread and signal.
+        ldr     x2, [sp, #0x10]
+        ldp     x0, x1, [sp], #0x20
+        str     x8, [sp, #0x18]
+        // What was sent with the signal lies behind the word that keeps the application's x3.
+        ldr     x8, word_raised_signal
+        str     x3, [x8], #8
+        mov     x3, x8
+        mov     x8, #NR_RT_TGSIGQUEUEINFO
+// With SVE a copy has a trap here: a system call gives up the vectors' upper parts and the predicates, which the
+// application needs. The signal dispatcher makes the call then, and the kernel raises the signal where the call would
+// have.
+global_label reentry_raise
+        svc     #0
+// Raised here: from sp up the cache address, the source address, x2, x8, and the application's x0 and x1. Its x3 is where
+// word_raised_signal says.
+global_label reentry_signal_point
+        // Not raised: it was blocked meanwhile and stays pending in the kernel. There may be others.
+        ldr     x8, word_raised_signal
+        ldr     x3, [x8]
+        ldp     x2, x8, [sp, #0x10]
+        ldp     x0, x1, [sp], #0x20
+        b       cache_reentry_stub
+// Those that are held have to wait on. From sp up: how many have been judged, 0x20; the rest as above, but for x8.
+reentry_resume:
+        ldr     w1, [sp]
+global_label reentry_resume_window
+        ldr     x2, word_pending_signal_count
+        ldr     w2, [x2]
+        sub     w2, w2, w1
+        cbnz    w2, 3f
+        ldr     x2, [sp, #0x30]
+        ldp     x0, x1, [sp, #0x20]
+        add     sp, sp, #0x40
+global_label reentry_resume_branch
+        br      x0
+3:      ldp     x0, x1, [sp, #0x20]
+        add     sp, sp, #0x30
+        b       1b
+
+// Part of syscall_wrapper: signals are held. Calls syscall_held_signals(number, args, next_inst, thread_data), which
+// either changes the two return addresses so that the call is made anew once they are raised, and returns 0, or returns
+// 1 more than the number of those that have to wait on.
+syscall_with_held_signals:
+        ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
+        add     x1, sp, #STUB_SIMD_REGS_SIZE
+        ldr     x2, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_NEXT_SOURCE)]
+        ldr     x3, word_thread_data
+        ldr     x9, word_syscall_held_signals
+        blr     x9
+        cbz     x0, syscall_leave
+        sub     w10, w0, #1
+        b       syscall_restart_window
+
+// The data words. Three differ from thread to thread and are filled in each copy by init_thread.
+        .balign 8
+global_label word_thread_data
+        .xword  0
+global_label word_pending_signal_count
+        .xword  0
+global_label word_raised_signal
+        .xword  0
+word_dispatcher:
+        .xword  dispatcher
+word_syscall_handler_pre:
+        .xword  syscall_handler_pre
+word_syscall_held_signals:
+        .xword  syscall_held_signals
+word_syscall_handler_post:
+        .xword  syscall_handler_post
+word_create_trace:
+        .xword  create_trace
+word_deliver_pending_signal:
+        .xword  deliver_pending_signal
+stub_text_end:
+
+// What follows is not copied: it runs where it stands.
+
+// signal_entry_stub: the handler that the kernel calls for every signal that the engine or the application handles. On
+// the stack of the interrupted code, which is the application's.
+//   x0 signal number, x1 siginfo, x2 ucontext; x30 the restorer
+//
+//   Frame, from sp up: x2 to x17 0x00; x18, x29 0x80; x30 0x90; x0, x1 0xa0. Size 0xb0.
+//
+//   Calls signal_dispatcher(signum, siginfo, ucontext). An entry of 0 resumes through rt_sigreturn; anything else is this
+//   thread's dispatcher_entry_stub, which is entered as by an exit with the handler as its target. The handler's first block
+//   pops x0 and x1: it starts with the kernel's arguments. On that way it passes cache_reentry_stub, so that a signal that
+//   has come since is raised on top of it.
+        .balign 4
+global_label signal_entry_stub
+        stp     x2, x3, [sp, #-0xb0]!
+        stp     x4, x5, [sp, #0x10]
+        stp     x6, x7, [sp, #0x20]
+        stp     x8, x9, [sp, #0x30]
+        stp     x10, x11, [sp, #0x40]
+        stp     x12, x13, [sp, #0x50]
+        stp     x14, x15, [sp, #0x60]
+        stp     x16, x17, [sp, #0x70]
+        stp     x18, x29, [sp, #0x80]
+        str     x30, [sp, #0x90]
+        stp     x0, x1, [sp, #0xa0]
+        bl      signal_dispatcher
+        ldr     x30, [sp, #0x90]
+        ldp     x18, x29, [sp, #0x80]
+        ldp     x16, x17, [sp, #0x70]
+        ldp     x14, x15, [sp, #0x60]
+        ldp     x12, x13, [sp, #0x50]
+        ldp     x10, x11, [sp, #0x40]
+        ldp     x8, x9, [sp, #0x30]
+        ldp     x6, x7, [sp, #0x20]
+        ldp     x4, x5, [sp, #0x10]
+        ldp     x2, x3, [sp], #0xa0
+        cbz     x0, 1f
+        mov     x16, x0
+        mov     x0, x1
+        mov     x1, #0
+        br      x16
+1:      add     sp, sp, #0x10
+        mov     x8, #NR_RT_SIGRETURN
+        svc     #0
+
+// void *thread_start_stub(thread_data *): what pthread_create runs. Keeps the callee-saved registers of the C library's
+// caller in a frame that leave_thread returns through, and goes on to thread_start(thread_data, engine_sp).
+//
+//   Frame, from sp up: x19, x20 0x00; x21, x22 0x10; ... x29, x30 0x50. Size 0x60.
+global_label thread_start_stub
+        stp     x19, x20, [sp, #-0x60]!
+        stp     x21, x22, [sp, #0x10]
+        stp     x23, x24, [sp, #0x20]
+        stp     x25, x26, [sp, #0x30]
+        stp     x27, x28, [sp, #0x40]
+        stp     x29, x30, [sp, #0x50]
+        mov     x1, sp
+        b       thread_start
+
+// void leave_thread(std::uint64_t engine_sp, std::int32_t *library_tid_word, std::int32_t *application_tid_word):
+// returns to the C library from thread_start_stub's frame, wherever the thread stands now. Does not return to its
+// caller.
+//   x0   the frame; x1, x2 handed on
+//
+//   Before it does, and as soon as sp has left the application's stack, calls settle_tid_words(library_tid_word,
+//   application_tid_word): from that call on the application may take its stack for another thread or unmap it.
+//   Nothing of the caller's is needed any more; the frame has all the registers that the C library is owed.
+global_label leave_thread
+        mov     sp, x0
+        mov     x0, x1
+        mov     x1, x2
+        bl      settle_tid_words
+        ldp     x21, x22, [sp, #0x10]
+        ldp     x23, x24, [sp, #0x20]
+        ldp     x25, x26, [sp, #0x30]
+        ldp     x27, x28, [sp, #0x40]
+        ldp     x29, x30, [sp, #0x50]
+        ldp     x19, x20, [sp], #0x60
+        mov     x0, #0
+        ret
+
+// [[noreturn]] void start_on_stack(std::uint64_t save_area, std::uint64_t block): a new thread's entry into the cache.
+//   x0   words 2 and on of the parent's save area, copied; above its 0xf0 bytes the two words that the block pops
+//   x1   cache address of the block
+//
+//   A child is expected to need sp and x0 only; x22 and up take what lies at their numbers in the save area.
+global_label start_on_stack
+        mov     sp, x0
+        mov     x0, x1
+        ldp     x4, x5, [sp, #0x10]
+        ldp     x6, x7, [sp, #0x20]
+        ldp     x8, x9, [sp, #0x30]
+        ldp     x10, x11, [sp, #0x40]
+        ldp     x12, x13, [sp, #0x50]
+        ldp     x14, x15, [sp, #0x60]
+        ldp     x16, x17, [sp, #0x70]
+        ldp     x18, x19, [sp, #0x80]
+        ldp     x20, x21, [sp, #0x90]
+        ldp     x22, x23, [sp, #0xa0]
+        ldp     x24, x25, [sp, #0xb0]
+        ldp     x26, x27, [sp, #0xc0]
+        ldr     x28, [sp, #0xd0]
+        ldp     x29, x30, [sp, #0xe0]
+        ldp     x2, x3, [sp], #0xf0
+        br      x0
+
+// void enter_application(std::uint64_t block, std::uint64_t sp): the first entry into the cache. The block
+// pops the two zeros, so that the application starts with x0 and x1 at 0 and sp at the value given. Does not return.
+global_label enter_application
+        mov     sp, x1
+        stp     xzr, xzr, [sp, #-16]!
+        br      x0
+
+// std::int64_t raw_syscall(std::uint64_t number, a0, ..., a6): a system call past every interception; the kernel's
+// result unchanged, negative numbers being errors. Leaf; clobbers what a call may.
+global_label raw_syscall
+        mov     x8, x0
+        mov     x0, x1
+        mov     x1, x2
+        mov     x2, x3
+        mov     x3, x4
+        mov     x4, x5
+        mov     x5, x6
+        mov     x6, x7
+        svc     #0
+        ret
+
+        .section .note.GNU-stack, "", %progbits

@@ -1,0 +1,59 @@
+// The kernel reads a copy of the mask; each thread has one. A signal's handler that interrupts such a call may make
+// another one: the first call's argument has been given back by then.
+#include "bi/kernel/call_mask.h"
+
+#include <sys/syscall.h>
+
+#include "bi/kernel/memory_probe.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr std::uint32_t SYS_EPOLL_PWAIT2 = 441;  // Younger than some C libraries' headers.
+
+// Where a call has its mask. Some have it behind an address and a size, in a record of their own.
+struct mask_place {
+  std::uint32_t argument;
+  bool is_pair;
+};
+
+bool find_mask(std::uint64_t number, mask_place* place) {
+  switch (number) {
+    case SYS_rt_sigsuspend: *place = {0, false}; return true;
+    case SYS_rt_sigprocmask: *place = {1, false}; return true;
+    case SYS_ppoll: *place = {3, false}; return true;
+    case SYS_epoll_pwait:
+    case SYS_EPOLL_PWAIT2: *place = {4, false}; return true;
+    case SYS_pselect6:
+    case SYS_io_pgetevents: *place = {5, true}; return true;
+    default: return false;
+  }
+}
+
+}  // namespace
+
+void replace_call_mask(thread_data* thread, std::uint64_t number, std::uint64_t* args) {
+  mask_place place{};
+  if (!find_mask(number, &place)) return;
+  std::uint64_t address = args[place.argument];
+  std::uint64_t size = 0;
+  if (place.is_pair && (!read_word(address + sizeof address, &size) || !read_word(address, &address))) return;
+  std::uint64_t mask = 0;
+  if (!read_word(address, &mask) || (mask & SIGILL_BIT) == 0) return;
+  thread->call_mask = mask & ~SIGILL_BIT;
+  thread->call_mask_pair[0] = address_of(&thread->call_mask);
+  thread->call_mask_pair[1] = size;
+  thread->replaced_original = args[place.argument];
+  thread->replaced_argument = place.argument + 1;
+  args[place.argument] = place.is_pair ? address_of(thread->call_mask_pair) : thread->call_mask_pair[0];
+}
+
+void restore_argument(thread_data* thread, std::uint64_t* registers, std::uint32_t first) {
+  if (thread->replaced_argument == 0) return;
+  const std::uint32_t argument = thread->replaced_argument - 1;
+  thread->replaced_argument = 0;
+  if (argument >= first) registers[argument] = thread->replaced_original;
+}
+
+}  // namespace ceilmeter

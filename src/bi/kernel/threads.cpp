@@ -1,0 +1,304 @@
+// The life of the application's threads.
+//
+// Every thread of the application's but the process's first is a pthread of the tool's, so that the tool's C library
+// works in it. It stands on the pthread's stack twice, before it enters the cache and after it has left it for good; in
+// between it is on the application's. A thread's id word is cleared by the kernel when the thread ends, and there can
+// be only one: the application's C library and the tool's both want theirs. See set_application_tid_word and
+// settle_tid_words.
+#include "bi/kernel/threads.h"
+
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "bi/code/code_cache.h"
+#include "bi/kernel/ending_threads.h"
+#include "bi/plugins/plugin_delivery.h"
+#include "bi/kernel/robust_list.h"
+#include "bi/signals/signals.h"
+#include "bi/code/stub_layout.h"
+#include "bi/code/stubs.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/threads"};
+
+constexpr std::size_t THREAD_STACK_SIZE = 0x21000;
+constexpr std::size_t THREAD_GUARD_SIZE = 0x1000;
+
+// What a new thread finds below its stack: a copy of the parent's save area, and above it the two words that its first
+// block pops. start_on_stack takes the copy from its word 2 on.
+constexpr std::uint64_t CHILD_AREA_SIZE = 256;
+constexpr std::uint64_t CHILD_AREA = 272;   // Below the stack's top.
+constexpr std::uint64_t CHILD_ENTRY = 256;  // Where start_on_stack begins.
+constexpr std::uint64_t CHILD_X0 = 16;
+constexpr std::uint64_t CHILD_X1 = 8;
+
+// The signals that a C library keeps for itself, below the first one that it gives to programs. The application's C
+// library installs handlers for them like any others, and so does the tool's, with the first thread that it makes: in
+// one process there is room for one.
+constexpr int FIRST_INTERNAL_SIGNAL = 32;
+
+constexpr int INTERNAL_SIGNALS_MAX = 8;
+
+struct raw_signal_action {
+  std::uint64_t words[4];
+};
+
+int internal_signal_count() { return std::min(SIGRTMIN - FIRST_INTERNAL_SIGNAL, INTERNAL_SIGNALS_MAX); }
+
+// The number of the index-th of them, as an argument of a call.
+std::uint64_t internal_signal(int index) { return static_cast<std::uint64_t>(FIRST_INTERNAL_SIGNAL + index); }
+
+void read_internal_actions(raw_signal_action* actions) {
+  for (int index = 0; index < internal_signal_count(); ++index) {
+    raw_syscall(SYS_rt_sigaction, internal_signal(index), 0, address_of(&actions[index]), KERNEL_SIGSET_SIZE);
+  }
+}
+
+void write_internal_actions(const raw_signal_action* actions) {
+  for (int index = 0; index < internal_signal_count(); ++index) {
+    raw_syscall(SYS_rt_sigaction, internal_signal(index), address_of(&actions[index]), 0, KERNEL_SIGSET_SIZE);
+  }
+}
+
+int create_pthread(thread_data* child) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setinheritsched(&attributes, PTHREAD_INHERIT_SCHED);
+  pthread_attr_setstacksize(&attributes, THREAD_STACK_SIZE);
+  pthread_attr_setguardsize(&attributes, THREAD_GUARD_SIZE);
+  pthread_t handle{};
+  mora_enter_callback();  // It uses the heap as well.
+  const int error = pthread_create(&handle, &attributes, thread_start_stub, child);
+  mora_leave_callback();
+  pthread_attr_destroy(&attributes);
+  return error;
+}
+
+int start_pthread(thread_data* child) {
+  static bool made_one = false;  // Under signal_handlers_lock.
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  if (made_one) {
+    pthread_mutex_unlock(&engine.signal_handlers_lock);
+    return create_pthread(child);
+  }
+  // What the application has set stays in force. The lock keeps it from setting anything else meanwhile.
+  raw_signal_action actions[INTERNAL_SIGNALS_MAX] = {};
+  read_internal_actions(actions);
+  const int error = create_pthread(child);
+  write_internal_actions(actions);
+  made_one = true;
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  return error;
+}
+
+void store_tid(std::uint64_t address, std::int32_t tid) { *reinterpret_cast<std::int32_t*>(address) = tid; }
+
+// Below the application's stack of the new thread: its first registers, as the parent's call has them.
+void copy_parent_state(std::uint64_t child_stack, const std::uint64_t* args) {
+  std::memcpy(reinterpret_cast<void*>(child_stack - CHILD_AREA), args, CHILD_AREA_SIZE);
+  *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X0) = 0;  // clone returns 0 in the child.
+  *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X1) = args[1];
+}
+
+// Signals that were counted for this thread and not yet raised. Another thread gets them: with this one's end they would
+// be lost to the process. The caller has all signals blocked, so that they do not come back here.
+void hand_over_held_signals(thread_data* thread) {
+  const pid_t process = getpid();
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    for (std::int32_t held = thread->pending_signals[signum]; held > 0; --held) {
+      take_held_signal(thread->held, signum, process, getuid());
+      const auto to = static_cast<std::uint64_t>(process);
+      const auto number = static_cast<std::uint64_t>(signum);
+      // The kernel lets a thread forge no sender but itself: what another process has sent keeps its number alone.
+      if (raw_syscall(SYS_rt_sigqueueinfo, to, number, address_of(&thread->held.raised)) != 0) {
+        raw_syscall(SYS_kill, to, number);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0; }
+
+std::uint64_t block_all_signals() {
+  const std::uint64_t all = ~std::uint64_t{0};
+  std::uint64_t mask = 0;
+  raw_syscall(SYS_rt_sigprocmask, SIG_SETMASK, address_of(&all), address_of(&mask), KERNEL_SIGSET_SIZE);
+  return mask;
+}
+
+void restore_signal_mask(std::uint64_t mask) {
+  raw_syscall(SYS_rt_sigprocmask, SIG_SETMASK, address_of(&mask), 0, KERNEL_SIGSET_SIZE);
+}
+
+namespace {
+
+// A new thread's record, or null if the kernel refuses its memory; what was mapped by then is given back. The first
+// refusal is logged: the application gets the error that it would get of a kernel without memory, and may not tell
+// anybody.
+thread_data* make_thread_record() {
+  static std::atomic<bool> was_refused{false};
+  thread_data* record = nullptr;
+  mora_enter_callback();  // Part of a record is on the heap, and a fork's child must not find that locked.
+  const char* missing = allocate_thread_data(&record) ? try_init_thread(record) : "thread data";
+  const int error = errno;
+  if (missing != nullptr && record != nullptr) free_thread_data(record);
+  mora_leave_callback();
+  if (missing == nullptr) return record;
+  // Relaxed: the flag guards nothing but the number of lines.
+  if (!was_refused.exchange(true, std::memory_order_relaxed)) {
+    log(LEVEL_WARN, "a new thread has no memory for its %s: %s; clone fails with EAGAIN, later ones without a line; %s",
+        missing, std::strerror(error), THREAD_MEMORY_REMEDY);
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
+  // What the kernel refuses too; it is not asked. A pthread shares both.
+  constexpr std::uint64_t shared = CLONE_VM | CLONE_SIGHAND;
+  if ((args[0] & shared) != shared) return -EINVAL;
+  const std::uint64_t application_x3 = args[3];
+  if ((args[0] & CLONE_SETTLS) == 0) args[3] = thread->tls;
+  std::int32_t child_tid_word = 0;
+  thread->clone_shares_vm = 1;
+  thread_data* child = make_thread_record();
+  if (child == nullptr) {
+    args[3] = application_x3;
+    return -EAGAIN;
+  }
+  child->clone_resume_addr = next_inst;
+  child->set_tid = &child_tid_word;
+  child->clone_args = args;
+  deliver_clone(thread, child);
+
+  // A pthread starts with the mask of its creator. A signal that reached it before it has a record would find none.
+  const std::uint64_t mask = block_all_signals();
+  child->saved_signal_mask = mask;
+  std::int64_t result = -start_pthread(child);
+  if (result == 0) {
+    // Acquire: pairs with the release in thread_start. The child has read all of `args` by then, and what it wrote for
+    // the application, its thread id above all, is there.
+    while ((result = std::atomic_ref(child_tid_word).load(std::memory_order_acquire)) == 0) sched_yield();
+  } else {
+    free_thread_data(child);  // The kernel's answer to too many threads reaches the application.
+  }
+  restore_signal_mask(mask);
+  args[3] = application_x3;
+  return result;
+}
+
+extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
+  const std::uint64_t* args = thread->clone_args;
+  current_thread = thread;
+  thread->child_stack = args[1];
+  thread->engine_sp = engine_sp;
+  thread->tid = gettid();
+  forget_ending_thread(thread->tid);
+  if ((args[0] & CLONE_PARENT_SETTID) != 0) store_tid(args[2], thread->tid);
+  if ((args[0] & CLONE_CHILD_SETTID) != 0) store_tid(args[4], thread->tid);
+  if ((args[0] & CLONE_CHILD_CLEARTID) != 0) {
+    auto* word = reinterpret_cast<std::int32_t*>(args[4]);
+    if (set_application_tid_word(thread, word)) raw_syscall(SYS_set_tid_address, args[4]);
+  }
+  thread->tls = args[3];
+  copy_parent_state(thread->child_stack, args);
+
+  // In the list before the parent goes on: a parent that ends at once would else take itself for the last thread and
+  // end the process. Not at all if the process is ending: mora_terminate may already have looked through the list.
+  pthread_mutex_lock(&engine.thread_list_lock);
+  const bool too_late = is_ending();
+  if (!too_late) register_thread(thread, true);
+  pthread_mutex_unlock(&engine.thread_list_lock);
+
+  // Release: pairs with the acquire in mora_create_thread. `args` and set_tid lie on the parent's stack and are gone
+  // with this store.
+  std::atomic_ref(*thread->set_tid).store(thread->tid, std::memory_order_release);
+  if (too_late) abandon_thread(thread);
+
+  // From here on a signal is counted, for the first way into the cache.
+  restore_signal_mask(thread->saved_signal_mask);
+  const std::uint64_t block = scan(thread, thread->clone_resume_addr, 0);
+  start_on_stack(thread->child_stack - CHILD_ENTRY, block);
+}
+
+void end_thread(thread_data* thread, std::int32_t status) {
+  log(LEVEL_TRACE, "thread exit");
+  // The record goes away below: a signal must not find the thread without one.
+  const std::uint64_t mask = block_all_signals();
+  pthread_mutex_lock(&engine.thread_list_lock);
+  if (engine.thread_list == thread && thread->next == nullptr) {
+    // The last thread's end is the process's, and it ends as by exit_group: in the engine's way, with its events.
+    pthread_mutex_unlock(&engine.thread_list_lock);
+    restore_signal_mask(mask);
+    mora_terminate(thread, status);
+  }
+  unregister_thread(thread, true);
+  pthread_mutex_unlock(&engine.thread_list_lock);
+  hand_over_held_signals(thread);
+
+  const std::uint64_t engine_sp = thread->engine_sp;
+  // Before its joiner is told, as from the kernel; see robust_list.h. The first thread's is the kernel's matter alone.
+  if (engine_sp != 0) settle_robust_list(find_robust_list(), thread->tid);
+  std::int32_t* library_tid_word = thread->library_tid_word;
+  std::int32_t* application_tid_word = thread->application_tid_word;
+  current_thread = nullptr;
+  mora_enter_callback();
+  free_thread_data(thread);
+  if (engine_sp != 0) note_ending_thread(gettid());
+  mora_leave_callback();
+  // The process's first thread has no frame of the C library to return through: its function is the tool's main, which
+  // must not return while other threads run. The kernel clears the application's word, the only one that it knows of.
+  if (engine_sp == 0) raw_syscall(SYS_exit, static_cast<std::uint64_t>(status));
+  leave_thread(engine_sp, library_tid_word, application_tid_word);
+  log(LEVEL_FATAL, "unexpected return to completed thread");
+  __builtin_unreachable();
+}
+
+// The kernel can be told of one word only. Where it says which one it knows (PR_GET_TID_ADDRESS needs a kernel with
+// checkpoint support), that is the C library's: it is kept, and the kernel gets the application's. Where it does not,
+// the kernel keeps the C library's, and the application's is cleared by settle_tid_words alone, which does so in both
+// cases. The process's first thread has no word that the C library waits for: the kernel simply gets the application's.
+bool set_application_tid_word(thread_data* thread, std::int32_t* word) {
+  if (thread->engine_sp == 0) return true;
+  thread->application_tid_word = word;
+  if (thread->library_tid_word != nullptr) return true;
+  std::int32_t* known = nullptr;
+  if (raw_syscall(SYS_prctl, PR_GET_TID_ADDRESS, address_of(&known)) != 0) return false;
+  thread->library_tid_word = known;
+  return known != nullptr;
+}
+
+// On the thread's own stack, with no record any more. First the C library's word back to the kernel, which clears it
+// when the thread is truly gone: then only may the library use the stack again. Then the application's, which nobody
+// else will clear: whoever joins the thread goes on with this call and may give its stack and its word to a new thread.
+//
+// One futex operation does what the kernel does at a thread's end, store 0 and wake one waiter, and like the kernel it
+// does not mind if the memory is gone. Its comparison, of a thread id below 0, holds never: no second waiter is woken.
+extern "C" void settle_tid_words(std::int32_t* library_tid_word, std::int32_t* application_tid_word) {
+  if (library_tid_word != nullptr) raw_syscall(SYS_set_tid_address, address_of(library_tid_word));
+  if (application_tid_word == nullptr) return;
+  constexpr std::uint64_t one_waiter = 1;
+  constexpr std::uint64_t store_zero = FUTEX_OP(FUTEX_OP_SET, 0, FUTEX_OP_CMP_LT, 0);
+  const std::uint64_t word = address_of(application_tid_word);
+  raw_syscall(SYS_futex, word, FUTEX_WAKE_OP, one_waiter, 0, word, store_zero);
+}
+
+}  // namespace ceilmeter

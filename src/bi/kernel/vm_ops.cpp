@@ -1,0 +1,288 @@
+// The engine's view of the application's memory: the program break, which cannot be the kernel's because that one
+// belongs to the tool's image, and every call that maps, unmaps or changes memory.
+#include "bi/kernel/vm_ops.h"
+
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+
+#include "bi/code/code_cache.h"
+#include "bi/kernel/executable_path.h"
+#include "bi/kernel/pages.h"
+#include "bi/plugins/plugin_delivery.h"
+#include "bi/code/stubs.h"
+#include "bi/kernel/syscalls.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/vm_ops"};
+
+constexpr std::int32_t NO_FILE = -1;
+
+// What report_vm_op is told of the program break.
+constexpr std::uint32_t BREAK_FLAGS = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED;
+static_assert(BREAK_FLAGS == 50);
+
+bool is_error(std::int64_t result) { return result < 0 && result >= -4095; }
+
+page_range whole_page_range(std::uint64_t address, std::uint64_t length) {
+  return ceilmeter::whole_page_range(address, length, page_size());
+}
+
+// The protection that the kernel gets. The application's code only ever runs from the cache, so that the kernel need
+// not make it executable, but the scanner has to read it.
+std::uint64_t kernel_protection(std::uint64_t address, std::uint64_t prot) {
+  if ((prot & PROT_EXEC) == 0) return prot;
+  if ((prot & PROT_READ) == 0) log(LEVEL_TRACE, "mora: adding read permission to executable mapping at 0x%lx", address);
+  return (prot | PROT_READ) & ~std::uint64_t{PROT_EXEC};
+}
+
+void remove_function_watches(std::uint64_t start, std::uint64_t end) {
+  pthread_mutex_lock(&engine.function_watch_lock);
+  robin_map* watches = &engine.function_watches;
+  for (robin_bucket* bucket = robin_map_oldest(watches); bucket != nullptr;) {
+    if (bucket->key >= start && bucket->key < end) {
+      robin_map_remove(watches, bucket->key);
+      bucket = robin_map_oldest(watches);  // A removal moves buckets.
+    } else {
+      bucket = robin_map_newer(watches, bucket);
+    }
+  }
+  pthread_mutex_unlock(&engine.function_watch_lock);
+}
+
+// Code is known by its range: exec_ranges has what was mapped executable, protected_ranges what became executable
+// later. A full map drops what it is given. From then on any range may hold code.
+bool may_hold_code(std::uint64_t start, std::uint64_t end) {
+  return interval_map_overlapping(&engine.exec_ranges, start, end) > 0 ||
+         interval_map_overlapping(&engine.protected_ranges, start, end) > 0 ||
+         std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
+}
+
+void add_code(interval_map* ranges, std::uint64_t start, std::uint64_t end, std::int32_t fd) {
+  // Set the flag first; an extra flush is harmless.
+  if (interval_map_is_full(ranges)) std::atomic_ref(engine.code_ranges_dropped).store(1, std::memory_order_relaxed);
+  interval_map_add(ranges, start, end, fd);
+}
+
+// Takes the range out of both maps. If it held code, this thread flushes its cache; other threads keep their copies
+// until their own next flush.
+void forget_code(std::uint64_t start, std::uint64_t end) {
+  const bool dropped = std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
+  const bool was_mapped = interval_map_delete(&engine.exec_ranges, start, end) >= 1;
+  const bool was_protected = interval_map_delete(&engine.protected_ranges, start, end) >= 1;
+  if (was_mapped || was_protected || dropped) flush_code_cache(current_thread);
+}
+
+// Whether this thread has rewritten anything of the range since its last flush.
+bool has_rewritten(const thread_data* thread, std::uint64_t start, std::uint64_t end) {
+  const auto is_within = [=](const bb_meta& meta) {
+    return meta.source_addr < end && meta.source_addr + std::uint64_t{4} * meta.source_words > start;
+  };
+  return std::any_of(thread->metas, thread->metas + thread->next_block, is_within) ||
+         std::any_of(thread->metas + BB_COUNT, thread->metas + std::max(BB_COUNT, thread->active_trace.id), is_within);
+}
+
+// Something else was mapped over the range. A loader maps every library in one piece and then overlays it with the data
+// segments. Nothing has run from there yet, and the cache is kept.
+void forget_replaced_code(std::uint64_t start, std::uint64_t end) {
+  if (!may_hold_code(start, end)) return;
+  interval_map_delete(&engine.protected_ranges, start, end);
+  if (has_rewritten(current_thread, start, end)) flush_code_cache(current_thread);
+}
+
+// Code that becomes writable is about to change: the cache is flushed now, and the code is scanned again when it is
+// next reached. A change of code that is executable and writable at once is not seen here.
+void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t prot) {
+  if ((prot & PROT_WRITE) != 0 && may_hold_code(start, end)) {
+    interval_map_delete(&engine.protected_ranges, start, end);
+    flush_code_cache(current_thread);
+  } else if ((prot & PROT_EXEC) == 0) {
+    // Code that may not be executed any more faults when it is next reached, and may be other code by the time it is executable
+    // again.
+    forget_replaced_code(start, end);
+  }
+  if ((prot & PROT_EXEC) != 0) add_code(&engine.protected_ranges, start, end, NO_FILE);
+}
+
+// Code has moved with its memory. Blocks of its old place, and of what was at its new place before, are flushed, and
+// the new place is known as code.
+void follow_move(page_range from, page_range to, bool replaces) {
+  if (replaces) forget_replaced_code(to.start, to.start + to.size);
+  const std::uint64_t end = from.start + from.size;
+  const bool was_protected = interval_map_delete(&engine.protected_ranges, from.start, end) >= 1;
+  if (was_protected) flush_code_cache(current_thread);
+  if (was_protected || interval_map_overlapping(&engine.exec_ranges, from.start, end) > 0) {
+    add_code(&engine.protected_ranges, to.start, to.start + to.size, NO_FILE);
+  }
+}
+
+// The old range stays known, with a descriptor of its own: plug-ins are told of it, and follow_move adds the new range.
+void remap_range(std::uint64_t start, std::uint64_t end, std::uint64_t old_addr) {
+  interval_entry entry{};
+  if (interval_map_search(&engine.exec_ranges, old_addr, &entry) != 1) return;
+  // The entry's descriptor ends with the entry. A raw call leaves the errno of the C library alone.
+  const auto duplicate =
+      entry.fd < 0 ? std::int64_t{NO_FILE}
+                   : raw_syscall(SYS_fcntl, static_cast<std::uint64_t>(entry.fd), F_DUPFD_CLOEXEC);
+  forget_code(start, end);
+  add_code(&engine.exec_ranges, start, end, static_cast<std::int32_t>(duplicate));
+  if (duplicate >= 0) raw_syscall(SYS_close, static_cast<std::uint64_t>(duplicate));  // The map has its own by now.
+}
+
+std::int64_t segment_size(int id, std::uint64_t* size) {
+  struct shmid_ds segment {};
+  if (shmctl(id, IPC_STAT, &segment) != 0) return -errno;
+  *size = segment.shm_segsz;
+  return 0;
+}
+
+}  // namespace
+
+void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
+                  std::int32_t fd, std::uint64_t offset, std::uint64_t old_addr, std::uint64_t /*old_size*/) {
+  deliver_vm_op({op, addr, size, prot, flags, fd, offset});
+  const std::uint64_t end = addr + size;
+  const bool executable = (prot & PROT_EXEC) != 0;
+  switch (op) {
+    case VM_MAP:
+      if ((flags & VM_FLAG_APPLICATION) != 0) remember_application_path();
+      if (!executable) break;
+      add_code(&engine.exec_ranges, addr, end, fd);
+      if (fd >= 0 && (flags & VM_FLAG_INTERPRETER) == 0) deliver_mapped_file(fd, addr);
+      break;
+    case VM_UNMAP:
+      remove_function_watches(addr, end);
+      forget_code(addr, end);
+      break;
+    case VM_REMAP: remap_range(addr, end, old_addr); break;
+    case VM_PROTECT:
+      if (executable) add_code(&engine.exec_ranges, addr, end, fd);
+      break;
+  }
+}
+
+std::uint64_t brk_handler(std::uint64_t addr) {
+  std::atomic_ref brk(engine.brk);
+  // Relaxed: the break carries no other data with it. A thread that reads it while another one moves it gets the old or
+  // the new one, as from the kernel.
+  const std::uint64_t current = brk.load(std::memory_order_relaxed);
+  if (addr == 0 || addr == current) return current;
+
+  pthread_mutex_lock(&engine.brk_lock);
+  // The first page stays, whatever is asked for: there has to be something to grow from.
+  if (addr >= engine.initial_brk + page_size()) {
+    const std::uint64_t old_size = brk.load(std::memory_order_relaxed) - engine.initial_brk;
+    const std::uint64_t new_size = addr - engine.initial_brk;
+    const std::int64_t moved = raw_syscall(SYS_mremap, engine.initial_brk, old_size, new_size, 0);
+    if (moved == static_cast<std::int64_t>(engine.initial_brk)) {
+      report_vm_op(VM_MAP, engine.initial_brk, new_size, PROT_READ | PROT_WRITE, BREAK_FLAGS, NO_FILE, 0, 0, 0);
+      brk.store(addr, std::memory_order_relaxed);
+    }
+  }
+  const std::uint64_t result = brk.load(std::memory_order_relaxed);
+  pthread_mutex_unlock(&engine.brk_lock);
+  return result;
+}
+
+namespace {
+
+std::int64_t map_memory(const std::uint64_t* args) {
+  const std::uint64_t length = args[1];
+  const std::int64_t result =
+      raw_syscall(SYS_mmap, args[0], length, kernel_protection(args[0], args[2]), args[3], args[4], args[5]);
+  // Larger error numbers pass as addresses. The application gets them all the same, and the ranges that are reported
+  // for them lie at the very top of the address space, where nothing is. Kept as it is known.
+  if (result < 0 && result > -34) return result;
+  const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
+  if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) forget_replaced_code(range.start, range.start + range.size);
+  // Reported as the application asked for it, not as the kernel has it.
+  report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]),
+               static_cast<std::uint32_t>(args[3]), static_cast<std::int32_t>(args[4]), args[5], 0, 0);
+  return result;
+}
+
+std::int64_t protect_memory(const std::uint64_t* args) {
+  const std::uint64_t prot = kernel_protection(args[0], args[2]);
+  const std::int64_t result = raw_syscall(SYS_mprotect, args[0], args[1], prot);
+  if (result != 0) return result;
+  const page_range range = whole_page_range(args[0], args[1]);
+  // Reported as the kernel has it, not executable: exec_ranges tells of mappings, and a change of protection does not
+  // widen it.
+  report_vm_op(VM_PROTECT, range.start, range.size, static_cast<std::uint32_t>(prot), 0, NO_FILE, 0, 0, 0);
+  follow_protection(range.start, range.start + range.size, args[2]);
+  return result;
+}
+
+std::int64_t unmap_memory(const std::uint64_t* args) {
+  const std::int64_t result = raw_syscall(SYS_munmap, args[0], args[1]);
+  if (result != 0) return result;
+  const page_range range = whole_page_range(args[0], args[1]);
+  report_vm_op(VM_UNMAP, range.start, range.size, 0, 0, NO_FILE, 0, 0, 0);
+  return result;
+}
+
+std::int64_t move_memory(const std::uint64_t* args) {
+  const std::int64_t result = raw_syscall(SYS_mremap, args[0], args[1], args[2], args[3], args[4]);
+  if (is_error(result)) return result;
+  // Plug-ins are told of the old address alone; follow_move notes the new one.
+  const page_range range = whole_page_range(args[0], args[1]);
+  report_vm_op(VM_REMAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), 0, NO_FILE, 0, args[0], args[1]);
+  follow_move(range, whole_page_range(static_cast<std::uint64_t>(result), args[2]), (args[3] & MREMAP_FIXED) != 0);
+  return result;
+}
+
+std::int64_t attach_segment(const std::uint64_t* args) {
+  const std::int64_t result = raw_syscall(SYS_shmat, args[0], args[1], args[2]);
+  std::uint64_t size = 0;
+  // A segment whose size cannot be had, such as one that may not be read, is not reported: its range is unknown.
+  if (is_error(result) || segment_size(static_cast<int>(args[0]), &size) != 0) return result;
+  std::uint32_t prot = PROT_READ;
+  if ((args[2] & SHM_RDONLY) == 0) prot |= PROT_WRITE;
+  if ((args[2] & SHM_EXEC) != 0) prot |= PROT_EXEC;
+  const auto address = static_cast<std::uint64_t>(result);
+  interval_map_delete(&engine.attached_segments, address, address + size);
+  interval_map_add(&engine.attached_segments, address, address + size, NO_FILE);
+  report_vm_op(VM_MAP, address, size, prot, 0, NO_FILE, 0, 0, 0);
+  return result;
+}
+
+// The kernel detaches by the address alone. The size comes from the attachment; one that could not be noted is detached
+// without a report.
+std::int64_t detach_segment(const std::uint64_t* args) {
+  const std::int64_t result = raw_syscall(SYS_shmdt, args[0]);
+  interval_entry attached{};
+  if (result != 0 || interval_map_search(&engine.attached_segments, args[0], &attached) != 1) return result;
+  interval_map_delete(&engine.attached_segments, args[0], attached.end);
+  report_vm_op(VM_UNMAP, args[0], attached.end - args[0], 0, 0, NO_FILE, 0, 0, 0);
+  return result;
+}
+
+// Holds mapping_lock over a call and over what the engine notes of it. Without the lock a range that one thread has
+// just unmapped may be mapped by another one and noted as code, before the first thread removes its note.
+std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::uint64_t* args) {
+  pthread_mutex_lock(&engine.mapping_lock);
+  const std::int64_t result = call(args);
+  pthread_mutex_unlock(&engine.mapping_lock);
+  return result;
+}
+
+}  // namespace
+
+std::int64_t handle_mmap(const std::uint64_t* args) { return make_call(map_memory, args); }
+std::int64_t handle_mprotect(const std::uint64_t* args) { return make_call(protect_memory, args); }
+std::int64_t handle_munmap(const std::uint64_t* args) { return make_call(unmap_memory, args); }
+std::int64_t handle_mremap(const std::uint64_t* args) { return make_call(move_memory, args); }
+std::int64_t handle_shmat(const std::uint64_t* args) { return make_call(attach_segment, args); }
+std::int64_t handle_shmdt(const std::uint64_t* args) { return make_call(detach_segment, args); }
+
+}  // namespace ceilmeter

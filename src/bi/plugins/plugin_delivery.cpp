@@ -1,0 +1,93 @@
+// The events that carry no code. Their contexts live on the stack of the thread that they are told on.
+#include "bi/plugins/plugin_delivery.h"
+
+namespace ceilmeter {
+
+namespace {
+
+mora_context context_of(thread_data* thread, mora_event event) {
+  mora_context ctx{};
+  ctx.thread_data = thread;
+  ctx.event = event;
+  return ctx;
+}
+
+}  // namespace
+
+bool is_event_bound(mora_event event) {
+  for (std::uint32_t plugin = 0; plugin < registered_plugins(); ++plugin) {
+    if (engine.plugins[plugin][event] != 0) return true;
+  }
+  return false;
+}
+
+void mora_enter_callback() {
+  // More than once on one thread: an event comes within another's callback, such as the flush that its code makes
+  // necessary. The lock prefers readers, so that a fork that waits does not come between.
+  pthread_rwlock_rdlock(&engine.callbacks_lock);
+}
+
+void mora_leave_callback() { pthread_rwlock_unlock(&engine.callbacks_lock); }
+
+void mora_deliver_event(mora_context* ctx) {
+  mora_enter_callback();
+  for (std::uint32_t plugin = 0; plugin < registered_plugins(); ++plugin) {
+    const std::uint64_t callback = engine.plugins[plugin][ctx->event];
+    if (callback == 0) continue;
+    ctx->plugin_id = plugin;
+    reinterpret_cast<mora_callback>(callback)(ctx);
+  }
+  mora_leave_callback();
+}
+
+void tell_plugins(thread_data* thread, mora_event event) {
+  mora_context ctx = context_of(thread, event);
+  mora_deliver_event(&ctx);
+}
+
+void tell_plugins_of_flush() { tell_plugins(current_thread, MORA_FLUSH); }
+
+void tell_plugins_of_clone(thread_data* parent, thread_data* child) {
+  mora_context ctx = context_of(parent, MORA_CLONE);
+  ctx.child_plugin_thread_data = child->plugin_thread_data;
+  mora_deliver_event(&ctx);
+}
+
+void tell_plugins_of_loaded_file(const char* path, int fd) {
+  mora_context ctx = context_of(current_thread, MORA_ELF_LOAD);
+  ctx.path = path;
+  ctx.loaded_fd = fd;
+  mora_deliver_event(&ctx);
+}
+
+void tell_plugins_of_vm_op(const vm_op_event& what) {
+  mora_context ctx = context_of(current_thread, MORA_VM_OP);
+  ctx.op = what.op;
+  ctx.addr = what.addr;
+  ctx.size = what.size;
+  ctx.mapping = {what.prot, what.flags};
+  ctx.fd = what.fd;
+  ctx.offset = what.offset;
+  mora_deliver_event(&ctx);
+}
+
+bool ask_plugins_before_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* args, std::uint64_t* result) {
+  mora_context ctx = context_of(thread, MORA_PRE_SYSCALL);
+  ctx.number = number;
+  ctx.args = args;
+  mora_deliver_event(&ctx);
+  if (ctx.skip_syscall == 0) return false;
+  *result = ctx.result;
+  return true;
+}
+
+void ask_plugins_after_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* result) {
+  mora_context ctx = context_of(thread, MORA_POST_SYSCALL);
+  ctx.number = number;
+  ctx.args = &thread->syscall_args;
+  ctx.result = *result;
+  mora_deliver_event(&ctx);
+  *result = ctx.result;
+}
+
+}  // namespace ceilmeter

@@ -1,0 +1,122 @@
+// The events of a fragment under translation: callbacks that may write code, and what becomes of it.
+#include "bi/a64/a64.h"
+#include "bi/plugins/function_watch.h"
+#include "bi/plugins/plugin_delivery.h"
+#include "bi/code/scanner.h"
+#include "common/log.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr engine_log log{"src/bi/plugin"};
+
+mora_context context_at(scan_state& state, mora_event event, const std::uint32_t* read_address, std::int32_t inst) {
+  mora_context ctx{};
+  ctx.thread_data = state.thread;
+  ctx.event = event;
+  ctx.fragment = {state.type, state.bb_id};
+  ctx.read_address = read_address;
+  ctx.decoded = {inst, MORA_COND_ALWAYS};
+  if (inst == A64_B_COND) {
+    std::uint32_t imm19 = 0;
+    a64_b_cond_decode(read_address, &imm19, &ctx.decoded.cond);
+  }
+  ctx.write_p = state.write;
+  ctx.write_limit = state.limit;
+  ctx.stop = &state.stop;
+  return ctx;
+}
+
+void reserve_space(scan_state& state, std::uint32_t size) {
+  a64_reserve_block_space(state.thread, &state.write, &state.limit, size);
+}
+
+// What a callback has asked for beside its code. True if it has taken the instruction over.
+bool has_replaced(const mora_context& ctx, bool taken, bool wrote) {
+  const bool replaces = ctx.replace != 0;
+  if (taken && (wrote || replaces)) {
+    log(LEVEL_WARN, "plugin %d added code for overridden instruction (%p)", static_cast<int>(ctx.plugin_id),
+        static_cast<const void*>(ctx.read_address));
+  }
+  if (replaces && ctx.event != MORA_PRE_INST) {
+    log(LEVEL_WARN, "plugin %d set replace_inst for a disallowed event (at %p)", static_cast<int>(ctx.plugin_id),
+        static_cast<const void*>(ctx.read_address));
+    return false;
+  }
+  return replaces;
+}
+
+// Calls the plug-ins one after the other, each where the one before has stopped writing.
+bool call_plugins(mora_context& ctx, scan_state& state) {
+  bool taken = false;
+  for (std::uint32_t plugin = 0; plugin < registered_plugins(); ++plugin) {
+    const std::uint64_t callback = engine.plugins[plugin][ctx.event];
+    if (callback == 0) continue;
+    // The scanner may have left less, for instance behind a system call.
+    if (ctx.code_allowed) reserve_space(state, MORA_CALLBACK_SPACE);
+    ctx.plugin_id = plugin;
+    ctx.write_p = state.write;
+    ctx.write_limit = state.limit;
+    ctx.regs_on_entry = ctx.regs_to_pop;
+    ctx.replace = 0;
+    const std::uint32_t* before = ctx.write_p;
+    reinterpret_cast<mora_callback>(callback)(&ctx);
+    if (has_replaced(ctx, taken, ctx.code_allowed && ctx.write_p != before)) taken = true;
+    if (!ctx.code_allowed) continue;  // The scan's own write pointer stays where it was.
+    if (ctx.regs_to_pop != 0) mora_emit_restore_regs(&ctx, ctx.regs_to_pop);
+    ctx.regs_to_pop = 0;
+    state.write = ctx.write_p;
+    state.limit = ctx.write_limit;
+    reserve_space(state, EXIT_SPACE);
+  }
+  return taken;
+}
+
+}  // namespace
+
+static_assert(MORA_CALLBACK_SPACE <= EXIT_SPACE);
+
+bool scan_for_plugins(scan_state& state, const scan_event& what) {
+  const bool is_bound = is_event_bound(what.event);
+  const bool may_be_watched =
+      what.event == MORA_PRE_BB || (what.event == MORA_PRE_INST && state.thread->return_watch.count != 0);
+  if (!is_bound && !may_be_watched) return false;  // True of most instructions, which need no lock then.
+  const std::uint32_t*& read_address = what.event == MORA_PRE_BB ? state.bb_start : state.read;
+  mora_enter_callback();
+  if (what.event == MORA_PRE_BB) put_function_entry(state, read_address);
+  if (what.event == MORA_PRE_INST) put_function_return(state, read_address);
+  bool taken = false;
+  if (is_bound) {
+    mora_context ctx = context_at(state, what.event, read_address, what.inst);
+    ctx.code_allowed = what.allow_code;
+    if (what.event == MORA_POST_BB) ctx.end_address = what.end_address;
+    taken = call_plugins(ctx, state);
+    read_address = ctx.read_address;
+  }
+  mora_leave_callback();
+  return taken;
+}
+
+bool a64_scanner_deliver_callbacks(thread_data* thread, mora_event event, const std::uint32_t** read_address,
+                                   std::int32_t inst, std::uint32_t** write, std::uint32_t** limit, std::int32_t bb_id,
+                                   std::uint32_t fragment_type, bool allow_code, bool* stop,
+                                   const std::uint32_t* end_address) {
+  const auto type = static_cast<enum fragment_type>(fragment_type);
+  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop};
+  const bool taken = deliver_scan_event(state, {event, inst, allow_code, end_address});
+  *read_address = event == MORA_PRE_BB ? state.bb_start : state.read;
+  *write = state.write;
+  *limit = state.limit;
+  *stop = state.stop;
+  return taken;
+}
+
+void deliver_function_event(scan_state& state, mora_event event, std::uint64_t function) {
+  if (!is_event_bound(event)) return;
+  mora_context ctx = context_at(state, event, reinterpret_cast<const std::uint32_t*>(function), MORA_NO_INST);
+  ctx.code_allowed = true;
+  call_plugins(ctx, state);  // A callback may have noted another address for the function; it is dropped here.
+}
+
+}  // namespace ceilmeter

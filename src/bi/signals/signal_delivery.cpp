@@ -1,0 +1,115 @@
+// The counters belong to their thread. They are updated atomically: a nested signal can strike between a load and a
+// store.
+#include "bi/code/code_cache.h"
+#include "bi/signals/signal_delivery.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+
+#include "bi/signals/signals.h"
+#include "bi/code/stubs.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr std::uint32_t SYNCHRONOUS_SIGNALS = 0x800009b0;
+
+constexpr std::uint64_t NR_RT_SIGPROCMASK = 135;
+
+std::uint64_t blocked_signals() {
+  std::uint64_t mask = 0;
+  raw_syscall(NR_RT_SIGPROCMASK, SIG_BLOCK, 0, address_of(&mask), KERNEL_SIGSET_SIZE);
+  return mask;
+}
+
+// Only this thread counts down, and a signal that comes in between counts up: a positive value stays positive.
+void count_one_less(thread_data* thread, int signum) {
+  std::atomic_ref(thread->pending_signals[signum]).fetch_sub(1, std::memory_order_relaxed);
+  std::atomic_ref(thread->pending_signal_count).fetch_sub(1, std::memory_order_relaxed);
+}
+
+// The lowest counted signal that the thread does not block; -1: none.
+int find_pending_signal(thread_data* thread) {
+  const std::uint64_t mask = blocked_signals();
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    if ((mask & signal_bit(signum)) != 0) continue;
+    if (std::atomic_ref(thread->pending_signals[signum]).load(std::memory_order_relaxed) >= 1) return signum;
+  }
+  return -1;
+}
+
+// Gives counted signals that the thread blocks back to the kernel, where they stay pending: a call may wait for them
+// (sigsuspend, sigtimedwait, a signal descriptor), and the kernel has to know of them. They were counted before they
+// were blocked, which the mask of another signal's handler does.
+void give_back_blocked_signals(thread_data* thread) {
+  const std::uint64_t mask = blocked_signals();
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    if ((mask & signal_bit(signum)) == 0) continue;
+    // No more of a blocked signal can come, so that its counter stands still.
+    std::int32_t& counter = thread->pending_signals[signum];
+    for (; std::atomic_ref(counter).load(std::memory_order_relaxed) > 0; count_one_less(thread, signum)) {
+      raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
+                  static_cast<std::uint64_t>(signum));
+    }
+  }
+}
+
+}  // namespace
+
+bool is_synchronous(int signum) { return signum < 32 && (SYNCHRONOUS_SIGNALS >> signum & 1) != 0; }
+
+void count_visit(thread_data* thread) {
+  std::atomic_ref(thread->pending_signal_count).fetch_add(1, std::memory_order_relaxed);
+}
+
+void count_signal(thread_data* thread, const siginfo_t& info) {
+  hold_signal(thread->held, info);  // Before it is counted: who takes it off its counter looks for the record.
+  std::atomic_ref(thread->pending_signals[info.si_signo]).fetch_add(1, std::memory_order_relaxed);
+  count_visit(thread);
+}
+
+std::uint64_t handled_signals() {
+  std::uint64_t mask = 0;
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    if (is_synchronous(signum)) continue;
+    const std::uint64_t handler = std::atomic_ref(engine.signal_handlers[signum]).load(std::memory_order_relaxed);
+    if (handler > 1) mask |= signal_bit(signum);
+  }
+  return mask;
+}
+
+void block_handled_signals() {
+  const std::uint64_t mask = handled_signals();
+  raw_syscall(NR_RT_SIGPROCMASK, SIG_BLOCK, address_of(&mask), 0, KERNEL_SIGSET_SIZE);
+}
+
+bool has_deliverable_signal(thread_data* thread) {
+  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) return true;
+  if (find_pending_signal(thread) >= 0) return true;
+  if (std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0)
+    give_back_blocked_signals(thread);
+  return false;
+}
+
+extern "C" std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t* info) {
+  thread_data* thread = current_thread;
+  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) abandon_thread(thread);
+  // Read the sum before the counters: a signal that comes in between makes the stub ask again.
+  const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
+  const int signum = find_pending_signal(thread);
+  if (signum < 0) {
+    info[0] = static_cast<std::uint64_t>(judged);
+    return 0;
+  }
+  take_held_signal(thread->held, signum, getpid(), getuid());
+  info[0] = static_cast<std::uint64_t>(getpid());
+  info[1] = static_cast<std::uint64_t>(gettid());
+  info[2] = static_cast<std::uint64_t>(signum);
+  count_one_less(thread, signum);
+  return 1;
+}
+
+}  // namespace ceilmeter

@@ -1,0 +1,159 @@
+// Contexts of interrupted threads. The labels and the frames are those of stubs.S.
+#include "bi/signals/signal_place.h"
+
+#include <asm/sigcontext.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "bi/a64/a64.h"
+#include "bi/kernel/call_mask.h"
+#include "bi/code/code_cache.h"
+#include "bi/code/scan_ahead.h"
+#include "bi/code/source_map.h"
+#include "bi/code/stubs.h"
+
+namespace ceilmeter {
+
+namespace {
+
+constexpr std::uint64_t CONDITION_FLAGS = 0xf0000000;  // N, Z, C and V in PSTATE.
+
+bool is_between(const thread_data* thread, std::uint64_t pc, const std::uint8_t* begin, const std::uint8_t* end) {
+  const std::uint64_t base = address_of(thread->code_cache);
+  return pc >= base + stub_offset(begin) && pc < base + stub_offset(end);
+}
+
+fpsimd_context* fpsimd_record(mcontext_t& context) {
+  auto* head = reinterpret_cast<_aarch64_ctx*>(context.__reserved);
+  auto* end = context.__reserved + sizeof context.__reserved;
+  while (reinterpret_cast<unsigned char*>(head + 1) <= end && head->magic != 0 && head->size != 0) {
+    if (head->magic == FPSIMD_MAGIC) return reinterpret_cast<fpsimd_context*>(head);
+    head = reinterpret_cast<_aarch64_ctx*>(reinterpret_cast<unsigned char*>(head) + head->size);
+  }
+  return nullptr;
+}
+
+// Whether a literal load is rewritten with x0 as its base, which is pushed around it: all but those into a general register,
+// which serves as the base itself.
+bool borrows_x0(const std::uint32_t* source) {
+  if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return false;
+  constexpr std::uint32_t zero_register = 31;
+  constexpr std::uint32_t prefetch = 3;
+  std::uint32_t opc = 0;
+  std::uint32_t is_vector = 0;
+  std::uint32_t imm19 = 0;
+  std::uint32_t reg = 0;
+  a64_ldr_literal_decode(source, &opc, &is_vector, &imm19, &reg);
+  return is_vector != 0 || opc == prefetch || reg == zero_register;
+}
+
+}  // namespace
+
+bool is_in_code_range(const thread_data* thread, std::uint64_t pc) {
+  const std::uint64_t stubs = std::uint64_t{BB_SIZE} * static_cast<std::uint64_t>(stub_block_count());
+  return pc >= address_of(thread->code_cache) + stubs && pc < address_of(thread->code_cache) + CODE_CACHE_SIZE;
+}
+
+bool is_in_cache(const thread_data* thread, std::uint64_t pc) {
+  return pc >= address_of(thread->code_cache) && pc < address_of(thread->code_cache) + CODE_CACHE_SIZE;
+}
+
+bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8_t* place) {
+  return pc == address_of(thread->code_cache) + stub_offset(place);
+}
+
+std::uint64_t fragment_place(const thread_data* thread, const mcontext_t& context) {
+  if (guarded_return_address != 0) return guarded_return_address;
+  const std::uint64_t pc = context.pc;
+  const bool counts =
+      is_between(thread, pc, hot_counter_stub, hot_counter_return) || is_stub_point(thread, pc, hot_counter_return);
+  const bool calls =
+      pc >= address_of(reinterpret_cast<const void*>(guarded_call_stub)) && pc < address_of(guarded_call_stubs_end);
+  return counts || calls ? context.regs[30] : pc;
+}
+
+bool is_before_syscall(const thread_data* thread, std::uint64_t pc) {
+  return is_between(thread, pc, syscall_call_window, syscall_return_point) &&
+         std::atomic_ref(const_cast<thread_data*>(thread)->status).load(std::memory_order_relaxed) == THREAD_IN_SYSCALL;
+}
+
+void look_again(const thread_data* thread, mcontext_t& context) {
+  const std::uint64_t pc = context.pc;
+  const std::uint64_t base = address_of(thread->code_cache);
+  if (is_between(thread, pc, reentry_window, reentry_branch)) {
+    context.pc = base + stub_offset(reentry_window);
+  } else if (is_stub_point(thread, pc, reentry_branch) || is_stub_point(thread, pc, reentry_resume_branch)) {
+    context.pc = base + stub_offset(cache_reentry_stub);
+  } else if (is_between(thread, pc, reentry_resume_window, reentry_resume_branch)) {
+    // At sp: 0x20 bytes of results, the cache address and the source address, then what the first window has at its sp.
+    const auto* frame = reinterpret_cast<const std::uint64_t*>(context.sp);
+    context.regs[0] = frame[4];
+    context.regs[1] = frame[5];
+    context.sp += 0x30;
+    context.pc = base + stub_offset(reentry_window);
+  } else if (is_between(thread, pc, syscall_restart_window, syscall_call_window)) {
+    context.pc = base + stub_offset(syscall_restart_window);
+  }
+}
+
+void leave_reentry_stub(const thread_data* thread, mcontext_t& context) {
+  const auto* frame = reinterpret_cast<const std::uint64_t*>(context.sp);
+  context.regs[2] = frame[2];
+  context.regs[3] = thread->held.saved_x3;
+  context.regs[8] = frame[3];
+  context.regs[0] = frame[4];
+  context.regs[1] = frame[5];
+  context.pc = frame[1];
+  context.sp += 48;
+}
+
+void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
+  restore_argument(thread, reinterpret_cast<std::uint64_t*>(context.regs), 1);  // The call's result is in x0.
+  const std::uint64_t frame = context.sp;
+  const auto* area = reinterpret_cast<const std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
+  const std::uint64_t flags = context.regs[19];
+  if (fpsimd_context* record = fpsimd_record(context)) {
+    std::memcpy(record->vregs, reinterpret_cast<const void*>(frame), STUB_SIMD_REGS_SIZE);
+    // The wrapper keeps both beside the flags while the call is in the kernel.
+    record->fpsr = static_cast<std::uint32_t>(context.regs[21]);
+    record->fpcr = static_cast<std::uint32_t>(context.regs[20]);
+  }
+  for (std::uint32_t reg = 9; reg <= 21; ++reg) context.regs[reg] = area[reg];
+  context.regs[29] = area[SYSCALL_X29 / 8];
+  context.regs[30] = area[SYSCALL_X30 / 8];
+  // The wrapper's own code changes the flags and nothing else of PSTATE: SSBS, DIT and TCO are the application's.
+  context.pstate = (context.pstate & ~CONDITION_FLAGS) | (flags & CONDITION_FLAGS);
+  context.pc = area[SYSCALL_NEXT_SOURCE / 8];
+  context.sp = frame + SYSCALL_FRAME_SIZE;
+}
+
+void undo_syscall(thread_data* thread, mcontext_t& context) {
+  auto* area = reinterpret_cast<std::uint64_t*>(context.sp + STUB_SIMD_REGS_SIZE);
+  restore_argument(thread, area, 0);
+  for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
+  leave_syscall_wrapper(thread, context);
+  context.pc -= sizeof(std::uint32_t);
+}
+
+bool is_in_fault_block(const thread_data* thread, std::uint64_t pc) {
+  if (!is_in_code_range(thread, pc)) return false;
+  const std::int32_t id = exit_owner(thread, pc);
+  return id > 0 && thread->metas[id].exit_kind == EXIT_NOT_SET;
+}
+
+bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
+  if (!is_in_code_range(thread, context.pc)) return false;
+  const std::uint64_t source = source_of_cache_address(thread, context.pc);
+  if (source == 0) return false;
+  // The accesses of both rules are the only loads of this kind in their code; their pushes are of another.
+  const bool loads = a64_decode(reinterpret_cast<const std::uint32_t*>(context.pc)) == A64_LDR_STR_UNSIGNED;
+  if (loads && (is_in_fault_block(thread, context.pc) || borrows_x0(reinterpret_cast<const std::uint32_t*>(source)))) {
+    context.regs[0] = *reinterpret_cast<const std::uint64_t*>(context.sp);
+    context.sp += 16;
+  }
+  context.pc = source;
+  return true;
+}
+
+}  // namespace ceilmeter
