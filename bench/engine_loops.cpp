@@ -163,8 +163,8 @@ struct loop {
   std::uint64_t (*run)(std::uint64_t rounds);
 };
 
-constexpr loop loops[] = {{"straight", straight},   {"conditional", conditional},   {"calls", calls},
-                          {"indirect", indirect},   {"memory", memory},             {"unknown", unknown},
+constexpr loop loops[] = {{"straight", straight},         {"conditional", conditional}, {"calls", calls},
+                          {"indirect", indirect},         {"memory", memory},           {"unknown", unknown},
                           {"system_calls", system_calls}, {"new_blocks", new_blocks}};
 
 }  // namespace

@@ -39,8 +39,8 @@ struct settings {
 struct task {
   std::string name;
   std::string subject;
-  std::size_t baseline;     // Index of the task whose memory is taken off.
-  bool sees_blocks;         // Its result is a count of blocks.
+  std::size_t baseline;  // Index of the task whose memory is taken off.
+  bool sees_blocks;      // Its result is a count of blocks.
   std::function<std::uint64_t(stopwatch&)> work;
   std::vector<task_cost> costs = {};
 };

@@ -1,4 +1,5 @@
-// The time that the tracer's report takes after a run: so many threads that have all run the same blocks of real modules.
+// The time that the tracer's report takes after a run: so many threads that have all run the same blocks of real
+// modules.
 //
 //   tracer_report [--threads N] [--blocks N] MODULE...
 //
@@ -107,9 +108,11 @@ int run(int argc, char** argv) {
   const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - before;
   std::size_t counted = 0;
   for (const bintracer_region& region : report.regions) counted += region.bbs.size();
-  std::printf("%zu threads with %zu blocks each: %zu blocks with floating-point work, get_report took %.3f s, %.3f s of them on "
-              "a processor\n",
-              thread_count, chosen.size(), counted, seconds.count(), busy);
+  std::printf(
+      "%zu threads with %zu blocks each: %zu blocks with floating-point work, get_report took %.3f s, %.3f s of them "
+      "on "
+      "a processor\n",
+      thread_count, chosen.size(), counted, seconds.count(), busy);
   return 0;
 }
 

@@ -31,10 +31,10 @@ enum collector_phase : std::uint32_t {
 struct collector_config {
   std::uint32_t mode = MODE_TOTAL;
   std::uint32_t phase = PHASE_FULL;
-  std::string application;      // Path of the program to run, prefixed so that execvp does not search PATH for it.
-  std::int32_t argc = 0;        // Number of arguments from the application's name on.
-  char** argv = nullptr;        // Into the process's arguments, at the application's name as typed.
-  char** envp = nullptr;        // The environment that main received.
+  std::string application;  // Path of the program to run, prefixed so that execvp does not search PATH for it.
+  std::int32_t argc = 0;    // Number of arguments from the application's name on.
+  char** argv = nullptr;    // Into the process's arguments, at the application's name as typed.
+  char** envp = nullptr;    // The environment that main received.
   std::uint64_t num_threads_for_bench = 16;  // Thread count of the roofs when no run tells another.
   std::string_view config_version = "1.0";   // Of this record, for whoever looks at it in a debugger.
   std::string output_file_path;

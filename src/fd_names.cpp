@@ -1,5 +1,5 @@
-// The descriptor table. The order of locking, by rising number, is what keeps operations from waiting for each other in a
-// circle; the size of the table is looked at again under the locks, because it says which locks they have to be.
+// The descriptor table. The order of locking, by rising number, is what keeps operations from waiting for each other in
+// a circle; the size of the table is looked at again under the locks, because it says which locks they have to be.
 #include "fd_names.h"
 
 #include <sched.h>

@@ -1,7 +1,7 @@
 // The last path seen for each file descriptor, for many threads at once. Every thread that maps a library comes through
-// here, so the table has no lock of its own: a cuckoo table of four slots a bucket, whose buckets share 65536 spin locks,
-// each in a cache line by itself. An operation holds the locks of its key's two candidate buckets and of no others; only
-// making room, which takes several hundred descriptors at once, holds all that are in use.
+// here, so the table has no lock of its own: a cuckoo table of four slots a bucket, whose buckets share 65536 spin
+// locks, each in a cache line by itself. An operation holds the locks of its key's two candidate buckets and of no
+// others; only making room, which takes several hundred descriptors at once, holds all that are in use.
 #pragma once
 
 #include <atomic>
@@ -33,8 +33,8 @@ class fd_name_table {
   std::size_t bucket_count() const { return std::size_t{1} << m_log2_buckets.load(std::memory_order_acquire); }
 
  private:
-  // A free slot has no name. The partial key spares most look-ups the comparison of keys in the other bucket, and is what
-  // the second candidate is computed from, in either direction.
+  // A free slot has no name. The partial key spares most look-ups the comparison of keys in the other bucket, and is
+  // what the second candidate is computed from, in either direction.
   struct bucket {
     std::uint8_t partial[slots_per_bucket];
     std::int32_t key[slots_per_bucket];

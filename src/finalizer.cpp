@@ -31,10 +31,9 @@ class old_regions {
 
   // Null if there was no such region.
   const region_metric* find(const std::string& name) const {
-    const auto place = std::lower_bound(sorted_.begin(), sorted_.end(), name,
-                                        [](const region_metric* region, const std::string& wanted) {
-                                          return region->name < wanted;
-                                        });
+    const auto place =
+        std::lower_bound(sorted_.begin(), sorted_.end(), name,
+                         [](const region_metric* region, const std::string& wanted) { return region->name < wanted; });
     return place != sorted_.end() && (*place)->name == name ? *place : nullptr;
   }
 

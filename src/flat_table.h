@@ -299,9 +299,9 @@ class flat_table {
     }
   }
 
-  std::uint16_t generation_ = 1;          // The state of a live slot.
-  std::uint64_t log2_capacity_ = 6;       // Goes up by one before the first slots are made.
-  std::uint64_t size_ = 0;                // Live slots.
+  std::uint16_t generation_ = 1;     // The state of a live slot.
+  std::uint64_t log2_capacity_ = 6;  // Goes up by one before the first slots are made.
+  std::uint64_t size_ = 0;           // Live slots.
   std::uint64_t capacity_ = 0;
   std::uint64_t load_numerator_ = 9;      // The table grows before more than nine tenths
   std::uint64_t load_denominator_ = 10;   // of its slots are live.

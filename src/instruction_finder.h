@@ -28,8 +28,8 @@ class instruction_finder {
   bool get_basic_block_instruction_code(std::uint32_t* buffer, const std::string& module, std::uint64_t start_off,
                                         std::uint64_t end_off);
 
-  // The stream of the file `module`, by whatever name it was opened first. Null, after a warning, if it can't be opened; a
-  // failure is not remembered, and the next call tries again.
+  // The stream of the file `module`, by whatever name it was opened first. Null, after a warning, if it can't be
+  // opened; a failure is not remembered, and the next call tries again.
   std::FILE* open_file_impl(const std::string& module);
 
  private:

@@ -1,5 +1,5 @@
-// The registry. It reacts to new mappings only: an unmapped segment stays to be found until something is mapped over it,
-// since code that ran there did come from it.
+// The registry. It reacts to new mappings only: an unmapped segment stays to be found until something is mapped over
+// it, since code that ran there did come from it.
 #include "mappings.h"
 
 #include <memory>
@@ -39,8 +39,8 @@ const mapping_segment* mappings_t::make_segment(mapping_segment segment) {
     // Acquire: pairs with the release store below, behind which the node that the word lies in was made.
     std::atomic<node*>* last = all_segments_tail.load(std::memory_order_acquire);
     node* expected = nullptr;
-    // Release: pairs with the acquire loads of the destructor. A word that is taken belongs to a writer that has not yet
-    // moved the tail on; it does so with its next step.
+    // Release: pairs with the acquire loads of the destructor. A word that is taken belongs to a writer that has not
+    // yet moved the tail on; it does so with its next step.
     if (last->compare_exchange_weak(expected, added, std::memory_order_release, std::memory_order_relaxed)) break;
   }
   all_segments_tail.store(&added->next, std::memory_order_release);
@@ -76,8 +76,8 @@ void mappings_t::register_mmap(std::uint64_t begin, std::uint64_t end, std::uint
       it = segments.emplace_hint(it, end, moved);
     }
   }
-  // Only what begins at or behind `begin` was looked at: an older mapping from below that reaches in stays as it is, and
-  // search_segment finds the new one first.
+  // Only what begins at or behind `begin` was looked at: an older mapping from below that reaches in stays as it is,
+  // and search_segment finds the new one first.
   segments.emplace_hint(it, begin, segment);
 }
 

@@ -1,5 +1,5 @@
-// From which file, and at which offset, did the code at an address come? The question is asked long after the mapping may
-// have gone or been replaced, so whoever meets an address while it is mapped takes the id of its segment along: the
+// From which file, and at which offset, did the code at an address come? The question is asked long after the mapping
+// may have gone or been replaced, so whoever meets an address while it is mapped takes the id of its segment along: the
 // address of a record that never changes and lives as long as the registry.
 //
 // There are two views of these records: `segments`, what is mapped now, which every new mapping changes, and

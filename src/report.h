@@ -12,14 +12,14 @@ namespace ceilmeter {
 
 // One basic block as the result file shows it. The key of a `basic_block_table` is `start`.
 struct basic_block_record {
-  std::uint64_t start = 0;          // Application address of the first instruction.
-  std::uint64_t end = 0;            // End address as the engine reported it.
-  std::uint64_t dump_start = 0;     // `start` as an offset in the file `module`.
-  std::uint64_t dump_end = 0;       // `end` as an offset in the file `module`.
-  std::int64_t flop = 0;            // Floating-point operations of one execution.
-  std::int64_t count = 0;           // Executions.
-  std::int32_t vector_length = 0;   // Largest element count of any floating-point instruction, 0 without one.
-  std::string module;               // Path of the file that holds the block.
+  std::uint64_t start = 0;         // Application address of the first instruction.
+  std::uint64_t end = 0;           // End address as the engine reported it.
+  std::uint64_t dump_start = 0;    // `start` as an offset in the file `module`.
+  std::uint64_t dump_end = 0;      // `end` as an offset in the file `module`.
+  std::int64_t flop = 0;           // Floating-point operations of one execution.
+  std::int64_t count = 0;          // Executions.
+  std::int32_t vector_length = 0;  // Largest element count of any floating-point instruction, 0 without one.
+  std::string module;              // Path of the file that holds the block.
 };
 
 using basic_block_table = flat_table<std::uint64_t, basic_block_record>;

@@ -10,9 +10,9 @@ namespace ceilmeter {
 
 // Where precision, class and number of elements stand in a word.
 enum class flop_layout : std::uint8_t {
-  FP_DATA_PROCESSING,      // Precision in bits 23:22.
+  FP_DATA_PROCESSING,  // Precision in bits 23:22.
   SCALAR_HALF,
-  SCALAR_SINGLE_DOUBLE,    // Precision in bit 22.
+  SCALAR_SINGLE_DOUBLE,  // Precision in bit 22.
   VECTOR_HALF,
   VECTOR_SINGLE_DOUBLE,    // Precision in bit 22.
   SCALAR_FIXED_POINT,      // Precision in bits 22:21, the highest set bit of the shift's element size.

@@ -49,28 +49,17 @@ elements vector(std::uint32_t word, std::uint32_t precision) {
 
 elements elements_of(const flop_key& key, std::uint32_t word) {
   switch (key.layout) {
-    case flop_layout::FP_DATA_PROCESSING:
-      return scalar(bit(word, 23) ? FLOP_HALF : single_or_double(word));
-    case flop_layout::SCALAR_HALF:
-      return scalar(FLOP_HALF);
-    case flop_layout::SCALAR_SINGLE_DOUBLE:
-      return scalar(single_or_double(word));
-    case flop_layout::SCALAR_FIXED_POINT:
-      return scalar(fixed_point_precision(word));
-    case flop_layout::VECTOR_HALF:
-      return vector(word, FLOP_HALF);
-    case flop_layout::VECTOR_SINGLE_DOUBLE:
-      return vector(word, single_or_double(word));
-    case flop_layout::VECTOR_FIXED_POINT:
-      return vector(word, fixed_point_precision(word));
-    case flop_layout::SCALABLE_HALF:
-      return {FLOP_HALF, FLOP_VECTOR, key.count};
-    case flop_layout::SCALABLE_SINGLE:
-      return {FLOP_SINGLE, FLOP_VECTOR, key.count};
-    case flop_layout::SCALABLE_DOUBLE:
-      return {FLOP_DOUBLE, FLOP_VECTOR, key.count};
-    case flop_layout::SCALABLE_SINGLE_DOUBLE:
-      break;
+    case flop_layout::FP_DATA_PROCESSING: return scalar(bit(word, 23) ? FLOP_HALF : single_or_double(word));
+    case flop_layout::SCALAR_HALF: return scalar(FLOP_HALF);
+    case flop_layout::SCALAR_SINGLE_DOUBLE: return scalar(single_or_double(word));
+    case flop_layout::SCALAR_FIXED_POINT: return scalar(fixed_point_precision(word));
+    case flop_layout::VECTOR_HALF: return vector(word, FLOP_HALF);
+    case flop_layout::VECTOR_SINGLE_DOUBLE: return vector(word, single_or_double(word));
+    case flop_layout::VECTOR_FIXED_POINT: return vector(word, fixed_point_precision(word));
+    case flop_layout::SCALABLE_HALF: return {FLOP_HALF, FLOP_VECTOR, key.count};
+    case flop_layout::SCALABLE_SINGLE: return {FLOP_SINGLE, FLOP_VECTOR, key.count};
+    case flop_layout::SCALABLE_DOUBLE: return {FLOP_DOUBLE, FLOP_VECTOR, key.count};
+    case flop_layout::SCALABLE_SINGLE_DOUBLE: break;
   }
   const std::uint32_t precision = single_or_double(word);
   return {precision, FLOP_VECTOR, precision == FLOP_DOUBLE ? key.count / 2U : key.count};

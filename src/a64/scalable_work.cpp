@@ -20,8 +20,8 @@ bool is_scalable(std::uint32_t word) {
 
 // Mnemonics with an F in front that are no arithmetic, or that count in no encoding.
 constexpr std::array<std::string_view, 25> never_work = {
-    "fabd",   "fcadd",   "fcmla", "fcmne", "fcmuo", "fcpy",   "fcvt",   "fcvtl",    "fcvtlt",
-    "fcvtn",  "fcvtnt",  "fcvtx", "fcvtxn", "fcvtxnt", "fdup", "fexpa",  "fmov",     "frecpe",
+    "fabd",   "fcadd",    "fcmla",    "fcmne",    "fcmuo",    "fcpy",    "fcvt",  "fcvtl", "fcvtlt",
+    "fcvtn",  "fcvtnt",   "fcvtx",    "fcvtxn",   "fcvtxnt",  "fdup",    "fexpa", "fmov",  "frecpe",
     "frecpx", "frint32x", "frint32z", "frint64x", "frint64z", "frsqrte", "ftssel"};
 
 }  // namespace

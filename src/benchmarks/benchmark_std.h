@@ -11,8 +11,8 @@
 
 namespace ceilmeter {
 
-// Pins the calling thread to the CPU of that number. Returns 0, or -1 and errno on failure. The set handed to the kernel
-// has room for 1024 CPUs: a higher number leaves it empty, which the kernel refuses with EINVAL.
+// Pins the calling thread to the CPU of that number. Returns 0, or -1 and errno on failure. The set handed to the
+// kernel has room for 1024 CPUs: a higher number leaves it empty, which the kernel refuses with EINVAL.
 int pin_to_cpu(std::uint32_t cpu);
 
 // `value` without its fraction, as FCVTZU converts: NaN and what is below 0 give 0, what is too large gives the largest
@@ -60,7 +60,7 @@ class benchmark_std : public benchmark {
   std::uint64_t kernel_calls = 0;  // Completed run_kernel calls of all threads.
   double duration;                 // Seconds: to run before the run, measured after it.
   std::uint32_t num_threads;
-  std::uint64_t iterations;        // What run_kernel gets.
+  std::uint64_t iterations;  // What run_kernel gets.
 
  public:
   const std::string name;

@@ -49,7 +49,7 @@ class data_alloc_numa final : public data_alloc_base {
   float* get_data(std::uint32_t thread_id) override;
 
  private:
-  float** buffers;       // num_threads entries, null until a thread has filled its own.
+  float** buffers;  // num_threads entries, null until a thread has filled its own.
   void* libnuma_handle;
   void* (*numa_alloc_local)(std::size_t bytes);
 };

@@ -24,8 +24,8 @@ namespace ceilmeter {
 
 // Sizes. Emitted code and documented limits depend on them.
 inline constexpr std::size_t CODE_CACHE_SIZE = 0x1000000;
-inline constexpr std::uint32_t BB_SIZE = 256;        // The unit of the basic-block area.
-inline constexpr std::int32_t BB_COUNT = 55000;      // Indices below are basic blocks, those above trace fragments.
+inline constexpr std::uint32_t BB_SIZE = 256;    // The unit of the basic-block area.
+inline constexpr std::int32_t BB_COUNT = 55000;  // Indices below are basic blocks, those above trace fragments.
 inline constexpr std::size_t BB_AREA_SIZE = 14080000;
 inline constexpr std::int32_t BB_META_COUNT = 115000;
 inline constexpr std::int32_t BB_FLUSH_THRESHOLD = 54969;  // allocate_bb flushes when next_block is beyond it.
@@ -36,10 +36,10 @@ inline constexpr std::size_t MAX_PLUGINS = 10;
 inline constexpr std::size_t PLUGIN_SLOTS = 20;
 inline constexpr std::size_t MAX_TRACE_EXITS = 21;
 inline constexpr std::int32_t MAX_TRACE_FRAGMENTS = 21;
-inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;       // Where in the cache no trace begins any more.
-inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;     // Nor with an index from here up.
+inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;    // Where in the cache no trace begins any more.
+inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;  // Nor with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
-inline constexpr int SIGNAL_COUNT = 65;  // Signal numbers from 1; 0 is unused.
+inline constexpr int SIGNAL_COUNT = 65;                   // Signal numbers from 1; 0 is unused.
 inline constexpr std::size_t SOURCE_MARKS_PER_WORD = 32;  // Two bits for each word of the code cache.
 
 static_assert(BB_AREA_SIZE == std::size_t{BB_COUNT} * BB_SIZE);
@@ -54,10 +54,10 @@ enum bb_exit_kind : std::uint32_t {
   EXIT_DIRECT = 3,      // B, BL.
   EXIT_REGISTER = 4,    // BR, BLR, RET, and those to signed addresses.
   EXIT_B_COND = 5,
-  EXIT_CBZ = 6,         // CBZ, CBNZ.
-  EXIT_TBZ = 7,         // TBZ, TBNZ.
-  EXIT_TRACE = 8,       // The trampoline of a trace's exit.
-  EXIT_COMPARE = 9,     // CB<cc>, CBB<cc>, CBH<cc>.
+  EXIT_CBZ = 6,      // CBZ, CBNZ.
+  EXIT_TBZ = 7,      // TBZ, TBNZ.
+  EXIT_TRACE = 8,    // The trampoline of a trace's exit.
+  EXIT_COMPARE = 9,  // CB<cc>, CBB<cc>, CBH<cc>.
 };
 
 // Values of bb_meta::link_state. A first link is 1 or 2. The value 4 is ORed in, and means one thing for a block and
@@ -77,23 +77,24 @@ inline constexpr std::size_t OVERWRITTEN_EXIT_WORDS = 3;
 
 // One fragment. The record of index i below BB_COUNT describes the block at code_cache + i * BB_SIZE.
 struct bb_meta {
-  std::uint64_t source_addr;     // Of the fragment's first instruction.
+  std::uint64_t source_addr;  // Of the fragment's first instruction.
   std::uint64_t cache_entry;
-  std::uint32_t exit_kind;       // A bb_exit_kind.
-  std::int32_t parent_block;     // The block that this one continues; 0: none.
-  std::uint32_t* exit_code_addr; // First word of the exit code.
+  std::uint32_t exit_kind;        // A bb_exit_kind.
+  std::int32_t parent_block;      // The block that this one continues; 0: none.
+  std::uint32_t* exit_code_addr;  // First word of the exit code.
   union {
-    std::uint64_t taken_source_addr;   // Taken side of the exit.
-    std::uint64_t rejoin_cache_addr;   // EXIT_TRACE: the cache address that the trampoline goes on at.
+    std::uint64_t taken_source_addr;  // Taken side of the exit.
+    std::uint64_t rejoin_cache_addr;  // EXIT_TRACE: the cache address that the trampoline goes on at.
   };
   std::uint64_t skipped_source_addr;  // Fall-through side.
-  std::uint64_t exit_condition;  // Of a conditional exit, with rn: see pack_exit_branch.
-  std::uint32_t link_state;      // Of bb_link_state.
-  std::uint32_t rn;              // EXIT_REGISTER: the register that holds the target. Else see exit_condition.
-  std::int32_t trampoline;       // Of a trace fragment: the index of its exit's trampoline.
-  cc_link* linked_from;          // Places that branch straight to this fragment.
+  std::uint64_t exit_condition;       // Of a conditional exit, with rn: see pack_exit_branch.
+  std::uint32_t link_state;           // Of bb_link_state.
+  std::uint32_t rn;                   // EXIT_REGISTER: the register that holds the target. Else see exit_condition.
+  std::int32_t trampoline;            // Of a trace fragment: the index of its exit's trampoline.
+  cc_link* linked_from;               // Places that branch straight to this fragment.
   std::uint32_t overwritten_exit[OVERWRITTEN_EXIT_WORDS];  // What a trap has overwritten.
-  std::uint32_t source_words;    // How many words from source_addr on the scan looked at, the one behind the last included.
+  std::uint32_t
+      source_words;  // How many words from source_addr on the scan looked at, the one behind the last included.
 };
 
 struct trace_exit {
@@ -154,22 +155,23 @@ struct thread_data {
   std::uint64_t* return_stack_top;
   std::uint64_t return_stack[RETURN_STACK_SIZE];
   // Beyond the application's own state: how the thread's end reaches those who wait for it, see threads.cpp.
-  std::int32_t* library_tid_word;     // What the C library wants cleared when this thread ends; null: not known.
-  std::int32_t* application_tid_word; // What the application wants cleared and woken.
-  std::uint64_t saved_signal_mask;    // Around a clone, which blocks every signal; of a new thread: its first mask.
-  std::uint64_t clone_stack;          // The argument of the fork-like clone that is being made.
-  std::uint8_t clone_holds_locks;     // The engine's locks are held over the fork-like clone that is being made.
+  std::int32_t* library_tid_word;      // What the C library wants cleared when this thread ends; null: not known.
+  std::int32_t* application_tid_word;  // What the application wants cleared and woken.
+  std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal; of a new thread: its first mask.
+  std::uint64_t clone_stack;           // The argument of the fork-like clone that is being made.
+  std::uint8_t clone_holds_locks;      // The engine's locks are held over the fork-like clone that is being made.
   // Of a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;
-  std::uint64_t call_mask_pair[2];     // Address and size of it, for calls that want both.
-  std::uint64_t replaced_original;     // The application's argument, a mask or a path, while the kernel gets another.
-  std::uint32_t replaced_argument;     // Its number, counted from 1; 0: none has been replaced.
+  std::uint64_t call_mask_pair[2];  // Address and size of it, for calls that want both.
+  std::uint64_t replaced_original;  // The application's argument, a mask or a path, while the kernel gets another.
+  std::uint32_t replaced_argument;  // Its number, counted from 1; 0: none has been replaced.
   // Of the trace fragment that is being scanned: where it begins, and whether it has outgrown the trace area.
   std::uint32_t* trace_fragment_start;
   std::uint32_t trace_fragment_overflow;
   std::int32_t traces_checked;  // Indices of traces that there were when the checker has last looked at all of them.
   // Where in the cache the code of each source word begins, see source_map.h.
-  const std::uint32_t* source_marks_end;  // Of the fragment that is being scanned: the marks before this place are complete.
+  const std::uint32_t*
+      source_marks_end;  // Of the fragment that is being scanned: the marks before this place are complete.
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
   held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
 };
@@ -193,7 +195,7 @@ struct engine_globals {
   // between two callbacks. Taken behind brk_lock and before function_watch_lock.
   pthread_rwlock_t callbacks_lock;
   pthread_mutex_t function_watch_lock;
-  robin_map function_watches;  // Function address to its record. Under the lock before it.
+  robin_map function_watches;     // Function address to its record. Under the lock before it.
   interval_map protected_ranges;  // Executable by mprotect, or moved by mremap: not in exec_ranges. Has its own lock.
   std::uint32_t code_ranges_dropped;  // One of the two maps was full once. Relaxed atomic.
   // Held over a call that changes the application's mappings and over what the engine notes of it. Taken behind

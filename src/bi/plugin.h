@@ -36,9 +36,11 @@ enum mora_event : std::uint32_t {
   MORA_PRE_FRAGMENT = 5,   // Around a fragment: a block with all that follows its system calls, or a part of a trace.
   MORA_POST_FRAGMENT = 6,  // No code is allowed.
   // As they happen.
-  MORA_PRE_SYSCALL = 7,   // Before an application's system call: number, args, skip_syscall, result.
-  MORA_POST_SYSCALL = 8,  // After it: number, result, and of `args` the first argument alone, as it was before the call.
-  MORA_THREAD_INIT = 9,   // The calling thread has joined the list. Also for the first thread and for the child of a fork.
+  MORA_PRE_SYSCALL = 7,  // Before an application's system call: number, args, skip_syscall, result.
+  MORA_POST_SYSCALL =
+      8,  // After it: number, result, and of `args` the first argument alone, as it was before the call.
+  MORA_THREAD_INIT =
+      9,  // The calling thread has joined the list. Also for the first thread and for the child of a fork.
   MORA_THREAD_EXIT = 10,  // `thread_data` leaves; at the end of the process this is told on the thread that ends it.
   // While the block at a watched function's entry, or the one that stands for its return, is translated. `read_address`
   // is the function's address. Code written here runs at each entry or return, before the function's own or the
@@ -50,7 +52,7 @@ enum mora_event : std::uint32_t {
   MORA_FUNCTION_SYMBOL = 15,  // Once per function symbol of an executable mapping: name, address, size.
   MORA_ELF_LOAD = 16,         // The loader has opened the application's interpreter: path, loaded_fd.
   MORA_CLONE = 17,            // Before a new thread of the process starts, on its parent: child_plugin_thread_data.
-  MORA_FLUSH = 18,            // The calling thread forgets all that it has translated. Comes before its first thread_init.
+  MORA_FLUSH = 18,  // The calling thread forgets all that it has translated. Comes before its first thread_init.
 };
 
 // `op` of MORA_VM_OP.
@@ -92,10 +94,10 @@ struct mora_context {
   };
   union {
     const std::uint32_t* read_address;
-    std::uint64_t* args;        // System call: x0 and the following registers. pre_syscall: changes take effect.
-    std::uint64_t addr;         // vm_op.
-    std::uint64_t address;      // function_symbol: at run time.
-    std::int32_t loaded_fd;     // elf_load.
+    std::uint64_t* args;     // System call: x0 and the following registers. pre_syscall: changes take effect.
+    std::uint64_t addr;      // vm_op.
+    std::uint64_t address;   // function_symbol: at run time.
+    std::int32_t loaded_fd;  // elf_load.
   };
   union {
     mora_decoded decoded;
@@ -311,8 +313,8 @@ int mora_emit_mov(mora_context* ctx, std::uint32_t rd, std::uint32_t rn);
 int mora_emit_add_imm(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::int32_t imm);
 
 // A negative `rm` subtracts register -rm. `shift` 0 LSL, 1 LSR, 2 ASR, by at most 63.
-int mora_emit_add_shifted_reg(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::int32_t rm, std::uint32_t shift,
-                              std::uint32_t amount);
+int mora_emit_add_shifted_reg(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::int32_t rm,
+                              std::uint32_t shift, std::uint32_t amount);
 int mora_emit_add_reg(mora_context* ctx, std::uint32_t rd, std::uint32_t rn, std::int32_t rm);
 
 int mora_emit_ldr(mora_context* ctx, std::uint32_t rt, std::uint32_t rn);
@@ -362,7 +364,8 @@ int mora_emit_call(mora_context* ctx, std::uint64_t target);
 int mora_emit_guarded_call(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs);
 
 // The same with constant arguments; the registers that they take are kept as well.
-int mora_emit_guarded_call_values(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs, const std::uint64_t* values);
+int mora_emit_guarded_call_values(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs,
+                                  const std::uint64_t* values);
 
 // Goes to the application address in `reg`, by way of the lookup that every register branch of the application has.
 int mora_emit_indirect_branch(mora_context* ctx, std::uint32_t reg);

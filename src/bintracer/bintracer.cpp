@@ -1,5 +1,5 @@
-// The tracer's state and the handlers that move it. Nothing here runs per execution of a block: a flush costs one pass over
-// the thread's blocks and, for each that was counted, a linear search in the region's vector.
+// The tracer's state and the handlers that move it. Nothing here runs per execution of a block: a flush costs one pass
+// over the thread's blocks and, for each that was counted, a linear search in the region's vector.
 #include "bintracer/bintracer.h"
 
 #include <cstdlib>
@@ -82,8 +82,7 @@ void bintracer_t::collect(int argc, char** argv, char** envp) {
 bintracer_report bintracer_t::get_report() {
   static bool has_run = false;
   if (has_run) {
-    log(LEVEL_WARN,
-        "Bintracer's get_report method was called early, it is forbidden to call this method twice");
+    log(LEVEL_WARN, "Bintracer's get_report method was called early, it is forbidden to call this method twice");
     return {};
   }
   has_run = true;

@@ -1,7 +1,7 @@
 // The tracer: how often each basic block of the application ran, per region and thread. It runs the application in this
 // process under the instrumentation engine and plants a counter in every block that the engine translates (see
-// bintracer_plugin.h). It does not look at instructions: which of the counted blocks were floating-point work is settled
-// when the application has ended, by the finalizer, from the module files.
+// bintracer_plugin.h). It does not look at instructions: which of the counted blocks were floating-point work is
+// settled when the application has ended, by the finalizer, from the module files.
 //
 // A region is a name that the application gives by start_perf_roofline_events, or "total". There is one tracer in a
 // process, in the configuration record, where the callbacks find it.
@@ -50,14 +50,14 @@ struct thread_info {
   std::vector<region_bbs> regions;
 };
 
-// A thread's data while it lives. It belongs to its thread alone; the addresses of `enable_basic_block_count` and of the
-// counters stand in the code of the thread's own code cache, which is why plain words will do.
+// A thread's data while it lives. It belongs to its thread alone; the addresses of `enable_basic_block_count` and of
+// the counters stand in the code of the thread's own code cache, which is why plain words will do.
 struct bintracer_thread {
   std::uint32_t parent_tid = 0;  // For whoever looks at it in a debugger.
   std::uint32_t tid = 0;
-  std::string region;  // "total" when the thread is in none.
-  std::uint64_t enable_basic_block_count = 0;  // 0 or 1: what an execution of a block adds to its counter.
-  bb_node* bb_nodes = nullptr;                 // Every block that the thread has translated, newest first. Owned.
+  std::string region;                              // "total" when the thread is in none.
+  std::uint64_t enable_basic_block_count = 0;      // 0 or 1: what an execution of a block adds to its counter.
+  bb_node* bb_nodes = nullptr;                     // Every block that the thread has translated, newest first. Owned.
   flat_table<std::uint64_t, bb_record*> bb_index;  // By start, into bb_nodes.
   bb_record* current_bb = nullptr;                 // The block under translation.
   thread_info* info = nullptr;
@@ -75,8 +75,8 @@ struct watch_callbacks {
   callback post = nullptr;
 };
 
-// How many threads are in a region. The counters move under the read side of region_threads_lock; the record itself moves
-// with its table's other records, under the write side.
+// How many threads are in a region. The counters move under the read side of region_threads_lock; the record itself
+// moves with its table's other records, under the write side.
 struct region_activity {
   std::atomic<std::uint64_t> active{0};
   std::atomic<std::uint64_t> max_active{0};  // Highest value of `active` at a stop.

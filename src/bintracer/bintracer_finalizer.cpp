@@ -128,13 +128,14 @@ bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block,
   work.multiplier = 1;
   const std::uint64_t partial_bb_num =
       ((block.dump_end - block.dump_start) / instruction_size + max_basic_block_size - 1) / max_basic_block_size;
-  log(LEVEL_TRACE, "Read basic block from module %s, start_off=%lx, end_of=%lx, partial_bb_num=%ld", block.module.c_str(),
-      block.dump_start, block.dump_end, static_cast<long>(partial_bb_num));
+  log(LEVEL_TRACE, "Read basic block from module %s, start_off=%lx, end_of=%lx, partial_bb_num=%ld",
+      block.module.c_str(), block.dump_start, block.dump_end, static_cast<long>(partial_bb_num));
   for (std::uint64_t part = 0; part < partial_bb_num; ++part) {
     const std::uint64_t part_start = block.dump_start + part_size * part;
     const std::uint64_t partial_bb_size = std::min(part_size, block.dump_end - part_start);
     log(LEVEL_TRACE, "Read partial basic block start_off=%lx, partial_bb_size=%lx", part_start, partial_bb_size);
-    if (!finder.get_basic_block_instruction_code(buffer.data(), block.module, part_start, part_start + partial_bb_size)) {
+    if (!finder.get_basic_block_instruction_code(buffer.data(), block.module, part_start,
+                                                 part_start + partial_bb_size)) {
       log(LEVEL_WARN, "Failed to read basic block from module = %s, start_offset = %lx, end_offset = %lx",
           block.module.c_str(), block.dump_start, block.dump_end);
       return false;

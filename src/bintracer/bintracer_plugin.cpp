@@ -48,8 +48,7 @@ bb_record* add_block(bintracer_thread& thread, std::uint64_t start) {
   thread.bb_nodes = node;
   thread.bb_index.insert(start, &node->record);
   node->record.map_seg_id = tracer().search_segment(start);
-  log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start,
-      node->record.map_seg_id);
+  log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, node->record.map_seg_id);
   node->record.start = start;
   return &node->record;
 }
@@ -62,8 +61,8 @@ void emit_count(mora_context* ctx, const bb_record& record) {
   mora_emit_str(ctx, x20, x21);
 }
 
-// count += enable. Always executed, with 0 outside of regions: entering or leaving a region translates nothing anew, and a
-// block that was translated outside of one counts inside.
+// count += enable. Always executed, with 0 outside of regions: entering or leaving a region translates nothing anew,
+// and a block that was translated outside of one counts inside.
 void emit_count_if_enabled(mora_context* ctx, const bb_record& record, const bintracer_thread& thread) {
   mora_emit_load_const(ctx, x20, address_of(&record.count));
   mora_emit_load_const(ctx, x21, address_of(&thread.enable_basic_block_count));
@@ -86,8 +85,8 @@ void stop_roofline(const char* name, bintracer_thread* thread) {
   mora_leave_callback();
 }
 
-// A call of `handler` with the application's first argument and this thread's data. The block belongs to the one thread, so
-// that the data's address is a constant in it.
+// A call of `handler` with the application's first argument and this thread's data. The block belongs to the one
+// thread, so that the data's address is a constant in it.
 void emit_handler_call(mora_context* ctx, void (*handler)(const char*, bintracer_thread*)) {
   constexpr std::uint32_t arguments = 1U << x0 | 1U << x1;
   mora_emit_save_regs(ctx, arguments);
@@ -100,12 +99,12 @@ const watch_callbacks* watched_at(const mora_context* ctx) {
   return tracer().find_watched_function(mora_get_source_addr(ctx));
 }
 
-// Runs the function on a stack of its own, on this thread, and returns when it does. The application may end on a signal
-// stack that is little more than the signal's frame; the report wants more.
+// Runs the function on a stack of its own, on this thread, and returns when it does. The application may end on a
+// signal stack that is little more than the signal's frame; the report wants more.
 void call_on_own_stack(void (*function)()) {
   constexpr std::size_t stack_size = std::size_t{8} << 20;
-  void* const stack = mmap(nullptr, stack_size, PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
+  void* const stack =
+      mmap(nullptr, stack_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
   // Two contexts would take more than half of such a stack.
   static ucontext_t own_context;
   static ucontext_t back;
@@ -123,8 +122,8 @@ void call_on_own_stack(void (*function)()) {
 
 int exit_cb(mora_context* ctx) {
   // A child that the application has forked ends through the engine as well. The result is that of the process that was
-  // started: a child would write over it and print the closing lines into the application's output. Its tracer is given up
-  // as it stands; the heap may be locked for ever by a thread that the child does not have.
+  // started: a child would write over it and print the closing lines into the application's output. Its tracer is given
+  // up as it stands; the heap may be locked for ever by a thread that the child does not have.
   if (getpid() != tracer_process) {
     static_cast<void>(process_config().tracer.release());
     return 0;
@@ -155,8 +154,8 @@ void register_callbacks(bintracer_t::exit_callback on_exit) {
 }
 
 int thread_init_cb(mora_context* ctx) {
-  // Only a process's first thread has had no clone event. In the child of a fork what the thread had counted before stays
-  // the parent's.
+  // Only a process's first thread has had no clone event. In the child of a fork what the thread had counted before
+  // stays the parent's.
   if (mora_get_next_thread(ctx) == nullptr) mora_set_thread_data(ctx, new bintracer_thread);
   bintracer_thread& thread = thread_of(ctx);
   thread.tid = static_cast<std::uint32_t>(mora_get_thread_id(ctx));
@@ -181,8 +180,8 @@ int thread_exit_cb(mora_context* ctx) {
 int pre_bb_cb(mora_context* ctx) {
   bintracer_thread& thread = thread_of(ctx);
   const std::uint64_t start = mora_get_source_addr(ctx);
-  log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(), start,
-      static_cast<long>(thread.enable_basic_block_count));
+  log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
+      start, static_cast<long>(thread.enable_basic_block_count));
   // A block that is translated anew, after a flush of the code cache for instance, keeps its counter.
   bb_record* const* known = thread.bb_index.find(start);
   thread.current_bb = known != nullptr ? *known : add_block(thread, start);
@@ -200,8 +199,8 @@ int pre_bb_cb(mora_context* ctx) {
 int post_bb_cb(mora_context* ctx) {
   bintracer_thread& thread = thread_of(ctx);
   thread.current_bb->end = mora_get_end_addr(ctx);
-  log(LEVEL_TRACE, "post_bb_cb: region is %s, bb start=%lx, bb end=%lx", thread.region.c_str(), thread.current_bb->start,
-      thread.current_bb->end);
+  log(LEVEL_TRACE, "post_bb_cb: region is %s, bb start=%lx, bb end=%lx", thread.region.c_str(),
+      thread.current_bb->start, thread.current_bb->end);
   return 0;
 }
 

@@ -61,9 +61,8 @@ const char* name_of_level(int level) {
 }
 
 bool find_level(const char* name, int& level) {
-  const auto* row = std::find_if(level_names.begin(), level_names.end(), [name](const level_name& candidate) {
-    return strcasecmp(candidate.name, name) == 0;
-  });
+  const auto* row = std::find_if(level_names.begin(), level_names.end(),
+                                 [name](const level_name& candidate) { return strcasecmp(candidate.name, name) == 0; });
   if (row == level_names.end()) return false;
   level = row->level;
   return true;
@@ -136,8 +135,8 @@ int mora_log_init() {
   if (log_file_path != nullptr) {
     // Synchronous, so that each line has reached the file when the call returns: the process may end as abruptly as
     // the application that runs inside it.
-    // Every line goes to the end, also of a file that was cut: the application's process writes to the same file through
-    // a descriptor of its own.
+    // Every line goes to the end, also of a file that was cut: the application's process writes to the same file
+    // through a descriptor of its own.
     const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_SYNC | O_APPEND | (log_append != 0 ? 0 : O_TRUNC);
     const int fd = out_of_the_applications_way(open_unless_foreign_link(log_file_path, flags, 0600));
     if (fd >= 0) {

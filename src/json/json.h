@@ -41,17 +41,17 @@ struct json_link {
 };
 
 union json_value {
-  char* string;        // JSON_STRING: owned; null only after a failed parse or json_new_string(null)
-  json_link children;  // JSON_OBJECT, JSON_ARRAY: the list head
-  std::int64_t integer;     // JSON_INTEGER
-  float real;          // JSON_FLOAT
-  std::int32_t boolean;     // JSON_BOOL: 0 or 1
+  char* string;          // JSON_STRING: owned; null only after a failed parse or json_new_string(null)
+  json_link children;    // JSON_OBJECT, JSON_ARRAY: the list head
+  std::int64_t integer;  // JSON_INTEGER
+  float real;            // JSON_FLOAT
+  std::int32_t boolean;  // JSON_BOOL: 0 or 1
 };
 
 // One value of the tree, one heap record, zeroed at creation. It owns its key, its text and its children.
 struct json_token {
   json_token_type type;
-  char* key;           // owned; null in a root and in an array's element
+  char* key;  // owned; null in a root and in an array's element
   json_value value;
   json_token* parent;  // the container, or null
   json_link link;      // place in the parent's list; meaningful only while `parent` isn't null
@@ -62,12 +62,12 @@ static_assert(sizeof(void*) != 8 || sizeof(json_token) == 56, "a token must fit 
 
 // What a parse leaves. Read it through the functions below.
 struct json_document {
-  json_token* root;     // owned
-  const char* text;     // start of the source text, not owned
-  const char* cursor;   // parse position; after a failure the place of the fault
+  json_token* root;    // owned
+  const char* text;    // start of the source text, not owned
+  const char* cursor;  // parse position; after a failure the place of the fault
   json_status error;
   const char* message;  // words of the fault: a constant text, or null
-  std::uint32_t line;        // current line, from 1
+  std::uint32_t line;   // current line, from 1
 };
 
 // Printer callback of the shape of fprintf. Its result isn't looked at.
@@ -126,7 +126,7 @@ json_status json_new_array(json_token** token);
 json_status json_new_null(json_token** token);
 json_status json_new_integer(std::int64_t value, json_token** token);
 json_status json_new_float(float value, json_token** token);
-json_status json_new_bool(std::int32_t value, json_token** token);       // any non-zero value gives 1
+json_status json_new_bool(std::int32_t value, json_token** token);  // any non-zero value gives 1
 json_status json_new_string(const char* text, json_token** token);  // duplicates `text`; null gives a null text
 
 // Duplicates `key` into the token and frees an old key; null takes the key away. `key` may be the token's own key.

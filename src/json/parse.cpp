@@ -241,9 +241,22 @@ json_status parse_value(json_document* document, json_token* token) {
     case '"': return parse_string(document, &token->value.string);  // JSON_STRING is what a zeroed token is.
     case '-':
     case '+':
-    case '0': case '1': case '2': case '3': case '4': case '5': case '6': case '7': case '8': case '9':
-      return parse_number(document, token);
-    case 't': case 'T': case 'f': case 'F': case 'n': case 'N': return parse_keyword(document, token);
+    case '0':
+    case '1':
+    case '2':
+    case '3':
+    case '4':
+    case '5':
+    case '6':
+    case '7':
+    case '8':
+    case '9': return parse_number(document, token);
+    case 't':
+    case 'T':
+    case 'f':
+    case 'F':
+    case 'n':
+    case 'N': return parse_keyword(document, token);
     default: return fail(document, at, JSON_ERR_TOKEN, "Unrecognized token format");
   }
 }
@@ -272,9 +285,7 @@ void json_document_free(json_document* document) {
   std::free(document);
 }
 
-json_token* json_document_root(const json_document* document) {
-  return document != nullptr ? document->root : nullptr;
-}
+json_token* json_document_root(const json_document* document) { return document != nullptr ? document->root : nullptr; }
 
 json_status json_document_error(const json_document* document) {
   return document != nullptr ? document->error : JSON_ERR_MEMORY;

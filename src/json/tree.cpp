@@ -60,9 +60,7 @@ std::int64_t json_get_integer(const json_token* token) {
   return json_get_type(token) == JSON_INTEGER ? token->value.integer : 0;
 }
 
-float json_get_float(const json_token* token) {
-  return json_get_type(token) == JSON_FLOAT ? token->value.real : 0.0F;
-}
+float json_get_float(const json_token* token) { return json_get_type(token) == JSON_FLOAT ? token->value.real : 0.0F; }
 
 std::int32_t json_get_bool(const json_token* token) {
   return json_get_type(token) == JSON_BOOL ? token->value.boolean : 0;

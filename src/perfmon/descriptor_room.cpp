@@ -18,8 +18,8 @@ constexpr rlim_t step = 1024;
 // A counter is opened under the lowest free number before it is moved: a few have to be free for that.
 constexpr rlim_t spare = 64;
 
-std::mutex room_mutex;     // Guards what follows.
-rlim_t room_begin = 0;     // The first number of the room; 0 before the first call.
+std::mutex room_mutex;  // Guards what follows.
+rlim_t room_begin = 0;  // The first number of the room; 0 before the first call.
 rlim_t room_taken = 0;
 
 int duplicate_from(int fd, rlim_t first) { return fcntl(fd, F_DUPFD_CLOEXEC, static_cast<int>(first)); }

@@ -67,9 +67,7 @@ std::string close_extra_events(thread_counters& counters) {
   return names;
 }
 
-std::string width_text(int width) {
-  return width == 0 ? std::string() : " of " + std::to_string(width) + " counters";
-}
+std::string width_text(int width) { return width == 0 ? std::string() : " of " + std::to_string(width) + " counters"; }
 
 }  // namespace
 
@@ -137,14 +135,17 @@ void perfmon::make_group_run(thread_counters& counters) {
   const std::size_t left = counters.events.size();
   if (width != 0 && static_cast<std::size_t>(width) >= left) {
     // There are enough counters: somebody else has them, and may give them back.
-    log(LEVEL_WARN, "the %lu roofline events do not run: another user of the counter unit%s, such as a profiler, holds "
-        "counters", left, width_text(width).c_str());
+    log(LEVEL_WARN,
+        "the %lu roofline events do not run: another user of the counter unit%s, such as a profiler, holds "
+        "counters",
+        left, width_text(width).c_str());
     return;
   }
   ioctl(counters.group_fd, PERF_EVENT_IOC_DISABLE, PERF_IOC_FLAG_GROUP);
   if (m_no_group_runs.exchange(true)) return;
-  log(LEVEL_WARN, "the %lu roofline events cannot run on this counter unit%s: all bytes will be 0, the time is measured",
-      left, width_text(width).c_str());
+  log(LEVEL_WARN,
+      "the %lu roofline events cannot run on this counter unit%s: all bytes will be 0, the time is measured", left,
+      width_text(width).c_str());
 }
 
 void perfmon::stop_roofline_events(const std::string& region) {

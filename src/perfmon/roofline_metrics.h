@@ -13,9 +13,9 @@
 namespace ceilmeter {
 
 struct roofline_event_row {
-  std::int32_t code;             // Raw event code of the processor's counter unit.
+  std::int32_t code;  // Raw event code of the processor's counter unit.
   const char* name;
-  std::string_view metric;       // Of `roofline_metric_names`; empty for an event that no metric uses.
+  std::string_view metric;  // Of `roofline_metric_names`; empty for an event that no metric uses.
   std::uint64_t bytes_per_count;
 };
 

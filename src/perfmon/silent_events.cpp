@@ -36,7 +36,7 @@ std::string hexadecimal(std::int32_t code) {
 
 // What is known about the events of one metric.
 struct metric_events {
-  std::string names;          // "LL_CACHE (0x32)", joined by commas.
+  std::string names;  // "LL_CACHE (0x32)", joined by commas.
   std::uint64_t count = 0;
   bool opened = false;
   bool all_unlisted = true;

@@ -31,8 +31,8 @@ std::vector<std::string> pieces(std::string_view text, char separator) {
   return result;
 }
 
-// Starts a program in a session of its own, so that Ctrl-C in this terminal does not end the browser. What it prints for
-// hours goes nowhere. Spawned, not forked: user-mode emulators do not always get through a fork. -1 on failure.
+// Starts a program in a session of its own, so that Ctrl-C in this terminal does not end the browser. What it prints
+// for hours goes nowhere. Spawned, not forked: user-mode emulators do not always get through a fork. -1 on failure.
 pid_t start(char* const* words) {
   posix_spawn_file_actions_t files;
   posix_spawnattr_t attributes;

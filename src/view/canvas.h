@@ -13,7 +13,7 @@
 
 namespace ceilmeter::view {
 
-inline constexpr double label_size = 12;   // font sizes, in units of the view box
+inline constexpr double label_size = 12;  // font sizes, in units of the view box
 inline constexpr double small_size = 11;
 
 // The rectangle that the roofs and points stand in, and its scales from decimal logarithms to units of the view box.
@@ -40,7 +40,7 @@ using attributes = std::initializer_list<std::pair<std::string_view, std::string
 class svg_writer {
  public:
   void open(std::string_view tag, attributes list);
-  void close();                                     // the innermost open element
+  void close();  // the innermost open element
   void leaf(std::string_view tag, attributes list);
   void text(std::string_view tag, attributes list, std::string_view content);
   void raw(std::string_view markup) { out_ += markup; }
@@ -67,20 +67,20 @@ struct picture_state {
 // A set of roofs that the picture holds, with the lines of it that are drawn or can be.
 struct shown_set {
   std::size_t file = 0;
-  std::size_t set = 0;            // index into file_view::roofs
+  std::size_t set = 0;  // index into file_view::roofs
   std::vector<std::size_t> lines;
-  bool hidden = false;            // another thread count, for the page's switch
-  bool old = false;               // of a file that the picture compares with
+  bool hidden = false;  // another thread count, for the page's switch
+  bool old = false;     // of a file that the picture compares with
 };
 
 std::vector<shown_set> sets_to_show(const view_model& model, const picture_options& options);
 
 struct placed_label {
-  std::size_t line = 0;     // index into shown_set::lines
+  std::size_t line = 0;  // index into shown_set::lines
   std::string text;
-  position anchor;          // on the roof
+  position anchor;  // on the roof
   position baseline;
-  double angle = 0;         // degrees
+  double angle = 0;  // degrees
   double offset = 0;
   text_anchor align = text_anchor::start;
 };

@@ -58,8 +58,8 @@ std::vector<roof_difference> compare_roofs(const result_file& before, const resu
       for (const roof& one : new_set.roofs) {
         const roof* other = find_roof(old_set, one.name);
         if (other != nullptr && roofs_differ(static_cast<double>(other->value), static_cast<double>(one.value))) {
-          differences.push_back({one.name, one.unit, new_set.threads, static_cast<double>(other->value),
-                                 static_cast<double>(one.value)});
+          differences.push_back(
+              {one.name, one.unit, new_set.threads, static_cast<double>(other->value), static_cast<double>(one.value)});
         }
       }
     }
@@ -118,9 +118,7 @@ std::string title_of(const view_model& model) {
 
 }  // namespace
 
-bool roofs_differ(double before, double after) {
-  return std::abs(after - before) > roof_tolerance * before;
-}
+bool roofs_differ(double before, double after) { return std::abs(after - before) > roof_tolerance * before; }
 
 view_model build_view(std::vector<result_file> files, const view_options& options) {
   view_model model;

@@ -12,13 +12,29 @@ namespace {
 
 // Where a value stands in a line; the order of `headings`.
 enum column : std::size_t {
-  KIND, FILE_PATH, NAME, LEVEL, THREADS, TIME, FLOP, BYTES, INTENSITY, PERFORMANCE, BANDWIDTH, LIMITED_BY, ROOF_THREADS,
-  REACHED, VALUE, UNIT, NOTE, COLUMN_COUNT
+  KIND,
+  FILE_PATH,
+  NAME,
+  LEVEL,
+  THREADS,
+  TIME,
+  FLOP,
+  BYTES,
+  INTENSITY,
+  PERFORMANCE,
+  BANDWIDTH,
+  LIMITED_BY,
+  ROOF_THREADS,
+  REACHED,
+  VALUE,
+  UNIT,
+  NOTE,
+  COLUMN_COUNT
 };
 
 constexpr std::array<const char*, COLUMN_COUNT> headings = {
-    "kind", "file", "name", "level", "threads", "time_ns", "flop", "bytes", "flop_per_byte", "gflop_per_s", "gb_per_s",
-    "limited_by", "roof_threads", "reached", "value", "unit", "note"};
+    "kind",        "file",     "name",       "level",        "threads", "time_ns", "flop", "bytes", "flop_per_byte",
+    "gflop_per_s", "gb_per_s", "limited_by", "roof_threads", "reached", "value",   "unit", "note"};
 
 using cells = std::array<std::string, COLUMN_COUNT>;
 

@@ -36,8 +36,8 @@ std::map<std::int64_t, width_sum> sum_widths(const std::vector<block>& blocks) {
 figure finite(double value) { return std::isfinite(value) ? figure(value) : std::nullopt; }
 
 region_state state_of(const region& source, const region_figures& figures) {
-  const bool any_bytes = std::any_of(figures.bytes.begin(), figures.bytes.end(),
-                                     [](const count& one) { return one.value_or(0) > 0; });
+  const bool any_bytes =
+      std::any_of(figures.bytes.begin(), figures.bytes.end(), [](const count& one) { return one.value_or(0) > 0; });
   if (!figures.threads) return region_state::not_traced;
   if (source.flop && *source.flop < 0) return region_state::overflow;
   if (!figures.operations || *figures.operations == 0) return region_state::no_operations;
@@ -147,8 +147,8 @@ std::int64_t main_width(const std::vector<block>& blocks) {
 }
 
 const roof* find_roof(const roof_set& roofs, std::string_view name) {
-  const auto last = std::find_if(roofs.roofs.rbegin(), roofs.roofs.rend(),
-                                 [name](const roof& one) { return one.name == name; });
+  const auto last =
+      std::find_if(roofs.roofs.rbegin(), roofs.roofs.rend(), [name](const roof& one) { return one.name == name; });
   return last != roofs.roofs.rend() && last->value > 0 ? &*last : nullptr;
 }
 

@@ -76,9 +76,12 @@ double text_width(std::string_view text, double font_size) {
   double width = 0;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte < 0x7F) width += advance[byte - 0x20];
-    else if (byte >= 0xC0 && byte < 0xE0) width += letter_advance;
-    else if (byte >= 0xE0) width += wide_advance;
+    if (byte >= 0x20 && byte < 0x7F)
+      width += advance[byte - 0x20];
+    else if (byte >= 0xC0 && byte < 0xE0)
+      width += letter_advance;
+    else if (byte >= 0xE0)
+      width += wide_advance;
   }
   return width * font_size / 1000;
 }

@@ -38,8 +38,8 @@ std::optional<std::vector<std::uint32_t>> read_words(int descriptor, std::uint64
   std::vector<unsigned char> bytes((end - begin) / instruction_size * instruction_size);
   std::size_t filled = 0;
   while (filled < bytes.size()) {
-    const ssize_t got = pread(descriptor, bytes.data() + filled, bytes.size() - filled,
-                              static_cast<off_t>(begin + filled));
+    const ssize_t got =
+        pread(descriptor, bytes.data() + filled, bytes.size() - filled, static_cast<off_t>(begin + filled));
     if (got <= 0) return std::nullopt;
     filled += static_cast<std::size_t>(got);
   }

@@ -14,9 +14,9 @@
 namespace ceilmeter::view {
 
 struct block_description {
-  std::string function;                  // Demangled, valid UTF-8; empty if the file does not tell.
-  std::uint64_t offset = 0;              // Of the block's start in the function.
-  std::vector<const char*> mnemonics;    // Of the block's instructions, in order; empty if they are not known.
+  std::string function;                // Demangled, valid UTF-8; empty if the file does not tell.
+  std::uint64_t offset = 0;            // Of the block's start in the function.
+  std::vector<const char*> mnemonics;  // Of the block's instructions, in order; empty if they are not known.
 };
 
 // What an instruction sequence is worth, counted as the tracer counts it.

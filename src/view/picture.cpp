@@ -26,9 +26,13 @@ std::string decade_text(int exponent) {
 void draw_grid_line(picture_state& state, std::string_view css_class, bool is_x, double at) {
   const plot_area& area = state.area;
   const double across = is_x ? area.x(at) : area.y(at);
-  state.svg.leaf("line", {{"class", std::string(css_class)}, {"data-axis", is_x ? "x" : "y"}, {"data-at", lg_text(at)},
-                          {"x1", units(is_x ? across : area.left)}, {"y1", units(is_x ? area.top : across)},
-                          {"x2", units(is_x ? across : area.right)}, {"y2", units(is_x ? area.bottom : across)}});
+  state.svg.leaf("line", {{"class", std::string(css_class)},
+                          {"data-axis", is_x ? "x" : "y"},
+                          {"data-at", lg_text(at)},
+                          {"x1", units(is_x ? across : area.left)},
+                          {"y1", units(is_x ? area.top : across)},
+                          {"x2", units(is_x ? across : area.right)},
+                          {"y2", units(is_x ? area.bottom : across)}});
 }
 
 void draw_grid(picture_state& state) {
@@ -69,14 +73,19 @@ void draw_axes(picture_state& state) {
   const plot_area& area = state.area;
   state.svg.open("g", {{"class", "axis"}, {"data-axis", "x"}});
   for (int decade = area.axes.x0; decade <= area.axes.x1; ++decade) draw_tick(state, true, decade);
-  state.svg.text("text", {{"class", "axis-title"}, {"x", units((area.left + area.right) / 2)},
-                          {"y", units(area.bottom + 38)}, {"text-anchor", "middle"}},
+  state.svg.text("text",
+                 {{"class", "axis-title"},
+                  {"x", units((area.left + area.right) / 2)},
+                  {"y", units(area.bottom + 38)},
+                  {"text-anchor", "middle"}},
                  "arithmetic intensity, flop/byte");
   state.svg.close();
   state.svg.open("g", {{"class", "axis"}, {"data-axis", "y"}});
   for (int decade = area.axes.y0; decade <= area.axes.y1; ++decade) draw_tick(state, false, decade);
-  state.svg.text("text", {{"class", "axis-title"}, {"text-anchor", "middle"},
-                          {"transform", "translate(18 " + units((area.top + area.bottom) / 2) + ") rotate(-90)"}},
+  state.svg.text("text",
+                 {{"class", "axis-title"},
+                  {"text-anchor", "middle"},
+                  {"transform", "translate(18 " + units((area.top + area.bottom) / 2) + ") rotate(-90)"}},
                  "performance, GFLOP/s");
   state.svg.close();
 }
@@ -201,17 +210,25 @@ void open_picture(picture_state& state, double full_height) {
   const file_view& view = model.files[model.options.mode == view_mode::baseline ? 1 : 0];
   const std::string threads = view.drawn_roofs ? std::to_string(view.roofs[*view.drawn_roofs].threads) : "";
   const bool standalone = state.options.standalone;
-  state.svg.open("svg", {{standalone ? "xmlns" : "", "http://www.w3.org/2000/svg"}, {"id", "roofline"},
-                         {"class", "roofline"}, {"role", "group"},
+  state.svg.open("svg", {{standalone ? "xmlns" : "", "http://www.w3.org/2000/svg"},
+                         {"id", "roofline"},
+                         {"class", "roofline"},
+                         {"role", "group"},
                          {"viewBox", "0 0 " + units(width) + " " + units(full_height)},
-                         {standalone ? "width" : "", units(width)}, {standalone ? "height" : "", units(full_height)},
+                         {standalone ? "width" : "", units(width)},
+                         {standalone ? "height" : "", units(full_height)},
                          {"aria-labelledby", "roofline-title roofline-desc"},
-                         {"data-x0", std::to_string(area.axes.x0)}, {"data-x1", std::to_string(area.axes.x1)},
-                         {"data-y0", std::to_string(area.axes.y0)}, {"data-y1", std::to_string(area.axes.y1)},
-                         {"data-left", units(area.left)}, {"data-right", units(area.right)},
-                         {"data-top", units(area.top)}, {"data-bottom", units(area.bottom)},
+                         {"data-x0", std::to_string(area.axes.x0)},
+                         {"data-x1", std::to_string(area.axes.x1)},
+                         {"data-y0", std::to_string(area.axes.y0)},
+                         {"data-y1", std::to_string(area.axes.y1)},
+                         {"data-left", units(area.left)},
+                         {"data-right", units(area.right)},
+                         {"data-top", units(area.top)},
+                         {"data-bottom", units(area.bottom)},
                          {"data-level", model.options.level ? std::string(level_class(*model.options.level)) : "all"},
-                         {"data-threads", threads}, {"data-mode", std::string(mode_name(model.options.mode))}});
+                         {"data-threads", threads},
+                         {"data-mode", std::string(mode_name(model.options.mode))}});
   state.svg.text("title", {{"id", "roofline-title"}}, "Roofline of " + model.title);
   state.svg.text(
       "desc", {{"id", "roofline-desc"}},
@@ -295,8 +312,11 @@ void draw_roofs_and_regions(picture_state& state) {
 std::string draw_picture(const view_model& model, const picture_options& options) {
   plot_area area;
   area.axes = model.axes;
-  picture_state state{.model = model, .options = options, .area = area,
-                      .space = label_space(area.left, area.top, area.right, area.bottom), .svg = {}};
+  picture_state state{.model = model,
+                      .options = options,
+                      .area = area,
+                      .space = label_space(area.left, area.top, area.right, area.bottom),
+                      .svg = {}};
   const std::vector<note_line> notes = options.standalone ? notes_of(model) : std::vector<note_line>{};
   const double full_height = notes.empty() ? height - 24 : height + line_height * static_cast<double>(notes.size()) - 4;
   if (options.standalone) state.svg.raw("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");

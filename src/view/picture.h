@@ -8,8 +8,8 @@
 namespace ceilmeter::view {
 
 struct picture_options {
-  bool standalone = true;   // with its own style sheet, XML namespace and declaration; off inside of a page
-  bool all_threads = false; // the roofs of every thread count, the others hidden: for the page's switch
+  bool standalone = true;    // with its own style sheet, XML namespace and declaration; off inside of a page
+  bool all_threads = false;  // the roofs of every thread count, the others hidden: for the page's switch
 };
 
 // The whole <svg> element. The same model gives the same bytes on every machine and in every locale.

@@ -15,7 +15,7 @@ constexpr double largest_radius = 12;
 constexpr double smallest_radius = 4.5;
 constexpr double point_margin = 2;
 constexpr double edge_inset = 9;
-constexpr double beyond = 20;         // decades that a line without ends goes on outside of the frame
+constexpr double beyond = 20;  // decades that a line without ends goes on outside of the frame
 constexpr std::size_t longest_name = 40;
 constexpr std::size_t most_names = 250;  // Names beyond would find no room, and looking for it takes time.
 
@@ -29,8 +29,8 @@ struct shown_point {
   memory_level level = memory_level::l1;
   double lg_x = 0;
   double lg_y = 0;
-  position at;               // at the edge if outside
-  std::string_view edge;     // left, right, top, bottom; empty inside
+  position at;            // at the edge if outside
+  std::string_view edge;  // left, right, top, bottom; empty inside
 };
 
 // The greatest extent of a shape of that area: the triangle's corner.
@@ -58,9 +58,8 @@ std::vector<shown_region> regions_to_show(const view_model& model) {
       longest = std::max(longest, static_cast<double>(*one.time));
     }
   }
-  std::stable_sort(shown.begin(), shown.end(), [](const shown_region& a, const shown_region& b) {
-    return *a.figures->time > *b.figures->time;
-  });
+  std::stable_sort(shown.begin(), shown.end(),
+                   [](const shown_region& a, const shown_region& b) { return *a.figures->time > *b.figures->time; });
   for (shown_region& one : shown) {
     const double share = static_cast<double>(*one.figures->time) / longest;
     one.radius = std::max(smallest_radius, largest_radius * std::sqrt(share));
@@ -147,16 +146,25 @@ bool draw_beside(picture_state& state, std::string_view css_class, const std::st
   if (best == nullptr) return false;
   const position baseline = {at.x + best->dx, at.y + best->dy};
   state.space.add_box(box_of_text(text, size, baseline, best->align, 0));
-  state.svg.text("text", {{"class", std::string(css_class)}, {"x", units(baseline.x)}, {"y", units(baseline.y)},
-                          {"text-anchor", std::string(anchor_name(best->align))}, {"data-x", lg_text(lg.x)},
-                          {"data-y", lg_text(lg.y)}, {"data-dx", units(best->dx)}, {"data-dy", units(best->dy)}}, text);
+  state.svg.text("text",
+                 {{"class", std::string(css_class)},
+                  {"x", units(baseline.x)},
+                  {"y", units(baseline.y)},
+                  {"text-anchor", std::string(anchor_name(best->align))},
+                  {"data-x", lg_text(lg.x)},
+                  {"data-y", lg_text(lg.y)},
+                  {"data-dx", units(best->dx)},
+                  {"data-dy", units(best->dy)}},
+                 text);
   return true;
 }
 
 void draw_marker(picture_state& state, const shown_point& point, double radius, bool hollow) {
   const std::string level(level_class(point.level));
-  state.svg.leaf("path", {{"class", "marker " + level + (hollow ? " hollow" : "")}, {"data-level", level},
-                          {"data-x", lg_text(point.lg_x)}, {"data-y", lg_text(point.lg_y)},
+  state.svg.leaf("path", {{"class", "marker " + level + (hollow ? " hollow" : "")},
+                          {"data-level", level},
+                          {"data-x", lg_text(point.lg_x)},
+                          {"data-y", lg_text(point.lg_y)},
                           {"data-size", units(radius)},
                           {"transform", "translate(" + units(point.at.x) + " " + units(point.at.y) + ")"},
                           {"d", marker_path(point.level, radius)}});
@@ -171,8 +179,10 @@ void draw_beyond(picture_state& state, const std::vector<shown_point>& points, s
     if (point.edge != edge) continue;
     const std::string level(level_class(point.level));
     state.svg.leaf("path", {{"class", "edge-arrow " + level + (hollow ? " hollow" : "")},
-                            {"data-edge", std::string(edge)}, {"data-level", level},
-                            {"data-x", lg_text(point.lg_x)}, {"data-y", lg_text(point.lg_y)},
+                            {"data-edge", std::string(edge)},
+                            {"data-level", level},
+                            {"data-x", lg_text(point.lg_x)},
+                            {"data-y", lg_text(point.lg_y)},
                             {"transform", "translate(" + units(point.at.x) + " " + units(point.at.y) + ")"},
                             {"d", arrow_path(edge)}});
     last = &point;
@@ -210,9 +220,15 @@ void draw_line(picture_state& state, double from, double to, double lg_y) {
   const plot_area& area = state.area;
   const double x1 = std::clamp(area.x(from), area.left, area.right);
   const double x2 = std::clamp(area.x(to), area.left, area.right);
-  state.svg.leaf("line", {{"class", "region-line"}, {"clip-path", "url(#plot-clip)"}, {"x1", units(x1)},
-                          {"y1", units(area.y(lg_y))}, {"x2", units(x2)}, {"y2", units(area.y(lg_y))},
-                          {"data-x1", lg_text(from)}, {"data-x2", lg_text(to)}, {"data-y", lg_text(lg_y)}});
+  state.svg.leaf("line", {{"class", "region-line"},
+                          {"clip-path", "url(#plot-clip)"},
+                          {"x1", units(x1)},
+                          {"y1", units(area.y(lg_y))},
+                          {"x2", units(x2)},
+                          {"y2", units(area.y(lg_y))},
+                          {"data-x1", lg_text(from)},
+                          {"data-x2", lg_text(to)},
+                          {"data-y", lg_text(lg_y)}});
 }
 
 // A region whose bytes weren't counted is a line through the whole frame, with its name and the reason on it.
@@ -227,8 +243,15 @@ void draw_without_bytes(picture_state& state, const std::string& name, double lg
     const turned_box box = box_of_text(text, label_size, at, text_anchor::start, 0);
     if (!state.space.is_free(box)) continue;
     state.space.add_box(box);
-    state.svg.text("text", {{"class", "region-note"}, {"x", units(at.x)}, {"y", units(at.y)}, {"text-anchor", "start"},
-                            {"data-x", lg_text(lg_x)}, {"data-y", lg_text(lg_y)}, {"data-dx", "0"}, {"data-dy", "-5"}},
+    state.svg.text("text",
+                   {{"class", "region-note"},
+                    {"x", units(at.x)},
+                    {"y", units(at.y)},
+                    {"text-anchor", "start"},
+                    {"data-x", lg_text(lg_x)},
+                    {"data-y", lg_text(lg_y)},
+                    {"data-dx", "0"},
+                    {"data-dy", "-5"}},
                    text);
     return;
   }
@@ -236,9 +259,8 @@ void draw_without_bytes(picture_state& state, const std::string& name, double lg
 
 bool has_partner(const view_model& model, std::size_t region) {
   const auto& pairs = model.baseline->pairs;
-  return std::any_of(pairs.begin(), pairs.end(), [region](const region_pair& pair) {
-    return pair.before == region && pair.after.has_value();
-  });
+  return std::any_of(pairs.begin(), pairs.end(),
+                     [region](const region_pair& pair) { return pair.before == region && pair.after.has_value(); });
 }
 
 std::string name_of(const view_model& model, const shown_region& region) {
@@ -265,9 +287,14 @@ void draw_region(picture_state& state, const shown_region& region, bool with_nam
   const std::string file = std::to_string(region.file);
   const std::string index = std::to_string(figures.index);
   const double lg_y = std::log10(*figures.performance);
-  state.svg.open("g", {{"class", class_of(state.model, region.file)}, {"id", "region-" + file + "-" + index},
-                       {"data-file", file}, {"data-region", index}, {"tabindex", "0"}, {"role", "img"},
-                       {"aria-label", summary_of(figures)}, {"data-y", lg_text(lg_y)},
+  state.svg.open("g", {{"class", class_of(state.model, region.file)},
+                       {"id", "region-" + file + "-" + index},
+                       {"data-file", file},
+                       {"data-region", index},
+                       {"tabindex", "0"},
+                       {"role", "img"},
+                       {"aria-label", summary_of(figures)},
+                       {"data-y", lg_text(lg_y)},
                        {figures.threads ? "data-threads" : "", figures.threads ? number(*figures.threads) : ""}});
   state.svg.text("title", {}, summary_of(figures));
   const std::string name = with_name ? name_of(state.model, region) : "";
@@ -275,9 +302,8 @@ void draw_region(picture_state& state, const shown_region& region, bool with_nam
   if (points.empty()) {
     draw_without_bytes(state, name, lg_y);
   } else {
-    const auto [first, last] = std::minmax_element(points.begin(), points.end(), [](const auto& a, const auto& b) {
-      return a.lg_x < b.lg_x;
-    });
+    const auto [first, last] =
+        std::minmax_element(points.begin(), points.end(), [](const auto& a, const auto& b) { return a.lg_x < b.lg_x; });
     draw_line(state, first->lg_x, last->lg_x, lg_y);
     draw_points(state, points, region.radius, is_hollow(state.model, region.file));
     if (!name.empty()) draw_name(state, name, region, points);

@@ -113,8 +113,8 @@ std::optional<placed_label> find_place(const picture_state& state, const roof_li
   const plot_area& area = state.area;
   const double slope = line.is_compute ? 0 : -std::atan2(area.y_unit(), area.x_unit());
   const text_anchor align = line.is_compute ? text_anchor::end : text_anchor::start;
-  const double whole = std::hypot((visible.to.x - visible.from.x) * area.x_unit(),
-                                  (visible.to.y - visible.from.y) * area.y_unit());
+  const double whole =
+      std::hypot((visible.to.x - visible.from.x) * area.x_unit(), (visible.to.y - visible.from.y) * area.y_unit());
   const double longest_part = 1 - text_width(text, label_size) / whole;
   std::optional<placed_label> best;
   std::size_t fewest = 0;
@@ -216,8 +216,10 @@ void draw_roof_set(picture_state& state, const shown_set& set, const std::vector
   const roof_lines& roofs = lines_of(state.model, set);
   svg_writer& svg = state.svg;
   const std::string prefix = "roof-" + std::to_string(set.file) + "-" + std::to_string(roofs.threads) + "-";
-  svg.open("g", {{"class", set.old ? "roofs old" : "roofs"}, {"data-file", std::to_string(set.file)},
-                 {"data-threads", std::to_string(roofs.threads)}, {set.hidden ? "hidden" : "", ""}});
+  svg.open("g", {{"class", set.old ? "roofs old" : "roofs"},
+                 {"data-file", std::to_string(set.file)},
+                 {"data-threads", std::to_string(roofs.threads)},
+                 {set.hidden ? "hidden" : "", ""}});
   for (std::size_t at = 0; at < set.lines.size(); ++at) {
     const roof_line& line = roofs.lines[set.lines[at]];
     const roof_ends ends = ends_of(state, set, line);
@@ -235,10 +237,15 @@ void draw_roof_set(picture_state& state, const shown_set& set, const std::vector
     // A roof outside of the frame keeps an empty line that the page can move.
     const position from = visible ? visible->from : ends.to;
     const position to = visible ? visible->to : ends.to;
-    svg.leaf("line", {{"class", "roof-line"}, {"clip-path", "url(#plot-clip)"}, {"x1", units(state.area.x(from.x))},
-                      {"y1", units(state.area.y(from.y))}, {"x2", units(state.area.x(to.x))},
-                      {"y2", units(state.area.y(to.y))}, {"data-x1", lg_text(ends.from.x)},
-                      {"data-y1", lg_text(ends.from.y)}, {"data-x2", lg_text(ends.to.x)},
+    svg.leaf("line", {{"class", "roof-line"},
+                      {"clip-path", "url(#plot-clip)"},
+                      {"x1", units(state.area.x(from.x))},
+                      {"y1", units(state.area.y(from.y))},
+                      {"x2", units(state.area.x(to.x))},
+                      {"y2", units(state.area.y(to.y))},
+                      {"data-x1", lg_text(ends.from.x)},
+                      {"data-y1", lg_text(ends.from.y)},
+                      {"data-x2", lg_text(ends.to.x)},
                       {"data-y2", lg_text(ends.to.y)}});
     const auto label =
         std::find_if(labels.begin(), labels.end(), [at](const placed_label& one) { return one.line == at; });

@@ -121,9 +121,8 @@ void compare_times(const std::vector<file_view>& ranks, rank_region& result) {
   std::vector<std::size_t> order(ranks.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
   std::erase_if(order, [&result](std::size_t rank) { return !result.ranks[rank].time; });
-  std::stable_sort(order.begin(), order.end(), [&result](std::size_t a, std::size_t b) {
-    return *result.ranks[a].time > *result.ranks[b].time;
-  });
+  std::stable_sort(order.begin(), order.end(),
+                   [&result](std::size_t a, std::size_t b) { return *result.ranks[a].time > *result.ranks[b].time; });
   order.resize(std::min(order.size(), slowest_named));
   result.slowest = std::move(order);
 }

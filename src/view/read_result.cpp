@@ -40,8 +40,10 @@ std::size_t too_deep_at(std::string_view text) {
   for (std::size_t at = 0; at < text.size() && text[at] != '\0'; ++at) {
     const char c = text[at];
     if (in_string) {
-      if (c == '\\') ++at;
-      else if (c == '"') in_string = false;
+      if (c == '\\')
+        ++at;
+      else if (c == '"')
+        in_string = false;
     } else if (c == '"') {
       in_string = true;
     } else if (c == '{' || c == '[') {

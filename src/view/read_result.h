@@ -14,8 +14,8 @@ inline constexpr std::size_t max_nesting = 64;
 
 struct read_outcome {
   bool ok = false;
-  std::string error;    // without the program's name: "FILE:LINE: reason" or "FILE: reason"
-  result_file result;   // filled if ok
+  std::string error;   // without the program's name: "FILE:LINE: reason" or "FILE: reason"
+  result_file result;  // filled if ok
 };
 
 // Reads the file at `path`; "-" is standard input.

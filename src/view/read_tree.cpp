@@ -16,15 +16,15 @@ namespace {
 
 constexpr std::size_t key_count = 8;
 using positions = std::array<std::size_t, key_count>;
-constexpr std::array<std::string_view, key_count> block_keys = {"start", "end", "dump_start", "dump_end",
-                                                               "flop", "count", "vector_length", "module"};
+constexpr std::array<std::string_view, key_count> block_keys = {"start", "end",   "dump_start",    "dump_end",
+                                                                "flop",  "count", "vector_length", "module"};
 constexpr per_level<std::string_view> byte_keys = {"l1_bytes", "l2_bytes", "l3_bytes", "ddr_bytes"};
 
 struct reader {
   result_file& result;
   positions order = {0, 1, 2, 3, 4, 5, 6, 7};
   std::unordered_map<std::string_view, std::uint32_t> modules = {};  // Keys are the tree's texts.
-  std::size_t wrong_types = 0;     // figures that aren't integers
+  std::size_t wrong_types = 0;                                       // figures that aren't integers
   std::size_t skipped_regions = 0;
   std::size_t skipped_blocks = 0;
   std::size_t skipped_roofs = 0;
@@ -68,8 +68,8 @@ void read_order(reader& state, const json_token* keys) {
 }
 
 std::uint32_t module_index(reader& state, const char* name) {
-  const auto [place, is_new] = state.modules.try_emplace(text_of(name),
-                                                         static_cast<std::uint32_t>(state.result.modules.size()));
+  const auto [place, is_new] =
+      state.modules.try_emplace(text_of(name), static_cast<std::uint32_t>(state.result.modules.size()));
   if (is_new) state.result.modules.push_back(clean_utf8(text_of(name)));
   return place->second;
 }
@@ -120,8 +120,10 @@ void read_region(reader& state, const json_token* token) {
   if (json_get_type(blocks) != JSON_ARRAY) ++state.wrong_types;
   for (const json_token* child = json_first_child(blocks); child != nullptr; child = json_next_sibling(child)) {
     block read;
-    if (read_block(state, child, read)) one.blocks.push_back(read);
-    else ++state.skipped_blocks;
+    if (read_block(state, child, read))
+      one.blocks.push_back(read);
+    else
+      ++state.skipped_blocks;
   }
 }
 
@@ -164,8 +166,10 @@ void read_roof_sets(reader& state, const json_token* root) {
     const std::string_view key = text_of(json_get_key(set));
     std::uint64_t threads = 0;
     const auto done = std::from_chars(key.data(), key.data() + key.size(), threads);
-    if (done.ec != std::errc{} || done.ptr != key.data() + key.size()) ++state.skipped_roofs;
-    else set_of(state.result, threads).roofs = read_roofs(state, set);
+    if (done.ec != std::errc{} || done.ptr != key.data() + key.size())
+      ++state.skipped_roofs;
+    else
+      set_of(state.result, threads).roofs = read_roofs(state, set);
   }
   // An older file can have the root's list alone.
   if (state.result.root_roofs.empty()) return;

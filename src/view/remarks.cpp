@@ -84,24 +84,26 @@ void explain_above(region_figures& figures) {
 void explain_roofs(const result_file& file, const region& source, region_figures& figures) {
   if (!figures.roof_threads) {
     if (!file.roofs.empty() && figures.threads) {
-      figures.remarks.push_back({remark_kind::no_roofs, "No roofs for " +
-          counted(static_cast<std::uint64_t>(*figures.threads), "thread") +
-          " nor for the whole run's count: it is held against none."});
+      figures.remarks.push_back(
+          {remark_kind::no_roofs, "No roofs for " + counted(static_cast<std::uint64_t>(*figures.threads), "thread") +
+                                      " nor for the whole run's count: it is held against none."});
     }
     return;
   }
   const auto used = static_cast<std::int64_t>(*figures.roof_threads);
   if (figures.threads && *figures.threads != used) {
-    figures.remarks.push_back({remark_kind::roofs_of_other_count, "Roofs of " +
-        counted(static_cast<std::uint64_t>(*figures.threads), "thread") +
-        " were not measured: it is held against those of " + counted(*figures.roof_threads, "thread") + "."});
+    figures.remarks.push_back({remark_kind::roofs_of_other_count,
+                               "Roofs of " + counted(static_cast<std::uint64_t>(*figures.threads), "thread") +
+                                   " were not measured: it is held against those of " +
+                                   counted(*figures.roof_threads, "thread") + "."});
   }
   explain_above(figures);
   const roof_set* roofs = roofs_for(file, source.threads);
   for (std::size_t level = 0; level < level_count; ++level) {
     if (figures.bytes[level].value_or(0) <= 0 || find_roof(*roofs, level_names[level]) != nullptr) continue;
-    figures.remarks.push_back({remark_kind::roof_not_measured, std::string("The ") + level_names[level] +
-        " roof was not measured: that level has no say in the limit."});
+    figures.remarks.push_back(
+        {remark_kind::roof_not_measured,
+         std::string("The ") + level_names[level] + " roof was not measured: that level has no say in the limit."});
   }
 }
 
@@ -136,11 +138,14 @@ void explain_file(file_view& view, const view_options& options) {
   };
   if (view.file.regions.empty()) add_remark(remark_kind::other, "No regions in this file: the roofs alone are shown.");
   if (view.file.roofs.empty()) {
-    add_remark(remark_kind::no_roofs, "No roofs in this file. This adds them, on the machine of the run: "
-                                      "ceilmeter --phase=benchmarks -o " + file_name(view.file.path));
+    add_remark(remark_kind::no_roofs,
+               "No roofs in this file. This adds them, on the machine of the run: "
+               "ceilmeter --phase=benchmarks -o " +
+                   file_name(view.file.path));
   } else if (options.threads && view.roofs[*view.drawn_roofs].threads != *options.threads) {
     add_remark(remark_kind::no_roofs, "Roofs of " + counted(*options.threads, "thread") +
-        " are not in this file: those of " + counted(view.roofs[*view.drawn_roofs].threads, "thread") + " are shown.");
+                                          " are not in this file: those of " +
+                                          counted(view.roofs[*view.drawn_roofs].threads, "thread") + " are shown.");
   }
   const auto without_counters = [](const region_figures& one) { return !any_bytes(one); };
   if (std::any_of(view.regions.begin(), view.regions.end(), without_counters)) {

@@ -21,9 +21,14 @@ struct compute_row {
   bool thin;
 };
 constexpr std::array<compute_row, 8> compute_rows = {{
-    {"Scalar(SP)-FMADD", 1, false}, {"Scalar(DP)-FMADD", 1, false}, {"f64x2-FMLA/FMLS", 2, false},
-    {"f32x4-FMLA/FMLS", 4, false},  {"f16x8-FMLA/FMLS", 8, false},  {"f64x2-FADD/FSUB", 2, true},
-    {"f32x4-FADD/FSUB", 4, true},   {"f16x8-FADD/FSUB", 8, true},
+    {"Scalar(SP)-FMADD", 1, false},
+    {"Scalar(DP)-FMADD", 1, false},
+    {"f64x2-FMLA/FMLS", 2, false},
+    {"f32x4-FMLA/FMLS", 4, false},
+    {"f16x8-FMLA/FMLS", 8, false},
+    {"f64x2-FADD/FSUB", 2, true},
+    {"f32x4-FADD/FSUB", 4, true},
+    {"f16x8-FADD/FSUB", 8, true},
 }};
 constexpr std::string_view numa_local = "DDR Numa-local";
 
@@ -60,8 +65,8 @@ bool is_drawn(const roof_set& set, const roof& one, const std::map<std::int64_t,
   if (!one.is_compute && level_of_roof(one.name)) return true;
   if (!one.is_compute && one.name == numa_local) {
     const roof* ddr = find_roof(set, "DDR");
-    return ddr == nullptr || std::abs(static_cast<double>(one.value - ddr->value)) >
-                                 numa_difference * static_cast<double>(ddr->value);
+    return ddr == nullptr ||
+           std::abs(static_cast<double>(one.value - ddr->value)) > numa_difference * static_cast<double>(ddr->value);
   }
   const compute_row* row = one.is_compute ? find_row(one.name) : nullptr;
   if (row == nullptr) return false;
@@ -92,21 +97,24 @@ void add_remarks(const roof_set& set, roof_lines& described) {
   };
   if (too_near(set, "DDR", "L3")) {
     add(remark_kind::ddr_roof_near_l3,
-        values_of(set, "DDR", "L3") + ": no slower than nine tenths of it. The DDR row reads 4 MiB for each thread; on "
-        "this machine that most likely fits the last level cache, and the row is not the memory's bandwidth.");
+        values_of(set, "DDR", "L3") +
+            ": no slower than nine tenths of it. The DDR row reads 4 MiB for each thread; on "
+            "this machine that most likely fits the last level cache, and the row is not the memory's bandwidth.");
   }
   if (too_near(set, "L2", "L1")) {
     add(remark_kind::l2_roof_near_l1,
-        values_of(set, "L2", "L1") + ": no slower than nine tenths of it. The L2 row reads 80 KiB for each thread; on "
-        "this machine that most likely fits the first level cache, or the core's loads are as fast from both.");
+        values_of(set, "L2", "L1") +
+            ": no slower than nine tenths of it. The L2 row reads 80 KiB for each thread; on "
+            "this machine that most likely fits the first level cache, or the core's loads are as fast from both.");
   }
   std::string names;
   for (const roof_line& line : described.lines) {
     if (!line.measured) names += (names.empty() ? "" : ", ") + line.name;
   }
   if (!names.empty()) {
-    add(remark_kind::roof_not_measured, names + " of " + counted(set.threads, "thread") +
-        " have the value 0: not measured, or below one unit. They are not drawn and limit nothing.");
+    add(remark_kind::roof_not_measured,
+        names + " of " + counted(set.threads, "thread") +
+            " have the value 0: not measured, or below one unit. They are not drawn and limit nothing.");
   }
 }
 

@@ -153,8 +153,9 @@ void append_ranks(std::string& text, const ranks_view& view) {
         slowest += (slowest.empty() ? "" : ", ") + one_line(view.labels[rank]);
       }
       const std::string present = std::to_string(region.present) + " of " + std::to_string(view.labels.size());
-      lines.push_back({one_line(region.name), present, shown_time(region.time_longest), shown_time(region.time_shortest),
-                       shown_percent(region.spread), slowest.empty() ? missing : slowest});
+      lines.push_back({one_line(region.name), present, shown_time(region.time_longest),
+                       shown_time(region.time_shortest), shown_percent(region.spread),
+                       slowest.empty() ? missing : slowest});
     }
     constexpr std::array<std::size_t, 2> left = {0, 5};
     append_columns(text, lines, left);

@@ -108,9 +108,7 @@ std::string fixed(double value, int decimals) {
 
 namespace {
 
-std::string three_digits(double value) {
-  return fixed(value, value < 9.995 ? 2 : value < 99.95 ? 1 : 0);
-}
+std::string three_digits(double value) { return fixed(value, value < 9.995 ? 2 : value < 99.95 ? 1 : 0); }
 
 struct prefix {
   std::string_view name;

@@ -24,7 +24,7 @@ std::string fixed(double value, int decimals);  // "%.*f" of the C locale, "0" f
 
 // Three digits and a decimal prefix: "1.00 kB". What rounds to the next prefix's 1.00 is written with that.
 std::string quantity(std::int64_t value, std::string_view unit);
-std::string duration(std::int64_t nanoseconds);  // "20.0 ms"
+std::string duration(std::int64_t nanoseconds);                    // "20.0 ms"
 std::string counted(std::uint64_t number, std::string_view noun);  // "1 thread", "4 threads"
 
 // The first `limit` characters (not bytes), with an ellipsis for the rest.

@@ -20,7 +20,7 @@ enum class value_kind : std::uint8_t { NONE, REQUIRED, OPTIONAL };
 using option_reader = std::string (*)(command_options&, std::string_view value);
 
 struct option_row {
-  char short_name;         // 0: none
+  char short_name;  // 0: none
   const char* long_name;
   value_kind kind;
   const char* value_name;  // As the usage text shows it.
@@ -127,18 +127,15 @@ constexpr option_row rows[] = {
     {0, "table", value_kind::NONE, "",
      [](command_options& options, std::string_view) { return read_form(options, output_form::TABLE); },
      "write a table of the regions as plain text"},
-    {0, "baseline", value_kind::REQUIRED, "<file>", read_baseline,
-     "compare the one file with this earlier run"},
-    {0, "ranks", value_kind::NONE, "", read_ranks,
-     "put the files together as the ranks of one parallel job"},
+    {0, "baseline", value_kind::REQUIRED, "<file>", read_baseline, "compare the one file with this earlier run"},
+    {0, "ranks", value_kind::NONE, "", read_ranks, "put the files together as the ranks of one parallel job"},
     {0, "threads", value_kind::REQUIRED, "<count>", read_threads,
      "draw the roofs of this thread count (default: that of the whole run)"},
     {0, "level", value_kind::REQUIRED, "<L1|L2|L3|DDR>", read_level,
      "the memory level that is selected first (default: all)"},
     {0, "frame", value_kind::REQUIRED, "<x:x,y:y>", read_frame,
      "the edges of the picture as powers of ten, flop/byte and then GFLOP/s: -2:2,0:4 (default: from the roofs)"},
-    {0, "title", value_kind::REQUIRED, "<text>", read_title,
-     "the heading (default: the names of the files)"},
+    {0, "title", value_kind::REQUIRED, "<text>", read_title, "the heading (default: the names of the files)"},
     {0, "modules", value_kind::OPTIONAL, "[=<folder>]", read_modules,
      "name the functions and instructions of blocks from the module files (default: at the paths of the result file)"},
     {0, "blocks", value_kind::REQUIRED, "<count|all>", read_blocks,
@@ -297,9 +294,10 @@ parsed_command_line parse_command_line(std::span<const char* const> arguments) {
 std::string usage_text() {
   constexpr std::size_t words_column = 40;
   constexpr std::size_t width = 118;
-  std::string text = "usage: ceilview [OPTIONS] FILE...\n"
-                     "Draws the rooflines of result files of ceilmeter.\n"
-                     "OPTIONS:\n";
+  std::string text =
+      "usage: ceilview [OPTIONS] FILE...\n"
+      "Draws the rooflines of result files of ceilmeter.\n"
+      "OPTIONS:\n";
   for (const option_row& row : rows) {
     std::string head = "    ";
     if (row.short_name != 0) head += std::string("-") + row.short_name + "|";

@@ -18,9 +18,9 @@ enum class output_form : std::uint8_t { PAGE, SVG, CSV, TABLE };
 enum class file_relation : std::uint8_t { OVERLAY, BASELINE, RANKS };
 
 struct command_options {
-  std::vector<std::string> files;     // With BASELINE the earlier run first. Never empty but for help and version.
-                                      // "-" is standard input.
-  std::string output;                 // "-" is standard output. Set by the parser, given or not.
+  std::vector<std::string> files;  // With BASELINE the earlier run first. Never empty but for help and version.
+                                   // "-" is standard input.
+  std::string output;              // "-" is standard output. Set by the parser, given or not.
   output_form form = output_form::PAGE;
   file_relation relation = file_relation::OVERLAY;
   std::optional<std::uint64_t> threads;  // Whose roofs are drawn.
@@ -28,7 +28,7 @@ struct command_options {
   std::optional<frame> axes;
   std::optional<std::string> title;
   bool modules = false;
-  std::string modules_folder;         // Empty: the paths of the result file.
+  std::string modules_folder;                    // Empty: the paths of the result file.
   std::optional<std::uint64_t> blocks = 10'000;  // On the whole page; none: all.
   bool short_paths = false;
   bool open = false;

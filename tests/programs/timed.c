@@ -1,5 +1,5 @@
-/* timed FILE PROGRAM [ARGUMENT]...: runs the program, writes the nanoseconds from before its start to after its end into
-   the file, and ends with its status. A measurement from within, to compare one from without with. */
+/* timed FILE PROGRAM [ARGUMENT]...: runs the program, writes the nanoseconds from before its start to after its end
+   into the file, and ends with its status. A measurement from within, to compare one from without with. */
 #include <stdio.h>
 #include <sys/wait.h>
 #include <time.h>

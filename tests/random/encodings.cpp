@@ -24,32 +24,52 @@ struct group_use {
 };
 
 constexpr group_use GROUPS[] = {
-    {"dpimm/addsub_imm", row_use::GENERAL},     {"dpimm/bitfield", row_use::GENERAL},
-    {"dpimm/extract", row_use::GENERAL},        {"dpimm/log_imm", row_use::GENERAL},
-    {"dpimm/minmax_imm", row_use::GENERAL},     {"dpimm/movewide", row_use::GENERAL},
-    {"dpreg/addsub_carry", row_use::GENERAL},   {"dpreg/addsub_ext", row_use::GENERAL},
-    {"dpreg/addsub_shift", row_use::GENERAL},   {"dpreg/condcmp_imm", row_use::GENERAL},
-    {"dpreg/condcmp_reg", row_use::GENERAL},    {"dpreg/condsel", row_use::GENERAL},
-    {"dpreg/dp_1src", row_use::GENERAL},        {"dpreg/dp_2src", row_use::GENERAL},
-    {"dpreg/dp_3src", row_use::GENERAL},        {"dpreg/log_shift", row_use::GENERAL},
-    {"dpreg/rmif", row_use::GENERAL},           {"dpreg/setf", row_use::GENERAL},
-    {"control/hints", row_use::SYSTEM},         {"control/barriers", row_use::SYSTEM},
-    {"control/pstate", row_use::SYSTEM},        {"ldst/ldst_unscaled", row_use::OFFSET_9},
-    {"ldst/ldst_unpriv", row_use::OFFSET_9},    {"ldst/ldapstl_unscaled", row_use::ORDERED_9},
-    {"ldst/ldst_immpost", row_use::WRITEBACK_9}, {"ldst/ldst_immpre", row_use::WRITEBACK_9},
-    {"ldst/ldst_pos", row_use::OFFSET_12},      {"ldst/ldst_regoff", row_use::INDEXED},
-    {"ldst/ldstpair_off", row_use::PAIR},       {"ldst/ldstnapair_offs", row_use::PAIR},
-    {"ldst/ldstpair_post", row_use::PAIR_WRITEBACK}, {"ldst/ldstpair_pre", row_use::PAIR_WRITEBACK},
-    {"ldst/ldstord", row_use::BASE},            {"ldst/comswap", row_use::BASE},
-    {"ldst/memop", row_use::BASE},              {"ldst/comswappr", row_use::CAS_PAIR},
-    {"ldst/asisdlse", row_use::STRUCTURE},      {"ldst/asisdlso", row_use::STRUCTURE},
-    {"ldst/asisdlsep", row_use::STRUCTURE_POST}, {"ldst/asisdlsop", row_use::STRUCTURE_POST},
+    {"dpimm/addsub_imm", row_use::GENERAL},
+    {"dpimm/bitfield", row_use::GENERAL},
+    {"dpimm/extract", row_use::GENERAL},
+    {"dpimm/log_imm", row_use::GENERAL},
+    {"dpimm/minmax_imm", row_use::GENERAL},
+    {"dpimm/movewide", row_use::GENERAL},
+    {"dpreg/addsub_carry", row_use::GENERAL},
+    {"dpreg/addsub_ext", row_use::GENERAL},
+    {"dpreg/addsub_shift", row_use::GENERAL},
+    {"dpreg/condcmp_imm", row_use::GENERAL},
+    {"dpreg/condcmp_reg", row_use::GENERAL},
+    {"dpreg/condsel", row_use::GENERAL},
+    {"dpreg/dp_1src", row_use::GENERAL},
+    {"dpreg/dp_2src", row_use::GENERAL},
+    {"dpreg/dp_3src", row_use::GENERAL},
+    {"dpreg/log_shift", row_use::GENERAL},
+    {"dpreg/rmif", row_use::GENERAL},
+    {"dpreg/setf", row_use::GENERAL},
+    {"control/hints", row_use::SYSTEM},
+    {"control/barriers", row_use::SYSTEM},
+    {"control/pstate", row_use::SYSTEM},
+    {"ldst/ldst_unscaled", row_use::OFFSET_9},
+    {"ldst/ldst_unpriv", row_use::OFFSET_9},
+    {"ldst/ldapstl_unscaled", row_use::ORDERED_9},
+    {"ldst/ldst_immpost", row_use::WRITEBACK_9},
+    {"ldst/ldst_immpre", row_use::WRITEBACK_9},
+    {"ldst/ldst_pos", row_use::OFFSET_12},
+    {"ldst/ldst_regoff", row_use::INDEXED},
+    {"ldst/ldstpair_off", row_use::PAIR},
+    {"ldst/ldstnapair_offs", row_use::PAIR},
+    {"ldst/ldstpair_post", row_use::PAIR_WRITEBACK},
+    {"ldst/ldstpair_pre", row_use::PAIR_WRITEBACK},
+    {"ldst/ldstord", row_use::BASE},
+    {"ldst/comswap", row_use::BASE},
+    {"ldst/memop", row_use::BASE},
+    {"ldst/comswappr", row_use::CAS_PAIR},
+    {"ldst/asisdlse", row_use::STRUCTURE},
+    {"ldst/asisdlso", row_use::STRUCTURE},
+    {"ldst/asisdlsep", row_use::STRUCTURE_POST},
+    {"ldst/asisdlsop", row_use::STRUCTURE_POST},
 };
 
 // Pointer authentication depends on the process's keys, allocation tags on chance. WFE and WFI wait, and HINT is
 // all of these. The stores of 64 bytes are for devices; read-check-write needs tables of the operating system's.
-const std::vector<const char*> REFUSED = {"PAC",   "AUT",  "IRG",   "WFE",   "WFI", "MSR_SI", "GCS", "CHKFEAT",
-                                          "STSHH", "STCPH", "HINT", "LD64B", "ST64B", "RCW",    "STG", "LDG", "SHUH"};
+const std::vector<const char*> REFUSED = {"PAC",   "AUT",  "IRG",   "WFE",   "WFI", "MSR_SI", "GCS", "CHKFEAT", "STSHH",
+                                          "STCPH", "HINT", "LD64B", "ST64B", "RCW", "STG",    "LDG", "SHUH"};
 // Of SVE: the stack pointer as result; a first-fault register such as no load leaves behind.
 const std::vector<const char*> REFUSED_SVE = {"addvl", "addpl", "addsvl", "addspl", "wrffr"};
 
@@ -146,8 +166,14 @@ encoding_set read_encodings(const std::string& path) {
     std::getline(stream, fields, '\t');
     const std::optional<row_use> use = use_of(group, name);
     if (!use) continue;
-    encoding row = {name, group, static_cast<std::uint32_t>(std::strtoul(mask.c_str(), nullptr, 16)),
-                    static_cast<std::uint32_t>(std::strtoul(value.c_str(), nullptr, 16)), {}, *use, false, {}};
+    encoding row = {name,
+                    group,
+                    static_cast<std::uint32_t>(std::strtoul(mask.c_str(), nullptr, 16)),
+                    static_cast<std::uint32_t>(std::strtoul(value.c_str(), nullptr, 16)),
+                    {},
+                    *use,
+                    false,
+                    {}};
     if (row.mask == 0 || !parse_fields(fields, &row.fields)) return {};
     row.sp_destination = is_sp_destination(row);
     set.rows.push_back(std::move(row));

@@ -13,22 +13,22 @@ namespace ceilmeter {
 
 // What a row needs around it.
 enum class row_use : std::uint8_t {
-  GENERAL,          // Works on general registers and flags alone.
-  VECTOR,           // On vector registers, and at most general ones.
-  FLOATING,         // Scalar floating point.
-  SYSTEM,           // Hints, barriers, flag manipulation.
-  SVE,              // Scalable vectors and predicates, no memory.
-  OFFSET_9,         // Loads and stores, by the way they form the address: base and signed 9 bits,
-  ORDERED_9,        // the same, aligned,
-  WRITEBACK_9,      // the same with the base changed,
-  OFFSET_12,        // base and scaled 12 bits,
-  INDEXED,          // base and register,
-  PAIR,             // two registers, base and scaled 7 bits,
-  PAIR_WRITEBACK,   // the same with the base changed,
-  BASE,             // aligned base alone,
-  CAS_PAIR,         // the same, with pairs of registers that begin at even numbers,
-  STRUCTURE,        // one or several vector registers, base alone,
-  STRUCTURE_POST,   // the same with the base changed by a register or constant.
+  GENERAL,         // Works on general registers and flags alone.
+  VECTOR,          // On vector registers, and at most general ones.
+  FLOATING,        // Scalar floating point.
+  SYSTEM,          // Hints, barriers, flag manipulation.
+  SVE,             // Scalable vectors and predicates, no memory.
+  OFFSET_9,        // Loads and stores, by the way they form the address: base and signed 9 bits,
+  ORDERED_9,       // the same, aligned,
+  WRITEBACK_9,     // the same with the base changed,
+  OFFSET_12,       // base and scaled 12 bits,
+  INDEXED,         // base and register,
+  PAIR,            // two registers, base and scaled 7 bits,
+  PAIR_WRITEBACK,  // the same with the base changed,
+  BASE,            // aligned base alone,
+  CAS_PAIR,        // the same, with pairs of registers that begin at even numbers,
+  STRUCTURE,       // one or several vector registers, base alone,
+  STRUCTURE_POST,  // the same with the base changed by a register or constant.
   COUNT,
 };
 
@@ -45,7 +45,7 @@ struct encoding {
   std::uint32_t value;
   std::vector<row_field> fields;
   row_use use;
-  bool sp_destination;  // Register 31 as Rd is the stack pointer.
+  bool sp_destination;               // Register 31 as Rd is the stack pointer.
   std::vector<std::uint32_t> words;  // With register fields as set_probe_registers leaves them.
 };
 

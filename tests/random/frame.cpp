@@ -33,10 +33,10 @@ void fill(item& to, std::uint64_t start, std::uint64_t end, std::uint64_t seed) 
   to.add_constant(2, seed);
   to.add_constant(3, 0x5851f42d4c957f2d);
   to.add_constant(4, 0x14057b7ef767814f);
-  to.add(a64_three_sources, 1, 0, 3, 0, 4, 2, 2);              // madd x2, x2, x3, x4
-  to.add(a64_logical_shifted, 1, 2, 1, 0, 2, 29, 2, 5);        // eor x5, x2, x2, lsr #29
-  to.add(a64_ldr_str_imm9, 3, 0, 0, 8, 1, 0, 5);               // str x5, [x0], #8
-  to.add(a64_add_sub_shifted, 1, 1, 1, 0, 1, 0, 0, ZERO);      // cmp x0, x1
+  to.add(a64_three_sources, 1, 0, 3, 0, 4, 2, 2);          // madd x2, x2, x3, x4
+  to.add(a64_logical_shifted, 1, 2, 1, 0, 2, 29, 2, 5);    // eor x5, x2, x2, lsr #29
+  to.add(a64_ldr_str_imm9, 3, 0, 0, 8, 1, 0, 5);           // str x5, [x0], #8
+  to.add(a64_add_sub_shifted, 1, 1, 1, 0, 1, 0, 0, ZERO);  // cmp x0, x1
   to.add(a64_b_cond, static_cast<std::uint32_t>(-4) & 0x7ffff, NE);
 }
 
@@ -45,10 +45,10 @@ void hash(item& to, std::uint64_t start, std::uint64_t end) {
   to.add_constant(0, start);
   to.add_constant(1, end);
   to.add_constant(3, 0x9e3779b97f4a7c15);
-  to.add(a64_ldr_str_imm9, 3, 0, 1, 8, 1, 0, 5);               // ldr x5, [x0], #8
-  to.add(a64_logical_shifted, 1, 2, 3, 0, 2, 17, 5, 2);        // eor x2, x5, x2, ror #17
-  to.add(a64_three_sources, 1, 0, 3, 0, ZERO, 2, 2);           // mul x2, x2, x3
-  to.add(a64_add_sub_shifted, 1, 1, 1, 0, 1, 0, 0, ZERO);      // cmp x0, x1
+  to.add(a64_ldr_str_imm9, 3, 0, 1, 8, 1, 0, 5);           // ldr x5, [x0], #8
+  to.add(a64_logical_shifted, 1, 2, 3, 0, 2, 17, 5, 2);    // eor x2, x5, x2, ror #17
+  to.add(a64_three_sources, 1, 0, 3, 0, ZERO, 2, 2);       // mul x2, x2, x3
+  to.add(a64_add_sub_shifted, 1, 1, 1, 0, 1, 0, 0, ZERO);  // cmp x0, x1
   to.add(a64_b_cond, static_cast<std::uint32_t>(-4) & 0x7ffff, NE);
 }
 
@@ -119,7 +119,7 @@ void generator::end_main() {
   end.add_constant(8, 64);  // write
   end.add(a64_svc, 0);
   end.add(a64_logical_imm, 1, 0, 1, 0, 5, 19, 0);  // and x0, x19, #0x3f
-  end.add_constant(8, 94);  // exit_group
+  end.add_constant(8, 94);                         // exit_group
   end.add(a64_svc, 0);
   done();
 }

@@ -81,10 +81,10 @@ class generator {
   std::vector<callee> callees_;
   function* current_ = nullptr;
   std::uint32_t current_index_ = 0;
-  std::uint64_t cost_ = 0;       // Of the function being made, executed as often as it can be.
+  std::uint64_t cost_ = 0;  // Of the function being made, executed as often as it can be.
   std::uint64_t most_cost_ = 0;
-  std::uint32_t rounds_ = 1;     // How often the item being made is executed for one call of its function.
-  std::uint32_t size_ = 0;       // Words of the function so far.
+  std::uint32_t rounds_ = 1;  // How often the item being made is executed for one call of its function.
+  std::uint32_t size_ = 0;    // Words of the function so far.
 };
 
 }  // namespace ceilmeter

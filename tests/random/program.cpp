@@ -134,8 +134,8 @@ bool write_elf(const image& what, const std::string& path) {
   Elf64_Phdr segments[2] = {};
   segments[0] = {PT_LOAD, PF_R | PF_X, 0, what.base, what.base, CODE_OFFSET + code_size, CODE_OFFSET + code_size,
                  0x10000};
-  segments[1] = {PT_LOAD, PF_R | PF_W, DATA_OFFSET, what.base + DATA_OFFSET, what.base + DATA_OFFSET, table_size,
-                 DATA_SIZE, 0x10000};
+  segments[1] = {PT_LOAD,    PF_R | PF_W, DATA_OFFSET, what.base + DATA_OFFSET, what.base + DATA_OFFSET,
+                 table_size, DATA_SIZE,   0x10000};
   errno = 0;
   bool written = write_at(file, &header, sizeof header, 0) &&
                  write_at(file, segments, sizeof segments, sizeof header) &&

@@ -11,14 +11,14 @@ namespace ceilmeter {
 
 // Where things stand, as offsets from the program's base, which is a multiple of 64 KiB (the largest page).
 constexpr std::uint64_t CODE_OFFSET = 0x1000;
-constexpr std::uint64_t DATA_OFFSET = 0x40000;  // Everything in the data segment is within an ADR of all code.
+constexpr std::uint64_t DATA_OFFSET = 0x40000;       // Everything in the data segment is within an ADR of all code.
 constexpr std::uint64_t TABLE_OFFSET = DATA_OFFSET;  // Addresses of code; the only part with content in the file.
 constexpr std::uint64_t RESULT_OFFSET = DATA_OFFSET + 0x4000;
 constexpr std::uint64_t COUNTER_OFFSET = DATA_OFFSET + 0x8000;
 constexpr std::uint64_t MEMORY_OFFSET = DATA_OFFSET + 0xa000;
 constexpr std::uint64_t MEMORY_END_OFFSET = DATA_OFFSET + 0x1e000;
 constexpr std::uint64_t RECORD_OFFSET = DATA_OFFSET + 0x20000;  // What registers held on the way.
-constexpr std::uint64_t STACK_OFFSET = DATA_OFFSET + 0x3fc00;  // The first value of sp.
+constexpr std::uint64_t STACK_OFFSET = DATA_OFFSET + 0x3fc00;   // The first value of sp.
 constexpr std::uint64_t STACK_END_OFFSET = DATA_OFFSET + 0x40000;
 constexpr std::uint64_t DATA_SIZE = 0x40000;
 constexpr std::uint64_t MAPPING_OFFSET = 0x90000;  // For what the program maps itself.
@@ -34,7 +34,7 @@ struct place {
 };
 
 enum class fixup_kind : std::uint8_t {
-  BRANCH,    // imm26 of B and BL.
+  BRANCH,     // imm26 of B and BL.
   BRANCH_19,  // imm19 at bit 5: B.cond, CBZ, LDR (literal).
   BRANCH_14,  // TBZ.
   ADDRESS,    // ADR.
@@ -57,9 +57,9 @@ constexpr std::uint32_t LAST_ITEM = ~0u;  // As a place's item: the function's l
 enum class item_state : std::uint8_t { KEPT, BLANK, GONE };
 
 struct item {
-  const char* kind;     // For listings.
-  const char* detail;   // The table's name of what it is about, or "".
-  bool fixed;           // May not be left out: the program's beginning and end.
+  const char* kind;    // For listings.
+  const char* detail;  // The table's name of what it is about, or "".
+  bool fixed;          // May not be left out: the program's beginning and end.
   item_state state = item_state::KEPT;
   std::vector<std::uint32_t> words = {};
   std::vector<fixup> fixups = {};

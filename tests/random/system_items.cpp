@@ -37,8 +37,8 @@ void generator::system_item() {
   }
   item& move = start("system register");
   switch (chance) {
-    case 4: move.add(a64_mrs_msr, 1, 1, 3, 4, 2, 0, reg); break;   // mrs reg, nzcv
-    case 5: move.add(a64_mrs_msr, 0, 1, 3, 4, 2, 0, reg); break;   // msr nzcv, reg
+    case 4: move.add(a64_mrs_msr, 1, 1, 3, 4, 2, 0, reg); break;                 // mrs reg, nzcv
+    case 5: move.add(a64_mrs_msr, 0, 1, 3, 4, 2, 0, reg); break;                 // msr nzcv, reg
     case 6: move.add(a64_mrs_msr, 1, 1, 3, 4, 4, random_.below(2), reg); break;  // mrs reg, fpcr or fpsr
     case 7:
       move.add_constant(reg, random_.next() & FPCR_BITS);

@@ -119,16 +119,16 @@ TEST_F(command_line, run_that_cannot_start_leaves_an_earlier_result_alone) {
   const std::filesystem::path result = folder / "result.json";
   write_file(result, "earlier");
   const std::string output = "--output=" + result.string();
-  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
-           {output, "--mode=x", "/bin/true"},
-           {output, "--phase=x", "/bin/true"},
-           {output, "--bogus", "/bin/true"},
-           {output, "-l", "x", "/bin/true"},
-           {output, "./missing"},
-           {output},
-           {output, "-h"},
-           {output, "-v"},
-           {output, "--benchmarks_num_threads=x", "/bin/true"}}) {
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{output, "--mode=x", "/bin/true"},
+                                             {output, "--phase=x", "/bin/true"},
+                                             {output, "--bogus", "/bin/true"},
+                                             {output, "-l", "x", "/bin/true"},
+                                             {output, "./missing"},
+                                             {output},
+                                             {output, "-h"},
+                                             {output, "-v"},
+                                             {output, "--benchmarks_num_threads=x", "/bin/true"}}) {
     run(words);
     EXPECT_EQ(content_of(result), "earlier") << words[1 % words.size()];
   }
@@ -170,8 +170,7 @@ TEST_F(command_line, closing_newline_goes_to_the_logs_destination) {
 TEST_F(command_line, thread_count_without_digits_ends_the_process) {
   const process_result result = run({"--benchmarks_num_threads=many", "/bin/true"});
   EXPECT_EQ(result.status, 128 + SIGABRT);
-  EXPECT_EQ(result.err,
-            "terminate called after throwing an instance of 'std::invalid_argument'\n  what():  stoul\n");
+  EXPECT_EQ(result.err, "terminate called after throwing an instance of 'std::invalid_argument'\n  what():  stoul\n");
   EXPECT_EQ(result.out, "");
 }
 
@@ -199,9 +198,9 @@ TEST_F(command_line, thread_count_takes_blanks_sign_and_trailing_text) {
 
 TEST_F(command_line, options_behind_the_application_are_its_own) {
   argument_printer("a.out");
-  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
-           {"--phase=perfmon", "--", "./a.out", "-h", "--mode=wrong"},
-           {"--phase=perfmon", "./a.out", "-h", "--mode=wrong"}}) {
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{"--phase=perfmon", "--", "./a.out", "-h", "--mode=wrong"},
+                                             {"--phase=perfmon", "./a.out", "-h", "--mode=wrong"}}) {
     EXPECT_EQ(run(words).status, 0);
     EXPECT_EQ(content_of(folder / "arguments"), "./a.out|-h|--mode=wrong|");
   }
@@ -244,8 +243,8 @@ TEST_F(command_line, last_of_two_phases_counts) {
 }
 
 TEST_F(command_line, every_phase_value_and_its_complement_is_understood) {
-  const std::vector<std::pair<std::string, int>> rows = {{"perfmon", 1},   {"bintracer", 2},  {"benchmarks", 4},
-                                                         {"full", 7},      {"~perfmon", 6},   {"~bintracer", 5},
+  const std::vector<std::pair<std::string, int>> rows = {{"perfmon", 1},     {"bintracer", 2}, {"benchmarks", 4},
+                                                         {"full", 7},        {"~perfmon", 6},  {"~bintracer", 5},
                                                          {"~benchmarks", 3}, {"~full", 7}};
   for (const auto& [value, phase] : rows) {
     process_options how;
@@ -288,10 +287,11 @@ TEST_F(command_line, configuration_is_logged_in_order_at_info) {
   const process_result result = run({"-l", "info", "--phase=perfmon", "-o", "r.json", "/bin/true"});
   const std::vector<std::string> lines = log_lines(result.err);
   ASSERT_GE(lines.size(), 5U);
-  EXPECT_THAT(std::vector<std::string>(lines.begin(), lines.begin() + 5),
-              ElementsAre("log info command line: " + tool_path().string() + " -l info --phase=perfmon -o r.json /bin/true",
-                          "main info config mode = 1", "main info config num_threads_for_bench = 16",
-                          "main info config output_file_path = r.json", "main info config phase = 1"));
+  EXPECT_THAT(
+      std::vector<std::string>(lines.begin(), lines.begin() + 5),
+      ElementsAre("log info command line: " + tool_path().string() + " -l info --phase=perfmon -o r.json /bin/true",
+                  "main info config mode = 1", "main info config num_threads_for_bench = 16",
+                  "main info config output_file_path = r.json", "main info config phase = 1"));
 }
 
 TEST_F(command_line, log_file_takes_the_log_and_is_appended_on_request) {

@@ -139,9 +139,11 @@ TEST_F(region_phases_test, the_stencil_of_every_example_counts_its_operations_ex
   constexpr std::uint64_t n = 20;
   constexpr std::uint64_t iterations = 10;
   constexpr std::uint64_t expected = iterations * (n * n + 4 * n * n - 4 * n);
-  const std::vector<std::vector<std::string>> examples = {
-      {"solver_regions", "20", "10"},     {"solver_threads", "20", "10", "1"}, {"solver_threads", "20", "10", "2"},
-      {"solver_threads", "20", "10", "16"}, {"solver_openmp", "20", "10"}};
+  const std::vector<std::vector<std::string>> examples = {{"solver_regions", "20", "10"},
+                                                          {"solver_threads", "20", "10", "1"},
+                                                          {"solver_threads", "20", "10", "2"},
+                                                          {"solver_threads", "20", "10", "16"},
+                                                          {"solver_openmp", "20", "10"}};
   for (std::vector<std::string> words : examples) {
     SCOPED_TRACE(::testing::PrintToString(words));
     words[0] = example(words[0]);
@@ -160,8 +162,14 @@ TEST_F(region_phases_test, the_stencil_of_every_example_counts_its_operations_ex
 
 TEST_F(region_phases_test, the_stencil_in_fortran_counts_its_operations_exactly) {
   // There the boundary is a frame of zeros, so that every point has four neighbours.
-  std::vector<std::string> words = {tool_path().string(), "--mode=region", "--phase=bintracer", "-o",
-                                    result().string(), example("solver_fortran"), "20", "10"};
+  std::vector<std::string> words = {tool_path().string(),
+                                    "--mode=region",
+                                    "--phase=bintracer",
+                                    "-o",
+                                    result().string(),
+                                    example("solver_fortran"),
+                                    "20",
+                                    "10"};
   EXPECT_EQ(run_process(words).status, 1);
   EXPECT_EQ(flop("stencil"), 10u * 5 * 20 * 20);
 }
@@ -191,8 +199,8 @@ TEST_F(region_phases_test, DISABLED_sixteen_threads_with_a_million_pairs_give_th
 }
 
 TEST_F(region_phases_test, start_a_start_b_stop_b_stop_a_is_all_b_and_a_warning) {
-  const process_result done = run_script("bintracer", {"init", "start=A", "work=10", "start=B", "work=20", "stop=B",
-                                                       "work=40", "stop=A", "finalize"});
+  const process_result done = run_script(
+      "bintracer", {"init", "start=A", "work=10", "start=B", "work=20", "stop=B", "work=40", "stop=A", "finalize"});
   EXPECT_THAT(log_lines(done.err),
               ElementsAre("bintracer warn pre_stop_roofline_handler: current region total doesn't match A"));
   EXPECT_THAT(region_names(), ElementsAre("B"));
@@ -218,8 +226,9 @@ TEST_F(region_phases_test, an_exit_inside_a_region_without_finalize_is_counted_b
 }
 
 // The child has a region of its own and calls everything, in the middle of its parent's region.
-const std::vector<std::string> forked_inside_a_region = {"init",   "start=r", "work=10",  "(",      "start=c", "work=1000",
-                                                         "stop=c", "finalize", ")",       "work=5", "stop=r",  "finalize"};
+const std::vector<std::string> forked_inside_a_region = {"init",    "start=r",   "work=10", "(",
+                                                         "start=c", "work=1000", "stop=c",  "finalize",
+                                                         ")",       "work=5",    "stop=r",  "finalize"};
 
 TEST_F(region_phases_test, a_child_that_is_forked_inside_a_region_is_not_in_the_tracers_result) {
   // The child's calls go to what the tracer has of it, which is thrown away, with or without a warning.
@@ -229,8 +238,8 @@ TEST_F(region_phases_test, a_child_that_is_forked_inside_a_region_is_not_in_the_
 }
 
 TEST_F(region_phases_test, of_a_process_and_its_forked_child_the_last_to_finalize_has_its_counters_in_the_file) {
-  // The child is counted by its parent's group as well as by its own, which few counter units can do at once: the log may
-  // say so.
+  // The child is counted by its parent's group as well as by its own, which few counter units can do at once: the log
+  // may say so.
   run_script("perfmon", forked_inside_a_region);
   EXPECT_THAT(region_names(), ElementsAre("r"));
   EXPECT_GT(time("r"), 0u);

@@ -76,7 +76,6 @@ class region_run_test : public ::testing::Test {
   const temporary_folder folder;
 };
 
-
 class region_example_test : public region_run_test, public ::testing::WithParamInterface<std::string> {};
 
 TEST_P(region_example_test, has_its_three_regions_with_time_and_its_own_output) {
@@ -158,9 +157,8 @@ TEST_F(region_run_test, start_without_init_is_counted_and_finalize_without_init_
 }
 
 TEST_F(region_run_test, start_a_start_b_stop_b_stop_a_counts_both_and_b_within_a) {
-  const process_result done =
-      run_script({"init", "start=A", "work=10000", "start=B", "work=10000", "stop=B", "work=10000", "stop=A",
-                  "finalize"});
+  const process_result done = run_script(
+      {"init", "start=A", "work=10000", "start=B", "work=10000", "stop=B", "work=10000", "stop=A", "finalize"});
   // Two groups of six on one thread are more than most counter units hold: they take turns then, and the log says so.
   EXPECT_THAT(
       log_lines(done.err),
@@ -211,8 +209,7 @@ TEST_F(region_run_test, after_finalize_the_application_has_the_descriptors_that_
 TEST_F(region_run_test, an_exit_without_finalize_leaves_what_an_earlier_run_wrote) {
   run_script({"init", "start=old", "work=1000", "stop=old", "finalize"});
   const std::uint64_t time = time_of("old");
-  const process_result done =
-      run({"-o", result().string()}, {script(), "init", "start=new", "stop=new", "exit=0"});
+  const process_result done = run({"-o", result().string()}, {script(), "init", "start=new", "stop=new", "exit=0"});
   EXPECT_EQ(done.status, 0);
   EXPECT_THAT(region_names(), ElementsAre("old"));
   EXPECT_EQ(time_of("old"), time);
@@ -252,11 +249,10 @@ TEST_F(region_run_test, both_processes_write_to_one_log_that_is_appended_to) {
 
 TEST_F(region_run_test, a_report_that_cannot_be_written_costs_the_application_both_lines_and_ends_the_tool) {
   const std::string missing = (folder / "missing/result.json").string();
-  const process_result done =
-      run({"-o", missing, "--log-level=info"}, {script(), "init", "finalize"});
+  const process_result done = run({"-o", missing, "--log-level=info"}, {script(), "init", "finalize"});
   const std::vector<std::string> lines = log_lines(done.err);
-  const auto warning = std::find(lines.begin(), lines.end(),
-                                 "roofline_events warn failed to write roofline events to " + missing + ".");
+  const auto warning =
+      std::find(lines.begin(), lines.end(), "roofline_events warn failed to write roofline events to " + missing + ".");
   ASSERT_NE(warning, lines.end()) << done.err;
   EXPECT_EQ(*(warning + 1), "roofline_events info Regions roofline events are written to " + missing);
   EXPECT_THAT(done.out, HasSubstr("\ndone\n"));
@@ -267,8 +263,8 @@ TEST_F(region_run_test, a_relative_result_path_follows_the_application_to_anothe
   // Without -o the path is the application's, as it was typed.
   std::filesystem::create_directory(folder / "elsewhere");
   std::filesystem::copy_file(script("region_script_static"), folder / "app");
-  const process_result done = run({}, {"./app", "init", "start=r", "stop=r", "chdir=elsewhere", "finalize"},
-                                  {.folder = folder.path()});
+  const process_result done =
+      run({}, {"./app", "init", "start=r", "stop=r", "chdir=elsewhere", "finalize"}, {.folder = folder.path()});
   EXPECT_EQ(done.status, 0);
   EXPECT_THAT(content_of(folder / "elsewhere/app.roofline.json"), HasSubstr("\"r\": {"));
   EXPECT_THAT(content_of(folder / "app.roofline.json"), Not(HasSubstr("\"r\": {")));
@@ -304,7 +300,8 @@ TEST_F(region_run_test, counters_of_an_earlier_run_are_told_where_the_applicatio
   const process_result done = run({"-o", result().string()}, {script(), "init", "start=r", "stop=r"});
   EXPECT_THAT(log_lines(done.err),
               ElementsAre("collector warn the application has written no counters: bytes and time of the regions "
-                          "in " + result().string() + " are those of an earlier run"));
+                          "in " +
+                          result().string() + " are those of an earlier run"));
   EXPECT_THAT(run_script({"init", "start=r", "work=1", "stop=r", "finalize"}).err, IsEmpty());
 }
 

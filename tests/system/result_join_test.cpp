@@ -103,8 +103,8 @@ TEST_F(result_join, region_perfmon_keeps_the_regions_that_the_application_wrote)
   const std::string written = content_of(result());
   std::filesystem::rename(result(), folder / "prepared.json");
   // What the region interface does in an application's process, as far as the tool can see it.
-  const process_result counted = run({"--phase=perfmon", "--mode=region"},
-                                    {"/bin/sh", "-c", "cp prepared.json \"$ROOFLINE_REPORT_FILE\""});
+  const process_result counted =
+      run({"--phase=perfmon", "--mode=region"}, {"/bin/sh", "-c", "cp prepared.json \"$ROOFLINE_REPORT_FILE\""});
   EXPECT_EQ(counted.status, 0);
   EXPECT_EQ(counted.err, "");
   EXPECT_EQ(content_of(result()), written);
@@ -113,11 +113,12 @@ TEST_F(result_join, region_perfmon_keeps_the_regions_that_the_application_wrote)
 TEST_F(result_join, region_perfmon_without_the_region_interface_writes_a_report_without_counters) {
   const process_result counted = run({"--phase=perfmon", "--mode=region"}, {"/bin/true"});
   EXPECT_EQ(counted.status, 0);
-  EXPECT_EQ(counted.out, "CEILMETER: Start collection for /bin/true\n"
-                        "CEILMETER: Launch application to collect performance metrics of /bin/true\n"
-                        "CEILMETER: Processing all collected data\n"
-                        "CEILMETER: Result is captured at " + result().string() + "\n" +
-                        "CEILMETER: Run \"ceilview " + result().string() + "\" to get report.\n");
+  EXPECT_EQ(counted.out,
+            "CEILMETER: Start collection for /bin/true\n"
+            "CEILMETER: Launch application to collect performance metrics of /bin/true\n"
+            "CEILMETER: Processing all collected data\n"
+            "CEILMETER: Result is captured at " +
+                result().string() + "\n" + "CEILMETER: Run \"ceilview " + result().string() + "\" to get report.\n");
   EXPECT_THAT(content_of(result()), HasSubstr("\"regions\": {\n  },\n"));
 }
 
@@ -194,9 +195,8 @@ TEST_F(result_join, broken_earlier_file_is_reported_and_replaced) {
   write_file(result(), "{\"regions\": {\"total\": {\"flop\": 5, \"threads\": 2");
   const process_result counted = run({"--phase=perfmon"}, {"/bin/true"});
   EXPECT_EQ(counted.status, 0);
-  EXPECT_THAT(log_lines(counted.err),
-              ElementsAre("report_handler warn failed to parse json from " + result().string() +
-                          " with error Unexpected end of stream."));
+  EXPECT_THAT(log_lines(counted.err), ElementsAre("report_handler warn failed to parse json from " + result().string() +
+                                                  " with error Unexpected end of stream."));
   EXPECT_EQ(read(result()).regions.size(), 1U);
 }
 

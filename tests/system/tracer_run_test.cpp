@@ -1,5 +1,5 @@
-// `ceilmeter --phase=bintracer` on real programs and a real kernel: output, status, log and result file. That the counts are
-// exact is shown by the tests of tracer/, against an independent count.
+// `ceilmeter --phase=bintracer` on real programs and a real kernel: output, status, log and result file. That the
+// counts are exact is shown by the tests of tracer/, against an independent count.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -108,9 +108,9 @@ TEST_F(tracer_run, default_result_path_is_beside_the_application_wherever_that_h
 
 TEST_F(tracer_run, result_goes_where_the_application_is_if_the_tools_folder_has_gone) {
   std::filesystem::create_directory(folder / "gone");
-  const process_result traced =
-      run_process({tool_path().string(), "--phase=bintracer", "-o", "here.json", "/bin/sh", "-c",
-                   "cd ..; rmdir gone; exit 3"}, {.folder = folder / "gone"});
+  const process_result traced = run_process(
+      {tool_path().string(), "--phase=bintracer", "-o", "here.json", "/bin/sh", "-c", "cd ..; rmdir gone; exit 3"},
+      {.folder = folder / "gone"});
   EXPECT_EQ(traced.status, 3) << traced.err;
   EXPECT_TRUE(std::filesystem::exists(folder / "here.json"));
 }
@@ -127,7 +127,8 @@ TEST_F(tracer_run, application_that_becomes_another_program_takes_the_tool_with_
 
 TEST_F(tracer_run, result_has_the_mode_that_the_user_has_chosen_whatever_the_application_sets) {
   run_process({"/bin/sh", "-c", "umask 027; exec \"$0\" --phase=bintracer -o r.json /bin/sh -c 'umask 0'",
-               tool_path().string()}, {.folder = folder.path()});
+               tool_path().string()},
+              {.folder = folder.path()});
   using std::filesystem::perms;
   EXPECT_EQ(std::filesystem::status(folder / "r.json").permissions(),
             perms::owner_read | perms::owner_write | perms::group_read);
@@ -142,10 +143,11 @@ TEST_F(tracer_run, script_that_opens_a_descriptor_of_its_choice_keeps_its_file_f
 
 TEST_F(tracer_run, timer_that_the_application_has_left_does_not_end_the_finishing_step) {
   // A pipe in place of an earlier file: the finishing step waits for it, and here that takes longer than the timer.
-  const process_result traced = run_process(
-      {"/bin/sh", "-c", "mkfifo pipe && { \"$0\" --phase=bintracer -o pipe \"$1\" & sleep 4; echo '{}' > pipe; wait $!; }",
-       tool_path().string(), program("late_timer")},
-      {.folder = folder.path(), .seconds_allowed = 30});
+  const process_result traced =
+      run_process({"/bin/sh", "-c",
+                   "mkfifo pipe && { \"$0\" --phase=bintracer -o pipe \"$1\" & sleep 4; echo '{}' > pipe; wait $!; }",
+                   tool_path().string(), program("late_timer")},
+                  {.folder = folder.path(), .seconds_allowed = 30});
   EXPECT_EQ(traced.status, 3) << traced.err;
   EXPECT_THAT(traced.out, HasSubstr("CEILMETER: Result is captured at "));
 }
@@ -164,10 +166,10 @@ TEST_F(tracer_run, application_that_has_used_up_its_descriptors_leaves_its_resul
 
 TEST_F(tracer_run, closing_lines_that_nobody_reads_cost_no_result) {
   for (const std::string phase : {"perfmon", "bintracer"}) {
-    const process_result read_in_part = run_process(
-        {"/bin/sh", "-c", "{ \"$0\" --phase=$2 -o r.json \"$1\" 2; echo $? > status; } | head -2", tool_path().string(),
-         program("late_timer"), phase},
-        {.folder = folder.path()});
+    const process_result read_in_part =
+        run_process({"/bin/sh", "-c", "{ \"$0\" --phase=$2 -o r.json \"$1\" 2; echo $? > status; } | head -2",
+                     tool_path().string(), program("late_timer"), phase},
+                    {.folder = folder.path()});
     EXPECT_THAT(read_in_part.out, Not(HasSubstr("Processing")));
     EXPECT_EQ(content_of(folder / "status"), phase == "perfmon" ? "0\n" : "3\n");
     EXPECT_THAT(content_of(folder / "r.json"), HasSubstr("\"regions\"")) << phase;
@@ -184,10 +186,10 @@ TEST_F(tracer_run, program_without_floating_point_work_has_a_region_without_bloc
 TEST_F(tracer_run, phases_without_benchmarks_join_counters_and_blocks_in_one_region) {
   const process_result both = run({"--phase=~benchmarks"}, {program("fixed_work"), "4"});
   EXPECT_EQ(both.status, 0);
-  EXPECT_THAT(both.out, HasSubstr("CEILMETER: Launch application to collect performance metrics of " +
-                                  program("fixed_work") + "\n4000\n" +
-                                  "CEILMETER: Launch application to do binary instrumentation of " +
-                                  program("fixed_work") + "\n4000\n"));
+  EXPECT_THAT(both.out,
+              HasSubstr("CEILMETER: Launch application to collect performance metrics of " + program("fixed_work") +
+                        "\n4000\n" + "CEILMETER: Launch application to do binary instrumentation of " +
+                        program("fixed_work") + "\n4000\n"));
   const region_metric region = total();
   EXPECT_EQ(region.flop, 8000U);
   EXPECT_EQ(region.threads, 5U);

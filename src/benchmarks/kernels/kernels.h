@@ -1,6 +1,7 @@
-// The hand-written kernels, their data words, and the only two ways to enter them. The kernels do not follow the calling
-// convention: they overwrite registers that a function must keep and take arguments where a function has none. So they
-// are declared as objects that cannot be called, and the callers below tell the compiler all that is overwritten.
+// The hand-written kernels, their data words, and the only two ways to enter them. The kernels do not follow the
+// calling convention: they overwrite registers that a function must keep and take arguments where a function has none.
+// So they are declared as objects that cannot be called, and the callers below tell the compiler all that is
+// overwritten.
 #pragma once
 
 #include <cstdint>
@@ -55,12 +56,12 @@ extern const std::uint64_t flops_dp_fmadd_flops_per_iteration;
 
 #if defined(__aarch64__)
 
-// What the kernels of a file overwrite, as the compiler is told. Macros, because a clobber list takes nothing but string
-// literals. A test disassembles the kernels and compares what they write with these two lists. x16, x17 and x30 are not
-// the kernels': a linker may put a veneer into the call, and the call itself writes the return address.
-#define CEILMETER_VECTOR_REGISTERS                                                                                  \
-  "v0", "v1", "v2", "v3", "v4", "v5", "v6", "v7", "v8", "v9", "v10", "v11", "v12", "v13", "v14", "v15", "v16",       \
-      "v17", "v18", "v19", "v20", "v21", "v22", "v23", "v24", "v25", "v26", "v27", "v28", "v29", "v30", "v31"
+// What the kernels of a file overwrite, as the compiler is told. Macros, because a clobber list takes nothing but
+// string literals. A test disassembles the kernels and compares what they write with these two lists. x16, x17 and x30
+// are not the kernels': a linker may put a veneer into the call, and the call itself writes the return address.
+#define CEILMETER_VECTOR_REGISTERS                                                                                    \
+  "v0", "v1", "v2", "v3", "v4", "v5", "v6", "v7", "v8", "v9", "v10", "v11", "v12", "v13", "v14", "v15", "v16", "v17", \
+      "v18", "v19", "v20", "v21", "v22", "v23", "v24", "v25", "v26", "v27", "v28", "v29", "v30", "v31"
 #define CEILMETER_CALL_REGISTERS "x16", "x17", "x30"
 // Besides these x2, which goes in and comes out.
 #define CEILMETER_LOAD_KERNEL_OVERWRITES "x12", "x13", "x14", "cc", CEILMETER_VECTOR_REGISTERS

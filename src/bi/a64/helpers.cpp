@@ -13,9 +13,9 @@ constexpr std::uint64_t BRANCH_CLASSES = 0x10000008f80003;
 constexpr int LAST_BRANCH_CLASS = A64_ADR;
 
 constexpr std::uint64_t bit_of(a64_instruction instruction) { return std::uint64_t{1} << instruction; }
-static_assert(BRANCH_CLASSES == (bit_of(A64_CBZ) | bit_of(A64_B_COND) | bit_of(A64_TBZ) | bit_of(A64_B) |
-                                 bit_of(A64_BR) | bit_of(A64_BLR) | bit_of(A64_RET) | bit_of(A64_LDR_LITERAL) |
-                                 bit_of(A64_ADR)));
+static_assert(BRANCH_CLASSES ==
+              (bit_of(A64_CBZ) | bit_of(A64_B_COND) | bit_of(A64_TBZ) | bit_of(A64_B) | bit_of(A64_BR) |
+               bit_of(A64_BLR) | bit_of(A64_RET) | bit_of(A64_LDR_LITERAL) | bit_of(A64_ADR)));
 
 constexpr std::uint32_t MOVK = 3;
 constexpr std::uint32_t MOVZ = 2;
@@ -102,7 +102,8 @@ bool a64_authenticated_branch_decode(std::uint32_t word, a64_authenticated_branc
   return true;
 }
 
-void a64_authenticate(std::uint32_t* at, std::uint32_t key, std::uint32_t zero_modifier, std::uint32_t rn, std::uint32_t rd) {
+void a64_authenticate(std::uint32_t* at, std::uint32_t key, std::uint32_t zero_modifier, std::uint32_t rn,
+                      std::uint32_t rd) {
   *at = 0xdac11000 | zero_modifier << 13 | key << 10 | (zero_modifier != 0 ? 0x1f : rn & 0x1f) << 5 | (rd & 0x1f);
 }
 

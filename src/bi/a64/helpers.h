@@ -58,6 +58,7 @@ struct a64_authenticated_branch {
 bool a64_authenticated_branch_decode(std::uint32_t word, a64_authenticated_branch* out);
 
 // AUTIA or AUTIB of register rd with the modifier in rn, 31: sp; AUTIZA or AUTIZB, without rn, if zero_modifier is 1.
-void a64_authenticate(std::uint32_t* at, std::uint32_t key, std::uint32_t zero_modifier, std::uint32_t rn, std::uint32_t rd);
+void a64_authenticate(std::uint32_t* at, std::uint32_t key, std::uint32_t zero_modifier, std::uint32_t rn,
+                      std::uint32_t rd);
 
 }  // namespace ceilmeter

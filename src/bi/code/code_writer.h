@@ -106,8 +106,7 @@ constexpr bool encode_logical_immediate(std::uint64_t bits, logical_fields* out)
   const auto ones = static_cast<std::uint32_t>(__builtin_popcountll(element));
   const std::uint64_t run = (std::uint64_t{1} << ones) - 1;  // Fewer than 64 ones: all of 64 bits is no immediate.
   for (std::uint32_t rotation = 0; rotation < size; ++rotation) {
-    const std::uint64_t rotated =
-        rotation == 0 ? run : (run >> rotation | run << (size - rotation)) & element_mask;
+    const std::uint64_t rotated = rotation == 0 ? run : (run >> rotation | run << (size - rotation)) & element_mask;
     if (rotated != element) continue;
     // The leading ones of N:NOT(imms) tell the element's size.
     *out = {size == 64 ? 1U : 0U, rotation, (~(size * 2 - 1) & 0x3f) | (ones - 1)};
@@ -147,7 +146,7 @@ constexpr bool operator==(const system_register& left, const system_register& ri
 // to the branch before them in their own offset fields, so that a label needs no list. All of the code between a branch
 // and its label must lie in one piece; the space for it is reserved first.
 struct code_label {
-  std::uint32_t* place = nullptr;         // Where it is bound; null: not yet.
+  std::uint32_t* place = nullptr;        // Where it is bound; null: not yet.
   std::uint32_t* last_branch = nullptr;  // The last of the branches that wait for it.
 };
 

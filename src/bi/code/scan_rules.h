@@ -27,8 +27,8 @@ void put_fault(scan_state& state);
 // Counts how often the block runs, until it is hot.
 void put_hot_counter(scan_state& state);
 
-// Before code of plug-ins that stands between the source word just rewritten and the next one: a fault in it has left the first
-// one behind.
+// Before code of plug-ins that stands between the source word just rewritten and the next one: a fault in it has left
+// the first one behind.
 void mark_inserted_code(scan_state& state);
 
 // The address that an offset field of a source word, in words, refers to.

@@ -151,8 +151,8 @@ void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_bra
   state.stop = true;
 }
 
-// Writes a direct branch to the word, which begins its own block. It is linked like any other exit: otherwise code that the
-// decoder does not know, SVE code above all, would pass through the dispatcher at each of its words.
+// Writes a direct branch to the word, which begins its own block. It is linked like any other exit: otherwise code that
+// the decoder does not know, SVE code above all, would pass through the dispatcher at each of its words.
 void end_before_this_word(scan_state& state) {
   mark_source(state.thread, state.write, MARK_SOURCE);
   put_direct_exit(state, address_of(state.read));
@@ -209,7 +209,8 @@ void scan_word(scan_state& state) {
   const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
   if (!replaced) rewrite(state, inst);
   if (state.write >= state.limit) {
-    log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit), static_cast<void*>(state.write));
+    log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit),
+        static_cast<void*>(state.write));
   }
   if (!state.stop) reserve_space(state, EXIT_SPACE);
   mark_inserted_code(state);

@@ -31,7 +31,8 @@ source_mark mark_of(const thread_data* thread, const std::uint32_t* place) {
 
 // What the cache still says of an earlier fragment goes.
 void clear_up_to(thread_data* thread, const std::uint32_t* place) {
-  for (; thread->source_marks_end < place; ++thread->source_marks_end) set_mark(thread, thread->source_marks_end, MARK_SAME);
+  for (; thread->source_marks_end < place; ++thread->source_marks_end)
+    set_mark(thread, thread->source_marks_end, MARK_SAME);
 }
 
 const std::uint32_t* target_of_branch(const std::uint32_t* place) {
@@ -77,7 +78,8 @@ std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t p
   std::size_t walked = 0;
   for (const auto* place = reinterpret_cast<const std::uint32_t*>(meta.cache_entry);; ++place) {
     // No fragment is longer than the cache: a record that does not fit the address ends the walk.
-    if (++walked > CODE_CACHE_SIZE / sizeof *place || index_of(thread, place) >= CODE_CACHE_SIZE / sizeof *place) return 0;
+    if (++walked > CODE_CACHE_SIZE / sizeof *place || index_of(thread, place) >= CODE_CACHE_SIZE / sizeof *place)
+      return 0;
     const source_mark mark = mark_of(thread, place);
     if (mark == MARK_SOURCE) ++counted;
     if (mark == MARK_SOURCE || mark == MARK_INSERTED) between = mark == MARK_INSERTED;

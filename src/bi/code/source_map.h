@@ -1,13 +1,13 @@
-// From the code cache back to the application: which source word a cache address stands for. A fault in rewritten code needs
-// the answer, because the application's handler reads and changes the program counter.
+// From the code cache back to the application: which source word a cache address stands for. A fault in rewritten code
+// needs the answer, because the application's handler reads and changes the program counter.
 //
 // The source words of a fragment lie one behind the other, so it is enough to know where in the cache the code of each
-// begins. The scanner marks these places while it writes, two bits for each word of the cache. Whoever asks walks from the
-// fragment's entry to the address and counts the marks. Translating costs a store for each source word; nothing is paid while
-// rewritten code runs.
+// begins. The scanner marks these places while it writes, two bits for each word of the cache. Whoever asks walks from
+// the fragment's entry to the address and counts the marks. Translating costs a store for each source word; nothing is
+// paid while rewritten code runs.
 //
-// All of it belongs to one thread, as its code cache does. A signal handler of that thread reads the marks of the fragment that
-// it has interrupted, which was complete before it ran.
+// All of it belongs to one thread, as its code cache does. A signal handler of that thread reads the marks of the
+// fragment that it has interrupted, which was complete before it ran.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +26,8 @@ enum source_mark : std::uint32_t {
 // Begins the marks of a fragment whose first word will stand at `place`.
 void begin_source_marks(thread_data* thread, const std::uint32_t* place);
 
-// Marks the word at `place`; those written since the mark before it stand for the same as that one. A second mark of one place
-// replaces the first. `place` lies in the fragment that was begun.
+// Marks the word at `place`; those written since the mark before it stand for the same as that one. A second mark of
+// one place replaces the first. `place` lies in the fragment that was begun.
 void mark_source(thread_data* thread, const std::uint32_t* place, source_mark mark);
 
 // The fragment goes on at `next`, by the branch at `place`.
@@ -36,9 +36,9 @@ void continue_source_marks(thread_data* thread, const std::uint32_t* place, cons
 // The fragment ends before `place`.
 void end_source_marks(thread_data* thread, const std::uint32_t* place);
 
-// The source address that the cache address `pc` of the thread's own fragments stands for: of the source word whose code `pc`
-// lies in, or of the next one where the code was inserted between two. In a trampoline it is that of the code that was copied.
-// 0 if `pc` lies in no fragment.
+// The source address that the cache address `pc` of the thread's own fragments stands for: of the source word whose
+// code `pc` lies in, or of the next one where the code was inserted between two. In a trampoline it is that of the code
+// that was copied. 0 if `pc` lies in no fragment.
 std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t pc);
 
 }  // namespace ceilmeter

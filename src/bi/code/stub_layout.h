@@ -1,5 +1,5 @@
-/* What the stub text and the C++ of the engine must agree on: frame offsets and the numbers of system calls. Included by
-   both, so that neither counts bytes by itself; nothing but preprocessor constants may stand here. */
+/* What the stub text and the C++ of the engine must agree on: frame offsets and the numbers of system calls. Included
+   by both, so that neither counts bytes by itself; nothing but preprocessor constants may stand here. */
 #pragma once
 
 /* Blocks of registers that the four subroutines of the stub text push and pop. */

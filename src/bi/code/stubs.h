@@ -51,7 +51,8 @@ void enter_application(std::uint64_t block, std::uint64_t sp);
 std::int64_t raw_syscall(std::uint64_t number, std::uint64_t a0 = 0, std::uint64_t a1 = 0, std::uint64_t a2 = 0,
                          std::uint64_t a3 = 0, std::uint64_t a4 = 0, std::uint64_t a5 = 0, std::uint64_t a6 = 0);
 
-// What the stub text calls, through its data words. next_addr: cache address and source address, as the stub's frame has them.
+// What the stub text calls, through its data words. next_addr: cache address and source address, as the stub's frame
+// has them.
 void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr, thread_data* thread);
 std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                   thread_data* thread);

@@ -1,5 +1,5 @@
-// Emitted code probes the table by the same rules: bi/containers/container_offsets.h has the layout, the scanner the inline
-// lookup.
+// Emitted code probes the table by the same rules: bi/containers/container_offsets.h has the layout, the scanner the
+// inline lookup.
 #include "bi/containers/hash_table.h"
 
 #include "common/log.h"

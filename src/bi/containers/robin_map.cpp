@@ -99,9 +99,7 @@ robin_bucket* find_bucket(const robin_map* map, std::uint64_t key) {
   return nullptr;
 }
 
-bool needs_growth(const robin_map* map) {
-  return std::uint64_t{map->capacity} * 9 < std::uint64_t{map->count} * 10;
-}
+bool needs_growth(const robin_map* map) { return std::uint64_t{map->capacity} * 9 < std::uint64_t{map->count} * 10; }
 
 // Places a key that is not in the map. The map has an empty bucket.
 void place_key(robin_map* map, std::uint64_t key, void* value) {

@@ -2,7 +2,8 @@
 // walkers follow, and the block pool that its values live in. The order of that list is part of the contract: it is
 // almost the order of insertion, and where it is not, these rules say what it is.
 //
-//   insertion   Linear probing; the record nearer to its home gives way to the one further from it. Every bucket that is
+//   insertion   Linear probing; the record nearer to its home gives way to the one further from it. Every bucket that
+//   is
 //               filled or whose record changes goes to the head of the list: a new key that displaces old ones is
 //               followed, towards the head, by what it displaced.
 //   removal     The records behind shift back by one until an empty bucket or one at home; each goes to the head.

@@ -115,8 +115,8 @@ void copy_parent_state(std::uint64_t child_stack, const std::uint64_t* args) {
   *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X1) = args[1];
 }
 
-// Signals that were counted for this thread and not yet raised. Another thread gets them: with this one's end they would
-// be lost to the process. The caller has all signals blocked, so that they do not come back here.
+// Signals that were counted for this thread and not yet raised. Another thread gets them: with this one's end they
+// would be lost to the process. The caller has all signals blocked, so that they do not come back here.
 void hand_over_held_signals(thread_data* thread) {
   const pid_t process = getpid();
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {

@@ -107,8 +107,8 @@ void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t pro
     interval_map_delete(&engine.protected_ranges, start, end);
     flush_code_cache(current_thread);
   } else if ((prot & PROT_EXEC) == 0) {
-    // Code that may not be executed any more faults when it is next reached, and may be other code by the time it is executable
-    // again.
+    // Code that may not be executed any more faults when it is next reached, and may be other code by the time it is
+    // executable again.
     forget_replaced_code(start, end);
   }
   if ((prot & PROT_EXEC) != 0) add_code(&engine.protected_ranges, start, end, NO_FILE);
@@ -131,9 +131,8 @@ void remap_range(std::uint64_t start, std::uint64_t end, std::uint64_t old_addr)
   interval_entry entry{};
   if (interval_map_search(&engine.exec_ranges, old_addr, &entry) != 1) return;
   // The entry's descriptor ends with the entry. A raw call leaves the errno of the C library alone.
-  const auto duplicate =
-      entry.fd < 0 ? std::int64_t{NO_FILE}
-                   : raw_syscall(SYS_fcntl, static_cast<std::uint64_t>(entry.fd), F_DUPFD_CLOEXEC);
+  const auto duplicate = entry.fd < 0 ? std::int64_t{NO_FILE}
+                                      : raw_syscall(SYS_fcntl, static_cast<std::uint64_t>(entry.fd), F_DUPFD_CLOEXEC);
   forget_code(start, end);
   add_code(&engine.exec_ranges, start, end, static_cast<std::int32_t>(duplicate));
   if (duplicate >= 0) raw_syscall(SYS_close, static_cast<std::uint64_t>(duplicate));  // The map has its own by now.

@@ -28,7 +28,8 @@ struct function_watch {
 // A value of a thread's return_watch, by the record's address. Values lie at multiples of four only: copied in and out.
 struct return_watch {
   std::uint64_t function;
-  std::uint64_t entry_begin;  // Cache addresses of the entry code in the function's last translation; 0: none that stands.
+  std::uint64_t
+      entry_begin;  // Cache addresses of the entry code in the function's last translation; 0: none that stands.
   std::uint64_t entry_end;
 };
 

@@ -89,7 +89,9 @@ int mora_set_child_thread_data(mora_context* ctx, void* data) {
   return 0;
 }
 
-std::int32_t mora_get_thread_id(const mora_context* ctx) { return ctx->thread_data != nullptr ? ctx->thread_data->tid : -1; }
+std::int32_t mora_get_thread_id(const mora_context* ctx) {
+  return ctx->thread_data != nullptr ? ctx->thread_data->tid : -1;
+}
 
 const thread_data* mora_get_next_thread(const mora_context* ctx) {
   return ctx->thread_data != nullptr ? ctx->thread_data->next : nullptr;

@@ -11,7 +11,8 @@ constexpr std::uint64_t FREE = 0;
 constexpr std::uint64_t BUSY = 1;
 constexpr std::uint64_t FIRST_ORDER = 2;
 
-// Between a thread and its own signal handlers the compiler's order is all that counts: they run on one processor at a time.
+// Between a thread and its own signal handlers the compiler's order is all that counts: they run on one processor at a
+// time.
 std::uint64_t order_of(held_signal& record) { return std::atomic_ref(record.order).load(std::memory_order_relaxed); }
 
 bool claim(held_signal& record, std::uint64_t expected) {

@@ -1,8 +1,8 @@
-// What was sent with each signal that a thread has counted and not yet delivered: who sent it, its code and its value. The
-// application's handler gets all of it when the signal is raised again.
+// What was sent with each signal that a thread has counted and not yet delivered: who sent it, its code and its value.
+// The application's handler gets all of it when the signal is raised again.
 //
-// A thread's own signal handlers fill the records, and the thread empties them on its way back into the cache. A signal can
-// strike between any two instructions of either, on the same thread. Nobody else touches them.
+// A thread's own signal handlers fill the records, and the thread empties them on its way back into the cache. A signal
+// can strike between any two instructions of either, on the same thread. Nobody else touches them.
 #pragma once
 
 #include <csignal>
@@ -11,8 +11,8 @@
 
 namespace ceilmeter {
 
-// More than a thread can collect between two looks at its count, but for a flood of queued signals. What finds no record is
-// delivered with the sender's own process and the code of tgkill.
+// More than a thread can collect between two looks at its count, but for a flood of queued signals. What finds no
+// record is delivered with the sender's own process and the code of tgkill.
 inline constexpr std::size_t HELD_SIGNALS = 64;
 
 // The largest siginfo_t that the kernel writes or reads.
@@ -27,19 +27,20 @@ struct held_signal {
 struct held_signals {
   std::uint64_t arrivals;
   held_signal records[HELD_SIGNALS];
-  // Of the signal that is being raised. The stub text keeps the application's x3 in the first word meanwhile, and hands the
-  // second's address to the kernel.
+  // Of the signal that is being raised. The stub text keeps the application's x3 in the first word meanwhile, and hands
+  // the second's address to the kernel.
   std::uint64_t saved_x3;
   siginfo_t raised;
 };
 
-static_assert(offsetof(held_signals, raised) == offsetof(held_signals, saved_x3) + 8, "stubs.S steps from one to the other");
+static_assert(offsetof(held_signals, raised) == offsetof(held_signals, saved_x3) + 8,
+              "stubs.S steps from one to the other");
 
 // Keeps what was sent with a signal. False if no record is free. In a signal handler.
 bool hold_signal(held_signals& held, const siginfo_t& info);
 
-// Moves what was sent with the signal `signum` that has waited longest to `raised`; what finds no record becomes a signal of
-// tgkill, sent by this process `pid` of user `uid`. On the thread's own way back into the cache.
+// Moves what was sent with the signal `signum` that has waited longest to `raised`; what finds no record becomes a
+// signal of tgkill, sent by this process `pid` of user `uid`. On the thread's own way back into the cache.
 void take_held_signal(held_signals& held, int signum, int pid, unsigned uid);
 
 // Empties all records, as in the child of a fork, which starts without pending signals. No signal may strike meanwhile.

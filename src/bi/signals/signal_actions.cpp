@@ -30,9 +30,9 @@ static_assert(sizeof(kernel_sigaction) == 32);
 
 // How a signal's action in the kernel differs from the one that the application has set, its handler aside.
 struct action_disguise {
-  bool adds_siginfo;     // SA_SIGINFO is the engine's.
-  bool once;             // SA_RESETHAND was the application's: see take_application_handler.
-  bool unmasks_sigill;   // SIGILL was in the application's mask.
+  bool adds_siginfo;    // SA_SIGINFO is the engine's.
+  bool once;            // SA_RESETHAND was the application's: see take_application_handler.
+  bool unmasks_sigill;  // SIGILL was in the application's mask.
 };
 
 // Under signal_handlers_lock. The entry of SIGILL describes the action that install_sigill_handler has set.

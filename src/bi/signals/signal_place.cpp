@@ -34,8 +34,8 @@ fpsimd_context* fpsimd_record(mcontext_t& context) {
   return nullptr;
 }
 
-// Whether a literal load is rewritten with x0 as its base, which is pushed around it: all but those into a general register,
-// which serves as the base itself.
+// Whether a literal load is rewritten with x0 as its base, which is pushed around it: all but those into a general
+// register, which serves as the base itself.
 bool borrows_x0(const std::uint32_t* source) {
   if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return false;
   constexpr std::uint32_t zero_register = 31;

@@ -52,8 +52,8 @@ void set_kernel_action(int signum, std::uint64_t handler) {
   sigaction(signum, &action, nullptr);
 }
 
-// A fault of the application's. Its handler finds the source instruction and goes on where it says. Only a fault of the engine's
-// own pushes on the application's stack has no source instruction: the handler finds pc 0 then.
+// A fault of the application's. Its handler finds the source instruction and goes on where it says. Only a fault of the
+// engine's own pushes on the application's stack has no source instruction: the handler finds pc 0 then.
 signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t* ucontext) {
   const int signum = info->si_signo;
   const std::uint64_t handler = take_application_handler(signum);

@@ -12,8 +12,8 @@ __asm__(
 
 void counted_begin(long rounds);
 
-static void *run(void *rounds) {
-  counted_begin(*(const long *)rounds);
+static void* run(void* rounds) {
+  counted_begin(*(const long*)rounds);
   return NULL;
 }
 

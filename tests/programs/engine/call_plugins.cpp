@@ -16,14 +16,15 @@ using namespace ceilmeter;
 
 namespace {
 
-// blocks_called: a function that leaves nothing of the machine's state as it was, at each block. --------------------------
+// blocks_called: a function that leaves nothing of the machine's state as it was, at each block.
+// --------------------------
 
 std::uint64_t calls;
 std::uint64_t wrong_arguments;
 std::uint64_t call_with_signal;  // The number of the call that raises one; 0: none.
 
-// Whatever a C function may change: the registers that are not its caller's, the vector state with its status and its mode,
-// and the flags.
+// Whatever a C function may change: the registers that are not its caller's, the vector state with its status and its
+// mode, and the flags.
 void spoil() {
   if (++calls == call_with_signal) syscall(SYS_tgkill, getpid(), gettid(), SIGUSR1);
   asm volatile(
@@ -50,8 +51,8 @@ void spoil() {
 
 void spoil_with(std::uint64_t a, std::uint64_t b, std::uint64_t c, std::uint64_t d, std::uint64_t e, std::uint64_t f,
                 std::uint64_t g, std::uint64_t h) {
-  const bool as_given = a == 0 && b == 0x1234 && c == 0x12340000 && d == ~std::uint64_t{0} && e == 5 && f == 6 && g == 7 &&
-                        h == 0x8000000000000000;
+  const bool as_given = a == 0 && b == 0x1234 && c == 0x12340000 && d == ~std::uint64_t{0} && e == 5 && f == 6 &&
+                        g == 7 && h == 0x8000000000000000;
   if (!as_given) ++wrong_arguments;
   // In the default mode, whatever mode the application is in.
   std::uint64_t mode = 0;
@@ -73,7 +74,8 @@ int tell_calls(mora_context*) {
   return 0;
 }
 
-// Watched functions. --------------------------------------------------------------------------------------------------------
+// Watched functions.
+// --------------------------------------------------------------------------------------------------------
 
 constexpr std::size_t WATCHES_MAX = 2000;
 
@@ -85,12 +87,13 @@ std::uint64_t told_returns;
 std::uint64_t recursive_function;
 std::set<std::string> watched_names;
 
-// Those that look at their return address, or do not return the way they were called; and what runs before the library can
-// be called at all is not worth telling apart.
+// Those that look at their return address, or do not return the way they were called; and what runs before the library
+// can be called at all is not worth telling apart.
 bool is_watchable(const char* name) {
-  constexpr const char* parts[] = {"setjmp", "longjmp", "context", "exit",  "Exit",   "abort",   "vfork", "clone",
-                                   "start_main", "_start", "main", "backtrace", "unwind", "Unwind", "dl",    "_init",
-                                   "_fini",  "cancel",  "cleanup", "thread", "thrd",   "raise",   "sigreturn"};
+  constexpr const char* parts[] = {"setjmp",  "longjmp", "context",    "exit",   "Exit",     "abort",
+                                   "vfork",   "clone",   "start_main", "_start", "main",     "backtrace",
+                                   "unwind",  "Unwind",  "dl",         "_init",  "_fini",    "cancel",
+                                   "cleanup", "thread",  "thrd",       "raise",  "sigreturn"};
   for (const char* part : parts) {
     if (std::strstr(name, part) != nullptr) return false;
   }

@@ -6,8 +6,9 @@
 // Of its own environment, for tests and measurements:
 //   MORA_RUN_TRACES      off: no traces; checked: after each installation of a trace the checker looks at what has
 //                        changed, and at the whole cache from time to time; checked-whole: at the whole cache each time
-//   MORA_RUN_HOT         how many executions make a block hot, up to 255, for programs that run their code a few times only
-//   MORA_RUN_TRACE_STATS a file to which each process that ends adds a line: its traces in numbers, "name=number ..."
+//   MORA_RUN_HOT         how many executions make a block hot, up to 255, for programs that run their code a few times
+//   only MORA_RUN_TRACE_STATS a file to which each process that ends adds a line: its traces in numbers, "name=number
+//   ..."
 #include <fcntl.h>
 #include <unistd.h>
 

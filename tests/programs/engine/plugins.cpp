@@ -18,12 +18,28 @@ void tell(const char* name, std::uint64_t value) { std::fprintf(stderr, "%s %lu\
 
 namespace {
 
-// events: how often each event came, and how many came with a context that cannot be. -----------------------------------
+// events: how often each event came, and how many came with a context that cannot be.
+// -----------------------------------
 
-constexpr const char* event_names[] = {"",           "pre_inst",      "post_inst",    "pre_bb",       "post_bb",
-                                       "pre_fragment", "post_fragment", "pre_syscall",  "post_syscall", "thread_init",
-                                       "thread_exit", "pre_function",  "post_function", "exit",        "vm_op",
-                                       "function_symbol", "elf_load",  "clone",        "flush"};
+constexpr const char* event_names[] = {"",
+                                       "pre_inst",
+                                       "post_inst",
+                                       "pre_bb",
+                                       "post_bb",
+                                       "pre_fragment",
+                                       "post_fragment",
+                                       "pre_syscall",
+                                       "post_syscall",
+                                       "thread_init",
+                                       "thread_exit",
+                                       "pre_function",
+                                       "post_function",
+                                       "exit",
+                                       "vm_op",
+                                       "function_symbol",
+                                       "elf_load",
+                                       "clone",
+                                       "flush"};
 
 std::atomic<std::uint64_t> event_counts[MORA_FLUSH + 1];
 std::atomic<std::uint64_t> wrong_contexts;
@@ -64,7 +80,8 @@ bool is_plausible(const mora_context* ctx) {
     case MORA_EXIT: return event_counts[MORA_THREAD_EXIT] == event_counts[MORA_THREAD_INIT];
     case MORA_VM_OP: return mora_get_vm_op(ctx) <= VM_PROTECT && mora_get_vm_addr(ctx) % 4096 == 0;
     case MORA_FUNCTION_SYMBOL: return mora_get_symbol_name(ctx)[0] != '\0' && mora_get_symbol_address(ctx) != 0;
-    case MORA_ELF_LOAD: return std::strstr(mora_get_loaded_path(ctx), "ld-linux") != nullptr && mora_get_loaded_fd(ctx) > 2;
+    case MORA_ELF_LOAD:
+      return std::strstr(mora_get_loaded_path(ctx), "ld-linux") != nullptr && mora_get_loaded_fd(ctx) > 2;
     case MORA_CLONE: return (mora_get_clone_args(ctx)[0] & 0x10000) != 0 && mora_get_child_stack(ctx) != 0;
     case MORA_FLUSH: return true;
     default: return false;
@@ -95,7 +112,8 @@ void add_events() {
   for (std::uint32_t event = 1; event <= MORA_FLUSH; ++event) mora_bind_event(plugin, event, count_event);
 }
 
-// instructions: how many the application has executed, counted by code at each of them. -----------------------------------
+// instructions: how many the application has executed, counted by code at each of them.
+// -----------------------------------
 
 std::uint64_t executed_instructions;
 
@@ -111,7 +129,8 @@ void add_instructions() {
   });
 }
 
-// system_calls: replaces some, changes others, and tries what is refused. --------------------------------------------------
+// system_calls: replaces some, changes others, and tries what is refused.
+// --------------------------------------------------
 
 constexpr std::uint64_t REPLACED_RESULT = 4242;
 std::uint64_t refusals;
@@ -160,7 +179,8 @@ void add_system_calls() {
   });
 }
 
-// forks: what a thread finds at its thread_init, in the process that begins and in those forked from it. -----------------
+// forks: what a thread finds at its thread_init, in the process that begins and in those forked from it.
+// -----------------
 
 int forking_thread_mark;
 

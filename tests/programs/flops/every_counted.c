@@ -26,14 +26,14 @@ static int features_of_this_processor(void) {
     unsigned long type, bits;
     int feature;
   } known[] = {
-      {AT_HWCAP, 1UL << 9 | 1UL << 10, NEEDS_HALVES},   // fphp asimdhp
-      {AT_HWCAP, 1UL << 13 | 1UL << 14, NEEDS_COMPLEX}, // jscvt fcma
-      {AT_HWCAP, 1UL << 23, NEEDS_HALF_PRODUCTS},       // asimdfhm
-      {AT_HWCAP2, 1UL << 8, NEEDS_ROUNDINGS},           // frint
-      {AT_HWCAP2, 1UL << 14, NEEDS_BFLOAT},             // bf16
-      {AT_HWCAP, 1UL << 22, NEEDS_SVE},                 // sve
-      {AT_HWCAP2, 1UL << 1, NEEDS_SVE2},                // sve2
-      {AT_HWCAP2, 1UL << 23, NEEDS_SME},                // sme
+      {AT_HWCAP, 1UL << 9 | 1UL << 10, NEEDS_HALVES},    // fphp asimdhp
+      {AT_HWCAP, 1UL << 13 | 1UL << 14, NEEDS_COMPLEX},  // jscvt fcma
+      {AT_HWCAP, 1UL << 23, NEEDS_HALF_PRODUCTS},        // asimdfhm
+      {AT_HWCAP2, 1UL << 8, NEEDS_ROUNDINGS},            // frint
+      {AT_HWCAP2, 1UL << 14, NEEDS_BFLOAT},              // bf16
+      {AT_HWCAP, 1UL << 22, NEEDS_SVE},                  // sve
+      {AT_HWCAP2, 1UL << 1, NEEDS_SVE2},                 // sve2
+      {AT_HWCAP2, 1UL << 23, NEEDS_SME},                 // sme
   };
   int found = 0;
   for (size_t index = 0; index < sizeof known / sizeof known[0]; ++index) {

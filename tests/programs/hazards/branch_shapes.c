@@ -8,8 +8,8 @@
 #include "../syscalls/check.h"
 
 // Each: long name(void), returning x10 as it is behind the branch.
-#define SHAPE(name, before, branch)                                                                \
-  long name(void);                                                                                 \
+#define SHAPE(name, before, branch) \
+  long name(void);                  \
   asm(".text\n.balign 4\n.globl " #name "\n" #name ":\n" before "\n" branch "\n  mov x0, x10\n  ret\n")
 
 SHAPE(next_b, "mov x10, #1", "b .+4");
@@ -18,7 +18,8 @@ SHAPE(next_cond_not, "mov x10, #3\n cmp x10, #2", "b.eq .+4");
 SHAPE(next_cbz, "mov x10, #4", "cbz x10, .+4");
 SHAPE(next_cbnz, "mov x10, #5", "cbnz w10, .+4");
 SHAPE(next_tbz, "mov x10, #6", "tbz x10, #40, .+4");
-SHAPE(next_bl, "mov x10, x30", "bl .+4\n sub x0, x30, #4\n adr x1, .-4\n mov x30, x10\n sub x10, x0, x1\n add x10, x10, #11");
+SHAPE(next_bl, "mov x10, x30",
+      "bl .+4\n sub x0, x30, #4\n adr x1, .-4\n mov x30, x10\n sub x10, x0, x1\n add x10, x10, #11");
 SHAPE(itself_cond_not, "mov x10, #8\n cmp x10, #2", "b.eq .");
 SHAPE(itself_cbz_not, "mov x10, #9", "cbz x10, .");
 SHAPE(itself_tbnz_not, "mov x10, #10", "tbnz x10, #2, .");
@@ -54,8 +55,8 @@ static unsigned word_at(unsigned long address) {
 }
 
 int main(void) {
-  long (*const shapes[])(void) = {next_b,  next_cond, next_cond_not, next_cbz, next_cbnz, next_tbz,
-                                  next_bl, itself_cond_not, itself_cbz_not, itself_tbnz_not};
+  long (*const shapes[])(void) = {next_b,   next_cond, next_cond_not,   next_cbz,       next_cbnz,
+                                  next_tbz, next_bl,   itself_cond_not, itself_cbz_not, itself_tbnz_not};
   for (int round = 0; round < 300; ++round) {
     for (int index = 0; index < 10; ++index) CHECK(shapes[index]() == (index == 6 ? 7 : index + 1));
   }

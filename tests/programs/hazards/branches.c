@@ -51,8 +51,8 @@ int main(void) {
       const int place = (branch - branches) / 2 % 2 == 0 ? index % count : count - 1 - index % count;
       const long result = branch->run(values[place]);
       if (result != is_taken(branch, values[place])) {
-        printf("row %ld, kind %ld, sense %ld, bit %ld: taken is %ld for %#lx\n", (long)(branch - branches), branch->kind,
-               branch->sense, branch->bit, result, values[place]);
+        printf("row %ld, kind %ld, sense %ld, bit %ld: taken is %ld for %#lx\n", (long)(branch - branches),
+               branch->kind, branch->sense, branch->bit, result, values[place]);
         return 1;
       }
       ++runs[branch->kind];

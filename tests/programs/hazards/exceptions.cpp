@@ -1,4 +1,5 @@
-// Exceptions through ten frames with destructors, thrown again on the way, through a library's code, and out of threads.
+// Exceptions through ten frames with destructors, thrown again on the way, through a library's code, and out of
+// threads.
 #include <algorithm>
 #include <cstdio>
 #include <stdexcept>

@@ -1,6 +1,6 @@
-// Loops of exclusive loads and stores of every size, with branches and a call between the two, among four threads. A block
-// that has its exit inside such a pair goes through the engine the first times and loses the reservation: the loop goes round
-// again.
+// Loops of exclusive loads and stores of every size, with branches and a call between the two, among four threads. A
+// block that has its exit inside such a pair goes through the engine the first times and loses the reservation: the
+// loop goes round again.
 #include <pthread.h>
 #include <stdint.h>
 
@@ -18,9 +18,11 @@ static struct {
   uint64_t called;
 } sums;
 
-#define ADD_ONE(load, store, width, place)                                                                     \
+#define ADD_ONE(load, store, width, place)                                                                          \
   asm volatile("1: " load " %" width "0, [%1]\n add %w0, %w0, #1\n " store " %w2, %" width "0, [%1]\n cbnz %w2, 1b" \
-               : "=&r"(value) : "r"(place), "r"(status) : "memory")
+               : "=&r"(value)                                                                                       \
+               : "r"(place), "r"(status)                                                                            \
+               : "memory")
 
 static void add_one_each(void) {
   uint64_t value;
@@ -28,21 +30,33 @@ static void add_one_each(void) {
   ADD_ONE("ldxrb", "stxrb", "w", &sums.byte);
   ADD_ONE("ldaxrh", "stlxrh", "w", &sums.quarter);
   ADD_ONE("ldxr", "stlxr", "w", &sums.half);
-  asm volatile("1: ldaxr x8, [%0]\n add x8, x8, #1\n stxr w9, x8, [%0]\n cbnz w9, 1b" : : "r"(&sums.word)
+  asm volatile("1: ldaxr x8, [%0]\n add x8, x8, #1\n stxr w9, x8, [%0]\n cbnz w9, 1b"
+               :
+               : "r"(&sums.word)
                : "x8", "x9", "memory");
   asm volatile("1: ldxp x8, x10, [%0]\n add x8, x8, #1\n sub x10, x10, #1\n stxp w9, x8, x10, [%0]\n cbnz w9, 1b"
-               : : "r"(sums.words) : "x8", "x9", "x10", "memory");
+               :
+               : "r"(sums.words)
+               : "x8", "x9", "x10", "memory");
 }
 
 // The value goes up by 2 if it is even, by 1 otherwise: it stays even but for its first step.
 static void add_with_branches(void) {
-  asm volatile("1: ldxr x8, [%0]\n tbz x8, #0, 2f\n b 3f\n2: add x8, x8, #1\n3: add x8, x8, #1\n"
-               "  stxr w9, x8, [%0]\n cbz w9, 4f\n b 1b\n4:" : : "r"(&sums.if_even) : "x8", "x9", "memory");
+  asm volatile(
+      "1: ldxr x8, [%0]\n tbz x8, #0, 2f\n b 3f\n2: add x8, x8, #1\n3: add x8, x8, #1\n"
+      "  stxr w9, x8, [%0]\n cbz w9, 4f\n b 1b\n4:"
+      :
+      : "r"(&sums.if_even)
+      : "x8", "x9", "memory");
 }
 
 static void add_with_call(void) {
-  asm volatile("b 2f\n1: add x8, x8, #3\n ret\n2: mov x10, x30\n3: ldaxr x8, [%0]\n bl 1b\n stlxr w9, x8, [%0]\n"
-               "  cbnz w9, 3b\n mov x30, x10" : : "r"(&sums.called) : "x8", "x9", "x10", "x30", "memory");
+  asm volatile(
+      "b 2f\n1: add x8, x8, #3\n ret\n2: mov x10, x30\n3: ldaxr x8, [%0]\n bl 1b\n stlxr w9, x8, [%0]\n"
+      "  cbnz w9, 3b\n mov x30, x10"
+      :
+      : "r"(&sums.called)
+      : "x8", "x9", "x10", "x30", "memory");
 }
 
 static void* work(void* argument) {

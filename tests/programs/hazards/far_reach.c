@@ -57,7 +57,8 @@ int main(void) {
     branch("tbz wzr, #0", 0x3600001f, 14, 5, way * 32768l - less);
     literal(way * (long)MIB - less);
     const long nearly = way > 0 ? 1 : 0;
-    address("adr", 0x10000000, way * (long)MIB - nearly, (unsigned long)middle + (unsigned long)(way * (long)MIB - nearly));
+    address("adr", 0x10000000, way * (long)MIB - nearly,
+            (unsigned long)middle + (unsigned long)(way * (long)MIB - nearly));
     address("adrp", 0x90000000, way * (long)MIB - nearly,
             ((unsigned long)middle & ~0xffful) + ((unsigned long)(way * (long)MIB - nearly) << 12));
   }

@@ -1,4 +1,5 @@
-// setjmp and longjmp: within a function, out of a hundred frames, again and again, and between two contexts of their own.
+// setjmp and longjmp: within a function, out of a hundred frames, again and again, and between two contexts of their
+// own.
 #include <setjmp.h>
 #include <ucontext.h>
 

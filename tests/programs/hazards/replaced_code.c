@@ -92,9 +92,9 @@ static void many_pages(void) {  // More ranges of code than one would keep a lis
   CHECK(munmap(pages, 2 * PAGES * page) == 0);
 }
 
-// long rewrite_and_call(void* page, long protection_size, unsigned long words, long rounds): makes `page_of_calls` writable,
-// writes the two words there, makes it executable, calls it directly, and begins anew with the first word's number one
-// higher. Returns the sum.
+// long rewrite_and_call(void* page, long protection_size, unsigned long words, long rounds): makes `page_of_calls`
+// writable, writes the two words there, makes it executable, calls it directly, and begins anew with the first word's
+// number one higher. Returns the sum.
 long rewrite_and_call(void* page, long size, unsigned long words, long rounds);
 extern char page_of_calls[];
 asm(".text\n.balign 4\n.globl rewrite_and_call\nrewrite_and_call:\n"

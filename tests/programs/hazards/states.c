@@ -11,10 +11,11 @@ extern const unsigned long needed_hwcap __attribute__((weak));  // What a file o
 
 static void fill(struct state* state) {
   for (unsigned index = 0; index < 31; ++index) state->words[index] = STATE_PATTERN + index;
-  state->words[STATE_NZCV_WORD] = 0xa0000000;   // N and C.
-  state->words[STATE_FPCR_WORD] = 0x03400000;   // Rounds up, flushes to zero, default NaN.
+  state->words[STATE_NZCV_WORD] = 0xa0000000;  // N and C.
+  state->words[STATE_FPCR_WORD] = 0x03400000;  // Rounds up, flushes to zero, default NaN.
   state->words[STATE_FPSR_WORD] = 0x0800000d;
-  for (unsigned index = STATE_Q_WORD; index < STATE_WORDS; ++index) state->words[index] = ~(index * 0x0101010101010101u);
+  for (unsigned index = STATE_Q_WORD; index < STATE_WORDS; ++index)
+    state->words[index] = ~(index * 0x0101010101010101u);
 }
 
 static int differs(const struct state_test* test, const struct state* before, const struct state* after, int round) {

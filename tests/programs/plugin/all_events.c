@@ -1,5 +1,5 @@
-// Makes each of the engine's events happen: a second thread, a function to watch, system calls, and executable memory that
-// goes away again.
+// Makes each of the engine's events happen: a second thread, a function to watch, system calls, and executable memory
+// that goes away again.
 #include <pthread.h>
 #include <stdio.h>
 #include <sys/mman.h>

@@ -1,5 +1,5 @@
-// Fills every register that code between two blocks could spoil, goes through a few blocks, and looks whether all is as it
-// was: the integer registers, the flags, the whole vector state, FPCR and FPSR. Tells which is not.
+// Fills every register that code between two blocks could spoil, goes through a few blocks, and looks whether all is as
+// it was: the integer registers, the flags, the whole vector state, FPCR and FPSR. Tells which is not.
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -10,14 +10,14 @@
 #endif
 
 struct state {
-  uint64_t x[31];   // x0 to x30; x0 is the block's own, x29 and x30 are not filled.
+  uint64_t x[31];  // x0 to x30; x0 is the block's own, x29 and x30 are not filled.
   uint64_t flags;
   uint64_t fpcr;
   uint64_t fpsr;
   uint8_t q[32][16];
 };
 
-void through_blocks(struct state* state);      // Fills from the state, goes through blocks, and stores back.
+void through_blocks(struct state* state);         // Fills from the state, goes through blocks, and stores back.
 void through_blocks_sve(uint8_t* z, uint8_t* p);  // The same with z0 to z31 at 256 bytes each, p0 to p15 and FFR at 32.
 
 static int differs(const char* what, unsigned long index, const void* before, const void* after, size_t size) {

@@ -1,5 +1,5 @@
-// Calls a function that calls itself, and library functions that call back: 1,093 calls of recursive_function, three deep
-// trees of seven levels, and a sort whose comparison sorts.
+// Calls a function that calls itself, and library functions that call back: 1,093 calls of recursive_function, three
+// deep trees of seven levels, and a sort whose comparison sorts.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -1,6 +1,6 @@
-// Asks the plug-in (getppid) for one signal that comes while a function of the plug-in's runs, and looks for it in a loop
-// that makes no system call. Its one block ends in a register branch, which finds its target in the cache each time: nothing
-// in it leads out of the cache. A loop of so many rounds without the signal has lost it.
+// Asks the plug-in (getppid) for one signal that comes while a function of the plug-in's runs, and looks for it in a
+// loop that makes no system call. Its one block ends in a register branch, which finds its target in the cache each
+// time: nothing in it leads out of the cache. A loop of so many rounds without the signal has lost it.
 #include <signal.h>
 #include <stdio.h>
 #include <unistd.h>

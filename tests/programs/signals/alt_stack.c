@@ -19,8 +19,10 @@ static void tick(int number) {
   char here;
   stack_t now;
   timer_ticked();
-  if (number == SIGALRM && is_on_stack(&here) && sigaltstack(NULL, &now) == 0 && (now.ss_flags & SS_ONSTACK)) ++on_it;
-  else ++elsewhere;
+  if (number == SIGALRM && is_on_stack(&here) && sigaltstack(NULL, &now) == 0 && (now.ss_flags & SS_ONSTACK))
+    ++on_it;
+  else
+    ++elsewhere;
 }
 
 static void overflow(int number, siginfo_t* info, void* context) {

@@ -38,8 +38,12 @@ static void* work(void* argument) {
     switch (my_number) {
       case 0: usleep(1000000); break;
       case 1: steps += getppid(); break;
-      case 2: while (!atomic_load(&stop)) ++steps; break;
-      default: for (int step = 0; step < 50; ++step) ++steps; break;
+      case 2:
+        while (!atomic_load(&stop)) ++steps;
+        break;
+      default:
+        for (int step = 0; step < 50; ++step) ++steps;
+        break;
     }
   }
   return argument;

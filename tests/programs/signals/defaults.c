@@ -25,7 +25,8 @@ static void child(int number, enum way way, int ready) {
   if (way == BY_THREAD) pthread_create(&thread, NULL, kill_all, (void*)(intptr_t)number);
   if (write(ready, "r", 1) != 1) _exit(2);
   if (way == RAISE) _exit(5);
-  if (way == SLEEPING) for (;;) pause();
+  if (way == SLEEPING)
+    for (;;) pause();
   for (;;) ++steps;
 }
 
@@ -60,7 +61,10 @@ static int fault_status(int kind) {
       case 2: __asm__ volatile("brk #0"); break;
       case 3: abort();
       case 4: ((void (*)(void))(uintptr_t)0x1000)(); break;
-      case 5: signal(SIGSEGV, SIG_IGN); *null = 1; break;  // A fault cannot be ignored.
+      case 5:
+        signal(SIGSEGV, SIG_IGN);
+        *null = 1;
+        break;  // A fault cannot be ignored.
       default: break;
     }
     _exit(5);
@@ -101,8 +105,8 @@ static void ignored(void) {
 }
 
 int main(int argc, char** argv) {
-  static const int numbers[] = {SIGHUP, SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE,
-                                SIGKILL, SIGSEGV, SIGSYS, SIGTERM, SIGUSR1, 40};
+  static const int numbers[] = {SIGHUP,  SIGILL,  SIGTRAP, SIGABRT, SIGBUS,  SIGFPE,
+                                SIGKILL, SIGSEGV, SIGSYS,  SIGTERM, SIGUSR1, 40};
   static const char* const faults[] = {"null", "undefined word", "brk", "abort", "jump to nothing", "null, ignored"};
   const int rounds = count_or(argc, argv, 1);
   guard_begin();

@@ -85,9 +85,7 @@ static int wait_for_stop(int options) {
   exit(1);
 }
 
-static void let_go(enum __ptrace_request way, int number) {
-  CHECK(ptrace(way, child, NULL, (void*)(long)number) == 0);
-}
+static void let_go(enum __ptrace_request way, int number) { CHECK(ptrace(way, child, NULL, (void*)(long)number) == 0); }
 
 // A breakpoint that has been hit, be it an older one that code was copied with, gives way to the word that was there.
 static void remove_breakpoint_at(unsigned long address) {
@@ -244,7 +242,8 @@ int main(int argc, char** argv) {
   }
   find_round(stop);  // The last one has been handled, too.
   let_go(PTRACE_KILL, 0);
-  if (getenv("EVERY_INSTRUCTION_TELLS")) fprintf(stderr, "%d places, %d rounds, %d missed\n", place_count, rounds, missed);
+  if (getenv("EVERY_INSTRUCTION_TELLS"))
+    fprintf(stderr, "%d places, %d rounds, %d missed\n", place_count, rounds, missed);
   CHECK(rounds > 0 && missed * 4 <= rounds);
   puts("every signal handled once, wherever it arrived");
   return 0;

@@ -1,7 +1,7 @@
-// What the handler of a fault finds: fault_places [ROUNDS]. The program counter is that of the access, and all registers are
-// those of the access, in code that runs once and in loops. A handler that repairs the page and returns goes on with the same
-// access; one that moves the program counter on skips it. A jump to memory that is not mapped faults at the target, and runs
-// what is mapped there later.
+// What the handler of a fault finds: fault_places [ROUNDS]. The program counter is that of the access, and all
+// registers are those of the access, in code that runs once and in loops. A handler that repairs the page and returns
+// goes on with the same access; one that moves the program counter on skips it. A jump to memory that is not mapped
+// faults at the target, and runs what is mapped there later.
 #include <pthread.h>
 #include <setjmp.h>
 #include <stdint.h>
@@ -13,7 +13,9 @@
 enum { PLACES = 1500, FIRST_BAD = 1000, STEP = 50 };
 
 #define LOOPS(X) X(load) X(store) X(pair) X(vector) X(exclusive) X(structures)
-#define DECLARE(name) long loop_##name(char* const* places, long count); extern char at_##name[];
+#define DECLARE(name)                                \
+  long loop_##name(char* const* places, long count); \
+  extern char at_##name[];
 LOOPS(DECLARE)
 extern char at_call[];
 long call_to(void* code, long argument);
@@ -44,7 +46,8 @@ static void expect(int holds, const char* what) {
 static void repair_or_skip(int number, siginfo_t* info, void* context) {
   mcontext_t* state = &((ucontext_t*)context)->uc_mcontext;
   ++faults;
-  expect(number == SIGSEGV && (char*)info->si_addr >= bad && (char*)info->si_addr < bad + page, "the address of the access");
+  expect(number == SIGSEGV && (char*)info->si_addr >= bad && (char*)info->si_addr < bad + page,
+         "the address of the access");
   expect(state->pc == (uint64_t)expected_pc, "pc");
   expect(state->regs[2] == (uint64_t)bad, "x2");
   expect(state->regs[5] == (uint64_t)expected_pc, "x5");

@@ -51,10 +51,22 @@ static char* beyond;
 
 static void cause(int number) {
   switch (number) {
-    case SIGSEGV: go_on_at = skip_load; load_from(unmapped); break;
-    case SIGBUS: go_on_at = skip_load; load_from(beyond); break;
-    case SIGTRAP: go_on_at = skip_brk; stop_here(); break;
-    default: go_on_at = skip_udf; undefined(); break;
+    case SIGSEGV:
+      go_on_at = skip_load;
+      load_from(unmapped);
+      break;
+    case SIGBUS:
+      go_on_at = skip_load;
+      load_from(beyond);
+      break;
+    case SIGTRAP:
+      go_on_at = skip_brk;
+      stop_here();
+      break;
+    default:
+      go_on_at = skip_udf;
+      undefined();
+      break;
   }
 }
 

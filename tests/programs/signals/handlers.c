@@ -33,7 +33,8 @@ static void on_user(int number) {
   ++depth;
   if (depth > deepest) deepest = depth;
   const int before = alarms;
-  if (mode != COUNT) while (alarms < before + 3) continue;  // Only a handler on top of this one ends it.
+  if (mode != COUNT)
+    while (alarms < before + 3) continue;  // Only a handler on top of this one ends it.
   --depth;
 }
 

@@ -1,6 +1,6 @@
-// What is sent with a signal reaches its handler: sent_with [ROUNDS]. In a loop of the program's own the handler finds the code,
-// the sender and the value that were sent: by another process, by another thread, by a timer, by the end of a child. Queued
-// signals come in their order, none is lost.
+// What is sent with a signal reaches its handler: sent_with [ROUNDS]. In a loop of the program's own the handler finds
+// the code, the sender and the value that were sent: by another process, by another thread, by a timer, by the end of a
+// child. Queued signals come in their order, none is lost.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <string.h>

@@ -1,5 +1,5 @@
-// A signal that comes while everything is being blocked: suspended [ROUNDS]. It is handled before it is blocked or in the
-// sigsuspend that follows, and never slept over. Another process sends one in each round, at about that moment.
+// A signal that comes while everything is being blocked: suspended [ROUNDS]. It is handled before it is blocked or in
+// the sigsuspend that follows, and never slept over. Another process sends one in each round, at about that moment.
 #include <sched.h>
 #include <sys/prctl.h>
 

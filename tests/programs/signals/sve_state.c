@@ -41,7 +41,8 @@ int main(int argc, char** argv) {
     const long used = length * 32 + length / 8 * 17;
     for (long index = 0; index < used; ++index) {
       if (before[index] == after[index]) continue;
-      fprintf(stderr, "byte %ld of %ld-byte vectors: %d before, %d after\n", index, length, before[index], after[index]);
+      fprintf(stderr, "byte %ld of %ld-byte vectors: %d before, %d after\n", index, length, before[index],
+              after[index]);
       exit(1);
     }
     CHECK(length >= 16 && after[length] == 5);

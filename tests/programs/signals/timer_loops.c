@@ -7,15 +7,15 @@
 
 #include "guard.h"
 
-#define LOOP(name)                    \
-  long loop_##name(volatile int*);    \
-  extern char loop_##name##_begin[];  \
-  extern char loop_##name##_end[];    \
+#define LOOP(name)                   \
+  long loop_##name(volatile int*);   \
+  extern char loop_##name##_begin[]; \
+  extern char loop_##name##_end[];   \
   extern char loop_##name##_out[];
-#define EVERY_LOOP(what)                                                                                    \
+#define EVERY_LOOP(what)                                                                                          \
   what(compare_zero) what(condition) what(bit) what(two_blocks) what(br_x0) what(br_x1) what(br_x2) what(blr_x30) \
-      what(call) what(system_call) what(long_block) what(forever) what(forever_register) what(signed_call)               \
-      what(forever_signed)
+      what(call) what(system_call) what(long_block) what(forever) what(forever_register) what(signed_call)        \
+          what(forever_signed)
 EVERY_LOOP(LOOP)
 
 struct loop {
@@ -39,7 +39,8 @@ static void tick(int number, siginfo_t* info, void* context) {
   if (number != SIGALRM || info->si_signo != SIGALRM) ++strange;
   if (state->pc < (unsigned long)running->begin || state->pc >= (unsigned long)running->end) return;
   for (int reg = 3; reg < 30; ++reg) {
-    if (reg != 8 && state->regs[reg] != ((0x2200UL + (unsigned long)reg) << 48 | (0x1100UL + (unsigned long)reg))) ++strange;
+    if (reg != 8 && state->regs[reg] != ((0x2200UL + (unsigned long)reg) << 48 | (0x1100UL + (unsigned long)reg)))
+      ++strange;
   }
   if (++inside < 3) return;
   flag = 1;
@@ -62,7 +63,8 @@ int main(int argc, char** argv) {
       timer_set(1000);
       const long changed = running->run(&flag);
       timer_set(0);
-      if (changed != 0 || strange != 0) fprintf(stderr, "%s: %ld changed, %d strange\n", running->name, changed, strange);
+      if (changed != 0 || strange != 0)
+        fprintf(stderr, "%s: %ld changed, %d strange\n", running->name, changed, strange);
       CHECK(changed == 0 && strange == 0 && inside >= 3);
       if (round == 0) printf("%s left intact\n", running->name);
     }

@@ -1,5 +1,5 @@
-// Calls that the engine looks into, at the edges of what they take: every result and error is printed. call_edges ends with
-// another run of itself, which tells what it has inherited.
+// Calls that the engine looks into, at the edges of what they take: every result and error is printed. call_edges ends
+// with another run of itself, which tells what it has inherited.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>

@@ -1,5 +1,5 @@
-// A program finds the standard descriptors closed that whoever executes it has closed: each set of them, and again with another
-// file put into the place of standard output.
+// A program finds the standard descriptors closed that whoever executes it has closed: each set of them, and again with
+// another file put into the place of standard output.
 #include <fcntl.h>
 #include <string.h>
 #include <sys/wait.h>

@@ -41,7 +41,8 @@ int main(void) {
   for (unsigned index = 0; index < 100; ++index) CHECK(call(both + 2 * index) == (int)index + 1000);
   for (unsigned round = 0; round < 20; ++round) {
     CHECK(munmap(both, page) == 0);
-    unsigned* again = mmap(both, page, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    unsigned* again =
+        mmap(both, page, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
     CHECK(again == both);
     write_function(both, 2000 + round);
     CHECK(call(both) == 2000 + (int)round);

@@ -51,9 +51,7 @@ static void* work(void* argument) {
   }
 }
 
-static void* end_it(void* argument) {
-  exit((int)(intptr_t)argument);
-}
+static void* end_it(void* argument) { exit((int)(intptr_t)argument); }
 
 int main(int argc, char** argv) {
   kind = argc > 1 ? argv[1] : "compute";

@@ -1,4 +1,5 @@
-// The first thread ends by pthread_exit. Others join it, go on, make more threads, and the last one's end is the process's.
+// The first thread ends by pthread_exit. Others join it, go on, make more threads, and the last one's end is the
+// process's.
 #include <pthread.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// A restartable sequence that a signal interrupts has to be begun again, or the kernel has to refuse its registration: a
-// program that counts on one and does not get it would lose its data. The C library must not have registered first
+// A restartable sequence that a signal interrupts has to be begun again, or the kernel has to refuse its registration:
+// a program that counts on one and does not get it would lose its data. The C library must not have registered first
 // (GLIBC_TUNABLES=glibc.pthread.rseq=0).
 #include <errno.h>
 #include <signal.h>

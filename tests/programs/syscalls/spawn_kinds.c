@@ -1,4 +1,5 @@
-// vfork, posix_spawn, system and popen, from one thread and among others, with the status and output of what they start.
+// vfork, posix_spawn, system and popen, from one thread and among others, with the status and output of what they
+// start.
 #include <pthread.h>
 #include <spawn.h>
 #include <stdatomic.h>

@@ -35,7 +35,8 @@ int main(void) {
   CHECK(pthread_key_create(&key, destroy) == 0);
   mine = 1;
   pthread_t threads[16];
-  for (intptr_t index = 0; index < 16; ++index) CHECK(pthread_create(&threads[index], NULL, work, (void*)(index + 1)) == 0);
+  for (intptr_t index = 0; index < 16; ++index)
+    CHECK(pthread_create(&threads[index], NULL, work, (void*)(index + 1)) == 0);
   for (int index = 0; index < 16; ++index) CHECK(pthread_join(threads[index], NULL) == 0);
   CHECK(mine == 1);
   printf("destroyed %d\n", atomic_load(&destroyed));

@@ -21,7 +21,8 @@ static long mapped_kib(void) {
     unsigned long start = 0;
     unsigned long end = 0;
     char readable = '-';
-    if (sscanf(line, "%lx-%lx %c", &start, &end, &readable) == 3 && readable == 'r') sum += (long)((end - start) / 1024);
+    if (sscanf(line, "%lx-%lx %c", &start, &end, &readable) == 3 && readable == 'r')
+      sum += (long)((end - start) / 1024);
   }
   fclose(maps);
   return sum;

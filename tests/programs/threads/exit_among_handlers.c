@@ -21,9 +21,9 @@ enum way {
   STORM,
   WAYS
 };
-static const char* const ways[] = {"handlers that loop",      "handlers that make calls",      "sigsuspend",
-                                   "handlers over sigsuspend", "handlers over ppoll",          "handlers over pselect",
-                                   "timers",                   "a storm of signals"};
+static const char* const ways[] = {
+    "handlers that loop",  "handlers that make calls", "sigsuspend", "handlers over sigsuspend",
+    "handlers over ppoll", "handlers over pselect",    "timers",     "a storm of signals"};
 static enum way way;
 static atomic_int started;
 static atomic_int handling;
@@ -57,7 +57,8 @@ static void* work(void* argument) {
     case HANDLER_OF_SIGSUSPEND: sigsuspend(&all); break;
     case HANDLER_OF_PPOLL: ppoll(NULL, 0, NULL, &all); break;
     case HANDLER_OF_PSELECT: pselect(0, NULL, NULL, NULL, NULL, &all); break;
-    default: for (;;) ++steps;
+    default:
+      for (;;) ++steps;
   }
   return argument;
 }
@@ -76,7 +77,8 @@ static void in_child(void) {
     set_period(atomic_load(&period));
     usleep(5000);
   } else if (way == STORM) {
-    // Faster than an emulated processor handles them. Not in this thread, which would not come to its own exit natively.
+    // Faster than an emulated processor handles them. Not in this thread, which would not come to its own exit
+    // natively.
     sigset_t storm;
     sigemptyset(&storm);
     sigaddset(&storm, SIGUSR1);

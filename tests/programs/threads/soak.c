@@ -2,11 +2,11 @@
 //
 //   soak SECONDS [THREADS [SEQUENCE [PROCESSES]]]          (defaults: 50, 10000, 500)
 //
-// SEQUENCE short-lived threads one after another, then PROCESSES children, ten at a time; then, until SECONDS have passed
-// since the beginning and five times at least, rounds of THREADS threads at once, which compute, get signals from the
-// first thread and from each other, and each make a child of their own. Prints for each stage what memory is resident
-// when it is over. Ends with status 1 if memory has grown over the threads in sequence, the first tenth apart, or from
-// the second round to the last.
+// SEQUENCE short-lived threads one after another, then PROCESSES children, ten at a time; then, until SECONDS have
+// passed since the beginning and five times at least, rounds of THREADS threads at once, which compute, get signals
+// from the first thread and from each other, and each make a child of their own. Prints for each stage what memory is
+// resident when it is over. Ends with status 1 if memory has grown over the threads in sequence, the first tenth apart,
+// or from the second round to the last.
 #include <errno.h>
 #include <pthread.h>
 #include <stdatomic.h>
@@ -174,7 +174,8 @@ int main(int argc, char** argv) {
     last = report("round", ++rounds);
     if (rounds == 2) second = last;
   }
-  printf("%ld rounds of %d threads, %ld signals; grown by %ld KiB over the threads in sequence, %ld KiB over the rounds\n",
-         rounds, thread_count, (long)signals_handled, grown, last - second);
+  printf(
+      "%ld rounds of %d threads, %ld signals; grown by %ld KiB over the threads in sequence, %ld KiB over the rounds\n",
+      rounds, thread_count, (long)signals_handled, grown, last - second);
   return grown > KIB_FOR_SEQUENCE || last - second > KIB_FOR_ROUNDS;
 }

@@ -39,7 +39,7 @@ __attribute__((target("arch=armv8.2-a+fp16"))) static float half_sum(void) {
   return total;
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   const int rounds = argc > 1 ? atoi(argv[1]) : 20;
   for (int index = 0; index < size; ++index) {
     doubles[index] = index * 0.25;

@@ -1,6 +1,6 @@
-// Ends inside a signal handler, as crash handlers do, on an alternate stack with nothing mapped around it. The argument is
-// how many bytes the stack has beyond the smallest one that a handler can have: with 11264 it is one of 16 KiB, the size
-// that programs usually take, where a signal's frame has no vector registers beyond 128 bits.
+// Ends inside a signal handler, as crash handlers do, on an alternate stack with nothing mapped around it. The argument
+// is how many bytes the stack has beyond the smallest one that a handler can have: with 11264 it is one of 16 KiB, the
+// size that programs usually take, where a signal's frame has no vector registers beyond 128 bits.
 #define _GNU_SOURCE
 #include <signal.h>
 #include <stdlib.h>

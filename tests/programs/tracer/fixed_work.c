@@ -8,15 +8,15 @@
 static pthread_barrier_t all_working;
 static atomic_int rounds_done;
 
-static void *work(void *seed) {
-  volatile double value = *(int *)seed;
+static void* work(void* seed) {
+  volatile double value = *(int*)seed;
   for (int round = 0; round < 1000; ++round) value = value * 0.5 + 1.0;
   atomic_fetch_add(&rounds_done, 1000);
   pthread_barrier_wait(&all_working);
   return NULL;
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   enum { most = 64 };
   const int threads = argc > 1 ? atoi(argv[1]) : 2;
   if (threads < 1 || threads > most) return 2;

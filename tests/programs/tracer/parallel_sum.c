@@ -1,5 +1,6 @@
-// An OpenMP loop with a static schedule on as many threads as OMP_NUM_THREADS says. Each thread has a part of its own of the
-// sum, and the first one adds them up: a reduction would add by compare-and-swap, and add again where two threads meet.
+// An OpenMP loop with a static schedule on as many threads as OMP_NUM_THREADS says. Each thread has a part of its own
+// of the sum, and the first one adds them up: a reduction would add by compare-and-swap, and add again where two
+// threads meet.
 #include <omp.h>
 #include <stdio.h>
 

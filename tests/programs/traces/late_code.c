@@ -14,14 +14,14 @@ int main(void) {
   CHECK(code != MAP_FAILED);
   for (int word = 0; word < WORDS; ++word) code[word] = UNALLOCATED;
   const uint32_t path[] = {
-      0xd2800001,                             // mov x1, #0
-      0xb4000000 | (LATE - 1) << 5,           // 1: cbz x0, the late place
-      0xf1000400,                             // subs x0, x0, #1
-      0x91000821,                             // add x1, x1, #2
-      0xf100001f,                             // cmp x0, #0
-      0x54ffff81,                             // b.ne 1b
-      0xaa0103e0,                             // mov x0, x1
-      0xd65f03c0,                             // ret
+      0xd2800001,                    // mov x1, #0
+      0xb4000000 | (LATE - 1) << 5,  // 1: cbz x0, the late place
+      0xf1000400,                    // subs x0, x0, #1
+      0x91000821,                    // add x1, x1, #2
+      0xf100001f,                    // cmp x0, #0
+      0x54ffff81,                    // b.ne 1b
+      0xaa0103e0,                    // mov x0, x1
+      0xd65f03c0,                    // ret
   };
   for (unsigned word = 0; word < sizeof path / 4; ++word) code[word] = path[word];
   __builtin___clear_cache((char*)code, (char*)(code + WORDS));

@@ -5,10 +5,10 @@
 
 #include "syscalls/check.h"
 
-#define EVERY_SHORT_PATH(what)                                                                               \
-  what(loop) what(pair) what(row_of_20) what(row_of_21) what(row_of_22) what(exits_21) what(exits_50)        \
-      what(returns) what(jumps) what(calls) what(nested) what(phases) what(empty_blocks) what(same_sides)    \
-          what(borrowed_registers) what(entered_tbz_near) what(entered_cbz_near) what(entered_condition_near)
+#define EVERY_SHORT_PATH(what)                                                                                       \
+  what(loop) what(pair) what(row_of_20) what(row_of_21) what(row_of_22) what(exits_21) what(exits_50) what(returns)  \
+      what(jumps) what(calls) what(nested) what(phases) what(empty_blocks) what(same_sides) what(borrowed_registers) \
+          what(entered_tbz_near) what(entered_cbz_near) what(entered_condition_near)
 
 #define DECLARE_PATH(name) long path_##name(long count);
 EVERY_SHORT_PATH(DECLARE_PATH)

@@ -1,6 +1,6 @@
-/* A Fourier transform by halves, forth and back, in the region "fft". Each butterfly is a complex product and two complex
- * sums, ten operations, and N log2(N) / 2 of them make one transform of N points: 5 N log2(N). Prints that number for both
- * transforms, and the largest difference to the input.
+/* A Fourier transform by halves, forth and back, in the region "fft". Each butterfly is a complex product and two
+ * complex sums, ten operations, and N log2(N) / 2 of them make one transform of N points: 5 N log2(N). Prints that
+ * number for both transforms, and the largest difference to the input.
  *
  *   fft [LOG2_OF_POINTS] */
 #include <math.h>

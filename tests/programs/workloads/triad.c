@@ -1,5 +1,5 @@
-/* The triad a = b + s c over arrays of doubles, in the region "triad": in each pass and for each element two operations,
- * 16 bytes read and 8 written. Prints what that makes.
+/* The triad a = b + s c over arrays of doubles, in the region "triad": in each pass and for each element two
+ * operations, 16 bytes read and 8 written. Prints what that makes.
  *
  *   triad [ELEMENTS [PASSES]] */
 #include <roofline_events.h>

@@ -10,9 +10,9 @@ struct node {
 static struct node nodes[512];
 static unsigned used;
 
-static struct node *insert(struct node *root, word key) {
+static struct node* insert(struct node* root, word key) {
   if (root == 0) {
-    struct node *fresh = &nodes[used++ % 512];
+    struct node* fresh = &nodes[used++ % 512];
     fresh->key = key;
     fresh->weight = (double)key / 3;
     return fresh;
@@ -25,11 +25,11 @@ static struct node *insert(struct node *root, word key) {
   return root;
 }
 
-static double total(const struct node *root) {
+static double total(const struct node* root) {
   return root == 0 ? 0 : root->weight + total(root->left) + total(root->right);
 }
 
-void multiply(int n, const float *restrict a, const float *restrict b, float *restrict c) {
+void multiply(int n, const float* restrict a, const float* restrict b, float* restrict c) {
   for (int i = 0; i < n; ++i) {
     for (int j = 0; j < n; ++j) {
       float sum = 0;
@@ -53,7 +53,7 @@ word mix(word x) {
   }
 }
 
-static void sort(word *values, int count) {
+static void sort(word* values, int count) {
   for (int gap = count / 2; gap > 0; gap /= 2) {
     for (int i = gap; i < count; ++i) {
       const word value = values[i];
@@ -66,7 +66,7 @@ static void sort(word *values, int count) {
 
 int main(void) {
   word values[256];
-  struct node *root = 0;
+  struct node* root = 0;
   word x = 42;
   for (int i = 0; i < 256; ++i) {
     x = mix(x + (word)i);

@@ -16,7 +16,7 @@ constexpr std::uint64_t shortening = 1000;
 // The members are the benchmarks' own affair; only a benchmark may name them.
 struct shortened : benchmark_std {
   static void shorten(benchmark_std& roof) {
-    roof.*&shortened::duration = 0.001;
+    roof.*& shortened::duration = 0.001;
     std::uint64_t& passes = roof.*&shortened::iterations;
     passes = std::max<std::uint64_t>(passes / shortening, 1);
   }

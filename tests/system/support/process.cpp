@@ -148,7 +148,8 @@ std::vector<std::string> log_lines_of_level(const std::string& text, const std::
   std::vector<std::string> lines;
   for (const std::string& line : log_lines(text)) {
     const std::size_t blank = line.find(' ');
-    if (blank != std::string::npos && line.compare(blank + 1, level.size() + 1, level + " ") == 0) lines.push_back(line);
+    if (blank != std::string::npos && line.compare(blank + 1, level.size() + 1, level + " ") == 0)
+      lines.push_back(line);
   }
   return lines;
 }

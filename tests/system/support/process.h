@@ -16,15 +16,16 @@ struct process_result {
 };
 
 struct process_options {
-  std::filesystem::path folder = {};                 // Working folder; empty: the test's own.
-  std::map<std::string, std::string> environment = {};// Added to the test's own.
-  unsigned user = 0;                                 // Run as this user if not 0.
-  unsigned descriptor_limit = 0;                     // RLIMIT_NOFILE if not 0.
-  int seconds_allowed = 240;                         // Killed then, which the status shows.
+  std::filesystem::path folder = {};                    // Working folder; empty: the test's own.
+  std::map<std::string, std::string> environment = {};  // Added to the test's own.
+  unsigned user = 0;                                    // Run as this user if not 0.
+  unsigned descriptor_limit = 0;                        // RLIMIT_NOFILE if not 0.
+  int seconds_allowed = 240;                            // Killed then, which the status shows.
 };
 
 // `words` is the argument vector, its first element the program (searched in PATH as execvp does).
-// `err` without the warnings of metrics that are 0 for want of an event: an emulated counter unit has none of the tool's.
+// `err` without the warnings of metrics that are 0 for want of an event: an emulated counter unit has none of the
+// tool's.
 std::string without_silent_metrics(const std::string& err);
 
 process_result run_process(const std::vector<std::string>& words, const process_options& options = {});

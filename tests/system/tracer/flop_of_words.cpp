@@ -1,5 +1,5 @@
-// Adds up the floating-point work of a list of executed instruction words: lines "WORD COUNT", the word in hexadecimal, on
-// standard input; the sum, in words too if asked by -v, on standard output. The list comes from outside of the tool.
+// Adds up the floating-point work of a list of executed instruction words: lines "WORD COUNT", the word in hexadecimal,
+// on standard input; the sum, in words too if asked by -v, on standard output. The list comes from outside of the tool.
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>

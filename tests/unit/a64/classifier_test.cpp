@@ -74,10 +74,10 @@ TEST(classifier, ldr_and_ldrb_with_an_unsigned_offset_are_both_ldr) {
 
 TEST(classifier, mnemonics_of_single_words) {
   const std::vector<std::pair<std::uint32_t, std::string>> expected = {
-      {0x1e602820, "fadd"}, {0x1e202030, "fcmp"},  {0xaa0003e0, "orr"},  {0x14000000, "b"},      {0x94000000, "bl"},
-      {0xd65f03c0, "ret"},  {0xd4000001, "svc"},   {0x91000420, "add"},  {0xf81f0ffe, "str"},    {0xd503233f, "hint"},
-      {0x10000000, "adr"},  {0x90000000, "adrp"},  {0xd5033bbf, "dmb"},  {0x9b017c00, "madd"},   {0xd53bd040, "mrs"},
-      {0x04e0e3e0, "cntd"}, {0x25d8e3e0, "ptrue"}, {0x65a00020, "fmla"}, {0xc00800ff, "zero"},   {0x4e284820, "aese"},
+      {0x1e602820, "fadd"}, {0x1e202030, "fcmp"},  {0xaa0003e0, "orr"},  {0x14000000, "b"},    {0x94000000, "bl"},
+      {0xd65f03c0, "ret"},  {0xd4000001, "svc"},   {0x91000420, "add"},  {0xf81f0ffe, "str"},  {0xd503233f, "hint"},
+      {0x10000000, "adr"},  {0x90000000, "adrp"},  {0xd5033bbf, "dmb"},  {0x9b017c00, "madd"}, {0xd53bd040, "mrs"},
+      {0x04e0e3e0, "cntd"}, {0x25d8e3e0, "ptrue"}, {0x65a00020, "fmla"}, {0xc00800ff, "zero"}, {0x4e284820, "aese"},
   };
   for (const auto& [word, mnemonic] : expected) EXPECT_EQ(instruction_mnemonic(word), mnemonic) << hex(word);
 }
@@ -274,14 +274,17 @@ TEST(classifier_overlaps, the_named_loose_rows_have_their_masks) {
     std::uint32_t value;
   };
   const std::vector<loose_row> loose = {
-      {"hint", 0xfffff01f, 0xd503201f}, {"ldr", 0x3fc00000, 0x39400000},  {"fmov", 0x7f20fc00, 0x1e200000},
-      {"orr", 0x7f200000, 0x2a000000},  {"fcmp", 0xff20fc07, 0x1e202000}, {"fcvtl", 0xbfbffc00, 0x0e217800},
+      {"hint", 0xfffff01f, 0xd503201f},  {"ldr", 0x3fc00000, 0x39400000},  {"fmov", 0x7f20fc00, 0x1e200000},
+      {"orr", 0x7f200000, 0x2a000000},   {"fcmp", 0xff20fc07, 0x1e202000}, {"fcvtl", 0xbfbffc00, 0x0e217800},
       {"fcvtn", 0xbfbffc00, 0x0e216800},
   };
   for (const loose_row& one : loose) {
-    EXPECT_TRUE(std::ranges::any_of(classifier_rows, [&one](const classifier_row& row) {
-      return name_of(row) == one.mnemonic && row.mask == one.mask && row.value == one.value;
-    })) << one.mnemonic << " " << hex(one.mask);
+    EXPECT_TRUE(std::ranges::any_of(classifier_rows,
+                                    [&one](const classifier_row& row) {
+                                      return name_of(row) == one.mnemonic && row.mask == one.mask &&
+                                             row.value == one.value;
+                                    }))
+        << one.mnemonic << " " << hex(one.mask);
   }
 }
 

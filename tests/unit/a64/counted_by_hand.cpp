@@ -18,8 +18,8 @@ constexpr std::uint32_t SCALAR = 0;
 constexpr std::uint32_t VECTOR = 1;
 
 // Kinds of encodings.
-constexpr unsigned FLOAT = 1;           // FP data-processing, the conversions to general registers among them.
-constexpr unsigned SIMD_SCALAR = 2;     // One element of a SIMD register.
+constexpr unsigned FLOAT = 1;        // FP data-processing, the conversions to general registers among them.
+constexpr unsigned SIMD_SCALAR = 2;  // One element of a SIMD register.
 constexpr unsigned SIMD_VECTOR = 4;
 constexpr unsigned PAIR = 8;            // SIMD scalar pairwise.
 constexpr unsigned ELEMENT = 16;        // By element, all four.
@@ -39,7 +39,8 @@ const std::map<std::string, rule>& rules() {
       for (const std::string& name : names) made[name] = {kinds, multiplier};
     };
     add({"fabs", "fadd", "fdiv", "fmax", "fmaxnm", "fmin", "fminnm", "fneg", "frinta", "frinti", "frintm", "frintn",
-         "frintp", "frintx", "frintz", "fsqrt", "fsub"}, SIMD_VECTOR | FLOAT, 1);
+         "frintp", "frintx", "frintz", "fsqrt", "fsub"},
+        SIMD_VECTOR | FLOAT, 1);
     add({"fccmp", "fccmpe", "fcmp", "fcsel"}, FLOAT, 1);
     add({"facge", "facgt", "fcmeq", "fcmge", "fcmgt", "fcmle", "fcmlt"}, SIMD_SCALAR | SIMD_VECTOR, 1);
     add({"faddp", "fmaxnmp", "fmaxp", "fminnmp", "fminp"}, PAIR | SIMD_VECTOR, 1);
@@ -70,14 +71,22 @@ struct scalable {
 };
 
 constexpr std::array<scalable, 17> SCALABLE = {{
-    {0x64200000, 0x64200400, 0xffa0fc00, HALF, 16, 0},    {0x64a00000, 0x64a00400, 0xffe0fc00, SINGLE, 8, 0},
-    {0x64e00000, 0x64e00400, 0xffe0fc00, DOUBLE, 4, 0},   {0xc1101000, 0xc1101010, 0xfff09030, HALF, 32, 0},
-    {0xc1500000, 0xc1500010, 0xfff09038, SINGLE, 16, 0},  {0xc1d00000, 0xc1d00010, 0xfff09838, DOUBLE, 8, 0},
-    {0xc1109000, 0xc1109010, 0xfff09070, HALF, 32, 0},    {0xc1508000, 0xc1508010, 0xfff09078, SINGLE, 16, 0},
-    {0xc1d08000, 0xc1d08010, 0xfff09878, DOUBLE, 8, 0},   {0xc1201800, 0xc1201808, 0xffb09c18, SINGLE, 16, 8},
-    {0xc1201c00, 0xc1201c08, 0xfff09c18, HALF, 64, 0},    {0xc1301800, 0xc1301808, 0xffb09c18, HALF, 128, 0},
-    {0xc1301c00, 0xc1301c08, 0xfff09c18, HALF, 128, 0},   {0xc1a01800, 0xc1a01808, 0xffa19c38, SINGLE, 16, 8},
-    {0xc1a01008, 0xc1a01018, 0xffe19c38, HALF, 64, 0},    {0xc1a11800, 0xc1a11808, 0xffa39c78, HALF, 128, 0},
+    {0x64200000, 0x64200400, 0xffa0fc00, HALF, 16, 0},
+    {0x64a00000, 0x64a00400, 0xffe0fc00, SINGLE, 8, 0},
+    {0x64e00000, 0x64e00400, 0xffe0fc00, DOUBLE, 4, 0},
+    {0xc1101000, 0xc1101010, 0xfff09030, HALF, 32, 0},
+    {0xc1500000, 0xc1500010, 0xfff09038, SINGLE, 16, 0},
+    {0xc1d00000, 0xc1d00010, 0xfff09838, DOUBLE, 8, 0},
+    {0xc1109000, 0xc1109010, 0xfff09070, HALF, 32, 0},
+    {0xc1508000, 0xc1508010, 0xfff09078, SINGLE, 16, 0},
+    {0xc1d08000, 0xc1d08010, 0xfff09878, DOUBLE, 8, 0},
+    {0xc1201800, 0xc1201808, 0xffb09c18, SINGLE, 16, 8},
+    {0xc1201c00, 0xc1201c08, 0xfff09c18, HALF, 64, 0},
+    {0xc1301800, 0xc1301808, 0xffb09c18, HALF, 128, 0},
+    {0xc1301c00, 0xc1301c08, 0xfff09c18, HALF, 128, 0},
+    {0xc1a01800, 0xc1a01808, 0xffa19c38, SINGLE, 16, 8},
+    {0xc1a01008, 0xc1a01018, 0xffe19c38, HALF, 64, 0},
+    {0xc1a11800, 0xc1a11808, 0xffa39c78, HALF, 128, 0},
     {0xc1a11008, 0xc1a11018, 0xffe39c78, HALF, 128, 0},
 }};
 
@@ -114,27 +123,20 @@ unsigned kind_of(const std::string& mnemonic, const classifier_row& row) {
   if (mnemonic == "fcvtxn") return ROUND_TO_ODD;
   if (mnemonic == "fcvtl" || mnemonic == "fcvtn") return CHANGED_SIZE;
   switch (row.format_id) {
-    case 65:
-      return FLOAT;
+    case 65: return FLOAT;
     case 59:
-    case 60:
-      return SIMD_SCALAR;
+    case 60: return SIMD_SCALAR;
     case 61:
-    case 62:
-      return SIMD_VECTOR;
+    case 62: return SIMD_VECTOR;
     case 63:
-    case 64:
-      return row.mask == 0xffbffc00 ? PAIR : SIMD_VECTOR;
+    case 64: return row.mask == 0xffbffc00 ? PAIR : SIMD_VECTOR;
     case 83:
     case 84:
     case 85:
-    case 86:
-      return ELEMENT;
+    case 86: return ELEMENT;
     case 1:
-    case 2:
-      return FIXED;
-    default:
-      return 0;
+    case 2: return FIXED;
+    default: return 0;
   }
 }
 
@@ -175,10 +177,8 @@ std::optional<expected_work> counted_by_hand(const classifier_row& row, std::uin
       if (precision == ~0U) return std::nullopt;
       return expected_work{precision, SCALAR, 1, multiplier};
     }
-    case SIMD_SCALAR:
-      return expected_work{row.format_id == 59 ? HALF : of_bit_22(word), SCALAR, 1, multiplier};
-    case PAIR:
-      return expected_work{row.format_id == 63 ? HALF : of_bit_22(word), SCALAR, 1, multiplier};
+    case SIMD_SCALAR: return expected_work{row.format_id == 59 ? HALF : of_bit_22(word), SCALAR, 1, multiplier};
+    case PAIR: return expected_work{row.format_id == 63 ? HALF : of_bit_22(word), SCALAR, 1, multiplier};
     case SIMD_VECTOR:
       return of_vector(row.format_id == 61 || row.format_id == 63 ? HALF : of_bit_22(word), word, multiplier);
     case ELEMENT:
@@ -193,8 +193,7 @@ std::optional<expected_work> counted_by_hand(const classifier_row& row, std::uin
     case ROUND_TO_ODD:
       if (row.format_id == 1) return expected_work{of_bit_22(word), SCALAR, 1, multiplier};
       return of_vector(of_bit_22(word), word, multiplier);
-    default:
-      return of_vector(of_bit_22(word), word, multiplier);
+    default: return of_vector(of_bit_22(word), word, multiplier);
   }
 }
 

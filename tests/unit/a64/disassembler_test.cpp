@@ -141,8 +141,8 @@ TEST_P(a64_disassembler, names_the_counted_instructions_as_llvm_but_for_the_list
       ++agreed;
       continue;
     }
-    const auto* found = std::ranges::find_if(
-        EXCEPTIONS, [&](const exception& one) { return covers(one, word, ours, theirs); });
+    const auto* found =
+        std::ranges::find_if(EXCEPTIONS, [&](const exception& one) { return covers(one, word, ours, theirs); });
     ASSERT_NE(found, EXCEPTIONS.end()) << hex(word) << " is " << ours << ", LLVM: " << text << ", seed " << seed;
     ++excused[static_cast<std::size_t>(found - EXCEPTIONS.begin())];
   }

@@ -53,30 +53,22 @@ std::set<shape> shapes_of(const flop_key& key, const std::string& mnemonic) {
   const shape half_8{FLOP_HALF, 8};
   switch (key.layout) {
     case flop_layout::FP_DATA_PROCESSING:
-    case flop_layout::SCALAR_FIXED_POINT:
-      return {{FLOP_HALF, 1}, {FLOP_SINGLE, 1}, double_1};
-    case flop_layout::SCALAR_HALF:
-      return {{FLOP_HALF, 1}};
+    case flop_layout::SCALAR_FIXED_POINT: return {{FLOP_HALF, 1}, {FLOP_SINGLE, 1}, double_1};
+    case flop_layout::SCALAR_HALF: return {{FLOP_HALF, 1}};
     case flop_layout::SCALAR_SINGLE_DOUBLE:
       if (mnemonic == "fcvtxn") return {double_1};
       return {{FLOP_SINGLE, 1}, double_1};
-    case flop_layout::VECTOR_HALF:
-      return {half_4, half_8};
+    case flop_layout::VECTOR_HALF: return {half_4, half_8};
     case flop_layout::VECTOR_SINGLE_DOUBLE:
       if (mnemonic == "fcvtxn") return {double_1, double_2};
       if (mnemonic == "fcvtl" || mnemonic == "fcvtn") return {single_2, single_4, double_1, double_2};
       if (reduction) return {single_4};
       return {single_2, single_4, double_2};
-    case flop_layout::VECTOR_FIXED_POINT:
-      return {half_4, half_8, single_2, single_4, double_2};
-    case flop_layout::SCALABLE_HALF:
-      return {{FLOP_HALF, key.count}};
-    case flop_layout::SCALABLE_SINGLE:
-      return {{FLOP_SINGLE, key.count}};
-    case flop_layout::SCALABLE_DOUBLE:
-      return {{FLOP_DOUBLE, key.count}};
-    case flop_layout::SCALABLE_SINGLE_DOUBLE:
-      return {{FLOP_SINGLE, key.count}, {FLOP_DOUBLE, key.count / 2U}};
+    case flop_layout::VECTOR_FIXED_POINT: return {half_4, half_8, single_2, single_4, double_2};
+    case flop_layout::SCALABLE_HALF: return {{FLOP_HALF, key.count}};
+    case flop_layout::SCALABLE_SINGLE: return {{FLOP_SINGLE, key.count}};
+    case flop_layout::SCALABLE_DOUBLE: return {{FLOP_DOUBLE, key.count}};
+    case flop_layout::SCALABLE_SINGLE_DOUBLE: return {{FLOP_SINGLE, key.count}, {FLOP_DOUBLE, key.count / 2U}};
   }
   return {};
 }

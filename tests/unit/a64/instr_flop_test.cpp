@@ -114,7 +114,7 @@ TEST(instr_flop, a_reduction_counts_all_elements_of_its_source) {
 // That of a constant to a vector of halves has the words of a conversion to fixed-point with no shift amount, whose row
 // comes first in the classifier. A move is no work, whatever its encoding.
 TEST(instr_flop, fmov_counts_in_no_encoding) {
-  EXPECT_STREQ(instruction_mnemonic(0x0f03fe00), "fcvtzs");             // fmov v0.4h, #1.0
+  EXPECT_STREQ(instruction_mnemonic(0x0f03fe00), "fcvtzs");  // fmov v0.4h, #1.0
   for (std::uint32_t constant_and_register = 0; constant_and_register < 1U << 13; ++constant_and_register) {
     const std::uint32_t operands = (constant_and_register >> 10) << 16 | (constant_and_register & 0x3ff);
     EXPECT_EQ(counted(0x0f00fc00 | operands), std::nullopt) << operands;  // fmov v.4h, #c
@@ -133,16 +133,26 @@ TEST(instr_flop, the_conversions_that_share_its_row_count_as_before) {
 
 TEST(instr_flop, what_only_sounds_like_work_does_not_count) {
   const std::vector<std::pair<const char*, std::uint32_t>> words = {
-      {"fabd d0, d1, d2", 0x7ee2d420},         {"fabd v0.4s, v1.4s, v2.4s", 0x6ea2d420},
-      {"fcvt d0, s1", 0x1e22c020},             {"fmov d0, d1", 0x1e604020},
-      {"fmov x0, d0", 0x9e660000},             {"scvtf d0, x1", 0x9e620020},
-      {"ucvtf d0, x1", 0x9e630020},            {"scvtf v0.2d, v1.2d", 0x4e61d820},
-      {"frecpe d0, d1", 0x5ee1d820},           {"frecpx d0, d1", 0x5ee1f820},
-      {"frsqrte d0, d1", 0x7ee1d820},          {"fcadd v0.2d, v1.2d, v2.2d, #90", 0x6ec2e420},
-      {"fcmla v0.2d, v1.2d, v2.2d, #0", 0x6ec2c420}, {"fjcvtzs w0, d1", 0x1e7e0020},
-      {"fmlal v0.4s, v1.4h, v2.4h", 0x4e22ec20}, {"frint32z d0, d1", 0x1e684020},
-      {"frint64x d0, d1", 0x1e69c020},         {"bfdot v0.4s, v1.8h, v2.8h", 0x6e42fc20},
-      {"fadd z0.d, z1.d, z2.d", 0x65c20020},   {"fmmla z0.d, z1.d, z2.d", 0x64e2e420},
+      {"fabd d0, d1, d2", 0x7ee2d420},
+      {"fabd v0.4s, v1.4s, v2.4s", 0x6ea2d420},
+      {"fcvt d0, s1", 0x1e22c020},
+      {"fmov d0, d1", 0x1e604020},
+      {"fmov x0, d0", 0x9e660000},
+      {"scvtf d0, x1", 0x9e620020},
+      {"ucvtf d0, x1", 0x9e630020},
+      {"scvtf v0.2d, v1.2d", 0x4e61d820},
+      {"frecpe d0, d1", 0x5ee1d820},
+      {"frecpx d0, d1", 0x5ee1f820},
+      {"frsqrte d0, d1", 0x7ee1d820},
+      {"fcadd v0.2d, v1.2d, v2.2d, #90", 0x6ec2e420},
+      {"fcmla v0.2d, v1.2d, v2.2d, #0", 0x6ec2c420},
+      {"fjcvtzs w0, d1", 0x1e7e0020},
+      {"fmlal v0.4s, v1.4h, v2.4h", 0x4e22ec20},
+      {"frint32z d0, d1", 0x1e684020},
+      {"frint64x d0, d1", 0x1e69c020},
+      {"bfdot v0.4s, v1.8h, v2.8h", 0x6e42fc20},
+      {"fadd z0.d, z1.d, z2.d", 0x65c20020},
+      {"fmmla z0.d, z1.d, z2.d", 0x64e2e420},
   };
   for (const auto& [text, word] : words) EXPECT_EQ(text_of(counted(word)), "not counted") << text << " " << hex(word);
 }
@@ -188,9 +198,12 @@ TEST(flop_table, has_all_its_keys_among_the_rows_and_each_counts_in_the_table_wr
     });
     ASSERT_NE(row, classifier_rows.end()) << key.form_id << ", " << key.format_id;
     const std::set<std::uint32_t> words = variants(*row);
-    EXPECT_TRUE(std::ranges::any_of(words, [&](std::uint32_t word) {
-      return find_classifier_row(word) == &*row && counted_by_hand(*row, word).has_value();
-    })) << mnemonic_names[row->mnemonic_id] << " " << hex(row->value);
+    EXPECT_TRUE(std::ranges::any_of(words,
+                                    [&](std::uint32_t word) {
+                                      return find_classifier_row(word) == &*row &&
+                                             counted_by_hand(*row, word).has_value();
+                                    }))
+        << mnemonic_names[row->mnemonic_id] << " " << hex(row->value);
   }
 }
 
@@ -212,9 +225,8 @@ TEST(flop_table, has_a_key_for_every_row_that_the_table_written_by_hand_counts) 
 }
 
 TEST(flop_table, is_sorted_for_its_search) {
-  EXPECT_TRUE(std::ranges::is_sorted(flop_keys, {}, [](const flop_key& key) {
-    return std::pair(key.form_id, key.format_id);
-  }));
+  EXPECT_TRUE(
+      std::ranges::is_sorted(flop_keys, {}, [](const flop_key& key) { return std::pair(key.form_id, key.format_id); }));
 }
 
 TEST(flop_table, counts_random_words_as_the_table_written_by_hand) {

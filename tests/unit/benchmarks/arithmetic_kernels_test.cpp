@@ -31,8 +31,8 @@ void fadd_pass(register_file& registers) {
   for (const int addend : {1, 0}) {
     for (const int accumulator : fadd_accumulators) {
       for (int lane = 0; lane < static_cast<int>(16 / sizeof(Lane)); ++lane) {
-        const Lane sum = static_cast<Lane>(get_lane<Lane>(registers, accumulator, lane) +
-                                           get_lane<Lane>(registers, addend, lane));
+        const Lane sum =
+            static_cast<Lane>(get_lane<Lane>(registers, accumulator, lane) + get_lane<Lane>(registers, addend, lane));
         set_lane(registers, accumulator, lane, sum);
       }
     }
@@ -190,7 +190,8 @@ TEST_P(every_arithmetic_kernel, overwrites_its_own_registers_and_no_others) {
 TEST_P(every_arithmetic_kernel, runs_on_infinities_and_nans) {
   const kernel_facts& kernel = GetParam();
   register_file registers = marked_registers();
-  for (int n = 0; n < 32; ++n) registers.v[n][0] = registers.v[n][1] = n % 2 == 0 ? ~std::uint64_t{0} : 0x7ff0000000000000;
+  for (int n = 0; n < 32; ++n)
+    registers.v[n][0] = registers.v[n][1] = n % 2 == 0 ? ~std::uint64_t{0} : 0x7ff0000000000000;
   registers.x[1] = 5;
   registers.x[2] = *kernel.address_word;
   probe_registers(flops_kernel_trampoline, &registers);
@@ -199,8 +200,8 @@ TEST_P(every_arithmetic_kernel, runs_on_infinities_and_nans) {
 
 // An object to enter the kernel by, with a field of the frame opened.
 struct open_flops : flops {
-  using flops::flops;
   using flops::duration;
+  using flops::flops;
   using flops::kernel_calls;
 };
 

@@ -240,7 +240,8 @@ TEST_F(frame, goes_on_sleeping_for_the_rest_after_a_signal) {
   };
   counting_benchmark benchmark(0, 1.5);
   benchmark();
-  EXPECT_THAT(asked, testing::ElementsAre(testing::Pair(1, 500'000'000), testing::Pair(0, 1000), testing::Pair(0, 2000)));
+  EXPECT_THAT(asked,
+              testing::ElementsAre(testing::Pair(1, 500'000'000), testing::Pair(0, 1000), testing::Pair(0, 2000)));
 }
 
 TEST_F(frame, ends_its_sleep_on_an_error_that_is_no_signal) {
@@ -308,9 +309,10 @@ TEST_F(frame, warns_of_each_thread_that_cannot_be_pinned_and_measures_on) {
   seams.pinning_error = EINVAL;
   counting_benchmark benchmark(2, 0.05);
   benchmark();
-  EXPECT_THAT(test::logged_texts(LEVEL_WARN),
-              testing::UnorderedElementsAre("Error calling sched_setaffinity for 0 thread with error:Invalid argument",
-                                            "Error calling sched_setaffinity for 1 thread with error:Invalid argument"));
+  EXPECT_THAT(
+      test::logged_texts(LEVEL_WARN),
+      testing::UnorderedElementsAre("Error calling sched_setaffinity for 0 thread with error:Invalid argument",
+                                    "Error calling sched_setaffinity for 1 thread with error:Invalid argument"));
   EXPECT_GT(benchmark.kernel_calls, 0u);
 }
 

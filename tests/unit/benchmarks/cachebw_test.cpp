@@ -96,7 +96,7 @@ TEST_F(bandwidth, of_a_million_calls_of_a_thousand_passes_of_256_bytes_in_a_seco
 }
 
 TEST_F(bandwidth, is_rounded_down) {
-  EXPECT_EQ(result_of(256, 1'000, 7'812, 1.0), 1u);   // 1.999 GB/s
+  EXPECT_EQ(result_of(256, 1'000, 7'812, 1.0), 1u);  // 1.999 GB/s
   EXPECT_EQ(result_of(250, 1'000, 8'000, 1.0), 2u);
 }
 
@@ -104,7 +104,9 @@ TEST_F(bandwidth, below_one_gigabyte_a_second_is_0) { EXPECT_EQ(result_of(256, 1
 
 TEST_F(bandwidth, is_divided_by_the_measured_seconds) { EXPECT_EQ(result_of(256, 1'000, 1'000'000, 2.0), 128u); }
 
-TEST_F(bandwidth, counts_its_bytes_in_sixty_four_bits) { EXPECT_EQ(result_of(256, 1'000'000, 20'000'000, 10.0), 512'000u); }
+TEST_F(bandwidth, counts_its_bytes_in_sixty_four_bits) {
+  EXPECT_EQ(result_of(256, 1'000'000, 20'000'000, 10.0), 512'000u);
+}
 
 TEST_F(bandwidth, of_nothing_in_no_time_is_0) { EXPECT_EQ(result_of(256, 1'000, 0, 0.0), 0u); }
 
@@ -146,10 +148,11 @@ TEST_F(bandwidth, is_measured_in_the_frame) {
 
 TEST_F(bandwidth, logs_whether_it_wants_local_memory) {
   open_cachebw("roof", 1, idle_kernel, 256, 1024, false, 1.0);
-  EXPECT_THAT(test::logged_lines(),
-              testing::ElementsAre(
-                  test::logged_line{"src/benchmarks/cachebw", "cachebw", LEVEL_DEBUG, "useLocalNuma is 0"},
-                  test::logged_line{"src/benchmarks/dataalloc", "data_alloc", LEVEL_DEBUG, "data_alloc is initiated."}));
+  EXPECT_THAT(
+      test::logged_lines(),
+      testing::ElementsAre(
+          test::logged_line{"src/benchmarks/cachebw", "cachebw", LEVEL_DEBUG, "useLocalNuma is 0"},
+          test::logged_line{"src/benchmarks/dataalloc", "data_alloc", LEVEL_DEBUG, "data_alloc is initiated."}));
 }
 
 TEST_F(bandwidth, asks_for_four_bytes_an_element_and_thread) {
@@ -181,9 +184,8 @@ TEST_F(bandwidth, logs_an_allocation_that_fails_and_goes_on) {
   no_memory = true;
   data_alloc allocator(1, 1024);
   EXPECT_EQ(allocator.get_data(0), nullptr);
-  EXPECT_THAT(test::logged_lines(),
-              testing::Contains(test::logged_line{"src/benchmarks/dataalloc", "data_alloc", LEVEL_WARN,
-                                                  "failed to allocate data."}));
+  EXPECT_THAT(test::logged_lines(), testing::Contains(test::logged_line{"src/benchmarks/dataalloc", "data_alloc",
+                                                                        LEVEL_WARN, "failed to allocate data."}));
 }
 
 TEST_F(bandwidth, faults_on_the_first_thread_after_an_allocation_that_failed) {

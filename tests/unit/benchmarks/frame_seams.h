@@ -18,11 +18,11 @@ struct affinity_call {
 };
 
 struct frame_seams {
-  std::optional<int> processors;                   // What the machine is said to have.
-  std::optional<int> pinning_error;                // Every pinning fails with this errno.
-  std::optional<int> threads_to_allow;             // The creation of a thread beyond these fails.
+  std::optional<int> processors;                         // What the machine is said to have.
+  std::optional<int> pinning_error;                      // Every pinning fails with this errno.
+  std::optional<int> threads_to_allow;                   // The creation of a thread beyond these fails.
   std::function<int(const timespec&, timespec*)> sleep;  // Instead of nanosleep: a result, errno set if it is -1.
-  std::function<void()> before_clock;              // Called before each reading of the clock.
+  std::function<void()> before_clock;                    // Called before each reading of the clock.
 
   static frame_seams& get();
   static std::vector<affinity_call> affinity_calls();  // So far, in any order.

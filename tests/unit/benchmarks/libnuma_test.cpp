@@ -18,9 +18,9 @@
 
 namespace {
 
-std::string variant;       // The folder of the library that dlopen finds.
-int opened = 0;            // Calls of dlopen.
-bool no_origin = false;    // dlinfo fails.
+std::string variant;     // The folder of the library that dlopen finds.
+int opened = 0;          // Calls of dlopen.
+bool no_origin = false;  // dlinfo fails.
 void* handle_opened = nullptr;
 
 }  // namespace
@@ -100,9 +100,7 @@ void measure() {
   roof();
 }
 
-std::size_t library_counter(const char* name) {
-  return *static_cast<std::size_t*>(dlsym(handle_opened, name));
-}
+std::size_t library_counter(const char* name) { return *static_cast<std::size_t*>(dlsym(handle_opened, name)); }
 
 void expect_clean_exit(const outcome& result) { EXPECT_EQ(result.status, 0) << result.text; }
 

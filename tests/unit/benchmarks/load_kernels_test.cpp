@@ -23,8 +23,8 @@ struct kernel_facts {
   load_kernel call;
   const std::uint64_t* data_word;
   std::uint64_t expected_data_word;
-  std::uint64_t step;             // Bytes that the cursor moves on in one pass.
-  int first_register;             // The vector register that is loaded from the start of the pass.
+  std::uint64_t step;  // Bytes that the cursor moves on in one pass.
+  int first_register;  // The vector register that is loaded from the start of the pass.
   std::set<int> vector_registers;
 };
 
@@ -41,16 +41,16 @@ std::set<int> both(std::set<int> numbers, const std::set<int>& more) {
 
 std::vector<kernel_facts> all_kernels() {
   return {
-      {"cachebw_ldp_256", &cachebw_ldp_256, call_load_kernel<cachebw_ldp_256>, &cachebw_ldp_256_bytes_per_iteration, 256,
-       256, 0, both(range(0, 7), range(16, 23))},
-      {"cachebw_ld1_256", &cachebw_ld1_256, call_load_kernel<cachebw_ld1_256>, &cachebw_ld1_256_bytes_per_iteration, 256,
-       256, 0, range(0, 15)},
-      {"cachebw_ldp_512", &cachebw_ldp_512, call_load_kernel<cachebw_ldp_512>, &cachebw_ldp_512_bytes_per_iteration, 512,
-       512, 0, range(0, 31)},
+      {"cachebw_ldp_256", &cachebw_ldp_256, call_load_kernel<cachebw_ldp_256>, &cachebw_ldp_256_bytes_per_iteration,
+       256, 256, 0, both(range(0, 7), range(16, 23))},
+      {"cachebw_ld1_256", &cachebw_ld1_256, call_load_kernel<cachebw_ld1_256>, &cachebw_ld1_256_bytes_per_iteration,
+       256, 256, 0, range(0, 15)},
+      {"cachebw_ldp_512", &cachebw_ldp_512, call_load_kernel<cachebw_ldp_512>, &cachebw_ldp_512_bytes_per_iteration,
+       512, 512, 0, range(0, 31)},
       {"cachebw_ldr_64", &cachebw_ldr_64, call_load_kernel<cachebw_ldr_64>, &cachebw_ldr_64_bytes_per_iteration, 64, 64,
        27, range(27, 30)},
-      {"cachebw_ldp_str", &cachebw_ldp_str, call_load_kernel<cachebw_ldp_str>, &cachebw_ldp_str_bytes_per_iteration, 384,
-       256, 0, both(range(0, 7), range(16, 23))},
+      {"cachebw_ldp_str", &cachebw_ldp_str, call_load_kernel<cachebw_ldp_str>, &cachebw_ldp_str_bytes_per_iteration,
+       384, 256, 0, both(range(0, 7), range(16, 23))},
   };
 }
 

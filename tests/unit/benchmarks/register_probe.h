@@ -8,8 +8,8 @@
 
 // The offsets are known to register_probe.S.
 struct register_file {
-  std::uint64_t x[31];       // x16 and x30 are set by the call itself.
-  std::uint64_t sp_moved;    // How far the stack pointer had moved when the code came back.
+  std::uint64_t x[31];     // x16 and x30 are set by the call itself.
+  std::uint64_t sp_moved;  // How far the stack pointer had moved when the code came back.
   std::uint64_t v[32][2];
 };
 static_assert(offsetof(register_file, sp_moved) == 248 && offsetof(register_file, v) == 256);

@@ -115,9 +115,9 @@ TEST_F(driver, tells_the_user_once_that_it_begins) {
 
 TEST_F(driver, runs_the_first_list_once_and_makes_the_second_anew_for_each_count) {
   run({8, 2}, {{fake("A", 1), fake("B", 1)}, {fake("C", 1), fake("D", 1)}}, 4);
-  EXPECT_THAT(events, ElementsAre("make A 2", "make B 2", "run A", "run B",                                     //
-                                  "make C 2", "make D 2", "run C", "run D", "destroy C", "destroy D",           //
-                                  "make C 8", "make D 8", "run C", "run D", "destroy C", "destroy D",           //
+  EXPECT_THAT(events, ElementsAre("make A 2", "make B 2", "run A", "run B",                            //
+                                  "make C 2", "make D 2", "run C", "run D", "destroy C", "destroy D",  //
+                                  "make C 8", "make D 8", "run C", "run D", "destroy C", "destroy D",  //
                                   "destroy A", "destroy B"));
 }
 
@@ -190,10 +190,10 @@ TEST_F(driver, reports_name_unit_and_kind_in_the_order_of_the_lists) {
 TEST_F(driver, logs_each_value_at_debug_as_it_is_reported) {
   test::reset_log(LEVEL_DEBUG);
   run({1, 2}, {{fake("A", 21)}, {fake("B", 7, false)}}, 4);
-  EXPECT_THAT(test::logged_texts(LEVEL_DEBUG), ElementsAre("A benchmark for num_thread=1 result: 21 GFLOPS",
-                                                           "B benchmark for num_thread=1 result: 7 GB/s",
-                                                           "A benchmark for num_thread=2 result: 42 GFLOPS",
-                                                           "B benchmark for num_thread=2 result: 7 GB/s"));
+  EXPECT_THAT(
+      test::logged_texts(LEVEL_DEBUG),
+      ElementsAre("A benchmark for num_thread=1 result: 21 GFLOPS", "B benchmark for num_thread=1 result: 7 GB/s",
+                  "A benchmark for num_thread=2 result: 42 GFLOPS", "B benchmark for num_thread=2 result: 7 GB/s"));
   for (const test::logged_line& line : test::logged_lines()) {
     EXPECT_EQ(line.source, "src/collector");
     EXPECT_EQ(line.function, "run_benchmarks");

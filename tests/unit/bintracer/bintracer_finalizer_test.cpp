@@ -80,8 +80,8 @@ TEST_F(tracer_finalizer, block_of_64_instructions_is_one_part) {
   const log_capture log(LEVEL_TRACE);
   EXPECT_EQ(metrics_of(std::vector<std::uint32_t>(64, fadd_double)).flop, 64);
   const std::string path = folder / "module";
-  EXPECT_THAT(log.messages(), Contains("trace Read basic block from module " + path +
-                                       ", start_off=0, end_of=100, partial_bb_num=1"));
+  EXPECT_THAT(log.messages(),
+              Contains("trace Read basic block from module " + path + ", start_off=0, end_of=100, partial_bb_num=1"));
   EXPECT_THAT(log.messages(), Contains("trace Read partial basic block start_off=0, partial_bb_size=100"));
 }
 
@@ -264,7 +264,8 @@ TEST_F(tracer_finalizer, most_detailed_log_names_the_instructions_of_every_threa
   EXPECT_EQ(report().regions.at(0).bbs.find(code)->count, 3);
   const std::vector<std::string> lines = log.messages();
   EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                       "trace instr_off=0, instr_flop.precision=2, instr_flop.fclass=0, instr_flop.count=1"), 3);
+                       "trace instr_off=0, instr_flop.precision=2, instr_flop.fclass=0, instr_flop.count=1"),
+            3);
 }
 
 TEST_F(tracer_finalizer, merged_block_keeps_what_the_newest_thread_has_but_for_the_count) {
@@ -417,8 +418,9 @@ TEST_F(tracer_finalizer, module_of_many_blocks_is_opened_once) {
   const bintracer_report result = report();
   EXPECT_EQ(result.regions.at(0).bbs.size(), 100U);
   const std::vector<std::string> lines = log.messages();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                       "debug Try to open file " + std::filesystem::canonical(module).string()), 1);
+  EXPECT_EQ(
+      std::count(lines.begin(), lines.end(), "debug Try to open file " + std::filesystem::canonical(module).string()),
+      1);
 }
 
 }  // namespace

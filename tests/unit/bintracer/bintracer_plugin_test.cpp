@@ -111,19 +111,18 @@ TEST_F(tracer_callbacks, exit_in_a_forked_child_runs_nothing) {
 TEST_F(tracer_callbacks, total_mode_counts_every_execution) {
   start(MODE_TOTAL);
   engine().deliver_block(first, 0x5000, 0x5010);
-  EXPECT_THAT(engine().emitted, ElementsAre("save 300000", "x21 = " + hex(&block(first, 0x5000).count), "ldr x20, [x21]",
-                                            "add x20, x20, #1", "str x20, [x21]", "restore 300000"));
+  EXPECT_THAT(engine().emitted, ElementsAre("save 300000", "x21 = " + hex(&block(first, 0x5000).count),
+                                            "ldr x20, [x21]", "add x20, x20, #1", "str x20, [x21]", "restore 300000"));
 }
 
 TEST_F(tracer_callbacks, region_mode_adds_the_threads_enable_word) {
   start(MODE_REGION);
   engine().deliver_block(first, 0x5000, 0x5010);
   const std::string counter = hex(&block(first, 0x5000).count);
-  EXPECT_THAT(engine().emitted,
-              ElementsAre("save 300000", "x20 = " + counter,
-                          "x21 = " + hex(&tracer_thread(first).enable_basic_block_count), "ldr x20, [x20]",
-                          "ldr x21, [x21]", "add x20, x20, x21", "x21 = " + counter, "str x20, [x21]",
-                          "restore 300000"));
+  EXPECT_THAT(engine().emitted, ElementsAre("save 300000", "x20 = " + counter,
+                                            "x21 = " + hex(&tracer_thread(first).enable_basic_block_count),
+                                            "ldr x20, [x20]", "ldr x21, [x21]", "add x20, x20, x21", "x21 = " + counter,
+                                            "str x20, [x21]", "restore 300000"));
 }
 
 TEST_F(tracer_callbacks, counter_is_the_first_word_of_a_record_of_four) {
@@ -185,10 +184,11 @@ TEST_F(tracer_callbacks, blocks_are_logged_at_the_lowest_level) {
   start(MODE_REGION);
   const log_capture log(LEVEL_TRACE);
   engine().deliver_block(first, 0x5100, 0x5110);
-  EXPECT_THAT(log.messages(), ElementsAre("trace pre_bb_cb: region is total, bb start 5100, enable_basic_block_count = 0",
-                                          "debug addr=5100 is lower that any mapping",
-                                          "trace For basic_block with start=5100, map_seg_id=0",
-                                          "trace post_bb_cb: region is total, bb start=5100, bb end=5110"));
+  EXPECT_THAT(
+      log.messages(),
+      ElementsAre("trace pre_bb_cb: region is total, bb start 5100, enable_basic_block_count = 0",
+                  "debug addr=5100 is lower that any mapping", "trace For basic_block with start=5100, map_seg_id=0",
+                  "trace post_bb_cb: region is total, bb start=5100, bb end=5110"));
 }
 
 TEST_F(tracer_callbacks, executable_file_mapping_is_registered_in_whole_pages) {

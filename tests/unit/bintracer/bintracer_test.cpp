@@ -1,4 +1,5 @@
-// The tracer's state: threads, regions and what a flush carries, with counters that the tests set as emitted code would.
+// The tracer's state: threads, regions and what a flush carries, with counters that the tests set as emitted code
+// would.
 #include "bintracer/bintracer.h"
 
 #include <gmock/gmock.h>
@@ -67,9 +68,8 @@ class tracer_state : public ::testing::Test {
 TEST_F(tracer_state, construction_registers_one_plugin_and_its_events_in_order_after_switching_the_watch_to_manual) {
   start(MODE_TOTAL);
   EXPECT_EQ(engine().plugins, 1);
-  EXPECT_THAT(engine().calls,
-              ElementsAre("add_plugin", "manual 1", "event 9", "event 10", "event 17", "event 3", "event 4", "event 15",
-                          "event 11", "event 12", "event 14", "event 13"));
+  EXPECT_THAT(engine().calls, ElementsAre("add_plugin", "manual 1", "event 9", "event 10", "event 17", "event 3",
+                                          "event 4", "event 15", "event 11", "event 12", "event 14", "event 13"));
 }
 
 TEST_F(tracer_state, construction_is_logged) {
@@ -153,8 +153,9 @@ TEST_F(tracer_state, thread_start_and_end_are_logged_with_the_counts) {
   bintracer_thread& second = begin_thread(2);
   tracer->finish_thread(second);
   tracer->finish_thread(first);
-  EXPECT_THAT(log.messages(), ElementsAre("info init_thread, thread_count is 2", "info finish_thread, max_thread_count is 0",
-                                          "info finish_thread, max_thread_count is 2"));
+  EXPECT_THAT(log.messages(),
+              ElementsAre("info init_thread, thread_count is 2", "info finish_thread, max_thread_count is 0",
+                          "info finish_thread, max_thread_count is 2"));
 }
 
 TEST_F(tracer_state, total_mode_has_the_single_region_total_in_every_thread) {
@@ -255,8 +256,7 @@ TEST_F(tracer_state, start_inside_a_region_gives_all_since_the_first_start_to_th
   tracer->pre_stop_roofline_handler("A", thread);
   tracer->finish_thread(thread);
   EXPECT_THAT(results(*thread.info), ElementsAre("B: 2000*4 1000*3"));
-  EXPECT_THAT(log.messages(),
-              ElementsAre("warn pre_stop_roofline_handler: current region total doesn't match A"));
+  EXPECT_THAT(log.messages(), ElementsAre("warn pre_stop_roofline_handler: current region total doesn't match A"));
 }
 
 TEST_F(tracer_state, stop_of_another_name_closes_the_threads_own_region) {
@@ -340,8 +340,9 @@ TEST_F(tracer_state, second_report_is_empty_with_a_warning) {
   const bintracer_report again = tracer->get_report();
   EXPECT_THAT(again.regions, IsEmpty());
   EXPECT_EQ(again.max_thread_count, 0U);
-  EXPECT_THAT(log.messages(), ElementsAre("warn Bintracer's get_report method was called early, it is forbidden to call "
-                                          "this method twice"));
+  EXPECT_THAT(log.messages(),
+              ElementsAre("warn Bintracer's get_report method was called early, it is forbidden to call "
+                          "this method twice"));
 }
 
 }  // namespace

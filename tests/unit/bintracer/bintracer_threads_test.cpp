@@ -1,5 +1,5 @@
-// The tracer from many threads at once: starts, stops, births and ends. ThreadSanitizer judges the accesses, the assertions
-// the counts.
+// The tracer from many threads at once: starts, stops, births and ends. ThreadSanitizer judges the accesses, the
+// assertions the counts.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,5 +1,5 @@
-// What the tracer's tests have in the engine's place: it keeps what is registered, hands out contexts, and writes down what
-// the tracer has it emit, in words.
+// What the tracer's tests have in the engine's place: it keeps what is registered, hands out contexts, and writes down
+// what the tracer has it emit, in words.
 #pragma once
 
 #include <cstdint>

@@ -18,13 +18,13 @@
 namespace ceilmeter::test {
 
 inline constexpr std::uint32_t nop = 0xd503201f;
-inline constexpr std::uint32_t fadd_double = 0x1e602820;       // fadd d0, d1, d0: 1 operation.
-inline constexpr std::uint32_t fmadd_double = 0x1f420c20;      // fmadd d0, d1, d2, d3: 2.
-inline constexpr std::uint32_t fmla_two_doubles = 0x4e60cc20;  // fmla v0.2d, v1.2d, v0.2d: 4.
-inline constexpr std::uint32_t fadd_four_singles = 0x4e20d420; // fadd v0.4s, v1.4s, v0.4s: 4.
-inline constexpr std::uint32_t fadd_half = 0x1ee02820;         // fadd h0, h1, h0: 1.
-inline constexpr std::uint32_t sve_fmla_doubles = 0x64e00000;  // fmla z0.d, z0.d, z0.d[0]: 4 lanes as counted.
-inline constexpr std::uint32_t sve_fmul_singles = 0x64a02000;  // fmul z0.s, z0.s, z0.s[0]: 4 lanes as counted.
+inline constexpr std::uint32_t fadd_double = 0x1e602820;        // fadd d0, d1, d0: 1 operation.
+inline constexpr std::uint32_t fmadd_double = 0x1f420c20;       // fmadd d0, d1, d2, d3: 2.
+inline constexpr std::uint32_t fmla_two_doubles = 0x4e60cc20;   // fmla v0.2d, v1.2d, v0.2d: 4.
+inline constexpr std::uint32_t fadd_four_singles = 0x4e20d420;  // fadd v0.4s, v1.4s, v0.4s: 4.
+inline constexpr std::uint32_t fadd_half = 0x1ee02820;          // fadd h0, h1, h0: 1.
+inline constexpr std::uint32_t sve_fmla_doubles = 0x64e00000;   // fmla z0.d, z0.d, z0.d[0]: 4 lanes as counted.
+inline constexpr std::uint32_t sve_fmul_singles = 0x64a02000;   // fmul z0.s, z0.s, z0.s[0]: 4 lanes as counted.
 
 inline constexpr std::uint64_t code = 0x10000;  // Where modules are mapped.
 

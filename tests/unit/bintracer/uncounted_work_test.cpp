@@ -17,8 +17,8 @@ TEST_F(tracer_finalizer, scalable_arithmetic_that_is_not_counted_is_told_with_it
   start(MODE_TOTAL);
   map_module({sve_fadd_doubles, sve_fadd_doubles, fadd_double, nop, fmla_two_doubles});
   bintracer_thread& thread = begin_thread();
-  run(thread, code, 2, 30);       // Two scalable additions, 30 times: no other work in the block.
-  run(thread, code + 8, 3, 10);   // Two counted instructions, 10 times.
+  run(thread, code, 2, 30);      // Two scalable additions, 30 times: no other work in the block.
+  run(thread, code + 8, 3, 10);  // Two counted instructions, 10 times.
   tracer->finish_thread(thread);
   bintracer_thread& second = begin_thread(2);
   run(second, code, 2, 60);

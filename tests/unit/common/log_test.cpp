@@ -417,8 +417,8 @@ TEST_F(log_test, command_line_is_joined_by_blanks_from_level_info_on) {
 TEST_F(log_test, pattern_tokens_are_replaced) {
   std::array<char, 129> host{};
   ASSERT_EQ(gethostname(host.data(), 128), 0);
-  EXPECT_EQ(expanded("p%p.t%t.h%h"), "p" + std::to_string(getpid()) + ".t" + std::to_string(gettid()) + ".h" +
-                                         std::string(host.data()));
+  EXPECT_EQ(expanded("p%p.t%t.h%h"),
+            "p" + std::to_string(getpid()) + ".t" + std::to_string(gettid()) + ".h" + std::string(host.data()));
   EXPECT_THAT(expanded("%T"), MatchesRegex("[0-9]+\\.[0-9][0-9][0-9][0-9][0-9][0-9]"));
 }
 

@@ -19,8 +19,9 @@ struct child_outcome {
 
 void PrintTo(const child_outcome& outcome, std::ostream* stream);
 
-// A child that returns from `work` ends with status 0. One that computes for longer than `seconds`, or is not at its end
-// after ten times as long, is killed: on a busy machine only the processor's time tells a hang from waiting for its turn.
+// A child that returns from `work` ends with status 0. One that computes for longer than `seconds`, or is not at its
+// end after ten times as long, is killed: on a busy machine only the processor's time tells a hang from waiting for its
+// turn.
 child_outcome run_in_child(const std::function<void()>& work, unsigned seconds = 20);
 
 // The address space that run_natively allows: more than any program here wants. An emulator, which keeps a record of

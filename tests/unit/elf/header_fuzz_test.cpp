@@ -147,7 +147,8 @@ class fuzzed_files : public ::testing::Test {
 
   static void overwrite(const std::string& path, const std::string& content, std::size_t offset) {
     const int fd = open(path.c_str(), O_WRONLY);
-    EXPECT_EQ(pwrite(fd, content.data(), content.size(), static_cast<off_t>(offset)), static_cast<ssize_t>(content.size()));
+    EXPECT_EQ(pwrite(fd, content.data(), content.size(), static_cast<off_t>(offset)),
+              static_cast<ssize_t>(content.size()));
     close(fd);
   }
 
@@ -193,7 +194,8 @@ TEST_P(header_fuzz, ends_in_a_message_or_in_the_application) {
     if (outcome.status == entered_status && outcome.err.empty()) {
       ++outcomes["entered"];
       const bool is_run = is_long_run() || seed % 8 == 0;
-      EXPECT_TRUE(!is_run || ends_under_the_engine(path, file.content)) << "seed " << seed << ", " << file.name << " hangs";
+      EXPECT_TRUE(!is_run || ends_under_the_engine(path, file.content))
+          << "seed " << seed << ", " << file.name << " hangs";
     } else {
       EXPECT_TRUE(is_a_message(outcome)) << "seed " << seed << ", " << file.name << ", "
                                          << ::testing::PrintToString(outcome);

@@ -25,9 +25,7 @@ constexpr std::uint32_t untouched = 0xabababab;
 
 class finding_instructions : public ::testing::Test {
  protected:
-  finding_instructions() {
-    buffer.fill(untouched);
-  }
+  finding_instructions() { buffer.fill(untouched); }
 
   // A file whose word i is 1000 + i.
   std::string make_module(const std::string& name, std::size_t words) const {

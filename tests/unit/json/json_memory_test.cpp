@@ -22,9 +22,9 @@ namespace {
 
 // Set while the library runs, and only then: the test library allocates too.
 bool counting = false;
-int allocations = 0;     // since counting began
-int live = 0;            // allocated and not freed while counting
-int failing = 0;         // number of the allocation that fails, from 1; 0 for none
+int allocations = 0;      // since counting began
+int live = 0;             // allocated and not freed while counting
+int failing = 0;          // number of the allocation that fails, from 1; 0 for none
 bool zeroed_only = true;  // every allocation so far came from calloc
 
 bool fails_now() { return counting && ++allocations == failing; }

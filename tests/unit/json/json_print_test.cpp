@@ -52,9 +52,7 @@ std::string plain_value(const json_token* token, int depth) {
   const std::string outer(static_cast<std::size_t>(depth) * 2, ' ');
   switch (json_get_type(token)) {
     case JSON_STRING: return "\"" + std::string(json_get_string(token)) + "\"";
-    case JSON_INTEGER:
-      std::snprintf(number, sizeof number, "%" PRId64, json_get_integer(token));
-      return number;
+    case JSON_INTEGER: std::snprintf(number, sizeof number, "%" PRId64, json_get_integer(token)); return number;
     case JSON_FLOAT:
       std::snprintf(number, sizeof number, "%f", static_cast<double>(json_get_float(token)));
       return number;

@@ -122,8 +122,8 @@ inline ::testing::AssertionResult same_tree(const json_token* left, const json_t
   for (int index = 0; left_child != nullptr || right_child != nullptr; ++index) {
     const std::string child_path = path + "/" + std::to_string(index);
     if (left_child == nullptr || right_child == nullptr) {
-      return ::testing::AssertionFailure() << child_path << " stands only on the "
-                                           << (left_child != nullptr ? "left" : "right");
+      return ::testing::AssertionFailure()
+             << child_path << " stands only on the " << (left_child != nullptr ? "left" : "right");
     }
     if (as_text(json_get_key(left_child)) != as_text(json_get_key(right_child))) {
       return ::testing::AssertionFailure() << child_path << ": key " << as_text(json_get_key(left_child)) << " and "

@@ -64,8 +64,8 @@ TEST(json_record, types_and_status_codes_have_their_numbers) {
 }
 
 TEST(json_new, a_new_token_has_no_key_and_no_parent) {
-  const token_owner tokens[] = {make_object(),    make_array(),   make_null(),       make_integer(5),
-                                make_float(1.5F), make_bool(1),   make_string("x")};
+  const token_owner tokens[] = {make_object(),    make_array(), make_null(),     make_integer(5),
+                                make_float(1.5F), make_bool(1), make_string("x")};
   for (const token_owner& token : tokens) {
     EXPECT_EQ(json_get_key(token.get()), nullptr) << "type " << token->type;
     EXPECT_EQ(token->parent, nullptr) << "type " << token->type;

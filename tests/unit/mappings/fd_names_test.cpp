@@ -34,8 +34,8 @@ TEST(fd_names, second_name_replaces_the_first) {
 
 TEST(fd_names, negative_and_extreme_descriptors_are_keys_like_others) {
   fd_name_table table;
-  for (const std::int32_t fd : {-1, -100, 0, std::numeric_limits<std::int32_t>::min(),
-                                std::numeric_limits<std::int32_t>::max()}) {
+  for (const std::int32_t fd :
+       {-1, -100, 0, std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::max()}) {
     table.insert_or_assign(fd, std::to_string(fd));
   }
   EXPECT_EQ(table.find(-1), "-1");

@@ -176,19 +176,19 @@ TEST_F(mapping_registry, log_tells_each_step_of_a_cut) {
   char newer_id[80];
   std::snprintf(older_id, sizeof older_id, "debug id=%lx set to mapping with begin=5000", older);
   std::snprintf(newer_id, sizeof newer_id, "debug id=%lx set to mapping with begin=5000", newer);
-  EXPECT_THAT(log.messages(),
-              ElementsAre("debug Register mapping with begin=5000, end=9000, offset=8192, prot_flags=5, map_flags=2, "
-                          "flags=3",
-                          "debug Get name=/lib/3 for mapping begin at 5000", older_id,
-                          "debug Lower bound return mapping with begin 0",
-                          "debug Emplace mapping with begin=5000, that dont overlap other mappings",
-                          "debug Register mapping with begin=5000, end=6000, offset=0, prot_flags=5, map_flags=2, "
-                          "flags=4",
-                          "debug Get name=/lib/4 for mapping begin at 5000", newer_id,
-                          "debug Lower bound return mapping with begin 5000",
-                          "debug Move begin=5000 of partial overlapped mapping to 6000",
-                          "debug addr=10 is lower that any mapping",
-                          "debug addr=9000 is outside of mapping with end = 9000"));
+  EXPECT_THAT(
+      log.messages(),
+      ElementsAre("debug Register mapping with begin=5000, end=9000, offset=8192, prot_flags=5, map_flags=2, "
+                  "flags=3",
+                  "debug Get name=/lib/3 for mapping begin at 5000", older_id,
+                  "debug Lower bound return mapping with begin 0",
+                  "debug Emplace mapping with begin=5000, that dont overlap other mappings",
+                  "debug Register mapping with begin=5000, end=6000, offset=0, prot_flags=5, map_flags=2, "
+                  "flags=4",
+                  "debug Get name=/lib/4 for mapping begin at 5000", newer_id,
+                  "debug Lower bound return mapping with begin 5000",
+                  "debug Move begin=5000 of partial overlapped mapping to 6000",
+                  "debug addr=10 is lower that any mapping", "debug addr=9000 is outside of mapping with end = 9000"));
 }
 
 TEST_F(mapping_registry, log_tells_of_an_erased_mapping) {

@@ -1,5 +1,5 @@
-// All tables of the registry at once, by writers and readers on several threads. ThreadSanitizer judges the accesses, the
-// assertions judge what is found.
+// All tables of the registry at once, by writers and readers on several threads. ThreadSanitizer judges the accesses,
+// the assertions judge what is found.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -80,8 +80,8 @@ TEST(registry_under_threads, readers_see_one_or_the_other_of_two_mappings_that_r
   on_threads(thread_count, [&registry](int number) {
     for (int round = 0; round < 500; ++round) {
       if (number < 2) {
-        registry.register_mmap(shared_begin, shared_begin + 0x4000, static_cast<std::uint64_t>(number) + 1, read_and_execute,
-                               private_mapping, number + 1);
+        registry.register_mmap(shared_begin, shared_begin + 0x4000, static_cast<std::uint64_t>(number) + 1,
+                               read_and_execute, private_mapping, number + 1);
       } else {
         const mapping_segment segment = mappings_t::get_segment(registry.search_segment(shared_begin + 0x1000));
         ASSERT_EQ(segment.begin, shared_begin);

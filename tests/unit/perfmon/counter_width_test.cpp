@@ -14,8 +14,8 @@ using ::testing::IsEmpty;
 const std::string EXTRA_EVENTS = "LDST_SPEC, ASE_SPEC, VFP_SPEC, STREAM_OUT";
 
 std::string extra_closed(int width) {
-  return "10 events do not run together on this counter unit of " + std::to_string(width) + " counters: " +
-         EXTRA_EVENTS + " are closed again and not counted";
+  return "10 events do not run together on this counter unit of " + std::to_string(width) +
+         " counters: " + EXTRA_EVENTS + " are closed again and not counted";
 }
 
 std::string none_runs(int width) {

@@ -113,17 +113,13 @@ int fake_kernel::ioctl(int fd, unsigned long request, unsigned long argument) {
       counted->enabled.store(true, std::memory_order_relaxed);
       counted->enables.fetch_add(1, std::memory_order_relaxed);
       return 0;
-    case PERF_EVENT_IOC_DISABLE:
-      counted->enabled.store(false, std::memory_order_relaxed);
-      return 0;
+    case PERF_EVENT_IOC_DISABLE: counted->enabled.store(false, std::memory_order_relaxed); return 0;
     case PERF_EVENT_IOC_ID: {
       const std::uint64_t id = id_of(fd);
       std::memcpy(reinterpret_cast<void*>(argument), &id, sizeof id);
       return 0;
     }
-    default:
-      errno = ENOTTY;
-      return -1;
+    default: errno = ENOTTY; return -1;
   }
 }
 
@@ -234,9 +230,7 @@ std::vector<std::uint64_t> fake_kernel::opened_configs() const {
 
 bool fake_kernel::enabled(int leader) const { return find(leader) != nullptr && find(leader)->enabled; }
 
-int fake_kernel::enables(int leader) const {
-  return counters_[static_cast<std::size_t>(leader - first_fd)].enables;
-}
+int fake_kernel::enables(int leader) const { return counters_[static_cast<std::size_t>(leader - first_fd)].enables; }
 
 int fake_kernel::open_descriptors() const {
   return static_cast<int>(

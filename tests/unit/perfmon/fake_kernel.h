@@ -36,27 +36,27 @@ class fake_kernel {
   fake_kernel& operator=(const fake_kernel&) = delete;
 
   // The script. To be written before the calls that it concerns.
-  std::map<std::uint64_t, int> refused;                     // Event code to errno of its open.
-  std::optional<long> open_result;                          // What every open returns, in place of a new counter.
-  int open_limit = 1 << 20;                                 // Opens that succeed; EMFILE from there on.
-  std::map<std::uint64_t, std::uint64_t> ids;               // Event code to kernel id, in place of the usual one.
-  std::optional<std::vector<std::uint64_t>> reading;        // What every read delivers, in place of the counters.
-  std::optional<std::size_t> read_bytes;                    // How much of it.
-  int read_error = 0;                                       // errno of every read.
+  std::map<std::uint64_t, int> refused;               // Event code to errno of its open.
+  std::optional<long> open_result;                    // What every open returns, in place of a new counter.
+  int open_limit = 1 << 20;                           // Opens that succeed; EMFILE from there on.
+  std::map<std::uint64_t, std::uint64_t> ids;         // Event code to kernel id, in place of the usual one.
+  std::optional<std::vector<std::uint64_t>> reading;  // What every read delivers, in place of the counters.
+  std::optional<std::size_t> read_bytes;              // How much of it.
+  int read_error = 0;                                 // errno of every read.
   std::uint64_t time_enabled = 100;
   std::uint64_t time_running = 100;
   // Counters of the unit; 0: as many as are wanted. A larger group never runs. One that is opened to run at once is
   // refused, one that is opened stopped is not.
   int width = 0;
-  int starved_readings = 0;                                 // So many readings find that no group has run.
-  std::vector<std::int64_t> clock;                          // The next readings of the clock, in nanoseconds.
+  int starved_readings = 0;         // So many readings find that no group has run.
+  std::vector<std::int64_t> clock;  // The next readings of the clock, in nanoseconds.
 
   // Adds to the counter of an event code in the group of `leader`.
   void count(int leader, std::uint64_t config, std::uint64_t value);
 
   // What was recorded.
   std::vector<open_call> opens() const;
-  std::vector<std::string> calls() const;                   // Every call but gettid, in order, in words.
+  std::vector<std::string> calls() const;  // Every call but gettid, in order, in words.
   std::vector<std::uint64_t> opened_configs() const;
 
   // State of the counters. Descriptors are numbered from `first_fd` in the order of opening.

@@ -98,22 +98,20 @@ TEST_F(perfmon_finalisation_test, every_step_of_the_union_is_logged) {
   ASSERT_EQ(lines.size(), 12u);
   // The last two are the region's counters in the order of the hash table.
   std::sort(lines.end() - 2, lines.end(), [](const auto& left, const auto& right) { return left.text < right.text; });
-  EXPECT_THAT(
-      lines,
-      ElementsAre(
-          line("finalize_roofline_events", LEVEL_DEBUG, "finalize_roofline_events"),
-          line("finalize_per_thread_map", LEVEL_DEBUG,
-               "finalize_per_thread_map: m_counters_per_thread_map has 1 entries"),
-          line("finalize_roofline_events", LEVEL_DEBUG, "3 time intervals collected for r region"),
-          line("finalize_roofline_events", LEVEL_TRACE, "Time interval: begin 15, end 30"),
-          line("finalize_roofline_events", LEVEL_TRACE, "Total time interval: begin 10, end 30"),
-          line("finalize_roofline_events", LEVEL_TRACE, "Time interval: begin 40, end 50"),
-          line("operator()", LEVEL_DEBUG, "0 +=: 20"),
-          line("finalize_roofline_events", LEVEL_TRACE, "Total time interval: begin 40, end 50"),
-          line("operator()", LEVEL_DEBUG, "20 +=: 10"),
-          line("finalize_roofline_events", LEVEL_DEBUG, "Counters captured for r"),
-          line("finalize_roofline_events", LEVEL_DEBUG, "A\t77"),
-          line("finalize_roofline_events", LEVEL_DEBUG, "duration_time\t30")));
+  EXPECT_THAT(lines,
+              ElementsAre(line("finalize_roofline_events", LEVEL_DEBUG, "finalize_roofline_events"),
+                          line("finalize_per_thread_map", LEVEL_DEBUG,
+                               "finalize_per_thread_map: m_counters_per_thread_map has 1 entries"),
+                          line("finalize_roofline_events", LEVEL_DEBUG, "3 time intervals collected for r region"),
+                          line("finalize_roofline_events", LEVEL_TRACE, "Time interval: begin 15, end 30"),
+                          line("finalize_roofline_events", LEVEL_TRACE, "Total time interval: begin 10, end 30"),
+                          line("finalize_roofline_events", LEVEL_TRACE, "Time interval: begin 40, end 50"),
+                          line("operator()", LEVEL_DEBUG, "0 +=: 20"),
+                          line("finalize_roofline_events", LEVEL_TRACE, "Total time interval: begin 40, end 50"),
+                          line("operator()", LEVEL_DEBUG, "20 +=: 10"),
+                          line("finalize_roofline_events", LEVEL_DEBUG, "Counters captured for r"),
+                          line("finalize_roofline_events", LEVEL_DEBUG, "A\t77"),
+                          line("finalize_roofline_events", LEVEL_DEBUG, "duration_time\t30")));
 }
 
 TEST_F(perfmon_finalisation_test, counters_are_logged_in_table_order) {
@@ -360,9 +358,9 @@ TEST_F(perfmon_finalisation_test, finalising_without_a_region_logs_its_two_lines
   reset_log(LEVEL_TRACE);
   open_perfmon counted(true);
   counted.finalize_roofline_events();
-  EXPECT_THAT(logged_texts(LEVEL_DEBUG),
-              ElementsAre("finalize_roofline_events",
-                          "finalize_per_thread_map: m_counters_per_thread_map has 0 entries"));
+  EXPECT_THAT(
+      logged_texts(LEVEL_DEBUG),
+      ElementsAre("finalize_roofline_events", "finalize_per_thread_map: m_counters_per_thread_map has 0 entries"));
   EXPECT_THAT(counted.get_roofline_events(), IsEmpty());
   EXPECT_THAT(kernel.calls(), IsEmpty());
 }

@@ -39,11 +39,11 @@ TEST_F(perfmon_events_test, from_level_info_up_the_four_extra_events_follow_by_r
     reset_log(level);
     const open_perfmon counted(true);
     ASSERT_EQ(counted.m_events.size(), 1u);
-    EXPECT_THAT(names_and_codes(counted.m_events.at(4)),
-                ElementsAre(Pair("L1D_CACHE", 4), Pair("LL_CACHE", 50), Pair("LL_CACHE_MISS", 51),
-                            Pair("L2D_CACHE_REFILL_LD", 82), Pair("L2D_CACHE_REFILL_ST", 83),
-                            Pair("LSU_HIT_L2", 24587), Pair("LDST_SPEC", 114), Pair("ASE_SPEC", 116),
-                            Pair("VFP_SPEC", 117), Pair("STREAM_OUT", 20515)));
+    EXPECT_THAT(
+        names_and_codes(counted.m_events.at(4)),
+        ElementsAre(Pair("L1D_CACHE", 4), Pair("LL_CACHE", 50), Pair("LL_CACHE_MISS", 51),
+                    Pair("L2D_CACHE_REFILL_LD", 82), Pair("L2D_CACHE_REFILL_ST", 83), Pair("LSU_HIT_L2", 24587),
+                    Pair("LDST_SPEC", 114), Pair("ASE_SPEC", 116), Pair("VFP_SPEC", 117), Pair("STREAM_OUT", 20515)));
   }
 }
 
@@ -133,11 +133,10 @@ TEST_F(perfmon_open_test, every_event_gets_the_inherit_flag_of_the_object) {
 TEST_F(perfmon_open_test, the_first_event_leads_a_complete_group_and_each_id_is_asked_for_after_its_open) {
   open_perfmon counted(true);
   counted.open_roofline_events("r");
-  EXPECT_THAT(kernel.calls(),
-              ElementsAre("open 4 group -1", "ioctl 700000 80082407", "open 32 group 700000", "ioctl 700001 80082407",
-                          "open 33 group 700000", "ioctl 700002 80082407", "open 52 group 700000",
-                          "ioctl 700003 80082407", "open 53 group 700000", "ioctl 700004 80082407",
-                          "open 600b group 700000", "ioctl 700005 80082407"));
+  EXPECT_THAT(kernel.calls(), ElementsAre("open 4 group -1", "ioctl 700000 80082407", "open 32 group 700000",
+                                          "ioctl 700001 80082407", "open 33 group 700000", "ioctl 700002 80082407",
+                                          "open 52 group 700000", "ioctl 700003 80082407", "open 53 group 700000",
+                                          "ioctl 700004 80082407", "open 600b group 700000", "ioctl 700005 80082407"));
 }
 
 TEST_F(perfmon_open_test, the_record_holds_every_counter_under_the_kernels_id_the_leader_included) {
@@ -188,9 +187,8 @@ TEST_F(perfmon_open_test, a_descriptor_limit_in_the_middle_of_a_group_gives_two_
   const std::string hint =
       "Hit the upper limit of files it's allowed to open, usually 1,024. Please temporarily increase the limit to, for "
       "example, 2,048 files, with the command \"ulimit -n 2048\"";
-  EXPECT_THAT(logged_texts(LEVEL_WARN),
-              ElementsAre("perf_event_open failed with Too many open files", hint,
-                          "perf_event_open failed with Too many open files", hint));
+  EXPECT_THAT(logged_texts(LEVEL_WARN), ElementsAre("perf_event_open failed with Too many open files", hint,
+                                                    "perf_event_open failed with Too many open files", hint));
   EXPECT_TRUE(kernel.enabled(fd(0)));
 }
 
@@ -228,9 +226,8 @@ class perfmon_start_test : public perfmon_test {};
 TEST_F(perfmon_start_test, the_time_stamp_is_taken_before_the_group_is_enabled) {
   open_perfmon counted(false, {{4, {{"A", 1, -1}}}});
   counted.start_roofline_events("r");
-  EXPECT_THAT(kernel.calls(),
-              ElementsAre("open 1 group -1", "ioctl 700000 80082407", "clock", "ioctl 700000 2400 1",
-                          "read 700000 4096"));
+  EXPECT_THAT(kernel.calls(), ElementsAre("open 1 group -1", "ioctl 700000 80082407", "clock", "ioctl 700000 2400 1",
+                                          "read 700000 4096"));
 }
 
 TEST_F(perfmon_start_test, the_group_is_disabled_before_the_closing_time_stamp_is_taken) {
@@ -307,10 +304,9 @@ TEST_F(perfmon_start_test, a_group_that_fails_as_a_whole_gives_one_warning_more_
   kernel.open_result = -1;
   open_perfmon counted(false, {{4, {{"A", 1, -1}, {"B", 2, -1}}}});
   counted.start_roofline_events("some region");
-  EXPECT_THAT(logged_texts(LEVEL_WARN),
-              ElementsAre("perf_event_open failed with Invalid argument",
-                          "perf_event_open failed with Invalid argument",
-                          "failed to perfmon::open_roofline_events for some region region"));
+  EXPECT_THAT(logged_texts(LEVEL_WARN), ElementsAre("perf_event_open failed with Invalid argument",
+                                                    "perf_event_open failed with Invalid argument",
+                                                    "failed to perfmon::open_roofline_events for some region region"));
   EXPECT_EQ(logged_by("start_roofline_events", LEVEL_WARN).size(), 1u);
   EXPECT_EQ(counted.counters("some region").group_fd, -1);
   EXPECT_THAT(counted.counters("some region").time_intervals, IsEmpty());

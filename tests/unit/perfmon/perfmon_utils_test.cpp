@@ -30,9 +30,7 @@ class perfmon_utils_test : public ::testing::Test {
   perfmon_utils_test() { reset_log(LEVEL_WARN); }
   ~perfmon_utils_test() override { reset_log(LEVEL_WARN); }
 
-  std::int32_t open_core(const perfmon_event_desc& desc) {
-    return perfmon_utils_event_open_core(&desc, 0, -1, -1, 8);
-  }
+  std::int32_t open_core(const perfmon_event_desc& desc) { return perfmon_utils_event_open_core(&desc, 0, -1, -1, 8); }
   std::int32_t open_uncore(const perfmon_event_desc& desc) { return perfmon_utils_event_open_uncore(&desc, 1, -1, 8); }
 
   fake_kernel kernel;

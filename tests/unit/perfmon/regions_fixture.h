@@ -1,5 +1,5 @@
-// What the tests of the region interface share. The interface keeps its state for the life of a process, so every run of
-// it gets a process of its own; the fake kernel counts in it, the log is the real one.
+// What the tests of the region interface share. The interface keeps its state for the life of a process, so every run
+// of it gets a process of its own; the fake kernel counts in it, the log is the real one.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -20,9 +20,9 @@ namespace ceilmeter::test {
 
 // What a process left behind.
 struct process_traces {
-  bool passed = false;            // It ended by itself, without a failed expectation.
-  std::string out;                // Standard output as it was when the process ended without flushing it.
-  std::vector<std::string> log;   // Standard error, each line of the log reduced to "level message".
+  bool passed = false;           // It ended by itself, without a failed expectation.
+  std::string out;               // Standard output as it was when the process ended without flushing it.
+  std::vector<std::string> log;  // Standard error, each line of the log reduced to "level message".
 };
 
 std::string content_of(const std::string& path);

@@ -65,9 +65,8 @@ TEST_F(regions_result_test, a_file_that_was_cut_off_is_refused) {
 TEST_F(regions_result_test, a_file_that_is_no_result_at_all_is_refused) { expect_refused("[1, 2]", "no object"); }
 
 TEST_F(regions_result_test, a_block_of_too_few_fields_and_a_missing_part_are_no_damage) {
-  for (const std::string content :
-       {R"({"regions": {"r": {"bbs": [["1", "2"], 7, []]}}})", R"({"regions": 3})", R"({})",
-        R"({"regions": {"r": 5}, "roofs_by_num_threads": {"16": []}})"}) {
+  for (const std::string content : {R"({"regions": {"r": {"bbs": [["1", "2"], 7, []]}}})", R"({"regions": 3})", R"({})",
+                                    R"({"regions": {"r": 5}, "roofs_by_num_threads": {"16": []}})"}) {
     write_file(report_path(), content);
     EXPECT_EQ(find_result_damage(report_path()), std::nullopt) << content;
     run_one_region();

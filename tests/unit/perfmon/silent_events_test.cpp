@@ -39,8 +39,8 @@ TEST(silent_events_test, a_metric_of_three_events_names_all_that_were_opened) {
 }
 
 TEST(silent_events_test, one_event_of_a_metric_that_moves_is_enough) {
-  EXPECT_THAT(describe_silent_metrics(
-                  counters({{"L1D_CACHE", 20'000}, {"L2D_CACHE_REFILL_LD", 1}, {"LSU_HIT_L2", 0}}), std::nullopt),
+  EXPECT_THAT(describe_silent_metrics(counters({{"L1D_CACHE", 20'000}, {"L2D_CACHE_REFILL_LD", 1}, {"LSU_HIT_L2", 0}}),
+                                      std::nullopt),
               IsEmpty());
 }
 
@@ -61,8 +61,9 @@ TEST(silent_events_test, an_event_that_the_kernel_does_not_list_is_named_whateve
 }
 
 TEST(silent_events_test, codes_that_the_kernel_never_lists_are_judged_by_the_counts_alone) {
-  EXPECT_THAT(describe_silent_metrics(counters({{"L1D_CACHE", 0}, {"L2D_CACHE_REFILL_LD", 0}}), event_names{"l1d_cache"}),
-              IsEmpty());
+  EXPECT_THAT(
+      describe_silent_metrics(counters({{"L1D_CACHE", 0}, {"L2D_CACHE_REFILL_LD", 0}}), event_names{"l1d_cache"}),
+      IsEmpty());
 }
 
 TEST(silent_events_test, an_unlisted_event_that_counts_is_no_reason) {

@@ -41,9 +41,7 @@ bintracer_region traced(const std::string& name) { return {name, block_at(0x2000
 
 perfmon_region counted(const std::string& name) { return {name, metrics_with_time(30)}; }
 
-region_metric old_region(const std::string& name) {
-  return {name, block_at(0x1000), metrics_with_time(10), 11, 12};
-}
+region_metric old_region(const std::string& name) { return {name, block_at(0x1000), metrics_with_time(10), 11, 12}; }
 
 benchmark_report roofs_for(std::initializer_list<std::uint64_t> counts, std::int64_t value = 40) {
   benchmark_report benchmarks;
@@ -154,10 +152,9 @@ TEST(finalize, takes_names_that_differ_in_case_as_two_regions) {
   phases run;
   run.tracer_report = {{traced("Total")}, 22};
   run.perfmon_regions = {counted("total")};
-  EXPECT_EQ(run.join(), in_words_of({{{"Total", block_at(0x2000), {}, 20, 21},
-                                      {"total", {}, metrics_with_time(30), 0, 0}},
-                                     {},
-                                     22}));
+  EXPECT_EQ(
+      run.join(),
+      in_words_of({{{"Total", block_at(0x2000), {}, 20, 21}, {"total", {}, metrics_with_time(30), 0, 0}}, {}, 22}));
 }
 
 TEST(finalize, lets_nothing_of_an_old_region_survive_when_both_phases_have_it) {

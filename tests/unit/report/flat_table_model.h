@@ -1,5 +1,5 @@
-// What the tests of the table share: a look at its slots, and `table_model`, a plain transcription of the rules that shares
-// no code with the table.
+// What the tests of the table share: a look at its slots, and `table_model`, a plain transcription of the rules that
+// shares no code with the table.
 #pragma once
 
 #include <cstdint>
@@ -17,19 +17,29 @@ namespace ceilmeter {
 // A friend of the table: its slots as they are.
 struct flat_table_inspector {
   template <typename Key, typename Value>
-  static auto generation(const flat_table<Key, Value>& table) { return table.generation_; }
+  static auto generation(const flat_table<Key, Value>& table) {
+    return table.generation_;
+  }
   template <typename Key, typename Value>
-  static auto log2_capacity(const flat_table<Key, Value>& table) { return table.log2_capacity_; }
+  static auto log2_capacity(const flat_table<Key, Value>& table) {
+    return table.log2_capacity_;
+  }
   template <typename Key, typename Value>
-  static auto allocated(const flat_table<Key, Value>& table) { return table.allocated_; }
+  static auto allocated(const flat_table<Key, Value>& table) {
+    return table.allocated_;
+  }
   template <typename Key, typename Value>
   static auto load(const flat_table<Key, Value>& table) {
     return std::pair(table.load_numerator_, table.load_denominator_);
   }
   template <typename Key, typename Value>
-  static const auto& states(const flat_table<Key, Value>& table) { return table.states_; }
+  static const auto& states(const flat_table<Key, Value>& table) {
+    return table.states_;
+  }
   template <typename Key, typename Value>
-  static const auto& distances(const flat_table<Key, Value>& table) { return table.distances_; }
+  static const auto& distances(const flat_table<Key, Value>& table) {
+    return table.distances_;
+  }
   template <typename Key, typename Value>
   static std::optional<Key> key_at(const flat_table<Key, Value>& table, std::uint64_t slot) {
     if (table.states_[slot] != table.generation_) return std::nullopt;

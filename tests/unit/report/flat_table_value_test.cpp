@@ -162,8 +162,8 @@ TEST(flat_table, moves_the_rest_of_a_run_back_when_a_record_is_erased) {
   ASSERT_THAT(places(table), ::testing::IsSupersetOf({slot_of_key{5, 131, 0}, slot_of_key{6, 311, 1},
                                                       slot_of_key{7, 441, 2}, slot_of_key{8, 299, 2}}));
   EXPECT_TRUE(table.erase(311));
-  EXPECT_THAT(places(table), ::testing::IsSupersetOf({slot_of_key{5, 131, 0}, slot_of_key{6, 441, 1},
-                                                      slot_of_key{7, 299, 1}}));
+  EXPECT_THAT(places(table),
+              ::testing::IsSupersetOf({slot_of_key{5, 131, 0}, slot_of_key{6, 441, 1}, slot_of_key{7, 299, 1}}));
   EXPECT_EQ(table.size(), 4u);
   EXPECT_FALSE(table.contains(311));
   EXPECT_TRUE(table.contains(1000));

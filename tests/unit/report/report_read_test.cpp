@@ -435,11 +435,16 @@ TEST(read_bool_from_token, of_a_wrong_type_is_false_with_a_warning) {
 
 TEST(get_pointer_from_hex_string_token, reads_as_far_as_there_are_digits) {
   const std::vector<std::pair<const char*, std::uint64_t>> cases = {
-      {"400abc", 0x400abc},  {"FFFFFFFFFFFFFFFF", ~std::uint64_t{0}},
-      {"", 0},               {"xyz", 0},
-      {"12g4", 0x12},        {"0x1f", 0x1f},
-      {" 1f", 0x1f},         {"-1", ~std::uint64_t{0}},
-      {"+1", 1},             {"10000000000000000", ~std::uint64_t{0}},
+      {"400abc", 0x400abc},
+      {"FFFFFFFFFFFFFFFF", ~std::uint64_t{0}},
+      {"", 0},
+      {"xyz", 0},
+      {"12g4", 0x12},
+      {"0x1f", 0x1f},
+      {" 1f", 0x1f},
+      {"-1", ~std::uint64_t{0}},
+      {"+1", 1},
+      {"10000000000000000", ~std::uint64_t{0}},
   };
   for (const auto& [text, value] : cases) {
     json_token* token = nullptr;

@@ -57,7 +57,9 @@ TEST(baseline, ratios_are_after_over_before) {
 TEST(baseline, operations_that_differ_by_more_than_a_hundredth_say_that_the_work_changed) {
   const auto remarks = [](std::int64_t after) {
     return compared(file_of({made("r", 10000, 1, 1, {1, 1, 1, 1})}, {}, 1),
-                    file_of({made("r", after, 1, 1, {1, 1, 1, 1})}, {}, 1)).baseline->pairs[0].remarks;
+                    file_of({made("r", after, 1, 1, {1, 1, 1, 1})}, {}, 1))
+        .baseline->pairs[0]
+        .remarks;
   };
   EXPECT_TRUE(remarks(10100).empty());
   ASSERT_EQ(remarks(10102).size(), 1U);
@@ -127,8 +129,8 @@ TEST(ranks, sum_beyond_64_bits_is_told_and_not_shown) {
 }
 
 TEST(ranks, sums_are_held_against_no_roofs_of_fewer_threads) {
-  const view_model model = ranked({rank_file("r0", {made("a", 8, 5, 4, {1, 1, 1, 1})}),
-                                   rank_file("r1", {made("a", 8, 5, 4, {1, 1, 1, 1})})});
+  const view_model model = ranked(
+      {rank_file("r0", {made("a", 8, 5, 4, {1, 1, 1, 1})}), rank_file("r1", {made("a", 8, 5, 4, {1, 1, 1, 1})})});
   EXPECT_FALSE(model.files[0].regions[0].limit);
   EXPECT_TRUE(model.files[1].regions[0].limit);
 }

@@ -54,18 +54,18 @@ TEST(csv, point_has_a_line_for_each_level_with_exact_figures) {
 }
 
 TEST(csv, roofs_of_every_thread_count_follow_with_their_own_integers) {
-  const std::string text = csv_of(
-      R"({"regions": {}, "bb_keys": [], "threads": 4, "roofs_by_num_threads": {)"
-      R"("4": [{"name": "DDR", "value": 9007199254740993, "measure": "GB/s", "is_compute": false}],)"
-      R"("1": [{"name": "=1+1", "value": 0, "measure": "GFLOPS", "is_compute": true}]}})");
+  const std::string text =
+      csv_of(R"({"regions": {}, "bb_keys": [], "threads": 4, "roofs_by_num_threads": {)"
+             R"("4": [{"name": "DDR", "value": 9007199254740993, "measure": "GB/s", "is_compute": false}],)"
+             R"("1": [{"name": "=1+1", "value": 0, "measure": "GFLOPS", "is_compute": true}]}})");
   EXPECT_THAT(text, HasSubstr("roof,app.json,'=1+1,,1,,,,,,,,,,0,GFLOPS,not measured\r\n"));
   EXPECT_THAT(text, HasSubstr("roof,app.json,DDR,DDR,4,,,,,,,,,,9007199254740993,GB/s,\r\n"));
 }
 
 TEST(csv, every_line_has_as_many_cells) {
-  const std::string text = csv_of(
-      R"({"regions": {"a": {"flop": 1, "threads": 1}, "b": {}}, "threads": 1, "roofs_by_num_threads": {)"
-      R"("1": [{"name": "L1", "value": 5, "measure": "GB/s", "is_compute": false}]}})");
+  const std::string text =
+      csv_of(R"({"regions": {"a": {"flop": 1, "threads": 1}, "b": {}}, "threads": 1, "roofs_by_num_threads": {)"
+             R"("1": [{"name": "L1", "value": 5, "measure": "GB/s", "is_compute": false}]}})");
   std::size_t lines = 0;
   for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end + 2, ++lines) {
     end = text.find("\r\n", begin);

@@ -41,7 +41,11 @@ struct elf_file {
     }
     const std::uint64_t names_offset = table_offset + table.size();
     const std::uint64_t sections_offset = names_offset + names.size();
-    std::string file = std::string("\x7f" "ELF\2\1\1", 7) + std::string(9, '\0');
+    std::string file = std::string(
+                           "\x7f"
+                           "ELF\2\1\1",
+                           7) +
+                       std::string(9, '\0');
     file += little(2, 2) + little(machine, 2) + little(1, 4) + little(code_address, 8) + little(64, 8) +
             little(sections_offset, 8) + little(0, 4) + little(64, 2) + little(56, 2) + little(1, 2) + little(64, 2) +
             little(3, 2) + little(0, 2);

@@ -69,7 +69,9 @@ TEST(elf_symbols, of_several_names_of_one_place_the_global_one_stays) {
 
 TEST(elf_symbols, data_undefined_names_and_addresses_outside_of_segments_are_left_out) {
   elf_file file = small_file();
-  file.symbols = {{"data", address, 8, 0x11}, {"undefined", address, 8, 0x12, 0}, {"outside", address + 64, 8},
+  file.symbols = {{"data", address, 8, 0x11},
+                  {"undefined", address, 8, 0x12, 0},
+                  {"outside", address + 64, 8},
                   {"indirect", address, 8, 0x1A}};
   const elf_functions read = functions_in(file.bytes());
   ASSERT_EQ(read.functions.size(), 1U);

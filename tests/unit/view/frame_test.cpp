@@ -9,9 +9,7 @@
 
 namespace ceilmeter::view {
 
-void PrintTo(const frame& one, std::ostream* out) {
-  *out << one.x0 << ":" << one.x1 << "," << one.y0 << ":" << one.y1;
-}
+void PrintTo(const frame& one, std::ostream* out) { *out << one.x0 << ":" << one.x1 << "," << one.y0 << ":" << one.y1; }
 
 namespace {
 

@@ -24,8 +24,7 @@ constexpr std::uint32_t fmla_v0_v1_v2_4s = 0x4E22CC20;
 constexpr std::uint64_t offset = elf_file::code_offset;
 
 elf_file solver() {
-  return {{nop, fadd_d0_d1_d2, fmla_v0_v1_v2_4s, nop},
-          {{"_ZN6solver4stepEd", elf_file::code_address, 16}}};
+  return {{nop, fadd_d0_d1_d2, fmla_v0_v1_v2_4s, nop}, {{"_ZN6solver4stepEd", elf_file::code_address, 16}}};
 }
 
 // One block: the addition and the multiply-addition, 1 + 4 * 2 operations.

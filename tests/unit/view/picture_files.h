@@ -52,19 +52,22 @@ inline view_model far_points() {
   return build_view({file_of({made("far right", 4000000000000000, 100000000000, 1, {1000, 100, 10, 1}),
                               made("far down", 10, 900000000000, 1, {100, 100, 100, 100}),
                               made("no bytes", 500, 100, 1, {0, 0, 0, 0})},
-                             {machine(1)}, 1)}, {});
+                             {machine(1)}, 1)},
+                    {});
 }
 
 inline view_model strange_names() {
   return build_view({file_of({made("</script><img src=x onerror=alert(1)>", 8000, 1000, 4, {64000, 16000, 4000, 1000}),
                               made("\"quoted\" & 'single'", 4000, 1000, 4, {64000, 16000, 4000, 1000}),
                               made(std::string(300, 'W'), 2000, 1000, 4, {64000, 16000, 4000, 1000})},
-                             {machine(1), machine(4)}, 4)}, {});
+                             {machine(1), machine(4)}, 4)},
+                    {});
 }
 
 inline std::vector<std::pair<std::string, view_model>> pictures() {
-  roof_set near = {4, {memory_roof("L1", 100), memory_roof("L2", 97), memory_roof("L3", 94), memory_roof("DDR", 91),
-                       compute_roof("Scalar(DP)-FMADD", 50), compute_roof("f64x2-FMLA/FMLS", 51)}};
+  roof_set near = {4,
+                   {memory_roof("L1", 100), memory_roof("L2", 97), memory_roof("L3", 94), memory_roof("DDR", 91),
+                    compute_roof("Scalar(DP)-FMADD", 50), compute_roof("f64x2-FMLA/FMLS", 51)}};
   view_options overlay;
   std::vector<std::pair<std::string, view_model>> all;
   for (const char* name : {"all_phases", "counters_only", "emulated", "roofs_only", "tracer_only"}) {

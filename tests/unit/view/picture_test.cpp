@@ -129,8 +129,10 @@ read_picture read_back(const std::string& svg) {
     } else if (kind.starts_with("marker") && line.find("data-size") != std::string::npos) {
       position at;
       const std::string place = attribute(line, "transform");
-      if (std::sscanf(place.c_str(), "translate(%lf %lf)", &at.x, &at.y) != 2) ADD_FAILURE() << line;
-      else picture.points.push_back({at, std::stod(attribute(line, "data-size"))});
+      if (std::sscanf(place.c_str(), "translate(%lf %lf)", &at.x, &at.y) != 2)
+        ADD_FAILURE() << line;
+      else
+        picture.points.push_back({at, std::stod(attribute(line, "data-size"))});
     }
   }
   return picture;
@@ -221,9 +223,12 @@ double area_of(const std::string& path) {
        from = path.find_first_of("MLHV", from + 1)) {
     char* end = nullptr;
     const double first = std::strtod(path.c_str() + from + 1, &end);
-    if (path[from] == 'H') at.x = first;
-    else if (path[from] == 'V') at.y = first;
-    else at = {first, std::strtod(end, nullptr)};
+    if (path[from] == 'H')
+      at.x = first;
+    else if (path[from] == 'V')
+      at.y = first;
+    else
+      at = {first, std::strtod(end, nullptr)};
     corners.push_back(at);
   }
   double twice = 0;

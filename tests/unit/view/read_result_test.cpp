@@ -102,8 +102,8 @@ TEST(read_result, blocks_that_cannot_be_read_are_left_out_and_counted) {
 }
 
 TEST(read_result, root_s_roofs_stand_for_its_thread_count_in_an_older_file) {
-  const result_file file = read_good(
-      R"({"threads":8,"roofs":[{"name":"L1","value":5,"measure":"GB/s","is_compute":false}]})");
+  const result_file file =
+      read_good(R"({"threads":8,"roofs":[{"name":"L1","value":5,"measure":"GB/s","is_compute":false}]})");
   ASSERT_EQ(file.roofs.size(), 1U);
   EXPECT_EQ(file.roofs[0].threads, 8U);
   EXPECT_EQ(file.roofs[0].roofs[0].name, "L1");

@@ -28,8 +28,8 @@ result_file with_blocks(std::vector<block> blocks, roof_set roofs = machine(1)) 
 }
 
 TEST(roofs, without_blocks_the_common_multiply_adds_are_drawn) {
-  EXPECT_THAT(drawn_names(with_blocks({})), ElementsAre("f32x4-FMLA/FMLS", "f64x2-FMLA/FMLS", "Scalar(DP)-FMADD", "L1",
-                                                        "L2", "L3", "DDR"));
+  EXPECT_THAT(drawn_names(with_blocks({})),
+              ElementsAre("f32x4-FMLA/FMLS", "f64x2-FMLA/FMLS", "Scalar(DP)-FMADD", "L1", "L2", "L3", "DDR"));
 }
 
 TEST(roofs, width_of_a_twentieth_of_the_operations_is_drawn_with_its_additions) {

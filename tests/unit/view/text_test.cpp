@@ -64,8 +64,9 @@ TEST(view_text, zero_has_no_sign) {
 
 TEST(view_text, quantities_have_three_digits_and_the_nearest_prefix) {
   const std::vector<std::pair<std::int64_t, std::string>> bytes = {
-      {0, "0 B"}, {7, "7 B"}, {999, "999 B"}, {1000, "1.00 kB"}, {9994, "9.99 kB"}, {9996, "10.0 kB"},
-      {99949, "99.9 kB"}, {999499, "999 kB"}, {999500, "1.00 MB"}, {1, "1 B"}, {INT64_MAX, "9223372 TB"}};
+      {0, "0 B"},          {7, "7 B"},        {999, "999 B"},           {1000, "1.00 kB"},
+      {9994, "9.99 kB"},   {9996, "10.0 kB"}, {99949, "99.9 kB"},       {999499, "999 kB"},
+      {999500, "1.00 MB"}, {1, "1 B"},        {INT64_MAX, "9223372 TB"}};
   for (const auto& [value, text] : bytes) EXPECT_EQ(quantity(value, "B"), text);
   EXPECT_EQ(quantity(5000, ""), "5.00 k");
 }

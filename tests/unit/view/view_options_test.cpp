@@ -132,10 +132,10 @@ TEST(view_options, options_that_exclude_each_other_are_told) {
 
 TEST(view_options, usage_has_every_option_in_lines_of_a_terminal) {
   const std::string usage = usage_text();
-  for (const char* head : {"-o|--output=<file>", "--svg", "--csv", "--table", "--baseline=<file>", "--ranks",
-                           "--threads=<count>", "--level=<L1|L2|L3|DDR>", "--frame=<x:x,y:y>", "--title=<text>",
-                           "--modules[=<folder>]", "--blocks=<count|all>", "--short-paths", "--open", "-h|--help",
-                           "-v|--version"}) {
+  for (const char* head :
+       {"-o|--output=<file>", "--svg", "--csv", "--table", "--baseline=<file>", "--ranks", "--threads=<count>",
+        "--level=<L1|L2|L3|DDR>", "--frame=<x:x,y:y>", "--title=<text>", "--modules[=<folder>]", "--blocks=<count|all>",
+        "--short-paths", "--open", "-h|--help", "-v|--version"}) {
     EXPECT_THAT(usage, HasSubstr("\n    " + std::string(head) + " ")) << usage;
   }
   std::size_t begin = 0;

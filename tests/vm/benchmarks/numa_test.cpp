@@ -1,5 +1,6 @@
-// The real libnuma on a machine with two nodes: the pages of each thread's buffer stand on the node of its processor. Run
-// with huge pages switched off: neighbouring buffers may share one, and its node is that of whoever touches it first.
+// The real libnuma on a machine with two nodes: the pages of each thread's buffer stand on the node of its processor.
+// Run with huge pages switched off: neighbouring buffers may share one, and its node is that of whoever touches it
+// first.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -26,8 +27,9 @@ int current_node() {
   return syscall(SYS_getcpu, nullptr, &node, nullptr) == 0 ? static_cast<int>(node) : -1;
 }
 
-// The nodes that hold the pages of a buffer; a negative number is the error of a page that could not be told. Only pages
-// that belong to the buffer as a whole: the heap's own words, in front of a block, are touched by whoever allocates it.
+// The nodes that hold the pages of a buffer; a negative number is the error of a page that could not be told. Only
+// pages that belong to the buffer as a whole: the heap's own words, in front of a block, are touched by whoever
+// allocates it.
 std::set<int> nodes_of(float* data) {
   const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   const std::uint64_t start = (reinterpret_cast<std::uint64_t>(data) + page - 1) / page * page;

@@ -43,12 +43,19 @@ std::vector<std::string> rows_of(const benchmark_report& report, std::uint64_t c
   return rows;
 }
 
-const std::vector<std::string> thirteen_rows = {
-    "f16x8-FADD/FSUB, GFLOPS, compute",  "f32x4-FADD/FSUB, GFLOPS, compute",  "f64x2-FADD/FSUB, GFLOPS, compute",
-    "f32x4-FMLA/FMLS, GFLOPS, compute",  "f64x2-FMLA/FMLS, GFLOPS, compute",  "f16x8-FMLA/FMLS, GFLOPS, compute",
-    "Scalar(SP)-FMADD, GFLOPS, compute", "Scalar(DP)-FMADD, GFLOPS, compute", "L1, GB/s, memory",
-    "L2, GB/s, memory",                  "L3, GB/s, memory",                  "DDR, GB/s, memory",
-    "DDR Numa-local, GB/s, memory"};
+const std::vector<std::string> thirteen_rows = {"f16x8-FADD/FSUB, GFLOPS, compute",
+                                                "f32x4-FADD/FSUB, GFLOPS, compute",
+                                                "f64x2-FADD/FSUB, GFLOPS, compute",
+                                                "f32x4-FMLA/FMLS, GFLOPS, compute",
+                                                "f64x2-FMLA/FMLS, GFLOPS, compute",
+                                                "f16x8-FMLA/FMLS, GFLOPS, compute",
+                                                "Scalar(SP)-FMADD, GFLOPS, compute",
+                                                "Scalar(DP)-FMADD, GFLOPS, compute",
+                                                "L1, GB/s, memory",
+                                                "L2, GB/s, memory",
+                                                "L3, GB/s, memory",
+                                                "DDR, GB/s, memory",
+                                                "DDR Numa-local, GB/s, memory"};
 
 TEST(roofs, of_the_machine_are_thirteen_for_each_count_and_scale_from_2_to_4_of_8_threads) {
   ASSERT_EQ(std::thread::hardware_concurrency(), 4u);
@@ -104,17 +111,16 @@ roof_maker short_memory(std::uint64_t elements, bool local) {
 }
 
 TEST(duration, is_ten_seconds_and_three_for_each_count_and_at_most_a_twentieth_more) {
-  const roof_list list = {
-      {short_compute(flops_f16x8_fadd, flops_f16x8_fadd_flops_per_iteration),
-       short_compute(flops_f32x4_fadd, flops_f32x4_fadd_flops_per_iteration),
-       short_compute(flops_f64x2_fadd, flops_f64x2_fadd_flops_per_iteration),
-       short_compute(flops_f32x4_fmla, flops_f32x4_fmla_flops_per_iteration),
-       short_compute(flops_f64x2_fmla, flops_f64x2_fmla_flops_per_iteration),
-       short_compute(flops_f16x8_fmla, flops_f16x8_fmla_flops_per_iteration),
-       short_compute(flops_sp_fmadd, flops_sp_fmadd_flops_per_iteration),
-       short_compute(flops_dp_fmadd, flops_dp_fmadd_flops_per_iteration), short_memory(1024, false),
-       short_memory(20480, false)},
-      {short_memory(193536, false), short_memory(1048576, false), short_memory(1048576, true)}};
+  const roof_list list = {{short_compute(flops_f16x8_fadd, flops_f16x8_fadd_flops_per_iteration),
+                           short_compute(flops_f32x4_fadd, flops_f32x4_fadd_flops_per_iteration),
+                           short_compute(flops_f64x2_fadd, flops_f64x2_fadd_flops_per_iteration),
+                           short_compute(flops_f32x4_fmla, flops_f32x4_fmla_flops_per_iteration),
+                           short_compute(flops_f64x2_fmla, flops_f64x2_fmla_flops_per_iteration),
+                           short_compute(flops_f16x8_fmla, flops_f16x8_fmla_flops_per_iteration),
+                           short_compute(flops_sp_fmadd, flops_sp_fmadd_flops_per_iteration),
+                           short_compute(flops_dp_fmadd, flops_dp_fmadd_flops_per_iteration), short_memory(1024, false),
+                           short_memory(20480, false)},
+                          {short_memory(193536, false), short_memory(1048576, false), short_memory(1048576, true)}};
   const timed_report timed = run({1, 2}, list);
   EXPECT_GE(timed.seconds, 16.0);
   EXPECT_LE(timed.seconds, 16.0 * 1.05);

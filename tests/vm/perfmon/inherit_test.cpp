@@ -97,8 +97,7 @@ TEST(inherit_test, the_descriptors_of_a_group_are_gone_in_an_executed_program) {
   ASSERT_EQ(open_descriptors(), before + 3);
   // The shell sees what the child would have had, and the folder's own descriptor.
   const std::string command = "test $(ls /proc/self/fd | wc -l) -eq " + std::to_string(before + 1);
-  const child_result shell =
-      run_in_child([&command] { execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); });
+  const child_result shell = run_in_child([&command] { execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); });
   EXPECT_EQ(shell.exit_status, 0);
   counted.finalize_roofline_events();
 }
@@ -168,8 +167,8 @@ TEST(inherit_test, a_thread_started_inside_a_region_that_starts_it_too_is_counte
 }
 
 TEST(inherit_test, a_thread_made_between_two_rounds_of_a_region_is_counted_by_its_makers_second_round) {
-  // The stopped counters follow the new thread as well, and the next start of its maker starts them there: what a thread
-  // that is in no region does counts for its maker's region.
+  // The stopped counters follow the new thread as well, and the next start of its maker starts them there: what a
+  // thread that is in no region does counts for its maker's region.
   for (const bool made_before_the_first_start : {true, false}) {
     std::promise<void> go;
     std::thread worker;

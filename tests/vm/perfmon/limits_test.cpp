@@ -110,8 +110,8 @@ TEST(limits_test, after_the_limit_is_lifted_the_next_start_opens_the_group) {
     EXPECT_GT(counted.total("total", "A"), 0u);
   });
   EXPECT_EQ(child.exit_status, 0);
-  EXPECT_THAT(child.log, ElementsAre(LIMIT_REACHED, LIMIT_HINT,
-                                     "warn failed to perfmon::open_roofline_events for total region"));
+  EXPECT_THAT(child.log,
+              ElementsAre(LIMIT_REACHED, LIMIT_HINT, "warn failed to perfmon::open_roofline_events for total region"));
 }
 
 TEST(limits_test, an_ordinary_user_at_paranoid_3_gets_one_warning_an_event_and_those_of_start_and_stop) {

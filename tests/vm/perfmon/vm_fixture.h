@@ -64,8 +64,8 @@ std::uint64_t faults_of_self();
 std::uint64_t faults_of_children();
 
 struct child_result {
-  int exit_status = -1;           // -1: it was killed.
-  std::vector<std::string> log;   // Its log lines, each reduced to "level message".
+  int exit_status = -1;          // -1: it was killed.
+  std::vector<std::string> log;  // Its log lines, each reduced to "level message".
   // Of these the warnings of metrics that are 0 for want of an event, which are kept out of `log`: the emulated unit
   // has none of the tool's events.
   std::vector<std::string> silent_metrics;

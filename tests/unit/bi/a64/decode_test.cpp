@@ -61,9 +61,10 @@ TEST(a64_decode, tells_each_row_of_the_encoding_table_with_random_fields) {
 }
 
 TEST(a64_authenticated_branch, is_each_row_of_its_kind_and_no_other) {
-  const std::vector<std::string> kind = {
-      "BRAAZ_64_branch_reg",  "BRABZ_64_branch_reg",  "BLRAAZ_64_branch_reg", "BLRABZ_64_branch_reg", "RETAA_64E_branch_reg",
-      "RETAB_64E_branch_reg", "BRAA_64P_branch_reg",  "BRAB_64P_branch_reg",  "BLRAA_64P_branch_reg", "BLRAB_64P_branch_reg"};
+  const std::vector<std::string> kind = {"BRAAZ_64_branch_reg",  "BRABZ_64_branch_reg",  "BLRAAZ_64_branch_reg",
+                                         "BLRABZ_64_branch_reg", "RETAA_64E_branch_reg", "RETAB_64E_branch_reg",
+                                         "BRAA_64P_branch_reg",  "BRAB_64P_branch_reg",  "BLRAA_64P_branch_reg",
+                                         "BLRAB_64P_branch_reg"};
   const std::uint64_t seed = 0xdec0de02;
   SCOPED_TRACE(::testing::Message() << "seed " << seed);
   std::mt19937_64 random(seed);
@@ -147,9 +148,8 @@ TEST(a64_decode, takes_the_unallocated_literal_load_for_a_literal_load) {
 }
 
 TEST(a64_decode, takes_pointer_authentication_in_the_hint_space_for_hints) {
-  expect_each({{"paciasp", 0xd503233f, A64_HINT},
-               {"autiasp", 0xd50323bf, A64_HINT},
-               {"xpaclri", 0xd50320ff, A64_HINT}});
+  expect_each(
+      {{"paciasp", 0xd503233f, A64_HINT}, {"autiasp", 0xd50323bf, A64_HINT}, {"xpaclri", 0xd50320ff, A64_HINT}});
 }
 
 TEST(a64_decode, does_not_recognise_branches_that_authenticate) {
@@ -180,8 +180,8 @@ TEST(a64_decode, keeps_compare_and_swap_of_bytes_and_halfwords_apart_from_that_o
 }
 
 TEST(a64_decode, tells_a_vector_shift_from_a_modified_immediate_by_immh) {
-  expect_each({{"movi v0.4s, #0", 0x4f000400, A64_SIMD_MODIFIED_IMM},
-               {"shl v0.16b, v0.16b, #0", 0x4f085400, A64_SIMD_SHIFT}});
+  expect_each(
+      {{"movi v0.4s, #0", 0x4f000400, A64_SIMD_MODIFIED_IMM}, {"shl v0.16b, v0.16b, #0", 0x4f085400, A64_SIMD_SHIFT}});
 }
 
 TEST(a64_decode, finds_every_row_that_depends_on_its_position_in_a_branch_class_or_not_at_all) {
@@ -194,11 +194,10 @@ TEST(a64_decode, finds_every_row_that_depends_on_its_position_in_a_branch_class_
   for (std::size_t index = 0; index < encoding_row_count; ++index) {
     const encoding_row& row = encoding_rows[index];
     const std::string name = row.name;
-    const bool expected =
-        starts_with(name, {"CBZ_32_c", "CBZ_64_c", "CBNZ_32_c", "CBNZ_64_c", "B_only_c", "BC_only_c", "TBZ_only",
-                           "TBNZ_only", "B_only_b", "BL_only_b", "BR_64", "BLR_64", "RET_64R", "ADR_only",
-                           "ADRP_only"}) ||
-        name.find("_loadlit") != std::string::npos;
+    const bool expected = starts_with(name, {"CBZ_32_c", "CBZ_64_c", "CBNZ_32_c", "CBNZ_64_c", "B_only_c", "BC_only_c",
+                                             "TBZ_only", "TBNZ_only", "B_only_b", "BL_only_b", "BR_64", "BLR_64",
+                                             "RET_64R", "ADR_only", "ADRP_only"}) ||
+                          name.find("_loadlit") != std::string::npos;
     dependent += expected ? 1 : 0;
     EXPECT_EQ(a64_is_branch_class(row.instruction), expected) << name << ": " << class_name(row.instruction);
   }

@@ -29,20 +29,40 @@ bool in_scope(int instruction) {
 }
 
 const std::map<std::string, a64_instruction> BY_MNEMONIC = {
-    {"cbz", A64_CBZ}, {"cbnz", A64_CBZ}, {"svc", A64_SVC}, {"hvc", A64_HVC}, {"smc", A64_SMC}, {"brk", A64_BRK},
-    {"hlt", A64_HLT}, {"dcps1", A64_DCPS1}, {"dcps2", A64_DCPS2}, {"dcps3", A64_DCPS3}, {"cfinv", A64_MSR_IMM},
-    {"xaflag", A64_MSR_IMM}, {"axflag", A64_MSR_IMM}, {"smstart", A64_MSR_IMM}, {"smstop", A64_MSR_IMM},
-    {"nop", A64_HINT}, {"yield", A64_HINT}, {"wfe", A64_HINT}, {"wfi", A64_HINT}, {"sev", A64_HINT},
-    {"sevl", A64_HINT}, {"hint", A64_HINT}, {"dgh", A64_HINT}, {"esb", A64_HINT}, {"psb", A64_HINT},
-    {"tsb", A64_HINT}, {"csdb", A64_HINT}, {"bti", A64_HINT}, {"xpaclri", A64_HINT}, {"pacia1716", A64_HINT},
-    {"pacib1716", A64_HINT}, {"autia1716", A64_HINT}, {"autib1716", A64_HINT}, {"paciaz", A64_HINT},
-    {"paciasp", A64_HINT}, {"pacibz", A64_HINT}, {"pacibsp", A64_HINT}, {"autiaz", A64_HINT},
-    {"autiasp", A64_HINT}, {"autibz", A64_HINT}, {"autibsp", A64_HINT}, {"clrex", A64_CLREX}, {"dsb", A64_DSB},
-    {"ssbb", A64_DSB}, {"pssbb", A64_DSB}, {"dfb", A64_DSB}, {"dmb", A64_DMB}, {"isb", A64_ISB}, {"sys", A64_SYS},
-    {"ic", A64_SYS}, {"dc", A64_SYS}, {"at", A64_SYS}, {"tlbi", A64_SYS}, {"cfp", A64_SYS}, {"dvp", A64_SYS},
-    {"cpp", A64_SYS}, {"brb", A64_SYS}, {"sysl", A64_SYSL}, {"mrs", A64_MRS_MSR}, {"tbz", A64_TBZ},
-    {"tbnz", A64_TBZ}, {"b", A64_B}, {"bl", A64_B}, {"br", A64_BR}, {"blr", A64_BLR}, {"ret", A64_RET},
-    {"eret", A64_ERET}, {"drps", A64_DRPS},
+    {"cbz", A64_CBZ},        {"cbnz", A64_CBZ},
+    {"svc", A64_SVC},        {"hvc", A64_HVC},
+    {"smc", A64_SMC},        {"brk", A64_BRK},
+    {"hlt", A64_HLT},        {"dcps1", A64_DCPS1},
+    {"dcps2", A64_DCPS2},    {"dcps3", A64_DCPS3},
+    {"cfinv", A64_MSR_IMM},  {"xaflag", A64_MSR_IMM},
+    {"axflag", A64_MSR_IMM}, {"smstart", A64_MSR_IMM},
+    {"smstop", A64_MSR_IMM}, {"nop", A64_HINT},
+    {"yield", A64_HINT},     {"wfe", A64_HINT},
+    {"wfi", A64_HINT},       {"sev", A64_HINT},
+    {"sevl", A64_HINT},      {"hint", A64_HINT},
+    {"dgh", A64_HINT},       {"esb", A64_HINT},
+    {"psb", A64_HINT},       {"tsb", A64_HINT},
+    {"csdb", A64_HINT},      {"bti", A64_HINT},
+    {"xpaclri", A64_HINT},   {"pacia1716", A64_HINT},
+    {"pacib1716", A64_HINT}, {"autia1716", A64_HINT},
+    {"autib1716", A64_HINT}, {"paciaz", A64_HINT},
+    {"paciasp", A64_HINT},   {"pacibz", A64_HINT},
+    {"pacibsp", A64_HINT},   {"autiaz", A64_HINT},
+    {"autiasp", A64_HINT},   {"autibz", A64_HINT},
+    {"autibsp", A64_HINT},   {"clrex", A64_CLREX},
+    {"dsb", A64_DSB},        {"ssbb", A64_DSB},
+    {"pssbb", A64_DSB},      {"dfb", A64_DSB},
+    {"dmb", A64_DMB},        {"isb", A64_ISB},
+    {"sys", A64_SYS},        {"ic", A64_SYS},
+    {"dc", A64_SYS},         {"at", A64_SYS},
+    {"tlbi", A64_SYS},       {"cfp", A64_SYS},
+    {"dvp", A64_SYS},        {"cpp", A64_SYS},
+    {"brb", A64_SYS},        {"sysl", A64_SYSL},
+    {"mrs", A64_MRS_MSR},    {"tbz", A64_TBZ},
+    {"tbnz", A64_TBZ},       {"b", A64_B},
+    {"bl", A64_B},           {"br", A64_BR},
+    {"blr", A64_BLR},        {"ret", A64_RET},
+    {"eret", A64_ERET},      {"drps", A64_DRPS},
 };
 
 // The class in scope that LLVM's text stands for, or A64_NOT_RECOGNISED for any other instruction.
@@ -55,8 +75,8 @@ int class_of_text(const std::string& text) {
   if (mnemonic.rfind("b.", 0) == 0 || mnemonic.rfind("bc.", 0) == 0) {
     return A64_B_COND;
   }
-  if ((mnemonic == "msr" || mnemonic == "mrs") && operands.find_first_of("01", operands.find("S")) ==
-                                                       operands.find("S") + 1) {
+  if ((mnemonic == "msr" || mnemonic == "mrs") &&
+      operands.find_first_of("01", operands.find("S")) == operands.find("S") + 1) {
     return A64_NOT_RECOGNISED;  // System registers begin at S2; LLVM prints unallocated words as if they went on below.
   }
   if (mnemonic == "msr") {
@@ -125,34 +145,18 @@ std::string text_by_fields(std::uint32_t word, int instruction) {
       a64_tbz_decode(&word, &a, &b, &c, &d, &e);
       return (b != 0 ? "tbnz\t" : "tbz\t") + general(a, e) + ", #" + std::to_string(a * 32 + c) + ", " +
              offset(d, 14, 4);
-    case A64_B:
-      a64_b_decode(&word, &a, &b);
-      return (a != 0 ? "bl\t" : "b\t") + offset(b, 26, 4);
-    case A64_BR:
-      a64_br_decode(&word, &a);
-      return "br\t" + general(1, a);
-    case A64_BLR:
-      a64_blr_decode(&word, &a);
-      return "blr\t" + general(1, a);
-    case A64_RET:
-      a64_ret_decode(&word, &a);
-      return a == 30 ? "ret" : "ret\t" + general(1, a);
-    case A64_SVC:
-      a64_svc_decode(&word, &a);
-      return "svc\t" + immediate(a);
-    case A64_HVC:
-      a64_hvc_decode(&word, &a);
-      return "hvc\t" + immediate(a);
-    case A64_BRK:
-      a64_brk_decode(&word, &a);
-      return "brk\t" + immediate(a);
-    case A64_LDR_LITERAL:
-      return literal_text(word);
+    case A64_B: a64_b_decode(&word, &a, &b); return (a != 0 ? "bl\t" : "b\t") + offset(b, 26, 4);
+    case A64_BR: a64_br_decode(&word, &a); return "br\t" + general(1, a);
+    case A64_BLR: a64_blr_decode(&word, &a); return "blr\t" + general(1, a);
+    case A64_RET: a64_ret_decode(&word, &a); return a == 30 ? "ret" : "ret\t" + general(1, a);
+    case A64_SVC: a64_svc_decode(&word, &a); return "svc\t" + immediate(a);
+    case A64_HVC: a64_hvc_decode(&word, &a); return "hvc\t" + immediate(a);
+    case A64_BRK: a64_brk_decode(&word, &a); return "brk\t" + immediate(a);
+    case A64_LDR_LITERAL: return literal_text(word);
     case A64_ADR:
       a64_adr_decode(&word, &a, &b, &c, &d);
       return (a != 0 ? "adrp\t" : "adr\t") + general(1, d) + ", " + offset(c << 2 | b, 21, a != 0 ? 4096 : 1);
-    default:
-      return "";
+    default: return "";
   }
 }
 
@@ -171,8 +175,8 @@ void compare(const llvm_disassembler& llvm, std::uint32_t word, tally& counts) {
   const std::string text = llvm.text_of(word);
   const int expected = class_of_text(text);
   if (!in_scope(decoded)) {
-    ASSERT_EQ(class_name(expected), "not recognised") << hex(word) << " '" << text << "' decoded as "
-                                                      << class_name(decoded);
+    ASSERT_EQ(class_name(expected), "not recognised")
+        << hex(word) << " '" << text << "' decoded as " << class_name(decoded);
     return;
   }
   ++counts.in_scope;

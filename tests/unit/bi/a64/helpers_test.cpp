@@ -208,7 +208,8 @@ INSTANTIATE_TEST_SUITE_P(words, a64_authenticated_branches,
 TEST(a64_authenticated_branch, is_no_other_word) {
   a64_authenticated_branch branch{};
   // ret, br x3, blr x3, unallocated beside braaz, retaasppcr x1, eretaa, drps.
-  for (const std::uint32_t word : {0xd65f03c0, 0xd61f0060, 0xd63f0060, 0xd61f0860, 0xd65f0be1, 0xd69f0bff, 0xd6bf03e0}) {
+  for (const std::uint32_t word :
+       {0xd65f03c0, 0xd61f0060, 0xd63f0060, 0xd61f0860, 0xd65f0be1, 0xd69f0bff, 0xd6bf03e0}) {
     EXPECT_FALSE(a64_authenticated_branch_decode(word, &branch)) << hex(word);
   }
 }

@@ -104,8 +104,8 @@ TEST(a64_vectors, on_the_negative_list_are_not_recognised) {
     if (entry.instruction == A64_NOT_RECOGNISED) {
       ++negatives;
       const int decoded = a64_decode(&entry.word);
-      EXPECT_EQ(decoded, A64_NOT_RECOGNISED) << entry.assembly << " (" << hex(entry.word) << ") decoded as "
-                                             << class_name(decoded);
+      EXPECT_EQ(decoded, A64_NOT_RECOGNISED)
+          << entry.assembly << " (" << hex(entry.word) << ") decoded as " << class_name(decoded);
     }
   }
   EXPECT_GE(negatives, 50);

@@ -30,12 +30,12 @@ std::vector<std::string> texts(const words& from) {
 }
 
 // The assembler's words for `text`, which stand in this program's text and are branched over.
-#define ASSEMBLED(text)                                                              \
-  [] {                                                                               \
-    const std::uint32_t* begin = nullptr;                                            \
-    const std::uint32_t* end = nullptr;                                              \
+#define ASSEMBLED(text)                                                                        \
+  [] {                                                                                         \
+    const std::uint32_t* begin = nullptr;                                                      \
+    const std::uint32_t* end = nullptr;                                                        \
     asm("adr %0, 80f\n\tadr %1, 81f\n\tb 81f\n80:\n\t" text "\n81:" : "=r"(begin), "=r"(end)); \
-    return words{begin, end};                                                        \
+    return words{begin, end};                                                                  \
   }()
 
 #define EXPECT_CODE(text, statements) \
@@ -130,20 +130,22 @@ TEST(code_writer, branches_to_addresses_and_to_bound_labels) {
   EXPECT_CODE("bl . + 8", code.bl(reinterpret_cast<std::uint64_t>(code.cursor + 2)));
   EXPECT_CODE("nop\n\tb.ne . - 4", code.nop(); code.b_cond(1, reinterpret_cast<std::uint64_t>(code.cursor - 1)));
   EXPECT_CODE("1:nop\n\tb 1b\n\tb.lt 1b\n\tcbz x19, 1b\n\tcbnz x22, 1b\n\ttbz x23, #63, 1b\n\ttbnz w24, #5, 1b",
-              code_label start; code.bind(start); code.nop(); code.b(start); code.b_cond(11, start); code.cbz(x19, start);
+              code_label start;
+              code.bind(start); code.nop(); code.b(start); code.b_cond(11, start); code.cbz(x19, start);
               code.cbnz(x22, start); code.tbz(x23, 63, start); code.tbnz(x24, 5, start));
 }
 
 TEST(code_writer, branches_to_labels_that_are_bound_later) {
   EXPECT_CODE("b 1f\n\tb.lt 1f\n\tcbz x19, 1f\n\tnop\n\tcbnz x22, 1f\n\ttbz x23, #63, 1f\n\ttbnz w24, #5, 1f\n1:nop",
-              code_label end; code.b(end); code.b_cond(11, end); code.cbz(x19, end); code.nop(); code.cbnz(x22, end);
+              code_label end;
+              code.b(end); code.b_cond(11, end); code.cbz(x19, end); code.nop(); code.cbnz(x22, end);
               code.tbz(x23, 63, end); code.tbnz(x24, 5, end); code.bind(end); code.nop());
 }
 
 TEST(code_writer, two_labels_at_once_keep_their_branches_apart) {
-  EXPECT_CODE("cbz x0, 1f\n\tcbz x1, 2f\n\tcbz x2, 1f\n\tcbz x3, 2f\n1:nop\n2:nop",
-              code_label first; code_label second; code.cbz(x0, first); code.cbz(x1, second); code.cbz(x2, first);
-              code.cbz(x3, second); code.bind(first); code.nop(); code.bind(second); code.nop());
+  EXPECT_CODE("cbz x0, 1f\n\tcbz x1, 2f\n\tcbz x2, 1f\n\tcbz x3, 2f\n1:nop\n2:nop", code_label first; code_label second;
+              code.cbz(x0, first); code.cbz(x1, second); code.cbz(x2, first); code.cbz(x3, second); code.bind(first);
+              code.nop(); code.bind(second); code.nop());
 }
 
 TEST(code_writer, a_label_that_nothing_branches_to_changes_nothing) {

@@ -1,5 +1,5 @@
-// What was sent with signals that wait: kept in the order of arrival, for each number apart, and never mixed by a signal that
-// strikes in the middle.
+// What was sent with signals that wait: kept in the order of arrival, for each number apart, and never mixed by a
+// signal that strikes in the middle.
 #include "bi/signals/held_signals.h"
 
 #include <gtest/gtest.h>

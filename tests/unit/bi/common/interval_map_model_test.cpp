@@ -77,12 +77,13 @@ class interval_model {
     return static_cast<int>(touched.size());
   }
 
-  std::size_t overlapping(std::uint64_t start, std::uint64_t end) const { return found_from_the_end(start, end).size(); }
+  std::size_t overlapping(std::uint64_t start, std::uint64_t end) const {
+    return found_from_the_end(start, end).size();
+  }
 
   const model_range* search(std::uint64_t address) const {
-    const auto found = std::find_if(entries.rbegin(), entries.rend(), [=](const auto& entry) {
-      return entry->start <= address && address < entry->end;
-    });
+    const auto found = std::find_if(entries.rbegin(), entries.rend(),
+                                    [=](const auto& entry) { return entry->start <= address && address < entry->end; });
     return found != entries.rend() ? found->get() : nullptr;
   }
 
@@ -137,16 +138,19 @@ void run_rounds(std::uint64_t rounds, int steps, bool with_files) {
       const std::uint64_t end = start + random() % (random() % 4 == 0 ? 24 : 6);
       const int fd = !with_files ? -1 : std::array{-1, file_a.fd(), file_b.fd()}[random() % 3];
       switch (random() % 8) {
-        case 0: case 1: case 2: case 3: {
+        case 0:
+        case 1:
+        case 2:
+        case 3: {
           const std::size_t before = model.entries.size();
           ASSERT_EQ(interval_map_add(&scratch.map, start, end, fd), model.add(start, end, fd >= 0 ? file_of(fd) : 0));
           if (model.entries.size() < before) ++merged_away;
           if (model.entries.size() == capacity) ++full;
           break;
         }
-        case 4: case 5: case 6:
-          ASSERT_EQ(interval_map_delete(&scratch.map, start, end), model.remove(start, end));
-          break;
+        case 4:
+        case 5:
+        case 6: ASSERT_EQ(interval_map_delete(&scratch.map, start, end), model.remove(start, end)); break;
         default: {
           interval_entry found{};
           const model_range* expected = model.search(start);
@@ -162,7 +166,8 @@ void run_rounds(std::uint64_t rounds, int steps, bool with_files) {
         }
       }
       ASSERT_NO_FATAL_FAILURE(expect_same(scratch, model));
-      dead += std::count_if(model.entries.begin(), model.entries.end(), [](const auto& e) { return e->end < e->start; });
+      dead +=
+          std::count_if(model.entries.begin(), model.entries.end(), [](const auto& e) { return e->end < e->start; });
     }
     if (with_files) {
       ASSERT_EQ(scratch.opened(), model.open) << "descriptors open";

@@ -77,9 +77,7 @@ class scratch_interval_map {
     return result;
   }
   // How many descriptors more are open than when the map was made.
-  int opened() const {
-    return static_cast<int>(open_descriptors().size()) - static_cast<int>(m_open_before.size());
-  }
+  int opened() const { return static_cast<int>(open_descriptors().size()) - static_cast<int>(m_open_before.size()); }
 
   interval_map map{};
 

@@ -131,8 +131,8 @@ TEST_F(interval_map_test, kept_entry_is_widened_until_a_removal_moves_it) {
   add(0x1800, 0x1900);
   add(0x9000, 0xa000);
   add(0x800, 0x2800);
-  // The kept entry is the third. The second one's removal leaves it in its slot, the last then: it is widened to 0x3000.
-  // The first one's removal moves it, and the widening to 0 is lost.
+  // The kept entry is the third. The second one's removal leaves it in its slot, the last then: it is widened to
+  // 0x3000. The first one's removal moves it, and the widening to 0 is lost.
   EXPECT_THAT(ranges(), ElementsAre(range(0x800, 0x3000), range(0x9000, 0xa000)));
 }
 
@@ -286,8 +286,8 @@ TEST_F(interval_map_test, delete_walks_all_its_entries_whatever_they_become) {
   add(0x6000, 0x9000);  // starts inside
   add(0xa000, 0xb000);
   EXPECT_EQ(remove(0x2000, 0x7000), 3);
-  EXPECT_THAT(ranges(), ElementsAre(range(0x1000, 0x2000), range(0x7000, 0x9000), range(0x6000, 0x2000),
-                                    range(0xa000, 0xb000)));
+  EXPECT_THAT(ranges(),
+              ElementsAre(range(0x1000, 0x2000), range(0x7000, 0x9000), range(0x6000, 0x2000), range(0xa000, 0xb000)));
 }
 
 TEST_F(interval_map_test, overlapping_counts_entries) {
@@ -365,7 +365,12 @@ TEST_F(interval_map_log_test, delete_that_touches_nothing_logs_nothing) {
 }
 
 TEST_F(interval_map_log_test, nothing_is_logged_at_level_debug) {
-  EXPECT_THAT(lines_at(LEVEL_DEBUG, [&] { add(0x1000, 0x2000); remove(0x1800, 0x3000); interval_map_print(map); }),
+  EXPECT_THAT(lines_at(LEVEL_DEBUG,
+                       [&] {
+                         add(0x1000, 0x2000);
+                         remove(0x1800, 0x3000);
+                         interval_map_print(map);
+                       }),
               IsEmpty());
 }
 

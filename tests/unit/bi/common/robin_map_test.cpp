@@ -1,5 +1,5 @@
-// The growing table, case by case: where records stand, what the order list says, when it grows. Expected homes come from
-// the mixing function computed in Python's unbounded integers; keys of chosen homes are looked for by trial.
+// The growing table, case by case: where records stand, what the order list says, when it grows. Expected homes come
+// from the mixing function computed in Python's unbounded integers; keys of chosen homes are looked for by trial.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -102,7 +102,8 @@ TEST_F(robin_map_test, key_that_exists_away_from_its_home_is_found_by_an_inserti
 }
 
 TEST_F(robin_map_test, record_nearer_to_its_home_gives_way_and_both_go_to_the_lists_head) {
-  const std::uint64_t a = key_with_home(10, 0), b = key_with_home(10, 1), c = key_with_home(11), d = key_with_home(10, 2);
+  const std::uint64_t a = key_with_home(10, 0), b = key_with_home(10, 1), c = key_with_home(11),
+                      d = key_with_home(10, 2);
   const std::uint64_t elsewhere = key_with_home(40);
   scratch.insert(a);
   scratch.insert(b);  // 11, distance 1
@@ -151,7 +152,8 @@ TEST_F(robin_map_test, probing_wraps_at_the_last_bucket) {
 }
 
 TEST_F(robin_map_test, removal_shifts_back_what_follows_and_relinks_it_at_the_lists_head) {
-  const std::uint64_t a = key_with_home(10, 0), b = key_with_home(10, 1), c = key_with_home(11), at_home = key_with_home(13);
+  const std::uint64_t a = key_with_home(10, 0), b = key_with_home(10, 1), c = key_with_home(11),
+                      at_home = key_with_home(13);
   const std::uint64_t elsewhere = key_with_home(40);
   for (const std::uint64_t key : {a, b, c, at_home, elsewhere}) scratch.insert(key);
   EXPECT_TRUE(robin_map_remove(map, a));
@@ -334,8 +336,9 @@ TEST_F(robin_map_check_test, links_that_differ_in_the_two_directions_are_found) 
 
 TEST_F(robin_map_check_test, link_to_something_that_is_no_bucket_is_found_and_not_followed) {
   robin_link* const next = map->buckets[20].order.next;
-  for (const std::uintptr_t wild : {std::uintptr_t{0}, std::uintptr_t{0x1000}, reinterpret_cast<std::uintptr_t>(next) + 1,
-                                    reinterpret_cast<std::uintptr_t>(&map->buckets[64].order)}) {
+  for (const std::uintptr_t wild :
+       {std::uintptr_t{0}, std::uintptr_t{0x1000}, reinterpret_cast<std::uintptr_t>(next) + 1,
+        reinterpret_cast<std::uintptr_t>(&map->buckets[64].order)}) {
     map->buckets[20].order.next = reinterpret_cast<robin_link*>(wild);
     EXPECT_EQ(robin_map_check(map), 0) << std::hex << wild;
   }

@@ -168,7 +168,8 @@ TEST_F(core, the_address_one_past_the_block_area_has_index_55000) {
 }
 
 TEST_F(core, the_way_back_into_the_cache_stops_at_a_target_that_no_program_has) {
-  const word_list stub = words(reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(cache_reentry_stub)), 32);
+  const word_list stub =
+      words(reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(cache_reentry_stub)), 32);
   const word_list stop = {0xd29adb62,   // mov x2, #0xd6db
                           0xeb02001f,   // cmp x0, x2
                           0x54ffffc0};  // b.eq .-8

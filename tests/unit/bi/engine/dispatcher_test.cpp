@@ -78,7 +78,8 @@ TEST_F(dispatcher_links, the_taken_side_first_is_skipped_by_the_inverted_conditi
   std::uint32_t* exit = meta(id).exit_code_addr;
   const std::uint64_t taken = dispatched(address_of(one_ret), id);
   constexpr std::uint32_t ne = 1;
-  EXPECT_THAT(words(exit, 3), ElementsAre(b_cond_word(exit, exit + 2, ne), branch_word(exit + 1, taken + 4), PUSH_X0_X1));
+  EXPECT_THAT(words(exit, 3),
+              ElementsAre(b_cond_word(exit, exit + 2, ne), branch_word(exit + 1, taken + 4), PUSH_X0_X1));
   EXPECT_EQ(meta(id).link_state, LINK_TAKEN_FIRST);
 
   const std::uint64_t skipped = dispatched(address_of(branch_eq) + 4, id);
@@ -210,9 +211,8 @@ TEST_F(dispatcher_links, the_lookup_of_a_return_is_a_loop_over_the_table_and_a_w
 TEST_F(dispatcher_links, a_call_by_register_loads_x30_before_it_looks_up) {
   const std::int32_t id = scan_block(blr_x2);
   const std::uint32_t* exit = meta(id).exit_code_addr;
-  const word_list link = written(exit + 1, [&](std::uint32_t** write) {
-    a64_load_const(write, 30, address_of(blr_x2) + 4);
-  });
+  const word_list link =
+      written(exit + 1, [&](std::uint32_t** write) { a64_load_const(write, 30, address_of(blr_x2) + 4); });
   EXPECT_EQ(words(exit + 1, link.size()), link);
 }
 
@@ -227,13 +227,14 @@ TEST_F(dispatcher_links, the_longest_lookup_fits_the_space_that_the_scanner_keep
 TEST_F(dispatcher_links, a_signed_address_is_authenticated_in_x1_with_its_modifier_as_it_was_before_the_lookup) {
   constexpr std::uint32_t mov_x1_x5 = 0xaa0503e1;
   const std::uint32_t* exit = meta(scan_block(signed_return)).exit_code_addr;
-  EXPECT_THAT(words(exit, 5), ElementsAre(PUSH_X0_X1, PUSH_X2, 0x910083e2 /* add x2, sp, #32 */, 0xaa1e03e1 /* mov x1, x30 */,
-                                          0xdac11041 /* autia x1, x2 */));
+  EXPECT_THAT(words(exit, 5), ElementsAre(PUSH_X0_X1, PUSH_X2, 0x910083e2 /* add x2, sp, #32 */,
+                                          0xaa1e03e1 /* mov x1, x30 */, 0xdac11041 /* autia x1, x2 */));
   exit = meta(scan_block(signed_branch_x5_x1)).exit_code_addr;
   EXPECT_THAT(words(exit, 5), ElementsAre(PUSH_X0_X1, PUSH_X2, 0xaa0103e2 /* mov x2, x1 */, mov_x1_x5, 0xdac11041));
   const std::int32_t id = scan_block(signed_branch_x17);
   exit = meta(id).exit_code_addr;
-  EXPECT_THAT(words(exit, 4), ElementsAre(PUSH_X0_X1, PUSH_X2, 0xaa1103e1 /* mov x1, x17 */, 0xdac137e1 /* autizb x1 */));
+  EXPECT_THAT(words(exit, 4),
+              ElementsAre(PUSH_X0_X1, PUSH_X2, 0xaa1103e1 /* mov x1, x17 */, 0xdac137e1 /* autizb x1 */));
   EXPECT_EQ(meta(id).rn, 1u);  // Where a signal finds the target.
 }
 
@@ -241,9 +242,8 @@ TEST_F(dispatcher_links, a_signed_target_in_x2_has_its_modifier_in_x0_and_the_li
   const std::uint32_t* exit = meta(scan_block(signed_call_x2_x1)).exit_code_addr;
   EXPECT_THAT(words(exit, 5), ElementsAre(PUSH_X0_X1, PUSH_X2, 0xaa0103e0 /* mov x0, x1 */, 0xaa0203e1 /* mov x1, x2 */,
                                           0xdac11401 /* autib x1, x0 */));
-  const word_list link = written(exit + 5, [&](std::uint32_t** write) {
-    a64_load_const(write, 30, address_of(signed_call_x2_x1) + 4);
-  });
+  const word_list link =
+      written(exit + 5, [&](std::uint32_t** write) { a64_load_const(write, 30, address_of(signed_call_x2_x1) + 4); });
   EXPECT_EQ(words(exit + 5, link.size()), link);
 }
 

@@ -17,17 +17,17 @@ using word_list = std::vector<std::uint32_t>;
 
 // Words that many expectations name.
 inline constexpr std::uint32_t NOP = 0xd503201f;
-inline constexpr std::uint32_t POP_X0_X1 = 0xa8c107e0;      // ldp x0, x1, [sp], #16: the entry word.
-inline constexpr std::uint32_t PUSH_X0_X1 = 0xa9bf07e0;     // stp x0, x1, [sp, #-16]!
-inline constexpr std::uint32_t PUSH_X1_X30 = 0xa9bf7be1;    // stp x1, x30, [sp, #-16]!
-inline constexpr std::uint32_t POP_X1_X30 = 0xa8c17be1;     // ldp x1, x30, [sp], #16
-inline constexpr std::uint32_t PUSH_X2 = 0xf81f0fe2;        // str x2, [sp, #-16]!
-inline constexpr std::uint32_t PUSH_X0 = 0xf81f0fe0;        // str x0, [sp, #-16]!
-inline constexpr std::uint32_t POP_X0 = 0xf84107e0;         // ldr x0, [sp], #16
-inline constexpr std::uint32_t PUSH_X1 = 0xf81f0fe1;        // str x1, [sp, #-16]!
-inline constexpr std::uint32_t POP_X1 = 0xf84107e1;         // ldr x1, [sp], #16
-inline constexpr std::uint32_t BR_X0 = 0xd61f0000;          // br x0
-inline constexpr std::uint32_t RET = 0xd65f03c0;            // ret
+inline constexpr std::uint32_t POP_X0_X1 = 0xa8c107e0;    // ldp x0, x1, [sp], #16: the entry word.
+inline constexpr std::uint32_t PUSH_X0_X1 = 0xa9bf07e0;   // stp x0, x1, [sp, #-16]!
+inline constexpr std::uint32_t PUSH_X1_X30 = 0xa9bf7be1;  // stp x1, x30, [sp, #-16]!
+inline constexpr std::uint32_t POP_X1_X30 = 0xa8c17be1;   // ldp x1, x30, [sp], #16
+inline constexpr std::uint32_t PUSH_X2 = 0xf81f0fe2;      // str x2, [sp, #-16]!
+inline constexpr std::uint32_t PUSH_X0 = 0xf81f0fe0;      // str x0, [sp, #-16]!
+inline constexpr std::uint32_t POP_X0 = 0xf84107e0;       // ldr x0, [sp], #16
+inline constexpr std::uint32_t PUSH_X1 = 0xf81f0fe1;      // str x1, [sp, #-16]!
+inline constexpr std::uint32_t POP_X1 = 0xf84107e1;       // ldr x1, [sp], #16
+inline constexpr std::uint32_t BR_X0 = 0xd61f0000;        // br x0
+inline constexpr std::uint32_t RET = 0xd65f03c0;          // ret
 
 // Source code of the tests, in source_code.S: a label for each piece.
 #define SOURCE(name) extern "C" const std::uint32_t name[]

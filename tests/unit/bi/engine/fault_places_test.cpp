@@ -1,5 +1,5 @@
-// What the handler of a fault finds in its context: the source instruction that the faulting word of rewritten code stands for,
-// and the registers that the rewriting has borrowed.
+// What the handler of a fault finds in its context: the source instruction that the faulting word of rewritten code
+// stands for, and the registers that the rewriting has borrowed.
 #include <csignal>
 
 #include "bi/a64/a64.h"
@@ -57,7 +57,8 @@ TEST_F(fault_places, code_before_the_first_source_word_stands_for_it) {
 TEST_F(fault_places, a_block_that_goes_on_in_the_next_ones_is_counted_through) {
   const std::int32_t id = scan_block(long_block);
   const std::uint32_t* first = find_word(id, long_block[0]);
-  for (const int index : {0, 63, 64, 150, 199}) EXPECT_EQ(fault_at(first + index), address_of(long_block + index)) << index;
+  for (const int index : {0, 63, 64, 150, 199})
+    EXPECT_EQ(fault_at(first + index), address_of(long_block + index)) << index;
 }
 
 TEST_F(fault_places, a_block_that_goes_on_elsewhere_is_followed_by_its_branch) {
@@ -124,9 +125,7 @@ TEST_F(fault_places, a_place_that_cannot_be_executed_is_pc_with_x0_as_it_was_and
   EXPECT_EQ(hash_lookup_entry(thread, nowhere), HASH_MISS);
 }
 
-TEST_F(fault_places, the_engines_own_push_has_no_source_place) {
-  EXPECT_EQ(fault_at(stub(hot_counter_stub)), 0u);
-}
+TEST_F(fault_places, the_engines_own_push_has_no_source_place) { EXPECT_EQ(fault_at(stub(hot_counter_stub)), 0u); }
 
 }  // namespace
 

@@ -143,9 +143,8 @@ TEST_F(scanned, cbnz_of_x0_becomes_cbz_of_x0_behind_the_push_and_before_x0_chang
   EXPECT_EQ(meta(id).rn, 0u | 1u << 5);
   const word_list taken = branch_jump(exit + 4, address_of(one_ret), id);
   const word_list skipped = branch_jump(exit + 4 + taken.size(), address_of(cbnz_x0) + 4, id);
-  const word_list decision = written(exit + 3, [&](std::uint32_t** write) {
-    a64_cbz_helper((*write)++, address_of(exit + 4 + taken.size()), 1, 0);
-  });
+  const word_list decision = written(
+      exit + 3, [&](std::uint32_t** write) { a64_cbz_helper((*write)++, address_of(exit + 4 + taken.size()), 1, 0); });
   expect_words(exit, joined({{NOP, NOP, PUSH_X0_X1}, decision, taken, skipped}));
 }
 
@@ -234,7 +233,8 @@ TEST_F(scanned, a_prefix_and_the_word_it_belongs_to_stay_together) {
   EXPECT_EQ(meta(id).exit_kind, EXIT_REGISTER);
   const std::uint32_t* at = body(prefix_predicated, false);
   expect_words(at, words(prefix_predicated, 2));
-  EXPECT_EQ(meta(id).taken_source_addr, address_of(prefix_predicated + 2));  // The next word of its kind begins a block.
+  EXPECT_EQ(meta(id).taken_source_addr,
+            address_of(prefix_predicated + 2));  // The next word of its kind begins a block.
 }
 
 TEST_F(scanned, the_three_words_of_a_memory_copy_or_set_stay_together) {
@@ -271,9 +271,8 @@ TEST_F(scanned, a_system_call_stays_within_its_block_whose_end_decides_on_the_co
   const std::uint32_t* at = body(call_then_branch, true);
   const word_list next = load_const(29, address_of(call_then_branch) + 4);
   constexpr std::uint32_t push_x29_x30 = 0xa9bf7bfd;
-  const word_list call = written(at + 1 + next.size(), [&](std::uint32_t** write) {
-    a64_bl((*write)++, thread->syscall_wrapper_addr);
-  });
+  const word_list call =
+      written(at + 1 + next.size(), [&](std::uint32_t** write) { a64_bl((*write)++, thread->syscall_wrapper_addr); });
   expect_words(at, joined({{push_x29_x30}, next, call, {POP_X0_X1, NOP}}));
   EXPECT_EQ(meta(id).exit_kind, EXIT_DIRECT);
 }
@@ -363,9 +362,8 @@ TEST_F(scanner, space_elsewhere_is_reached_by_a_branch) {
   EXPECT_EQ(write, block(between + 1));
   EXPECT_EQ(limit, block(between + 2));
   EXPECT_EQ(meta(between + 1).parent_block, id);
-  const word_list branch = written(block(id) + 50, [&](std::uint32_t** at) {
-    a64_branch((*at)++, address_of(block(between + 1)));
-  });
+  const word_list branch =
+      written(block(id) + 50, [&](std::uint32_t** at) { a64_branch((*at)++, address_of(block(between + 1))); });
   EXPECT_EQ(block(id)[50], branch[0]);
 }
 

@@ -72,7 +72,8 @@ TEST_F(plugin_emission_test, of_an_odd_number_the_highest_is_pushed_first_and_po
 
 TEST_F(plugin_emission_test, pairs_are_pushed_from_the_top_down_and_popped_from_the_bottom_up) {
   EXPECT_EQ(written([](mora_context* c) { return mora_emit_save_regs(c, 0x400001ff); }), expected("save_0x400001ff"));
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_restore_regs(c, 0x400001ff); }), expected("restore_0x400001ff"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_restore_regs(c, 0x400001ff); }),
+            expected("restore_0x400001ff"));
 }
 
 TEST_F(plugin_emission_test, popping_what_was_pushed_leaves_no_slots) {
@@ -232,7 +233,8 @@ TEST_F(plugin_emission_test, branches_lead_to_their_targets) {
   EXPECT_EQ(written([](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, 16), 13); }),
             expected("b_le_ahead"));
   EXPECT_EQ(written([](mora_context* c) { return mora_emit_cbz(c, address_behind(c, 16), 3); }), expected("cbz_ahead"));
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, 16), 3); }), expected("cbnz_ahead"));
+  EXPECT_EQ(written([](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, 16), 3); }),
+            expected("cbnz_ahead"));
 }
 
 TEST_F(plugin_emission_test, a_tbz_can_be_written_at_a_given_place) {
@@ -250,21 +252,27 @@ TEST_F(plugin_emission_test, branches_out_of_reach_are_refused) {
   EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 5, 2); }));
   EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 64, 4); }));
   for (const std::int64_t beyond : {0x8000000LL, -0x8000004LL}) {
-    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_branch(c, address_behind(c, beyond)); })) << beyond;
+    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_branch(c, address_behind(c, beyond)); }))
+        << beyond;
   }
   for (const std::int64_t beyond : {0x100000LL, -0x100004LL, 2LL}) {
-    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, beyond), 0); })) << beyond;
-    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_cbz(c, address_behind(c, beyond), 3); })) << beyond;
-    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, beyond), 3); })) << beyond;
+    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, beyond), 0); }))
+        << beyond;
+    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_cbz(c, address_behind(c, beyond), 3); }))
+        << beyond;
+    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, beyond), 3); }))
+        << beyond;
   }
 }
 
 TEST_F(plugin_emission_test, the_furthest_targets_are_in_reach) {
   for (const std::int64_t furthest : {0x7fffffcLL, -0x8000000LL}) {
-    EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_branch(c, address_behind(c, furthest)); })) << furthest;
+    EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_branch(c, address_behind(c, furthest)); }))
+        << furthest;
   }
   for (const std::int64_t furthest : {0xffffcLL, -0x100000LL}) {
-    EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, furthest), 0); }));
+    EXPECT_FALSE(
+        refuses([furthest](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, furthest), 0); }));
     EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_cbz(c, address_behind(c, furthest), 3); }));
   }
 }
@@ -392,12 +400,10 @@ TEST_F(plugin_emission_test, an_odd_mask_of_a_guarded_call_pushes_its_last_regis
 
 TEST_F(plugin_emission_test, more_than_eight_arguments_are_refused) {
   EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 9); }));
-  EXPECT_TRUE(refuses([](mora_context* c) {
-    return mora_emit_guarded_call_args(c, some_function, 9, 1, 2, 3, 4, 5, 6, 7, 8, 9);
-  }));
-  EXPECT_FALSE(refuses([](mora_context* c) {
-    return mora_emit_guarded_call_args(c, some_function, 8, 1, 2, 3, 4, 5, 6, 7, 8);
-  }));
+  EXPECT_TRUE(refuses(
+      [](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 9, 1, 2, 3, 4, 5, 6, 7, 8, 9); }));
+  EXPECT_FALSE(refuses(
+      [](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 8, 1, 2, 3, 4, 5, 6, 7, 8); }));
 }
 
 TEST_F(plugin_emission_test, fewer_values_than_arguments_are_refused) {
@@ -407,7 +413,7 @@ TEST_F(plugin_emission_test, fewer_values_than_arguments_are_refused) {
 TEST_F(plugin_emission_test, an_indirect_branch_looks_its_target_up_and_leaves_to_the_dispatcher_without_a_source) {
   const words code = written([](mora_context* c) { return mora_emit_indirect_branch(c, 9); });
   ASSERT_GE(code.size(), 10u);
-  EXPECT_EQ(code.front(), 0xa9bf07e0u);  // stp x0, x1, [sp, #-16]!
+  EXPECT_EQ(code.front(), 0xa9bf07e0u);           // stp x0, x1, [sp, #-16]!
   EXPECT_EQ(code[code.size() - 2], 0xd2800001u);  // mov x1, #0
   EXPECT_EQ(a64_decode(&code.back()), A64_B);
 }

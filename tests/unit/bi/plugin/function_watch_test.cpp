@@ -116,8 +116,8 @@ TEST_F(function_watch_test, the_entry_code_keeps_the_return_address_and_gives_th
   mora_on_post_function(plugin, note);
   function_watch_add(address_of(source_plain));
   const words code = scanned(source_plain);
-  words expected = {0xa8c107e0,  // ldp x0, x1, [sp], #16
-                    MOV_X3_X4,   // The plug-in's.
+  words expected = {0xa8c107e0,   // ldp x0, x1, [sp], #16
+                    MOV_X3_X4,    // The plug-in's.
                     0xa9bf07e0};  // stp x0, x1, [sp, #-16]!
   const auto put_const = [&expected](std::uint32_t reg, std::uint64_t value) {
     expected.push_back(0xd2800000 | static_cast<std::uint32_t>(value & 0xffff) << 5 | reg);  // movz

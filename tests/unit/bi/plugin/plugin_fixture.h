@@ -55,7 +55,8 @@ class plugin_test : public testing::Test {
   }
 
   std::uint32_t* block(std::int32_t index) {
-    return reinterpret_cast<std::uint32_t*>(thread->code_cache + std::size_t{BB_SIZE} * static_cast<std::size_t>(index));
+    return reinterpret_cast<std::uint32_t*>(thread->code_cache +
+                                            std::size_t{BB_SIZE} * static_cast<std::size_t>(index));
   }
 
   thread_data* thread = nullptr;

@@ -44,11 +44,11 @@ TEST_F(plugin_registration_test, all_plugins_are_registered_through_one_record) 
 
 TEST_F(plugin_registration_test, each_of_the_eighteen_events_takes_one_callback) {
   using binder = int (*)(mora_context*, mora_callback);
-  constexpr binder binders[] = {mora_on_pre_inst,      mora_on_post_inst,     mora_on_pre_bb,       mora_on_post_bb,
-                                mora_on_pre_fragment,  mora_on_post_fragment, mora_on_pre_syscall,  mora_on_post_syscall,
-                                mora_on_thread_init,   mora_on_thread_exit,   mora_on_pre_function, mora_on_post_function,
-                                mora_on_exit,          mora_on_vm_op,         mora_on_function_symbol, mora_on_elf_load,
-                                mora_on_clone,         mora_on_flush};
+  constexpr binder binders[] = {
+      mora_on_pre_inst,      mora_on_post_inst,     mora_on_pre_bb,       mora_on_post_bb,     mora_on_pre_fragment,
+      mora_on_post_fragment, mora_on_pre_syscall,   mora_on_post_syscall, mora_on_thread_init, mora_on_thread_exit,
+      mora_on_pre_function,  mora_on_post_function, mora_on_exit,         mora_on_vm_op,       mora_on_function_symbol,
+      mora_on_elf_load,      mora_on_clone,         mora_on_flush};
   static_assert(std::size(binders) == MORA_FLUSH);
   mora_context* plugin = mora_add_plugin();
   for (std::uint32_t event = 1; event <= MORA_FLUSH; ++event) {

@@ -38,8 +38,8 @@ std::ostream& operator<<(std::ostream& stream, const seen_event& seen) {
 const std::uint32_t* source;
 std::vector<seen_event> seen;
 
-constexpr std::uint32_t MOV_X3_X4 = 0xaa0403e3;  // mov x3, x4
-constexpr std::uint32_t MOV_X5_X6 = 0xaa0603e5;  // mov x5, x6
+constexpr std::uint32_t MOV_X3_X4 = 0xaa0403e3;   // mov x3, x4
+constexpr std::uint32_t MOV_X5_X6 = 0xaa0603e5;   // mov x5, x6
 constexpr std::uint32_t PUSH_X0_X1 = 0xa9bf07e0;  // stp x0, x1, [sp, #-16]!
 constexpr std::uint32_t POP_X0_X1 = 0xa8c107e0;   // ldp x0, x1, [sp], #16
 
@@ -128,8 +128,9 @@ TEST_F(plugin_scan_test, an_unknown_word_is_told_in_the_block_that_it_begins_and
   EXPECT_EQ(seen, (std::vector<seen_event>{{MORA_PRE_INST, 0}, {MORA_POST_INST, 0}, {MORA_POST_BB, 1}}));
   seen.clear();
   scanned(source_unknown + 1);
-  EXPECT_EQ(seen, (std::vector<seen_event>{{MORA_PRE_INST, 0}, {MORA_POST_INST, 0}, {MORA_PRE_INST, 1}, {MORA_POST_INST, 1},
-                                           {MORA_POST_BB, 2}}));
+  EXPECT_EQ(seen,
+            (std::vector<seen_event>{
+                {MORA_PRE_INST, 0}, {MORA_POST_INST, 0}, {MORA_PRE_INST, 1}, {MORA_POST_INST, 1}, {MORA_POST_BB, 2}}));
 }
 
 TEST_F(plugin_scan_test, the_context_tells_instruction_and_condition) {
@@ -217,7 +218,8 @@ TEST_F(plugin_scan_test, an_instruction_that_is_taken_over_is_not_copied) {
 
 TEST_F(plugin_scan_test, code_for_an_instruction_that_another_plugin_has_taken_over_is_kept_with_a_warning) {
   mora_on_pre_inst(mora_add_plugin(), [](mora_context* ctx) { return ctx->read_address == source ? replace(ctx) : 0; });
-  mora_on_pre_inst(mora_add_plugin(), [](mora_context* ctx) { return ctx->read_address == source ? write_mov(ctx) : 0; });
+  mora_on_pre_inst(mora_add_plugin(),
+                   [](mora_context* ctx) { return ctx->read_address == source ? write_mov(ctx) : 0; });
   const captured_log log;
   const words code = scanned(source_plain);
   EXPECT_EQ(words(code.begin(), code.begin() + 3), (words{POP_X0_X1, MOV_X3_X4, source_plain[1]}));

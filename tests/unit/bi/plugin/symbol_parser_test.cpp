@@ -33,7 +33,8 @@ struct told_symbol {
 };
 
 std::ostream& operator<<(std::ostream& stream, const told_symbol& symbol) {
-  return stream << "{" << symbol.name << " at 0x" << std::hex << symbol.address << std::dec << ", " << symbol.size << "}";
+  return stream << "{" << symbol.name << " at 0x" << std::hex << symbol.address << std::dec << ", " << symbol.size
+                << "}";
 }
 
 std::vector<told_symbol> told;
@@ -167,7 +168,9 @@ TEST_F(symbol_parser_test, indirect_functions_and_objects_are_skipped) {
 
 TEST_F(symbol_parser_test, names_with_a_version_are_skipped) {
   make(ET_DYN, {SHT_DYNSYM},
-       {{"start_perf_roofline_events@@V1", STT_FUNC, 0x1000, 8}, {"f@V1", STT_FUNC, 0x1000, 8}, {"@", STT_FUNC, 0x1000, 8}});
+       {{"start_perf_roofline_events@@V1", STT_FUNC, 0x1000, 8},
+        {"f@V1", STT_FUNC, 0x1000, 8},
+        {"@", STT_FUNC, 0x1000, 8}});
   parse();
   EXPECT_EQ(told, told_symbols{});
 }
@@ -247,8 +250,8 @@ TEST_F(symbol_parser_test, a_file_that_is_no_elf_file_is_told_at_debug_alone) {
 
 TEST_F(symbol_parser_test, an_elf_file_without_a_readable_header_is_a_warning) {
   // 32 bits: a header of the other class.
-  write_file(std::string(ELFMAG) + static_cast<char>(ELFCLASS32) + static_cast<char>(ELFDATA2LSB) + static_cast<char>(EV_CURRENT) +
-             std::string(100, '\0'));
+  write_file(std::string(ELFMAG) + static_cast<char>(ELFCLASS32) + static_cast<char>(ELFDATA2LSB) +
+             static_cast<char>(EV_CURRENT) + std::string(100, '\0'));
   const captured_log log;
   EXPECT_EQ(parse(), -1);
   ASSERT_EQ(log.lines().size(), 1u);

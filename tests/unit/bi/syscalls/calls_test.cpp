@@ -231,7 +231,9 @@ TEST_F(syscall_handlers, a_descriptor_that_the_application_takes_by_its_number_i
 
 TEST_F(syscall_handlers, clone3_is_not_there) { EXPECT_EQ(handled(SYS_clone3, {1, 2}), -ENOSYS); }
 
-TEST_F(syscall_handlers, restartable_sequences_are_not_there) { EXPECT_EQ(handled(SYS_rseq, {4096, 32, 0, 1}), -ENOSYS); }
+TEST_F(syscall_handlers, restartable_sequences_are_not_there) {
+  EXPECT_EQ(handled(SYS_rseq, {4096, 32, 0, 1}), -ENOSYS);
+}
 
 TEST_F(syscall_handlers, exit_group_ends_the_process_with_the_low_bits_of_its_status) {
   try {

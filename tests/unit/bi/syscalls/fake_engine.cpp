@@ -123,7 +123,8 @@ namespace test {
 
 fake_engine_state fake;
 
-syscalls_test::syscalls_test() : frame{}, args(reinterpret_cast<std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE)), thread(nullptr) {
+syscalls_test::syscalls_test()
+    : frame{}, args(reinterpret_cast<std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE)), thread(nullptr) {
   fake = {};
   fake.page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   engine = {};
@@ -158,13 +159,15 @@ std::uint64_t* syscalls_test::with_args(const std::vector<std::uint64_t>& values
 }
 
 std::int64_t syscalls_test::handled(std::uint64_t number, const std::vector<std::uint64_t>& values) {
-  EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 0u) << "call " << number << " is to be made";
+  EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 0u)
+      << "call " << number << " is to be made";
   EXPECT_EQ(thread->status, THREAD_RUNNING);
   return static_cast<std::int64_t>(args[0]);
 }
 
 void syscalls_test::expect_made(std::uint64_t number, const std::vector<std::uint64_t>& values) {
-  EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 1u) << "call " << number << " is handled";
+  EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 1u)
+      << "call " << number << " is handled";
   EXPECT_EQ(thread->status, THREAD_IN_SYSCALL);
 }
 

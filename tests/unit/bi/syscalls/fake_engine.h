@@ -26,17 +26,17 @@ struct pthread_attributes {
 };
 
 struct fake_engine_state {
-  std::uint64_t page;             // What page_size tells.
+  std::uint64_t page;  // What page_size tells.
   int flushes;
-  thread_data* flushed;           // The last one.
+  thread_data* flushed;  // The last one.
   int threads_registered;
   int records_freed;
-  bool refuses_record;            // allocate_thread_data fails.
-  const char* missing_memory;     // What try_init_thread could not map.
-  int pthread_create_error;       // What pthread_create returns if not 0.
+  bool refuses_record;                  // allocate_thread_data fails.
+  const char* missing_memory;           // What try_init_thread could not map.
+  int pthread_create_error;             // What pthread_create returns if not 0.
   pthread_attributes given_attributes;  // To the last pthread_create.
-  bool signal_is_deliverable;     // What has_deliverable_signal tells.
-  std::uint64_t redirect_target;  // Of the last context_redirect_to_dispatcher.
+  bool signal_is_deliverable;           // What has_deliverable_signal tells.
+  std::uint64_t redirect_target;        // Of the last context_redirect_to_dispatcher.
   void* redirect_context;
   void (*thread_body)(const std::uint64_t* entry);  // What a new thread runs in place of its first block.
 };
@@ -71,7 +71,7 @@ bool is_readable_memory(std::uint64_t address);
 std::string permissions_at(std::uint64_t address);
 std::int64_t resident_kib();
 std::int64_t mapped_kib();  // Of memory that can be read: heaps reserve address space.
-bool is_emulated();  // By the user-mode emulator, which has no robust lists.
+bool is_emulated();         // By the user-mode emulator, which has no robust lists.
 int open_descriptors();
 int live_threads();
 

@@ -57,8 +57,7 @@ class fork_like_clone : public syscalls_test {
   }
   static bool all_locks_are_free() {
     return is_free(&engine.thread_list_lock) && is_free(&engine.signal_handlers_lock) && is_free(&engine.brk_lock) &&
-           is_free(&engine.function_watch_lock) && is_free(&engine.exec_ranges.lock) &&
-           is_free(&engine.mapping_lock);
+           is_free(&engine.function_watch_lock) && is_free(&engine.exec_ranges.lock) && is_free(&engine.mapping_lock);
   }
 
   std::uint64_t made_flags = 0;
@@ -222,9 +221,8 @@ TEST_F(fork_like_clone, the_child_takes_the_thread_pointer_that_was_kept_for_it)
 TEST_F(fork_like_clone, signals_that_were_counted_in_the_parent_are_not_the_childs) {
   thread->pending_signals[SIGALRM] = 2;
   thread->pending_signal_count = 2;
-  const int failed = run_child([&] {
-    return thread->pending_signals[SIGALRM] == 0 && thread->pending_signal_count == 0 ? 0 : 1;
-  });
+  const int failed =
+      run_child([&] { return thread->pending_signals[SIGALRM] == 0 && thread->pending_signal_count == 0 ? 0 : 1; });
   EXPECT_EQ(failed, 0);
   EXPECT_EQ(thread->pending_signal_count, 2) << "the parent's";
 }
@@ -235,7 +233,8 @@ TEST_F(fork_like_clone, the_childs_first_thread_ends_like_a_process_and_not_like
   thread->library_tid_word = &words[0];
   thread->application_tid_word = &words[1];
   const int failed = run_child([&] {
-    return thread->engine_sp == 0 && thread->library_tid_word == nullptr && thread->application_tid_word == nullptr ? 0 : 1;
+    return thread->engine_sp == 0 && thread->library_tid_word == nullptr && thread->application_tid_word == nullptr ? 0
+                                                                                                                    : 1;
   });
   EXPECT_EQ(failed, 0);
 }
@@ -258,7 +257,8 @@ TEST_F(fork_like_clone, what_the_tool_has_not_written_yet_is_written_by_the_pare
   close(ends[1]);
   char text[64] = {};
   std::size_t length = 0;
-  for (ssize_t got = 0; (got = read(ends[0], text + length, sizeof text - 1 - length)) > 0;) length += static_cast<std::size_t>(got);
+  for (ssize_t got = 0; (got = read(ends[0], text + length, sizeof text - 1 - length)) > 0;)
+    length += static_cast<std::size_t>(got);
   close(ends[0]);
   EXPECT_EQ(failed, 0);
   EXPECT_STREQ(text, "child once ");

@@ -237,7 +237,8 @@ TEST_F(memory_calls, a_munmap_that_fails_makes_nothing_unknown) {
 
 TEST_F(memory_calls, mremap_moves_the_memory_and_the_known_range_stays) {
   const std::uint64_t address = map(fake.page, PROT_READ | PROT_EXEC);
-  const auto moved = static_cast<std::uint64_t>(handled(SYS_mremap, {address, fake.page, 8 * fake.page, MREMAP_MAYMOVE}));
+  const auto moved =
+      static_cast<std::uint64_t>(handled(SYS_mremap, {address, fake.page, 8 * fake.page, MREMAP_MAYMOVE}));
   EXPECT_TRUE(is_readable_memory(moved + 8 * fake.page - 1));
   EXPECT_EQ(known(address, fake.page), 1);
   EXPECT_EQ(fake.flushes, 1);

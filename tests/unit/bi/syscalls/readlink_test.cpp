@@ -100,7 +100,8 @@ TEST_F(readlink_handler_test, the_system_call_is_made_for_other_paths_only) {
   EXPECT_EQ(handled(SYS_readlinkat, {static_cast<std::uint64_t>(AT_FDCWD), address_of("/proc/self/exe"),
                                      address_of(buffer), sizeof buffer}),
             static_cast<std::int64_t>(real_shell().size()));
-  expect_made(SYS_readlinkat, {static_cast<std::uint64_t>(AT_FDCWD), address_of("/bin/sh"), address_of(buffer), sizeof buffer});
+  expect_made(SYS_readlinkat,
+              {static_cast<std::uint64_t>(AT_FDCWD), address_of("/bin/sh"), address_of(buffer), sizeof buffer});
 }
 
 TEST_F(readlink_handler_test, a_thread_of_the_process_and_its_task_folder_name_the_executable_too) {

@@ -25,7 +25,9 @@ class report_vm_op_test : public syscalls_test {
     const std::uint8_t value[264] = {};
     ASSERT_EQ(robin_map_insert(&engine.function_watches, address, value, nullptr), ROBIN_ADDED);
   }
-  static bool is_watched(std::uint64_t address) { return robin_map_lookup(&engine.function_watches, address) != nullptr; }
+  static bool is_watched(std::uint64_t address) {
+    return robin_map_lookup(&engine.function_watches, address) != nullptr;
+  }
 };
 
 TEST_F(report_vm_op_test, an_executable_mapping_becomes_an_executable_range) {

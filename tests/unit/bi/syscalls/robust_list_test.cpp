@@ -87,7 +87,8 @@ TEST_F(robust_list, a_circle_ends) {
 }
 
 TEST_F(robust_list, memory_that_is_gone_ends_it) {
-  void* nothing = mmap(nullptr, static_cast<std::size_t>(sysconf(_SC_PAGESIZE)), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* nothing =
+      mmap(nullptr, static_cast<std::size_t>(sysconf(_SC_PAGESIZE)), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   second.next = address_of(nothing);
   settle();
   EXPECT_EQ(second.futex, std::uint32_t{FUTEX_OWNER_DIED});

@@ -94,7 +94,8 @@ TEST_F(signal_actions, the_applications_record_stays_as_it_is_and_serves_for_ano
 }
 
 TEST_F(signal_actions, the_record_may_lie_in_memory_that_cannot_be_written) {
-  auto* page = static_cast<raw_action*>(mmap(nullptr, fake.page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  auto* page =
+      static_cast<raw_action*>(mmap(nullptr, fake.page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   page->handler = handler;
   mprotect(page, fake.page, PROT_READ);
   EXPECT_EQ(set(SIGUSR1, page), 0);
@@ -202,8 +203,8 @@ class signal_masks : public syscalls_test {
   std::uint64_t before = 0;
 };
 
-// Made by the wrapper, not here: a signal that was counted before the call has to be raised before it blocks that signal. A
-// sigsuspend behind it would sleep over the signal for ever.
+// Made by the wrapper, not here: a signal that was counted before the call has to be raised before it blocks that
+// signal. A sigsuspend behind it would sleep over the signal for ever.
 TEST_F(signal_masks, a_mask_with_sigill_reaches_the_kernel_without_it_by_a_call_that_the_wrapper_makes) {
   const std::uint64_t usr1 = 1u << (SIGUSR1 - 1);
   for (const std::uint64_t how : {std::uint64_t{SIG_BLOCK}, std::uint64_t{SIG_SETMASK}}) {

@@ -39,8 +39,8 @@ std::uint64_t signal_mask() {
   return mask;
 }
 
-constexpr std::uint64_t pthread_flags = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM |
-                                        CLONE_SETTLS | CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
+constexpr std::uint64_t pthread_flags = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD |
+                                        CLONE_SYSVSEM | CLONE_SETTLS | CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
 
 class application_threads : public syscalls_test {
  protected:
@@ -258,7 +258,8 @@ TEST_F(application_threads, a_thread_without_memory_is_an_error_of_the_call_and_
   ASSERT_GT(length, 0);
   const std::string lines(text, static_cast<std::size_t>(length));
   EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 1) << lines;
-  EXPECT_NE(lines.find("warn a new thread has no memory for its thread data: Cannot allocate memory; "), std::string::npos)
+  EXPECT_NE(lines.find("warn a new thread has no memory for its thread data: Cannot allocate memory; "),
+            std::string::npos)
       << lines;
   EXPECT_NE(lines.find("ulimit -v"), std::string::npos) << lines;
 }
