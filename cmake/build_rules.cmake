@@ -14,8 +14,8 @@ if(NOT CEILMETER_HOST AND NOT CEILMETER_VIEWER_ONLY)
   set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 endif()
 
-# Where the executables that run an application are linked: far from where the kernel and the C library put images, since
-# the application's own image is loaded beside the tool in one address space.
+# Where the executables that run an application are linked: far from where the kernel and the C library put images,
+# since the application's own image is loaded beside the tool in one address space.
 set(CEILMETER_IMAGE_BASE 0x7000000000)
 
 # ceilmeter_link_at_image_base(TARGET): links the executable, which is not relocatable, at that address.

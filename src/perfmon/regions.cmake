@@ -21,7 +21,8 @@ target_include_directories(roofline_events_objects PRIVATE "${PROJECT_SOURCE_DIR
 target_compile_options(roofline_events_objects PRIVATE
   -fno-function-sections $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
 set_target_properties(roofline_events_objects PROPERTIES
-  POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INTERPROCEDURAL_OPTIMIZATION OFF)
+  POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INTERPROCEDURAL_OPTIMIZATION
+    OFF)
 
 # The tracer finds a function at the symbol's value past the mapping it stands in, which is right only where the
 # executable segment begins at virtual address 0. GNU ld and LLVM's lld each need a word of their own for that.

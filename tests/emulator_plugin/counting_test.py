@@ -113,8 +113,8 @@ class InstructionCounts(unittest.TestCase):
         )
 
     def test_taken_branches_are_counted_by_the_kind_of_code_that_they_leave(self):
-        # A loop's last round falls through. Other code enters the caches (5 + 3), goes back to its loops (4 + 2 + 6), and
-        # calls what stands at the old place (7), which comes back (7).
+        # A loop's last round falls through. Other code enters the caches (5 + 3), goes back to its loops (4 + 2 + 6),
+        # and calls what stands at the old place (7), which comes back (7).
         self.assertEqual(Counts(f"{PROGRAMS}/counted_loop", "branches=on").summary["taken other"], 999)
         counts = Counts(f"{PROGRAMS}/code_caches", "stubs=256", "branches=on")
         self.assertEqual({name: counts.summary[f"taken {name}"] for name in ("other", "cache", "stubs")},

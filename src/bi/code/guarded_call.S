@@ -1,12 +1,12 @@
-// The stub through which code that plug-ins emit calls C functions. It runs where it stands, in the tool's own text, and
-// serves every thread.
+// The stub through which code that plug-ins emit calls C functions. It runs where it stands, in the tool's own text,
+// and serves every thread.
 //
 //   x0 to x7   the function's arguments
 //   x8         the function
 //   x30        where the fragment goes on, in the code cache
 //
-// Keeps everything but x0 to x7, which the emitted code has saved as far as the application needs them, and x30; x0 comes
-// back with the function's result. The function runs with the default FPCR: rounding and traps as the tool's code
+// Keeps everything but x0 to x7, which the emitted code has saved as far as the application needs them, and x30; x0
+// comes back with the function's result. The function runs with the default FPCR: rounding and traps as the tool's code
 // expects them.
 //
 //   Frame, from sp up, while the function runs:
@@ -20,15 +20,16 @@
         .text
         .balign 4
 
-// x9 = &guarded_return_address, the calling thread's. The tool is a non-relocatable executable: the offset is a constant.
+// x9 = &guarded_return_address, the calling thread's. The tool is a non-relocatable executable: the offset is a
+// constant.
         .macro  load_return_slot
         mrs     x9, tpidr_el0
         add     x9, x9, #:tprel_hi12:guarded_return_address, lsl #12
         add     x9, x9, #:tprel_lo12_nc:guarded_return_address
         .endm
 
-// `sve` 0: where the vector state is q0 to q31, the first word of the two routines in the stub text branches to the shorter
-// ones. 4: behind that word they save all of it.
+// `sve` 0: where the vector state is q0 to q31, the first word of the two routines in the stub text branches to the
+// shorter ones. 4: behind that word they save all of it.
         .macro  guarded_call name, sve
         .globl  \name
 \name:

@@ -96,8 +96,8 @@ restore_int_regs:
 // library's own copying clobbers predicates, either of which an application between two blocks still needs. Not around
 // system calls: their interface gives the rest of the state up.
 //
-//   SVE, from sp up, VL being a vector's length and PL an eighth of it: p0 to p15 and FFR, 17 PL; up to 3 VL unused; z0 to
-//   z31. Both steps of sp are whole vectors, so that it stays aligned to 16.
+//   SVE, from sp up, VL being a vector's length and PL an eighth of it: p0 to p15 and FFR, 17 PL; up to 3 VL unused; z0
+//   to z31. Both steps of sp are whole vectors, so that it stays aligned to 16.
         .arch   armv8-a+sve
 global_label save_vector_state
         b       save_simd_regs
@@ -417,8 +417,8 @@ global_label reentry_branch
 // have.
 global_label reentry_raise
         svc     #0
-// Raised here: from sp up the cache address, the source address, x2, x8, and the application's x0 and x1. Its x3 is where
-// word_raised_signal says.
+// Raised here: from sp up the cache address, the source address, x2, x8, and the application's x0 and x1. Its x3 is
+// where word_raised_signal says.
 global_label reentry_signal_point
         // Not raised: it was blocked meanwhile and stays pending in the kernel. There may be others.
         ldr     x8, word_raised_signal
@@ -487,10 +487,10 @@ stub_text_end:
 //
 //   Frame, from sp up: x2 to x17 0x00; x18, x29 0x80; x30 0x90; x0, x1 0xa0. Size 0xb0.
 //
-//   Calls signal_dispatcher(signum, siginfo, ucontext). An entry of 0 resumes through rt_sigreturn; anything else is this
-//   thread's dispatcher_entry_stub, which is entered as by an exit with the handler as its target. The handler's first block
-//   pops x0 and x1: it starts with the kernel's arguments. On that way it passes cache_reentry_stub, so that a signal that
-//   has come since is raised on top of it.
+//   Calls signal_dispatcher(signum, siginfo, ucontext). An entry of 0 resumes through rt_sigreturn; anything else is
+//   this thread's dispatcher_entry_stub, which is entered as by an exit with the handler as its target. The handler's
+//   first block pops x0 and x1: it starts with the kernel's arguments. On that way it passes cache_reentry_stub, so
+//   that a signal that has come since is raised on top of it.
         .balign 4
 global_label signal_entry_stub
         stp     x2, x3, [sp, #-0xb0]!

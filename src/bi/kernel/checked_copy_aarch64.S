@@ -34,9 +34,9 @@ byte_copy_fault:
         .size   byte_copy_fault, . - byte_copy_fault
 
 // extern "C" void checked_copy_handler(int signal, siginfo_t* info, void* context)
-//   w0 signal, x1 info, x2 context, x30 the way back into the kernel, sp the kernel's signal frame. Entered by the kernel
-//   for SIGSEGV. Returns with the context's program counter in byte_copy_fault, or leaves to the old handler or to
-//   checked_copy_default_action with x0, x1, x2, x30 and sp as they came. Clobbers x3, x4.
+//   w0 signal, x1 info, x2 context, x30 the way back into the kernel, sp the kernel's signal frame. Entered by the
+//   kernel for SIGSEGV. Returns with the context's program counter in byte_copy_fault, or leaves to the old handler or
+//   to checked_copy_default_action with x0, x1, x2, x30 and sp as they came. Clobbers x3, x4.
         .p2align 4
         .global checked_copy_handler
         .hidden checked_copy_handler

@@ -39,9 +39,9 @@ byte_copy_fault:
         .size   byte_copy_fault, . - byte_copy_fault
 
 // extern "C" void checked_copy_handler(int signal, siginfo_t* info, void* context)
-//   edi signal, rsi info, rdx context, [rsp] the way back into the kernel. Entered by the kernel for SIGSEGV. Returns with
-//   the context's program counter in byte_copy_fault, or leaves to the old handler or to checked_copy_default_action with
-//   rdi, rsi, rdx and rsp as they came. Clobbers rax, rcx.
+//   edi signal, rsi info, rdx context, [rsp] the way back into the kernel. Entered by the kernel for SIGSEGV. Returns
+//   with the context's program counter in byte_copy_fault, or leaves to the old handler or to
+//   checked_copy_default_action with rdi, rsi, rdx and rsp as they came. Clobbers rax, rcx.
         .p2align 4
         .global checked_copy_handler
         .hidden checked_copy_handler

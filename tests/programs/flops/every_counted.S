@@ -215,7 +215,8 @@
         madd    x9, x9, x9, x9
         group_end uncounted_base
 
-// FMOV of a constant to a vector of halves has words of the classifier's row of a conversion to fixed-point, which counts.
+// FMOV of a constant to a vector of halves has words of the classifier's row of a conversion to fixed-point, which
+// counts.
         group   uncounted_halves
         fmov    h0, h1
         fmov    h0, #1.5

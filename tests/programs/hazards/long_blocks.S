@@ -1,5 +1,5 @@
-// Blocks far longer than one piece of the code cache: plain instructions, instructions that grow when they are rewritten,
-// and system calls inside; one for every kind of exit. long name(long value)
+// Blocks far longer than one piece of the code cache: plain instructions, instructions that grow when they are
+// rewritten, and system calls inside; one for every kind of exit. long name(long value)
         .macro  function name
         .globl  \name
         .balign 4

@@ -1,5 +1,6 @@
 // Some 60,500 blocks, more than the code cache holds, in a row. long all_blocks(long value) returns value + 60500.
-// long linked_blocks(long value) goes through 54,000, which do fit, and links both sides of each: more links than are kept.
+// long linked_blocks(long value) goes through 54,000, which do fit, and links both sides of each: more links than are
+// kept.
         .text
         .globl  all_blocks
 all_blocks:

@@ -1,6 +1,6 @@
-// The scalable state across exits from blocks. long sve_state(void *before, void *after): loads z0 to z31, p0 to p15 and FFR
-// from the first, goes through branches of all kinds and a hot loop, and stores them in the second. Registers take a vector's
-// length each; predicates follow at `after` + 32 lengths.
+// The scalable state across exits from blocks. long sve_state(void *before, void *after): loads z0 to z31, p0 to p15
+// and FFR from the first, goes through branches of all kinds and a hot loop, and stores them in the second. Registers
+// take a vector's length each; predicates follow at `after` + 32 lengths.
         .arch   armv8.2-a+sve
         .text
         .balign 4

@@ -1,5 +1,5 @@
-// TPIDR_EL0 written and read through many registers, within a block, across blocks and across system calls. state.S puts
-// the C library's value back before any C code runs.
+// TPIDR_EL0 written and read through many registers, within a block, across blocks and across system calls. state.S
+// puts the C library's value back before any C code runs.
 #include "state.inc"
 
         .section .data.rel.ro.tests, "aw", %progbits

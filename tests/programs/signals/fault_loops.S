@@ -1,7 +1,8 @@
 // A loop for each kind of access that may fault. Each is a function
 //   long loop_NAME(char *const *places, long count)
-// that makes the access at_NAME to one place after another and returns 2 * count. At the access x2 is the place, x5 the address
-// of the access, x6 the thread pointer, x7 the literal 0x123456789abcdef0, and x9 an odd number that counts the rounds.
+// that makes the access at_NAME to one place after another and returns 2 * count. At the access x2 is the place, x5 the
+// address of the access, x6 the thread pointer, x7 the literal 0x123456789abcdef0, and x9 an odd number that counts the
+// rounds.
         .text
 
         .macro  fault_loop name, access:vararg
@@ -34,8 +35,8 @@ at_\name:
         fault_loop exclusive, ldxr x3, [x2]
         fault_loop structures, ld4 {v0.4s, v1.4s, v2.4s, v3.4s}, [x2]
 
-// long call_to(void *code, long argument): calls the code with x1 to x7 set from 0x1101 up and the argument in x0. The call
-// stands at at_call.
+// long call_to(void *code, long argument): calls the code with x1 to x7 set from 0x1101 up and the argument in x0. The
+// call stands at at_call.
         .globl  call_to, at_call
         .type   call_to, %function
 call_to:

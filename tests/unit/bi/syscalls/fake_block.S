@@ -1,5 +1,5 @@
-// In place of a new thread's first block: pops x0 and x1 as every block does, and hands the registers that it was entered
-// with to fake_thread_body, on the thread's application stack.
+// In place of a new thread's first block: pops x0 and x1 as every block does, and hands the registers that it was
+// entered with to fake_thread_body, on the thread's application stack.
         .text
         .balign 4
         .globl fake_block
