@@ -15,24 +15,33 @@ std::size_t index_of(const thread_data* thread, const std::uint32_t* place) {
   return static_cast<std::size_t>(place - reinterpret_cast<const std::uint32_t*>(thread->code_cache));
 }
 
+// Whether there is a mark for the place: for every word of the code cache. Code can be written elsewhere, as by a test.
+bool is_marked(const thread_data* thread, const std::uint32_t* place) {
+  return index_of(thread, place) < CODE_CACHE_SIZE / sizeof *place;
+}
+
 void set_mark(thread_data* thread, const std::uint32_t* place, source_mark mark) {
+  if (!is_marked(thread, place)) return;
   const std::size_t index = index_of(thread, place);
-  if (index >= CODE_CACHE_SIZE / sizeof *place) return;  // Written elsewhere, as by a test of the writing alone.
   const auto shift = static_cast<std::uint32_t>(index % SOURCE_MARKS_PER_WORD * MARK_BITS);
   std::uint64_t& word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
   word = (word & ~(MARK_MASK << shift)) | std::uint64_t{mark} << shift;
 }
 
 source_mark mark_of(const thread_data* thread, const std::uint32_t* place) {
+  if (!is_marked(thread, place)) return MARK_SAME;
   const std::size_t index = index_of(thread, place);
   const std::uint64_t word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
   return static_cast<source_mark>(word >> (index % SOURCE_MARKS_PER_WORD * MARK_BITS) & MARK_MASK);
 }
 
-// What the cache still says of an earlier fragment goes.
+// What the cache still says of an earlier fragment goes. Outside a scan no fragment has begun, and there is nothing to
+// clear.
 void clear_up_to(thread_data* thread, const std::uint32_t* place) {
-  for (; thread->source_marks_end < place; ++thread->source_marks_end)
+  if (!is_marked(thread, thread->source_marks_end) || !is_marked(thread, place)) thread->source_marks_end = place;
+  for (; thread->source_marks_end < place; ++thread->source_marks_end) {
     set_mark(thread, thread->source_marks_end, MARK_SAME);
+  }
 }
 
 const std::uint32_t* target_of_branch(const std::uint32_t* place) {
@@ -78,8 +87,7 @@ std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t p
   std::size_t walked = 0;
   for (const auto* place = reinterpret_cast<const std::uint32_t*>(meta.cache_entry);; ++place) {
     // No fragment is longer than the cache: a record that does not fit the address ends the walk.
-    if (++walked > CODE_CACHE_SIZE / sizeof *place || index_of(thread, place) >= CODE_CACHE_SIZE / sizeof *place)
-      return 0;
+    if (++walked > CODE_CACHE_SIZE / sizeof *place || !is_marked(thread, place)) return 0;
     const source_mark mark = mark_of(thread, place);
     if (mark == MARK_SOURCE) ++counted;
     if (mark == MARK_SOURCE || mark == MARK_INSERTED) between = mark == MARK_INSERTED;
