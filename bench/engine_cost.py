@@ -17,16 +17,15 @@ Runs each program of a list natively and under the bare engine, and prints what 
   per block   switches and engine, without the start, over blocks scanned. System calls are in it, so that it tells the
               work per block only of programs that make few
 
-The same run gives the same figures, to a few instructions in a million (addresses and process ids differ), whatever else
-the machine does. Times are nobody's business here. --tracer runs the tool itself in place of the bare engine, in its bintracer
-phase over the whole application: what the tracer adds is the difference of the two, its counters in "cache" and all
-else, the result file included, in "engine". --traces tells
-whether hot paths become traces, which only the bare engine can be told to leave: with "both" each program is run once
-without and once with them, and a table at the end has the two side by side. --hot prints the N functions that most
-engine instructions were spent in. --branches counts taken branches too, at half the pace, and ends with a table of
-them: those of the native run, and those that rewritten code takes. --json writes the figures as a list of objects.
-PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or status is not that of the native
-run, or a count cannot be right.
+The same run gives the same figures, to a few instructions in a million (addresses and process ids differ), whatever
+else the machine does. Times are not measured here. --tracer runs the tool itself in place of the bare engine, in its
+bintracer phase over the whole application: what the tracer adds is the difference of the two, its counters in "cache"
+and all else, the result file included, in "engine". --traces tells whether hot paths become traces, which only the bare
+engine can be told to leave: with "both" each program is run once without and once with them, and a table at the end has
+the two side by side. --hot prints the N functions that most engine instructions were spent in. --branches counts taken
+branches too, at half the pace, and ends with a table of them: those of the native run, and those that rewritten code
+takes. --json writes the figures as a list of objects. PATTERN chooses lines of the list by a regular expression. Status
+1 if a run's output or status is not that of the native run, or a count cannot be right.
 """
 import argparse
 import bisect
@@ -78,7 +77,8 @@ class Counter:
 
     def __init__(self, arguments):
         self.plugin = os.path.join(arguments.build, "tests", "emulator_plugin", "instruction_counts.so")
-        self.engine = os.path.join(arguments.build, *(["ceilmeter"] if arguments.tracer else ["tests", "programs", "mora_run"]))
+        engine = ["ceilmeter"] if arguments.tracer else ["tests", "programs", "mora_run"]
+        self.engine = os.path.join(arguments.build, *engine)
         self.is_tool = arguments.tracer
         self.branches = arguments.branches
         for path in (self.plugin, self.engine):

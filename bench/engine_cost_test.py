@@ -46,7 +46,8 @@ class EngineCost(unittest.TestCase):
     def test_every_line_is_counted(self):
         self.assertEqual((self.status, self.messages), (0, ""))
         self.assertIn("5 programs counted, 0 failed", self.table)
-        self.assertEqual(list(self.rows), ["straight_1000", "straight_2000", "unknown_1000", "unknown_2000", "new_blocks"])
+        self.assertEqual(list(self.rows),
+                         ["straight_1000", "straight_2000", "unknown_1000", "unknown_2000", "new_blocks"])
 
     def test_thousand_rounds_of_forty_instructions_are_forty_thousand_more(self):
         more = self.rows["straight_2000"]["native"] - self.rows["straight_1000"]["native"]
@@ -84,7 +85,8 @@ class EngineCost(unittest.TestCase):
         self.assertLessEqual(self.rows["new_blocks"]["per_block"], 6000)
 
     def test_the_tracer_adds_at_most_12_instructions_to_each_run_of_a_block(self):
-        listing = "\n".join(f"straight_{rounds}: $RUN $PROGRAMS/engine_loops straight {rounds}" for rounds in (1000, 2000))
+        listing = "\n".join(f"straight_{rounds}: $RUN $PROGRAMS/engine_loops straight {rounds}"
+                            for rounds in (1000, 2000))
         status, _, messages, traced = run(listing, "--tracer")
         self.assertEqual((status, messages), (0, ""))
         more = traced["straight_2000"]["cache"] - traced["straight_1000"]["cache"]
@@ -99,7 +101,8 @@ class EngineCost(unittest.TestCase):
         closing = (b"CEILMETER: Processing all collected data\nCEILMETER: Result is captured at r.json\n"
                    b'CEILMETER: Run "ceilview r.json" to get report.\n')
         self.assertEqual(engine_cost.without_lines_of_the_tool(opening + own + closing), own)
-        self.assertEqual(engine_cost.without_lines_of_the_tool(opening + own + closing + b"behind\n"), own + b"behind\n")
+        self.assertEqual(engine_cost.without_lines_of_the_tool(opening + own + closing + b"behind\n"),
+                         own + b"behind\n")
 
     def test_a_program_that_behaves_otherwise_under_the_engine_fails(self):
         status, table, messages, rows = run('bad: $RUN $PROGRAMS/engine_loops straight 10; echo "$RUN"\n')

@@ -1,17 +1,18 @@
 #!/usr/bin/python3
-"""How long programs take under the engine and under the tool's tracer, beside Valgrind's time for doing nothing with them.
+"""How long programs take under the engine and under the tool's tracer, beside Valgrind's time for doing nothing with
+them.
 
 engine_time.py [--build DIR] [--runs N] [--cpus N] [PATTERN]
 
-Times each program of bench/engine_time.txt in one boot of the virtual machine: natively, under the bare engine (mora_run),
-under the tool in its bintracer phase over the whole application, and under Valgrind's tool "none", Debian's package for
-arm64, which is fetched and unpacked beside the virtual machine's userland. Prints the median of the runs of each in
-seconds, which change places from run to run so that whatever else the machine does meets them all alike, and the tracer's
-time over Valgrind's. PATTERN chooses lines of the list by a regular expression.
+Times each program of bench/engine_time.txt in one boot of the virtual machine: natively, under the bare engine
+(mora_run), under the tool in its bintracer phase over the whole application, and under Valgrind's tool "none", Debian's
+package for arm64, which is fetched and unpacked beside the virtual machine's userland. Prints the median of the runs of
+each in seconds, and the tracer's time over Valgrind's. The four ways take turns, so that whatever else the machine does
+meets them all alike. PATTERN chooses lines of the list by a regular expression.
 
 The processor is an emulated one: only the relation of the times means something, and what such a processor pays most
-for, code that it meets for the first time, weighs on both. A benchmark: nothing passes or fails by it, except that all four
-must have the same output and status.
+for, code that it meets for the first time, weighs on both. A benchmark: nothing passes or fails by it, except that all
+four must have the same output and status.
 """
 import argparse
 import os
@@ -65,8 +66,8 @@ def time_all(runs, pattern):
                 spent, *result, messages = run(way, line)
                 seconds[way].append(spent)
                 if results.setdefault(way, result) != results["native"] or result != results["native"]:
-                    print(f"engine_time: {name}: {way} differs from native: status {result[0]}, {len(result[1])} bytes, "
-                          f"{messages[-300:]!r}", file=sys.stderr)
+                    print(f"engine_time: {name}: {way} differs from native: status {result[0]}, "
+                          f"{len(result[1])} bytes, {messages[-300:]!r}", file=sys.stderr)
                     right = False
         median = {way: statistics.median(values) for way, values in seconds.items()}
         print(f"{name:<14}" + "".join(f"{median[way]:>10.2f}" for way in WAYS)

@@ -7,8 +7,8 @@ region_cost.py [--build DIR]
   alone     the marked program by itself: the calls do nothing
   tracer    under ceilmeter --mode=region --phase=bintracer: the tracer's handlers, its flush of the block counters, and
             the calls through the engine
-Counters cost system calls, whose price no count of user-mode instructions tells. In every pair there is one round of the
-script's work, which is subtracted. Status 1 if a count cannot be right.
+Counters cost system calls, whose price no count of user-mode instructions tells. In every pair there is one round of
+the script's work, which is subtracted. Status 1 if a count cannot be right.
 """
 import argparse
 import os

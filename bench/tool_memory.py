@@ -16,14 +16,14 @@ and behind them the peaks of the other two phases: of the tool itself while it w
 counters, which is small, and while it measures the roofs for each number of threads of --roofs (none: leave it out).
 Where a program starts others, the peak is that of the largest process.
 
-It wants a kernel below it that runs AArch64 programs by itself: in a user-mode emulator a program's memory is mostly the
-emulator's. From elsewhere:
+It wants a kernel below it that runs AArch64 programs by itself: in a user-mode emulator a program's memory is mostly
+the emulator's. From elsewhere:
 
   tools/vm/run --cpus 1 --timeout 900 -- /src/bench/tool_memory.py --build /build
 
-Memory differs by some ten KiB from run to run. Seconds in a virtual machine compare with each other and with nothing else.
-PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or status is not that of the native
-run, or a figure cannot be right.
+Memory differs by some ten KiB from run to run. Seconds in a virtual machine compare with each other and with nothing
+else. PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or status is not that of the
+native run, or a figure cannot be right.
 """
 import argparse
 import json
@@ -72,7 +72,8 @@ class Bench:
         """(status, output without the tool's own lines, peak in KiB, seconds) of one line behind `prefix`."""
         figures = os.path.join(scratch, "figures")
         run = shlex.join([self.helper, figures, *prefix])
-        assignments = "".join(f"{name}={shlex.quote(value)}; " for name, value in {**self.variables, "RUN": run}.items())
+        variables = {**self.variables, "RUN": run}
+        assignments = "".join(f"{name}={shlex.quote(value)}; " for name, value in variables.items())
         # RUN is words, as a line has it unquoted.
         done = subprocess.run(["sh", "-c", assignments + line], cwd=scratch, stdin=subprocess.DEVNULL, check=False,
                               capture_output=True, timeout=1800,
@@ -116,7 +117,8 @@ class Bench:
 
 def print_row(row):
     print(f"{row['program']:<16}{row['native']:>9,}"
-          f"{row['engine']:>9,}{row['engine'] - row['native']:>+9,}{row['tracer']:>9,}{row['tracer'] - row['native']:>+9,}"
+          f"{row['engine']:>9,}{row['engine'] - row['native']:>+9,}"
+          f"{row['tracer']:>9,}{row['tracer'] - row['native']:>+9,}"
           f"{row['blocks']:>8,}{row['bytes']:>10,}{row['finishing']:>11.3f}{row['run']:>9.2f}{row['native_run']:>8.2f}",
           flush=True)
 
@@ -135,8 +137,8 @@ def main():
         lines = read_list(arguments.list, arguments.pattern)
     except CountError as error:
         sys.exit(f"tool_memory: {error}")
-    print(f"{'program':<16}{'native':>9}{'engine':>9}{'+':>9}{'tracer':>9}{'+':>9}{'blocks':>8}{'bytes':>10}{'finishing':>11}"
-          f"{'run':>9}{'native':>8}")
+    print(f"{'program':<16}{'native':>9}{'engine':>9}{'+':>9}{'tracer':>9}{'+':>9}"
+          f"{'blocks':>8}{'bytes':>10}{'finishing':>11}{'run':>9}{'native':>8}")
     for name, line in lines:
         try:
             rows.append(bench.measure(name, line))

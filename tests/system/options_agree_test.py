@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""--help, README's table, the man page and the completion for bash know the same options of ceilmeter; --help and README
-name the same defaults.
+"""--help, README's table, the man page and the completion for bash know the same options of ceilmeter; --help and
+README name the same defaults.
 
 options_agree_test.py SOURCE EMULATOR... TOOL
 """

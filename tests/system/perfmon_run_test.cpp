@@ -158,8 +158,8 @@ TEST_F(perfmon_run, time_covers_an_application_that_sleeps) {
 
 TEST_F(perfmon_run, debug_log_shows_the_six_and_the_extra_four_events_opened) {
   const process_result counted = run({"-l", "debug"}, {"/bin/true"});
-  const std::regex open_line(
-      R"(perfmon_utils debug perf_event_open: type 4, config ([0-9a-f]+), inherit: 1, cpu -1, group_fd (-?[0-9]+), flags 8, ret ([0-9]+))");
+  const std::regex open_line(R"(perfmon_utils debug perf_event_open: type 4, config ([0-9a-f]+), inherit: 1, cpu -1, )"
+                             R"(group_fd (-?[0-9]+), flags 8, ret ([0-9]+))");
   std::vector<std::string> codes;
   std::string leader;
   for (const std::string& line : log_lines(counted.err)) {

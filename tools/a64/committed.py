@@ -18,9 +18,9 @@ def differences(path, text):
 
 
 def settle(generator, description, make, error):
-    """Runs a generator, `generator` by its path below the root, with the process's arguments: writes the files that `make`
-    gives as {path below the root: text}, or with --check prints how they differ. `make` may raise `error`. Ends the
-    process if it does, or if a file differs."""
+    """Runs a generator, `generator` by its path below the root, with the process's arguments: writes the files that
+    `make` gives as {path below the root: text}, or with --check prints how they differ. `make` may raise `error`. Ends
+    the process if it does, or if a file differs."""
     parser = argparse.ArgumentParser(description=description, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--check", action="store_true", help="compare instead of writing")
     check_only = parser.parse_args().check

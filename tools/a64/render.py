@@ -121,8 +121,10 @@ def emit_h(classes):
     lines = [FIRST_LINES + """\
 //
 // emit_X writes one instruction of class X at a context's write_p and moves write_p past it: how plug-ins write
-// instructions for which there is no service (plug-in header). The engine's own code uses bi/code/code_writer.h instead. The
-// context is any record that has such a pointer, so that this family needs nothing of the engine. The caller reserves the
+// instructions for which there is no service (plug-in header). The engine's own code uses bi/code/code_writer.h \
+instead. The
+// context is any record that has such a pointer, so that this family needs nothing of the engine. The caller reserves \
+the
 // space and clears the instruction cache.
 #pragma once
 
@@ -233,7 +235,8 @@ inline constexpr int A64_REFUSED_COUNT = {refused};
 def family_calls_cpp(classes):
     lines = [FIRST_LINES + """\
 //
-// Every function of the family behind one signature each, so that tests can walk them by value. A class without an emit_X
+// Every function of the family behind one signature each, so that tests can walk them by value. A class without an \
+emit_X
 // has nullptr in its place.
 #include "family_calls.h"
 
@@ -247,13 +250,14 @@ const family_call family_calls[A64_NOT_RECOGNISED] = {"""]
         given = [f"f[{index}]" for index in range(len(item.fields))]
         taken = [f"&f[{index}]" for index in range(len(item.fields))]
         used = "f" if item.fields else ""
-        calls = [(f"    {{[](std::uint32_t* w, const std::uint32_t* {used}) {{ ", "w", f"a64_{item.name}", given),
-                 (f"     [](const std::uint32_t* w, std::uint32_t* {used}) {{ ", "w", f"a64_{item.name}_decode", taken)]
-        if item.name in EMITTED:
-            calls.append((f"     [](code_context* c, const std::uint32_t* {used}) {{ ", "c", f"emit_{item.name}", given))
+        name = item.name
+        calls = [(f"    {{[](std::uint32_t* w, const std::uint32_t* {used}) {{ ", "w", f"a64_{name}", given),
+                 (f"     [](const std::uint32_t* w, std::uint32_t* {used}) {{ ", "w", f"a64_{name}_decode", taken)]
+        if name in EMITTED:
+            calls.append((f"     [](code_context* c, const std::uint32_t* {used}) {{ ", "c", f"emit_{name}", given))
         for head, first, function, rest in calls:
             lines.append(wrapped(f"{head}{function}(", [first] + rest, "); },"))
-        lines[-1] = lines[-1][:-1] + "}," if item.name in EMITTED else lines[-1] + "\n     nullptr},"
+        lines[-1] = lines[-1][:-1] + "}," if name in EMITTED else lines[-1] + "\n     nullptr},"
     lines += ["};", "", "}  // namespace ceilmeter", ""]
     return "\n".join(lines)
 

@@ -1,5 +1,5 @@
-// The names in the stub text and the other hand-written routines; stubs.S tells what each assumes and keeps. An address
-// in a thread's copy is the copy's base plus the distance from stub_text.
+// The names in the stub text and the other hand-written routines; stubs.S, engine_entries.S and guarded_call.S tell
+// what each assumes and keeps. An address in a thread's copy is the copy's base plus the distance from stub_text.
 #pragma once
 
 #include <cstdint>

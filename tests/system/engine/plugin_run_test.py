@@ -1,7 +1,7 @@
 """Programs under the engine with the plug-ins of plugin_run: what the plug-ins tell, and what the programs say.
 
-plugin_run_test.py BUILD_DIR [--only CLASS] [--counts PLUGIN] [EMULATOR...]: PLUGIN is the emulator's counting plug-in, with
-which the number of instructions is compared; without it that comparison is left out.
+plugin_run_test.py BUILD_DIR [--only CLASS] [--counts PLUGIN] [EMULATOR...]: PLUGIN is the emulator's counting plug-in,
+with which the number of instructions is compared; without it that comparison is left out.
 """
 import os
 import subprocess

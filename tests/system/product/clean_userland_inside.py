@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""The part of clean_userland_test.py that runs in the virtual machine: /packages holds the packages and the clean root."""
+"""The part of clean_userland_test.py that runs in the virtual machine: /packages holds the packages and the clean
+root."""
 import glob
 import json
 import os
@@ -19,7 +20,8 @@ def run(words):
 
 
 def files_below(folder):
-    """The files of one file system: what is mounted in it, as /proc with its ever changing processes, is no part of it."""
+    """The files of one file system: what is mounted in it, as /proc with its ever changing processes, is no part of
+    it."""
     found = set()
     for root, folders, names in os.walk(folder):
         folders[:] = [name for name in folders if not os.path.ismount(os.path.join(root, name))]
@@ -47,7 +49,8 @@ class clean_userland(unittest.TestCase):
 
     def check_tool(self, tool, *environment):
         told = self.in_root(tool, "--version")
-        self.assertEqual((told.returncode, told.stdout.splitlines()[0]), (0, f"ceilmeter tool version {self.version}"), told)
+        self.assertEqual((told.returncode, told.stdout.splitlines()[0]),
+                         (0, f"ceilmeter tool version {self.version}"), told)
         for mode, region in (("total", "total"), ("region", "triad")):
             words = [tool, f"--mode={mode}", "--phase=~benchmarks", "-o", "/result.json", "/triad", "1000", "2"]
             if environment:
@@ -78,7 +81,8 @@ class clean_userland(unittest.TestCase):
         self.assertRegex(linked, r"libroofline_events\.so\.0 => (/usr)?/lib/libroofline_events\.so\.0 ")
         self.check_tool("/usr/bin/ceilmeter")
         self.assertEqual(self.dpkg("--purge", "ceilmeter").returncode, 0)
-        left = {path for path in files_below(self.root) - before if "/var/lib/dpkg/" not in path and "/var/log/" not in path}
+        left = {path for path in files_below(self.root) - before
+                if "/var/lib/dpkg/" not in path and "/var/log/" not in path}
         self.assertEqual(left, set())
 
     def test_deb_is_not_installed_where_a_library_is_missing(self):

@@ -47,8 +47,8 @@ def copy_into(root, package):
 
 
 def make_root(root, wanted):
-    for folder in ("usr/lib", "usr/bin", "usr/sbin", "var/lib/dpkg/info", "var/lib/dpkg/updates", "var/lib/dpkg/triggers",
-                   "tmp", "proc", "etc"):
+    for folder in ("usr/lib", "usr/bin", "usr/sbin", "var/lib/dpkg/info", "var/lib/dpkg/updates",
+                   "var/lib/dpkg/triggers", "tmp", "proc", "etc"):
         os.makedirs(f"{root}/{folder}")
     for folder in ("lib", "bin", "sbin"):
         os.symlink(f"usr/{folder}", f"{root}/{folder}")

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""The completion of the command lines, as a user at a terminal meets it: an interactive bash that has read the files, keys
-typed into it, and what then stands in its line.
+"""The completion of the command lines, as a user at a terminal meets it: an interactive bash that has read the files,
+keys typed into it, and what then stands in its line.
 
 completion_test.py SOURCE CEILMETER CEILVIEW EMULATOR...
 """
@@ -31,7 +31,8 @@ class shell:
             os.chdir(folder)
             os.environ.update({"PS1": "", "TERM": "dumb", "HOME": folder, "LC_ALL": "C", "INPUTRC": "/dev/null"})
             os.execvp("bash", ["bash", "--norc", "--noprofile", "-i"])
-        for line in ("bind 'set bell-style none'", "bind 'set completion-query-items 0'", "bind 'set page-completions off'",
+        for line in ("bind 'set bell-style none'", "bind 'set completion-query-items 0'",
+                     "bind 'set page-completions off'",
                      # The line in hand between two marks.
                      r"""bind -x '"\C-xp": printf "<%s>\n" "$READLINE_LINE"'""",
                      *before, f"source '{completion}'; source '{viewer_completion}'", "printf '<%s>\\n' ready"):
@@ -63,7 +64,8 @@ class shell:
 
 def usage_options(program):
     """The options of the help text: they stand in front of the dash of the explanation."""
-    usage = subprocess.run([*emulator, program, "--help"], capture_output=True, text=True, timeout=SECONDS, check=True).stdout
+    usage = subprocess.run([*emulator, program, "--help"], capture_output=True, text=True, timeout=SECONDS,
+                           check=True).stdout
     return {word for line in usage.splitlines() if line.startswith("    -")
             for word in re.findall(r"(?<![\w-])--?[a-zA-Z][\w-]*", line.split(" - ")[0])}
 
@@ -132,7 +134,8 @@ class completion_test(unittest.TestCase):
 
     def test_words_behind_the_application_are_left_to_the_general_completion_where_there_is_one(self):
         # As bash-completion defines it: $1 is where the command stands in COMP_WORDS.
-        for words, place in ((["--mode", "=", "total", "app", "x"], 4), (["-o", "r", "--", "app", "x"], 4), (["app", "x"], 1)):
+        for words, place in ((["--mode", "=", "total", "app", "x"], 4), (["-o", "r", "--", "app", "x"], 4),
+                             (["app", "x"], 1)):
             script = (f"source '{completion}'; _command_offset() {{ printf 'from %s' \"$1\"; }}; "
                       f"COMP_WORDS=(ceilmeter {' '.join(words)}) COMP_CWORD={len(words)}; _ceilmeter")
             done = subprocess.run(["bash", "-c", script], capture_output=True, text=True, timeout=SECONDS, check=True)

@@ -56,7 +56,8 @@ class file_system_test(unittest.TestCase):
 
     def test_files_that_a_run_makes_are_the_result_and_the_log_alone(self):
         for phase in PHASES:
-            written = {path for _, path, flags in self.opened_files(phase) if re.search("O_CREAT|O_WRONLY|O_RDWR", flags)}
+            written = {path for _, path, flags in self.opened_files(phase)
+                       if re.search("O_CREAT|O_WRONLY|O_RDWR", flags)}
             self.assertEqual(written, {os.path.join(self.folder, name) for name in ("result.json", "tool.log")}, phase)
             self.assertEqual(sorted(os.listdir(self.folder)), ["result.json", "tool.log"])
 
@@ -82,7 +83,8 @@ class file_system_test(unittest.TestCase):
     def test_result_has_the_mode_that_the_user_has_chosen_and_the_log_is_the_users_alone(self):
         for mask, expected in ((0o022, 0o644), (0o002, 0o664), (0o077, 0o600)):
             for phase in PHASES:
-                self.run_tool([f"--phase={phase}", "-o", "result.json", "--log-file=tool.log"], ["/bin/true"], umask=mask)
+                self.run_tool([f"--phase={phase}", "-o", "result.json", "--log-file=tool.log"], ["/bin/true"],
+                              umask=mask)
                 self.assertEqual((self.mode_of("result.json"), self.mode_of("tool.log")), (expected, 0o600))
                 os.remove(os.path.join(self.folder, "result.json"))
                 os.remove(os.path.join(self.folder, "tool.log"))

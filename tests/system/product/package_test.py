@@ -126,8 +126,8 @@ class package_test(unittest.TestCase):
                 needed.setdefault(library, set()).update(re.findall(r"Name: (\S+)", versions))
             for library in libraries:
                 needed.setdefault(library, set())
-        packages = {"libc.so.6": "libc6", "ld-linux-aarch64.so.1": "libc6", "libm.so.6": "libc6", "libelf.so.1": "libelf1",
-                    "libgcc_s.so.1": "libgcc-s1", "libstdc++.so.6": "libstdc++6"}
+        packages = {"libc.so.6": "libc6", "ld-linux-aarch64.so.1": "libc6", "libm.so.6": "libc6",
+                    "libelf.so.1": "libelf1", "libgcc_s.so.1": "libgcc-s1", "libstdc++.so.6": "libstdc++6"}
         self.assertLessEqual(set(needed), set(packages))
         for library, names in needed.items():
             package = packages[library]
@@ -162,7 +162,8 @@ class package_test(unittest.TestCase):
                          f"ceilmeter tool version {self.version}")
         self.assertEqual(run([*emulator, f"{build}/ceilview", "--version"]), f"ceilview version {self.version}\n")
         text = {}
-        for path in ("share/man/man1/ceilmeter.1", "share/man/man1/ceilview.1", f"{libdir}/pkgconfig/roofline_events.pc",
+        for path in ("share/man/man1/ceilmeter.1", "share/man/man1/ceilview.1",
+                     f"{libdir}/pkgconfig/roofline_events.pc",
                      f"{libdir}/cmake/roofline_events/roofline_events-config-version.cmake",
                      "share/doc/ceilmeter/CHANGELOG.md"):
             with open(f"{self.tree}/usr/{path}", encoding="utf-8") as file:

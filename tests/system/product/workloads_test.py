@@ -136,7 +136,8 @@ class applications_test(workload):
         done = self.run_tool("total", "full", [program("triad"), "1000", "1"])
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         report = self.report()
-        self.assertEqual([len(report["roofs"]), report["threads"], list(report["roofs_by_num_threads"])], [13, 1, ["1"]])
+        self.assertEqual([len(report["roofs"]), report["threads"], list(report["roofs_by_num_threads"])],
+                         [13, 1, ["1"]])
         self.assertGreaterEqual(report["regions"]["total"]["flop"], 2000)
 
     @unittest.skipUnless(os.environ.get("CEILMETER_LONG"), "takes minutes")

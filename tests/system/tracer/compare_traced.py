@@ -4,9 +4,10 @@
 compare_traced.py [--root DIR] [--pattern REGEX] TOOL LIST...
 
 The lists are those of the engine's tests: a line is a shell command in which $RUN stands before the programs that are
-meant, $ROOT before the paths of programs, $PROGRAMS for the folder of the project's own programs, $LISTS for the list's.
-Standard output, standard error and status must be the same, but for the tool's own lines, and every traced program must
-leave a result file. With CEILMETER_EMULATOR set, both sides run in that command; --root is the userland then.
+meant, $ROOT before the paths of programs, $PROGRAMS for the folder of the project's own programs, $LISTS for the
+list's. Standard output, standard error and status must be the same, but for the tool's own lines, and every traced
+program must leave a result file. With CEILMETER_EMULATOR set, both sides run in that command; --root is the userland
+then.
 """
 import argparse
 import json

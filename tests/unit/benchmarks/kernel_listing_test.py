@@ -92,7 +92,8 @@ def branch_distance(word):
 def assembled_words(llvm_mc, objdump, path):
     with tempfile.TemporaryDirectory() as folder:
         output = os.path.join(folder, "listing.o")
-        subprocess.run([llvm_mc, "-triple=aarch64", "-mattr=+fullfp16", "-filetype=obj", "-o", output, path], check=True)
+        subprocess.run([llvm_mc, "-triple=aarch64", "-mattr=+fullfp16", "-filetype=obj", "-o", output, path],
+                       check=True)
         return [word for _, word, _ in disassemble(objdump, output)]
 
 

@@ -1,5 +1,5 @@
-"""Holds the measured loop of the frame, as built, to its shape: per kernel call one load of the state word and the call,
-which is virtual and so costs the two loads of a dispatch, and nothing else that touches memory.
+"""Holds the measured loop of the frame, as built, to its shape: per kernel call one load of the state word and the
+call, which is virtual and so costs the two loads of a dispatch, and nothing else that touches memory.
 
   measured_loop_test.py FILE OBJDUMP
 

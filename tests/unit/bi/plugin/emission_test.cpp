@@ -1,56 +1,20 @@
-// Each emission service against what an assembler makes of the same instructions, and its refusals.
-#include <cstring>
+// Each emission service against what an assembler makes of the same instructions, and its refusals: registers,
+// constants, arithmetic, memory and masks, and what holds for every service. emission_branches_test.cpp has branches
+// and calls.
 #include <functional>
 #include <set>
 
 #include "bi/a64/a64.h"
-#include "bi/code/stubs.h"
-#include "plugin_fixture.h"
+#include "emission_fixture.h"
 
 namespace ceilmeter {
-
-extern "C" {
-struct expected_sequence {
-  const char* name;
-  const std::uint32_t* begin;
-  const std::uint32_t* end;
-};
-extern const expected_sequence expected_code[];
-extern const expected_sequence expected_code_end[];
-}
-
 namespace {
 
-using test::plugin_test;
+using test::address_behind;
+using test::expected;
+using test::plugin_emission_test;
+using test::some_function;
 using test::words;
-
-words expected(const char* name) {
-  for (const expected_sequence* sequence = expected_code; sequence != expected_code_end; ++sequence) {
-    if (std::strcmp(sequence->name, name) == 0) return {sequence->begin, sequence->end};
-  }
-  throw std::runtime_error(std::string("no such sequence: ") + name);
-}
-
-class plugin_emission_test : public plugin_test {
- protected:
-  // What the service writes; empty if it refuses, in which case it may not have written either.
-  words written(const std::function<int(mora_context*)>& emit) {
-    ctx = scan_context();
-    start = ctx.write_p;
-    if (emit(&ctx) == 0) return {start, ctx.write_p};
-    EXPECT_EQ(ctx.write_p, start) << "a refused service has written";
-    return {};
-  }
-
-  bool refuses(const std::function<int(mora_context*)>& emit) {
-    ctx = scan_context();
-    start = ctx.write_p;
-    return emit(&ctx) == -1 && ctx.write_p == start;
-  }
-
-  mora_context ctx{};
-  std::uint32_t* start = nullptr;
-};
 
 TEST_F(plugin_emission_test, one_register_is_pushed_and_popped_alone) {
   EXPECT_EQ(written([](mora_context* c) { return mora_emit_save_regs(c, 1); }), expected("save_x0"));
@@ -222,200 +186,10 @@ TEST_F(plugin_emission_test, masks_that_no_logical_immediate_holds_are_refused) 
   }
 }
 
-std::uint64_t address_behind(const mora_context* c, std::int64_t offset) {
-  return reinterpret_cast<std::uint64_t>(c->write_p) + static_cast<std::uint64_t>(offset);
-}
-
-TEST_F(plugin_emission_test, branches_lead_to_their_targets) {
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_tbz(c, 3, 5, -0x8000); }), expected("tbz_back"));
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_tbz(c, 3, 63, 0x7ffc); }), expected("tbz_ahead"));
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_branch(c, address_behind(c, 16)); }), expected("b_ahead"));
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, 16), 13); }),
-            expected("b_le_ahead"));
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_cbz(c, address_behind(c, 16), 3); }), expected("cbz_ahead"));
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, 16), 3); }),
-            expected("cbnz_ahead"));
-}
-
-TEST_F(plugin_emission_test, a_tbz_can_be_written_at_a_given_place) {
-  ctx = scan_context();
-  std::uint32_t* place = ctx.write_p;
-  ctx.write_p += 3;
-  EXPECT_EQ(mora_emit_tbz_at(&ctx, place, 3, 63, 0x7ffc), 0);
-  EXPECT_EQ(*place, expected("tbz_ahead")[0]);
-  EXPECT_EQ(ctx.write_p, place + 3);
-}
-
-TEST_F(plugin_emission_test, branches_out_of_reach_are_refused) {
-  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 5, -0x8004); }));
-  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 5, 0x8000); }));
-  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 5, 2); }));
-  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_tbz(c, 3, 64, 4); }));
-  for (const std::int64_t beyond : {0x8000000LL, -0x8000004LL}) {
-    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_branch(c, address_behind(c, beyond)); }))
-        << beyond;
-  }
-  for (const std::int64_t beyond : {0x100000LL, -0x100004LL, 2LL}) {
-    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, beyond), 0); }))
-        << beyond;
-    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_cbz(c, address_behind(c, beyond), 3); }))
-        << beyond;
-    EXPECT_TRUE(refuses([beyond](mora_context* c) { return mora_emit_cbnz(c, address_behind(c, beyond), 3); }))
-        << beyond;
-  }
-}
-
-TEST_F(plugin_emission_test, the_furthest_targets_are_in_reach) {
-  for (const std::int64_t furthest : {0x7fffffcLL, -0x8000000LL}) {
-    EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_branch(c, address_behind(c, furthest)); }))
-        << furthest;
-  }
-  for (const std::int64_t furthest : {0xffffcLL, -0x100000LL}) {
-    EXPECT_FALSE(
-        refuses([furthest](mora_context* c) { return mora_emit_branch_cond(c, address_behind(c, furthest), 0); }));
-    EXPECT_FALSE(refuses([furthest](mora_context* c) { return mora_emit_cbz(c, address_behind(c, furthest), 3); }));
-  }
-}
-
-TEST_F(plugin_emission_test, a_reserved_word_does_nothing_until_it_is_patched) {
-  mora_branch branch{};
-  EXPECT_EQ(written([&](mora_context* c) { return mora_reserve_branch(c, &branch); }), expected("nop"));
-  EXPECT_EQ(branch.place, start);
-}
-
-TEST_F(plugin_emission_test, a_reserved_word_becomes_each_kind_of_branch_to_the_place_reached) {
-  using patch = std::function<int(mora_context*, const mora_branch*)>;
-  const std::pair<const char*, patch> kinds[] = {
-      {"reserved_b_eq", [](mora_context* c, const mora_branch* b) { return mora_patch_branch(c, b, 0); }},
-      {"reserved_b", [](mora_context* c, const mora_branch* b) { return mora_patch_b(c, b); }},
-      {"reserved_bl", [](mora_context* c, const mora_branch* b) { return mora_patch_bl(c, b); }},
-      {"reserved_cbz", [](mora_context* c, const mora_branch* b) { return mora_patch_cbz(c, b, 9); }},
-      {"reserved_cbnz", [](mora_context* c, const mora_branch* b) { return mora_patch_cbnz(c, b, 9); }}};
-  for (const auto& [name, make] : kinds) {
-    EXPECT_EQ(written([&make = make](mora_context* c) {
-                mora_branch branch{};
-                mora_reserve_branch(c, &branch);
-                mora_emit_mov(c, 3, 4);
-                mora_emit_mov(c, 3, 4);
-                return make(c, &branch);
-              }),
-              expected(name))
-        << name;
-  }
-}
-
-TEST_F(plugin_emission_test, a_reserved_word_too_far_away_stays_as_it_is) {
-  ctx = scan_context();
-  mora_branch branch{};
-  mora_reserve_branch(&ctx, &branch);
-  ctx.write_p = branch.place + 0xffffc / 4;
-  EXPECT_EQ(mora_patch_branch(&ctx, &branch, 0), 0) << "the last place in reach";
-  ctx.write_p += 1;
-  *branch.place = expected("nop")[0];
-  EXPECT_EQ(mora_patch_branch(&ctx, &branch, 0), -1);
-  EXPECT_EQ(mora_patch_cbz(&ctx, &branch, 3), -1);
-  EXPECT_EQ(mora_patch_cbnz(&ctx, &branch, 3), -1);
-  EXPECT_EQ(*branch.place, expected("nop")[0]);
-}
-
-TEST_F(plugin_emission_test, calls_are_direct_in_reach_and_through_x30_beyond) {
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_call(c, address_behind(c, 16)); }), expected("bl_ahead"));
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_call(c, 0x0000567800001230); }), expected("far_call"));
-}
-
 TEST_F(plugin_emission_test, a_counter_is_added_to_with_two_registers_saved) {
   EXPECT_EQ(written([](mora_context* c) { return mora_emit_counter_add(c, 0x0000567800001230, 4095); }),
             expected("counter_add"));
   EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_counter_add(c, 0x1230, 4096); }));
-}
-
-// The value that MOVZ and the MOVKs behind it give, and the words that are left.
-std::uint64_t take_constant(words& code, std::uint32_t reg) {
-  std::uint64_t value = 0;
-  for (std::size_t index = 0; index < code.size();) {
-    std::uint32_t sf = 0, opc = 0, hw = 0, imm16 = 0, rd = 0;
-    a64_mov_wide_decode(&code[0], &sf, &opc, &hw, &imm16, &rd);
-    if (a64_decode(&code[0]) != A64_MOV_WIDE || rd != reg || (opc == 2) != (value == 0)) break;
-    value |= std::uint64_t{imm16} << (16 * hw);
-    code.erase(code.begin());
-  }
-  return value;
-}
-
-bool take(words& code, const words& prefix) {
-  if (code.size() < prefix.size() || !std::equal(prefix.begin(), prefix.end(), code.begin())) return false;
-  code.erase(code.begin(), code.begin() + static_cast<std::ptrdiff_t>(prefix.size()));
-  return true;
-}
-
-bool is_guarded_stub(std::uint64_t address) {
-  return address == reinterpret_cast<std::uint64_t>(&guarded_call_stub) ||
-         address == reinterpret_cast<std::uint64_t>(&guarded_call_stub_sve);
-}
-
-void some_function(int, int) {}
-constexpr std::uint32_t BLR_X30 = 0xd63f03c0;  // blr x30
-
-TEST_F(plugin_emission_test, a_guarded_call_keeps_what_holds_no_argument_and_calls_through_the_stub) {
-  words code = written([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 2); });
-  EXPECT_TRUE(take(code, expected("save_0x400001fc")));
-  EXPECT_EQ(take_constant(code, 8), reinterpret_cast<std::uint64_t>(&some_function));
-  EXPECT_TRUE(is_guarded_stub(take_constant(code, 30)));
-  EXPECT_TRUE(take(code, {BLR_X30}));
-  EXPECT_EQ(code, expected("restore_0x400001fc"));
-  EXPECT_EQ(ctx.plugin_stack_offset, 0u);
-}
-
-TEST_F(plugin_emission_test, a_guarded_call_without_arguments_keeps_x0_to_x8_and_x30) {
-  words code = written([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 0); });
-  EXPECT_TRUE(take(code, expected("save_0x400001ff")));
-  EXPECT_EQ(take_constant(code, 8), reinterpret_cast<std::uint64_t>(&some_function));
-  EXPECT_TRUE(is_guarded_stub(take_constant(code, 30)));
-  EXPECT_TRUE(take(code, {BLR_X30}));
-  EXPECT_EQ(code, expected("restore_0x400001ff"));
-}
-
-TEST_F(plugin_emission_test, constant_arguments_are_loaded_behind_the_push_of_their_registers) {
-  words code = written([this](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 2, -1, this); });
-  EXPECT_TRUE(take(code, expected("save_x0_x1")));
-  EXPECT_EQ(take_constant(code, 0), ~std::uint64_t{0});
-  EXPECT_EQ(take_constant(code, 1), reinterpret_cast<std::uint64_t>(this));
-  EXPECT_TRUE(take(code, expected("save_0x400001fc")));
-  EXPECT_EQ(take_constant(code, 8), reinterpret_cast<std::uint64_t>(&some_function));
-  EXPECT_TRUE(is_guarded_stub(take_constant(code, 30)));
-  EXPECT_TRUE(take(code, {BLR_X30}));
-  EXPECT_TRUE(take(code, expected("restore_0x400001fc")));
-  EXPECT_EQ(code, expected("restore_x0_x1"));
-}
-
-TEST_F(plugin_emission_test, constant_arguments_of_no_number_are_a_plain_guarded_call) {
-  const words plain = written([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 0); });
-  EXPECT_EQ(written([](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 0); }), plain);
-}
-
-TEST_F(plugin_emission_test, an_odd_mask_of_a_guarded_call_pushes_its_last_register_alone) {
-  words code = written([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 5); });
-  EXPECT_TRUE(take(code, {0xf81f0ffe}));  // str x30, [sp, #-16]!: four of x5 to x8 make pairs.
-}
-
-TEST_F(plugin_emission_test, more_than_eight_arguments_are_refused) {
-  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_guarded_call(c, some_function, 9); }));
-  EXPECT_TRUE(refuses(
-      [](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 9, 1, 2, 3, 4, 5, 6, 7, 8, 9); }));
-  EXPECT_FALSE(refuses(
-      [](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 8, 1, 2, 3, 4, 5, 6, 7, 8); }));
-}
-
-TEST_F(plugin_emission_test, fewer_values_than_arguments_are_refused) {
-  EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 2, 1); }));
-}
-
-TEST_F(plugin_emission_test, an_indirect_branch_looks_its_target_up_and_leaves_to_the_dispatcher_without_a_source) {
-  const words code = written([](mora_context* c) { return mora_emit_indirect_branch(c, 9); });
-  ASSERT_GE(code.size(), 10u);
-  EXPECT_EQ(code.front(), 0xa9bf07e0u);           // stp x0, x1, [sp, #-16]!
-  EXPECT_EQ(code[code.size() - 2], 0xd2800001u);  // mov x1, #0
-  EXPECT_EQ(a64_decode(&code.back()), A64_B);
 }
 
 TEST_F(plugin_emission_test, the_family_writes_at_the_context) {

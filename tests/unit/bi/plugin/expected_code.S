@@ -1,4 +1,4 @@
-// The code that the emission services are to write, in the assembler's words, found by name (emission_test.cpp).
+// The code that the emission services are to write, in the assembler's words, found by name (emission_fixture.h).
         .macro  code name
         .pushsection .data.rel.ro.expected, "aw"
         .xword  8f, \name, \name\()_end
