@@ -1,5 +1,5 @@
-// The descriptor table. The order of locking, by rising number, is what keeps operations from waiting for each other in
-// a circle; the size of the table is looked at again under the locks, because it says which locks they have to be.
+// The descriptor table. Operations take locks by rising number, so that they never wait for each other in a circle. The
+// size of the table decides which locks these are, so it is read again under the locks.
 #include "fd_names.h"
 
 #include <sched.h>
@@ -38,7 +38,7 @@ void fd_name_table::lock_line::lock() const {
   }
 }
 
-// Holds the locks of a key's two buckets. Its place is right for as long as it lives.
+// Holds the locks of a key's two buckets. While it lives, its place stays right.
 class fd_name_table::locked_pair {
  public:
   locked_pair(const fd_name_table& table, std::int32_t fd) {
@@ -88,7 +88,7 @@ class fd_name_table::all_locked {
   all_locked(const all_locked&) = delete;
   all_locked& operator=(const all_locked&) = delete;
 
-  // For a table of that many buckets, before anyone can see that it has them.
+  // Takes the locks of a table of that many buckets, before anyone can see that it has them.
   void extend(std::size_t buckets) {
     for (; m_held < std::min(buckets, lock_count); ++m_held) m_table.m_locks[m_held].lock();
   }
@@ -194,7 +194,7 @@ bool fd_name_table::displace(const place& where) {
         const step& move = steps[back];
         bucket& to = m_buckets[move.index];
         bucket& from = m_buckets[steps[move.from].index];
-        // A chain that comes through a bucket twice may have moved the record, or filled the slot, already.
+        // If a chain comes through a bucket twice, the record may have moved already, or the slot may be full.
         if (!from.name[move.slot] || to.name[free_slot] ||
             other_bucket(steps[move.from].index, from.partial[move.slot], log2_buckets) != move.index) {
           return false;
@@ -219,8 +219,8 @@ void fd_name_table::grow(all_locked& locked) {
   const std::size_t log2_buckets = m_log2_buckets.load(std::memory_order_relaxed) + 1;
   locked.extend(std::size_t{1} << log2_buckets);
   std::vector<bucket> larger(std::size_t{1} << log2_buckets);
-  // A record's two candidates in the doubled table are its old ones or those plus the old size, and a slot of the old
-  // bucket is free for nobody else there: every record keeps its slot number.
+  // A record's two candidates in the doubled table are its old ones, or those plus the old size. No record of another
+  // old bucket can go there, so every record keeps its slot number.
   const std::size_t old_size = m_buckets.size();
   for (std::size_t index = 0; index < old_size; ++index) {
     for (std::size_t slot = 0; slot < slots_per_bucket; ++slot) {

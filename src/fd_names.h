@@ -1,7 +1,7 @@
 // The last path seen for each file descriptor, for many threads at once. Every thread that maps a library comes through
-// here, so the table has no lock of its own: a cuckoo table of four slots a bucket, whose buckets share 65536 spin
-// locks, each in a cache line by itself. An operation holds the locks of its key's two candidate buckets and of no
-// others; only making room, which takes several hundred descriptors at once, holds all that are in use.
+// here, so no single lock guards the table. It is a cuckoo table of four slots a bucket. Its buckets share 65536 spin
+// locks, each in a cache line of its own. An operation holds only the locks of its key's two candidate buckets. Making
+// room, which takes several hundred descriptors at once, is the exception: it holds all locks that are in use.
 #pragma once
 
 #include <atomic>
@@ -33,8 +33,8 @@ class fd_name_table {
   std::size_t bucket_count() const { return std::size_t{1} << m_log2_buckets.load(std::memory_order_acquire); }
 
  private:
-  // A free slot has no name. The partial key spares most look-ups the comparison of keys in the other bucket, and is
-  // what the second candidate is computed from, in either direction.
+  // A free slot has no name. The partial key spares most look-ups the comparison of keys in the other bucket. The
+  // second candidate is computed from it, in either direction.
   struct bucket {
     std::uint8_t partial[slots_per_bucket];
     std::int32_t key[slots_per_bucket];
@@ -62,8 +62,8 @@ class fd_name_table {
   std::unique_ptr<std::string>* find_slot(const place& where, std::int32_t fd);
   bool put_into_free_slot(const place& where, std::int32_t fd, std::unique_ptr<std::string>& name);
 
-  // With all locks held: frees a slot in a candidate bucket by moving others to their second bucket. False if no short
-  // chain of moves does.
+  // Frees a slot in a candidate bucket by moving other records to their second bucket. The caller holds all locks.
+  // False if no short chain of moves frees one.
   bool displace(const place& where);
   void grow(all_locked& locked);
 

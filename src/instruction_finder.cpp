@@ -1,4 +1,4 @@
-// Reading blocks from files. The streams are shared between all blocks of a module: each read seeks anew.
+// Reads blocks from files. All blocks of a module share its stream, so each read seeks first.
 #include "instruction_finder.h"
 
 #include <cerrno>
@@ -37,7 +37,7 @@ bool instruction_finder::get_basic_block_instruction_code(std::uint32_t* buffer,
   }
   const std::size_t got = std::fread(buffer, instruction_size, count, stream);
   if (got != count) {
-    // The text is that of the stream's error flag taken for an error number: "Success" where the file was too short.
+    // The stream's error flag is taken for an error number here, so the text is "Success" if the file was too short.
     log(LEVEL_WARN, "Failed to fread basic block in file %s, offset %ld, basic_block_size=%lu, ret=%lu, err=%s",
         module.c_str(), static_cast<long>(start_off), count, got, std::strerror(std::ferror(stream)));
     return false;

@@ -1,5 +1,5 @@
-// The registry. It reacts to new mappings only: an unmapped segment stays to be found until something is mapped over
-// it, since code that ran there did come from it.
+// The registry. It reacts to new mappings only. An unmapped segment can still be found until something is mapped over
+// it, because the code that ran there did come from it.
 #include "mappings.h"
 
 #include <memory>
@@ -36,11 +36,11 @@ const mapping_segment* mappings_t::make_segment(mapping_segment segment) {
   auto* added = new node;
   added->segment = record.release();
   for (;;) {
-    // Acquire: pairs with the release store below, behind which the node that the word lies in was made.
+    // Acquire: pairs with the release store below. The node that holds the word was made before that store.
     std::atomic<node*>* last = all_segments_tail.load(std::memory_order_acquire);
     node* expected = nullptr;
-    // Release: pairs with the acquire loads of the destructor. A word that is taken belongs to a writer that has not
-    // yet moved the tail on; it does so with its next step.
+    // Release: pairs with the acquire loads of the destructor. If the word is taken, its writer has not yet moved the
+    // tail on; it does so in its next step.
     if (last->compare_exchange_weak(expected, added, std::memory_order_release, std::memory_order_relaxed)) break;
   }
   all_segments_tail.store(&added->next, std::memory_order_release);
@@ -69,15 +69,15 @@ void mappings_t::register_mmap(std::uint64_t begin, std::uint64_t end, std::uint
     if (it != segments.end() && it->second->begin < end) {
       const mapping_segment* cut = it->second;
       log(LEVEL_DEBUG, "Move begin=%lx of partial overlapped mapping to %lx", cut->begin, end);
-      // The offset stays that of the old beginning, deliberately: results of runs are compared with each other, and a
-      // block found through a cut segment has always been placed low by the part that was cut off.
+      // The offset deliberately stays that of the old beginning. Results of runs are compared with each other, and a
+      // block found through a cut segment has always been placed too low by the part that was cut off.
       const mapping_segment* moved = make_segment({end, cut->end, cut->offset, cut->name});
       it = segments.erase(it);
       it = segments.emplace_hint(it, end, moved);
     }
   }
-  // Only what begins at or behind `begin` was looked at: an older mapping from below that reaches in stays as it is,
-  // and search_segment finds the new one first.
+  // Only mappings that begin at or behind `begin` were looked at. An older one that reaches in from below stays as it
+  // is, and search_segment finds the new one first.
   segments.emplace_hint(it, begin, segment);
 }
 

@@ -1,9 +1,9 @@
-// From which file, and at which offset, did the code at an address come? The question is asked long after the mapping
-// may have gone or been replaced, so whoever meets an address while it is mapped takes the id of its segment along: the
-// address of a record that never changes and lives as long as the registry.
+// The registry of mappings: from which file, and at which offset, the code at an address came. The question is asked
+// long after the mapping may have gone or been replaced. So whoever meets an address while it is mapped keeps the id of
+// its segment. The id is the address of a record that never changes and lives as long as the registry.
 //
-// There are two views of these records: `segments`, what is mapped now, which every new mapping changes, and
-// `all_segments`, every record ever made, which only grows and owns them.
+// The records have two views. `segments` is what is mapped now; every new mapping changes it. `all_segments` is every
+// record ever made; it only grows, and owns the records.
 #pragma once
 
 #include <atomic>
@@ -20,7 +20,7 @@ namespace ceilmeter {
 struct mapping_segment {
   std::uint64_t begin = 0;
   std::uint64_t end = 0;     // Behind the last byte, a whole number of pages.
-  std::uint64_t offset = 0;  // Of `begin` in the file; of a segment that was cut, of where it began first.
+  std::uint64_t offset = 0;  // Of `begin` in the file. For a segment that was cut: of its first beginning.
   std::string name;          // The file's path, empty if its descriptor had no name.
 };
 
@@ -37,8 +37,8 @@ class mappings_t {
   // A copy; empty if the descriptor has no name. Any thread.
   std::string fd_name(std::int32_t fd) const;
 
-  // Records the mapping [begin, end), both whole pages, of the file at `fd` from `offset` on. What was mapped at or
-  // behind `begin` gives way to it. The flags are for the log. Any thread.
+  // Records the mapping [begin, end), both whole pages, of the file at `fd` from `offset` on. It replaces what was
+  // mapped at or behind `begin`. The flags are for the log. Any thread.
   void register_mmap(std::uint64_t begin, std::uint64_t end, std::uint64_t offset, std::int64_t prot_flags,
                      std::int64_t map_flags, std::int32_t fd);
 

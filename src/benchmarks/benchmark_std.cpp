@@ -1,5 +1,5 @@
-// The time-boxed run: pin, prepare, wait for all, go, stop, add up. The loop over run_kernel is the measured path;
-// nothing may enter it that allocates, logs, locks or writes shared memory.
+// The time-boxed run: pin, prepare, wait for all, go, stop, add up. The loop over run_kernel is the measured path. Do
+// not add anything to it that allocates, logs, locks or writes shared memory.
 #include "benchmarks/benchmark_std.h"
 
 #include <sched.h>
@@ -62,8 +62,8 @@ benchmark_std::benchmark_std(std::string benchmark_name, std::uint32_t thread_co
                              std::uint64_t passes)
     : duration(seconds), num_threads(thread_count), iterations(passes), name(std::move(benchmark_name)) {}
 
-// Stands alone so that nothing but its own variables is live in it and it can be found in a disassembly: a test holds
-// that the loop is one load of `state`, the call through the virtual table, and a count in a register.
+// A function of its own, so that only its own variables are live in it and it can be found in a disassembly. A test
+// checks that the loop is one load of `state`, the call through the virtual table, and a count in a register.
 [[gnu::noinline]] std::uint64_t benchmark_std::count_kernel_calls(std::uint32_t thread_id) {
   const std::uint64_t passes = iterations;
   std::uint64_t calls = 0;
@@ -113,7 +113,7 @@ void benchmark_std::operator()() {
   if (duration > 0.0) sleep_for(duration);
   // Read by the relaxed load of the measured loop, or by the waiting loop of a thread that has not run since the start.
   state.store(STATE_STOP, std::memory_order_relaxed);
-  // Before the joins: the calls still under way count in full, though their tail lies beyond this time.
+  // Take the time before the joins. Calls that are still running count in full, though they end after this time.
   const std::uint64_t elapsed = monotonic_nanoseconds() - start;
   for (std::thread& thread : threads) thread.join();
   duration = static_cast<double>(elapsed) / 1e9;

@@ -1,6 +1,6 @@
-// The frame that every roof measurement runs in. `benchmark` is what the driver sees; `benchmark_std` starts one thread
-// per requested thread, releases them together, lets them call their kernel over and over for a fixed time, and keeps
-// how many calls were completed and how long it took. It is the count that varies, not the time.
+// The frame of every roof measurement. The driver sees `benchmark`. `benchmark_std` starts one thread per requested
+// thread, releases them together, and lets them call their kernel over and over for a fixed time. It keeps how many
+// calls were completed and how long that took. The time is fixed; the count varies.
 #pragma once
 
 #include <atomic>
@@ -11,12 +11,12 @@
 
 namespace ceilmeter {
 
-// Pins the calling thread to the CPU of that number. Returns 0, or -1 and errno on failure. The set handed to the
-// kernel has room for 1024 CPUs: a higher number leaves it empty, which the kernel refuses with EINVAL.
+// Pins the calling thread to the CPU of that number. Returns 0, or -1 and errno on failure. The set has room for 1024
+// CPUs. A higher number leaves it empty, and the kernel refuses it with EINVAL.
 int pin_to_cpu(std::uint32_t cpu);
 
-// `value` without its fraction, as FCVTZU converts: NaN and what is below 0 give 0, what is too large gives the largest
-// number. C++ leaves these undefined, and a benchmark of no duration divides 0 by 0.
+// `value` without its fraction, as FCVTZU converts: NaN and negative values give 0, too large values give the largest
+// number. C++ leaves these cases undefined, and a benchmark of no duration divides 0 by 0.
 std::uint32_t cut_to_u32(double value);
 std::uint64_t cut_to_u64(double value);
 
@@ -34,8 +34,8 @@ class benchmark {
   // Performs the measurement; the caller blocks for its length. Once per object.
   virtual void operator()() = 0;
 
-  // What a measuring thread does before the start signal, pinned already: its time does not count. Called on all
-  // measuring threads at once; threads share no data that they write.
+  // What a measuring thread does before the start signal, when it is pinned already. Its time does not count. Called on
+  // all measuring threads at once; they share no data that they write.
   virtual void init_thread(std::uint32_t thread_id) = 0;
 
   // One call of the kernel, on a measuring thread. The same rule on shared data holds.
@@ -47,9 +47,9 @@ class benchmark_std : public benchmark {
   benchmark_std(const benchmark_std&) = delete;
   benchmark_std& operator=(const benchmark_std&) = delete;
 
-  // Starts `num_threads` threads, thread n on CPU n, threads beyond the number of online processors unpinned, and
-  // measures for `duration` seconds. A CPU that a thread cannot be pinned to costs a warning and nothing more. Throws
-  // what std::thread throws; with threads already running that ends the process. A thread that never gets through
+  // Starts `num_threads` threads and measures for `duration` seconds. Thread n runs on CPU n; threads beyond the number
+  // of online processors are not pinned. If a thread cannot be pinned, there is a warning and nothing more. Throws what
+  // std::thread throws; with threads already running that ends the process. A thread that never returns from
   // init_thread holds the caller for ever.
   void operator()() override;
 
@@ -58,7 +58,7 @@ class benchmark_std : public benchmark {
   benchmark_std(std::string benchmark_name, std::uint32_t thread_count, double seconds, std::uint64_t passes);
 
   std::uint64_t kernel_calls = 0;  // Completed run_kernel calls of all threads.
-  double duration;                 // Seconds: to run before the run, measured after it.
+  double duration;                 // Seconds. Before the run: how long to run. After it: what was measured.
   std::uint32_t num_threads;
   std::uint64_t iterations;  // What run_kernel gets.
 
@@ -66,7 +66,7 @@ class benchmark_std : public benchmark {
   const std::string name;
 
  private:
-  // The measured loop: calls run_kernel for as long as `state` says so, and gives the number of calls.
+  // The measured loop: calls run_kernel while `state` is STATE_RUNNING. Returns the number of calls.
   std::uint64_t count_kernel_calls(std::uint32_t thread_id);
 
   std::mutex mutex;                      // Guards kernel_calls and threads_ready, and goes with ready_cond.

@@ -1,5 +1,5 @@
-// The bandwidth benchmark, and libnuma, which is looked for at run time: its absence costs the row "DDR Numa-local" its
-// meaning and nothing else.
+// The bandwidth benchmark, and libnuma, which is looked for at run time. Without libnuma the row "DDR Numa-local" loses
+// its meaning, and nothing else changes.
 #include "benchmarks/cachebw.h"
 
 #include <dlfcn.h>
@@ -17,14 +17,15 @@ constexpr tool_log log{"src/benchmarks/cachebw"};
 
 constexpr const char* libnuma_name = "libnuma.so.1";
 
-// One million passes, or a little less, so that the passes are a multiple of the elements. Passes are not elements: the
-// number is only borrowed, and is a whole number of sweeps for every buffer that is a multiple of the pass.
+// One million passes or a little less, so that the passes are a multiple of the elements. Passes are not elements. The
+// number of elements is only borrowed: it makes a whole number of sweeps for every buffer that is a multiple of the
+// pass.
 std::uint64_t passes_per_call(std::uint64_t elements) {
   constexpr std::uint64_t million = 1'000'000;
   return elements < million ? million / elements * elements : elements;
 }
 
-// libnuma as long as the process lives. The reason of a failure is kept too: dlerror gives it only once.
+// Holds libnuma as long as the process lives. Keeps the reason of a failure too, because dlerror gives it only once.
 struct libnuma_library {
   void* handle = dlopen(libnuma_name, RTLD_LAZY);
   std::string reason;

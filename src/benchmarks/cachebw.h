@@ -1,4 +1,4 @@
-// A read bandwidth: each thread sweeps a buffer of its own with a load kernel. Nothing here knows of caches: the size
+// A read bandwidth: each thread sweeps a buffer of its own with a load kernel. Nothing here knows of caches. The size
 // of the buffer alone decides which level of the memory hierarchy answers.
 #pragma once
 
@@ -12,8 +12,8 @@
 
 namespace ceilmeter {
 
-// Buffers on the node of the thread that uses them, or null, with a log line that says why. Loads libnuma on the first
-// call in the process and keeps it, or the failure, until the process exits. Call from one thread.
+// Buffers on the NUMA node of the thread that uses them; or null, with a log line that says why. Loads libnuma on the
+// first call in the process and keeps it, or its failure, until the process exits. Call from one thread.
 std::unique_ptr<data_alloc_numa> create_numa_data(std::uint32_t num_threads, std::uint64_t elements);
 
 class cachebw : public benchmark_std {
@@ -24,8 +24,7 @@ class cachebw : public benchmark_std {
   cachebw(std::string benchmark_name, std::uint32_t thread_count, load_kernel load, std::uint64_t bytes_touched,
           std::uint64_t element_count, bool useLocalNuma, double seconds);
 
-  // Decimal gigabytes per second, rounded down, of all threads together. What is counted is the bytes that the loads
-  // asked for.
+  // Decimal gigabytes per second, rounded down, of all threads together. It counts the bytes that the loads asked for.
   std::uint32_t result() override;
   std::string unit() override { return "GB/s"; }
   bool is_compute() override { return false; }

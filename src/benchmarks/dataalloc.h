@@ -1,5 +1,5 @@
-// The buffers of a bandwidth measurement, one per thread. What counts is who touches a page first: each buffer is
-// filled on its own thread, pinned already, and the kernel places its pages then.
+// The buffers of a bandwidth measurement, one per thread. The kernel places a page when it is first touched. So each
+// buffer is filled on its own thread, which is pinned already.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +26,8 @@ class data_alloc_base {
   std::uint64_t size;
 };
 
-// One heap block for all threads. A block that cannot be had is logged, and the first thread to fill its part faults.
+// One heap block for all threads. If the block cannot be allocated, this is logged, and the first thread to fill its
+// part faults.
 class data_alloc final : public data_alloc_base {
  public:
   data_alloc(std::uint32_t thread_count, std::uint64_t elements);
@@ -38,9 +39,9 @@ class data_alloc final : public data_alloc_base {
   float* data;
 };
 
-// Each buffer on the NUMA node of the thread that fills it, from libnuma. `handle` is libnuma's from dlopen; it is not
-// closed here and outlives this object. A libnuma without numa_alloc_local is fatal; one without numa_free leaks the
-// buffers, with a warning. A null buffer is not looked at: the thread faults.
+// Each buffer is on the NUMA node of the thread that fills it, from libnuma. `handle` is libnuma's from dlopen; it is
+// not closed here and outlives this object. A libnuma without numa_alloc_local is fatal. One without numa_free leaks
+// the buffers, with a warning. A null buffer is not checked: the thread faults.
 class data_alloc_numa final : public data_alloc_base {
  public:
   data_alloc_numa(std::uint32_t thread_count, std::uint64_t elements, void* handle);

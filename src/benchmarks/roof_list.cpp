@@ -1,5 +1,5 @@
-// Which kernel measures which roof, and on how much memory. The sizes are constants: what a machine's caches hold is
-// not asked, and on a machine with other caches a row measures another level than its name says.
+// Which kernel measures which roof, and on how much memory. The sizes are constants: this table does not ask what the
+// machine's caches hold. On a machine with other caches a row measures another level than its name says.
 #include "benchmarks/roof_list.h"
 
 #include <asm/hwcap.h>
@@ -22,7 +22,8 @@ constexpr std::uint64_t flops_passes_per_call = 1'000'000;
 
 constexpr std::uint64_t elements_of(std::uint64_t bytes) { return bytes / sizeof(float); }
 
-// The row of a kernel whose instructions the processor does not have: executing one would end the process.
+// The row of a kernel whose instructions the processor does not have. It runs nothing, because executing one would end
+// the process.
 class unavailable_flops final : public flops {
  public:
   unavailable_flops(const char* row_name, std::uint32_t thread_count)
@@ -36,7 +37,7 @@ roof_maker compute_roof(const char* name, const std::uint64_t& address_word, con
   };
 }
 
-// `tells`: of the two rows the one whose making says why they are 0.
+// `tells`: this one of the two rows says, when it is made, why they are 0.
 roof_maker half_precision_roof(const char* name, const std::uint64_t& address_word,
                                const std::uint64_t& flops_per_iteration, bool is_available, bool tells) {
   if (is_available) return compute_roof(name, address_word, flops_per_iteration);

@@ -65,7 +65,7 @@ constexpr std::array<memory_row, 5> memory_rows = {{{"L1", 1, l1_row_bytes, fals
                                                     {"DDR", 0, ddr_row_bytes, true},
                                                     {"DDR Numa-local", 0, ddr_row_bytes, true}}};
 
-// The first cache that holds what so many threads sweep, with as many of them on it as have room; 0: none.
+// The first cache that holds what `threads` threads sweep, with as many of them on it as have room; 0: none.
 int level_read(const std::vector<data_cache>& caches, std::uint64_t bytes, std::uint64_t threads) {
   for (const data_cache& cache : caches) {
     if (bytes * std::min(threads, cache.processors) <= cache.bytes) return cache.level;

@@ -1,6 +1,6 @@
-// What the memory rows sweep, and which cache of this machine that is. The sizes are constants, so that results of
-// machines can be compared and an old result stays what it was; on a machine with other caches a row reads another
-// level than its name says, and this tells which.
+// The sizes that the memory rows sweep, and which cache of this machine each size reads. The sizes are constants, so
+// that results of machines can be compared and an old result stays what it was. On a machine with other caches a row
+// reads another level than its name says, and this file tells which.
 #pragma once
 
 #include <cstdint>

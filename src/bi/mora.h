@@ -1,11 +1,11 @@
-// The engine's core: its process-wide, per-thread and per-fragment records, the code cache, and what starts and ends an
-// application under the engine. An application address is a source address; an address in the code cache is a cache
-// address. Application code never runs where it was loaded: what runs is its rewritten copy in the code cache of the
-// thread, one fragment at a time.
+// The engine's core: its records for the process, for each thread and for each fragment, the sizes of the code cache,
+// and what starts and ends an application under the engine. An application address is a source address; an address in
+// the code cache is a cache address. Application code never runs where it was loaded. What runs is its rewritten copy
+// in the code cache of the thread, one fragment at a time.
 //
-// Who may touch what: a thread_data, with all that it holds, belongs to its own thread. The exceptions are `next`,
-// `status` and `tid`, which mora_terminate reads under thread_list_lock, and the counters of pending signals, which a
-// signal may move at any moment. Code caches are private to a thread, so that patching code needs no lock.
+// Who may touch what: a thread_data, with all that it holds, belongs to its own thread. There are two exceptions.
+// mora_terminate reads `next`, `status` and `tid` under thread_list_lock. A signal may change the counters of pending
+// signals at any moment. Code caches are private to a thread, so patching code needs no lock.
 #pragma once
 
 #include <pthread.h>
@@ -36,8 +36,8 @@ inline constexpr std::size_t MAX_PLUGINS = 10;
 inline constexpr std::size_t PLUGIN_SLOTS = 20;
 inline constexpr std::size_t MAX_TRACE_EXITS = 21;
 inline constexpr std::int32_t MAX_TRACE_FRAGMENTS = 21;
-inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;    // Where in the cache no trace begins any more.
-inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;  // Nor with an index from here up.
+inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;    // No trace begins here or higher in the cache.
+inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;  // No trace begins with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
 inline constexpr int SIGNAL_COUNT = 65;                   // Signal numbers from 1; 0 is unused.
 inline constexpr std::size_t SOURCE_MARKS_PER_WORD = 32;  // Two bits for each word of the code cache.
@@ -50,7 +50,7 @@ static_assert(CODE_CACHE_SIZE <= 128 * 1024 * 1024, "a B reaches any place of th
 
 enum bb_exit_kind : std::uint32_t {
   EXIT_NOT_SET = 0,
-  EXIT_STUB_BLOCK = 1,  // The block is reserved and leads to the dispatcher; not scanned yet.
+  EXIT_STUB_BLOCK = 1,  // Reserved: the block leads to the dispatcher and is not scanned yet.
   EXIT_DIRECT = 3,      // B, BL.
   EXIT_REGISTER = 4,    // BR, BLR, RET, and those to signed addresses.
   EXIT_B_COND = 5,
@@ -60,8 +60,8 @@ enum bb_exit_kind : std::uint32_t {
   EXIT_COMPARE = 9,  // CB<cc>, CBB<cc>, CBH<cc>.
 };
 
-// Values of bb_meta::link_state. A first link is 1 or 2. The value 4 is ORed in, and means one thing for a block and
-// another one for a fragment of a trace.
+// Values of bb_meta::link_state. A first link is 1 or 2. The value 4 is ORed in; it means one thing for a block and
+// another for a fragment of a trace.
 enum bb_link_state : std::uint32_t {
   LINK_NONE = 0,
   LINK_SKIPPED_FIRST = 1,  // A trace's fragment: the path goes on at the fall-through side.
@@ -93,8 +93,8 @@ struct bb_meta {
   std::int32_t trampoline;            // Of a trace fragment: the index of its exit's trampoline.
   cc_link* linked_from;               // Places that branch straight to this fragment.
   std::uint32_t overwritten_exit[OVERWRITTEN_EXIT_WORDS];  // What a trap has overwritten.
-  std::uint32_t
-      source_words;  // How many words from source_addr on the scan looked at, the one behind the last included.
+  // How many words the scan looked at, from source_addr on, including the one behind the last.
+  std::uint32_t source_words;
 };
 
 struct trace_exit {
@@ -120,7 +120,8 @@ enum thread_status : std::int32_t {
   THREAD_ABANDONED = 2,   // Has ended itself in abandon_thread.
 };
 
-// One per application thread, in one zeroed mapping of its own, so that emitted code can hold addresses of its fields.
+// One per application thread. Each is a zeroed mapping of its own, so that emitted code can hold addresses of its
+// fields.
 struct thread_data {
   thread_data* next;
   std::int32_t status;       // A thread_status. Written by its thread, read by mora_terminate: relaxed atomics.
@@ -138,8 +139,8 @@ struct thread_data {
   std::int32_t trace_fragment_count;
   trace_state active_trace;
   linked_pool* cc_link_pool;
-  std::uint64_t tls;        // The application's thread pointer; the register itself stays the C library's.
-  std::uint64_t child_tls;  // What a child of a fork-like clone takes.
+  std::uint64_t tls;        // The application's thread pointer. The register keeps the C library's.
+  std::uint64_t child_tls;  // The thread pointer for the child of a fork-like clone.
   void* plugin_thread_data[MAX_PLUGINS];
   std::uint64_t clone_resume_addr;  // Source address where a new thread starts.
   std::int32_t tid;
@@ -151,13 +152,13 @@ struct thread_data {
   std::int32_t pending_signal_count;  // Their sum; the reentry stub reads it on every way back into the cache.
   std::uint64_t engine_sp;            // Stack pointer at the thread's start, to leave it by.
   robin_map return_watch;             // For post-function events.
-  std::uint64_t syscall_args;         // What a pre-syscall callback is followed by.
+  std::uint64_t syscall_args;         // The first argument of the call, for the post-syscall callback.
   std::uint64_t* return_stack_top;
   std::uint64_t return_stack[RETURN_STACK_SIZE];
-  // Beyond the application's own state: how the thread's end reaches those who wait for it, see threads.cpp.
-  std::int32_t* library_tid_word;      // What the C library wants cleared when this thread ends; null: not known.
-  std::int32_t* application_tid_word;  // What the application wants cleared and woken.
-  std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal; of a new thread: its first mask.
+  // How those who wait for the thread learn of its end, see kernel/threads.cpp.
+  std::int32_t* library_tid_word;      // The C library wants it cleared at the thread's end; null: not known.
+  std::int32_t* application_tid_word;  // The application wants it cleared and its waiter woken.
+  std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal. A new thread: its first mask.
   std::uint64_t clone_stack;           // The argument of the fork-like clone that is being made.
   std::uint8_t clone_holds_locks;      // The engine's locks are held over the fork-like clone that is being made.
   // Of a call with a signal mask of its own, see call_mask.h.
@@ -165,13 +166,13 @@ struct thread_data {
   std::uint64_t call_mask_pair[2];  // Address and size of it, for calls that want both.
   std::uint64_t replaced_original;  // The application's argument, a mask or a path, while the kernel gets another.
   std::uint32_t replaced_argument;  // Its number, counted from 1; 0: none has been replaced.
-  // Of the trace fragment that is being scanned: where it begins, and whether it has outgrown the trace area.
+  // The trace fragment that is being scanned: where it begins, and whether it has outgrown the trace area.
   std::uint32_t* trace_fragment_start;
   std::uint32_t trace_fragment_overflow;
-  std::int32_t traces_checked;  // Indices of traces that there were when the checker has last looked at all of them.
-  // Where in the cache the code of each source word begins, see source_map.h.
-  const std::uint32_t*
-      source_marks_end;  // Of the fragment that is being scanned: the marks before this place are complete.
+  std::int32_t traces_checked;  // How many indices traces had when the checker last looked at all of them.
+  // Where in the cache the code of each source word begins, see source_map.h. In the fragment that is being scanned,
+  // the marks before source_marks_end are complete.
+  const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
   held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
 };
@@ -191,14 +192,14 @@ struct engine_globals {
   std::uint32_t exit_flag;  // Set to 1 once, by mora_terminate; read without a lock by every thread.
   std::uint32_t plugin_count;
   std::uint64_t plugins[MAX_PLUGINS][PLUGIN_SLOTS];  // Slots 1 to 18: callbacks by event; 19: the plug-in's data.
-  // Shared while plug-ins' code runs, and alone over a fork: the child then finds their data and the heap as they are
-  // between two callbacks. Taken behind brk_lock and before function_watch_lock.
+  // Plug-ins' code runs with this lock shared. A fork holds it alone, so that the child finds plug-ins' data and the
+  // heap as they are between two callbacks. Taken after brk_lock and before function_watch_lock.
   pthread_rwlock_t callbacks_lock;
   pthread_mutex_t function_watch_lock;
-  robin_map function_watches;     // Function address to its record. Under the lock before it.
-  interval_map protected_ranges;  // Executable by mprotect, or moved by mremap: not in exec_ranges. Has its own lock.
+  robin_map function_watches;     // Function address to its record. Under function_watch_lock.
+  interval_map protected_ranges;  // Executable by mprotect or moved by mremap, not in exec_ranges. Has its own lock.
   std::uint32_t code_ranges_dropped;  // One of the two maps was full once. Relaxed atomic.
-  // Held over a call that changes the application's mappings and over what the engine notes of it. Taken behind
+  // Held over a call that changes the application's mappings, and over what the engine notes of it. Taken after
   // brk_lock and before callbacks_lock.
   pthread_mutex_t mapping_lock;
   interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
@@ -220,8 +221,8 @@ bool allocate_thread_data(thread_data** out);
 // Gives a record its code cache, stubs and tables. Fatal if one of them cannot be mapped.
 void init_thread(thread_data* thread);
 
-// The same for a thread that the application can do without: null, or what could not be mapped, with errno as mmap left
-// it. The record is then good for free_thread_data alone.
+// The same for a thread that the application can do without. Returns null, or what could not be mapped, with errno as
+// mmap left it. After a failure the record is good for free_thread_data alone.
 const char* try_init_thread(thread_data* thread);
 
 // What to do when the kernel refuses memory for a thread, for log lines.
@@ -229,8 +230,9 @@ inline constexpr char THREAD_MEMORY_REMEDY[] =
     "each thread takes 37 MiB of address space, 16 MiB of it writable and executable: raise the limits of address "
     "space (ulimit -v) and of committed memory, or allow such memory";
 
-// Puts a record into, or takes it out of, the list of live threads, and delivers thread_init or thread_exit before the
-// lock is released. `lock_held`: the caller has thread_list_lock. The second returns -1 if the record is not listed.
+// Puts a record into the list of live threads, or takes it out, and delivers thread_init or thread_exit before the lock
+// is released. `lock_held`: the caller has thread_list_lock. The second function returns -1 if the record is not
+// listed.
 void register_thread(thread_data* thread, bool lock_held);
 int unregister_thread(thread_data* thread, bool lock_held);
 

@@ -1,12 +1,12 @@
-// The plug-in interface: what code linked into the tool sees of the engine, and all that it may include of it. A
-// plug-in registers callbacks before mora_run; the engine calls them at fixed events, the code events while it
-// translates application code, the others as they happen. From a code event a plug-in can write instructions of its own
-// into the fragment, which then run each time the translated code runs: that is where its cost lies, a callback itself
-// costs the running code nothing.
+// The plug-in interface: all that code linked into the tool sees of the engine and may include of it. A plug-in
+// registers callbacks before mora_run. The engine calls them at fixed events: the code events while it translates
+// application code, the others as they happen. At a code event a plug-in can write instructions of its own into the
+// fragment. These run each time the translated code runs, and that is the plug-in's cost; the callback itself costs
+// running code nothing.
 //
-// Callbacks run on the application's thread and, as all of the engine does, on the application's stack: small frames.
-// They may use the tool's C and C++ libraries. Several threads can be in the same callback at once, each with its own
-// context. Nothing here throws; what can fail returns a negative number, and 0 otherwise.
+// Callbacks run on the application's thread and, as all of the engine does, on the application's stack, so keep frames
+// small. They may use the tool's C and C++ libraries. Several threads can be in the same callback at once, each with
+// its own context. Nothing here throws. What can fail returns a negative number, and 0 otherwise.
 #pragma once
 
 #include <cstddef>
@@ -19,16 +19,17 @@ namespace ceilmeter {
 struct thread_data;  // The engine's record of a thread; opaque to plug-ins.
 
 // Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status.
-// All registration must be over.
+// Register everything before.
 int mora_run(int argc, char** argv, char** envp);
 
 // Events and their context
-// ---------------------------------------------------------------------------------------------
+// ------------------------
 
-// The fields of the context that an event fills are named with it; `thread_data`, `event` and `plugin_id` always are.
+// Each event is named with the context's fields that it fills. `thread_data`, `event` and `plugin_id` are always
+// filled.
 enum mora_event : std::uint32_t {
-  // While a fragment is translated: fragment, read_address, decoded, write_p, write_limit. Each
-  // happens once per translation, not once per execution; a cache flush makes the engine translate anew.
+  // While a fragment is translated: fragment, read_address, decoded, write_p, write_limit. Each happens once per
+  // translation, not once per execution. After a cache flush the engine translates anew.
   MORA_PRE_INST = 1,       // Before each instruction, `read_address`. It can be taken over: mora_replace_inst.
   MORA_POST_INST = 2,      // After it. Behind the instruction that ends the fragment no code is allowed.
   MORA_PRE_BB = 3,         // At a block's start, `read_address`. A block also ends, and a new one starts, at each SVC.
@@ -37,14 +38,14 @@ enum mora_event : std::uint32_t {
   MORA_POST_FRAGMENT = 6,  // No code is allowed.
   // As they happen.
   MORA_PRE_SYSCALL = 7,  // Before an application's system call: number, args, skip_syscall, result.
-  MORA_POST_SYSCALL =
-      8,  // After it: number, result, and of `args` the first argument alone, as it was before the call.
-  MORA_THREAD_INIT =
-      9,  // The calling thread has joined the list. Also for the first thread and for the child of a fork.
-  MORA_THREAD_EXIT = 10,  // `thread_data` leaves; at the end of the process this is told on the thread that ends it.
-  // While the block at a watched function's entry, or the one that stands for its return, is translated. `read_address`
-  // is the function's address. Code written here runs at each entry or return, before the function's own or the
-  // caller's.
+  // After it: number, result, and of `args` the first argument alone, as it was before the call.
+  MORA_POST_SYSCALL = 8,
+  // The calling thread has joined the list. Also for the first thread and for the child of a fork.
+  MORA_THREAD_INIT = 9,
+  MORA_THREAD_EXIT = 10,  // `thread_data` leaves the list. At the process's end: on the thread that ends it.
+  // While the engine translates the block at a watched function's entry, or the one that stands for its return.
+  // `read_address` is the function's address. Code written here runs at each entry or return, before the function's own
+  // code or the caller's.
   MORA_PRE_FUNCTION = 11,
   MORA_POST_FUNCTION = 12,
   MORA_EXIT = 13,             // The last event, on the thread that ends the process. The C library's exit follows.
@@ -58,7 +59,7 @@ enum mora_event : std::uint32_t {
 // `op` of MORA_VM_OP.
 enum vm_op : std::uint32_t { VM_MAP = 0, VM_UNMAP = 1, VM_REMAP = 2, VM_PROTECT = 3 };
 
-// `inst` where there is no instruction, and the condition that always holds. Other values of `inst`:
+// The value of `inst` where there is no instruction, and the condition that always holds. Other values of `inst`:
 // bi/a64/instructions.h.
 inline constexpr std::int32_t MORA_NO_INST = -1;
 inline constexpr std::uint32_t MORA_COND_ALWAYS = 14;
@@ -78,8 +79,8 @@ struct mora_mapping {
   std::uint32_t flags;  // Those of mmap, with marks of the engine's own in bits 29 and 30.
 };
 
-// What a callback gets, for the length of the call. Fields that share a place belong to different events. Plug-ins use
-// the accessors below; of the fields they only write `regs_to_pop`.
+// What a callback gets; valid for the length of the call. Fields that share a place belong to different events.
+// Plug-ins use the accessors below and write no field except `regs_to_pop`.
 struct mora_context {
   struct thread_data* thread_data;
   std::uint32_t event;  // A mora_event.
@@ -117,14 +118,14 @@ struct mora_context {
     const std::uint32_t* end_address;  // post_bb.
     std::uint64_t offset;              // vm_op: in the file.
   };
-  // Registers for the engine to pop, as by mora_emit_restore_regs, when the callback has returned; 0 at its entry. For
-  // a plug-in that has pushed them by mora_emit_save_regs and leaves in many ways.
+  // Registers that the engine pops when the callback has returned, as by mora_emit_restore_regs; 0 at its entry. For a
+  // plug-in that has pushed them by mora_emit_save_regs and returns in many places.
   std::uint32_t regs_to_pop;
   std::uint32_t regs_on_entry;        // regs_to_pop as the callback found it.
   std::uint32_t plugin_stack_offset;  // 64-bit words that the plug-in's pushes hold on the application's stack.
   std::uint8_t replace;               // The plug-in takes the instruction over.
-  bool* stop;                         // The scan's: set, the fragment ends here.
-  // The engine's own, behind what plug-ins are told of.
+  bool* stop;                         // The scan's. If set, the fragment ends here.
+  // The engine's own, behind the fields for plug-ins.
   bool code_allowed;  // Whether what is written at write_p becomes part of the fragment.
 };
 
@@ -132,12 +133,12 @@ struct mora_context {
 using mora_callback = int (*)(mora_context* ctx);
 
 // Registration
-// -----------------------------------------------------------------------------------------------------------
+// ------------
 //
 // Before mora_run, on one thread. There is room for ten plug-ins.
 
-// A new plug-in: the context by which the functions below know it. Null if there are ten. It is the same record for
-// every plug-in and holds only the last one: register all of a plug-in before the next is added.
+// Adds a plug-in and returns the context by which the functions below know it. Null if there are ten. The context is
+// the same record for every plug-in and holds only the last one, so register all of a plug-in before the next is added.
 mora_context* mora_add_plugin();
 
 // -3: there is no such event. -1: there is no such plug-in. -2: the plug-in already has a callback for the event.
@@ -193,9 +194,9 @@ void* mora_get_thread_data(const mora_context* ctx);
 int mora_set_child_thread_data(mora_context* ctx, void* data);
 
 // Accessors
-// --------------------------------------------------------------------------------------------------------------
+// ---------
 //
-// Meaningful at the events that fill the field (mora_event). Addresses are the application's, but for cc_addr.
+// Meaningful at the events that fill the field (mora_event). Addresses are the application's, except cc_addr.
 
 inline std::int32_t mora_get_fragment_id(const mora_context* ctx) { return ctx->fragment.id; }
 inline std::uint32_t mora_get_fragment_type(const mora_context* ctx) { return ctx->fragment.type; }
@@ -217,8 +218,8 @@ inline std::uint32_t mora_get_inverted_cond(const mora_context* /*ctx*/, std::ui
 // The kernel's thread id of the context's thread; -1 without a thread.
 std::int32_t mora_get_thread_id(const mora_context* ctx);
 
-// The thread that has joined the list before the context's. Null on the process's first thread, also that of a fork's
-// child. Only to be compared with null.
+// The thread that joined the list before the context's. Null on the process's first thread, also on the first thread of
+// a fork's child. Compare it with null only.
 const thread_data* mora_get_next_thread(const mora_context* ctx);
 
 // At clone, and in thread_init of a thread that a clone has made: the arguments of the clone, x0 first, and the new
@@ -246,61 +247,62 @@ inline const char* mora_get_loaded_path(const mora_context* ctx) { return ctx->p
 inline std::int32_t mora_get_loaded_fd(const mora_context* ctx) { return ctx->loaded_fd; }
 
 // Services with effects
-// --------------------------------------------------------------------------------------------------
+// ---------------------
 
-// Takes the instruction over: it is not copied, what the plug-in writes stands in its place. At pre_inst only; at any
-// other code event the engine logs a warning and goes on.
+// Takes the instruction over: the engine does not copy it, and what the plug-in writes stands in its place. At pre_inst
+// only. At any other code event the engine logs a warning and goes on.
 int mora_replace_inst(mora_context* ctx);
 
-// At pre_function: notes another address for the function. The engine does not replace functions: it logs the warning
+// At pre_function: notes another address for the function. The engine does not replace functions. It logs the warning
 // of mora_replace_inst and goes on with the function. -1 at any other event.
 int mora_replace_function(mora_context* ctx, std::uint64_t address);
 
-// At pre_syscall: the call is not made. Its result is that of mora_set_result, and its first argument until then. -1 at
-// any other event.
+// At pre_syscall: the call is not made. Its result is what mora_set_result sets, and its first argument if nothing is
+// set. -1 at any other event.
 int mora_skip_syscall(mora_context* ctx);
 
-// At pre_syscall once the call is skipped, and at post_syscall; -1 elsewhere. At post_syscall it reaches the
-// application only if the call was skipped or handled by the engine: a call that the kernel has made keeps the kernel's
+// At pre_syscall after mora_skip_syscall, and at post_syscall; -1 elsewhere. At post_syscall the value reaches the
+// application only if the call was skipped or the engine handled it. A call that the kernel has made keeps the kernel's
 // result.
 int mora_set_result(mora_context* ctx, std::uint64_t value);
 
-// Makes write_p an address that application code can branch to: the code that the plug-in writes there is entered as a
-// fragment, with the application's x0 and x1 on the stack (ldp x0, x1, [sp], #16 is its first instruction). Until the
-// next flush. -1 outside a scan.
+// Makes write_p an address that application code can branch to, until the next flush. The code that the plug-in writes
+// there is entered as a fragment, with the application's x0 and x1 on the stack: its first instruction is ldp x0, x1,
+// [sp], #16. -1 outside a scan.
 int mora_add_to_entry_table(mora_context* ctx);
 
-// Ends the fragment here. What is written must then lead elsewhere by itself (mora_emit_indirect_branch): the engine
-// writes no exit. -1 outside a scan.
+// Ends the fragment here. The engine then writes no exit, so the plug-in's code must lead elsewhere by itself
+// (mora_emit_indirect_branch). -1 outside a scan.
 int mora_stop_scan(mora_context* ctx);
 
-// Around code of a plug-in's own that runs in a function called from the cache (mora_emit_guarded_call) and uses the
-// heap, a lock or shared data: a fork waits until it is over, as it does for callbacks, which are bracketed by the
-// engine. Otherwise the child might find a lock taken by a thread that it does not have. May be nested. Nothing in
-// between may wait for the application.
+// Put these around code of a plug-in's own that runs in a function called from the cache (mora_emit_guarded_call), if
+// it uses the heap, a lock or shared data. A fork then waits until the code is over. Otherwise the child might find a
+// lock taken by a thread that it does not have. The engine does the same around callbacks. Calls may be nested. Nothing
+// in between may wait for the application.
 void mora_enter_callback();
 void mora_leave_callback();
 
-// Makes sure that more than `size` bytes can be written at write_p without a break, which may move write_p. -1 outside
-// a scan, and where no code is allowed.
+// Makes sure that more than `size` bytes can be written at write_p in one piece. May move write_p. -1 outside a scan,
+// and where no code is allowed.
 int mora_reserve_space(mora_context* ctx, std::uint32_t size);
 
 // Code emission
-// ----------------------------------------------------------------------------------------------------------
+// -------------
 //
-// Each writes at write_p and moves it. -1, with nothing written, where no code is allowed, and for operands that the
-// instructions cannot hold. Each makes sure of the space for its own instructions; between two services the code may
-// go on in another place of the cache, to which a branch leads. Who needs several of them in one piece, or writes words
-// by the emit_X family, reserves the space first: MORA_CALLBACK_SPACE bytes are free when a callback is entered.
+// Each service writes at write_p and moves it. It returns -1 and writes nothing where no code is allowed, or if the
+// instructions cannot hold the operands. Each service makes sure of the space for its own instructions. Between two
+// services the code may go on in another place of the cache, to which a branch leads. To have several of them in one
+// piece, or to write words by the emit_X family, reserve the space first. MORA_CALLBACK_SPACE bytes are free when a
+// callback is entered.
 //
-// Registers are numbers, 31 the stack pointer or zero as the instruction has it. Loads, stores and arithmetic are of 64
-// bits. Immediates are in bytes. The application's registers and flags are live everywhere: what a plug-in's code
-// changes, it saves and restores.
+// Registers are numbers; 31 is the stack pointer or zero, as the instruction has it. Loads, stores and arithmetic are
+// of 64 bits. Immediates are in bytes. The application's registers and flags are live everywhere: a plug-in saves and
+// restores what its code changes.
 
 inline constexpr std::uint32_t MORA_CALLBACK_SPACE = 60;
 
-// Pushes and pops the registers of a mask, bit n standing for xn, so that sp stays aligned to 16. One mask restores
-// what the same mask has saved. Flags are not saved.
+// Pushes and pops the registers of a mask; bit n stands for xn. sp stays aligned to 16. The mask that has saved
+// registers restores them. Flags are not saved.
 int mora_emit_save_regs(mora_context* ctx, std::uint32_t mask);
 int mora_emit_restore_regs(mora_context* ctx, std::uint32_t mask);
 
@@ -344,7 +346,8 @@ int mora_emit_branch_cond(mora_context* ctx, std::uint64_t target, std::uint32_t
 int mora_emit_cbz(mora_context* ctx, std::uint64_t target, std::uint32_t reg);
 int mora_emit_cbnz(mora_context* ctx, std::uint64_t target, std::uint32_t reg);
 
-// A word that does nothing until it is made a branch, in the same callback, to where write_p is then.
+// A word that does nothing until it becomes a branch. In the same callback it can be made a branch to where write_p is
+// then.
 struct mora_branch {
   std::uint32_t* place;
 };
@@ -358,16 +361,16 @@ int mora_patch_cbnz(mora_context* ctx, const mora_branch* in, std::uint32_t reg)
 // Calls code that is not the application's; changes x30. Saves nothing.
 int mora_emit_call(mora_context* ctx, std::uint64_t target);
 
-// Calls a C function of the tool's with the values that x0 to x(nargs - 1) have then. Everything of the application's
-// state is kept but these registers, flags and the whole vector state included; a result of the function's is lost
-// unless nargs is above 0, when it is in x0. The function runs in the default floating-point mode. At most 8 arguments.
+// Calls a C function of the tool's with the values that x0 to x(nargs - 1) have then. All other state of the
+// application's is kept, with flags and the whole vector state. The function's result is in x0 if nargs is above 0,
+// else it is lost. The function runs in the default floating-point mode. At most 8 arguments.
 int mora_emit_guarded_call(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs);
 
 // The same with constant arguments; the registers that they take are kept as well.
 int mora_emit_guarded_call_values(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs,
                                   const std::uint64_t* values);
 
-// Goes to the application address in `reg`, by way of the lookup that every register branch of the application has.
+// Goes to the application address in `reg`, through the same lookup as every register branch of the application.
 int mora_emit_indirect_branch(mora_context* ctx, std::uint32_t reg);
 
 // Adds `imm`, up to 4095, to the 64-bit word at `address`, by a plain load and store. Changes no register and no flag.
@@ -397,22 +400,22 @@ int mora_emit_guarded_call_args(mora_context* ctx, function_t fn, std::uint32_t 
 }
 
 // Function watches
-// -------------------------------------------------------------------------------------------------------
+// ----------------
 
-// Has every thread deliver pre_function and post_function for the function at `address`, each time it translates the
-// function's first block from now on: to be called before the function first runs. Any thread, any event. 1: added; 0:
-// it was watched already, and counts once more. Removed by the unmapping of the address.
+// From now on each thread delivers pre_function and post_function for the function at `address` when it translates the
+// function's first block. So call this before the function first runs. Any thread, any event. 1: added; 0: it was
+// watched already, and counts once more. The unmapping of the address removes the watch.
 //
-// While a post_function callback is registered, a watched function returns by way of the engine, which keeps its return
-// address on a stack of its own, of 32767 live calls per thread. A function that is left otherwise (longjmp, an
-// exception that passes through it), or that looks at its return address (setjmp), must not be watched then.
+// While a post_function callback is registered, a watched function returns by way of the engine. The engine keeps its
+// return address on a stack of its own, for 32767 live calls per thread. Do not watch a function then that is left
+// otherwise (longjmp, an exception that passes through it) or that looks at its return address (setjmp).
 int function_watch_add(std::uint64_t address);
 
-// The same with a name for those who read the engine's table; the first 255 bytes of it are kept. Null: none.
+// The same with a name, for those who read the engine's table. The table keeps the first 255 bytes. Null: no name.
 int function_watch_add_named(std::uint64_t address, const char* name);
 
-// 0, as at the start: every function symbol that is found is watched. Otherwise only what function_watch_add names; the
-// symbols are told in both cases. Returns the value before. Before mora_run.
+// 0, the value at the start: every function symbol that is found is watched. Otherwise only what function_watch_add
+// names is watched. Plug-ins hear of the symbols in both cases. Returns the value before. Before mora_run.
 std::uint32_t function_watch_set_manual(std::uint32_t flag);
 
 }  // namespace ceilmeter

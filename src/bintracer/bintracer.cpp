@@ -1,5 +1,6 @@
-// The tracer's state and the handlers that move it. Nothing here runs per execution of a block: a flush costs one pass
-// over the thread's blocks and, for each that was counted, a linear search in the region's vector.
+// The tracer's state and the handlers that change it. Nothing here runs per execution of a block. A flush of the
+// counters costs one pass over the thread's blocks and, for each that was counted, a linear search in the region's
+// vector.
 #include "bintracer/bintracer.h"
 
 #include <cstdlib>
@@ -37,7 +38,7 @@ region_bbs* find_region(std::vector<region_bbs>& regions, const std::string& nam
   return nullptr;
 }
 
-// The first record of a start keeps its end and segment.
+// If there is a record with the same start, only its count grows: it keeps its end and segment.
 void add_record(std::vector<bb_record>& bbs, const bb_record& record) {
   for (bb_record& known : bbs) {
     if (known.start != record.start) continue;
@@ -91,7 +92,7 @@ bintracer_report bintracer_t::get_report() {
 }
 
 void bintracer_t::init_thread(bintracer_thread& thread) {
-  // In region mode a thread counts nothing before it starts a region itself, also if its creator is in one.
+  // In region mode a thread counts nothing before it starts a region itself, even if its creator is in one.
   if (mode == MODE_TOTAL) thread.enable_basic_block_count = 1;
   thread.region = total_region_name;
   {
@@ -145,7 +146,7 @@ void bintracer_t::pre_start_roofline_handler(const char* name, bintracer_thread&
     activity->active.fetch_add(1, std::memory_order_relaxed);
   }
   log(LEVEL_INFO, "pre_start_roofline_handler: %s", name);
-  // No flush: a counter holds nothing but what was counted since the last stop.
+  // No flush is needed: a counter holds only what was counted since the last stop.
   thread.region = name;
   thread.enable_basic_block_count = 1;
 }

@@ -1,10 +1,10 @@
-// The tracer: how often each basic block of the application ran, per region and thread. It runs the application in this
-// process under the instrumentation engine and plants a counter in every block that the engine translates (see
-// bintracer_plugin.h). It does not look at instructions: which of the counted blocks were floating-point work is
-// settled when the application has ended, by the finalizer, from the module files.
+// The tracer counts how often each basic block of the application ran, per region and thread. It runs the application
+// in this process under the instrumentation engine and plants a counter in every block that the engine translates (see
+// bintracer_plugin.h). It does not look at instructions. When the application has ended, the finalizer finds out from
+// the module files which of the counted blocks were floating-point work.
 //
-// A region is a name that the application gives by start_perf_roofline_events, or "total". There is one tracer in a
-// process, in the configuration record, where the callbacks find it.
+// A region is a name that the application gives by start_perf_roofline_events, or "total". A process has one tracer. It
+// stands in the configuration record, where the callbacks find it.
 #pragma once
 
 #include <atomic>
@@ -24,7 +24,7 @@ namespace ceilmeter {
 struct mora_context;
 
 // A block that a thread has translated. Emitted code holds the address of `count`, so a record never moves and is freed
-// with its thread only. Copies of it are what results are made of.
+// with its thread only. Results are made of copies.
 struct bb_record {
   std::uint64_t count = 0;       // Executions since the last flush of the thread's counters.
   std::uint64_t start = 0;       // Application address of the first instruction.
@@ -50,8 +50,8 @@ struct thread_info {
   std::vector<region_bbs> regions;
 };
 
-// A thread's data while it lives. It belongs to its thread alone; the addresses of `enable_basic_block_count` and of
-// the counters stand in the code of the thread's own code cache, which is why plain words will do.
+// A thread's data while it lives. It belongs to its thread alone. Only the thread's own code cache holds the addresses
+// of `enable_basic_block_count` and of the counters, so plain words are enough.
 struct bintracer_thread {
   std::uint32_t parent_tid = 0;  // For whoever looks at it in a debugger.
   std::uint32_t tid = 0;
@@ -75,8 +75,8 @@ struct watch_callbacks {
   callback post = nullptr;
 };
 
-// How many threads are in a region. The counters move under the read side of region_threads_lock; the record itself
-// moves with its table's other records, under the write side.
+// How many threads are in a region. The counters change under the read side of region_threads_lock. The record itself
+// moves with the table's other records, under the write side.
 struct region_activity {
   std::atomic<std::uint64_t> active{0};
   std::atomic<std::uint64_t> max_active{0};  // Highest value of `active` at a stop.
@@ -99,24 +99,26 @@ class alignas(64) bintracer_t : public mappings_t {
  public:
   using exit_callback = std::uint64_t (*)(std::uint64_t, std::uint64_t);
 
-  // Registers with the engine. `mode` is MODE_REGION or MODE_TOTAL; `on_exit` runs once, on the thread that ends the
-  // application, when all its threads have ended.
+  // Registers with the engine. `mode` is MODE_REGION or MODE_TOTAL. When all threads of the application have ended,
+  // `on_exit` runs once, on the thread that ends it.
   bintracer_t(exit_callback on_exit, std::uint32_t mode);
   ~bintracer_t();
 
   // Runs the application in this process. Does not return: the process ends with the application's status.
   [[noreturn]] void collect(int argc, char** argv, char** envp);
 
-  // What was counted, per region; once, when all threads have ended. A second call warns and gives an empty report.
+  // What was counted, per region. Call it once, when all threads have ended. A second call warns and gives an empty
+  // report.
   bintracer_report get_report();
 
-  // The life of a thread, on the thread itself; the second also on the thread that ends the process, for those that are
-  // left. They wait for no application thread: the engine's thread list is locked around them.
+  // A thread's beginning and end, on the thread itself. The second also runs on the thread that ends the process, for
+  // the threads that are left. Neither waits for an application thread, because the engine's thread list is locked
+  // around them.
   void init_thread(bintracer_thread& thread);
   void finish_thread(bintracer_thread& thread);
 
-  // The thread enters or leaves the region `name`. Regions don't nest: what was counted since the first of two starts
-  // belongs to the second's name, and the next stop, whatever its name, closes it.
+  // The thread enters or leaves the region `name`. Regions don't nest. After two starts, everything since the first one
+  // belongs to the second name, and the next stop, whatever its name, closes it.
   void pre_start_roofline_handler(const char* name, bintracer_thread& thread);
   void pre_stop_roofline_handler(const char* name, bintracer_thread& thread);
 
@@ -125,7 +127,7 @@ class alignas(64) bintracer_t : public mappings_t {
 
   // What a function of this name is to be watched for; null if it is not.
   const watch_callbacks* find_named_callbacks(std::string_view name) const { return named_callbacks.find(name); }
-  // The function at `address` is watched from now on; an address that is known already keeps what it has.
+  // From now on the function at `address` is watched. An address that is known already keeps what it has.
   void add_watched_function(std::uint64_t address, const watch_callbacks& callbacks) {
     watched_functions.insert(address, callbacks);
   }
@@ -136,7 +138,7 @@ class alignas(64) bintracer_t : public mappings_t {
   // Highest number of threads that a region had at a stop; 0 for a name that was never started.
   std::uint64_t max_active_threads(std::string_view region) const;
 
-  // What the threads have left behind, newest thread first. For when all have ended.
+  // What the threads have left behind, newest thread first. Call it when all have ended.
   const thread_info* first_thread_info() const { return thread_infos; }
 
  private:
@@ -144,7 +146,7 @@ class alignas(64) bintracer_t : public mappings_t {
 
   mutable std::shared_mutex region_threads_lock;
   flat_table<std::string, region_activity> region_threads;
-  // The first is only read once the application runs; the second is written when the loader maps a module.
+  // When the application runs, the first is only read. The second is written when the loader maps a module.
   flat_table<std::string, watch_callbacks> named_callbacks;
   flat_table<std::uint64_t, watch_callbacks> watched_functions;
   std::atomic<std::uint64_t> thread_count{0};      // Application threads alive now.

@@ -1,5 +1,5 @@
-// The finalizer. A block that several threads or regions have run is worth the same for each of them and is read once;
-// of the records that they have of it, the first one's stays.
+// The finalizer. A block that several threads or regions have run has the same work for each of them and is read once.
+// Of the records that they have of it, the first one stays.
 #include "bintracer/bintracer_finalizer.h"
 
 #include <algorithm>
@@ -29,10 +29,10 @@ bintracer_region& find_or_add_region(std::vector<bintracer_region>& regions, con
   return regions.back();
 }
 
-// The most detailed log names every instruction of every thread's blocks: then none is left out.
+// The most detailed log names every instruction of every thread's blocks. Then no block may be skipped as known.
 bool is_logged_in_detail() { return mora_log_get_level() >= LEVEL_TRACE; }
 
-// Null if the block is not known, or another one that begins at the same address.
+// Null if the block is not known, or if the known one that begins there is another block.
 const block_work* find_work(const block_work_table& known, const bb_record& record) {
   const block_work* work = known.find(record.start);
   return work != nullptr && work->end == record.end && work->map_seg_id == record.map_seg_id ? work : nullptr;
@@ -83,7 +83,7 @@ void thread_info_processing(instruction_finder& finder, bintracer_report& report
       const std::uint64_t start = block.start;
       const std::int64_t count = block.count;
       const auto [merged, is_new] = region.bbs.insert(start, std::move(block));
-      // Of a block that is known only the count is added: all else stays as the first thread has it.
+      // For a known block only the count is added. Everything else stays as the first thread has it.
       if (!is_new) merged->count += count;
     }
     log(LEVEL_DEBUG, "%ld bbs collected for region %s", static_cast<long>(counted.bbs.size()), region.name.c_str());
@@ -103,7 +103,7 @@ basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_rec
     log(LEVEL_DEBUG, "Cant find mapping segment at %lx address\n", block.start);
     return block;
   }
-  // The low half of the file offset alone, deliberately: results have always been so, and no module has code beyond 4
+  // Deliberately only the low half of the file offset: results have always been so, and no module has code beyond 4
   // GiB.
   const std::uint64_t to_file = static_cast<std::uint32_t>(segment.offset) - segment.begin;
   block.dump_start = block.start + to_file;
@@ -122,8 +122,8 @@ basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_rec
 
 bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block, arithmetic_count& arithmetic) {
   std::array<std::uint32_t, max_basic_block_size> buffer{};
-  // One record for the whole block, deliberately: scalable instructions leave its multiplier as the instruction before
-  // them had it. A block that begins with one counts it once.
+  // Deliberately one record for the whole block. A scalable instruction does not set the record's multiplier, so the
+  // one of the instruction before it stays. A block that begins with a scalable instruction counts it once.
   instr_flop work{};
   work.multiplier = 1;
   const std::uint64_t partial_bb_num =

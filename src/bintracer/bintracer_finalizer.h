@@ -1,9 +1,9 @@
-// What the threads have left behind, turned into the tracer's part of the report. Each counted block is tied to its
-// file, its instructions are read there and their floating-point work is added up; blocks without any are left out, and
-// the others are merged by start over the threads of a region. The work of a block is that of one execution: the
-// product with its count is taken when the report is written.
+// Turns what the threads have left behind into the tracer's part of the report. It ties each counted block to its file,
+// reads the block's instructions there and adds up their floating-point work. Blocks without any are left out. The
+// others are merged by start over the threads of a region. The work of a block is that of one execution; the product
+// with its count is taken when the report is written.
 //
-// Runs once, on one thread, when all threads of the application have ended: no lock is taken.
+// Runs once, on one thread, when all threads of the application have ended. So it takes no lock.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@
 namespace ceilmeter {
 
 // The whole report. Its regions stand in the order in which the threads have them, newest thread first. Without a
-// region it is empty, after a warning. Scalable arithmetic that was executed and not counted is a warning, too. Blocks
-// that can't be read are reported in the log and left out.
+// region the report is empty, after a warning. Scalable arithmetic that ran and was not counted is a warning, too.
+// Blocks that can't be read are logged and left out.
 bintracer_report finalize(instruction_finder& finder, const bintracer_t& tracer, std::uint64_t max_thread_count);
 
 // Floating-point instructions: those that are in `flop`, and the scalable ones that are not.
@@ -25,9 +25,9 @@ struct arithmetic_count {
   std::uint64_t uncounted = 0;
 };
 
-// What a block is worth, kept for the next thread or region that has run it: all threads run mostly the same blocks. By
-// start; good for a block that also ends there and comes from the same segment. Blocks that could not be read are not
-// kept, so that each is tried, and complained of, again.
+// The floating-point work of a block, by its start. It is kept for the next thread or region that has run the block,
+// because all threads run mostly the same blocks. It holds for a block that also ends at the same place and comes from
+// the same segment. Blocks that could not be read are not kept, so each is tried, and logged, again.
 struct block_work {
   std::uint64_t end = 0;
   std::uint64_t map_seg_id = 0;
@@ -42,7 +42,8 @@ void thread_info_processing(instruction_finder& finder, bintracer_report& report
                             const bintracer_t& tracer, std::uint64_t max_thread_count, block_work_table& known,
                             arithmetic_count& executed);
 
-// The block as the report shows it. Its `flop` is 0 also if it comes from no file, or from one that can't be read.
+// The block as the report shows it. `flop` is also 0 if the block comes from no file, or from a file that can't be
+// read.
 basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_record& record, block_work_table& known);
 
 // Reads the block's instructions by its module and offsets, sets its `flop` and `vector_length` and adds to

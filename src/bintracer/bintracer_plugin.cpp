@@ -1,6 +1,6 @@
-// The callbacks. They run while the engine translates or holds its thread-list lock, on the application's stack: small
-// frames, and no waiting for application threads. What they write into a block changes no register and no flag of the
-// application's.
+// The callbacks. They run on the application's stack, while the engine translates or holds its thread-list lock. So
+// keep frames small, and do not wait for application threads. What they write into a block changes no register and no
+// flag of the application's.
 #include "bintracer/bintracer_plugin.h"
 
 #include <sys/auxv.h>
@@ -28,7 +28,7 @@ constexpr std::uint32_t x20 = 20;
 constexpr std::uint32_t x21 = 21;
 constexpr std::uint32_t counter_registers = 1U << x20 | 1U << x21;
 
-// Above it lie the negated error numbers that a failed mapping returns.
+// Higher values are the negated error numbers that a failed mapping returns.
 constexpr std::uint64_t highest_mapped_address = ~std::uint64_t{0} - 100;
 
 bintracer_t::exit_callback run_at_exit = nullptr;
@@ -53,7 +53,7 @@ bb_record* add_block(bintracer_thread& thread, std::uint64_t start) {
   return &node->record;
 }
 
-// count += 1. The whole run is one region: nothing else is asked.
+// count += 1. The whole run is one region, so there is no condition.
 void emit_count(mora_context* ctx, const bb_record& record) {
   mora_emit_load_const(ctx, x21, address_of(&record.count));
   mora_emit_ldr(ctx, x20, x21);
@@ -61,8 +61,8 @@ void emit_count(mora_context* ctx, const bb_record& record) {
   mora_emit_str(ctx, x20, x21);
 }
 
-// count += enable. Always executed, with 0 outside of regions: entering or leaving a region translates nothing anew,
-// and a block that was translated outside of one counts inside.
+// count += enable. This always runs, with 0 outside of regions. So entering or leaving a region translates nothing
+// anew, and a block that was translated outside of one counts inside.
 void emit_count_if_enabled(mora_context* ctx, const bb_record& record, const bintracer_thread& thread) {
   mora_emit_load_const(ctx, x20, address_of(&record.count));
   mora_emit_load_const(ctx, x21, address_of(&thread.enable_basic_block_count));
@@ -85,8 +85,8 @@ void stop_roofline(const char* name, bintracer_thread* thread) {
   mora_leave_callback();
 }
 
-// A call of `handler` with the application's first argument and this thread's data. The block belongs to the one
-// thread, so that the data's address is a constant in it.
+// A call of `handler` with the application's first argument and this thread's data. The block belongs to this one
+// thread, so the data's address is a constant in it.
 void emit_handler_call(mora_context* ctx, void (*handler)(const char*, bintracer_thread*)) {
   constexpr std::uint32_t arguments = 1U << x0 | 1U << x1;
   mora_emit_save_regs(ctx, arguments);
@@ -99,13 +99,13 @@ const watch_callbacks* watched_at(const mora_context* ctx) {
   return tracer().find_watched_function(mora_get_source_addr(ctx));
 }
 
-// Runs the function on a stack of its own, on this thread, and returns when it does. The application may end on a
-// signal stack that is little more than the signal's frame; the report wants more.
+// Runs the function on a stack of its own, on this thread, and returns when the function does. The report needs this:
+// the application may end on a signal stack that is little more than the signal's frame.
 void call_on_own_stack(void (*function)()) {
   constexpr std::size_t stack_size = std::size_t{8} << 20;
   void* const stack =
       mmap(nullptr, stack_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
-  // Two contexts would take more than half of such a stack.
+  // Static, because two contexts would take more than half of such a stack.
   static ucontext_t own_context;
   static ucontext_t back;
   if (stack == MAP_FAILED || getcontext(&own_context) != 0) {
@@ -121,9 +121,9 @@ void call_on_own_stack(void (*function)()) {
 }
 
 int exit_cb(mora_context* ctx) {
-  // A child that the application has forked ends through the engine as well. The result is that of the process that was
-  // started: a child would write over it and print the closing lines into the application's output. Its tracer is given
-  // up as it stands; the heap may be locked for ever by a thread that the child does not have.
+  // A child that the application has forked ends through the engine as well. The result belongs to the process that was
+  // started: a child would overwrite it and print the closing lines into the application's output. The child's tracer
+  // is given up as it stands, because a thread that the child does not have may hold the heap's lock for ever.
   if (getpid() != tracer_process) {
     static_cast<void>(process_config().tracer.release());
     return 0;
@@ -154,8 +154,8 @@ void register_callbacks(bintracer_t::exit_callback on_exit) {
 }
 
 int thread_init_cb(mora_context* ctx) {
-  // Only a process's first thread has had no clone event. In the child of a fork what the thread had counted before
-  // stays the parent's.
+  // Only a process's first thread has had no clone event. In the child of a fork, what the thread counted before the
+  // fork stays the parent's.
   if (mora_get_next_thread(ctx) == nullptr) mora_set_thread_data(ctx, new bintracer_thread);
   bintracer_thread& thread = thread_of(ctx);
   thread.tid = static_cast<std::uint32_t>(mora_get_thread_id(ctx));
@@ -182,7 +182,7 @@ int pre_bb_cb(mora_context* ctx) {
   const std::uint64_t start = mora_get_source_addr(ctx);
   log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
       start, static_cast<long>(thread.enable_basic_block_count));
-  // A block that is translated anew, after a flush of the code cache for instance, keeps its counter.
+  // A block that is translated anew, for instance after a flush of the code cache, keeps its counter.
   bb_record* const* known = thread.bb_index.find(start);
   thread.current_bb = known != nullptr ? *known : add_block(thread, start);
 
@@ -211,7 +211,7 @@ int vm_op_cb(mora_context* ctx) {
   if ((prot & PROT_EXEC) == 0 || (flags & MAP_ANONYMOUS) != 0) return 0;
   const std::int32_t fd = mora_get_vm_fd(ctx);
   if (fd >= 0) {
-    // The name is taken also if the mapping has failed: the descriptor has it all the same.
+    // The name is noted even if the mapping has failed: the descriptor has it all the same.
     tracer().register_fd_name(fd, std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
   }
   const std::uint64_t begin = mora_get_vm_addr(ctx);

@@ -1,7 +1,7 @@
-// The tracer's callbacks: what the engine calls while the application runs. At translation, once per block and thread,
-// pre_bb_cb makes a record and writes a few instructions at the head of the block that add to its counter; nothing else
-// happens per execution. The callbacks reach the one tracer through the configuration record, and run on the
-// application's threads.
+// The tracer's callbacks: what the engine calls while the application runs. Once per block and thread, at translation,
+// pre_bb_cb makes a record and writes a few instructions at the head of the block that add to its counter. Nothing else
+// happens per execution. The callbacks run on the application's threads and reach the one tracer through the
+// configuration record.
 #pragma once
 
 #include "bi/plugin.h"
@@ -13,8 +13,9 @@ namespace ceilmeter {
 // Called by the constructor of bintracer_t, before the engine runs.
 void register_callbacks(bintracer_t::exit_callback on_exit);
 
-// What is done at the entry of the functions of the region interface. Each writes code into the entry block.
-// The first makes the application's flag say that it runs under the tracer; the others call the region handlers.
+// What is done at the entry of the functions of the region interface. Each callback writes code into the entry block.
+// The code of the first one sets the application's flag that says that it runs under the tracer. The code of the others
+// calls the region handlers.
 int pre_dummy_func_cb(mora_context* ctx, const watch_callbacks& watched);
 int pre_start_roofline_cb(mora_context* ctx, const watch_callbacks& watched);
 int pre_stop_roofline_cb(mora_context* ctx, const watch_callbacks& watched);

@@ -1,8 +1,8 @@
-// The program loader: what the kernel does at an execve, done by hand inside a process that is already there. Two
-// things differ from the kernel's work. Every mapping is told to the engine, and nothing of the tool may be harmed:
-// segments are mapped with MAP_FIXED, which replaces what it meets, so a file's numbers are judged before its first
-// segment is mapped, and its addresses are free or reserved by then. An unusable file ends in a message, never in a
-// fault of the loader.
+// The program loader: it does by hand, inside a running process, what the kernel does at an execve. Two things differ
+// from the kernel's work. The engine is told of every mapping. And nothing of the tool may be harmed: segments are
+// mapped with MAP_FIXED, which replaces what it meets. So before the first segment of a file is mapped, the file's
+// numbers are checked and its addresses are known to be free or reserved. An unusable file ends in a message, never in
+// a fault of the loader.
 #include "elf/elf_loader.h"
 
 #include <elf.h>
@@ -34,7 +34,7 @@ constexpr std::size_t INTERPRETER_PATH_SIZE = 256;  // With its terminator.
 constexpr int reservation_flags = MAP_PRIVATE | MAP_ANONYMOUS;
 constexpr int segment_flags = MAP_PRIVATE | MAP_FIXED;
 
-// A file under way into memory. The headers are libelf's copies, which relocation changes.
+// A file that is being loaded. The headers are libelf's copies, which relocation changes.
 struct image {
   const char* path;
   int fd;
@@ -94,7 +94,7 @@ void open_image(image& file, Elf** elf_out) {
   if (elf == nullptr) mora_log_exit(EXIT_FAILURE, "Error opening ELF file: %s: %s", file.path, elf_errmsg(-1));
   if (elf_kind(elf) != ELF_K_ELF) mora_log_exit(EXIT_FAILURE, "Error: file %s isn't an ELF file", file.path);
 
-  // The class is looked at before the header is read: elf64_getehdr refuses a 32-bit file less plainly.
+  // Look at the class before the header: elf64_getehdr refuses a 32-bit file with a less plain message.
   const char* identification = elf_getident(elf, nullptr);
   if (identification != nullptr && identification[EI_CLASS] == ELFCLASS32) {
     mora_log_exit(EXIT_FAILURE, "Error: incorrect binary format, got a 32-bit ELF file");
@@ -103,7 +103,8 @@ void open_image(image& file, Elf** elf_out) {
   if (file.header == nullptr) {
     mora_log_exit(EXIT_FAILURE, "Error reading the ELF executable header: %s", elf_errmsg(-1));
   }
-  // libelf gives a big-endian file's header in this machine's order, so that its machine looks right; its code isn't.
+  // libelf converts a big-endian file's header to this machine's order, so its machine field looks right. Its code is
+  // still big-endian.
   if (file.header->e_machine != EM_AARCH64 || file.header->e_ident[EI_DATA] != ELFDATA2LSB) {
     mora_log_exit(EXIT_FAILURE, "Error: incorrect binary format, not compiled for ARM");
   }
@@ -113,7 +114,8 @@ void read_program_headers(image& file, Elf* elf) {
   struct stat status {};
   if (fstat(file.fd, &status) == 0 && status.st_size > 0) file.file_size = static_cast<std::uint64_t>(status.st_size);
   if (file.header->e_phnum == 0) return;
-  // libelf counts what the file has room for: one that was cut within its table seems to have fewer headers, or none.
+  // libelf counts the headers that the file has room for. A file that was cut within its table seems to have fewer
+  // headers, or none.
   const int result = elf_getphdrnum(elf, &file.program_header_count);
   file.program_headers = elf64_getphdr(elf);
   if (result != 0 || file.program_headers == nullptr) {
@@ -121,9 +123,9 @@ void read_program_headers(image& file, Elf* elf) {
   }
 }
 
-// Whether a PT_LOAD header states a part of the file and a place that it can have there. What is let through maps
-// without wrapping, without a page of which the file has nothing (whose first touch is a SIGBUS), and with congruent
-// addresses.
+// Whether a PT_LOAD header states a part of the file and a place that this part can have. What passes maps without
+// wrapping, with congruent addresses, and without a page that lies wholly beyond the file (its first touch would be a
+// SIGBUS).
 bool can_be_mapped(const image& file, const Elf64_Phdr& segment) {
   const std::uint64_t page = page_size();
   std::uint64_t end = 0;
@@ -152,7 +154,7 @@ address_span span_of(const image& file) {
   return span;
 }
 
-// Reserves `size` bytes at a multiple of `alignment`, or where the kernel likes if there is no such place.
+// Reserves `size` bytes at a multiple of `alignment`, or at any place of the kernel's choice if there is no such place.
 std::uint64_t reserve_aligned(std::uint64_t size, std::uint64_t alignment) {
   std::uint64_t padded = 0;
   const std::uint64_t length = page_up(size);
@@ -166,16 +168,16 @@ std::uint64_t reserve_aligned(std::uint64_t size, std::uint64_t alignment) {
   return aligned;
 }
 
-// Reserves [start, end), unless something is there: without MAP_FIXED the kernel takes the address if it is free and
+// Reserves [start, end), unless something is there. Without MAP_FIXED the kernel takes the address if it is free, and
 // another one if it isn't.
 bool claim(std::uint64_t start, std::uint64_t end) {
   return start >= end || map(start, end - start, PROT_NONE, reservation_flags, -1, 0) == start;
 }
 
-// Reserves the addresses of the image as one piece and stores where that is. The lowest address is a hint, not a
-// demand: what a file wants beyond the piece that it got is claimed too, or the file is refused. So fixed addresses
-// that something else has are never replaced, nor what a position-independent file that was linked above 0 finds above
-// its piece.
+// Reserves the addresses of the image as one piece and stores where the piece is. The lowest address is a hint, not a
+// demand. What the file needs beyond the piece that it got is claimed, too; if that fails, the file is refused. So two
+// things are never replaced: what already stands at the addresses of a fixed file, and what stands above the piece of a
+// position-independent file that was linked above 0.
 void reserve_addresses(image& file) {
   const address_span span = span_of(file);
   const bool moves = file.header->e_type == ET_DYN;
@@ -183,7 +185,7 @@ void reserve_addresses(image& file) {
   const std::uint64_t size = span.highest - span.lowest;
   std::uint64_t base = map(span.lowest, size, PROT_NONE, reservation_flags, -1, 0);
   if (moves && base != map_failed && base % span.alignment != 0) {
-    // Data that is aligned beyond a page relies on the image's place being so; the kernel's loader sees to it too.
+    // Data that is aligned beyond a page relies on the image's alignment. The kernel's loader provides it, too.
     munmap(reinterpret_cast<void*>(base), size);
     base = reserve_aligned(size, span.alignment);
   }
@@ -233,8 +235,9 @@ int protection_of(const Elf64_Phdr& segment) {
          ((segment.p_flags & PF_X) != 0 ? PROT_EXEC : 0);
 }
 
-// Maps one PT_LOAD segment and moves the header's p_vaddr to where it is. A failing mapping is not an error here: the
-// application finds the reservation there and faults, as it does natively where the kernel can't map a part of it.
+// Maps one PT_LOAD segment and changes the header's p_vaddr to its run-time address. A failing mapping is not an error
+// here: the application finds the reservation there and faults, as it does natively where the kernel can't map a part
+// of it.
 void map_segment(const image& file, Elf64_Phdr& segment) {
   const int protection = protection_of(segment);
   if (file.header->e_type == ET_DYN) segment.p_vaddr += file.base;
@@ -266,7 +269,7 @@ void map_segment(const image& file, Elf64_Phdr& segment) {
 void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_t* entry_out, int is_interpreter) {
   image file{path, -1, 0, is_interpreter != 0, nullptr, nullptr, 0, 0};
   open_image(file, elf_out);
-  // For the interpreter alone, on purpose: plug-ins know the application's file before it is loaded.
+  // Deliberately for the interpreter alone: plug-ins know the application's file before it is loaded.
   if (file.is_interpreter) deliver_elf_load(path, file.fd);
   std::FILE* stream = fdopen(file.fd, "r");
   read_program_headers(file, *elf_out);
@@ -288,8 +291,8 @@ void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_
     return;
   }
 
-  // From here on *entry_out and *elf_out are the interpreter's, if there is one. An interpreter's own interpreter
-  // counts for nothing, as for the kernel: a file that names itself would never be loaded.
+  // If there is an interpreter, *entry_out and *elf_out become the interpreter's here. An interpreter's own interpreter
+  // is ignored, as the kernel ignores it; otherwise a file that names itself would be loaded without end.
   for (std::size_t index = 0; index < file.program_header_count && !file.is_interpreter; ++index) {
     if (file.program_headers[index].p_type != PT_INTERP) continue;
     char interpreter_path[INTERPRETER_PATH_SIZE];

@@ -1,6 +1,6 @@
-// Puts the application and its interpreter into this process, as the kernel's program loader would, but by hand and
-// through the engine's eyes: every mapping is reported. Accepts 64-bit AArch64 files; every other one ends the process
-// with status 1 and a message. Called once, on the thread that becomes the application's first.
+// Puts the application and its interpreter into this process by hand, as the kernel's program loader would. The engine
+// hears of every mapping. Accepts 64-bit AArch64 files; any other file ends the process with status 1 and a message.
+// Called once, on the thread that becomes the application's first.
 #pragma once
 
 #include <libelf.h>
@@ -17,9 +17,9 @@ struct elf_aux_values {
   std::uint64_t at_phnum;
 };
 
-// Maps the file at `path` and, through a call of its own with `is_interpreter` 1, its interpreter. `*entry_out`
-// receives the address at which execution begins, `*elf_out` the handle of the image that it lies in; descriptors,
-// handles and streams stay open. Raises engine.brk to the end of the application's image.
+// Maps the file at `path` and, by a call of itself with `is_interpreter` 1, its interpreter. `*entry_out` receives the
+// address at which execution begins, `*elf_out` the handle of the image that holds this address. Descriptors, handles
+// and streams stay open. Raises engine.brk to the end of the application's image.
 void load_elf(const char* path, Elf** elf_out, elf_aux_values* aux, std::uint64_t* entry_out, int is_interpreter);
 
 }  // namespace ceilmeter

@@ -1,5 +1,5 @@
-// The application's first stack, in the layout that the kernel gives a process: arguments, environment and the
-// auxiliary vector, which is the tool's own with the application's values in it.
+// The application's first stack, in the layout that the kernel gives a process: arguments, environment and auxiliary
+// vector. The vector is the tool's own, with the application's values in it.
 #include "elf/initial_stack.h"
 
 #include <elf.h>
@@ -44,8 +44,8 @@ std::uint64_t memory_size() {
 }
 
 // Natively the stack grows into free address space up to the limit (RLIMIT_STACK). Here the kernel maps libraries and
-// the heap right below a small stack, so that the whole room has to be reserved at the start. It costs address space
-// alone: a page takes memory when it is first touched. More than the machine's memory can never be touched; that is the
+// the heap right below a small stack, so all of the room is reserved at the start. This costs address space alone: a
+// page takes memory when it is first touched. More than the machine's memory can never be touched. So that size is the
 // room of an unlimited stack, and the most for any limit.
 std::uint64_t wanted_stack_size() {
   rlimit limit{};
@@ -54,8 +54,8 @@ std::uint64_t wanted_stack_size() {
   return std::max(page_down(allowed, page_size()), LEAST_STACK_SIZE);
 }
 
-// Maps the stack and returns its top. A size that is refused, for a limit of address space or a kernel that commits
-// memory strictly, is halved down to the least one.
+// Maps the stack and returns its top. The kernel may refuse the size, because of a limit of address space or because it
+// commits memory strictly. The size is then halved, down to the least one.
 std::uint64_t map_stack() {
   std::uint64_t size = wanted_stack_size();
   void* mapping = MAP_FAILED;
@@ -69,8 +69,8 @@ std::uint64_t map_stack() {
   return address_of(mapping) + size;
 }
 
-// The application's stack under construction: words grow upwards from the stack pointer, what they point to downwards
-// from the top.
+// The application's stack under construction. Words grow upwards from the stack pointer. What they point to grows
+// downwards from the top.
 //
 //   sp                                                                                                top
 //   | argc | argv ... 0 | envp ... 0 | auxv ... 0 0 | 0 to 15 bytes | ... strings ... argv[1] | argv[0] |
@@ -92,7 +92,7 @@ std::uint64_t push_string(stack_writer& stack, const char* string) {
   return push_bytes(stack, string, std::strlen(string) + 1);
 }
 
-// The kernel puts the vector of a process behind the terminating null of its environment.
+// The auxiliary vector lies behind the terminating null of the environment: the kernel puts it there.
 const Elf64_auxv_t* auxiliary_vector(char** envp) {
   while (*envp != nullptr) ++envp;
   return reinterpret_cast<const Elf64_auxv_t*>(envp + 1);
@@ -116,7 +116,7 @@ std::uint64_t stack_bytes(const char* path, int argc, char** argv, char** envp) 
   return size + pair;
 }
 
-// The application's value for an entry of the tool's vector, with what it points to pushed. The name of the executed
+// The application's value for an entry of the tool's vector; pushes what the value points to. The name of the executed
 // file is the application's.
 std::uint64_t auxiliary_value(stack_writer& stack, const Elf64_auxv_t& entry, const elf_aux_values& aux,
                               const char* path) {
@@ -147,7 +147,7 @@ std::uint64_t auxiliary_value(stack_writer& stack, const Elf64_auxv_t& entry, co
     case AT_EXECFN: return push_string(stack, path);
     case AT_RANDOM: return push_bytes(stack, reinterpret_cast<const void*>(value), RANDOM_BYTES);
     default:
-      // Whether a value may be passed on unseen depends on its meaning: one that points into the tool may not.
+      // An unknown value must not be passed on, because it may point into the tool.
       log(LEVEL_FATAL, "unhandled auxv entry type: %ld", static_cast<long>(entry.a_type));
       return 0;
   }

@@ -1,5 +1,5 @@
-// Every symbol of every executable mapping goes through here on the application's thread: two tests of its name, no
-// copy, and nothing is kept between mappings.
+// Every symbol of every executable mapping goes through here, on the application's thread. So a symbol costs two tests
+// of its name and no copy, and nothing is kept between mappings.
 #include "elf/symbol_parser.h"
 
 #include <gelf.h>
@@ -15,14 +15,14 @@ namespace {
 
 constexpr engine_log log{"src/elf/symbol_parser"};
 
-// Functions of that MPI library whose name begins like this do not bear to be watched. Nobody is told of them.
+// Functions of an MPI library whose names begin like this cannot be watched. Nobody is told of them.
 constexpr char EXCLUDED_PREFIX[] = "ompi_osc_base_find_available";
 
 // 0: every function that is found is watched. Written before the application starts.
 std::uint32_t function_watch_manual = 0;
 
 bool is_of_interest(const char* name) {
-  // Versioned names stand for functions that are there under their plain name as well.
+  // A versioned name stands for a function that is also there under its plain name.
   return name != nullptr && std::strchr(name, '@') == nullptr &&
          std::strncmp(name, EXCLUDED_PREFIX, sizeof EXCLUDED_PREFIX - 1) != 0;
 }
@@ -34,8 +34,8 @@ void parse_section(Elf* elf, Elf_Scn* section, std::uint64_t bias, mora_context*
   Elf_Data* data = elf_getdata(section, nullptr);
   const std::uint64_t count = header.sh_entsize != 0 ? header.sh_size / header.sh_entsize : 0;
   GElf_Sym symbol;
-  // An entry size that is not the symbols' own promises more of them than there are: the library stops at the data's
-  // end.
+  // If the entry size is not that of a symbol, `count` promises more symbols than there are. The library stops at the
+  // data's end.
   for (std::uint64_t index = 0; index < count; ++index) {
     if (gelf_getsym(data, static_cast<int>(index), &symbol) == nullptr) break;
     if (symbol.st_value == 0 || GELF_ST_TYPE(symbol.st_info) != STT_FUNC) continue;

@@ -1,9 +1,9 @@
 // The JSON library of the result file: a tree of tokens that one parses from text, builds by hand, walks and prints.
 //
-// It is a tolerant reader and a naive writer, and both are wanted: the reader skips stray commas and takes keywords in
-// any case; the writer escapes nothing, so that a text with a quote or a backslash in it comes out raw and can't be
-// read back. Plain records and free functions: memory comes from malloc, failure is a status, nothing is thrown.
-// No function locks anything: a tree or a document belongs to one thread at a time; different trees are independent.
+// It is a tolerant reader and a naive writer, and both are wanted. The reader skips stray commas and takes keywords in
+// any case. The writer escapes nothing: a text with a quote or a backslash comes out raw and can't be read back. Plain
+// records and free functions: memory comes from malloc, failure is a status, nothing is thrown. No function locks
+// anything. A tree or a document belongs to one thread at a time; different trees are independent.
 #pragma once
 
 #include <cstddef>
@@ -33,8 +33,8 @@ enum json_token_type : std::int32_t {
   JSON_NULL = 6,
 };
 
-// A place in a list of children, or, in a container, the list's head: there `next` is the first child's link and
-// `previous` the last one's, and both point at the head itself when the list is empty.
+// A place in a list of children; or, in a container, the head of the list. A head's `next` is the first child's link,
+// and its `previous` the last one's. In an empty list both point at the head itself.
 struct json_link {
   json_link* next;
   json_link* previous;
@@ -75,15 +75,15 @@ using json_printer [[gnu::format(printf, 2, 3)]] = int (*)(void* context, const 
 
 // ---- Parsing ----
 
-// Parses one value from the NUL-terminated `text` (not null) and leaves a new document in `*document`, which the
-// caller frees with json_document_free. What stands behind the first value isn't looked at. The tree doesn't refer to
-// `text`; only json_document_error_position does.
+// Parses one value from the NUL-terminated `text` (not null) and leaves a new document in `*document`. The caller frees
+// it with json_document_free. The parser does not look behind the first value. The tree doesn't refer to `text`; only
+// json_document_error_position does.
 //
 // On a failure the document is kept for its message, with what was built: a root that is a container keeps the members
 // that were complete before the fault. If the document or its root can't be allocated, the result is JSON_ERR_MEMORY
-// and `*document` is null; if memory ends later the document is kept as on any other failure.
+// and `*document` is null. If memory ends later, the document is kept as on any other failure.
 //
-// Nesting is bounded by nothing but the stack of the calling thread.
+// Only the stack of the calling thread bounds the nesting.
 json_status json_parse(const char* text, json_document** document);
 
 // Frees the tree and the record; null is allowed.
@@ -144,8 +144,9 @@ void json_free(json_token* token);
 // ---- Printing ----
 
 // Prints the tree as a document: an object as it is, any other root that has a key as an object with this one member.
-// JSON_ERR_OBJECT, with nothing printed, for a root that is no object and has no key, and for null. The text reaches
-// `printer` in pieces of any size, each the one argument of a "%s", so that no text of the tree is ever a format.
+// For null, and for a root that is no object and has no key, it prints nothing and returns JSON_ERR_OBJECT. The text
+// reaches `printer` in pieces of any size. Each piece is the one argument of a "%s", so no text of the tree is ever a
+// format.
 //
 // Nothing is escaped. A member without a key and a string without text print as empty strings. Floats are printed with
 // six decimals, the infinite ones as "inf", which no reader of JSON takes.

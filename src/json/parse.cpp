@@ -73,10 +73,10 @@ char decode_escape(char c) {
   }
 }
 
-// One walk over the string whose opening quote is at the cursor, which stays there unless the walk fails. `*length`
-// becomes the number of source bytes between the quotes, `*size` the size of the decoded text with its terminator.
-// With an `out` of that size the text is decoded into it, and only then newlines count: each string is walked twice.
-// Inlined into both walks, so that the compiler makes a loop of its own for each.
+// Walks over the string whose opening quote is at the cursor. The cursor stays there unless the walk fails. `*length`
+// becomes the number of source bytes between the quotes, `*size` the size of the decoded text with its terminator. With
+// an `out` of that size the text is decoded into it, and only then newlines are counted, because each string is walked
+// twice. Inlined into both walks, so that the compiler makes a loop of its own for each.
 [[gnu::always_inline]] inline json_status walk_string(json_document* document, char* out, std::size_t* length,
                                                       std::size_t* size) {
   if (*document->cursor != '"') {
@@ -193,8 +193,8 @@ json_status parse_object(json_document* document, json_token* object) {
   make_empty_container(object, JSON_OBJECT);
   const char* at = document->cursor + 1;
   for (;;) {
-    // Only an end right behind the brace or a member's comma is told as one. Behind white space it is, like any other
-    // character, not the quote that has to stand here. Arrays make no such difference.
+    // Only an end of the text right behind the brace or a member's comma is reported as an end. Behind white space it
+    // is reported like any other character that stands in the place of the quote. Arrays make no such difference.
     if (*at == '\0') return fail(document, at, JSON_ERR_END, "Unexpected end of stream");
     at = skip_space_and_commas(document, at);
     if (*at == '}') break;

@@ -114,7 +114,7 @@ json_status json_new_string(const char* text, json_token** token) {
 }
 
 json_status json_set_key(json_token* token, const char* key) {
-  // The copy is made before the old key goes, so that `key` may be the old key or a part of it.
+  // Make the copy before the old key goes: `key` may be the old key or a part of it.
   char* copy;
   const json_status status = duplicate(key, &copy);
   if (status != JSON_OK) return status;
@@ -133,9 +133,9 @@ json_status json_add_child(json_token* container, json_token* token) {
 void json_free(json_token* token) {
   if (token == nullptr) return;
   unlink_from_parent(token);
-  // Walks down to a leaf, frees it and goes back up, by the parent pointers instead of by recursion: a tree that was
-  // built by hand may be nested deeper than the stack of the thread that frees it. The way down takes each child out
-  // of its list by the forward link alone, for the list is dying with its head.
+  // Walk down to a leaf, free it and go back up by the parent pointers. Do not recurse: a tree that was built by hand
+  // may be nested deeper than the stack of the thread that frees it. The way down takes each child out of its list by
+  // the forward link alone, because the list goes away with its head.
   json_token* current = token;
   while (current != nullptr) {
     json_token* child = json_first_child(current);

@@ -1,7 +1,7 @@
-// What parser, tree and printer of the JSON library share of a container's inside. Not for the library's users.
+// What parser, tree and printer of the JSON library know of a container's inside. Not for the library's users.
 //
-// Children stand in a circular list through their `link`, the container's list head being one more element of the
-// circle: an empty list is a head that points at itself, and no operation has a special case for first or last.
+// Children stand in a circular list through their `link`. The container's list head is one more element of the circle,
+// and an empty list is a head that points at itself. So no operation has a special case for first or last.
 #pragma once
 
 #include <cstddef>

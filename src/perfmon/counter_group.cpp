@@ -11,7 +11,7 @@ namespace ceilmeter {
 namespace {
 
 constexpr std::uint64_t longest_wait = 20'000'000;  // Nanoseconds.
-// Ends the wait where the enabled time does not move either.
+// Ends the wait if the enabled time does not grow either.
 constexpr int most_reads = 200'000;
 
 }  // namespace
@@ -38,7 +38,7 @@ group_start wait_for_group(std::int32_t group_fd) {
     const std::uint64_t missing = now.time_enabled - now.time_running;
     if (missing == 0 && now.time_running != 0) return {};
 
-    // A group that is looked at for the second time has its first wait in the times.
+    // If a group is looked at for the second time, its times contain the first wait.
     if (reads == 0) missing_before = missing;
     const std::uint64_t ran = now.time_running - earlier.time_running;
     const bool kept_up = reads != 0 && ran != 0 && ran == now.time_enabled - earlier.time_enabled;

@@ -12,10 +12,11 @@ namespace ceilmeter {
 
 namespace {
 
-// A limit above this is no shortage, and the kernel's table of descriptors grows with the highest number.
+// A limit above this is no shortage. The room does not begin higher, because the kernel's table of descriptors grows
+// with the highest number.
 constexpr rlim_t highest_begin = 4096;
 constexpr rlim_t step = 1024;
-// A counter is opened under the lowest free number before it is moved: a few have to be free for that.
+// A counter is opened under the lowest free number and moved then, so a few low numbers have to be free.
 constexpr rlim_t spare = 64;
 
 std::mutex room_mutex;  // Guards what follows.

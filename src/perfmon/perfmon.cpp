@@ -89,7 +89,7 @@ void perfmon::start_roofline_events(const std::string& region) {
   if (is_new) {
     counters = &open_roofline_events(region);
     if (counters->group_fd == -1) {
-      // Once: an application may start a region a million times. The number of starts is told at the end.
+      // Warn once, because an application may start a region a million times. The number of starts is told at the end.
       if (++counters->uncounted_starts == 1) {
         log(LEVEL_WARN, "failed to perfmon::open_roofline_events for %s region", region.c_str());
       }
@@ -97,7 +97,7 @@ void perfmon::start_roofline_events(const std::string& region) {
     }
   }
 
-  // The stamp comes before the counters start, as the one of the stop comes after they stop: the interval holds all
+  // Take the stamp before the counters start; the one of the stop is taken after they stop. So the interval holds all
   // that is counted.
   const std::int64_t now = monotonic_nanoseconds();
   counters->time_intervals.emplace_back(now, now);
@@ -189,7 +189,7 @@ thread_counters& perfmon::find_or_insert_counters(const std::string& region) {
 thread_counters& perfmon::open_roofline_events(const std::string& region) {
   log(LEVEL_DEBUG, "open_roofline_events: region is %s", region.c_str());
   thread_counters& counters = find_or_insert_counters(region);
-  // Opening a group takes the kernel a while, and other threads must not wait for it: no lock from here on.
+  // No lock from here on: the kernel needs a while to open a group, and other threads must not wait for it.
   open_events_of_type(PERF_TYPE_RAW, counters);
   return counters;
 }
@@ -213,8 +213,8 @@ void perfmon::open_events_of_type(std::uint32_t type, thread_counters& counters)
 
     std::uint64_t id = 0;
     ioctl(fd, PERF_EVENT_IOC_ID, &id);
-    // A second counter under the same id is dropped and its descriptor stays open: it could not be told from the first
-    // when the group is read.
+    // A second counter under the same id is dropped, and its descriptor stays open: at the reading it could not be told
+    // from the first one.
     counters.events.try_emplace(id, group_event{fd, event.name});
   }
 }
@@ -232,7 +232,8 @@ group_times perfmon::read_counters_from_group(const thread_counters& counters, c
 
   const group_reading reading =
       decode_group_reading(std::span(buffer).first(static_cast<std::size_t>(bytes) / sizeof(std::uint64_t)));
-  // Scaling by the time ratio would make an estimate of a count. The warning tells the user to count less at a time.
+  // Do not scale by the time ratio: it would make an estimate of a count. The warning tells the user to count less at a
+  // time.
   const group_times times{reading.time_enabled - counters.waited, reading.time_running};
   if (times.enabled != times.running) log(LEVEL_WARN, "core counters have multiplexing!");
   for (std::size_t i = 0; i + 1 < reading.pairs.size(); i += 2) {
@@ -256,9 +257,9 @@ void perfmon::finalize_per_thread_map() {
       m_times_per_region[key.region].running += times.running;
       close(counters.group_fd);
       counters.group_fd = -1;
-      // The leader is among the events, so its number is closed a second time. That fails unnoticed unless another
-      // thread was given the number in between. In total mode the tool has no other thread; in region mode nothing
-      // counts any more, but an application thread that opens a file in this very moment could lose it.
+      // The leader is among the events, so its number is closed a second time. This fails unnoticed, unless another
+      // thread was given the number in between. In total mode the tool has no other thread. In region mode nothing
+      // counts any more, but an application thread that opens a file at this very moment could lose it.
       for (auto& [id, event] : counters.events) {
         close(event.fd);
         event.fd = -1;
@@ -311,7 +312,7 @@ void perfmon::finalize_roofline_events() {
     }
     log(LEVEL_DEBUG, "%lu time intervals collected for %s region", intervals.size(), region.c_str());
 
-    // The union of the intervals, not their sum: time in which at least one thread was in the region.
+    // Add the union of the intervals, not their sum: the time in which at least one thread was in the region.
     std::uint64_t& duration = counters.find_or_insert(DURATION_TIME);
     const auto add = [&duration](const time_interval& complete) {
       const std::int64_t length = complete.second - complete.first;

@@ -1,9 +1,9 @@
-// Counts hardware events per region and thread. A region is a name; each pair of region and thread that starts counting
-// gets one group of kernel counters, opened on that thread at the first start, enabled and disabled as one unit, and
-// read only once, at finalisation. Between enable and disable the class keeps time stamps.
+// Counts hardware events per region and thread. A region is a name. Each pair of region and thread that starts counting
+// gets one group of kernel counters. The group is opened on that thread at the first start, enabled and disabled as one
+// unit, and read only once, at finalisation. The class keeps time stamps of each enable and disable.
 //
-// One lock guards the map of groups and nothing else: the key holds the thread id, so that a group has one thread, and
-// a thread works on its own group outside the lock.
+// One lock guards the map of groups and nothing else. The key holds the thread id, so a group has one thread, and a
+// thread works on its own group outside the lock.
 #pragma once
 
 #include <atomic>
@@ -77,13 +77,13 @@ using time_interval_map = std::multimap<std::int64_t, std::int64_t>;
 // `running` unchanged, if there is a gap between them.
 bool extend_time_interval(time_interval& running, const time_interval& next);
 
-// The order of a life: construct, start and stop regions on any threads, finalise once when no thread is between start
-// and stop any more, take the metrics. No failure of the kernel raises an exception: what could not be counted is
+// The order of calls: construct; start and stop regions on any threads; finalise once, when no thread is between start
+// and stop any more; take the metrics. No failure of the kernel raises an exception: what could not be counted is
 // missing, and the log says so.
 class perfmon {
  public:
-  // `inherit`: the counters also follow threads and processes that a counting thread starts. Whether the extra events
-  // are counted is settled here by the log level: it has to be set before.
+  // `inherit`: the counters also follow threads and processes that a counting thread starts. The log level decides here
+  // whether the extra events are counted, so set it before.
   explicit perfmon(bool inherit);
 
   perfmon(const perfmon&) = delete;
@@ -95,24 +95,24 @@ class perfmon {
   // Keeps the counters' descriptors out of the numbers that the rest of the process uses. Before the first start.
   void keep_descriptors_apart() { m_descriptors_apart = true; }
 
-  // Begins or resumes the counting of `region` on the calling thread. The counters go on from where they stood; an
-  // enabled region is enabled again and gets one more interval. A new group is looked at before the call returns: where
-  // it cannot run on this counter unit, the extra events are closed again, and if that is not enough the region has its
-  // time alone. Any thread.
+  // Begins or resumes the counting of `region` on the calling thread. The counters continue from their values. A region
+  // that is enabled already is enabled again and gets one more interval. A new group is looked at before the call
+  // returns. If it cannot run on this counter unit, the extra events are closed again; if that is not enough, the
+  // region has its time alone. Any thread.
   void start_roofline_events(const std::string& region);
 
-  // Suspends it. On the thread that started it: another one finds nothing to stop. Any thread.
+  // Suspends the counting. Call it on the thread that started it: another thread finds nothing to stop. Any thread.
   void stop_roofline_events(const std::string& region);
 
-  // Reads and closes all groups, sums them up by region and adds each region's active time. Once: a second call would
-  // add the time again. Not beside a start or stop.
+  // Reads and closes all groups, sums them up by region and adds each region's active time. Call it once: a second call
+  // would add the time again. Not while a start or stop runs.
   void finalize_roofline_events();
 
   // The metrics of every region that had a group, in no particular order. After finalisation, as often as wanted.
   std::vector<perfmon_region> get_roofline_events();
 
  protected:
-  // For an event set of one's own. Tests need it: an emulated counter unit counts next to nothing of the real set.
+  // With another set of events. Tests need it, because an emulated counter unit counts next to nothing of the real set.
   perfmon(bool inherit, perfmon_event_map events);
 
   // The calling thread's group of `region`, opened as far as possible: an event that fails to open is left out. Its
@@ -148,7 +148,7 @@ class perfmon {
   void tell_of_missing_time() const;
   void tell_of_silent_metrics() const;
 
-  // What the first groups have shown. A later group finds it out for itself if it was opened in the meantime.
+  // What the first groups have shown. A group that was opened in the meantime finds it out for itself.
   std::atomic<bool> m_extra_events_refused = false;
   std::atomic<bool> m_no_group_runs = false;
   // By region, filled by finalisation.

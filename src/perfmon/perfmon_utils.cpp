@@ -19,8 +19,8 @@ namespace {
 
 constexpr tool_log log{"src/perfmon/perfmon_utils"};
 
-// The structure's size is part of the call: a kernel refuses a larger one than it knows unless the rest is zero. The
-// shapes need nothing newer than this size, so it is passed whatever the size in the header at hand.
+// The structure's size is part of the call. A kernel refuses a larger structure than it knows, unless the rest is zero.
+// Both shapes need nothing newer than this size, so it is passed whatever the size in the header is.
 constexpr std::uint32_t ATTR_SIZE = PERF_ATTR_SIZE_VER5;
 static_assert(ATTR_SIZE == 112 && sizeof(perf_event_attr) >= ATTR_SIZE);
 
@@ -93,7 +93,7 @@ int perfmon_utils_counter_width() {
     }
     fds[opened++] = fd;
   }
-  // The members before their leader: they would be groups of their own for a moment.
+  // Close the members before their leader. Otherwise they would be groups of their own for a moment.
   for (std::size_t index = opened; index-- > 0;) close(fds[index]);
   const int width = cause == EINVAL ? static_cast<int>(opened) : 0;
   log(LEVEL_DEBUG, "the counter unit has %d counters, %lu opened", width, opened);

@@ -1,6 +1,6 @@
 // The only place that creates a kernel performance counter, and the two environment helpers that the counter code
 // shares with the collector. Stateless: nothing here knows of regions, threads or event names, and nothing is kept
-// after a call. A failure is told by the log and the return value, never by an exception.
+// after a call. The log and the return value tell of a failure, never an exception.
 #pragma once
 
 #include <cstdint>
@@ -16,19 +16,19 @@ struct perfmon_event_desc {
 };
 
 // Creates a stopped counter of the user-mode work of task `pid` on `cpu`, as a member of the group of `group_fd` (-1:
-// as a leader), readable as a group. Returns the descriptor, which the caller owns, or -1 after a warning with the
-// kernel's reason; where the caller has been told the reason before, `repeated`, the warning becomes a debug line. Any
-// thread.
+// as a leader), readable as a group. Returns the descriptor, which the caller owns. On failure it returns -1 after a
+// warning with the kernel's reason. `repeated`: the caller has been told the reason before, and the warning becomes a
+// debug line. Any thread.
 std::int32_t perfmon_utils_event_open_core(const perfmon_event_desc* event, std::int32_t pid, std::int32_t cpu,
                                            std::int32_t group_fd, std::uint64_t flags, bool repeated = false);
 
-// How many counters the processor's counter unit has for raw events, the one for cycles alone aside; 0 if the kernel
-// does not say. Found out with counters that are opened for it and closed again: the kernel refuses one counter too
-// many in a group, but only while it is asked for running ones. Not cheap. Any thread.
+// How many counters the processor's counter unit has for raw events, without the one that counts cycles alone. 0 if the
+// kernel does not say. It is found out with counters that are opened and closed again: the kernel refuses one counter
+// too many in a group, but only if running ones are asked for. Not cheap. Any thread.
 int perfmon_utils_counter_width();
 
-// The same for a counter that no task is tied to: everything that happens on `cpu`, the kernel's work included, read
-// singly. Nothing calls it while all roofline events belong to the cores.
+// Like perfmon_utils_event_open_core, but the counter belongs to no task. It counts everything that happens on `cpu`,
+// including the kernel's work, and is read singly. Nothing calls it while all roofline events belong to the cores.
 std::int32_t perfmon_utils_event_open_uncore(const perfmon_event_desc* event, std::int32_t cpu, std::int32_t group_fd,
                                              std::uint64_t flags);
 

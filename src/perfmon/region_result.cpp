@@ -25,7 +25,7 @@ constexpr tool_log log{"src/perfmon/roofline_events"};
 constexpr long poll_milliseconds = 10;
 constexpr long longest_wait_milliseconds = 600'000;
 
-// 0, or the reason why there is no lock: EWOULDBLOCK if somebody else has kept it all the time.
+// 0, or the reason why there is no lock. EWOULDBLOCK: somebody else has held it all the time.
 int wait_for_lock(int fd) {
   for (long waited = 0;; waited += poll_milliseconds) {
     if (flock(fd, LOCK_EX | LOCK_NB) == 0) return 0;
@@ -61,7 +61,7 @@ bool is_container(const json_token* token) {
   return token != nullptr && (json_get_type(token) == JSON_ARRAY || json_get_type(token) == JSON_OBJECT);
 }
 
-// A block of fewer fields is left out when it is read; one whose last field is no text can't be.
+// The reader leaves out a block with fewer fields. A block whose last field is no text makes the file damaged.
 bool has_broken_block(const json_token* blocks) {
   if (!is_container(blocks)) return false;
   constexpr int module_position = 7;

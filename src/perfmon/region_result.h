@@ -1,5 +1,5 @@
-// The result file as the region interface meets it: other processes of the same run may be about to write it, and what
-// an earlier run left in it may be damaged. Neither may end the application, which is where all this happens.
+// The result file as the region interface meets it. Other processes of the same run may be about to write the file, and
+// what an earlier run left in it may be damaged. All this happens inside the application, so neither may end it.
 #pragma once
 
 #include <optional>
@@ -8,9 +8,9 @@
 namespace ceilmeter {
 
 // Keeps other processes of the region interface from the result file at `path` while it is read, merged and written.
-// The lock is one on the file's folder, so that the file need not exist; where the file system has none for folders,
-// one on the file, which is then created empty. Waits for up to ten minutes, then goes on without, after a warning. A
-// file system without any locks is a debug line.
+// The lock is on the file's folder, so that the file need not exist. If the file system has no locks for folders, it is
+// on the file, which is then created empty. The lock waits for up to ten minutes and then goes on without, after a
+// warning. A file system without any locks is a debug line.
 class result_lock {
  public:
   explicit result_lock(const std::string& path);
@@ -22,9 +22,9 @@ class result_lock {
   int m_fd = -1;
 };
 
-// What keeps the file at `path` from being read back as a result, in words; nothing if it can be, is empty, or is not
-// there. A result is damaged if it is no JSON, has a block without a module, or roofs of something other than a number
-// of threads.
+// The reason, in words, why the file at `path` can't be read back as a result. Nothing if it can be, is empty, or is
+// not there. A result is damaged if it is no JSON, if it has a block without a module, or if it has roofs of something
+// other than a number of threads.
 std::optional<std::string> find_result_damage(const std::string& path);
 
 // Where the counters go if the file at `path` is damaged.

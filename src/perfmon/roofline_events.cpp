@@ -25,7 +25,7 @@ namespace {
 // Not `log`: the interface's functions stand in the global namespace, where the mathematical one is.
 constexpr tool_log region_log{"src/perfmon/roofline_events"};
 
-// The tracer sets the flag by a store of 64 bits: the seven bytes behind it have to be this module's own.
+// The tracer sets the flag by a store of 64 bits, so the seven bytes behind it have to be this module's own.
 struct alignas(8) wide_flag {
   bool disabled = false;
   char overwritten[7] = {};
@@ -33,12 +33,12 @@ struct alignas(8) wide_flag {
 static_assert(sizeof(wide_flag) == 8);
 static_assert(alignof(wide_flag) == 8);
 
-// Written during init alone, which the application calls before it starts regions, and so a plain word: a disabled
-// call is to cost a load and a test.
+// Only init writes it, and the application calls init before it starts regions. So it is a plain word: a disabled call
+// costs a load and a test.
 wide_flag storage;
 bool& region_api_disabled = storage.disabled;
 
-// Made by whichever function needs it first, because a program that never calls init is counted all the same.
+// Whichever function needs it first makes it, because a program that never calls init is counted, too.
 perfmon& region_counters() {
   static perfmon& counters = []() -> perfmon& {
     static perfmon made(true);
@@ -67,7 +67,8 @@ void write_regions(const std::string& report_file, std::vector<perfmon_region>& 
   if (!write(target, report)) {
     region_log({LEVEL_WARN, __builtin_LINE(), caller}, "failed to write roofline events to %s.", target.c_str());
   }
-  // Also after a failed write, deliberately: it closes the account of the run, and the line before says how it went.
+  // This line is deliberately logged after a failed write, too: it closes the account of the run, and the line before
+  // says how the write went.
   region_log({LEVEL_INFO, __builtin_LINE(), caller}, "Regions roofline events are written to %s", target.c_str());
 }
 
@@ -81,8 +82,8 @@ void take_log_settings(const std::string& file, const std::string& level) {
   mora_log_init();
 }
 
-// The two that count stand apart from the functions that the application calls, so that a disabled call saves no
-// register: load, test, return. Their lines bear the callers' names.
+// The two functions that count are apart from the functions that the application calls, so that a disabled call saves
+// no register: load, test, return. Their log lines bear the callers' names.
 [[gnu::noinline]] void start_counting(const char* region) {
   region_log({LEVEL_DEBUG, __builtin_LINE(), "start_perf_roofline_events"}, "start_perf_roofline_events: region is %s",
              region);

@@ -1,5 +1,6 @@
-// Counters of an earlier run beside the operations of this one. In region mode the application writes its counters into
-// the result file itself; if it never does, those that an earlier run left there stay, and nothing in the file tells.
+// Finds counters of an earlier run beside the operations of this one. In region mode the application writes its
+// counters into the result file itself. If it never does, the counters of an earlier run stay there, and nothing in the
+// file says so.
 #pragma once
 
 #include <string>
@@ -8,8 +9,8 @@
 
 namespace ceilmeter {
 
-// Notes what the result file is, before the application is started. Returns once a later write of the file is certain
-// to change its time, a few milliseconds at most.
+// Notes the state of the result file before the application starts. Returns when a later write of the file is certain
+// to change its time, after a few milliseconds at most.
 void note_result_before_run(const std::string& path);
 
 // One warning if `report`, read from the file at `path`, has counters and the file is still what was noted. Without a

@@ -14,9 +14,8 @@
 //     x1   iterations: passes of the loop, counted down to 0. 0 would run 2^64 passes.
 //     x2   kernel: the value of the kernel's address word
 //
-//   Called by  flops::run_kernel, through enter_flops_kernel of kernels.h, and nothing else: the arguments stand in
-//   other
-//              registers than a C function's.
+//   Called by  flops::run_kernel, through enter_flops_kernel of kernels.h, and nothing else: the arguments are not in
+//              the registers of a C function.
 //   Assumes    nothing of other registers. None is set before the loop: the arithmetic runs on whatever they hold, and
 //              what it computes is of no use to anyone. No stack: leaf routines.
 //   Overwrites x1, x2, the flags, the sticky bits of FPSR, and v0 to v31 in the kernels' union. flops_sp_fmadd and

@@ -5,18 +5,18 @@
 //   x8         the function
 //   x30        where the fragment goes on, in the code cache
 //
-// Keeps everything but x0 to x7, which the emitted code has saved as far as the application needs them, and x30; x0
-// comes back with the function's result. The function runs with the default FPCR: rounding and traps as the tool's code
-// expects them.
+// Keeps everything except x0 to x7 and x30. The emitted code has saved those of x0 to x7 that the application needs. x0
+// returns the function's result. The function runs with the default FPCR, because the tool's code expects default
+// rounding and traps.
 //
 //   Frame, from sp up, while the function runs:
 //     the vector state, of save_vector_state
 //     x8 to x21          0x00
 //     x29, x30           0x70; x29 points here
 //
-// A signal that arrives meanwhile is only counted, and the way back leads past cache_reentry_stub, straight into the
-// fragment: guarded_return_address tells the signal dispatcher which fragment's exit has to come to the engine. It is 0
-// outside these stubs and, inside, only where x30 itself is the address.
+// A signal that arrives meanwhile is only counted. The way back leads past cache_reentry_stub, straight into the
+// fragment, so the signal dispatcher traps the exit of that fragment. guarded_return_address tells it which fragment
+// that is. The word is 0 outside these stubs; inside it is 0 only where x30 itself is the address.
         .text
         .balign 4
 
@@ -28,8 +28,8 @@
         add     x9, x9, #:tprel_lo12_nc:guarded_return_address
         .endm
 
-// `sve` 0: where the vector state is q0 to q31, the first word of the two routines in the stub text branches to the
-// shorter ones. 4: behind that word they save all of it.
+// `sve` is the offset at which the two routines of the stub text are entered. 0: their first word branches to the
+// shorter routines, for q0 to q31. 4: behind that word they save the whole vector state.
         .macro  guarded_call name, sve
         .globl  \name
 \name:

@@ -1,5 +1,5 @@
-/* What the stub text and the C++ of the engine must agree on: frame offsets and the numbers of system calls. Included
-   by both, so that neither counts bytes by itself; nothing but preprocessor constants may stand here. */
+/* What the stub text and the C++ of the engine must agree on: frame offsets and the numbers of system calls. Both
+   include this file, so that neither counts bytes by itself. Only preprocessor constants may stand here. */
 #pragma once
 
 /* Blocks of registers that the four subroutines of the stub text push and pop. */
@@ -10,7 +10,7 @@
 #define DISPATCH_X29 0x10
 #define DISPATCH_NEXT 0x20   /* receives the cache address */
 #define DISPATCH_TARGET 0x28 /* the source address to go to */
-#define DISPATCH_SIZE 0x30   /* the application's x0 and x1, pushed by the exit stub, lie above */
+#define DISPATCH_SIZE 0x30   /* above lie the application's x0 and x1; the exit stub has pushed them */
 
 /* The save area of a system call, in bytes from its word 0. q0 to q31 lie below it. */
 #define SYSCALL_X0 0x00
@@ -22,7 +22,7 @@
 #define SYSCALL_NEXT_SOURCE 0xb8  /* word 23 */
 #define SYSCALL_X29 0xc0          /* words 24 and 25 */
 #define SYSCALL_X30 0xc8
-#define SYSCALL_APP_SP 0xd0 /* word 26: where the application's stack goes on */
+#define SYSCALL_APP_SP 0xd0 /* word 26: the application's stack continues here */
 
 /* The whole frame, from q0 to the application's stack pointer at the time of the SVC. */
 #define SYSCALL_FRAME_SIZE 0x2d0

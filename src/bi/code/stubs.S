@@ -1,16 +1,16 @@
-// The stub text: position-independent code and data that every thread's code cache begins with a copy of. Rewritten
-// application code reaches the engine through it and through nothing else. Stubs save the application's state on the
-// application's own stack, since a thread in the code cache has no other, call an engine routine, put the state back
-// and go on at a cache address.
+// The stub text: position-independent code and data. Every thread's code cache begins with a copy of it. It is the only
+// way from rewritten application code into the engine. A thread in the code cache has no stack but the application's,
+// so a stub saves the application's state there. It then calls an engine routine, restores the state and goes on at a
+// cache address.
 //
-// A copy finds its thread by the data words that init_thread patches into it, so that no register of the application
-// is needed for that. Data words are reached by literal loads; everything in the text must stay in range of itself, and
-// nothing in it may refer to its own address in the executable.
+// A copy finds its thread by data words that init_thread patches into the copy, so it needs no register of the
+// application's for that. Literal loads reach the data words, and everything in the text must stay in range of itself.
+// Nothing in it may refer to its own address in the executable.
 //
-// Preserved for the application around every call into the engine: x0 to x21, x29, x30, the vector registers and, in
-// x19 once x19 is saved, the condition flags. x22 to x28 are preserved by the procedure-call standard of the engine's
-// own code. FPCR and FPSR stay as they are: the engine's code leaves the rounding mode alone and executes no
-// floating-point arithmetic.
+// Around every call into the engine the stubs preserve for the application: x0 to x21, x29, x30, the vector registers,
+// and the condition flags (in x19, once x19 is saved). The engine's own code preserves x22 to x28, by the
+// procedure-call standard. FPCR and FPSR stay as they are: the engine's code does not touch the rounding mode and
+// executes no floating-point arithmetic.
 #include "bi/code/stub_layout.h"
 
         .text
@@ -25,7 +25,7 @@
 
 stub_text:
 
-// Subroutines, called by BL with x30 saved by the caller. Each moves sp by the size of its block.
+// Subroutines, called by BL after the caller has saved x30. Each moves sp by the size of its block.
 
 //   +0x000 q0, q1 ... +0x1e0 q30, q31
 save_simd_regs:
@@ -91,13 +91,13 @@ restore_int_regs:
         ldp     x4, x5, [sp], #STUB_INT_REGS_SIZE
         ret
 
-// The whole vector state. In a copy on a machine without SVE the first word stays what it is and q0 to q31 are all
-// there is. With SVE it is a NOP (init_thread): a load of a q register clears the rest of its z register, and the C
-// library's own copying clobbers predicates, either of which an application between two blocks still needs. Not around
-// system calls: their interface gives the rest of the state up.
+// The whole vector state. On a machine without SVE the first word of a copy stays as it is, and q0 to q31 are all there
+// is. With SVE init_thread makes it a NOP. The longer code is needed there: a load of a q register clears the rest of
+// its z register, and the C library's own copying clobbers predicates, but an application between two blocks still
+// needs both. System calls do not use these two routines: their interface gives the rest of the state up.
 //
-//   SVE, from sp up, VL being a vector's length and PL an eighth of it: p0 to p15 and FFR, 17 PL; up to 3 VL unused; z0
-//   to z31. Both steps of sp are whole vectors, so that it stays aligned to 16.
+//   The SVE frame, from sp up: p0 to p15 and FFR, 17 PL; unused, up to 3 VL; z0 to z31. VL is a vector's length, PL an
+//   eighth of it. Both steps of sp are whole vectors, so that sp stays aligned to 16.
         .arch   armv8-a+sve
 global_label save_vector_state
         b       save_simd_regs
@@ -212,7 +212,7 @@ global_label restore_vector_state
         ret
         .arch   armv8-a
 
-// dispatcher_entry_stub: every exit that is not linked comes here by B, having pushed the application's x0 and x1.
+// dispatcher_entry_stub: an exit without a link pushes the application's x0 and x1 and comes here by B.
 //   x0   source address to go to
 //   x1   bb_meta index of the fragment that left, 0 if none
 //
@@ -248,7 +248,7 @@ global_label dispatcher_entry_stub
 // hot_counter_stub: called by BL at the head of every block that ends in a direct branch.
 //   x1   bb_meta index of the block; the application's x1 and x30 are on the stack, in this order
 //
-//   Counts the block's byte of exit_counters down and returns, unless it has reached 0: the block is hot then, and
+//   Counts the block's byte of exit_counters down. Returns if the byte is not 0. At 0 the block is hot, and
 //   create_trace(thread_data, source_index, ret) tells where to go on in its place.
 //
 //   Frame while create_trace runs, from sp up: the vector state; x4 to x21; x29, x30; x2, x3 below the two words that
@@ -295,10 +295,10 @@ global_label hot_counter_return
 //   Frame, from sp up: q0 to q31, then the save area of stub_layout.h (SYSCALL_*): x0 to x21, the two return addresses,
 //   x29, x30. SYSCALL_FRAME_SIZE in all.
 //
-//   Calls syscall_handler_pre(number, args, next_inst, thread_data); if that says so makes the call and calls
-//   syscall_handler_post with the same arguments. Leaves to cache_reentry_stub. While the call is in the kernel x19
-//   holds the flags, x20 FPCR and x21 FPSR, where the signal dispatcher finds them if the frame has to be taken apart
-//   at syscall_return_point. An rt_sigreturn does not come back: the kernel finds its frame where the save area ends.
+//   Calls syscall_handler_pre(number, args, next_inst, thread_data). If its result is not 0, makes the call and calls
+//   syscall_handler_post with the same arguments. Leaves to cache_reentry_stub. While the call is in the kernel, x19
+//   holds the flags, x20 FPCR and x21 FPSR. The signal dispatcher finds them there if it has to take the frame apart at
+//   syscall_return_point. An rt_sigreturn does not come back: the kernel finds its frame where the save area ends.
 global_label syscall_wrapper
         stp     x30, x29, [sp, #-16]!
         bl      save_int_regs
@@ -316,16 +316,16 @@ global_label syscall_wrapper
         blr     x9
         cbz     x0, syscall_leave
         mov     w10, #0 // how many held signals have been judged
-// A signal from before this point was only counted, and the call might never return: it is raised first. One that comes
-// in this window makes the thread look again.
+// A signal that came before this point was only counted, and the call might never return. So it is raised first. A
+// signal that comes in this window makes the thread look again.
 global_label syscall_restart_window
         ldr     x9, word_pending_signal_count
         ldr     w9, [x9]
         cmp     w9, w10
         b.ne    syscall_with_held_signals
-// From here on to the SVC, itself included, a signal finds the call not made: the signal dispatcher takes the frame
-// apart, lets the handler run, and the application makes the call anew. So nothing that arrives before a call can be
-// slept over by it.
+// If a signal comes between here and the SVC, the SVC included, the call has not been made. The signal dispatcher then
+// takes the frame apart and lets the handler run, and the application makes the call anew. So no call sleeps over a
+// signal that arrived before it.
 global_label syscall_call_window
         add     x9, sp, #STUB_SIMD_REGS_SIZE
         ldp     x0, x1, [x9, #SYSCALL_X0]
@@ -361,8 +361,8 @@ syscall_leave:
 //   x0   cache address to go to
 //   x1   source address that it stands for; the application's x0 and x1 are on the stack
 //
-//   The one point where a signal that was held back is raised: all of the application's state is in place here but
-//   x0 to x3 and x8, and those are at known places, see reentry_signal_point.
+//   Held signals are raised here and nowhere else. All of the application's state is in place at that point, except
+//   x0 to x3 and x8. Those are at known places, see reentry_signal_point.
 //
 //   Frame while deliver_pending_signal runs, from sp up: the vector state; x4 to x21; then
 //     x3, -                 0x00
@@ -373,9 +373,9 @@ syscall_leave:
 //     x0, x1                0x60: pushed by whoever came here
 global_label cache_reentry_stub
         str     x2, [sp, #-16]!
-// From the look at the count to the branch that leaves, and again below, a signal would be counted too late: the thread
-// might not come here again for as long as it runs. The signal dispatcher sends a thread back to this window from
-// there: up to the branch everything is at known places.
+// Between the look at the count and the branch that leaves, a signal would be counted too late: the thread might not
+// come here again for as long as it runs. The same holds for the second window below. From either one the signal
+// dispatcher sends the thread back to this window, because everything is at known places up to the branch.
 global_label reentry_window
         ldr     x2, word_pending_signal_count
         ldr     w2, [x2]
@@ -391,7 +391,7 @@ global_label reentry_branch
         bl      save_int_regs
         bl      save_vector_state
         mrs     x19, nzcv
-        // A target that no program has stops the thread here: a place to attach a debugger to.
+        // No program has this target. A thread that has it stops here, so that a debugger can be attached.
 2:      mov     x2, #0xd6db
         cmp     x0, x2
         b.eq    2b
@@ -412,21 +412,22 @@ global_label reentry_branch
         str     x3, [x8], #8
         mov     x3, x8
         mov     x8, #NR_RT_TGSIGQUEUEINFO
-// With SVE a copy has a trap here: a system call gives up the vectors' upper parts and the predicates, which the
-// application needs. The signal dispatcher makes the call then, and the kernel raises the signal where the call would
-// have.
+// With SVE a copy has a trap here. A system call gives up the vectors' upper parts and the predicates, which the
+// application needs. The signal dispatcher makes the call instead, and the kernel raises the signal where this call
+// would have raised it.
 global_label reentry_raise
         svc     #0
-// Raised here: from sp up the cache address, the source address, x2, x8, and the application's x0 and x1. Its x3 is
-// where word_raised_signal says.
+// The signal is raised here. From sp up: the cache address, the source address, x2, x8, and the application's x0 and
+// x1. The application's x3 is where word_raised_signal says.
 global_label reentry_signal_point
-        // Not raised: it was blocked meanwhile and stays pending in the kernel. There may be others.
+        // The signal was not raised: it has been blocked meanwhile and stays pending in the kernel. There may be
+        // others.
         ldr     x8, word_raised_signal
         ldr     x3, [x8]
         ldp     x2, x8, [sp, #0x10]
         ldp     x0, x1, [sp], #0x20
         b       cache_reentry_stub
-// Those that are held have to wait on. From sp up: how many have been judged, 0x20; the rest as above, but for x8.
+// The held signals have to wait on. From sp up: how many have been judged, 0x20; the rest as above, except x8.
 reentry_resume:
         ldr     w1, [sp]
 global_label reentry_resume_window
@@ -443,9 +444,9 @@ global_label reentry_resume_branch
         add     sp, sp, #0x30
         b       1b
 
-// Part of syscall_wrapper: signals are held. Calls syscall_held_signals(number, args, next_inst, thread_data), which
-// either changes the two return addresses so that the call is made anew once they are raised, and returns 0, or returns
-// 1 more than the number of those that have to wait on.
+// Part of syscall_wrapper, for the case that signals are held. Calls syscall_held_signals(number, args, next_inst,
+// thread_data). If a signal is to be raised, the function changes the two return addresses so that the call is made
+// anew afterwards, and returns 0. Otherwise it returns 1 more than the number of signals that have to wait on.
 syscall_with_held_signals:
         ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
         add     x1, sp, #STUB_SIMD_REGS_SIZE
@@ -457,7 +458,7 @@ syscall_with_held_signals:
         sub     w10, w0, #1
         b       syscall_restart_window
 
-// The data words. Three differ from thread to thread and are filled in each copy by init_thread.
+// The data words. The first three differ from thread to thread; init_thread fills them in each copy.
         .balign 8
 global_label word_thread_data
         .xword  0

@@ -1,6 +1,5 @@
-// Byte offsets of the container fields that emitted code and assembly address. Included by assembly as well: nothing
-// but preprocessor constants may stand here. hash_table.h and linked_pool.h
-// tie each to its field.
+// Byte offsets of the container fields that emitted code and assembly address. hash_table.h and linked_pool.h tie each
+// offset to its field. Assembly includes this file too, so only preprocessor constants may stand here.
 #pragma once
 
 #define HASH_TABLE_SIZE_OFFSET 0

@@ -1,5 +1,5 @@
-// Emitted code probes the table by the same rules: bi/containers/container_offsets.h has the layout, the scanner the
-// inline lookup.
+// Emitted code probes the table by the same rules. bi/containers/container_offsets.h has the layout; the dispatcher
+// writes the inline lookup.
 #include "bi/containers/hash_table.h"
 
 #include "common/log.h"
@@ -17,8 +17,8 @@ void hash_init(hash_table* table, std::int32_t size) {
   table->collisions = 0;
   hash_entry* entries = hash_entries(table);
   for (std::int32_t index = 0; index < size; ++index) {
-    // Read before written: a page of a fresh mapping that holds nothing stays the kernel's shared page of zeroes, and
-    // a thread pays memory only for the slots that it uses.
+    // Read before writing. A page of a fresh mapping that is only read stays the kernel's shared page of zeroes, so a
+    // thread pays memory only for the slots that it uses.
     if (entries[index].key != 0) entries[index].key = 0;
   }
 }
@@ -27,7 +27,7 @@ std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key) {
   const hash_entry* entries = hash_entries(table);
   const std::int32_t last = table->size - 1;
   for (std::int32_t index = hash_home(table, key); index < last; ++index) {
-    // The empty slot first, as in emitted code: the other way round key 0 would be found in it.
+    // Test for the empty slot first, as emitted code does. In the other order key 0 would be found in an empty slot.
     if (entries[index].key == 0) return HASH_MISS;
     if (entries[index].key == key) return entries[index].value;
   }
@@ -60,9 +60,9 @@ void hash_delete(hash_table* table, std::uint64_t key) {
   const std::int32_t home = hash_home(table, key);
   std::int32_t index = home;
   // The wrap masks with the plain size, 2^k + 9, and so reaches only the slots whose index is made of that number's
-  // bits: a key that does not lie at its home is found by chance. Kept as it is, since no path of the engine deletes.
-  // Such a probe can circle without meeting its home again: after as many steps as there are slots it has seen all that
-  // it can reach.
+  // bits. A key that does not lie at its home is therefore found by chance only. This is kept as it is, because no path
+  // of the engine deletes. Such a probe can circle without meeting its home again; after as many steps as there are
+  // slots it has seen all that it can reach.
   for (std::int32_t step = 0; step < table->size; ++step) {
     if (entries[index].key == 0) return;
     if (entries[index].key == key) {

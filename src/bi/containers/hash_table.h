@@ -1,12 +1,12 @@
-// Open addressing, upward probing, no growth. A header and, in line behind it, `size` slots, so that one 64-bit
-// constant in emitted code addresses the whole table:
+// Open addressing, upward probing, no growth. The slots follow the header in line, so that one 64-bit constant in
+// emitted code addresses the whole table:
 //
 //   home slot   0 ............................ size - 10 | size - 9 ....... size - 2 | size - 1
 //               2^k slots that a hash can select         | margin: by probing only   | never filled
 //
 // `size` is 2^k + 9. The hash masks with `size - 10`, not `size - 1`: the nine slots past the mask are the overflow
-// margin of a probe that starts at the top. The last of them stays empty for ever: emitted code probes without a bound
-// and comes to its end there.
+// margin of a probe that starts at the top. The last of them always stays empty, because emitted code probes without a
+// bound and must end there.
 //
 // A table belongs to one thread. There is no lock.
 #pragma once
@@ -66,14 +66,15 @@ void hash_init(hash_table* table, std::int32_t size);
 // The value stored with `key`, or HASH_MISS. Key 0 is always a miss.
 std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key);
 
-// Whether hash_add would find a place for `key`: not if every slot from its home to the table's end is taken.
+// Whether hash_add would find a place for `key`. It would not if every slot from the home slot to the table's end is
+// taken.
 bool hash_has_room(const hash_table* table, std::uint64_t key);
 
-// Stores the pair, or a new value with a key that is there. Returns true. A run of occupied slots that reaches the
+// Stores the pair; a key that is there gets the new value. Returns true. A run of occupied slots that reaches the
 // table's end is fatal: a table without room for a block would scan that block again at each visit.
 bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value);
 
-// Empties the slot of `key`, if it is found. For callers outside the engine's own paths: its probe is not hash_add's
+// Empties the slot of `key`, if it finds the slot. Not for the engine's own paths: its probe differs from hash_add's
 // (see the definition), and an emptied slot cuts the probes that led over it.
 void hash_delete(hash_table* table, std::uint64_t key);
 

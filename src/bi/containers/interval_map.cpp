@@ -1,4 +1,5 @@
-// The oddities of this map decide which unmappings flush a code cache. Each one is described at its place.
+// This map has oddities, and each is described at its place. They must stay, because they decide which unmappings flush
+// a code cache.
 #include "bi/containers/interval_map.h"
 
 #include <fcntl.h>
@@ -15,7 +16,7 @@ namespace {
 
 constexpr engine_log log{"src/bi/common"};  // The containers log as one unit.
 
-// A dead entry passes this test too if the range encloses both its ends; the range then counts and swallows it.
+// A dead entry passes this test too, if the range encloses both its ends. The range then counts and swallows it.
 bool overlaps(const interval_entry& entry, std::uint64_t start, std::uint64_t end) {
   return entry.end > start && entry.start < end;
 }
@@ -24,17 +25,18 @@ void close_descriptor(std::int32_t fd) {
   if (fd >= 0) close(fd);
 }
 
-// The application may start programs, which are not to find the map's descriptors open.
+// Close-on-exec: programs that the application starts must not find the map's descriptors open.
 std::int32_t duplicate_descriptor(std::int32_t fd) { return fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : fd; }
 
-// The last entry takes the place of the removed one. The walks below run downwards and have seen it already.
+// The last entry takes the place of the removed one. The walks below run downwards and have already seen the last
+// entry.
 void remove_entry(interval_map* map, std::int64_t index) {
   close_descriptor(map->entries[index].fd);
   --map->count;
   map->entries[index] = map->entries[map->count];
 }
 
-// Adds a range that is not empty. The lock is held; `fd` is the map's from here on.
+// Adds a range that is not empty. The caller holds the lock and hands `fd` over to the map.
 void add_range(interval_map* map, std::uint64_t start, std::uint64_t end, std::int32_t fd) {
   std::int64_t kept = -1;
   for (std::int64_t index = map->count - 1; index >= 0; --index) {
@@ -47,9 +49,9 @@ void add_range(interval_map* map, std::uint64_t start, std::uint64_t end, std::i
     } else {
       remove_entry(map, index);
     }
-    // `kept` is not corrected when the removal has moved the kept entry, which was then the last one: the widening goes
-    // to the slot that it left, beyond the live ones, and the kept entry lacks what this removed one alone covered.
-    // Left so on purpose: which ranges a map holds decides when code caches are flushed.
+    // If the kept entry was the last one, the removal has moved it, and `kept` is not corrected. The widening then goes
+    // to the slot that the entry left, beyond the live ones, and the kept entry lacks what only the removed entry
+    // covered. This is left so on purpose: which ranges a map holds decides when code caches are flushed.
     map->entries[kept].start = start;
     map->entries[kept].end = end;
   }
@@ -60,7 +62,7 @@ void add_range(interval_map* map, std::uint64_t start, std::uint64_t end, std::i
       close_descriptor(fd);  // A full map drops the range, and its descriptor with it.
     }
   }
-  // Where ranges merged, `fd` stays open and belongs to nobody: the union goes on with the kept entry's.
+  // If ranges merged, `fd` stays open and belongs to nobody: the union keeps the descriptor of the kept entry.
   log(LEVEL_TRACE, "imap added: %lx %lx", start, end);
   interval_map_print(map);
 }
@@ -75,10 +77,10 @@ void cut_entry(interval_map* map, std::int64_t index, std::uint64_t start, std::
   } else if (entry.start < start && entry.end == end) {
     entry.end = start;
   } else {
-    // One treatment for three cases. An entry around the range is split. One that ends inside it loses its upper part,
-    // and the second half, being empty, is refused. One that starts inside it goes on as the second half, and leaves
-    // behind a dead entry whose end lies below its start: that still holds a slot and a descriptor, and overlaps
-    // nothing but a range around both its ends, which swallows it.
+    // One treatment serves three cases. An entry around the range is split. An entry that ends inside the range loses
+    // its upper part; its second half is empty and is refused. An entry that starts inside the range continues as the
+    // second half and leaves a dead entry whose end lies below its start. The dead entry still holds a slot and a
+    // descriptor. It overlaps nothing but a range around both its ends, which swallows it.
     const std::uint64_t old_end = entry.end;
     entry.end = start;
     if (end < old_end) add_range(map, end, old_end, duplicate_descriptor(entry.fd));

@@ -1,8 +1,8 @@
-// A fixed array of address ranges, each with the duplicate of a file descriptor, which the map owns. Every operation
-// holds the map's lock throughout, so that any thread may call any of them but init. Not in a signal handler.
+// A fixed array of address ranges. Each range has a duplicate of a file descriptor, which the map owns. Every operation
+// holds the map's lock throughout, so any thread may call any of them except init. Not in a signal handler.
 //
-// Two ranges overlap if each one's end lies above the other's start: touching is not overlapping. Live ranges never
-// overlap each other, since an added range swallows what it overlaps.
+// Two ranges overlap if each one's end lies above the other's start; ranges that only touch do not overlap. Live ranges
+// never overlap each other, because an added range swallows those that it overlaps.
 #pragma once
 
 #include <pthread.h>
@@ -39,11 +39,11 @@ std::int64_t interval_map_delete(interval_map* map, std::uint64_t start, std::ui
 // The number of entries that overlap [start, end), or -1 as above.
 std::int64_t interval_map_overlapping(interval_map* map, std::uint64_t start, std::uint64_t end);
 
-// The application has closed the descriptors from `first` to `last`, or is about to put its own in their places: the
-// map has none of these numbers any more, and will not close them.
+// The application has closed the descriptors from `first` to `last`, or is about to put its own in their places. The
+// map forgets these numbers and will not close them.
 void interval_map_forget_descriptors(interval_map* map, std::uint32_t first, std::uint32_t last);
 
-// Whether the map holds as many entries as it can, so that it drops the next one that meets none of them.
+// Whether the map is full. A full map drops the next range that overlaps no entry.
 bool interval_map_is_full(interval_map* map);
 
 // 1 and in `*out` a copy of the entry that holds `address`; 0 if there is none; -1 if `out` is null or the lock fails.

@@ -1,5 +1,4 @@
-// The free records form a list. A record that was never handed out and whose `next` is null is followed by its
-// neighbour.
+// The free records form a list. If a free record was never handed out and its `next` is null, its neighbour follows it.
 #include "bi/containers/linked_pool.h"
 
 namespace ceilmeter {
@@ -25,7 +24,7 @@ linked_record* linked_pool_alloc(linked_pool* pool) {
   if (record->next != nullptr) {
     pool->free_head = record->next;
   } else {
-    // The last record, or one that has never been threaded: the free ones follow each other then.
+    // Either the last record, or one that was never threaded. After such a record the free ones lie next to each other.
     pool->free_head = following != linked_pool_records(pool) + pool->capacity ? following : nullptr;
   }
   record->next = nullptr;

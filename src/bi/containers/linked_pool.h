@@ -1,5 +1,5 @@
-// A fixed pool of two-word list records. Records are not given back one by one: the owner initialises the pool again
-// when all that was linked has become void. A pool belongs to one thread.
+// A fixed pool of two-word list records. Records are not given back one by one. When all links have become void, the
+// owner initialises the pool again. A pool belongs to one thread.
 #pragma once
 
 #include <cstddef>
@@ -37,7 +37,7 @@ constexpr std::size_t linked_pool_bytes(std::uint32_t capacity) {
 // Makes all records free, in order of their addresses. The caller provides linked_pool_bytes(capacity).
 void linked_pool_init(linked_pool* pool, std::uint32_t capacity);
 
-// The same for memory that is zeroed, of which only the header is touched: a fresh mapping stays without memory.
+// The same for zeroed memory. It touches the header only, so the pages of a fresh mapping stay unused.
 void linked_pool_init_zeroed(linked_pool* pool, std::uint32_t capacity);
 
 // A record with `next` null and `word` as it was, or null when all have been handed out.

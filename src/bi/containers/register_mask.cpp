@@ -1,4 +1,4 @@
-// Bit scans. A scan that finds nothing, or starts outside the mask, gives 32.
+// Bit scans. A scan returns 32 if it finds nothing or starts outside the mask.
 #include "bi/containers/register_mask.h"
 
 #include <bit>
@@ -34,7 +34,8 @@ int highest_bits(std::uint32_t mask, std::uint32_t* out, int n) {
   for (int index = 0; index < n; ++index) {
     out[index] = bitmask_prev_set(mask, start);
     if (out[index] < 32) ++found;
-    // Below bit 0 the subtraction wraps to what no scan starts at. A scan that ended may not start again at bit 31.
+    // Below bit 0 the subtraction wraps to a number from which no scan finds anything. A scan that has ended must not
+    // start again at bit 31.
     start = out[index] < 32 ? out[index] - 1 : 32;
   }
   return found;

@@ -8,8 +8,8 @@ namespace ceilmeter {
 // The lowest set bit at or above `start`. 32 if there is none, and for a `start` above 31.
 std::uint32_t bitmask_next_set(std::uint32_t mask, std::uint32_t start);
 
-// The highest set bit at or below `start`. 32 if there is none, and for a `start` above 31, which is where a scan
-// arrives that steps below bit 0.
+// The highest set bit at or below `start`. 32 if there is none, and for a `start` above 31: a caller that steps below
+// bit 0 arrives there.
 std::uint32_t bitmask_prev_set(std::uint32_t mask, std::uint32_t start);
 
 // Fills out[0] to out[n - 1] with the numbers of the lowest set bits, ascending, then with 32. Returns how many are

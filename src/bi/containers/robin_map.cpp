@@ -1,5 +1,5 @@
-// The growing table behind the function watches. All changes of a bucket's content go through fill_bucket and
-// clear_bucket, which keep the order list: a bucket is in the list exactly while its distance is not negative.
+// The growing table behind the function watches. Every change of a bucket's content goes through fill_bucket or
+// clear_bucket. These two keep the order list: a bucket is in the list exactly while its distance is not negative.
 #include "bi/containers/robin_map.h"
 
 #include <sys/mman.h>
@@ -91,7 +91,8 @@ robin_bucket* next_bucket(const robin_map* map, const robin_bucket* bucket) {
 
 robin_bucket* find_bucket(const robin_map* map, std::uint64_t key) {
   robin_bucket* bucket = &map->buckets[robin_map_home(map, key)];
-  // An empty bucket's -1 ends the walk like any distance that the key would have pushed aside.
+  // The walk ends where the key would have displaced the record. An empty bucket's distance of -1 ends it in the same
+  // way.
   for (std::int32_t distance = 0; distance <= bucket->distance; ++distance) {
     if (bucket->key == key) return bucket;
     bucket = next_bucket(map, bucket);
@@ -153,7 +154,7 @@ void robin_map_destroy(robin_map* map) {
 
 robin_insert_result robin_map_insert(robin_map* map, std::uint64_t key, const void* value, void** stored) {
   if (stored != nullptr) *stored = nullptr;
-  // Before the key is looked for: what an insertion costs in memory does not hang on whether the key is there.
+  // Grow before looking for the key. So the memory that an insertion costs does not depend on whether the key is there.
   if (needs_growth(map) && !robin_map_grow(map)) return ROBIN_FAILED;
   if (const robin_bucket* found = find_bucket(map, key)) {
     if (stored != nullptr) *stored = found->value;
@@ -221,7 +222,7 @@ int robin_map_check(const robin_map* map) {
   }
   if (filled != map->count) return 0;
 
-  // A link is only followed once it is known to be the link of a bucket of this map.
+  // Follow a link only when it is known to be the link of a bucket of this map.
   const std::uintptr_t first = reinterpret_cast<std::uintptr_t>(map->buckets) + offsetof(robin_bucket, order);
   const robin_link* link = &map->order_head;
   for (std::uint32_t visited = 0; visited <= filled; ++visited) {

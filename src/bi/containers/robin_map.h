@@ -1,17 +1,16 @@
-// A growing Robin Hood table from a 64-bit key to a value of fixed size, with a list through its buckets that grow and
-// walkers follow, and the block pool that its values live in. The order of that list is part of the contract: it is
-// almost the order of insertion, and where it is not, these rules say what it is.
+// A growing Robin Hood table from a 64-bit key to a value of fixed size; and the block pool that its values live in. A
+// list links the buckets; growth and walkers follow it. The order of this list is part of the contract. It is almost
+// the order of insertion; these rules say where it differs.
 //
-//   insertion   Linear probing; the record nearer to its home gives way to the one further from it. Every bucket that
-//   is
-//               filled or whose record changes goes to the head of the list: a new key that displaces old ones is
-//               followed, towards the head, by what it displaced.
-//   removal     The records behind shift back by one until an empty bucket or one at home; each goes to the head.
-//   growth      Beyond nine tenths: 64 buckets hold 58 entries, and the next insertion, even of a key that is there,
+//   insertion   Linear probing. The record nearer to its home gives way to the one further from it. Every bucket that
+//               is filled, or whose record changes, goes to the head of the list. So a new key that displaces old ones
+//               is followed, towards the head, by what it displaced.
+//   removal     The records behind shift back by one, up to an empty bucket or a record at home; each goes to the head.
+//   growth      Beyond nine tenths. 64 buckets hold 58 entries; the next insertion, even of a key that is there,
 //               doubles them first. Records are inserted again from the list's tail, by the same rules.
 //
-// Bucket pointers are void after any insertion or removal. Value pointers hold until their key is removed. A map
-// belongs to one thread or to whoever holds its owner's lock.
+// Bucket pointers become void with any insertion or removal. Value pointers hold until their key is removed. A map
+// belongs to one thread, or to whoever holds its owner's lock.
 #pragma once
 
 #include <cstddef>
@@ -19,8 +18,8 @@
 
 namespace ceilmeter {
 
-// Blocks of one size out of chunks that double. Blocks begin 12 bytes into a page-aligned chunk and are 4-byte aligned
-// only: a value's fields of 64 bits are read and written with memcpy or through a packed record.
+// Blocks of one size, out of chunks that double. Blocks begin 12 bytes into a page-aligned chunk and are only 4-byte
+// aligned. Read and write 64-bit fields of a value with memcpy or through a packed record.
 struct block_pool {
   std::uint32_t block_size;    // At least 8, the size of the link of a free block.
   std::uint32_t chunk_blocks;  // Blocks of the last chunk; the next one has twice as many.
@@ -59,8 +58,8 @@ enum robin_insert_result : int {
   ROBIN_ADDED = 1,
 };
 
-// Makes an empty map of 64 buckets. False if they could not be allocated; nothing is to be freed then. The map may not
-// move while it lives: its list ends in it.
+// Makes an empty map of 64 buckets. False if they could not be allocated; there is nothing to free then. The map must
+// not move while it lives, because its list ends in the map itself.
 bool robin_map_init(robin_map* map, std::uint32_t value_size);
 
 // Frees the buckets and all values. The map is to be initialised again before any other use.
@@ -79,12 +78,12 @@ bool robin_map_remove(robin_map* map, std::uint64_t key);
 // Doubles the buckets. False, with the map as it was, if there is no memory for them.
 bool robin_map_grow(robin_map* map);
 
-// 1 if the order list and the buckets agree: the list visits every filled bucket and none else, its links match in both
+// 1 if the order list and the buckets agree: the list visits every filled bucket and no other, its links match in both
 // directions, and `count` is their number. 0 otherwise. Reads nothing outside the map even if they do not agree.
 int robin_map_check(const robin_map* map);
 
-// The walk from the tail, oldest first: the tail's bucket, and the one before a bucket. Null at the end. A walk that
-// removes what it stands on starts again at the tail, since a removal moves buckets.
+// The walk from the tail, oldest first: the tail's bucket, and the bucket next towards the head. Null at the end. A
+// removal moves buckets, so a walk that removes the bucket that it stands on starts again at the tail.
 robin_bucket* robin_map_oldest(robin_map* map);
 robin_bucket* robin_map_newer(robin_map* map, robin_bucket* bucket);
 

@@ -1,10 +1,10 @@
-// A copy that survives a fault. Memory that an address of the application's leads to may have gone, and the engine may
-// not die of looking at it.
+// A copy that survives a fault. An address of the application's may lead to memory that is gone, and looking at it must
+// not end the engine.
 //
-// How: byte_copy is a leaf in assembly that pushes nothing, so that at every instruction of it "return -1" is a branch
-// to two instructions. While it runs, SIGSEGV is caught by a handler that makes this branch by moving the program
-// counter of the interrupted context, if the kernel raised the signal inside byte_copy. The program counter alone
-// decides; the handler reads no thread-local word and jumps over no frame, as a siglongjmp would.
+// How it works: byte_copy is a leaf in assembly that pushes nothing. So at every instruction of it a branch to two
+// instructions is a "return -1". While it runs, a handler catches SIGSEGV. If the kernel raised the signal inside
+// byte_copy, the handler makes this branch: it moves the program counter of the interrupted context. It decides by the
+// program counter alone. It reads no thread-local word and jumps over no frame, as a siglongjmp would.
 //
 // The action of a signal belongs to the whole process, and in the engine the application's actions stand in the kernel
 // too, as the engine's own entry for them. So:
@@ -27,10 +27,10 @@ namespace ceilmeter {
 // above `source` repeats what lies between. Returns 0. Any thread, any context.
 extern "C" int byte_copy(void* destination, const void* source, std::size_t size);
 
-// The same, but returns -1 if reading or writing faults with SIGSEGV; the bytes before the faulting one have been
-// copied then. Also -1, with nothing copied, if the signal cannot be caught. Any thread; not in a signal handler, and
-// not in a child forked while another thread was in it. An access beyond the end of a mapped file is SIGBUS and not
-// survived.
+// The same, but returns -1 if reading or writing faults with SIGSEGV; the bytes before the faulting one have then been
+// copied. Also returns -1, with nothing copied, if the signal cannot be caught. Any thread; not in a signal handler,
+// and not in a child that was forked while another thread was in it. An access beyond the end of a mapped file is a
+// SIGBUS, which the copy does not survive.
 int checked_copy(void* destination, const void* source, std::size_t size);
 
 }  // namespace ceilmeter

@@ -1,6 +1,6 @@
-// Threads that have left the engine for good and are in the C library's end of a thread, which takes locks of the heap
-// and of the library. A child that is forked meanwhile would find such a lock held for ever: a fork waits until the
-// kernel knows these threads no more.
+// Threads that have left the engine for good and are in the C library's end of a thread. There they take locks of the
+// heap and of the library. A child that is forked meanwhile would find such a lock held for ever. So a fork waits until
+// the kernel does not know these threads any more.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,8 @@
 
 namespace ceilmeter {
 
-// Notes the thread. The caller holds callbacks_lock shared, so that no thread is added while a fork waits with the lock
-// to itself.
+// Notes the thread. The caller holds callbacks_lock shared. A fork waits while it holds the lock alone, so no thread is
+// added meanwhile.
 void note_ending_thread(std::int32_t tid);
 
 // A new thread may have the id of one that is gone. A fork must not wait for the new thread.

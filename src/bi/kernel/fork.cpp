@@ -1,6 +1,6 @@
-// Clones that make a child process. The child is a copy of the parent with one thread: locks that another thread held
-// in the parent stay locked in the copy for ever, so that the engine's locks are held by the forking thread when the
-// copy is made.
+// Clones that make a child process. The child is a copy of the parent with one thread. A lock that another thread held
+// in the parent stays locked in the copy for ever. So the forking thread holds the engine's locks when the copy is
+// made.
 #include "bi/kernel/fork.h"
 
 #include <pthread.h>
@@ -20,8 +20,8 @@ namespace ceilmeter {
 
 namespace {
 
-// Streams for the next child, made in the parent: the child may find the heap locked for ever by a thread that it does
-// not have, and then cannot make its own. Written under the lock; a child has them to itself.
+// Streams for the next child, made in the parent. The child may find the heap locked for ever by a thread that it does
+// not have, and could not make its own then. Written under the lock; a child has them to itself.
 struct spare_streams {
   pthread_mutex_t lock;
   std::FILE* out;
@@ -33,16 +33,16 @@ spare_streams spare = {PTHREAD_MUTEX_INITIALIZER, nullptr, nullptr};
 void make_spare_streams() {
   mora_enter_callback();  // They come from the heap, and another thread's fork must not find that locked.
   pthread_mutex_lock(&spare.lock);
-  // For writing, not for appending: fdopen would set O_APPEND on the open file for an "a", which the parent and
-  // everyone else who has the file would find set.
+  // Open for writing, not for appending. With "a" fdopen would set O_APPEND on the open file, and the parent and
+  // everyone else who has the file would find it set.
   if (spare.out == nullptr) spare.out = fdopen(STDOUT_FILENO, "w");
   if (spare.err == nullptr) spare.err = fdopen(STDERR_FILENO, "w");
   pthread_mutex_unlock(&spare.lock);
   mora_leave_callback();
 }
 
-// Leaves behind what the parent's streams hold unwritten and any lock that another thread had on them. A descriptor
-// that was closed gives no stream: the old one stays then.
+// Replaces the parent's streams, and with them what they hold unwritten and any lock that another thread had on them. A
+// descriptor that was closed gives no stream; the old stream stays then.
 void take_spare_streams() {
   if (spare.out != nullptr) stdout = spare.out;
   if (spare.err != nullptr) stderr = spare.err;
@@ -91,7 +91,7 @@ void free_other_threads(const thread_data* survivor) {
   for (thread_data* thread = engine.thread_list; thread != nullptr;) {
     thread_data* next = thread->next;
     if (thread != survivor) {
-      // Its buckets are on the heap, and the heap may be locked for ever: they are left where they are.
+      // Leave its buckets where they are: they are on the heap, and the heap may be locked for ever.
       thread->return_watch.buckets = nullptr;
       free_thread_data(thread);
     }
@@ -104,8 +104,8 @@ void free_other_threads(const thread_data* survivor) {
 void prepare_fork(thread_data* thread, std::uint64_t* args) {
   thread->clone_shares_vm = 0;
   std::uint64_t flags = args[0];
-  // The child gets a true copy. With shared memory it would run in the parent's engine state, with or without the
-  // parent waiting for it. CLONE_SIGHAND is refused by the kernel without shared memory.
+  // Give the child a true copy. With shared memory it would run in the parent's engine state, whether the parent waits
+  // for it or not. The kernel refuses CLONE_SIGHAND without shared memory.
   if ((flags & CLONE_VM) != 0) flags &= ~std::uint64_t{CLONE_VM | CLONE_SIGHAND};
   thread->child_tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
   flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
@@ -116,20 +116,22 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   if (args[1] == application_sp) {
     args[1] = 0;
   } else if (args[1] != 0) {
-    // The child comes back into syscall_wrapper on a stack of its own and has to find the wrapper's frame there. The
-    // copy is made before the kernel copies the memory, by this same thread: no barrier is needed between.
+    // The child comes back into syscall_wrapper on a stack of its own and has to find the wrapper's frame there. This
+    // same thread makes the copy before the kernel copies the memory, so no barrier is needed between.
     args[1] -= SYSCALL_FRAME_SIZE;
     std::memcpy(reinterpret_cast<void*>(args[1]), reinterpret_cast<const char*>(args) - STUB_SIMD_REGS_SIZE,
                 SYSCALL_FRAME_SIZE);
   }
 
   make_spare_streams();
-  // A signal that interrupted the call as it returns would go past syscall_handler_post and so past finish_fork.
+  // Block all signals: one that interrupted the call as it returns would bypass syscall_handler_post, and so
+  // finish_fork.
   thread->saved_signal_mask = block_all_signals();
-  // While the engine's locks are held, nothing of it is half changed in the copy. A vfork does without them: the parent
-  // sleeps until the child has gone, and the child may need the parent's other threads to get there. Such a child makes
-  // a few system calls before it becomes another program. Plug-ins are told of the child and of its code all the same,
-  // so their lock alone is held: a thread of the parent that reaches new code waits until the child has gone.
+  // While this thread holds the engine's locks, nothing of the engine is half changed in the copy. A vfork does without
+  // the locks: the parent sleeps until the child has gone, and to get there the child may need the parent's other
+  // threads. Such a child makes a few system calls before it becomes another program. But plug-ins hear of the child
+  // and of its code, too, so the plug-ins' lock alone is held: a thread of the parent that reaches new code waits until
+  // the child has gone.
   thread->clone_holds_locks = (flags & CLONE_VFORK) == 0 ? 1 : 0;
   if (thread->clone_holds_locks == 0) {
     if (engine.plugin_count != 0) {
@@ -141,7 +143,7 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   lock_all();
   wait_for_ending_threads(0);
   if (!is_ending()) return;
-  // Natively no child would come to be any more.
+  // Natively no child would be made any more.
   unlock_all();
   restore_signal_mask(thread->saved_signal_mask);
   abandon_thread(thread);
@@ -165,12 +167,12 @@ void reinit_after_fork(thread_data* thread) {
   std::atomic_ref(engine.exit_flag).store(0, std::memory_order_relaxed);  // The parent's end is not the child's.
   current_thread = thread;
   thread->tid = gettid();
-  // The thread is the process's first one and no pthread of the C library any more: it ends as the parent's first
+  // The thread is now the process's first one and no pthread of the C library any more. It ends as the parent's first
   // thread does, and the clone itself has told the kernel which word to clear then.
   thread->engine_sp = 0;
   thread->library_tid_word = nullptr;
   thread->application_tid_word = nullptr;
-  // A child starts without pending signals: what was counted stays the parent's.
+  // A child starts without pending signals. Signals that were counted stay the parent's.
   std::memset(thread->pending_signals, 0, sizeof thread->pending_signals);
   thread->pending_signal_count = 0;
   forget_held_signals(thread->held);

@@ -1,5 +1,5 @@
-// Memory of the application's that may not be there. The kernel is asked: an address that it cannot use is the
-// application's mistake, and the application has to be told of it as it would be natively.
+// Asks the kernel whether memory of the application's is there. An address that the kernel cannot use is the
+// application's mistake, and the application has to hear of it as it would natively.
 #pragma once
 
 #include <cstdint>

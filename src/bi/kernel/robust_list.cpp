@@ -1,6 +1,6 @@
-// The layout of the list is the kernel's (struct robust_list_head): the first entry's address, the distance from an
-// entry to its futex word, and the entry that is being added or taken out. An entry holds the address of the next; the
-// last one's leads back to the head. Bit 0 of an address marks a mutex with priority inheritance.
+// The kernel defines the layout of the list (struct robust_list_head): the first entry's address, the distance from an
+// entry to its futex word, and the entry that is being added or removed. An entry holds the address of the next one,
+// and the last entry's leads back to the head. Bit 0 of an address marks a mutex with priority inheritance.
 #include "bi/kernel/robust_list.h"
 
 #include <linux/futex.h>
@@ -28,7 +28,7 @@ void leave_futex(std::uint64_t address, std::int32_t tid, bool is_pending) {
   std::atomic_ref futex(*reinterpret_cast<std::uint32_t*>(address));
   std::uint32_t value = futex.load(std::memory_order_relaxed);
   if (is_pending && value == 0) {
-    wake_one(address);  // Given free, and the one who waits for it not woken any more.
+    wake_one(address);  // It was freed, but its waiter was not woken any more.
     return;
   }
   do {
@@ -60,7 +60,7 @@ void settle_robust_list(std::uint64_t head, std::int32_t tid) {
   if (!read_word(head, &entry) || !read_word(head + HEAD_OFFSET, &offset)) return;
   if (!read_word(head + HEAD_PENDING, &pending)) return;
   for (int count = 0; (entry & ~PRIORITY_BIT) != head && count < MOST_ENTRIES; ++count) {
-    // Read first: once its futex is free the entry may be anybody's.
+    // Read first: when its futex is free, the entry may belong to anybody.
     std::uint64_t next = 0;
     const bool goes_on = read_word(entry & ~PRIORITY_BIT, &next);
     if ((entry & ~PRIORITY_BIT) != (pending & ~PRIORITY_BIT)) leave_entry(entry, offset, tid, false);

@@ -9,8 +9,8 @@
 
 namespace ceilmeter {
 
-// Marks of the engine's own in the `flags` of report_vm_op: the mapping is a segment of the application's file; it is
-// one of the interpreter's, whose symbols are of no interest.
+// Marks of the engine's own in the `flags` of report_vm_op. The first: the mapping is a segment of the application's
+// file. The second: it is a segment of the interpreter's file, whose symbols are of no interest.
 inline constexpr std::uint32_t VM_FLAG_APPLICATION = 0x20000000;
 inline constexpr std::uint32_t VM_FLAG_INTERPRETER = 0x40000000;
 
@@ -19,8 +19,8 @@ inline constexpr std::uint32_t VM_FLAG_INTERPRETER = 0x40000000;
 void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
                   std::int32_t fd, std::uint64_t offset, std::uint64_t old_addr, std::uint64_t old_size);
 
-// A thread whose call was in the kernel, or was about to be, is in application or engine code again. Does not return if
-// the process is ending.
+// A thread whose call was in the kernel, or was about to be made, is in application or engine code again. Does not
+// return if the process is ending.
 void leave_syscall(thread_data* thread);
 
 // The emulated program break: 0 asks for it; returns the break after the call, moved or not.

@@ -1,10 +1,9 @@
 // The life of the application's threads.
 //
-// Every thread of the application's but the process's first is a pthread of the tool's, so that the tool's C library
-// works in it. It stands on the pthread's stack twice, before it enters the cache and after it has left it for good; in
-// between it is on the application's. A thread's id word is cleared by the kernel when the thread ends, and there can
-// be only one: the application's C library and the tool's both want theirs. See set_application_tid_word and
-// settle_tid_words.
+// Every thread of the application's, except the process's first, is a pthread of the tool's, so that the tool's C
+// library works in it. It runs on the pthread's stack before it enters the cache and after it has left it for good. In
+// between it runs on the application's stack. The kernel clears one id word when a thread ends. The application's C
+// library and the tool's both need a word of their own cleared: see set_application_tid_word and settle_tid_words.
 #include "bi/kernel/threads.h"
 
 #include <linux/futex.h>
@@ -38,7 +37,7 @@ constexpr engine_log log{"src/bi/threads"};
 constexpr std::size_t THREAD_STACK_SIZE = 0x21000;
 constexpr std::size_t THREAD_GUARD_SIZE = 0x1000;
 
-// What a new thread finds below its stack: a copy of the parent's save area, and above it the two words that its first
+// A new thread finds this below its stack: a copy of the parent's save area, and above it the two words that its first
 // block pops. start_on_stack takes the copy from its word 2 on.
 constexpr std::uint64_t CHILD_AREA_SIZE = 256;
 constexpr std::uint64_t CHILD_AREA = 272;   // Below the stack's top.
@@ -47,8 +46,8 @@ constexpr std::uint64_t CHILD_X0 = 16;
 constexpr std::uint64_t CHILD_X1 = 8;
 
 // The signals that a C library keeps for itself, below the first one that it gives to programs. The application's C
-// library installs handlers for them like any others, and so does the tool's, with the first thread that it makes: in
-// one process there is room for one.
+// library installs handlers for them like any others. The tool's C library does so with the first thread that it makes.
+// A process has room for one handler only.
 constexpr int FIRST_INTERNAL_SIGNAL = 32;
 
 constexpr int INTERNAL_SIGNALS_MAX = 8;
@@ -59,7 +58,7 @@ struct raw_signal_action {
 
 int internal_signal_count() { return std::min(SIGRTMIN - FIRST_INTERNAL_SIGNAL, INTERNAL_SIGNALS_MAX); }
 
-// The number of the index-th of them, as an argument of a call.
+// The number of the index-th internal signal, as an argument of a call.
 std::uint64_t internal_signal(int index) { return static_cast<std::uint64_t>(FIRST_INTERNAL_SIGNAL + index); }
 
 void read_internal_actions(raw_signal_action* actions) {
@@ -96,7 +95,7 @@ int start_pthread(thread_data* child) {
     pthread_mutex_unlock(&engine.signal_handlers_lock);
     return create_pthread(child);
   }
-  // What the application has set stays in force. The lock keeps it from setting anything else meanwhile.
+  // Keep what the application has set. The lock keeps it from setting anything else meanwhile.
   raw_signal_action actions[INTERNAL_SIGNALS_MAX] = {};
   read_internal_actions(actions);
   const int error = create_pthread(child);
@@ -108,14 +107,14 @@ int start_pthread(thread_data* child) {
 
 void store_tid(std::uint64_t address, std::int32_t tid) { *reinterpret_cast<std::int32_t*>(address) = tid; }
 
-// Below the application's stack of the new thread: its first registers, as the parent's call has them.
+// Writes, below the application's stack of the new thread, its first registers as the parent's call has them.
 void copy_parent_state(std::uint64_t child_stack, const std::uint64_t* args) {
   std::memcpy(reinterpret_cast<void*>(child_stack - CHILD_AREA), args, CHILD_AREA_SIZE);
   *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X0) = 0;  // clone returns 0 in the child.
   *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X1) = args[1];
 }
 
-// Signals that were counted for this thread and not yet raised. Another thread gets them: with this one's end they
+// Hands signals that were counted for this thread and not yet raised to another thread. With this thread's end they
 // would be lost to the process. The caller has all signals blocked, so that they do not come back here.
 void hand_over_held_signals(thread_data* thread) {
   const pid_t process = getpid();
@@ -124,7 +123,8 @@ void hand_over_held_signals(thread_data* thread) {
       take_held_signal(thread->held, signum, process, getuid());
       const auto to = static_cast<std::uint64_t>(process);
       const auto number = static_cast<std::uint64_t>(signum);
-      // The kernel lets a thread forge no sender but itself: what another process has sent keeps its number alone.
+      // The kernel does not let a thread forge another sender. A signal that another process has sent keeps only its
+      // number.
       if (raw_syscall(SYS_rt_sigqueueinfo, to, number, address_of(&thread->held.raised)) != 0) {
         raw_syscall(SYS_kill, to, number);
       }
@@ -149,9 +149,8 @@ void restore_signal_mask(std::uint64_t mask) {
 
 namespace {
 
-// A new thread's record, or null if the kernel refuses its memory; what was mapped by then is given back. The first
-// refusal is logged: the application gets the error that it would get of a kernel without memory, and may not tell
-// anybody.
+// A new thread's record, or null if the kernel refuses its memory; what was mapped until then is given back. The first
+// refusal is logged, because the application gets an ordinary error and may not tell anybody of it.
 thread_data* make_thread_record() {
   static std::atomic<bool> was_refused{false};
   thread_data* record = nullptr;
@@ -172,7 +171,7 @@ thread_data* make_thread_record() {
 }  // namespace
 
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
-  // What the kernel refuses too; it is not asked. A pthread shares both.
+  // The kernel would refuse this too; it is not asked. A pthread shares both.
   constexpr std::uint64_t shared = CLONE_VM | CLONE_SIGHAND;
   if ((args[0] & shared) != shared) return -EINVAL;
   const std::uint64_t application_x3 = args[3];
@@ -189,7 +188,8 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
   child->clone_args = args;
   deliver_clone(thread, child);
 
-  // A pthread starts with the mask of its creator. A signal that reached it before it has a record would find none.
+  // Block all signals, because a pthread starts with the mask of its creator: a signal that reached the new thread
+  // before it has a record would find none.
   const std::uint64_t mask = block_all_signals();
   child->saved_signal_mask = mask;
   std::int64_t result = -start_pthread(child);
@@ -221,19 +221,20 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   thread->tls = args[3];
   copy_parent_state(thread->child_stack, args);
 
-  // In the list before the parent goes on: a parent that ends at once would else take itself for the last thread and
-  // end the process. Not at all if the process is ending: mora_terminate may already have looked through the list.
+  // Enter the list before the parent goes on. Otherwise a parent that ends at once would take itself for the last
+  // thread and end the process. Do not enter it if the process is ending: mora_terminate may already have looked
+  // through the list.
   pthread_mutex_lock(&engine.thread_list_lock);
   const bool too_late = is_ending();
   if (!too_late) register_thread(thread, true);
   pthread_mutex_unlock(&engine.thread_list_lock);
 
-  // Release: pairs with the acquire in mora_create_thread. `args` and set_tid lie on the parent's stack and are gone
-  // with this store.
+  // Release: pairs with the acquire in mora_create_thread. After this store `args` and set_tid, which lie on the
+  // parent's stack, are gone.
   std::atomic_ref(*thread->set_tid).store(thread->tid, std::memory_order_release);
   if (too_late) abandon_thread(thread);
 
-  // From here on a signal is counted, for the first way into the cache.
+  // From here on a signal is counted; it is raised on the first way into the cache.
   restore_signal_mask(thread->saved_signal_mask);
   const std::uint64_t block = scan(thread, thread->clone_resume_addr, 0);
   start_on_stack(thread->child_stack - CHILD_ENTRY, block);
@@ -241,11 +242,12 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
 
 void end_thread(thread_data* thread, std::int32_t status) {
   log(LEVEL_TRACE, "thread exit");
-  // The record goes away below: a signal must not find the thread without one.
+  // Block all signals: the record goes away below, and a signal must not find the thread without one.
   const std::uint64_t mask = block_all_signals();
   pthread_mutex_lock(&engine.thread_list_lock);
   if (engine.thread_list == thread && thread->next == nullptr) {
-    // The last thread's end is the process's, and it ends as by exit_group: in the engine's way, with its events.
+    // The end of the last thread is the end of the process. It goes the engine's way, with its events, as in
+    // exit_group.
     pthread_mutex_unlock(&engine.thread_list_lock);
     restore_signal_mask(mask);
     mora_terminate(thread, status);
@@ -255,7 +257,8 @@ void end_thread(thread_data* thread, std::int32_t status) {
   hand_over_held_signals(thread);
 
   const std::uint64_t engine_sp = thread->engine_sp;
-  // Before its joiner is told, as from the kernel; see robust_list.h. The first thread's is the kernel's matter alone.
+  // Settle the list before the thread's joiner is told, as the kernel does; see robust_list.h. For the first thread the
+  // kernel alone does it.
   if (engine_sp != 0) settle_robust_list(find_robust_list(), thread->tid);
   std::int32_t* library_tid_word = thread->library_tid_word;
   std::int32_t* application_tid_word = thread->application_tid_word;
@@ -264,7 +267,7 @@ void end_thread(thread_data* thread, std::int32_t status) {
   free_thread_data(thread);
   if (engine_sp != 0) note_ending_thread(gettid());
   mora_leave_callback();
-  // The process's first thread has no frame of the C library to return through: its function is the tool's main, which
+  // The process's first thread has no frame of the C library to return through. Its function is the tool's main, which
   // must not return while other threads run. The kernel clears the application's word, the only one that it knows of.
   if (engine_sp == 0) raw_syscall(SYS_exit, static_cast<std::uint64_t>(status));
   leave_thread(engine_sp, library_tid_word, application_tid_word);
@@ -272,10 +275,11 @@ void end_thread(thread_data* thread, std::int32_t status) {
   __builtin_unreachable();
 }
 
-// The kernel can be told of one word only. Where it says which one it knows (PR_GET_TID_ADDRESS needs a kernel with
-// checkpoint support), that is the C library's: it is kept, and the kernel gets the application's. Where it does not,
-// the kernel keeps the C library's, and the application's is cleared by settle_tid_words alone, which does so in both
-// cases. The process's first thread has no word that the C library waits for: the kernel simply gets the application's.
+// The kernel can be told of one word only. Two cases follow. If the kernel says which word it knows (PR_GET_TID_ADDRESS
+// needs a kernel with checkpoint support), that is the C library's: the engine keeps it, and the kernel gets the
+// application's. Otherwise the kernel keeps the C library's word. settle_tid_words clears the application's word in
+// both cases, and in the second nobody else does. For the process's first thread there is no word that the C library
+// waits for: the kernel simply gets the application's.
 bool set_application_tid_word(thread_data* thread, std::int32_t* word) {
   if (thread->engine_sp == 0) return true;
   thread->application_tid_word = word;
@@ -286,12 +290,13 @@ bool set_application_tid_word(thread_data* thread, std::int32_t* word) {
   return known != nullptr;
 }
 
-// On the thread's own stack, with no record any more. First the C library's word back to the kernel, which clears it
-// when the thread is truly gone: then only may the library use the stack again. Then the application's, which nobody
-// else will clear: whoever joins the thread goes on with this call and may give its stack and its word to a new thread.
+// Runs on the thread's own stack, when the thread has no record any more. It first gives the C library's word back to
+// the kernel, which clears it when the thread is truly gone; only then may the library use the stack again. Then it
+// clears the application's word, which nobody else will clear. With that, whoever joins the thread goes on and may give
+// its stack and its word to a new thread.
 //
-// One futex operation does what the kernel does at a thread's end, store 0 and wake one waiter, and like the kernel it
-// does not mind if the memory is gone. Its comparison, of a thread id below 0, holds never: no second waiter is woken.
+// One futex operation does what the kernel does at a thread's end: it stores 0 and wakes one waiter, and it does not
+// mind if the memory is gone. It compares with a thread id below 0. This never holds, so no second waiter is woken.
 extern "C" void settle_tid_words(std::int32_t* library_tid_word, std::int32_t* application_tid_word) {
   if (library_tid_word != nullptr) raw_syscall(SYS_set_tid_address, address_of(library_tid_word));
   if (application_tid_word == nullptr) return;

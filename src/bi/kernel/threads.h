@@ -8,7 +8,7 @@
 
 namespace ceilmeter {
 
-// Blocks every signal for the calling thread, the engine's own SIGILL included, and returns the mask that was. No
+// Blocks every signal for the calling thread, including the engine's own SIGILL, and returns the mask from before. No
 // application code may run before restore_signal_mask: a trap in the cache would end the process.
 std::uint64_t block_all_signals();
 void restore_signal_mask(std::uint64_t mask);
@@ -17,8 +17,8 @@ void restore_signal_mask(std::uint64_t mask);
 // caller. Returns its id, or a negative error number as the kernel would.
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst);
 
-// Whether the process has begun to end. The caller holds thread_list_lock, under which mora_terminate sets the flag:
-// the lock orders the two, and the answer stays true of threads that enter the list later.
+// Whether the process has begun to end. The caller holds thread_list_lock. mora_terminate sets the flag under the same
+// lock, so the answer stays true for threads that enter the list later.
 bool is_ending();
 
 // The application's call of exit: ends the calling thread, and the process if it is the last one.

@@ -1,5 +1,5 @@
-// The engine's view of the application's memory: the program break, which cannot be the kernel's because that one
-// belongs to the tool's image, and every call that maps, unmaps or changes memory.
+// The engine's view of the application's memory: every call that maps, unmaps or changes memory, and the program break.
+// The break is emulated, because the kernel's belongs to the tool's image.
 #include "bi/kernel/vm_ops.h"
 
 #include <fcntl.h>
@@ -38,8 +38,8 @@ page_range whole_page_range(std::uint64_t address, std::uint64_t length) {
   return ceilmeter::whole_page_range(address, length, page_size());
 }
 
-// The protection that the kernel gets. The application's code only ever runs from the cache, so that the kernel need
-// not make it executable, but the scanner has to read it.
+// The protection that the kernel gets. The application's code runs only from the cache, so the kernel need not make it
+// executable. But the scanner has to read it.
 std::uint64_t kernel_protection(std::uint64_t address, std::uint64_t prot) {
   if ((prot & PROT_EXEC) == 0) return prot;
   if ((prot & PROT_READ) == 0) log(LEVEL_TRACE, "mora: adding read permission to executable mapping at 0x%lx", address);
@@ -93,7 +93,7 @@ bool has_rewritten(const thread_data* thread, std::uint64_t start, std::uint64_t
 }
 
 // Something else was mapped over the range. A loader maps every library in one piece and then overlays it with the data
-// segments. Nothing has run from there yet, and the cache is kept.
+// segments. If nothing has run from the range yet, the cache is kept.
 void forget_replaced_code(std::uint64_t start, std::uint64_t end) {
   if (!may_hold_code(start, end)) return;
   interval_map_delete(&engine.protected_ranges, start, end);
@@ -107,8 +107,8 @@ void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t pro
     interval_map_delete(&engine.protected_ranges, start, end);
     flush_code_cache(current_thread);
   } else if ((prot & PROT_EXEC) == 0) {
-    // Code that may not be executed any more faults when it is next reached, and may be other code by the time it is
-    // executable again.
+    // Forget code that may not be executed any more. When it is next reached, it faults if it cannot be read either.
+    // When it is executable again, it may be other code.
     forget_replaced_code(start, end);
   }
   if ((prot & PROT_EXEC) != 0) add_code(&engine.protected_ranges, start, end, NO_FILE);
@@ -178,7 +178,7 @@ std::uint64_t brk_handler(std::uint64_t addr) {
   if (addr == 0 || addr == current) return current;
 
   pthread_mutex_lock(&engine.brk_lock);
-  // The first page stays, whatever is asked for: there has to be something to grow from.
+  // Keep the first page, whatever is asked for: there has to be something to grow from.
   if (addr >= engine.initial_brk + page_size()) {
     const std::uint64_t old_size = brk.load(std::memory_order_relaxed) - engine.initial_brk;
     const std::uint64_t new_size = addr - engine.initial_brk;
@@ -199,12 +199,12 @@ std::int64_t map_memory(const std::uint64_t* args) {
   const std::uint64_t length = args[1];
   const std::int64_t result =
       raw_syscall(SYS_mmap, args[0], length, kernel_protection(args[0], args[2]), args[3], args[4], args[5]);
-  // Larger error numbers pass as addresses. The application gets them all the same, and the ranges that are reported
-  // for them lie at the very top of the address space, where nothing is. Kept as it is known.
+  // Larger error numbers pass as addresses. The application gets them all the same. The ranges that are reported for
+  // them lie at the very top of the address space, where nothing is. This is known and kept.
   if (result < 0 && result > -34) return result;
   const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
   if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) forget_replaced_code(range.start, range.start + range.size);
-  // Reported as the application asked for it, not as the kernel has it.
+  // Report the protection that the application asked for, not the one that the kernel has.
   report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]),
                static_cast<std::uint32_t>(args[3]), static_cast<std::int32_t>(args[4]), args[5], 0, 0);
   return result;
@@ -215,8 +215,8 @@ std::int64_t protect_memory(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_mprotect, args[0], args[1], prot);
   if (result != 0) return result;
   const page_range range = whole_page_range(args[0], args[1]);
-  // Reported as the kernel has it, not executable: exec_ranges tells of mappings, and a change of protection does not
-  // widen it.
+  // Report the protection that the kernel has, not executable. exec_ranges holds mappings only, and a change of
+  // protection does not widen it.
   report_vm_op(VM_PROTECT, range.start, range.size, static_cast<std::uint32_t>(prot), 0, NO_FILE, 0, 0, 0);
   follow_protection(range.start, range.start + range.size, args[2]);
   return result;
@@ -243,7 +243,8 @@ std::int64_t move_memory(const std::uint64_t* args) {
 std::int64_t attach_segment(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_shmat, args[0], args[1], args[2]);
   std::uint64_t size = 0;
-  // A segment whose size cannot be had, such as one that may not be read, is not reported: its range is unknown.
+  // If the size cannot be had, as for a segment that may not be read, the segment is not reported: its range is
+  // unknown.
   if (is_error(result) || segment_size(static_cast<int>(args[0]), &size) != 0) return result;
   std::uint32_t prot = PROT_READ;
   if ((args[2] & SHM_RDONLY) == 0) prot |= PROT_WRITE;
@@ -255,8 +256,8 @@ std::int64_t attach_segment(const std::uint64_t* args) {
   return result;
 }
 
-// The kernel detaches by the address alone. The size comes from the attachment; one that could not be noted is detached
-// without a report.
+// The kernel detaches by the address alone. The size comes from the note of the attachment. A segment without a note is
+// detached without a report.
 std::int64_t detach_segment(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_shmdt, args[0]);
   interval_entry attached{};

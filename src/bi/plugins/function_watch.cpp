@@ -68,7 +68,7 @@ void skip_entry_code(const return_watch& watch) {
   auto* word = reinterpret_cast<std::uint32_t*>(watch.entry_begin);
   std::uint32_t* branch = word;
   code_writer{branch}.b(watch.entry_end);
-  // The one word that changes. Only this thread runs it, and it is in the scanner, outside the cache.
+  // Only this word changes. Only this thread runs it, and the thread is in the scanner, outside the cache.
   clear_instruction_cache(word, word + 1);
 }
 
@@ -76,9 +76,9 @@ void reserve_exit_space(scan_state& state) {
   a64_reserve_block_space(state.thread, &state.write, &state.limit, EXIT_SPACE);
 }
 
-// A flush in the midst of a scan hands blocks out from the start again, and the one that is being scanned, which still
-// has to run once, may lie there: the next ones come behind the place that it has got to. A trace's fragment lies in no
-// block.
+// A flush in the middle of a scan hands blocks out from the start again. The block that is being scanned still has to
+// run once and may lie there. So the next blocks come behind the place that the scan has reached. A trace's fragment
+// lies in no block.
 void flush_during_scan(scan_state& state) {
   flush_code_cache(state.thread);
   if (state.type != FRAGMENT_BLOCK) return;
@@ -114,7 +114,7 @@ void tell_plugins_of_mapped_file(std::int32_t fd, std::uint64_t addr) {
 }
 
 void put_function_entry(scan_state& state, const std::uint32_t* read_address) {
-  // A return that nobody is told of is left alone: what looks at its return address then finds the true one.
+  // If nobody is told of returns, leave the return address alone: code that looks at it then finds the true one.
   const bool returns_are_watched = is_event_bound(MORA_POST_FUNCTION);
   if (!returns_are_watched && !is_event_bound(MORA_PRE_FUNCTION)) return;
   const std::uint64_t function = address_of(read_address);
@@ -127,15 +127,16 @@ void put_function_entry(scan_state& state, const std::uint32_t* read_address) {
   void* value = nullptr;
   const robin_insert_result result = robin_map_insert(&state.thread->return_watch, watch, &entry, &value);
   if (result == ROBIN_FAILED) return;
-  // The record served another function, which has been unmapped since, and so did the block that was made of it.
+  // The record served another function before, which has been unmapped since, and the block that was made of the record
+  // served it too.
   if (result == ROBIN_EXISTS && load(value).function != function) flush_during_scan(state);
 
   reserve_exit_space(state);
   entry.entry_begin = address_of(state.write);
   put_entry_code(state.thread, code_writer{state.write}, watch);
   entry.entry_end = address_of(state.write);
-  // A trace's copy is not noted: a trace that is never finished leaves its place to another one, and the branch that
-  // skip_entry_code writes would be in that one's code.
+  // A trace's copy is not noted. A trace that is never finished leaves its place to another trace, and skip_entry_code
+  // would write its branch into that trace's code.
   if (state.type == FRAGMENT_BLOCK) store(value, entry);
   reserve_exit_space(state);
 }

@@ -2,9 +2,9 @@
 // scanner has put into fragments.
 //
 // The entry code keeps the return address on a stack of the thread's own and gives the function the address of its
-// watch's record instead. The record begins with a word that reads RET x30. It is never executed: the function's own
-// return comes to the engine with an address that is not in the cache yet, and the scanner translates the record like
-// any code, with the code that takes the true address back before the RET.
+// watch's record instead. The record begins with a word that reads RET x30. This word is never executed. The function's
+// own return reaches the engine with the record's address, which is not in the cache yet. The scanner translates the
+// record like any code, and before the RET it puts code that takes the true address back.
 #pragma once
 
 #include <cstddef>
@@ -25,28 +25,30 @@ struct function_watch {
   std::uint32_t refcount;
 };
 
-// A value of a thread's return_watch, by the record's address. Values lie at multiples of four only: copied in and out.
+// A value of a thread's return_watch, by the record's address. Values lie at multiples of four only, so they are copied
+// in and out.
 struct return_watch {
   std::uint64_t function;
-  std::uint64_t
-      entry_begin;  // Cache addresses of the entry code in the function's last translation; 0: none that stands.
+  // Cache addresses of the entry code in the function's last translation; entry_begin 0: there is none.
+  std::uint64_t entry_begin;
   std::uint64_t entry_end;
 };
 
 static_assert(offsetof(function_watch, code) == 0 && sizeof(function_watch) == 264 && sizeof(return_watch) == 24);
 
-// At a block's start: the entry code, with pre_function, if the block is a watched function's first.
+// At a block's start: writes the entry code, with pre_function, if the block is a watched function's first.
 void put_function_entry(scan_state& state, const std::uint32_t* read_address);
 
-// Before an instruction: the return code, with post_function, if it is that of a watch's record. A post_function
-// without code takes the function's entry code out of this thread's fragments.
+// Before an instruction: writes the return code, with post_function, if the instruction is that of a watch's record. If
+// post_function writes no code, the function's entry code is taken out of this thread's fragments.
 void put_function_return(scan_state& state, const std::uint32_t* read_address);
 
 // Delivers one of the two function events at the scan's cursor. Defined with the delivery of the other events of a
 // scan.
 void deliver_function_event(scan_state& state, mora_event event, std::uint64_t function);
 
-// After a flush: the entry code that the thread remembers is not that of its fragments any more.
+// After a flush: forgets the entry code that the thread has noted, because it does not belong to its fragments any
+// more.
 void forget_function_entries(thread_data* thread);
 
 }  // namespace ceilmeter

@@ -11,7 +11,7 @@ namespace ceilmeter {
 
 namespace {
 
-// The slot of a plug-in's data lies behind those of the events.
+// The slot of a plug-in's data lies behind the slots of the events.
 constexpr std::size_t PLUGIN_DATA_SLOT = 19;
 static_assert(PLUGIN_DATA_SLOT == MORA_FLUSH + 1 && PLUGIN_SLOTS == PLUGIN_DATA_SLOT + 1);
 
@@ -27,14 +27,14 @@ bool is_scan_event(const mora_context* ctx) {
          ctx->event == MORA_POST_FUNCTION;
 }
 
-// At clone the context knows the child only by its slots, which lie in its record.
+// At clone the context knows the child only by its slots. They lie in the child's record.
 const thread_data* cloned_thread(const mora_context* ctx) {
   return reinterpret_cast<const thread_data*>(reinterpret_cast<const char*>(ctx->child_plugin_thread_data) -
                                               offsetof(thread_data, plugin_thread_data));
 }
 
-// In its thread_init the parent still waits, so that its arguments are there. The child of a fork may have the record
-// of a thread that a clone has made, but it is alone.
+// In the new thread's thread_init the parent still waits, so its arguments are there. The child of a fork may have the
+// record of a thread that a clone has made, but it is alone.
 bool is_cloned_thread(const mora_context* ctx) {
   return ctx->event == MORA_THREAD_INIT && ctx->thread_data->child_stack != 0 && ctx->thread_data->next != nullptr;
 }

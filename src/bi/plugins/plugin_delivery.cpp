@@ -1,4 +1,4 @@
-// The events that carry no code. Their contexts live on the stack of the thread that they are told on.
+// The events that carry no code. Each context lives on the stack of the thread that is told.
 #include "bi/plugins/plugin_delivery.h"
 
 namespace ceilmeter {
@@ -22,8 +22,9 @@ bool is_event_bound(mora_event event) {
 }
 
 void mora_enter_callback() {
-  // More than once on one thread: an event comes within another's callback, such as the flush that its code makes
-  // necessary. The lock prefers readers, so that a fork that waits does not come between.
+  // One thread can take this lock more than once, because an event can come within another's callback: the code that a
+  // callback writes may need a flush, for instance. The lock prefers readers, so a fork that waits does not come
+  // between.
   pthread_rwlock_rdlock(&engine.callbacks_lock);
 }
 

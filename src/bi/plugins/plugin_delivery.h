@@ -1,5 +1,5 @@
-// The engine's side of the plug-in interface: the points where its code tells plug-ins of an event. Each function here
-// is called at its event's one place, whether there are plug-ins or not; without any it returns at once.
+// The engine's side of the plug-in interface: the points where its code tells plug-ins of an event. The engine calls
+// each function at its event's one place, whether there are plug-ins or not. Without any the function returns at once.
 #pragma once
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 
 namespace ceilmeter {
 
-// Registrations that failed for want of room are counted too.
+// plugin_count also counts registrations that failed for want of room.
 inline std::uint32_t registered_plugins() {
   return std::min(engine.plugin_count, static_cast<std::uint32_t>(MAX_PLUGINS));
 }
@@ -43,7 +43,7 @@ bool ask_plugins_before_syscall(thread_data* thread, std::uint64_t number, std::
 void ask_plugins_after_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* result);
 void tell_plugins_of_flush();
 
-// thread_list_lock is held in both but for the child of a fork and at the process's end.
+// The caller of both holds thread_list_lock, except in the child of a fork and at the process's end.
 inline void deliver_thread_init(thread_data* thread) {
   if (engine.plugin_count != 0) tell_plugins(thread, MORA_THREAD_INIT);
 }
@@ -55,7 +55,7 @@ inline void deliver_exit(thread_data* thread) {
   if (engine.plugin_count != 0) tell_plugins(thread, MORA_EXIT);
 }
 
-// Told of the calling thread, also when the record that is made ready is that of its child to be.
+// Plug-ins hear of the calling thread, even if the record that is made ready is that of its child.
 inline void deliver_flush() {
   if (engine.plugin_count != 0) tell_plugins_of_flush();
 }
@@ -72,13 +72,13 @@ inline void deliver_vm_op(const vm_op_event& what) {
   if (engine.plugin_count != 0) tell_plugins_of_vm_op(what);
 }
 
-// An executable mapping of the file `fd` begins at `addr`: the file's function symbols are read. What they lead to,
-// events and watches, is for plug-ins alone.
+// An executable mapping of the file `fd` begins at `addr`: reads the file's function symbols. Only plug-ins need what
+// follows from them, events and watches.
 inline void deliver_mapped_file(std::int32_t fd, std::uint64_t addr) {
   if (engine.plugin_count != 0) tell_plugins_of_mapped_file(fd, addr);
 }
 
-// True if a plug-in has taken the call over; `*result` is its result then.
+// True if a plug-in has taken the call over; `*result` is then its result.
 inline bool deliver_pre_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* args,
                                 std::uint64_t /*next_inst*/, std::uint64_t* result) {
   return engine.plugin_count != 0 && ask_plugins_before_syscall(thread, number, args, result);
@@ -101,9 +101,9 @@ struct scan_event {
 // What deliver_scan_event does if there are plug-ins.
 bool scan_for_plugins(scan_state& state, const scan_event& what);
 
-// Tells plug-ins of the event and puts their code at the scan's cursor, the function events of the block and the code
-// of its watches included. MORA_PRE_BB concerns state.bb_start, every other event state.read. True if a plug-in has
-// taken the instruction over; a plug-in may also end the fragment (state.stop).
+// Tells plug-ins of the event and puts their code at the scan's cursor, with the function events of the block and the
+// code of its watches. MORA_PRE_BB is about state.bb_start, every other event about state.read. True if a plug-in has
+// taken the instruction over. A plug-in may also end the fragment (state.stop).
 inline bool deliver_scan_event(scan_state& state, const scan_event& what) {
   return engine.plugin_count != 0 && scan_for_plugins(state, what);
 }

@@ -1,6 +1,6 @@
-// The services that write code for a plug-in. The context alone tells them where: write_p, the limit of the space
-// behind it, and whether what is written becomes part of the fragment. The engine clears the instruction cache over the
-// whole fragment when its translation is over.
+// The services that write code for a plug-in. Only the context tells them where: write_p, the limit of the space behind
+// it, and whether what is written becomes part of the fragment. When the translation is over, the engine clears the
+// instruction cache over the whole fragment.
 //
 // Operands come as numbers from plug-ins, so every service tests whether its instruction can hold them.
 #include <asm/hwcap.h>
@@ -31,7 +31,7 @@ constexpr std::int32_t SLOT_PAIR = 16;  // The bytes that a push moves sp by.
 constexpr std::uint32_t LOAD_CONST_WORDS = 4;
 
 constexpr std::uint32_t ARGUMENT_REGISTERS = 8;
-// x0 to x8 and the link register: what the stub does not keep of the registers that a C function may change.
+// x0 to x8 and the link register: the registers that a C function may change and the stub does not keep.
 constexpr std::uint32_t GUARDED_CALL_MASK = 0x400001ff;
 
 code_writer code_of(mora_context* ctx) { return {ctx->write_p}; }
@@ -68,7 +68,7 @@ indexed_address indexed(std::uint32_t rn, std::int32_t imm, bool post) {
   return post ? post_index(x_or_sp{rn}, imm) : pre_index(x_or_sp{rn}, imm);
 }
 
-// The branch services find the same conditions: one word of space, and a target in reach of `bits` bits.
+// The branch services share two conditions: one word of space, and a target in reach of `bits` bits.
 bool begin_branch(mora_context* ctx, std::uint64_t target, int bits) {
   return begin_code(ctx, 1) && is_in_reach(ctx->write_p, target, bits);
 }

@@ -32,7 +32,7 @@ void reserve_space(scan_state& state, std::uint32_t size) {
   a64_reserve_block_space(state.thread, &state.write, &state.limit, size);
 }
 
-// What a callback has asked for beside its code. True if it has taken the instruction over.
+// Whether the callback has taken the instruction over. Warns if it has asked for what it may not have.
 bool has_replaced(const mora_context& ctx, bool taken, bool wrote) {
   const bool replaces = ctx.replace != 0;
   if (taken && (wrote || replaces)) {
@@ -47,7 +47,7 @@ bool has_replaced(const mora_context& ctx, bool taken, bool wrote) {
   return replaces;
 }
 
-// Calls the plug-ins one after the other, each where the one before has stopped writing.
+// Calls the plug-ins one after the other. Each writes where the one before has stopped.
 bool call_plugins(mora_context& ctx, scan_state& state) {
   bool taken = false;
   for (std::uint32_t plugin = 0; plugin < registered_plugins(); ++plugin) {
@@ -63,7 +63,7 @@ bool call_plugins(mora_context& ctx, scan_state& state) {
     const std::uint32_t* before = ctx.write_p;
     reinterpret_cast<mora_callback>(callback)(&ctx);
     if (has_replaced(ctx, taken, ctx.code_allowed && ctx.write_p != before)) taken = true;
-    if (!ctx.code_allowed) continue;  // The scan's own write pointer stays where it was.
+    if (!ctx.code_allowed) continue;  // What was written is dropped: the scan's write pointer stays.
     if (ctx.regs_to_pop != 0) mora_emit_restore_regs(&ctx, ctx.regs_to_pop);
     ctx.regs_to_pop = 0;
     state.write = ctx.write_p;
@@ -81,7 +81,7 @@ bool scan_for_plugins(scan_state& state, const scan_event& what) {
   const bool is_bound = is_event_bound(what.event);
   const bool may_be_watched =
       what.event == MORA_PRE_BB || (what.event == MORA_PRE_INST && state.thread->return_watch.count != 0);
-  if (!is_bound && !may_be_watched) return false;  // True of most instructions, which need no lock then.
+  if (!is_bound && !may_be_watched) return false;  // Most instructions: no lock.
   const std::uint32_t*& read_address = what.event == MORA_PRE_BB ? state.bb_start : state.read;
   mora_enter_callback();
   if (what.event == MORA_PRE_BB) put_function_entry(state, read_address);
@@ -116,7 +116,7 @@ void deliver_function_event(scan_state& state, mora_event event, std::uint64_t f
   if (!is_event_bound(event)) return;
   mora_context ctx = context_at(state, event, reinterpret_cast<const std::uint32_t*>(function), MORA_NO_INST);
   ctx.code_allowed = true;
-  call_plugins(ctx, state);  // A callback may have noted another address for the function; it is dropped here.
+  call_plugins(ctx, state);  // If a callback has noted another address for the function, it is dropped here.
 }
 
 }  // namespace ceilmeter

@@ -1,6 +1,6 @@
 // The traps that lead a thread out of linked code. A fragment's exit is in one of three forms: as scanned, linked, or
-// trapped. A trap stands until the fragment next runs into its exit, where the thread itself takes it away again. The
-// records of links do not know of it.
+// trapped. A trap stands until the fragment next runs into its exit; there the thread itself removes it. The records of
+// links do not know of traps.
 //
 // A thread patches its own code only: mora_terminate sends a signal, and each thread traps its own exit.
 #pragma once
@@ -23,9 +23,8 @@ enum trap_code : std::uint32_t {
 // Makes sure that the fragment's next pass through its exit comes to the engine. `pc` is where the thread stands.
 void trap_fragment_exit(thread_data* thread, std::int32_t fragment_id, std::uint64_t pc);
 
-// The place that holds the exit word of `place`: `place` itself or, while a trap stands there, the copy in the
-// fragment's record. Who reads or changes an exit does so through this: the trap itself has to stay until the thread
-// runs into it.
+// The place that holds the exit word of `place`: `place` itself, or the copy in the fragment's record while a trap
+// stands there. Use it to read or change an exit, because the trap itself has to stay until the thread runs into it.
 std::uint32_t* untrapped_word(thread_data* thread, std::uint32_t* place);
 
 // A thread has run into a trap in the exit of fragment `id`. Puts the words back, and makes the context go to the

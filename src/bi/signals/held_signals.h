@@ -11,8 +11,8 @@
 
 namespace ceilmeter {
 
-// More than a thread can collect between two looks at its count, but for a flood of queued signals. What finds no
-// record is delivered with the sender's own process and the code of tgkill.
+// A thread collects fewer between two looks at its count, except in a flood of queued signals. A signal without a
+// record is delivered with the process itself as its sender and with the code of tgkill.
 inline constexpr std::size_t HELD_SIGNALS = 64;
 
 // The largest siginfo_t that the kernel writes or reads.
@@ -27,8 +27,8 @@ struct held_signal {
 struct held_signals {
   std::uint64_t arrivals;
   held_signal records[HELD_SIGNALS];
-  // Of the signal that is being raised. The stub text keeps the application's x3 in the first word meanwhile, and hands
-  // the second's address to the kernel.
+  // For the signal that is being raised. The stub text keeps the application's x3 in the first word meanwhile, and
+  // hands the address of the second to the kernel.
   std::uint64_t saved_x3;
   siginfo_t raised;
 };
@@ -39,8 +39,8 @@ static_assert(offsetof(held_signals, raised) == offsetof(held_signals, saved_x3)
 // Keeps what was sent with a signal. False if no record is free. In a signal handler.
 bool hold_signal(held_signals& held, const siginfo_t& info);
 
-// Moves what was sent with the signal `signum` that has waited longest to `raised`; what finds no record becomes a
-// signal of tgkill, sent by this process `pid` of user `uid`. On the thread's own way back into the cache.
+// Moves what was sent with the signal `signum` that has waited longest to `raised`. A signal without a record becomes
+// one of tgkill, sent by this process `pid` of user `uid`. On the thread's own way back into the cache.
 void take_held_signal(held_signals& held, int signum, int pid, unsigned uid);
 
 // Empties all records, as in the child of a fork, which starts without pending signals. No signal may strike meanwhile.

@@ -1,6 +1,6 @@
-// The kernel has signal_entry_stub as the handler of every signal that the application handles. The application's own
-// handler stands in engine.signal_handlers, and what else differs in an action_disguise, so that the application reads
-// back the action that it has set.
+// The kernel has signal_entry_stub as the handler of every signal that the application handles. engine.signal_handlers
+// holds the application's own handlers. An action_disguise holds what else differs, so that the application reads back
+// the action that it has set.
 #include "bi/signals/signal_actions.h"
 
 #include <sys/syscall.h>
@@ -51,8 +51,8 @@ kernel_sigaction disguised_action(int signum, const kernel_sigaction& wanted, ac
   action.handler = address_of(reinterpret_cast<const void*>(signal_entry_stub));
   disguise->adds_siginfo = (wanted.flags & SA_SIGINFO) == 0;
   action.flags |= SA_SIGINFO;
-  // The kernel would take the handler back when the signal arrives. A signal that is only counted then is raised again
-  // later, and has to find the handler.
+  // The kernel does not get SA_RESETHAND: it would remove the handler when the signal arrives. A signal that is only
+  // counted then is raised again later and has to find the handler.
   disguise->once = (wanted.flags & SA_RESETHAND) != 0;
   action.flags &= ~std::uint64_t{SA_RESETHAND};
   // A trap that strikes while SIGILL is blocked ends the process.

@@ -1,4 +1,4 @@
-// The counters belong to their thread. They are updated atomically: a nested signal can strike between a load and a
+// The counters belong to their thread. Updates are atomic, because a nested signal can strike between a load and a
 // store.
 #include "bi/code/code_cache.h"
 #include "bi/signals/signal_delivery.h"
@@ -25,7 +25,7 @@ std::uint64_t blocked_signals() {
   return mask;
 }
 
-// Only this thread counts down, and a signal that comes in between counts up: a positive value stays positive.
+// Only this thread counts down. A signal that comes in between counts up, so a positive value stays positive.
 void count_one_less(thread_data* thread, int signum) {
   std::atomic_ref(thread->pending_signals[signum]).fetch_sub(1, std::memory_order_relaxed);
   std::atomic_ref(thread->pending_signal_count).fetch_sub(1, std::memory_order_relaxed);
@@ -41,14 +41,14 @@ int find_pending_signal(thread_data* thread) {
   return -1;
 }
 
-// Gives counted signals that the thread blocks back to the kernel, where they stay pending: a call may wait for them
-// (sigsuspend, sigtimedwait, a signal descriptor), and the kernel has to know of them. They were counted before they
-// were blocked, which the mask of another signal's handler does.
+// Gives counted signals that the thread blocks back to the kernel, where they stay pending. A call may wait for them
+// (sigsuspend, sigtimedwait, a signal descriptor), so the kernel has to know of them. They were counted before they
+// were blocked; the mask of another signal's handler blocks them.
 void give_back_blocked_signals(thread_data* thread) {
   const std::uint64_t mask = blocked_signals();
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
     if ((mask & signal_bit(signum)) == 0) continue;
-    // No more of a blocked signal can come, so that its counter stands still.
+    // A blocked signal does not come again, so its counter stands still.
     std::int32_t& counter = thread->pending_signals[signum];
     for (; std::atomic_ref(counter).load(std::memory_order_relaxed) > 0; count_one_less(thread, signum)) {
       raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
@@ -97,7 +97,7 @@ bool has_deliverable_signal(thread_data* thread) {
 extern "C" std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t* info) {
   thread_data* thread = current_thread;
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) abandon_thread(thread);
-  // Read the sum before the counters: a signal that comes in between makes the stub ask again.
+  // Read the sum before the counters. If a signal comes in between, the stub then asks again.
   const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const int signum = find_pending_signal(thread);
   if (signum < 0) {

@@ -34,8 +34,8 @@ fpsimd_context* fpsimd_record(mcontext_t& context) {
   return nullptr;
 }
 
-// Whether a literal load is rewritten with x0 as its base, which is pushed around it: all but those into a general
-// register, which serves as the base itself.
+// Whether a literal load is rewritten with x0 as its base and pushes x0 around the load. This is so for all loads,
+// except those into a general register other than xzr: there the register itself serves as the base.
 bool borrows_x0(const std::uint32_t* source) {
   if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return false;
   constexpr std::uint32_t zero_register = 31;
@@ -86,7 +86,8 @@ void look_again(const thread_data* thread, mcontext_t& context) {
   } else if (is_stub_point(thread, pc, reentry_branch) || is_stub_point(thread, pc, reentry_resume_branch)) {
     context.pc = base + stub_offset(cache_reentry_stub);
   } else if (is_between(thread, pc, reentry_resume_window, reentry_resume_branch)) {
-    // At sp: 0x20 bytes of results, the cache address and the source address, then what the first window has at its sp.
+    // From sp up: 0x20 bytes of results, the cache address and the source address, then what the first window has at
+    // its sp.
     const auto* frame = reinterpret_cast<const std::uint64_t*>(context.sp);
     context.regs[0] = frame[4];
     context.regs[1] = frame[5];
@@ -122,7 +123,7 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
   for (std::uint32_t reg = 9; reg <= 21; ++reg) context.regs[reg] = area[reg];
   context.regs[29] = area[SYSCALL_X29 / 8];
   context.regs[30] = area[SYSCALL_X30 / 8];
-  // The wrapper's own code changes the flags and nothing else of PSTATE: SSBS, DIT and TCO are the application's.
+  // The wrapper's own code changes only the flags in PSTATE. SSBS, DIT and TCO are the application's.
   context.pstate = (context.pstate & ~CONDITION_FLAGS) | (flags & CONDITION_FLAGS);
   context.pc = area[SYSCALL_NEXT_SOURCE / 8];
   context.sp = frame + SYSCALL_FRAME_SIZE;

@@ -1,5 +1,5 @@
-// The handler that the kernel calls for every signal of the application: what is done depends on where the thread
-// stands (signal_place.cpp), and most signals are only counted (signal_delivery.cpp) after the exit of the interrupted
+// The handler that the kernel calls for every signal of the application. What it does depends on where the thread
+// stands (signal_place.cpp). Most signals are only counted (signal_delivery.cpp), after the exit of the interrupted
 // fragment has been trapped (exit_trap.cpp).
 //
 // Everything here runs on the stack of the interrupted code, which is the application's.
@@ -31,11 +31,12 @@ constexpr engine_log log{"src/bi/signals"};
 
 constexpr signal_exit GO_ON = {0, 0};
 
-// A fault of the running code. A signal of the same number that somebody has sent is like any other.
+// Whether the signal is a fault of the running code. If somebody has sent a signal of the same number, it is like any
+// other.
 bool is_fault(int signum, const siginfo_t* info) { return is_synchronous(signum) && info->si_code > 0; }
 
-// Makes the call that the trap stands for. The signal is blocked here. It strikes when the kernel restores the context
-// with its mask, at the word behind the trap.
+// Makes the call that the trap stands for. The signal is blocked here. The kernel delivers it when it restores the
+// context with its mask, at the word behind the trap.
 void raise_at_return(mcontext_t& context) {
   block_all_signals();
   raw_syscall(NR_RT_TGSIGQUEUEINFO, context.regs[0], context.regs[1], context.regs[2], context.regs[3]);
@@ -52,8 +53,8 @@ void set_kernel_action(int signum, std::uint64_t handler) {
   sigaction(signum, &action, nullptr);
 }
 
-// A fault of the application's. Its handler finds the source instruction and goes on where it says. Only a fault of the
-// engine's own pushes on the application's stack has no source instruction: the handler finds pc 0 then.
+// A fault of the application's. Its handler finds the source instruction and goes on where it says. One case has no
+// source instruction: a fault of the engine's own pushes on the application's stack. The handler then finds pc 0.
 signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t* ucontext) {
   const int signum = info->si_signo;
   const std::uint64_t handler = take_application_handler(signum);
@@ -62,9 +63,10 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
     const std::uint64_t pc = context.pc;
     const bool cannot_execute = is_in_fault_block(thread, pc);
     if (!restore_faulted_context(thread, context)) context.pc = 0;
-    // Of an undefined instruction or a breakpoint the kernel names the place, of an access what it was to.
+    // For an undefined instruction or a breakpoint the kernel names the place of the instruction. For an access it
+    // names the address accessed.
     if (reinterpret_cast<std::uint64_t>(info->si_addr) == pc) info->si_addr = reinterpret_cast<void*>(context.pc);
-    // There may be code later.
+    // Flush the block away: there may be code at its address later.
     if (cannot_execute) flush_code_cache(thread);
     return enter_handler(thread, handler);
   }
@@ -72,8 +74,8 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
   return GO_ON;  // The instruction faults again, and the default action applies.
 }
 
-// The context is the application's, with a source address as its pc. There is no handler if another thread has changed
-// the action since the signal arrived. The thread then goes on, and the kernel's default action strikes once the signal
+// The context is the application's, with a source address as its pc. If another thread has changed the action since the
+// signal arrived, there is no handler. The thread then goes on, and the kernel's default action follows once the signal
 // is unblocked.
 signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
   const std::uint64_t handler = take_application_handler(signum);
@@ -112,8 +114,8 @@ signal_exit lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
   return GO_ON;
 }
 
-// The application's state is complete, or lies in a stub's frame at known places: the handler runs now. False
-// elsewhere.
+// If the application's state is complete, or lies in a stub's frame at known places, completes the context: the handler
+// can run now. False elsewhere.
 bool restore_application_context(thread_data* thread, mcontext_t& context) {
   if (is_stub_point(thread, context.pc, reentry_signal_point)) {
     leave_reentry_stub(thread, context);

@@ -11,6 +11,7 @@ TOOLS is the build folder. Options:
   --threads N    the region's "threads" must be N, and instructions are counted atomically
   --set NAME=VALUE  a variable of the program's environment, which otherwise has few and fixed ones
   --userland     PROGRAM is of the virtual machine's userland, found as PROGRAM below it
+  --warns TEXT   the tool must warn once, in a line with TEXT, and of nothing else
   --keep DIR     leaves the files of both runs there
 """
 import argparse
@@ -49,6 +50,7 @@ def main():
     parser.add_argument("--threads", type=int, default=0)
     parser.add_argument("--userland", action="store_true")
     parser.add_argument("--set", action="append", default=[])
+    parser.add_argument("--warns")
     parser.add_argument("--keep")
     parser.add_argument("tools")
     parser.add_argument("command", nargs=argparse.REMAINDER)
@@ -89,6 +91,11 @@ def main():
             failures.append(f"status: native {native[0]}, traced {traced[0]}")
         if application_lines(traced[1]) != native[1]:
             failures.append(f"output: native {native[1][-500:]!r}, traced {traced[1][-500:]!r}")
+        if options.warns:
+            warnings = [line for line in traced[2].splitlines(keepends=True) if b" MORA warn " in line]
+            if len(warnings) != 1 or options.warns.encode() not in warnings[0]:
+                failures.append(f"{options.warns!r} is not the one warning: {warnings!r}")
+            traced = (*traced[:2], b"".join(line for line in traced[2].splitlines(keepends=True) if line not in warnings))
         if traced[2] != native[2]:
             failures.append(f"error output: native {native[2][-1000:]!r}, traced {traced[2][-1000:]!r}")
         flop = threads = None
