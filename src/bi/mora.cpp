@@ -18,6 +18,7 @@
 #include "bi/code/code_cache.h"
 #include "bi/code/code_words.h"
 #include "bi/code/dispatcher.h"
+#include "bi/engine_switches.h"
 #include "bi/plugins/function_watch.h"
 #include "bi/kernel/pages.h"
 #include "bi/plugins/plugin_delivery.h"
@@ -94,6 +95,7 @@ int mora_run(int argc, char** argv, char** envp) {
     log(LEVEL_WARN, "missing command line arguments");
     std::exit(EXIT_FAILURE);
   }
+  read_engine_switches();
   engine.argc = argc;
   engine.argv = argv;
   pthread_mutex_init(&engine.thread_list_lock, nullptr);

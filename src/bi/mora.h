@@ -170,6 +170,7 @@ struct thread_data {
   std::uint32_t* trace_fragment_start;
   std::uint32_t trace_fragment_overflow;
   std::int32_t traces_checked;  // How many indices traces had when the checker last looked at all of them.
+  std::uint64_t trace_number;   // Of the trace begun last, among those of the process: see engine_switches.h.
   // Where in the cache the code of each source word begins, see source_map.h. In the fragment that is being scanned,
   // the marks before source_marks_end are complete.
   const std::uint32_t* source_marks_end;

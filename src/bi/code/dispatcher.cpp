@@ -22,6 +22,7 @@
 #include "bi/code/exit_branch.h"
 #include "bi/code/stubs.h"
 #include "bi/code/traces.h"
+#include "bi/engine_switches.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -154,7 +155,10 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
   if (!has_links_to_spare(thread->cc_link_pool, 2)) flush_code_cache(thread);  // One call may need two.
   const std::uint64_t found = find_block(thread, target, source_index);
   *next_addr = found;
-  if (source_index == 0 || thread->flush_seen != 0) return;
+  // A register branch looks its target up by itself each time; a block that was not scanned yet has become the target.
+  if (source_index == 0 || thread->flush_seen != 0 || !is_direct_exit(exit_kind)) return;
+  std::uint64_t number = 0;
+  if (!may_link(&number)) return;
 
   const std::uint64_t entry = found + ENTRY_WORD_SIZE;
   switch (exit_kind) {
@@ -169,10 +173,9 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
         link_first_side(thread, meta, target, entry);
       }
       break;
-    // A register branch looks its target up by itself each time; a block that was not scanned yet has become the
-    // target.
     default: break;
   }
+  if (number != 0) note_link(thread, source_index, number);
 }
 
 bool has_links_to_spare(linked_pool* pool, std::uint32_t count) {

@@ -98,4 +98,11 @@ std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t p
   return between ? source : source - sizeof(std::uint32_t);
 }
 
+const std::uint32_t* next_fragment_word(const thread_data* thread, const std::uint32_t* place) {
+  constexpr std::size_t word_count = CODE_CACHE_SIZE / sizeof *place;
+  if (index_of(thread, place) >= word_count) return nullptr;
+  const std::uint32_t* next = mark_of(thread, place) == MARK_CONTINUED ? target_of_branch(place) : place + 1;
+  return index_of(thread, next) < word_count ? next : nullptr;
+}
+
 }  // namespace ceilmeter

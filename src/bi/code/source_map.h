@@ -41,4 +41,8 @@ void end_source_marks(thread_data* thread, const std::uint32_t* place);
 // that was copied. 0 if `pc` lies in no fragment.
 std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t pc);
 
+// The word that runs behind the one at `place` if the code goes straight on, also where the fragment goes on in another
+// block. Null: that would be outside the cache, or at its end.
+const std::uint32_t* next_fragment_word(const thread_data* thread, const std::uint32_t* place);
+
 }  // namespace ceilmeter

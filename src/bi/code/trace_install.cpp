@@ -24,6 +24,7 @@
 #include "bi/code/code_cache.h"
 #include "bi/code/code_words.h"
 #include "bi/code/exit_branch.h"
+#include "bi/engine_switches.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/code/scanner.h"
 #include "bi/code/trace_check.h"
@@ -219,6 +220,7 @@ void install_trace(thread_data* thread) {
   raise_trace_record(trace_counts.most_fragments, static_cast<std::uint64_t>(thread->trace_fragment_count));
   raise_trace_record(trace_counts.most_exits, trace.exit_count);
   if (trace_options.check != TRACE_CHECK_NONE) check_trace_cache(thread, first);
+  note_installed_trace(thread, first);
 }
 
 }  // namespace ceilmeter

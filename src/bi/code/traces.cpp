@@ -33,6 +33,7 @@
 #include "bi/code/scanner.h"
 #include "bi/code/stubs.h"
 #include "bi/code/trace_install.h"
+#include "bi/engine_switches.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -248,6 +249,10 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   thread->trace_write_cursor += -address_of(thread->trace_write_cursor) & 3;
   if (!has_room_for_trace(thread)) {
     flush_full_area(thread, source, ret);
+    return;
+  }
+  if (!may_begin_trace(thread)) {
+    go_on_in_block(thread, source, ret);
     return;
   }
   std::uint32_t* entry = begin_trace(thread, source_index, source);

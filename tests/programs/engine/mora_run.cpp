@@ -7,8 +7,13 @@
 //   MORA_RUN_TRACES      off: no traces; checked: after each installation of a trace the checker looks at what has
 //                        changed, and at the whole cache from time to time; checked-whole: at the whole cache each time
 //   MORA_RUN_HOT         how many executions make a block hot, up to 255, for programs that run their code a few times
-//   only MORA_RUN_TRACE_STATS a file to which each process that ends adds a line: its traces in numbers, "name=number
-//   ..."
+//                        only
+//   MORA_RUN_TRACE_STATS a file to which each process that ends adds a line: its traces in numbers, "name=number ..."
+//   MORA_RUN_BREAK_TRACE the number of a trace that is spoilt when it has been installed, as an error of the engine
+//   would
+//                        spoil it: a BRK in the place of its first source word. For the tests of tools/bisect
+//   MORA_RUN_BREAK_LINK  the same with the exit of a block that has been linked: a BRK in the place of its first word
+// The engine's own switches (bi/engine_switches.h) hold above the first two.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -16,8 +21,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "bi/mora.h"
+#include "bi/a64/a64.h"
+#include "bi/code/code_words.h"
 #include "bi/code/traces.h"
+#include "bi/engine_switches.h"
+#include "bi/mora.h"
 #include "common/log.h"
 
 namespace {
@@ -25,6 +33,8 @@ namespace {
 using ceilmeter::trace_counts;
 
 const char* statistics_file;
+std::uint64_t broken_trace;
+std::uint64_t broken_link;
 
 struct named_number {
   const char* name;
@@ -68,6 +78,26 @@ void write_statistics() {
   if (fd < 0 || write(fd, line, static_cast<std::size_t>(length)) != length) std::perror(statistics_file);
 }
 
+void put_trap(std::uint32_t* word) {
+  ceilmeter::a64_brk(word, 0);
+  ceilmeter::clear_instruction_cache(word, word + 1);
+}
+
+void break_trace(ceilmeter::thread_data* thread, std::int32_t first, std::uint64_t number) {
+  if (number != broken_trace) return;
+  put_trap(reinterpret_cast<std::uint32_t*>(thread->metas[first].cache_entry + ceilmeter::ENTRY_WORD_SIZE));
+}
+
+void break_link(ceilmeter::thread_data* thread, std::int32_t bb_id, std::uint64_t number) {
+  if (number == broken_link) put_trap(thread->metas[bb_id].exit_code_addr);
+}
+
+// The number in a variable; 0 if it is not set.
+std::uint64_t number_in(const char* name) {
+  const char* text = std::getenv(name);
+  return text != nullptr ? std::strtoull(text, nullptr, 10) : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv, char** envp) {
@@ -82,5 +112,9 @@ int main(int argc, char** argv, char** envp) {
   if (hot != nullptr) ceilmeter::trace_options.hot_mark = static_cast<std::uint8_t>(std::atoi(hot));
   statistics_file = std::getenv("MORA_RUN_TRACE_STATS");
   if (statistics_file != nullptr) std::atexit(write_statistics);
+  broken_trace = number_in("MORA_RUN_BREAK_TRACE");
+  if (broken_trace != 0) ceilmeter::debug_options.trace_installed = break_trace;
+  broken_link = number_in("MORA_RUN_BREAK_LINK");
+  if (broken_link != 0) ceilmeter::debug_options.exit_linked = break_link;
   return ceilmeter::mora_run(argc - 1, argv + 1, envp);
 }

@@ -95,7 +95,8 @@ def main():
             warnings = [line for line in traced[2].splitlines(keepends=True) if b" MORA warn " in line]
             if len(warnings) != 1 or options.warns.encode() not in warnings[0]:
                 failures.append(f"{options.warns!r} is not the one warning: {warnings!r}")
-            traced = (*traced[:2], b"".join(line for line in traced[2].splitlines(keepends=True) if line not in warnings))
+            others = [line for line in traced[2].splitlines(keepends=True) if line not in warnings]
+            traced = (*traced[:2], b"".join(others))
         if traced[2] != native[2]:
             failures.append(f"error output: native {native[2][-1000:]!r}, traced {traced[2][-1000:]!r}")
         flop = threads = None
