@@ -5,7 +5,11 @@ import re
 SILENT_METRIC = re.compile(r"^.* MORA warn \w+ is 0 in all regions: .*\n", re.MULTILINE)
 
 
+def without_silent_lines(text):
+    return SILENT_METRIC.sub("", text)
+
+
 def without_silent_metrics(done):
     """A completed process whose standard error lacks these warnings."""
-    done.stderr = SILENT_METRIC.sub("", done.stderr)
+    done.stderr = without_silent_lines(done.stderr)
     return done
