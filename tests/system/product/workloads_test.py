@@ -223,8 +223,9 @@ class endings_test(workload):
         self.assertEqual(process.returncode, -number)
         self.assertEqual(rest, f"CEILMETER: Processing all collected data\nCEILMETER: Result is captured at "
                                f'{self.result}\nCEILMETER: Run "ceilview {self.result}" to get report.\n')
-        self.assertRegex(without_silent_lines(err), f"^[^\n]* +collector:[0-9]+ +MORA warn Stopped by signal {int(number)} "
-                              rf"\({signal.strsignal(number)}\): the report holds what was counted before\n$")
+        self.assertRegex(without_silent_lines(err),
+                         f"^[^\n]* +collector:[0-9]+ +MORA warn Stopped by signal {int(number)} "
+                         rf"\({signal.strsignal(number)}\): the report holds what was counted before\n$")
         region = self.report()["regions"]["total"]
         self.assertEqual((region["flop"], region["threads"]), (600, 3), "of the earlier file")
         self.assertGreater(region["time"], 77)
