@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -60,7 +61,20 @@ bool take_component(const char** path, const char* component) {
   return true;
 }
 
-// Takes a component that is the id of a thread of this process. The process's own id is that of its first thread.
+// Whether the process is this one's parent and runs under the engine as well: a child runs its parent's application
+// until it executes another program.
+bool is_parent_under_engine(std::uint64_t id) {
+  if (id != static_cast<std::uint64_t>(getppid())) return false;
+  char name[NAME_SIZE];
+  std::snprintf(name, sizeof name, "/proc/%lu/exe", static_cast<unsigned long>(id));
+  struct stat own {};
+  struct stat other {};
+  return stat("/proc/self/exe", &own) == 0 && stat(name, &other) == 0 && own.st_dev == other.st_dev &&
+         own.st_ino == other.st_ino;
+}
+
+// Takes a component that is the id of a thread of this process, or of its parent if that is the same application. The
+// process's own id is that of its first thread.
 bool take_thread_id(const char** path) {
   const char* rest = *path;
   std::uint64_t id = 0;
@@ -69,7 +83,8 @@ bool take_thread_id(const char** path) {
   if (rest == *path || id > longest_id || (*rest != '/' && *rest != '\0')) return false;
   const auto process = static_cast<std::uint64_t>(getpid());
   constexpr std::uint64_t no_signal = 0;
-  if (id != process && raw_syscall(SYS_tgkill, process, id, no_signal) != 0) return false;
+  const bool is_own = id == process || raw_syscall(SYS_tgkill, process, id, no_signal) == 0;
+  if (!is_own && !is_parent_under_engine(id)) return false;
   while (*rest == '/') ++rest;
   *path = rest;
   return true;
