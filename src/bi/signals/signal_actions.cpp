@@ -12,6 +12,7 @@
 
 #include "bi/kernel/call_mask.h"
 #include "bi/kernel/memory_probe.h"
+#include "bi/signals/signal_delivery.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 
@@ -35,6 +36,9 @@ struct action_disguise {
   bool unmasks_sigill;  // SIGILL was in the application's mask.
 };
 
+// What report_crashes has set, as bits. Written before the application starts.
+std::uint64_t reported_signals;
+
 // Under signal_handlers_lock. The entry of SIGILL describes the action that install_sigill_handler has set.
 action_disguise action_disguises[SIGNAL_COUNT] = {{}, {}, {}, {}, {true, false, false}};
 static_assert(SIGILL == 4);
@@ -46,7 +50,8 @@ constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std
 kernel_sigaction disguised_action(int signum, const kernel_sigaction& wanted, action_disguise* disguise) {
   *disguise = {};
   // SIGILL is never given up, not even to its default action: traps and the end of the process depend on it.
-  if (signum != SIGILL && wanted.handler <= 1) return wanted;
+  const bool is_kept = signum == SIGILL || (wanted.handler == 0 && handles_default_action(signum));
+  if (wanted.handler <= 1 && !is_kept) return wanted;
   kernel_sigaction action = wanted;
   action.handler = address_of(reinterpret_cast<const void*>(signal_entry_stub));
   disguise->adds_siginfo = (wanted.flags & SA_SIGINFO) == 0;
@@ -72,6 +77,20 @@ kernel_sigaction undisguised_action(int signum, kernel_sigaction action) {
 }
 
 }  // namespace
+
+void report_crashes() {
+  for (const int signum : {SIGTRAP, SIGBUS, SIGFPE, SIGSEGV}) {
+    struct sigaction action {};
+    if (sigaction(signum, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) continue;
+    install_engine_handler(signum);
+    action_disguises[signum] = {true, false, false};
+    reported_signals |= signal_bit(signum);
+  }
+}
+
+bool handles_default_action(int signum) {
+  return signum == SIGILL || (signum > 0 && signum < SIGNAL_COUNT && (reported_signals & signal_bit(signum)) != 0);
+}
 
 std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   const auto signum = static_cast<int>(args[0]);

@@ -15,6 +15,7 @@
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
 #include "bi/signals/exit_trap.h"
+#include "bi/signals/last_words.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_delivery.h"
 #include "bi/signals/signal_place.h"
@@ -70,6 +71,7 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
     if (cannot_execute) flush_code_cache(thread);
     return enter_handler(thread, handler);
   }
+  log_crash(thread, *info, ucontext->uc_mcontext);
   set_kernel_action(signum, handler);
   return GO_ON;  // The instruction faults again, and the default action applies.
 }
@@ -82,7 +84,8 @@ signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
   if (handler > 1) return enter_handler(thread, handler);
   context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
   if (handler == 0) {
-    if (signum == SIGILL) set_kernel_action(signum, handler);  // The one action that the application cannot take back.
+    // The application's default action is not the kernel's.
+    if (handles_default_action(signum)) set_kernel_action(signum, handler);
     raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
                 static_cast<std::uint64_t>(signum));
   }
@@ -105,11 +108,16 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
   count_visit(thread);  // deliver_pending_signal ends the thread.
 }
 
+void end_by_fault(const thread_data* thread, const siginfo_t& info, const mcontext_t& context) {
+  log_fault(thread, info, context);
+  log(LEVEL_FATAL, "synchronous signal outside the code cache");
+}
+
 // The process is ending.
-signal_exit lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
+signal_exit lead_out(thread_data* thread, const siginfo_t* info, ucontext_t* ucontext, bool fault) {
   // A thread that has faulted, or stands at a trap of the engine's own, would do so again for ever.
   if (fault && is_in_cache(thread, ucontext->uc_mcontext.pc)) abandon_thread(thread);
-  if (fault) log(LEVEL_FATAL, "synchronous signal outside the code cache");
+  if (fault) end_by_fault(thread, *info, ucontext->uc_mcontext);
   stop_for_exit(thread, ucontext);
   return GO_ON;
 }
@@ -134,11 +142,15 @@ bool restore_application_context(thread_data* thread, mcontext_t& context) {
 
 }  // namespace
 
-void install_sigill_handler() {
+void install_engine_handler(int signum) {
   struct sigaction action {};
   action.sa_sigaction = reinterpret_cast<void (*)(int, siginfo_t*, void*)>(signal_entry_stub);
   action.sa_flags = SA_SIGINFO;
-  sigaction(SIGILL, &action, nullptr);
+  sigaction(signum, &action, nullptr);
+}
+
+void install_sigill_handler() {
+  install_engine_handler(SIGILL);
   sigset_t sigill;
   sigemptyset(&sigill);
   sigaddset(&sigill, SIGILL);
@@ -168,7 +180,8 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
   const std::uint64_t pc = context.pc;
 
   // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) return lead_out(thread, ucontext, fault);
+  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0)
+    return lead_out(thread, info, ucontext, fault);
   if (fault && is_stub_point(thread, pc, reentry_raise)) {
     raise_at_return(context);
     return GO_ON;
@@ -185,7 +198,7 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
-    if (!is_in_cache(thread, pc)) log(LEVEL_FATAL, "synchronous signal outside the code cache");
+    if (!is_in_cache(thread, pc)) end_by_fault(thread, *info, context);
     return handle_synchronous(thread, info, ucontext);
   }
   count_signal(thread, *info);
