@@ -9,7 +9,9 @@
 static void say_action(int signum) {
   struct sigaction action;
   if (sigaction(signum, NULL, &action) != 0) return;
-  const char *handler = action.sa_handler == SIG_DFL ? "default" : action.sa_handler == SIG_IGN ? "ignored" : "a handler";
+  const char* handler = action.sa_handler == SIG_DFL   ? "default"
+                        : action.sa_handler == SIG_IGN ? "ignored"
+                                                       : "a handler";
   printf("signal %d: %s, flags %x\n", signum, handler, (unsigned)action.sa_flags);
   fflush(stdout);
 }
@@ -20,14 +22,14 @@ static void handle(int signum) {
   if (write(STDOUT_FILENO, text, sizeof text - 1) < 0) _exit(1);
 }
 
-__attribute__((noinline)) void store_to_nowhere(volatile int *place) { *place = 1; }
+__attribute__((noinline)) void store_to_nowhere(volatile int* place) { *place = 1; }
 
-int main(int argc, char **argv) {
-  const char *way = argc > 1 ? argv[1] : "";
+int main(int argc, char** argv) {
+  const char* way = argc > 1 ? argv[1] : "";
   say_action(SIGSEGV);
   say_action(SIGTRAP);
   void (*volatile nowhere)(void) = (void (*)(void))16;
-  if (strcmp(way, "access") == 0) store_to_nowhere((volatile int *)16);
+  if (strcmp(way, "access") == 0) store_to_nowhere((volatile int*)16);
   if (strcmp(way, "jump") == 0) nowhere();
   if (strcmp(way, "trap") == 0) __asm__ volatile("brk #1");
   if (strcmp(way, "sent") == 0) raise(SIGSEGV);
@@ -37,7 +39,7 @@ int main(int argc, char **argv) {
     raise(SIGSEGV);
     puts("the sent signal was ignored");
     fflush(stdout);
-    store_to_nowhere((volatile int *)16);
+    store_to_nowhere((volatile int*)16);
   }
   if (strcmp(way, "after_handler") == 0) {
     signal(SIGSEGV, handle);
@@ -45,7 +47,7 @@ int main(int argc, char **argv) {
     raise(SIGSEGV);
     signal(SIGSEGV, SIG_DFL);
     say_action(SIGSEGV);
-    store_to_nowhere((volatile int *)16);
+    store_to_nowhere((volatile int*)16);
   }
   puts("nothing has ended the program");
   return 1;
