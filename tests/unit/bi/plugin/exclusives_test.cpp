@@ -87,10 +87,9 @@ TEST_F(exclusives_test, the_events_of_the_start_come_behind_the_store_and_tell_t
   mora_context* plugin = mora_add_plugin();
   for (std::uint32_t event = MORA_PRE_INST; event <= MORA_POST_FRAGMENT; ++event) mora_bind_event(plugin, event, note);
   scanned(source_between);
-  const decltype(seen) expected = {{MORA_PRE_INST, 0},     {MORA_POST_INST, 0}, {MORA_PRE_INST, 1},
-                                   {MORA_POST_INST, 1},    {MORA_PRE_FRAGMENT, 0}, {MORA_PRE_BB, 0},
-                                   {MORA_PRE_INST, 2},     {MORA_POST_INST, 2}, {MORA_POST_BB, 3},
-                                   {MORA_POST_FRAGMENT, 3}};
+  const decltype(seen) expected = {
+      {MORA_PRE_INST, 0}, {MORA_POST_INST, 0}, {MORA_PRE_INST, 1},  {MORA_POST_INST, 1}, {MORA_PRE_FRAGMENT, 0},
+      {MORA_PRE_BB, 0},   {MORA_PRE_INST, 2},  {MORA_POST_INST, 2}, {MORA_POST_BB, 3},   {MORA_POST_FRAGMENT, 3}};
   EXPECT_EQ(seen, expected);
 }
 
