@@ -139,7 +139,6 @@ void tell_before_fatal() {
 
 void install_last_words() {
   log_state::before_engine_fatal = tell_before_fatal;
-  if (log_state::engine_log_level >= LEVEL_INFO) report_crashes();
 }
 
 void log_fault(const thread_data* thread, const siginfo_t& info, const mcontext_t& context) {
