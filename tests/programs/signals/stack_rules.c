@@ -24,9 +24,7 @@ static char* stack;
 static char* other;
 
 // The call itself: a C library may look at the arguments first.
-static int call(const void* wanted, void* old) {
-  return syscall(SYS_sigaltstack, wanted, old) == 0 ? 0 : errno;
-}
+static int call(const void* wanted, void* old) { return syscall(SYS_sigaltstack, wanted, old) == 0 ? 0 : errno; }
 
 static const char* name_of(const void* place) {
   if (place == NULL) return "none";
@@ -50,8 +48,8 @@ static int set(void* place, size_t size, int flags) {
 }
 
 static void errors(void) {
-  const int flags[] = {0, SS_ONSTACK, SS_DISABLE, 3, 4, 0x100, AUTODISARM, (int)(1U << 31 | 1), (int)(1U << 31 | 2),
-                       1 << 30, -1};
+  const int flags[] = {0,          SS_ONSTACK,          SS_DISABLE,          3,       4, 0x100,
+                       AUTODISARM, (int)(1U << 31 | 1), (int)(1U << 31 | 2), 1 << 30, -1};
   const size_t sizes[] = {0, 1, 2047, 2048, LEAST - 1, LEAST, STACK, 1UL << 40};
   for (size_t flag = 0; flag < sizeof flags / sizeof *flags; ++flag) {
     for (size_t size = 0; size < sizeof sizes / sizeof *sizes; ++size) {
@@ -127,8 +125,7 @@ static void nested(void) {
   const int modes[] = {0, AUTODISARM};
   for (int mode = 0; mode < 2; ++mode) {
     for (int flags = 0; flags < 2; ++flags) {
-      printf("nested, flags 0x%x, on the stack %d: %d\n", (unsigned)modes[mode], flags,
-             set(stack, STACK, modes[mode]));
+      printf("nested, flags 0x%x, on the stack %d: %d\n", (unsigned)modes[mode], flags, set(stack, STACK, modes[mode]));
       install(flags ? SA_ONSTACK : 0);
       deeper = 2;
       raise(SIGUSR1);
