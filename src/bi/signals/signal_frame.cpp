@@ -47,7 +47,7 @@ bool is_writable_range(std::uint64_t begin, std::uint64_t end) {
 
 struct frame_records {
   std::uint64_t size;    // Of those in the context, with the empty one that ends them.
-  extra_context* extra;  // Of those that lie behind the context, because they do not fit; null: there are none.
+  extra_context* extra;  // Of those that lie behind that, because they do not fit; null: there are none.
 };
 
 // The kernel writes no more of the context than its records take, a tenth of it in most frames.
@@ -80,7 +80,7 @@ void copy_frame(const thread_data* thread, signal_frame* from, signal_frame* to,
   copy_bytes(place + first, source + first, context_end - first);
   const std::uint64_t record = size - FRAME_RECORD_SIZE;
   if (records.extra != nullptr) {
-    copy_bytes(place + sizeof(signal_frame), source + sizeof(signal_frame), record - sizeof(signal_frame));
+    copy_bytes(place + context_end, source + context_end, record - context_end);
     reinterpret_cast<extra_context*>(place + (address_of(records.extra) - source))->datap += place - source;
   }
   const stack_t stack = stack_in_frame(thread, context.sp, from->ucontext.uc_stack.ss_flags);
