@@ -165,6 +165,21 @@ static void edited(void) {
   }
 }
 
+// In a process of its own kind. The status tells: 1, 2 and 4 for what a child without a stack would say.
+static int in_process(void* nothing) {
+  (void)nothing;
+  stack_t now;
+  if (call(NULL, &now) != 0) _exit(99);
+  _exit((now.ss_sp == NULL) + 2 * (now.ss_size == 0) + 4 * (now.ss_flags == SS_DISABLE));
+}
+
+static void tell_of_process(const char* what, int flags) {
+  const pid_t child = clone(in_process, other + STACK / 2, flags | SIGCHLD, NULL);
+  int status = -1;
+  CHECK(child < 0 || waitpid(child, &status, 0) == child);
+  printf("%s: %d, 0x%x\n", what, child < 0 ? errno : 0, (unsigned)status);
+}
+
 static int in_thread(void* nothing) {
   (void)nothing;
   tell("in a new thread");
@@ -188,6 +203,9 @@ static void heirs(void) {
     _exit(0);
   }
   CHECK(waitpid(child, NULL, 0) == child);
+  tell_of_process("in a copy", 0);
+  tell_of_process("in a process with the same memory", CLONE_VM);
+  tell_of_process("in one that its parent waits for", CLONE_VM | CLONE_VFORK);
   thrd_t thread;
   CHECK(thrd_create(&thread, in_thread, NULL) == thrd_success && thrd_join(thread, NULL) == thrd_success);
   tell("in its parent");
@@ -267,12 +285,21 @@ static void without_info(void) {
   printf("plain %d, %d\n", plain_seen, untouched < STACK);
 }
 
-int main(void) {
+// Another program in the same process begins without a stack.
+static void executed(char** argv) {
+  CHECK(set(stack, STACK, 0) == 0);
+  tell("before another program");
+  execl("/proc/self/exe", argv[0], "executed", NULL);
+  CHECK(0);
+}
+
+int main(int argc, char** argv) {
   stack = mmap(NULL, STACK, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   other = mmap(NULL, STACK, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   CHECK(stack != MAP_FAILED && other != MAP_FAILED);
   setvbuf(stdout, NULL, _IOLBF, 0);
   tell("at the start");
+  if (argc > 1) return 0;
   errors();
   nested();
   edited();
@@ -280,5 +307,5 @@ int main(void) {
   left();
   swapped();
   without_info();
-  return 0;
+  executed(argv);
 }
