@@ -45,33 +45,48 @@ bool is_writable_range(std::uint64_t begin, std::uint64_t end) {
   return true;
 }
 
-// Records that do not fit the context lie behind it. A record in the context has their address.
-void move_extra_records(ucontext_t* ucontext, std::uint64_t distance) {
-  auto* place = reinterpret_cast<std::uint8_t*>(ucontext->uc_mcontext.__reserved);
-  const std::uint8_t* end = place + sizeof ucontext->uc_mcontext.__reserved;
-  while (place + sizeof(extra_context) <= end) {
-    auto* head = reinterpret_cast<_aarch64_ctx*>(place);
-    if (head->magic == 0 || head->size == 0) return;
-    if (head->magic == EXTRA_MAGIC) {
-      reinterpret_cast<extra_context*>(place)->datap += distance;
-      return;
+struct frame_records {
+  std::uint64_t size;    // Of those in the context, with the empty one that ends them.
+  extra_context* extra;  // Of those that lie behind that, because they do not fit; null: there are none.
+};
+
+// The kernel writes no more of the context than its records take, a tenth of it in most frames.
+frame_records records_of(mcontext_t& context) {
+  auto* begin = reinterpret_cast<std::uint8_t*>(context.__reserved);
+  frame_records records{sizeof context.__reserved, nullptr};
+  for (std::uint64_t place = 0; place + sizeof(extra_context) <= sizeof context.__reserved;) {
+    auto* head = reinterpret_cast<_aarch64_ctx*>(begin + place);
+    if (head->magic == EXTRA_MAGIC) records.extra = reinterpret_cast<extra_context*>(head);
+    place += head->magic == 0 ? sizeof *head : head->size;
+    if (head->magic == 0 || head->size == 0) {
+      records.size = place;
+      return records;
     }
-    place += head->size;
   }
+  return records;
 }
 
-void copy_frame(const thread_data* thread, const signal_frame* from, signal_frame* to, std::uint64_t size,
-                bool with_info) {
-  const std::uint64_t left_out = with_info ? 0 : sizeof from->info;
-  std::memcpy(reinterpret_cast<std::uint8_t*>(to) + left_out, reinterpret_cast<const std::uint8_t*>(from) + left_out,
-              size - left_out);
-  const mcontext_t& context = to->ucontext.uc_mcontext;
-  move_extra_records(&to->ucontext, address_of(to) - address_of(from));
+void copy_bytes(std::uint64_t to, std::uint64_t from, std::uint64_t size) {
+  std::memcpy(reinterpret_cast<void*>(to), reinterpret_cast<const void*>(from), size);
+}
+
+void copy_frame(const thread_data* thread, signal_frame* from, signal_frame* to, std::uint64_t size, bool with_info) {
+  const std::uint64_t source = address_of(from);
+  const std::uint64_t place = address_of(to);
+  mcontext_t& context = from->ucontext.uc_mcontext;
+  const frame_records records = records_of(context);
+  const std::uint64_t first = with_info ? 0 : sizeof from->info;
+  const std::uint64_t context_end = address_of(context.__reserved) + records.size - source;
+  copy_bytes(place + first, source + first, context_end - first);
+  const std::uint64_t record = size - FRAME_RECORD_SIZE;
+  if (records.extra != nullptr) {
+    copy_bytes(place + context_end, source + context_end, record - context_end);
+    reinterpret_cast<extra_context*>(place + (address_of(records.extra) - source))->datap += place - source;
+  }
   const stack_t stack = stack_in_frame(thread, context.sp, from->ucontext.uc_stack.ss_flags);
   std::memcpy(&to->ucontext.uc_stack, &stack, sizeof stack);
-  auto* record = reinterpret_cast<std::uint64_t*>(address_of(to) + size - FRAME_RECORD_SIZE);
-  record[0] = context.regs[29];
-  record[1] = context.regs[30];
+  const std::uint64_t registers[] = {context.regs[29], context.regs[30]};
+  std::memcpy(reinterpret_cast<void*>(place + record), registers, sizeof registers);
 }
 
 // Where a handler's code is, if the thread may go there straight away, as by a link. Otherwise the way leads past the

@@ -4,8 +4,6 @@
 #include <sys/mman.h>
 #include <sys/syscall.h>
 
-#include <algorithm>
-
 #include "bi/code/stubs.h"
 #include "bi/kernel/pages.h"
 #include "bi/mora.h"
@@ -29,9 +27,12 @@ constexpr unsigned long AT_MINSIGSTKSZ = 51;
 #endif
 
 std::size_t usable_size() {
-  const std::size_t told = getauxval(AT_MINSIGSTKSZ);
-  const std::size_t frame = std::max(told, told == 0 ? LARGEST_FRAME_UNTOLD : std::size_t{0});
-  return page_up(FRAMES * frame + HANDLER_BYTES, page_size());
+  // Set before there is a second thread, as in page_size.
+  static const std::size_t size = [] {
+    const std::size_t told = getauxval(AT_MINSIGSTKSZ);
+    return page_up(FRAMES * (told != 0 ? told : LARGEST_FRAME_UNTOLD) + HANDLER_BYTES, page_size());
+  }();
+  return size;
 }
 
 }  // namespace

@@ -24,9 +24,7 @@ static char* stack;
 static char* other;
 
 // The call itself: a C library may look at the arguments first.
-static int call(const void* wanted, void* old) {
-  return syscall(SYS_sigaltstack, wanted, old) == 0 ? 0 : errno;
-}
+static int call(const void* wanted, void* old) { return syscall(SYS_sigaltstack, wanted, old) == 0 ? 0 : errno; }
 
 static const char* name_of(const void* place) {
   if (place == NULL) return "none";
@@ -50,8 +48,8 @@ static int set(void* place, size_t size, int flags) {
 }
 
 static void errors(void) {
-  const int flags[] = {0, SS_ONSTACK, SS_DISABLE, 3, 4, 0x100, AUTODISARM, (int)(1U << 31 | 1), (int)(1U << 31 | 2),
-                       1 << 30, -1};
+  const int flags[] = {0,          SS_ONSTACK,          SS_DISABLE,          3,       4, 0x100,
+                       AUTODISARM, (int)(1U << 31 | 1), (int)(1U << 31 | 2), 1 << 30, -1};
   const size_t sizes[] = {0, 1, 2047, 2048, LEAST - 1, LEAST, STACK, 1UL << 40};
   for (size_t flag = 0; flag < sizeof flags / sizeof *flags; ++flag) {
     for (size_t size = 0; size < sizeof sizes / sizeof *sizes; ++size) {
@@ -127,8 +125,7 @@ static void nested(void) {
   const int modes[] = {0, AUTODISARM};
   for (int mode = 0; mode < 2; ++mode) {
     for (int flags = 0; flags < 2; ++flags) {
-      printf("nested, flags 0x%x, on the stack %d: %d\n", (unsigned)modes[mode], flags,
-             set(stack, STACK, modes[mode]));
+      printf("nested, flags 0x%x, on the stack %d: %d\n", (unsigned)modes[mode], flags, set(stack, STACK, modes[mode]));
       install(flags ? SA_ONSTACK : 0);
       deeper = 2;
       raise(SIGUSR1);
@@ -168,6 +165,21 @@ static void edited(void) {
   }
 }
 
+// In a process of its own kind. The status tells: 1, 2 and 4 for what a child without a stack would say.
+static int in_process(void* nothing) {
+  (void)nothing;
+  stack_t now;
+  if (call(NULL, &now) != 0) _exit(99);
+  _exit((now.ss_sp == NULL) + 2 * (now.ss_size == 0) + 4 * (now.ss_flags == SS_DISABLE));
+}
+
+static void tell_of_process(const char* what, int flags) {
+  const pid_t child = clone(in_process, other + STACK / 2, flags | SIGCHLD, NULL);
+  int status = -1;
+  CHECK(child < 0 || waitpid(child, &status, 0) == child);
+  printf("%s: %d, 0x%x\n", what, child < 0 ? errno : 0, (unsigned)status);
+}
+
 static int in_thread(void* nothing) {
   (void)nothing;
   tell("in a new thread");
@@ -191,6 +203,9 @@ static void heirs(void) {
     _exit(0);
   }
   CHECK(waitpid(child, NULL, 0) == child);
+  tell_of_process("in a copy", 0);
+  tell_of_process("in a process with the same memory", CLONE_VM);
+  tell_of_process("in one that its parent waits for", CLONE_VM | CLONE_VFORK);
   thrd_t thread;
   CHECK(thrd_create(&thread, in_thread, NULL) == thrd_success && thrd_join(thread, NULL) == thrd_success);
   tell("in its parent");
@@ -270,12 +285,21 @@ static void without_info(void) {
   printf("plain %d, %d\n", plain_seen, untouched < STACK);
 }
 
-int main(void) {
+// Another program in the same process begins without a stack.
+static void executed(char** argv) {
+  CHECK(set(stack, STACK, 0) == 0);
+  tell("before another program");
+  execl("/proc/self/exe", argv[0], "executed", NULL);
+  CHECK(0);
+}
+
+int main(int argc, char** argv) {
   stack = mmap(NULL, STACK, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   other = mmap(NULL, STACK, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   CHECK(stack != MAP_FAILED && other != MAP_FAILED);
   setvbuf(stdout, NULL, _IOLBF, 0);
   tell("at the start");
+  if (argc > 1) return 0;
   errors();
   nested();
   edited();
@@ -283,5 +307,5 @@ int main(void) {
   left();
   swapped();
   without_info();
-  return 0;
+  executed(argv);
 }
