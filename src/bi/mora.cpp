@@ -273,6 +273,10 @@ void abandon_thread(thread_data* thread) {
   pthread_exit(nullptr);
 }
 
+std::uint64_t* engine_stack_word(const thread_data* thread) {
+  return reinterpret_cast<std::uint64_t*>(stub_copy(thread, word_engine_stack));
+}
+
 void free_thread_data(thread_data* thread) {
   // A record whose making failed lacks one of the two, or both.
   if (thread->code_cache != nullptr && munmap(thread->code_cache, whole_pages(CODE_CACHE_SIZE)) != 0) {

@@ -147,6 +147,7 @@ struct thread_data {
   std::int32_t* set_tid;      // The parent's word that receives the child's thread id.
   std::uint64_t* clone_args;  // The parent's save area.
   std::uint64_t child_stack;  // The application's stack of a new thread.
+  std::uint64_t clone_x3;     // What the parent had in x3; `clone_args` has the new thread's TLS there.
   std::uint8_t clone_shares_vm;
   std::int32_t pending_signals[SIGNAL_COUNT];
   std::int32_t pending_signal_count;  // Their sum; the reentry stub reads it on every way back into the cache.
@@ -159,7 +160,6 @@ struct thread_data {
   std::int32_t* library_tid_word;      // The C library wants it cleared at the thread's end; null: not known.
   std::int32_t* application_tid_word;  // The application wants it cleared and its waiter woken.
   std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal. A new thread: its first mask.
-  std::uint64_t clone_stack;           // The argument of the fork-like clone that is being made.
   std::uint8_t clone_holds_locks;      // The engine's locks are held over the fork-like clone that is being made.
   // Of a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;
@@ -175,6 +175,7 @@ struct thread_data {
   // the marks before source_marks_end are complete.
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
+  std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
   held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
 };
 
@@ -242,6 +243,11 @@ int unregister_thread(thread_data* thread, bool lock_held);
 
 // Ends the calling thread for good while the process ends.
 [[noreturn]] void abandon_thread(thread_data* thread);
+
+// Where the engine's stack of the thread begins, downwards: what word_engine_stack of its stubs holds. The first thread
+// sets it as it enters the application, any other as it starts.
+std::uint64_t* engine_stack_word(const thread_data* thread);
+inline std::uint64_t engine_stack(const thread_data* thread) { return *engine_stack_word(thread); }
 
 // Unmaps a record with its code cache and link pool.
 void free_thread_data(thread_data* thread);

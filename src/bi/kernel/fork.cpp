@@ -111,18 +111,6 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
   args[0] = flags;
 
-  thread->clone_stack = args[1];
-  const std::uint64_t application_sp = address_of(args) + SYSCALL_APP_SP;
-  if (args[1] == application_sp) {
-    args[1] = 0;
-  } else if (args[1] != 0) {
-    // The child comes back into syscall_wrapper on a stack of its own and has to find the wrapper's frame there. This
-    // same thread makes the copy before the kernel copies the memory, so no barrier is needed between.
-    args[1] -= SYSCALL_FRAME_SIZE;
-    std::memcpy(reinterpret_cast<void*>(args[1]), reinterpret_cast<const char*>(args) - STUB_SIMD_REGS_SIZE,
-                SYSCALL_FRAME_SIZE);
-  }
-
   make_spare_streams();
   // Block all signals: one that interrupted the call as it returns would bypass syscall_handler_post, and so
   // finish_fork.
@@ -150,8 +138,9 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
 }
 
 void finish_fork(thread_data* thread, std::uint64_t* args) {
-  args[1] = thread->clone_stack;  // A call leaves all registers but x0 as they were.
   if (args[0] == 0) {
+    // The child has a copy of the engine's stack with the wrapper's frame; only the application's stack is another.
+    if (args[1] != 0) args[SYSCALL_APP_SP / 8] = args[1];
     thread->tls = thread->child_tls;
     reinit_after_fork(thread);
   } else if (thread->clone_holds_locks != 0) {

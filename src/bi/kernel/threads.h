@@ -13,6 +13,9 @@ namespace ceilmeter {
 std::uint64_t block_all_signals();
 void restore_signal_mask(std::uint64_t mask);
 
+// The engine's stack of the calling thread begins at `top`.
+void use_engine_stack(thread_data* thread, std::uint64_t top);
+
 // clone with CLONE_THREAD: starts a thread that goes on at `next_inst` with the state in `args`, the save area of the
 // caller. Returns its id, or a negative error number as the kernel would.
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst);
