@@ -157,6 +157,7 @@ void finish_handled(std::uint64_t number, std::uint64_t* args, std::uint64_t nex
     // goes on in a block that knows of nothing.
     args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, next_inst);
   }
+  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
 }
 
 }  // namespace
@@ -164,6 +165,7 @@ void finish_handled(std::uint64_t number, std::uint64_t* args, std::uint64_t nex
 extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                              thread_data* thread) {
   number = low_half(number);
+  args[SYSCALL_APP_SP / 8] += kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
   log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
   // The first argument is all that a post-syscall callback gets to see: the result takes its place.
   if (engine.plugin_count != 0) thread->syscall_args = args[0];
@@ -206,6 +208,7 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
   const std::uint64_t call = next_inst - sizeof(std::uint32_t);
   args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, call);
   args[SYSCALL_NEXT_SOURCE / 8] = call;
+  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
   return 0;
 }
 
@@ -222,6 +225,7 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
   args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
   std::uint64_t result = args[0];
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
+  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
 }
 
 }  // namespace ceilmeter

@@ -113,6 +113,8 @@ void copy_parent_frame(const thread_data* thread, const std::uint64_t* args) {
   area[SYSCALL_X0 / 8] = 0;  // clone returns 0 in the child.
   area[3] = thread->clone_x3;
   if (thread->child_stack != 0) area[SYSCALL_APP_SP / 8] = thread->child_stack;
+  thread->untouched_sp = area[SYSCALL_APP_SP / 8];
+  area[SYSCALL_APP_SP / 8] -= KEPT_BELOW_SP;
   area[SYSCALL_CACHE_RETURN / 8] = scan(thread, thread->clone_resume_addr, 0);
   start_in_cache(frame, address_of(thread->code_cache) + stub_offset(syscall_leave));
 }
@@ -266,6 +268,7 @@ void end_thread(thread_data* thread, std::int32_t status) {
   hand_over_held_signals(thread);
 
   const std::uint64_t engine_sp = thread->engine_sp;
+  if (thread->kept_stack.size != 0) raw_syscall(SYS_munmap, thread->kept_stack.start, thread->kept_stack.size);
   // Settle the list before the thread's joiner is told, as the kernel does; see robust_list.h. For the first thread the
   // kernel alone does it.
   if (engine_sp != 0) settle_robust_list(find_robust_list(), thread->tid);

@@ -113,7 +113,7 @@ void leave_reentry_stub(const thread_data* thread, mcontext_t& context) {
   context.regs[0] = frame[2];
   context.regs[1] = frame[3];
   context.pc = frame_word(thread, REENTRY_SIZE, REENTRY_NEXT + 8);
-  context.sp += STUB_APP_FRAME_SIZE;
+  context.sp += STUB_APP_FRAME_SIZE + kept_below_sp(thread);
 }
 
 void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
@@ -157,7 +157,7 @@ bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
   const bool loads = a64_decode(reinterpret_cast<const std::uint32_t*>(context.pc)) == A64_LDR_STR_UNSIGNED;
   if (loads && (is_in_fault_block(thread, context.pc) || borrows_x0(reinterpret_cast<const std::uint32_t*>(source)))) {
     context.regs[0] = *reinterpret_cast<const std::uint64_t*>(context.sp);
-    context.sp += 16;
+    context.sp += 16 + (is_in_fault_block(thread, context.pc) ? 0 : kept_below_sp(thread));
   }
   context.pc = source;
   return true;

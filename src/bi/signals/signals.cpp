@@ -43,7 +43,9 @@ void raise_at_return(mcontext_t& context) {
   context.pc += sizeof(std::uint32_t);
 }
 
-signal_exit enter_handler(const thread_data* thread, std::uint64_t handler) {
+// The handler's blocks are ordinary ones, and so are those that it returns to: a signal writes below the stack pointer.
+signal_exit enter_handler(thread_data* thread, std::uint64_t handler) {
+  thread->untouched_sp = 0;
   return {thread->dispatcher_stub_addr, handler};
 }
 
@@ -80,6 +82,7 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
 signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
   const std::uint64_t handler = take_application_handler(signum);
   if (handler > 1) return enter_handler(thread, handler);
+  thread->untouched_sp = 0;
   context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
   if (handler == 0) {
     if (signum == SIGILL) set_kernel_action(signum, handler);  // The one action that the application cannot take back.
