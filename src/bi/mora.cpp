@@ -26,6 +26,7 @@
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/syscalls.h"
+#include "bi/kernel/vfork.h"
 #include "bi/code/traces.h"
 #include "common/log.h"
 #include "elf/elf_loader.h"
@@ -232,6 +233,7 @@ int unregister_thread(thread_data* thread, bool lock_held) {
 }
 
 void mora_terminate(thread_data* thread, std::int32_t status) {
+  if (thread->is_vfork_child != 0) end_vfork_child(status);
   log(LEVEL_INFO, "we're done; exiting with status: %d", status);
   pthread_mutex_lock(&engine.thread_list_lock);
   const pid_t process = getpid();
@@ -265,6 +267,11 @@ void mora_terminate(thread_data* thread, std::int32_t status) {
   pthread_mutex_unlock(&engine.thread_list_lock);
   deliver_exit(thread);
   std::exit(status);
+}
+
+bool is_process_ending(const thread_data* thread) {
+  // The end of its parent's process is not the child's.
+  return std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0 && thread->is_vfork_child == 0;
 }
 
 void abandon_thread(thread_data* thread) {

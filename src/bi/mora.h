@@ -164,8 +164,8 @@ struct thread_data {
   // How those who wait for the thread learn of its end, see kernel/threads.cpp.
   std::int32_t* library_tid_word;      // The C library wants it cleared at the thread's end; null: not known.
   std::int32_t* application_tid_word;  // The application wants it cleared and its waiter woken.
-  std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal. A new thread: its first mask.
   std::uint8_t clone_holds_locks;      // The engine's locks are held over the fork-like clone that is being made.
+  std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal. A new thread: its first mask.
   // Of a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;
   std::uint64_t call_mask_pair[2];  // Address and size of it, for calls that want both.
@@ -181,6 +181,11 @@ struct thread_data {
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
   std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
+  // Of a child in its parent's memory, see kernel/vfork.h. Its own handlers, unless the call shares them.
+  std::uint8_t is_vfork_child;
+  std::uint8_t shares_descriptors;
+  std::uint64_t* own_handlers;
+  std::uint64_t own_handler_table[SIGNAL_COUNT];
   held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
 };
 
@@ -217,6 +222,18 @@ extern engine_globals engine;
 // This thread's record; null on a thread of the tool's own.
 extern thread_local thread_data* current_thread;
 
+// Whether plug-ins are to hear of what the calling thread does. A child in its parent's memory is another process, and
+// what plug-ins have noted is its parent's.
+inline bool plugins_listen() {
+  return engine.plugin_count != 0 && (current_thread == nullptr || current_thread->is_vfork_child == 0);
+}
+
+// The application's handlers as the calling thread's process has them. Under signal_handlers_lock.
+inline std::uint64_t* application_handlers() {
+  const thread_data* thread = current_thread;
+  return thread != nullptr && thread->own_handlers != nullptr ? thread->own_handlers : engine.signal_handlers;
+}
+
 inline std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 // Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status.
@@ -245,6 +262,10 @@ int unregister_thread(thread_data* thread, bool lock_held);
 
 // Ends the process with `status` after every other thread has left the code cache or is parked in a system call.
 [[noreturn]] void mora_terminate(thread_data* thread, std::int32_t status);
+
+// Whether the process of the thread is ending. Pairs with the store in mora_terminate, which precedes the signal that
+// brings a thread to look.
+bool is_process_ending(const thread_data* thread);
 
 // Ends the calling thread for good while the process ends.
 [[noreturn]] void abandon_thread(thread_data* thread);

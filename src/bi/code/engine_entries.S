@@ -112,6 +112,27 @@ global_label start_in_cache
         msr     fpsr, x21
         br      x1
 
+// std::int64_t clone_in_memory(std::uint64_t flags, std::uint64_t parent_tid, std::uint64_t child_tid,
+// thread_data *child): the clone of a child that shares the caller's memory while the caller sleeps. Returns in the
+// parent, with the kernel's result.
+//
+//   The child's stack begins below the caller's stack pointer, where nobody writes meanwhile. Room for a system call's
+//   frame is kept at its beginning; vfork_child_start(child, engine_stack_top) fills it.
+global_label clone_in_memory
+        mov     x9, x3
+        mov     x4, x2
+        mov     x2, x1
+        sub     x1, sp, #0x100
+        mov     x3, #0
+        mov     x8, #NR_CLONE
+        svc     #0
+        cbz     x0, 1f
+        ret
+1:      mov     x0, x9
+        mov     x1, sp
+        sub     sp, sp, #SYSCALL_FRAME_SIZE
+        b       vfork_child_start
+
 // void enter_application(std::uint64_t block, std::uint64_t sp, std::uint64_t *engine_stack_word): the first entry into
 // the cache. The block pops the two zeros, so that the application starts with x0 and x1 at 0 and sp at the value given.
 // What lies below the tool's present stack pointer becomes the engine's stack. Does not return.

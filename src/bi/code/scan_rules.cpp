@@ -52,7 +52,7 @@ void put_vector_load(const code_writer& code, std::uint32_t opc, std::uint32_t r
 }  // namespace
 
 void mark_inserted_code(scan_state& state) {
-  if (engine.plugin_count != 0) mark_source(state.thread, state.write, MARK_INSERTED);
+  if (plugins_listen()) mark_source(state.thread, state.write, MARK_INSERTED);
 }
 
 void lower_sp(scan_state& state) {

@@ -47,6 +47,7 @@
 /* Words of hot_counter_stub that init_thread fills with the load of the counters' address. */
 #define HOT_COUNTER_SLOTS 4
 
+#define NR_CLONE 0xdc
 #define NR_TGKILL 0x83
 #define NR_RT_TGSIGQUEUEINFO 0xf0
 #define NR_RT_SIGRETURN 0x8b

@@ -24,6 +24,7 @@
 #include "bi/kernel/standard_files.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
+#include "bi/kernel/vfork.h"
 #include "bi/kernel/vm_ops.h"
 #include "common/log.h"
 
@@ -81,8 +82,14 @@ call_action handle_close_range(const std::uint64_t* args, std::int64_t* result) 
   return call_action::HANDLED;
 }
 
+// What a child in its parent's memory does to descriptors of its own is not noted: the notes are its parent's.
+bool is_descriptor_call(std::uint64_t number) {
+  return number == SYS_dup3 || number == SYS_close || number == SYS_CLOSE_RANGE;
+}
+
 // In the order of the numbers.
 call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_data* thread, std::int64_t* result) {
+  if (has_own_descriptors(thread) && is_descriptor_call(number)) return call_action::MAKE;
   switch (number) {
     case SYS_dup3: give_up_descriptors(low_half(args[1]), low_half(args[1])); return call_action::MAKE;
     case SYS_close:
@@ -111,11 +118,9 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_dat
     case SYS_munmap: *result = handle_munmap(args); return call_action::HANDLED;
     case SYS_mremap: *result = handle_mremap(args); return call_action::HANDLED;
     case SYS_clone:
-      if ((args[0] & CLONE_THREAD) == 0) {
-        prepare_fork(thread, args);
-        return call_action::MAKE;
-      }
-      return call_action::CLONE;
+      if ((args[0] & CLONE_THREAD) != 0 || is_vfork_in_memory(args[0])) return call_action::CLONE;
+      prepare_fork(thread, args);
+      return call_action::MAKE;
     case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
     case SYS_mprotect: *result = handle_mprotect(args); return call_action::HANDLED;
     // Made as it stands clone3 would start a thread on a stack without the wrapper's frame. As on a kernel that does
@@ -142,7 +147,7 @@ void leave_syscall(thread_data* thread) {
   // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
   std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) abandon_thread(thread);
+  if (is_process_ending(thread)) abandon_thread(thread);
 }
 
 namespace {
@@ -168,7 +173,7 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   args[SYSCALL_APP_SP / 8] += kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
   log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
   // The first argument is all that a post-syscall callback gets to see: the result takes its place.
-  if (engine.plugin_count != 0) thread->syscall_args = args[0];
+  if (plugins_listen()) thread->syscall_args = args[0];
   std::uint64_t result = 0;
   thread->flush_seen = 0;
   if (!deliver_pre_syscall(thread, number, args, next_inst, &result)) {
@@ -190,7 +195,9 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
 }
 
 extern "C" void syscall_clone(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread) {
-  const std::int64_t result = mora_create_thread(thread, args, next_inst);
+  const bool is_thread = (args[0] & CLONE_THREAD) != 0;
+  const std::int64_t result =
+      is_thread ? mora_create_thread(thread, args, next_inst) : make_vfork_child(thread, args, next_inst);
   finish_handled(low_half(number), args, next_inst, thread, static_cast<std::uint64_t>(result));
 }
 
@@ -222,7 +229,9 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
   }
   restore_argument(thread, args, 1);
   leave_syscall(thread);
-  args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
+  if (!has_own_descriptors(thread)) {
+    args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
+  }
   std::uint64_t result = args[0];
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
   args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);

@@ -23,6 +23,7 @@
 #include "bi/kernel/ending_threads.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/kernel/robust_list.h"
+#include "bi/kernel/vfork.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stub_layout.h"
 #include "bi/code/stubs.h"
@@ -99,25 +100,27 @@ int start_pthread(thread_data* child) {
 
 void store_tid(std::uint64_t address, std::int32_t tid) { *reinterpret_cast<std::int32_t*>(address) = tid; }
 
-// Makes, where the engine's stack of the new thread begins, a copy of the parent's frame: the thread comes back from the
-// call as its parent does, with the same registers.
+}  // namespace
+
 void copy_parent_frame(const thread_data* thread, const std::uint64_t* args) {
   const std::uint64_t frame = engine_stack(thread) - SYSCALL_FRAME_SIZE;
   std::memcpy(reinterpret_cast<void*>(frame), args - STUB_SIMD_REGS_SIZE / sizeof *args, SYSCALL_FRAME_SIZE);
 }
 
-// Goes into the cache from that copy. Without a stack of its own (0) a thread goes on where its parent stands.
-[[noreturn]] void leave_clone(thread_data* thread) {
+void leave_clone(thread_data* thread) {
   const std::uint64_t frame = engine_stack(thread) - SYSCALL_FRAME_SIZE;
   auto* area = reinterpret_cast<std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
   area[SYSCALL_X0 / 8] = 0;  // clone returns 0 in the child.
   area[3] = thread->clone_x3;
-  if (thread->child_stack != 0) area[SYSCALL_APP_SP / 8] = thread->child_stack;
-  thread->untouched_sp = area[SYSCALL_APP_SP / 8];
-  area[SYSCALL_APP_SP / 8] -= KEPT_BELOW_SP;
+  if (thread->child_stack != 0) {
+    thread->untouched_sp = thread->child_stack;
+    area[SYSCALL_APP_SP / 8] = thread->child_stack - KEPT_BELOW_SP;
+  }
   area[SYSCALL_CACHE_RETURN / 8] = scan(thread, thread->clone_resume_addr, 0);
   start_in_cache(frame, address_of(thread->code_cache) + stub_offset(syscall_leave));
 }
+
+namespace {
 
 // Hands signals that were counted for this thread and not yet raised to another thread. With this thread's end they
 // would be lost to the process. The caller has all signals blocked, so that they do not come back here.
@@ -157,10 +160,6 @@ void restore_signal_mask(std::uint64_t mask) {
   raw_syscall(SYS_rt_sigprocmask, SIG_SETMASK, address_of(&mask), 0, KERNEL_SIGSET_SIZE);
 }
 
-namespace {
-
-// A new thread's record, or null if the kernel refuses its memory; what was mapped until then is given back. The first
-// refusal is logged, because the application gets an ordinary error and may not tell anybody of it.
 thread_data* make_thread_record() {
   static std::atomic<bool> was_refused{false};
   thread_data* record = nullptr;
@@ -177,8 +176,6 @@ thread_data* make_thread_record() {
   }
   return nullptr;
 }
-
-}  // namespace
 
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
   // The kernel would refuse this too; it is not asked. A pthread shares both.
@@ -253,6 +250,7 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
 
 void end_thread(thread_data* thread, std::int32_t status) {
   log(LEVEL_TRACE, "thread exit");
+  if (thread->is_vfork_child != 0) end_vfork_child(status);  // It has this one thread.
   // Block all signals: the record goes away below, and a signal must not find the thread without one.
   const std::uint64_t mask = block_all_signals();
   pthread_mutex_lock(&engine.thread_list_lock);

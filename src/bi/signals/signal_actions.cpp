@@ -39,6 +39,14 @@ struct action_disguise {
 action_disguise action_disguises[SIGNAL_COUNT] = {{}, {}, {}, {}, {true, false, false}};
 static_assert(SIGILL == 4);
 
+// The same of children in their parents' memory, whose actions are their own.
+action_disguise child_disguises[SIGNAL_COUNT];
+
+action_disguise& disguise_of(int signum) {
+  const bool is_own = application_handlers() != engine.signal_handlers;
+  return is_own ? child_disguises[signum] : action_disguises[signum];
+}
+
 constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std::uint64_t);
 
 // The action that the kernel gets for one of the application's. It is a copy: the application's record may lie in
@@ -63,8 +71,8 @@ kernel_sigaction disguised_action(int signum, const kernel_sigaction& wanted, ac
 
 // The action as the application has set it. The caller holds signal_handlers_lock.
 kernel_sigaction undisguised_action(int signum, kernel_sigaction action) {
-  const action_disguise& disguise = action_disguises[signum];
-  if (action.handler > 1) action.handler = engine.signal_handlers[signum];
+  const action_disguise& disguise = disguise_of(signum);
+  if (action.handler > 1) action.handler = application_handlers()[signum];
   if (disguise.adds_siginfo) action.flags &= ~std::uint64_t{SA_SIGINFO};
   if (disguise.once) action.flags |= SA_RESETHAND;
   if (disguise.unmasks_sigill) action.mask |= SIGILL_BIT;
@@ -72,6 +80,20 @@ kernel_sigaction undisguised_action(int signum, kernel_sigaction action) {
 }
 
 }  // namespace
+
+void copy_actions(std::uint64_t* handlers) {
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  for (int signum = 0; signum < SIGNAL_COUNT; ++signum) {
+    handlers[signum] = application_handlers()[signum];
+    child_disguises[signum] = disguise_of(signum);
+  }
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+}
+
+void take_copied_actions(const std::uint64_t* handlers) {
+  std::memcpy(engine.signal_handlers, handlers, sizeof engine.signal_handlers);
+  std::memcpy(action_disguises, child_disguises, sizeof action_disguises);
+}
 
 std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   const auto signum = static_cast<int>(args[0]);
@@ -95,8 +117,8 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
     if (oldact != 0) old = undisguised_action(signum, old);
     if (act != 0) {
       // Atomic: the signal dispatcher reads the handler without the lock. Relaxed: it reads nothing else with it.
-      std::atomic_ref(engine.signal_handlers[signum]).store(wanted.handler, std::memory_order_relaxed);
-      action_disguises[signum] = disguise;
+      std::atomic_ref(application_handlers()[signum]).store(wanted.handler, std::memory_order_relaxed);
+      disguise_of(signum) = disguise;
     }
   }
   pthread_mutex_unlock(&engine.signal_handlers_lock);
@@ -109,11 +131,11 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
 
 std::uint64_t take_application_handler(int signum) {
   pthread_mutex_lock(&engine.signal_handlers_lock);
-  const std::uint64_t handler = engine.signal_handlers[signum];
-  action_disguise& disguise = action_disguises[signum];
+  const std::uint64_t handler = application_handlers()[signum];
+  action_disguise& disguise = disguise_of(signum);
   if (disguise.once && handler > 1) {
     disguise.once = false;
-    std::atomic_ref(engine.signal_handlers[signum]).store(0, std::memory_order_relaxed);
+    std::atomic_ref(application_handlers()[signum]).store(0, std::memory_order_relaxed);
     if (signum != SIGILL) {
       const kernel_sigaction default_action{};
       raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&default_action), 0,

@@ -14,4 +14,9 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args);
 // (SA_RESETHAND) is taken back. Only where application code was interrupted: takes signal_handlers_lock.
 std::uint64_t take_application_handler(int signum);
 
+// Fills the handlers of a child that shares memory, but not its signal actions, with the calling thread's process. A
+// child of that one, which has a copy of the memory, makes them its process's.
+void copy_actions(std::uint64_t* handlers);
+void take_copied_actions(const std::uint64_t* handlers);
+
 }  // namespace ceilmeter

@@ -170,8 +170,7 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
   look_again(thread, context);
   const std::uint64_t pc = context.pc;
 
-  // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) return lead_out(thread, ucontext, fault);
+  if (is_process_ending(thread)) return lead_out(thread, ucontext, fault);
   if (fault && is_stub_point(thread, pc, reentry_raise)) {
     raise_at_return(context);
     return GO_ON;
