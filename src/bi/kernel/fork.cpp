@@ -16,6 +16,7 @@
 #include "bi/code/stub_layout.h"
 #include "bi/kernel/threads.h"
 #include "bi/kernel/vfork.h"
+#include "bi/signals/application_stack.h"
 
 namespace ceilmeter {
 
@@ -107,6 +108,7 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   std::uint64_t flags = args[0];
   // Give the child a true copy: with shared memory it would run in the parent's engine state while the parent does.
   // A child whose parent sleeps does not come here. The kernel refuses CLONE_SIGHAND without shared memory.
+  thread->clone_clears_stack = (flags & (CLONE_VM | CLONE_VFORK)) == CLONE_VM ? 1 : 0;
   if ((flags & CLONE_VM) != 0) flags &= ~std::uint64_t{CLONE_VM | CLONE_SIGHAND};
   thread->child_tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
   flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
@@ -142,6 +144,7 @@ void finish_fork(thread_data* thread, std::uint64_t* args) {
     // The child has a copy of the engine's stack with the wrapper's frame; only the application's stack is another.
     if (args[1] != 0) args[SYSCALL_APP_SP / 8] = args[1];
     thread->tls = thread->child_tls;
+    if (thread->clone_clears_stack != 0) clear_application_stack(thread);
     reinit_after_fork(thread);
   } else if (thread->clone_holds_locks != 0) {
     unlock_all();

@@ -13,12 +13,14 @@
 #include "bi/kernel/syscalls.h"
 #include "bi/kernel/threads.h"
 #include "bi/signals/signal_actions.h"
+#include "bi/signals/signal_stack.h"
 
 namespace ceilmeter {
 
 // In the child, on its part of the engine's stack.
 extern "C" void vfork_child_start(thread_data* child, std::uint64_t engine_stack_top) {
   current_thread = child;
+  use_signal_stack(child);
   use_engine_stack(child, engine_stack_top);
   child->tid = gettid();
   copy_parent_frame(child, child->clone_args);
@@ -39,6 +41,8 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
     child->own_handlers = child->own_handler_table;
   }
   child->tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
+  child->own_stack = thread->own_stack;
+  child->accepted_stack = thread->accepted_stack;
   child->clone_x3 = args[3];
   child->child_stack = args[1];
   child->clone_resume_addr = next_inst;

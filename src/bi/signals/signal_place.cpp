@@ -4,6 +4,7 @@
 #include <asm/sigcontext.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
 #include "bi/a64/a64.h"
@@ -135,6 +136,12 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
   context.sp = area[SYSCALL_APP_SP / 8];
 }
 
+void find_mask_of_call(const thread_data* thread, const mcontext_t& context, std::uint64_t* mask) {
+  if (static_cast<std::int64_t>(context.regs[0]) != -EINTR) return;
+  const std::uint64_t* area = save_area(thread);
+  read_mask_of_call(area[SYSCALL_X8 / 8], area, mask);
+}
+
 void undo_syscall(thread_data* thread, mcontext_t& context) {
   std::uint64_t* area = save_area(thread);
   restore_argument(thread, area, 0);
@@ -150,6 +157,10 @@ bool is_in_fault_block(const thread_data* thread, std::uint64_t pc) {
 }
 
 bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
+  // The one place that writes to the application's stack while sp is the engine's.
+  if (is_between(thread, context.pc, syscall_leave, cache_reentry_stub)) {
+    context.sp = save_area(thread)[SYSCALL_APP_SP / 8];
+  }
   if (!is_in_code_range(thread, context.pc)) return false;
   const std::uint64_t source = source_of_cache_address(thread, context.pc);
   if (source == 0) return false;

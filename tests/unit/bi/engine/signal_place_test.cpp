@@ -2,6 +2,7 @@
 #include "bi/signals/signal_place.h"
 
 #include <cstring>
+#include <vector>
 
 #include "signals_fixture.h"
 
@@ -21,10 +22,17 @@ class signal_place : public signals_fixture {
     *engine_stack_word(thread) = address_of(std::end(engine_stack_words));
     return std::end(engine_stack_words) - size / 8;
   }
+  // The application's stack goes on where there is room for a signal's frame below.
+  std::uint64_t* engine_syscall_frame() {
+    alignas(16) static std::uint64_t room[sizeof(made_frame) / 8 + 8];
+    std::uint64_t* frame = engine_frame(SYSCALL_FRAME_SIZE);
+    frame[(STUB_SIMD_REGS_SIZE + SYSCALL_APP_SP) / 8] = address_of(room + sizeof(made_frame) / 8);
+    return frame;
+  }
 };
 
 TEST_F(signal_place, one_at_a_system_calls_return_takes_the_frame_apart) {
-  const std::uint64_t* frame = engine_frame(SYSCALL_FRAME_SIZE);
+  const std::uint64_t* frame = engine_syscall_frame();
   const std::uint64_t* area = frame + STUB_SIMD_REGS_SIZE / 8;
   engine.signal_handlers[SIGUSR1] = address_of(one_ret);
   auto* record = reinterpret_cast<fpsimd_context*>(context().__reserved);
@@ -48,7 +56,7 @@ TEST_F(signal_place, one_at_a_system_calls_return_takes_the_frame_apart) {
 }
 
 TEST_F(signal_place, one_at_a_system_calls_return_leaves_the_bits_of_pstate_beyond_the_flags_alone) {
-  engine_frame(SYSCALL_FRAME_SIZE);
+  engine_syscall_frame();
   constexpr std::uint64_t ssbs = 1ULL << 12;
   constexpr std::uint64_t dit = 1ULL << 24;
   constexpr std::uint64_t tco = 1ULL << 25;

@@ -15,6 +15,7 @@
 
 #include "bi/code/code_cache.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
@@ -83,7 +84,8 @@ std::uint64_t* engine_stack_word(const thread_data* thread) {
 
 bool is_process_ending(const thread_data*) { return engine.exit_flag != 0; }
 
-const char* try_init_thread(thread_data*) {
+const char* try_init_thread(thread_data* thread) {
+  if (fake.missing_memory == nullptr && map_signal_stack(thread)) return nullptr;
   errno = EACCES;
   return fake.missing_memory;
 }
@@ -91,6 +93,7 @@ const char* try_init_thread(thread_data*) {
 void free_thread_data(thread_data* thread) {
   ++fake.records_freed;
   munmap(thread->code_cache, STUBS_SIZE);
+  free_signal_stack(thread);
   munmap(thread, sizeof(thread_data));
 }
 
@@ -125,6 +128,8 @@ std::uint64_t scan(thread_data*, std::uint64_t, std::int32_t) {
 
 std::uint64_t lookup_or_scan(thread_data*, std::uint64_t source) { return test::cache_of(source); }
 
+std::uint64_t hash_lookup_entry(const thread_data*, std::uint64_t) { return HASH_MISS; }
+
 void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
 bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }
@@ -143,7 +148,7 @@ thread_local std::uint64_t guarded_engine_stack = 0;
 void dispatcher(std::uint64_t, std::int32_t, std::uint64_t*, thread_data*) { std::abort(); }
 void create_trace(thread_data*, std::int32_t, std::uint64_t*) { std::abort(); }
 std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t*) { std::abort(); }
-signal_exit signal_dispatcher(int, void*, void*) { std::abort(); }
+void signal_dispatcher(signal_frame*, std::uint64_t, std::uint64_t) { std::abort(); }
 }
 
 namespace test {
@@ -166,6 +171,7 @@ syscalls_test::syscalls_test()
   engine.code_ranges_dropped = 0;
   robin_map_init(&engine.function_watches, 264);
   allocate_thread_data(&thread);
+  map_signal_stack(thread);
   thread->tid = gettid();
   engine.thread_list = thread;
   current_thread = thread;
@@ -176,6 +182,8 @@ syscalls_test::~syscalls_test() {
   alarm(0);
   current_thread = nullptr;
   munmap(thread->code_cache, STUBS_SIZE);
+  leave_signal_stack();
+  free_signal_stack(thread);
   munmap(thread, sizeof(thread_data));
   robin_map_destroy(&engine.function_watches);
   interval_map_delete(&engine.exec_ranges, 0, ~std::uint64_t{0});
