@@ -28,6 +28,7 @@
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/syscalls.h"
+#include "bi/kernel/vfork.h"
 #include "bi/code/traces.h"
 #include "common/log.h"
 #include "elf/elf_loader.h"
@@ -236,6 +237,7 @@ int unregister_thread(thread_data* thread, bool lock_held) {
 }
 
 void mora_terminate(thread_data* thread, std::int32_t status) {
+  if (thread->is_vfork_child != 0) end_vfork_child(status);
   log(LEVEL_INFO, "we're done; exiting with status: %d", status);
   pthread_mutex_lock(&engine.thread_list_lock);
   const pid_t process = getpid();
@@ -271,10 +273,19 @@ void mora_terminate(thread_data* thread, std::int32_t status) {
   std::exit(status);
 }
 
+bool is_process_ending(const thread_data* thread) {
+  // The end of its parent's process is not the child's.
+  return std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0 && thread->is_vfork_child == 0;
+}
+
 void abandon_thread(thread_data* thread) {
   // Release: pairs with the acquire in mora_terminate, which delivers this thread's thread_exit from another one.
   std::atomic_ref(thread->status).store(THREAD_ABANDONED, std::memory_order_release);
   pthread_exit(nullptr);
+}
+
+std::uint64_t* engine_stack_word(const thread_data* thread) {
+  return reinterpret_cast<std::uint64_t*>(stub_copy(thread, word_engine_stack));
 }
 
 void free_thread_data(thread_data* thread) {

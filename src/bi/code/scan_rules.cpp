@@ -52,7 +52,15 @@ void put_vector_load(const code_writer& code, std::uint32_t opc, std::uint32_t r
 }  // namespace
 
 void mark_inserted_code(scan_state& state) {
-  if (engine.plugin_count != 0) mark_source(state.thread, state.write, MARK_INSERTED);
+  if (plugins_listen()) mark_source(state.thread, state.write, MARK_INSERTED);
+}
+
+void lower_sp(scan_state& state) {
+  if (keeps_below_sp(state.thread)) code_writer{state.write}.sub(sp, sp, KEPT_BELOW_SP);
+}
+
+void raise_sp(scan_state& state) {
+  if (keeps_below_sp(state.thread)) code_writer{state.write}.add(sp, sp, KEPT_BELOW_SP);
 }
 
 std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int width) {
@@ -62,6 +70,7 @@ std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int 
 void rewrite_svc(scan_state& state) {
   const code_writer code{state.write};
   const std::uint32_t* next = state.read + 1;
+  lower_sp(state);
   code.push(x29, x30);
   code.load_const(x29, address_of(next));
   code.bl(state.thread->syscall_wrapper_addr);
@@ -70,6 +79,7 @@ void rewrite_svc(scan_state& state) {
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, next});
   state.bb_start = next;
   deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
+  raise_sp(state);
 }
 
 void rewrite_system_register(scan_state& state) {
@@ -84,6 +94,7 @@ void rewrite_system_register(scan_state& state) {
   }
   // TPIDR_EL0 itself always holds the value of the tool's C library.
   const x_register scratch = reg == x0.number ? x1 : x0;
+  lower_sp(state);
   code.push(scratch);
   code.load_const(scratch, address_of(&state.thread->tls));
   if (is_read != 0) {
@@ -92,6 +103,7 @@ void rewrite_system_register(scan_state& state) {
     code.stur(x_register{reg}, at(scratch));
   }
   code.pop(scratch);
+  raise_sp(state);
 }
 
 void rewrite_literal_load(scan_state& state) {
@@ -110,6 +122,7 @@ void rewrite_literal_load(scan_state& state) {
     return;
   }
   if (is_vector != 0 && opc == 3) log(LEVEL_FATAL, "unallocated encoding");
+  lower_sp(state);
   code.push(x0);
   code.load_const(x0, target);
   if (is_vector == 0) {
@@ -118,6 +131,7 @@ void rewrite_literal_load(scan_state& state) {
     put_vector_load(code, opc, reg, x0);
   }
   code.pop(x0);
+  raise_sp(state);
 }
 
 void rewrite_address(scan_state& state) {

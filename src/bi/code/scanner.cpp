@@ -34,6 +34,7 @@ void reserve_space(scan_state& state, std::uint32_t size) {
 // The exit of every kind begins with the words that the dispatcher turns into links.
 void begin_exit(scan_state& state, bb_exit_kind kind, std::uint64_t taken, std::uint64_t skipped) {
   bb_meta& meta = meta_of(state);
+  lower_sp(state);
   meta.exit_kind = kind;
   meta.exit_code_addr = state.write;
   meta.taken_source_addr = taken;
@@ -234,7 +235,13 @@ void deliver_start(scan_state& state, const std::uint32_t* first, bool allow_cod
 void deliver_late_start(scan_state& state, const std::uint32_t* first) {
   if (!state.stop && !is_store_exclusive(state.read[-1])) return;
   state.starts_behind_store = false;
-  deliver_start(state, first, !state.stop);
+  if (state.stop) {
+    deliver_start(state, first, false);
+    return;
+  }
+  lower_sp(state);
+  deliver_start(state, first, true);
+  raise_sp(state);
 }
 
 void scan_words(scan_state& state) {
@@ -314,6 +321,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   begin_source_marks(thread, start);
 
   if (!is_readable(read_address)) {
+    raise_sp(state);
     put_fault(state);
     meta.source_words = 1;
     end_source_marks(thread, state.write);
@@ -322,10 +330,12 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   // The code at a watched function's entry has to see the registers as they are there.
   state.starts_behind_store = begins_between_exclusives(read_address) && !is_watched_function(read_address);
   if (!state.starts_behind_store) {
-    if (type == FRAGMENT_BLOCK && find_end(read_address).is_direct_branch) put_hot_counter(state);
+    const bool counts = type == FRAGMENT_BLOCK && !keeps_below_sp(thread) && find_end(read_address).is_direct_branch;
+    if (counts) put_hot_counter(state);
     deliver_start(state, read_address, true);
   }
   // No hot counter for the others: where it is the store has been made, and a trace would begin with making it again.
+  raise_sp(state);
   scan_words(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});

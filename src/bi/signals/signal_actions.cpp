@@ -30,6 +30,14 @@ application_action application_actions[SIGNAL_COUNT];
 
 constexpr std::uint64_t LAST_ACTION_WORD = sizeof(application_action) - sizeof(std::uint64_t);
 
+// The same of children in their parents' memory, whose actions are their own.
+application_action child_actions[SIGNAL_COUNT];
+
+application_action& kept_action(int signum) {
+  const bool is_own = application_handlers() != engine.signal_handlers;
+  return is_own ? child_actions[signum] : application_actions[signum];
+}
+
 // The flags that the kernel does not get as the application has set them.
 //   SA_SIGINFO    the engine always wants it
 //   SA_ONSTACK    the engine's signal stack takes every frame
@@ -62,14 +70,28 @@ application_action engine_action(int signum, const application_action& wanted) {
 // caller holds signal_handlers_lock.
 application_action told_action(int signum, application_action action) {
   if (action.handler <= 1) return action;
-  const application_action& set = application_actions[signum];
-  action.handler = engine.signal_handlers[signum];
+  const application_action& set = kept_action(signum);
+  action.handler = application_handlers()[signum];
   action.flags = (action.flags & ~REPLACED_FLAGS) | (set.flags & REPLACED_FLAGS);
   action.mask = set.mask & ~(signal_bit(SIGKILL) | signal_bit(SIGSTOP));
   return action;
 }
 
 }  // namespace
+
+void copy_actions(std::uint64_t* handlers) {
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  for (int signum = 0; signum < SIGNAL_COUNT; ++signum) {
+    handlers[signum] = application_handlers()[signum];
+    child_actions[signum] = kept_action(signum);
+  }
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+}
+
+void take_copied_actions(const std::uint64_t* handlers) {
+  std::memcpy(engine.signal_handlers, handlers, sizeof engine.signal_handlers);
+  std::memcpy(application_actions, child_actions, sizeof application_actions);
+}
 
 std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   const auto signum = static_cast<int>(args[0]);
@@ -92,8 +114,8 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
     if (oldact != 0) old = told_action(signum, old);
     if (act != 0) {
       // Atomic: the signal dispatcher reads the handler without the lock. Relaxed: it reads nothing else with it.
-      std::atomic_ref(engine.signal_handlers[signum]).store(wanted.handler, std::memory_order_relaxed);
-      application_actions[signum] = wanted;
+      std::atomic_ref(application_handlers()[signum]).store(wanted.handler, std::memory_order_relaxed);
+      kept_action(signum) = wanted;
     }
   }
   pthread_mutex_unlock(&engine.signal_handlers_lock);
@@ -106,12 +128,12 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
 
 application_action take_application_action(int signum) {
   pthread_mutex_lock(&engine.signal_handlers_lock);
-  application_action& kept = application_actions[signum];
+  application_action& kept = kept_action(signum);
   application_action action = kept;
-  action.handler = engine.signal_handlers[signum];
+  action.handler = application_handlers()[signum];
   if ((kept.flags & SA_RESETHAND) != 0 && action.handler > 1) {
     kept.flags &= ~std::uint64_t{SA_RESETHAND};
-    std::atomic_ref(engine.signal_handlers[signum]).store(0, std::memory_order_relaxed);
+    std::atomic_ref(application_handlers()[signum]).store(0, std::memory_order_relaxed);
     if (signum != SIGILL) {
       const application_action default_action{};
       raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&default_action), 0,

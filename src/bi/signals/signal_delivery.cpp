@@ -75,7 +75,7 @@ std::uint64_t handled_signals() {
   std::uint64_t mask = 0;
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
     if (is_synchronous(signum)) continue;
-    const std::uint64_t handler = std::atomic_ref(engine.signal_handlers[signum]).load(std::memory_order_relaxed);
+    const std::uint64_t handler = std::atomic_ref(application_handlers()[signum]).load(std::memory_order_relaxed);
     if (handler > 1) mask |= signal_bit(signum);
   }
   return mask;
@@ -87,7 +87,7 @@ void block_handled_signals() {
 }
 
 bool has_deliverable_signal(thread_data* thread) {
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) return true;
+  if (is_process_ending(thread)) return true;
   if (find_pending_signal(thread) >= 0) return true;
   if (std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0)
     give_back_blocked_signals(thread);
@@ -96,7 +96,7 @@ bool has_deliverable_signal(thread_data* thread) {
 
 extern "C" std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t* info) {
   thread_data* thread = current_thread;
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) abandon_thread(thread);
+  if (is_process_ending(thread)) abandon_thread(thread);
   // Read the sum before the counters. If a signal comes in between, the stub then asks again.
   const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const int signum = find_pending_signal(thread);

@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::uint64_t FRAME_ALIGNMENT = 16;
 constexpr std::uint64_t FRAME_RECORD_SIZE = 16;
-constexpr std::uint64_t ENTRY_PUSH = 16;  // x0 and x1, for an entry by the dispatcher.
+constexpr std::uint64_t ENTRY_PUSH = STUB_APP_FRAME_SIZE;  // For an entry by the dispatcher.
 
 #ifndef SA_RESTORER
 constexpr std::uint64_t SA_RESTORER = 0x04000000;  // The kernel's; C libraries keep it to themselves.

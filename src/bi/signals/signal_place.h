@@ -41,7 +41,7 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context);
 
 // Before that: if the call brings a signal mask for its own time and has been interrupted, that mask is in force, and
 // `*mask` becomes it.
-void find_mask_of_call(const mcontext_t& context, std::uint64_t* mask);
+void find_mask_of_call(const thread_data* thread, const mcontext_t& context, std::uint64_t* mask);
 
 // The signal came before the call was made, or has interrupted it in a way that lets it be made again (SA_RESTART): the
 // application stands at its own SVC, with the arguments as they were.

@@ -84,7 +84,9 @@ void handle_lack_of_stack(thread_data* thread, const arrival& signal) {
   if (action.handler <= 1 || !enter_handler(thread, signal.frame, signal.end, action, signal.mask)) die_of_sigsegv();
 }
 
+// The handler's blocks are ordinary ones, and so are those that it returns to: a signal writes below the stack pointer.
 void run_handler_of(thread_data* thread, const arrival& signal, const application_action& action) {
+  thread->untouched_sp = 0;
   if (!enter_handler(thread, signal.frame, signal.end, action, signal.mask)) handle_lack_of_stack(thread, signal);
 }
 
@@ -117,6 +119,7 @@ void run_handler(thread_data* thread, const arrival& signal) {
   const int signum = signal.signum();
   const application_action action = take_application_action(signum);
   if (action.handler > 1) return run_handler_of(thread, signal, action);
+  thread->untouched_sp = 0;
   context_redirect_to_dispatcher(thread, &signal.frame->ucontext, signal.context().pc);
   if (action.handler != 0) return;
   if (signum == SIGILL) set_kernel_action(signum, 0);  // The one action that the application cannot take back.
@@ -164,7 +167,7 @@ bool restore_application_context(thread_data* thread, mcontext_t& context, std::
   const bool returns = is_stub_point(thread, context.pc, syscall_return_point);
   if (!returns && !is_before_syscall(thread, context.pc)) return false;
   if (returns) {
-    find_mask_of_call(context, mask);
+    find_mask_of_call(thread, context, mask);
     leave_syscall_wrapper(thread, context);
   } else {
     undo_syscall(thread, context);
@@ -206,8 +209,7 @@ void dispatch(thread_data* thread, arrival& signal) {
   look_again(thread, context);
   const std::uint64_t pc = context.pc;
 
-  // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) return lead_out(thread, signal, fault);
+  if (is_process_ending(thread)) return lead_out(thread, signal, fault);
   if (fault && is_stub_point(thread, pc, reentry_raise)) return raise_at_return(context);
   if (restore_application_context(thread, context, &signal.mask)) return run_handler(thread, signal);
   const std::uint64_t place = fragment_place(thread, context);
