@@ -50,7 +50,7 @@ static int set(void* place, size_t size, int flags) {
 static void errors(void) {
   const int flags[] = {0,          SS_ONSTACK,          SS_DISABLE,          3,       4, 0x100,
                        AUTODISARM, (int)(1U << 31 | 1), (int)(1U << 31 | 2), 1 << 30, -1};
-  const size_t sizes[] = {0, 1, 2047, 2048, LEAST - 1, LEAST, STACK, 1UL << 40};
+  const size_t sizes[] = {0, 1, 2047, 2048, LEAST - 1, LEAST, STACK};
   for (size_t flag = 0; flag < sizeof flags / sizeof *flags; ++flag) {
     for (size_t size = 0; size < sizeof sizes / sizeof *sizes; ++size) {
       printf("flags 0x%x, size %zu: %d; ", (unsigned)flags[flag], sizes[size], set(stack, sizes[size], flags[flag]));
