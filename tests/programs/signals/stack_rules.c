@@ -96,8 +96,9 @@ static void look(int number, siginfo_t* info, void* context) {
          (unsigned)ucontext->uc_stack.ss_flags, (void*)ucontext->uc_link, ucontext->uc_flags);
   const uintptr_t frame = (uintptr_t)info;
   const uintptr_t sp = ucontext->uc_mcontext.sp;
-  const int is_at_top = is_in(info, stack) && !is_in((void*)(sp - 1), stack);
-  const uintptr_t top = is_at_top ? (uintptr_t)stack + STACK : sp;
+  const char* area = is_in(info, stack) ? stack : is_in(info, other) ? other : NULL;
+  const int is_at_top = area != NULL && !is_in((void*)(sp - 1), area);
+  const uintptr_t top = is_at_top ? (uintptr_t)area + STACK : sp;
   printf("frame: %d, siginfo at %zu below %s, aligned %d\n", (int)((uintptr_t)context - frame), (size_t)(top - frame),
          is_at_top ? "the stack's top" : "sp", (int)(frame % 16));
   // The handler's own record leads to the frame's, which holds the registers of the interrupted code.
