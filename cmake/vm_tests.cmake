@@ -1,12 +1,18 @@
 # ceilmeter_vm_test: a ctest that runs its command on a real arm64 kernel in a virtual machine (tools/vm/run). Paths in
 # COMMAND are the machine's: this build tree is /build, the source tree /src, both read-only.
 
-# ceilmeter_vm_test(NAME name [CPUS n] [MEMORY megabytes] [NUMA] [PARANOID n] [TIMEOUT seconds] [LABELS label...]
-#   COMMAND command [argument...])
+# ceilmeter_vm_test(NAME name [CPUS n] [MEMORY megabytes] [NUMA] [PARANOID n] [TIMEOUT seconds] [COST seconds]
+#   [BUSY_PROCESSORS n] [LABELS label...] COMMAND command [argument...])
 # registers aarch64.vm.<name>. The machine's own bound is TIMEOUT (default 300); ctest's lies beyond it, so that a hang
 # ends with the console's tail in the log.
+# BUSY_PROCESSORS tells ctest how many of the host's processors the test keeps busy. Most run one program after another
+# and keep one busy, however many the machine has: two such tests run side by side. Where CPUS is given, threads meet,
+# and the default is 2.
+# COST is about how long it takes on an idle host. ctest starts the costly ones first, so that none is left to run alone
+# at the end.
 function(ceilmeter_vm_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA" "NAME;CPUS;CPU;MEMORY;PARANOID;TIMEOUT" "LABELS;COMMAND")
+  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA" "NAME;CPUS;CPU;MEMORY;PARANOID;TIMEOUT;COST;BUSY_PROCESSORS"
+    "LABELS;COMMAND")
   if(arg_UNPARSED_ARGUMENTS OR NOT arg_NAME OR NOT arg_COMMAND)
     message(FATAL_ERROR "ceilmeter_vm_test wants NAME and COMMAND, and knows no '${arg_UNPARSED_ARGUMENTS}'")
   endif()
@@ -26,7 +32,17 @@ function(ceilmeter_vm_test)
   endif()
   set(test "aarch64.vm.${arg_NAME}")
   add_test(NAME "${test}" COMMAND "${PROJECT_SOURCE_DIR}/tools/vm/run" ${options} -- ${arg_COMMAND})
-  # A machine keeps two processors of the host busy: one at a time.
+  set(busy 1)
+  if(arg_BUSY_PROCESSORS)
+    set(busy "${arg_BUSY_PROCESSORS}")
+  elseif(arg_CPUS)
+    set(busy 2)
+  endif()
+  set(cost 10)
+  if(arg_COST)
+    set(cost "${arg_COST}")
+  endif()
   math(EXPR limit "${timeout} + 60")
-  set_tests_properties("${test}" PROPERTIES PROCESSORS 2 TIMEOUT "${limit}" LABELS "vm;${arg_LABELS}")
+  set_tests_properties("${test}" PROPERTIES PROCESSORS "${busy}" COST "${cost}" TIMEOUT "${limit}"
+    LABELS "vm;${arg_LABELS}")
 endfunction()
