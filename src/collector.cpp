@@ -42,6 +42,8 @@ std::vector<std::string> copy_folders() { return {start_folder(), start_temporar
 // the run as before.
 void leave_the_application_behind(const collector_config& config) {
   if ((config.phase & PHASE_BINTRACER) != 0) {
+    const int signum = config.tracer->get_ending_signal();
+    if (signum != 0) note_end_by_signal(signum);
     restore_process_state();
     // The result is the user's file, not the application's. In region mode a relative path stays the application's: its
     // counters are in the file that it has written under that path. The folder may be gone, or out of reach of a user
@@ -153,12 +155,11 @@ void keep_before_benchmarks(collector_config& config, collector_report& report, 
   keeper.keep(report);
 }
 
-// What was counted before somebody stopped the run is its result. The phases that are left would start the application
-// again, or take as long.
-void drop_later_phases(collector_config& config) {
+// What was counted before the run was stopped is its result.
+void drop_phases(collector_config& config, std::uint32_t phases) {
   log(LEVEL_WARN, "Stopped by signal %d (%s): the report holds what was counted before", interrupting_signal(),
       strsignal(interrupting_signal()));
-  config.phase &= PHASE_PERFMON;
+  config.phase &= ~phases;
 }
 
 }  // namespace
@@ -176,7 +177,8 @@ std::uint64_t start_collect(collector_config& config, finish_function finish) {
   if ((config.phase & PHASE_PERFMON) != 0) {
     config.perfmon_report = run_app_with_perfmon(config);
     log(LEVEL_INFO, "Finish phase Perfmon");
-    if (interrupting_signal() != 0) drop_later_phases(config);
+    // The other phases would start the application again, or take as long.
+    if (interrupting_signal() != 0) drop_phases(config, PHASE_BINTRACER | PHASE_BENCHMARKS);
   }
   if ((config.phase & PHASE_BINTRACER) != 0) {
     keep_counters(config);
@@ -218,6 +220,8 @@ bool set_env_for_region_mode(const std::string& name, const std::string& value) 
 void finish_collect(collector_config& config) {
   leave_the_application_behind(config);
   give_up_rights();
+  // The roofs would take longer than the process is given, and they can be measured in a run of their own.
+  if ((config.phase & PHASE_BINTRACER) != 0 && interrupting_signal() != 0) drop_phases(config, PHASE_BENCHMARKS);
   terminal_progress progress;
   bintracer_report tracer_report;
   if ((config.phase & PHASE_BINTRACER) != 0) {

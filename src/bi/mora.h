@@ -204,6 +204,11 @@ struct engine_globals {
   // brk_lock and before callbacks_lock.
   pthread_mutex_t mapping_lock;
   interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
+  // See signals/ending_signals.h. The process that catches ending signals, set before there is a second thread; 0:
+  // none does.
+  std::int32_t process;
+  std::int32_t ending_signal;  // By which signal the process ends, and when it came; 0: none. Both are set before
+  std::int64_t ending_time;    // exit_flag and read after it.
 };
 
 extern engine_globals engine;
@@ -239,6 +244,10 @@ int unregister_thread(thread_data* thread, bool lock_held);
 
 // Ends the process with `status` after every other thread has left the code cache or is parked in a system call.
 [[noreturn]] void mora_terminate(thread_data* thread, std::int32_t status);
+
+// The same, and the process ends by the signal. Where the application would have ended by it, holding nothing of the
+// engine's.
+[[noreturn]] void mora_terminate_by_signal(thread_data* thread, std::int32_t signum);
 
 // Ends the calling thread for good while the process ends.
 [[noreturn]] void abandon_thread(thread_data* thread);

@@ -12,6 +12,7 @@
 
 #include "bi/kernel/call_mask.h"
 #include "bi/kernel/memory_probe.h"
+#include "bi/signals/ending_signals.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 
@@ -31,12 +32,13 @@ static_assert(sizeof(kernel_sigaction) == 32);
 // How a signal's action in the kernel differs from the one that the application has set, its handler aside.
 struct action_disguise {
   bool adds_siginfo;    // SA_SIGINFO is the engine's.
+  bool adds_onstack;    // SA_ONSTACK is the engine's.
   bool once;            // SA_RESETHAND was the application's: see take_application_handler.
   bool unmasks_sigill;  // SIGILL was in the application's mask.
 };
 
 // Under signal_handlers_lock. The entry of SIGILL describes the action that install_sigill_handler has set.
-action_disguise action_disguises[SIGNAL_COUNT] = {{}, {}, {}, {}, {true, false, false}};
+action_disguise action_disguises[SIGNAL_COUNT] = {{}, {}, {}, {}, {true, false, false, false}};
 static_assert(SIGILL == 4);
 
 constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std::uint64_t);
@@ -46,11 +48,15 @@ constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std
 kernel_sigaction disguised_action(int signum, const kernel_sigaction& wanted, action_disguise* disguise) {
   *disguise = {};
   // SIGILL is never given up, not even to its default action: traps and the end of the process depend on it.
-  if (signum != SIGILL && wanted.handler <= 1) return wanted;
+  const bool ends_process = wanted.handler == 0 && is_ending_signal(signum);
+  if (signum != SIGILL && wanted.handler <= 1 && !ends_process) return wanted;
   kernel_sigaction action = wanted;
   action.handler = address_of(reinterpret_cast<const void*>(signal_entry_stub));
   disguise->adds_siginfo = (wanted.flags & SA_SIGINFO) == 0;
   action.flags |= SA_SIGINFO;
+  // The application's stack may be what has overflowed.
+  disguise->adds_onstack = ends_process && (wanted.flags & SA_ONSTACK) == 0;
+  if (ends_process) action.flags |= SA_ONSTACK;
   // The kernel does not get SA_RESETHAND: it would remove the handler when the signal arrives. A signal that is only
   // counted then is raised again later and has to find the handler.
   disguise->once = (wanted.flags & SA_RESETHAND) != 0;
@@ -66,9 +72,19 @@ kernel_sigaction undisguised_action(int signum, kernel_sigaction action) {
   const action_disguise& disguise = action_disguises[signum];
   if (action.handler > 1) action.handler = engine.signal_handlers[signum];
   if (disguise.adds_siginfo) action.flags &= ~std::uint64_t{SA_SIGINFO};
+  if (disguise.adds_onstack) action.flags &= ~std::uint64_t{SA_ONSTACK};
   if (disguise.once) action.flags |= SA_RESETHAND;
   if (disguise.unmasks_sigill) action.mask |= SIGILL_BIT;
   return action;
+}
+
+// The caller holds signal_handlers_lock.
+void set_default_action(int signum) {
+  action_disguise disguise{};
+  const kernel_sigaction action = disguised_action(signum, {}, &disguise);
+  const std::int64_t result =
+      raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&action), 0, KERNEL_SIGSET_SIZE);
+  if (result == 0) action_disguises[signum] = disguise;
 }
 
 }  // namespace
@@ -114,15 +130,19 @@ std::uint64_t take_application_handler(int signum) {
   if (disguise.once && handler > 1) {
     disguise.once = false;
     std::atomic_ref(engine.signal_handlers[signum]).store(0, std::memory_order_relaxed);
-    if (signum != SIGILL) {
-      const kernel_sigaction default_action{};
-      raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&default_action), 0,
-                  KERNEL_SIGSET_SIZE);
-      disguise = {};
-    }
+    if (signum != SIGILL) set_default_action(signum);
   }
   pthread_mutex_unlock(&engine.signal_handlers_lock);
   return handler;
+}
+
+void catch_default_action(int signum) {
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  kernel_sigaction now{};
+  const std::int64_t result =
+      raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), 0, address_of(&now), KERNEL_SIGSET_SIZE);
+  if (result == 0 && now.handler == 0) set_default_action(signum);
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
 }
 
 }  // namespace ceilmeter

@@ -14,6 +14,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
+#include "bi/signals/ending_signals.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_delivery.h"
@@ -70,6 +71,8 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
     if (cannot_execute) flush_code_cache(thread);
     return enter_handler(thread, handler);
   }
+  // The fault is in the cache, where the thread holds nothing of the engine's.
+  if (handler == 0 && is_ending_signal(signum)) mora_terminate_by_signal(thread, signum);
   set_kernel_action(signum, handler);
   return GO_ON;  // The instruction faults again, and the default action applies.
 }
@@ -80,6 +83,7 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
 signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
   const std::uint64_t handler = take_application_handler(signum);
   if (handler > 1) return enter_handler(thread, handler);
+  if (handler == 0 && is_ending_signal(signum)) mora_terminate_by_signal(thread, signum);
   context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
   if (handler == 0) {
     if (signum == SIGILL) set_kernel_action(signum, handler);  // The one action that the application cannot take back.
@@ -106,7 +110,11 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
 }
 
 // The process is ending.
-signal_exit lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
+signal_exit lead_out(thread_data* thread, const siginfo_t& info, ucontext_t* ucontext, bool fault) {
+  if (!fault && is_second_request(info)) {
+    raise_default(info.si_signo);
+    return GO_ON;
+  }
   // A thread that has faulted, or stands at a trap of the engine's own, would do so again for ever.
   if (fault && is_in_cache(thread, ucontext->uc_mcontext.pc)) abandon_thread(thread);
   if (fault) log(LEVEL_FATAL, "synchronous signal outside the code cache");
@@ -164,11 +172,16 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
   thread_data* thread = current_thread;
   auto* info = static_cast<siginfo_t*>(info_pointer);
   const bool fault = is_fault(signum, info);
+  if (!fault && ends_child(signum)) {
+    raise_default(signum);
+    return GO_ON;
+  }
   look_again(thread, context);
   const std::uint64_t pc = context.pc;
 
   // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) return lead_out(thread, ucontext, fault);
+  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0)
+    return lead_out(thread, *info, ucontext, fault);
   if (fault && is_stub_point(thread, pc, reentry_raise)) {
     raise_at_return(context);
     return GO_ON;
@@ -185,8 +198,12 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
-    if (!is_in_cache(thread, pc)) log(LEVEL_FATAL, "synchronous signal outside the code cache");
-    return handle_synchronous(thread, info, ucontext);
+    if (is_in_cache(thread, pc)) return handle_synchronous(thread, info, ucontext);
+    // Nothing can be delivered from here. Without the engine's care for the end the kernel would have ended the
+    // process.
+    if (!is_caught_default(signum)) log(LEVEL_FATAL, "synchronous signal outside the code cache");
+    set_kernel_action(signum, 0);
+    return GO_ON;
   }
   count_signal(thread, *info);
   return GO_ON;
