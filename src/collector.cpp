@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -23,6 +24,7 @@
 #include "process_state.h"
 #include "progress.h"
 #include "report_handler.h"
+#include "result_damage.h"
 #include "result_keeper.h"
 #include "run_application.h"
 #include "run_benchmarks.h"
@@ -86,6 +88,19 @@ std::set<std::uint64_t> choose_thread_counts(const collector_config& config, con
 // region mode the file holds the counters that the application's process has just written.
 bool adds_to_earlier_file(const collector_config& config) {
   return config.phase != PHASE_FULL || config.mode != MODE_TOTAL;
+}
+
+// An earlier file that would end whoever reads it stays as it is, and the data go beside it. The region interface does
+// the same. Asked before the application runs, and again at the end: it may have written the file.
+void avoid_damaged_file(collector_config& config) {
+  if (!adds_to_earlier_file(config)) return;
+  while (const std::optional<std::string> damage = find_fatal_result_damage(config.output_file_path)) {
+    const std::string beside = path_beside(config.output_file_path);
+    log({LEVEL_WARN, __builtin_LINE(), "finish_collect"},
+        "%s is damaged (%s) and stays as it is: the result goes to %s", config.output_file_path.c_str(),
+        damage->c_str(), beside.c_str());
+    config.output_file_path = beside;
+  }
 }
 
 std::vector<perfmon_region> run_in_region_mode(const collector_config& config) {
@@ -174,6 +189,7 @@ collector_config& process_config() {
 }
 
 std::uint64_t start_collect(collector_config& config, finish_function finish) {
+  avoid_damaged_file(config);
   if ((config.phase & PHASE_PERFMON) != 0) {
     config.perfmon_report = run_app_with_perfmon(config);
     log(LEVEL_INFO, "Finish phase Perfmon");
@@ -233,6 +249,7 @@ void finish_collect(collector_config& config) {
     log(LEVEL_INFO, "Finish phase bintracer");
   }
 
+  avoid_damaged_file(config);
   const std::string output_file_path = config.output_file_path;
   result_keeper keeper(output_file_path, copy_folders());
   collector_report report;

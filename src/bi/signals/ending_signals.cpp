@@ -105,7 +105,8 @@ void end_by_signal(int signum, const application_core& core) {
   std::fflush(nullptr);
   const rlimit limit = {core.core_limit[0], core.core_limit[1]};
   setrlimit(RLIMIT_CORE, &limit);
-  if (core.folder >= 0) [[maybe_unused]] const int result = fchdir(core.folder);
+  if (core.folder >= 0) [[maybe_unused]]
+    const int result = fchdir(core.folder);
   raise_default(signum);
   const std::uint64_t alone = signal_bit(signum);
   raw_syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, address_of(&alone), 0, KERNEL_SIGSET_SIZE);

@@ -136,6 +136,29 @@ class kept_results_test(unittest.TestCase):
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         self.assertEqual(len(self.report()["roofs"]), 13)
 
+    def test_damaged_earlier_file_stays_as_it_is_and_the_result_goes_beside_it(self):
+        broken_block = '{"regions": {"total": {"bbs": [["1", "2", "3", "4", 5, 6, 7, 8]]}}}'
+        broken_count = '{"regions": {}, "roofs_by_num_threads": {"many": []}}'
+        script = [os.path.join(build, "tests/programs/regions/region_script"), "init", "start=a", "work=10", "stop=a",
+                  "finalize"]
+        beside = self.result + ".regions.json"
+        for text, reason in ((broken_block, "a block without a module"),
+                             (broken_count, "roofs without a number of threads"),
+                             ("[" * 1000000, "nested too deep")):
+            for mode in ("total", "region"):
+                for phase in ("perfmon", "bintracer", "~benchmarks"):
+                    write_text(self.result, text)
+                    done = self.run_tool([f"--mode={mode}", f"--phase={phase}"], script)
+                    self.assertEqual(done.returncode, 0, (mode, phase, done.stderr))
+                    self.assertEqual(LOG_TEXT.findall(done.stderr), [
+                        ("collector", f"warn {self.result} is damaged ({reason}) and stays as it is: the result goes "
+                                      f"to {beside}")], (mode, phase))
+                    with open(self.result, encoding="utf-8") as file:
+                        self.assertEqual(file.read(), text)
+                    with open(beside, encoding="utf-8") as file:
+                        self.assertEqual(list(json.load(file)["regions"]), ["total" if mode == "total" else "a"])
+                    os.remove(beside)
+
     def test_everything_that_was_counted_is_in_the_file_before_the_roofs(self):
         application = [os.path.join(programs, "triad"), "1000", "1"]
         with subprocess.Popen([tool, "--phase=full", "-o", self.result, "--", *application], stdout=subprocess.PIPE,
