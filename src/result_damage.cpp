@@ -1,5 +1,5 @@
-// A text that fails to parse leaves the tree up to the fault, with a member or a text missing where it failed. That tree
-// is looked at as well, because `read` goes through it.
+// A text that fails to parse leaves the tree up to the fault, with a member or a text missing where it failed. That
+// tree is looked at as well, because `read` goes through it.
 #include "result_damage.h"
 
 #include <fcntl.h>
@@ -90,9 +90,7 @@ bool has_number(const char* text) {
 }
 
 // Nothing but digits.
-bool is_number(const char* text) {
-  return has_number(text) && text[std::strspn(text, "0123456789")] == '\0';
-}
+bool is_number(const char* text) { return has_number(text) && text[std::strspn(text, "0123456789")] == '\0'; }
 
 std::optional<std::string> broken_part(const json_token* root, bool (*is_thread_count)(const char* text)) {
   const json_token* regions = member(root, "regions");

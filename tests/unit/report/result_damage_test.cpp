@@ -103,8 +103,26 @@ TEST(result_damage, missing_file_folder_and_pipe_have_none_and_are_not_waited_fo
 
 // Cuts, and bytes, pieces and values put in others' places.
 std::string mutated(std::mt19937_64& random, std::string text) {
-  static const std::string pieces[] = {"null", "[", "]", "{",  "}",  "\"", "\\", ",",    "-1", "99999999999999999999",
-                                       "1e9",  "7", "8", "\n", "[]", "{}", "0",  "true", std::string(1, '\0'), "\xff"};
+  static const std::string pieces[] = {"null",
+                                       "[",
+                                       "]",
+                                       "{",
+                                       "}",
+                                       "\"",
+                                       "\\",
+                                       ",",
+                                       "-1",
+                                       "99999999999999999999",
+                                       "1e9",
+                                       "7",
+                                       "8",
+                                       "\n",
+                                       "[]",
+                                       "{}",
+                                       "0",
+                                       "true",
+                                       std::string(1, '\0'),
+                                       "\xff"};
   const auto below = [&random](std::size_t bound) { return bound == 0 ? 0 : random() % bound; };
   for (std::size_t change = 1 + below(3); change > 0; --change) {
     const std::size_t place = below(text.size() + 1);
