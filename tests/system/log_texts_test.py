@@ -17,7 +17,8 @@ programs = os.path.join(sys.argv[2], "tests/programs")
 emulator = sys.argv[3:]
 SECONDS = 900  # A guard against a hang.
 LITERAL = r'"(?:[^"\\]|\\.)*"'
-CALL = re.compile(r"\b\w*log\(\s*\{?\s*(LEVEL_\w+)[^;\"]*?(?:\"\w+\"\}\s*)?,\s*((?:" + LITERAL + r"\s*)+)(?!\s*\})", re.S)
+CALL = re.compile(r"\b\w*log\(\s*\{?\s*(LEVEL_\w+)[^;\"]*?(?:\"\w+\"\}\s*)?,\s*"
+                  r"((?:" + LITERAL + r"\s*)+)(?!\s*\})", re.S)
 FIELD = re.compile(r"%[-#0-9l*z.]*[a-zA-Z]|%%")
 
 # The words of a run under the bare engine, and the texts that its log has.
