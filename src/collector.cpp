@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -23,6 +24,7 @@
 #include "process_state.h"
 #include "progress.h"
 #include "report_handler.h"
+#include "result_damage.h"
 #include "result_keeper.h"
 #include "run_application.h"
 #include "run_benchmarks.h"
@@ -42,6 +44,8 @@ std::vector<std::string> copy_folders() { return {start_folder(), start_temporar
 // the run as before.
 void leave_the_application_behind(const collector_config& config) {
   if ((config.phase & PHASE_BINTRACER) != 0) {
+    const int signum = config.tracer->get_ending_signal();
+    if (signum != 0) note_end_by_signal(signum);
     restore_process_state();
     // The result is the user's file, not the application's. In region mode a relative path stays the application's: its
     // counters are in the file that it has written under that path. The folder may be gone, or out of reach of a user
@@ -84,6 +88,19 @@ std::set<std::uint64_t> choose_thread_counts(const collector_config& config, con
 // region mode the file holds the counters that the application's process has just written.
 bool adds_to_earlier_file(const collector_config& config) {
   return config.phase != PHASE_FULL || config.mode != MODE_TOTAL;
+}
+
+// An earlier file that would end whoever reads it stays as it is, and the data go beside it. The region interface does
+// the same. Asked before the application runs, and again at the end: it may have written the file.
+void avoid_damaged_file(collector_config& config) {
+  if (!adds_to_earlier_file(config)) return;
+  while (const std::optional<std::string> damage = find_fatal_result_damage(config.output_file_path)) {
+    const std::string beside = path_beside(config.output_file_path);
+    log({LEVEL_WARN, __builtin_LINE(), "finish_collect"},
+        "%s is damaged (%s) and stays as it is: the result goes to %s", config.output_file_path.c_str(),
+        damage->c_str(), beside.c_str());
+    config.output_file_path = beside;
+  }
 }
 
 std::vector<perfmon_region> run_in_region_mode(const collector_config& config) {
@@ -153,12 +170,11 @@ void keep_before_benchmarks(collector_config& config, collector_report& report, 
   keeper.keep(report);
 }
 
-// What was counted before somebody stopped the run is its result. The phases that are left would start the application
-// again, or take as long.
-void drop_later_phases(collector_config& config) {
+// What was counted before the run was stopped is its result.
+void drop_phases(collector_config& config, std::uint32_t phases) {
   log(LEVEL_WARN, "Stopped by signal %d (%s): the report holds what was counted before", interrupting_signal(),
       strsignal(interrupting_signal()));
-  config.phase &= PHASE_PERFMON;
+  config.phase &= ~phases;
 }
 
 }  // namespace
@@ -173,10 +189,12 @@ collector_config& process_config() {
 }
 
 std::uint64_t start_collect(collector_config& config, finish_function finish) {
+  avoid_damaged_file(config);
   if ((config.phase & PHASE_PERFMON) != 0) {
     config.perfmon_report = run_app_with_perfmon(config);
     log(LEVEL_INFO, "Finish phase Perfmon");
-    if (interrupting_signal() != 0) drop_later_phases(config);
+    // The other phases would start the application again, or take as long.
+    if (interrupting_signal() != 0) drop_phases(config, PHASE_BINTRACER | PHASE_BENCHMARKS);
   }
   if ((config.phase & PHASE_BINTRACER) != 0) {
     keep_counters(config);
@@ -218,6 +236,8 @@ bool set_env_for_region_mode(const std::string& name, const std::string& value) 
 void finish_collect(collector_config& config) {
   leave_the_application_behind(config);
   give_up_rights();
+  // The roofs would take longer than the process is given, and they can be measured in a run of their own.
+  if ((config.phase & PHASE_BINTRACER) != 0 && interrupting_signal() != 0) drop_phases(config, PHASE_BENCHMARKS);
   terminal_progress progress;
   bintracer_report tracer_report;
   if ((config.phase & PHASE_BINTRACER) != 0) {
@@ -229,6 +249,7 @@ void finish_collect(collector_config& config) {
     log(LEVEL_INFO, "Finish phase bintracer");
   }
 
+  avoid_damaged_file(config);
   const std::string output_file_path = config.output_file_path;
   result_keeper keeper(output_file_path, copy_folders());
   collector_report report;

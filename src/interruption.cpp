@@ -1,9 +1,10 @@
-// The handler runs on the one thread of the process, which sleeps in a wait; it uses only what a handler may use.
+// The handlers run on any thread; they use only what a handler may use.
 #include "interruption.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -15,6 +16,8 @@ namespace ceilmeter {
 namespace {
 
 constexpr std::array<int, 3> interruptions = {SIGINT, SIGTERM, SIGHUP};
+
+constexpr std::array<int, 7> failures = {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS};
 
 // Somebody who sends a signal to a process and to its group, as `timeout` does, means one request.
 constexpr std::int64_t one_request_ns = 500'000'000;
@@ -54,6 +57,9 @@ void note_interruption(int signum, siginfo_t* info, void*) {
   if (!is_first && !is_same_request) end_by(signum);
   errno = saved_errno;
 }
+
+// The step that writes what was counted has failed.
+void end_by_first_signal(int) { end_by(first_signal.load()); }
 
 sigset_t interruption_mask() {
   sigset_t mask;
@@ -118,6 +124,26 @@ pid_t interruption_guard::wait_for_end(pid_t child, int& status) {
     waited = waitpid(child, &status, 0);
   } while (waited < 0 && errno == EINTR);
   return waited;
+}
+
+bool has_handler_at_end(int signum) {
+  if (first_signal == 0) return false;
+  return signum == SIGQUIT || std::find(interruptions.begin(), interruptions.end(), signum) != interruptions.end() ||
+         std::find(failures.begin(), failures.end(), signum) != failures.end();
+}
+
+void note_end_by_signal(int signum) {
+  first_time = monotonic_ns();
+  first_signal = signum;
+  waited_child = 0;
+  struct sigaction action {};
+  action.sa_handler = end_by_first_signal;
+  for (const int failure : failures) sigaction(failure, &action, nullptr);
+  action.sa_sigaction = note_interruption;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  action.sa_mask = interruption_mask();
+  for (const int request : interruptions) sigaction(request, &action, nullptr);
+  sigaction(SIGQUIT, &action, nullptr);
 }
 
 int interrupting_signal() { return first_signal; }

@@ -1,5 +1,7 @@
-// What happens to a run when somebody stops it while its application runs as a child: the application ends, its
-// counters up to then are written, and then the tool ends by the same signal. A second request ends the tool at once.
+// What happens to a run when somebody stops it. While its application runs as a child, the application ends, its
+// counters up to then are written, and then the tool ends by the same signal. A traced application is this process: it
+// ends by any signal, what was counted up to then is written, and the process ends by the signal. A second request ends
+// the tool at once.
 #pragma once
 
 #include <sys/types.h>
@@ -37,6 +39,14 @@ class interruption_guard {
   struct sigaction m_actions[3]{};
   sigset_t m_blocked{};
 };
+
+// A traced application has ended by the signal. From now on a second request ends the process at once, by its own
+// number, and a fault or an abort of the tool's ends it by the application's signal, which its parent waits for. The
+// handlers are kept by restore_process_state.
+void note_end_by_signal(int signum);
+
+// Whether that has given the signal a handler.
+bool has_handler_at_end(int signum);
 
 // The signal that has interrupted the run; 0: none.
 int interrupting_signal();

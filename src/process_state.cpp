@@ -22,6 +22,7 @@
 #include <system_error>
 
 #include "common/log.h"
+#include "interruption.h"
 
 namespace ceilmeter {
 
@@ -127,7 +128,9 @@ void restore_signals(const process_state& state) {
   for (int signum = 1; signum < signal_count; ++signum) {
     if (signum == SIGKILL || signum == SIGSTOP) continue;
     const bool takes_default = ends_a_process_by_a_user(signum) || is_fault_or_fatal(signum) || is_harmless(signum);
-    const bool ignored = state.is_ignored[static_cast<std::size_t>(signum)] || !takes_default;
+    const bool was_ignored = state.is_ignored[static_cast<std::size_t>(signum)];
+    if (!was_ignored && has_handler_at_end(signum)) continue;
+    const bool ignored = was_ignored || !takes_default;
     set_action(signum, ignored ? SIG_IGN : SIG_DFL);
   }
   pthread_sigmask(SIG_SETMASK, &state.blocked, nullptr);

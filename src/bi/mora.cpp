@@ -23,6 +23,7 @@
 #include "bi/kernel/pages.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scanner.h"
+#include "bi/signals/ending_signals.h"
 #include "bi/signals/last_words.h"
 #include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
@@ -122,6 +123,7 @@ int mora_run(int argc, char** argv, char** envp) {
   thread->tid = gettid();
   use_signal_stack(thread);
   register_thread(thread, false);
+  catch_ending_signals();
 
   engine.brk = 0;
   Elf* elf = nullptr;
@@ -236,11 +238,14 @@ int unregister_thread(thread_data* thread, bool lock_held) {
   return result;
 }
 
-void mora_terminate(thread_data* thread, std::int32_t status) {
-  if (thread->is_vfork_child != 0) end_vfork_child(status);
-  log(LEVEL_INFO, "we're done; exiting with status: %d", status);
+namespace {
+
+// Returns when the calling thread is the last one, all events but MORA_EXIT are delivered, and nobody else ends the
+// process. `signum` is the signal that ends it; 0: none does.
+void begin_end(thread_data* thread, std::int32_t signum) {
   pthread_mutex_lock(&engine.thread_list_lock);
   const pid_t process = getpid();
+  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) == 0 && signum != 0) note_ending_signal(signum);
   // Pairs with the loads in signal_dispatcher, deliver_pending_signal and syscall_handler_post: a thread that the
   // signal below reaches must find the flag set.
   if (std::atomic_ref(engine.exit_flag).exchange(1, std::memory_order_seq_cst) != 0) {
@@ -269,6 +274,14 @@ void mora_terminate(thread_data* thread, std::int32_t status) {
 
   for (thread_data* listed = engine.thread_list; listed != nullptr; listed = listed->next) deliver_thread_exit(listed);
   pthread_mutex_unlock(&engine.thread_list_lock);
+}
+
+}  // namespace
+
+void mora_terminate(thread_data* thread, std::int32_t status) {
+  if (thread->is_vfork_child != 0) end_vfork_child(status);
+  log(LEVEL_INFO, "we're done; exiting with status: %d", status);
+  begin_end(thread, 0);
   deliver_exit(thread);
   std::exit(status);
 }
@@ -276,6 +289,15 @@ void mora_terminate(thread_data* thread, std::int32_t status) {
 bool is_process_ending(const thread_data* thread) {
   // The end of its parent's process is not the child's.
   return std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0 && thread->is_vfork_child == 0;
+}
+
+void mora_terminate_by_signal(thread_data* thread, std::int32_t signum) {
+  log(LEVEL_INFO, "we're done; ending by signal: %d", signum);
+  begin_end(thread, signum);
+  application_core core{};
+  note_application_core(core);  // The tool's last steps go on with limits and in a folder of their own.
+  deliver_exit(thread);
+  end_by_signal(signum, core);
 }
 
 void abandon_thread(thread_data* thread) {

@@ -221,6 +221,11 @@ struct engine_globals {
   // brk_lock and before callbacks_lock.
   pthread_mutex_t mapping_lock;
   interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
+  // See signals/ending_signals.h. The process that catches ending signals, set before there is a second thread; 0:
+  // none does.
+  std::int32_t process;
+  std::int32_t ending_signal;  // By which signal the process ends, and when it came; 0: none. Both are set before
+  std::int64_t ending_time;    // exit_flag and read after it.
 };
 
 extern engine_globals engine;
@@ -272,6 +277,9 @@ int unregister_thread(thread_data* thread, bool lock_held);
 // Whether the process of the thread is ending. Pairs with the store in mora_terminate, which precedes the signal that
 // brings a thread to look.
 bool is_process_ending(const thread_data* thread);
+// The same, and the process ends by the signal. Where the application would have ended by it, holding nothing of the
+// engine's.
+[[noreturn]] void mora_terminate_by_signal(thread_data* thread, std::int32_t signum);
 
 // Ends the calling thread for good while the process ends.
 [[noreturn]] void abandon_thread(thread_data* thread);

@@ -223,6 +223,9 @@ inline std::uint32_t mora_get_inverted_cond(const mora_context* /*ctx*/, std::ui
 // The kernel's thread id of the context's thread; -1 without a thread.
 std::int32_t mora_get_thread_id(const mora_context* ctx);
 
+// At MORA_EXIT: the signal by which the process ends after the event; 0: it exits.
+std::int32_t mora_get_ending_signal();
+
 // The thread that joined the list before the context's. Null on the process's first thread, also on the first thread of
 // a fork's child. Compare it with null only.
 const thread_data* mora_get_next_thread(const mora_context* ctx);

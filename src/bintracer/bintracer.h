@@ -138,6 +138,10 @@ class alignas(64) bintracer_t : public mappings_t {
   // Highest number of threads that a region had at a stop; 0 for a name that was never started.
   std::uint64_t max_active_threads(std::string_view region) const;
 
+  // The signal by which the application has ended; 0: it has exited.
+  void note_ending_signal(std::int32_t signum) { ending_signal = signum; }
+  std::int32_t get_ending_signal() const { return ending_signal; }
+
   // What the threads have left behind, newest thread first. Call it when all have ended.
   const thread_info* first_thread_info() const { return thread_infos; }
 
@@ -153,6 +157,7 @@ class alignas(64) bintracer_t : public mappings_t {
   std::atomic<std::uint64_t> max_thread_count{0};  // Highest of those that were alive when one of them ended.
   thread_info* thread_infos = nullptr;             // Owned.
   std::mutex thread_infos_lock;                    // Guards the push onto thread_infos.
+  std::int32_t ending_signal = 0;
   std::uint32_t mode;
 };
 

@@ -128,6 +128,7 @@ int exit_cb(mora_context* ctx) {
     static_cast<void>(process_config().tracer.release());
     return 0;
   }
+  tracer().note_ending_signal(mora_get_ending_signal());
   static std::uint64_t argument;
   argument = address_of(ctx);
   call_on_own_stack([] { run_at_exit(argument, 0); });

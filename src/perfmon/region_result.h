@@ -1,8 +1,6 @@
-// The result file as the region interface meets it. Other processes of the same run may be about to write the file, and
-// what an earlier run left in it may be damaged. All this happens inside the application, so neither may end it.
+// The result file as the region interface meets it: other processes of the same run may be about to write the file.
 #pragma once
 
-#include <optional>
 #include <string>
 
 namespace ceilmeter {
@@ -21,13 +19,5 @@ class result_lock {
  private:
   int m_fd = -1;
 };
-
-// The reason, in words, why the file at `path` can't be read back as a result. Nothing if it can be, is empty, or is
-// not there. A result is damaged if it is no JSON, if it has a block without a module, or if it has roofs of something
-// other than a number of threads.
-std::optional<std::string> find_result_damage(const std::string& path);
-
-// Where the counters go if the file at `path` is damaged.
-inline std::string path_beside(const std::string& path) { return path + ".regions.json"; }
 
 }  // namespace ceilmeter

@@ -10,6 +10,7 @@ add_library(roofline_events_objects OBJECT
   "${PROJECT_SOURCE_DIR}/src/common/open_file.cpp"
   "${PROJECT_SOURCE_DIR}/src/finalizer.cpp"
   "${PROJECT_SOURCE_DIR}/src/report_handler.cpp"
+  "${PROJECT_SOURCE_DIR}/src/result_damage.cpp"
   "${PROJECT_SOURCE_DIR}/src/result_file.cpp"
   "${PROJECT_SOURCE_DIR}/src/json/parse.cpp"
   "${PROJECT_SOURCE_DIR}/src/json/print.cpp"

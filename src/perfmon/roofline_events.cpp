@@ -14,6 +14,7 @@
 #include "perfmon/perfmon.h"
 #include "perfmon/perfmon_utils.h"
 #include "perfmon/region_result.h"
+#include "result_damage.h"
 #include "perfmon/tracer_switch.h"
 #include "report_handler.h"
 #include "shared_names.h"

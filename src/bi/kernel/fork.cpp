@@ -158,6 +158,7 @@ void reinit_after_fork(thread_data* thread) {
   init_all_locks();
   if (thread->is_vfork_child != 0) become_process(thread);
   std::atomic_ref(engine.exit_flag).store(0, std::memory_order_relaxed);  // The parent's end is not the child's.
+  engine.ending_signal = 0;
   current_thread = thread;
   thread->tid = gettid();
   // The thread is now the process's first one and no pthread of the C library any more. It ends as the parent's first

@@ -93,6 +93,8 @@ std::int32_t mora_get_thread_id(const mora_context* ctx) {
   return ctx->thread_data != nullptr ? ctx->thread_data->tid : -1;
 }
 
+std::int32_t mora_get_ending_signal() { return engine.ending_signal; }
+
 const thread_data* mora_get_next_thread(const mora_context* ctx) {
   return ctx->thread_data != nullptr ? ctx->thread_data->next : nullptr;
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "bi/kernel/memory_probe.h"
+#include "bi/signals/ending_signals.h"
 #include "bi/signals/signal_delivery.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
@@ -52,7 +53,7 @@ constexpr std::uint64_t EVERY_SIGNAL = ~std::uint64_t{0};
 
 bool is_replaced(int signum, std::uint64_t handler) {
   // SIGILL is never given up, not even to its default action: traps and the end of the process depend on it.
-  return signum == SIGILL || handler > 1;
+  return signum == SIGILL || handler > 1 || (handler == 0 && is_ending_signal(signum));
 }
 
 // The action that the kernel gets for one of the application's. It is a copy: the application's record may lie in
@@ -75,6 +76,12 @@ application_action told_action(int signum, application_action action) {
   action.flags = (action.flags & ~REPLACED_FLAGS) | (set.flags & REPLACED_FLAGS);
   action.mask = set.mask & ~(signal_bit(SIGKILL) | signal_bit(SIGSTOP));
   return action;
+}
+
+// The caller holds signal_handlers_lock.
+void set_default_action(int signum) {
+  const application_action action = engine_action(signum, {});
+  raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&action), 0, KERNEL_SIGSET_SIZE);
 }
 
 }  // namespace
@@ -134,11 +141,7 @@ application_action take_application_action(int signum) {
   if ((kept.flags & SA_RESETHAND) != 0 && action.handler > 1) {
     kept.flags &= ~std::uint64_t{SA_RESETHAND};
     std::atomic_ref(application_handlers()[signum]).store(0, std::memory_order_relaxed);
-    if (signum != SIGILL) {
-      const application_action default_action{};
-      raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&default_action), 0,
-                  KERNEL_SIGSET_SIZE);
-    }
+    if (signum != SIGILL) set_default_action(signum);
   }
   pthread_mutex_unlock(&engine.signal_handlers_lock);
   return action;
@@ -148,6 +151,15 @@ void set_engine_action(int signum) {
   const application_action action{address_of(reinterpret_cast<const void*>(signal_entry_stub)), ENGINE_FLAGS, 0,
                                   EVERY_SIGNAL};
   raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&action), 0, KERNEL_SIGSET_SIZE);
+}
+
+void catch_default_action(int signum) {
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  application_action now{};
+  const std::int64_t result =
+      raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), 0, address_of(&now), KERNEL_SIGSET_SIZE);
+  if (result == 0 && now.handler == 0) set_default_action(signum);
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
 }
 
 }  // namespace ceilmeter

@@ -25,6 +25,10 @@ application_action take_application_action(int signum);
 // Gives the kernel an action of the engine's own: signal_entry_stub on the engine's signal stack.
 void set_engine_action(int signum);
 
+// Catches the signal if it has its default action, so that the process can end in order (see ending_signals.h). The
+// application goes on reading the default action.
+void catch_default_action(int signum);
+
 // Fills the handlers of a child that shares memory, but not its signal actions, with the calling thread's process. A
 // child of that one, which has a copy of the memory, makes them its process's.
 void copy_actions(std::uint64_t* handlers);

@@ -16,6 +16,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
+#include "bi/signals/ending_signals.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/signals/last_words.h"
 #include "bi/signals/signal_actions.h"
@@ -34,6 +35,7 @@ namespace {
 constexpr engine_log log{"src/bi/signals"};
 
 constexpr std::uint64_t NR_RT_SIGPROCMASK = 135;
+constexpr std::uint64_t PSTATE_BTYPE = 0xc00;
 
 // A signal that has arrived, and what the kernel has put on the signal stack for it.
 struct arrival {
@@ -63,8 +65,23 @@ void set_kernel_action(int signum, std::uint64_t handler) {
   sigaction(signum, &action, nullptr);
 }
 
+// The process ends by the signal as soon as the kernel has taken the frame back: on the engine's stack, whose frames
+// nobody needs any more, and with the mask of the interrupted code, so that a second request to end is heard.
+void end_behind_frame(thread_data* thread, const arrival& signal, int signum) {
+  mcontext_t& context = signal.context();
+  context.regs[0] = address_of(thread);
+  context.regs[1] = static_cast<std::uint64_t>(signum);
+  context.regs[29] = context.regs[30] = 0;  // A debugger's walk ends here.
+  context.sp = engine_stack(thread);
+  context.pc = address_of(reinterpret_cast<const void*>(mora_terminate_by_signal));
+  context.pstate &= ~PSTATE_BTYPE;  // Which branch was interrupted is no matter of the function's.
+  const std::uint64_t mask = signal.mask | signal_bit(signum);
+  std::memcpy(&signal.frame->ucontext.uc_sigmask, &mask, sizeof mask);
+}
+
 // Ends the process as the kernel does where a signal can have no frame. Comes back only if SIGSEGV is being traced.
-void die_of_sigsegv() {
+void die_of_sigsegv(thread_data* thread, const arrival& signal) {
+  if (is_ending_signal(SIGSEGV)) return end_behind_frame(thread, signal, SIGSEGV);
   set_kernel_action(SIGSEGV, 0);
   const std::uint64_t segv = signal_bit(SIGSEGV);
   raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()), SIGSEGV);
@@ -75,13 +92,14 @@ void die_of_sigsegv() {
 // is lost: its handler may have a stack of its own. A SIGSEGV that cannot be handled ends the process.
 void handle_lack_of_stack(thread_data* thread, const arrival& signal) {
   const bool is_blocked = (signal.mask & signal_bit(SIGSEGV)) != 0;
-  if (signal.signum() == SIGSEGV || is_blocked) return die_of_sigsegv();
+  if (signal.signum() == SIGSEGV || is_blocked) return die_of_sigsegv(thread, signal);
   const application_action action = take_application_action(SIGSEGV);
   siginfo_t& info = signal.frame->info;
   std::memset(&info, 0, sizeof info);
   info.si_signo = SIGSEGV;
   info.si_code = SI_KERNEL;
-  if (action.handler <= 1 || !enter_handler(thread, signal.frame, signal.end, action, signal.mask)) die_of_sigsegv();
+  if (action.handler <= 1 || !enter_handler(thread, signal.frame, signal.end, action, signal.mask))
+    die_of_sigsegv(thread, signal);
 }
 
 // The handler's blocks are ordinary ones, and so are those that it returns to: a signal writes below the stack pointer.
@@ -96,6 +114,9 @@ void handle_synchronous(thread_data* thread, const arrival& signal) {
   const application_action action = take_application_action(signal.signum());
   if (action.handler <= 1) {
     log_crash(thread, signal.frame->info, signal.context());
+    // The fault is in the cache, where the thread holds nothing of the engine's.
+    if (action.handler == 0 && is_ending_signal(signal.signum()))
+      return end_behind_frame(thread, signal, signal.signum());
     set_kernel_action(signal.signum(), action.handler);
     return;  // The instruction faults again, and the default action applies.
   }
@@ -119,6 +140,7 @@ void run_handler(thread_data* thread, const arrival& signal) {
   const int signum = signal.signum();
   const application_action action = take_application_action(signum);
   if (action.handler > 1) return run_handler_of(thread, signal, action);
+  if (action.handler == 0 && is_ending_signal(signum)) return end_behind_frame(thread, signal, signum);
   thread->untouched_sp = 0;
   context_redirect_to_dispatcher(thread, &signal.frame->ucontext, signal.context().pc);
   if (action.handler != 0) return;
@@ -150,6 +172,7 @@ void end_by_fault(const thread_data* thread, const arrival& signal) {
 
 // The process is ending.
 void lead_out(thread_data* thread, const arrival& signal, bool fault) {
+  if (!fault && is_second_request(signal.frame->info)) return raise_default(signal.signum());
   ucontext_t* ucontext = &signal.frame->ucontext;
   // A thread that has faulted, or stands at a trap of the engine's own, would do so again for ever.
   if (fault && is_in_cache(thread, ucontext->uc_mcontext.pc)) abandon_thread(thread);
@@ -206,6 +229,7 @@ void dispatch(thread_data* thread, arrival& signal) {
   ucontext_t* ucontext = &signal.frame->ucontext;
   const int signum = signal.signum();
   const bool fault = is_fault(signum, &signal.frame->info);
+  if (!fault && ends_child(signum)) return raise_default(signum);
   look_again(thread, context);
   const std::uint64_t pc = context.pc;
 
@@ -220,8 +244,11 @@ void dispatch(thread_data* thread, arrival& signal) {
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
-    if (!is_in_cache(thread, pc)) end_by_fault(thread, signal);
-    return handle_synchronous(thread, signal);
+    if (is_in_cache(thread, pc)) return handle_synchronous(thread, signal);
+    // Nothing can be delivered from here. Without the engine's care for the end the kernel would have ended the
+    // process.
+    if (!is_caught_default(signum)) end_by_fault(thread, signal);
+    return set_kernel_action(signum, 0);
   }
   count_signal(thread, signal.frame->info);
 }

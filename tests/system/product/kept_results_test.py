@@ -7,6 +7,7 @@ kept_results_test.py BUILD [TEST...]
 import json
 import os
 import re
+import resource
 import shutil
 import signal
 import stat
@@ -84,9 +85,46 @@ class kept_results_test(unittest.TestCase):
         with open(self.result, encoding="utf-8") as file:
             self.assertEqual(file.read(), "{}")
 
+    def core_of(self, words):
+        """Whether a core file was announced, and where one is."""
+        os.makedirs(self.folder, exist_ok=True)
+        process = subprocess.Popen(words, cwd=self.folder, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL, preexec_fn=lambda: resource.setrlimit(
+                                       resource.RLIMIT_CORE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY)))
+        status = os.waitpid(process.pid, 0)[1]
+        process.returncode = status
+        found = []
+        for path, _, names in os.walk(self.folder):
+            found += [os.path.relpath(path, self.folder) for name in names if name.startswith("core")]
+            for name in names:
+                if name.startswith("core"):
+                    os.remove(os.path.join(path, name))
+        return os.WTERMSIG(status), os.WCOREDUMP(status), found
+
+    def test_core_file_is_there_where_natively_one_is(self):
+        write_text("/proc/sys/kernel/core_pattern", "core")
+        os.mkdir(os.path.join(self.folder, "elsewhere"))
+        ended = os.path.join(build, "tests/programs/tracer/ended")
+        moved = ["/bin/bash", "-c", "cd elsewhere; kill -ABRT $$"]
+        for application in ([ended, "raise", "6"], [ended, "raise", "15"], [ended, "no_core", "6"], moved):
+            native = self.core_of(application)
+            traced = self.core_of([tool, "--phase=bintracer", "-o", self.result, "--", *application])
+            self.assertEqual(traced, native, application)
+            self.assertTrue(os.path.exists(self.result))
+            os.remove(self.result)
+
+    def test_first_process_of_a_container_is_spared_by_what_it_does_not_handle(self):
+        for number in (signal.SIGTERM, signal.SIGUSR1):
+            application = ["/bin/sh", "-c", f"kill -{int(number)} $$; exit 7"]
+            traced = [tool, "--phase=bintracer", "-o", self.result, "--", *application]
+            for words in (application, traced):
+                done = subprocess.run(["unshare", "--pid", "--fork", *words], capture_output=True, text=True,
+                                      timeout=SECONDS, cwd=self.folder, stdin=subprocess.DEVNULL, check=False)
+                self.assertEqual(done.returncode, 7, done.stderr)
+
     def test_counters_are_in_the_file_before_the_tracer_starts(self):
-        done = self.run_tool(["--phase=full"], [os.path.join(programs, "ends"), "crash"])
-        self.assertEqual(done.returncode, -signal.SIGSEGV)
+        done = self.run_tool(["--phase=full"], ["/bin/sh", "-c", "kill -KILL $$"])
+        self.assertEqual(done.returncode, -signal.SIGKILL)
         region = self.report()["regions"]["total"]
         self.assertGreater(region["time"], 0)
         self.assertEqual((region["flop"], region["bbs"]), (0, []))
@@ -97,6 +135,29 @@ class kept_results_test(unittest.TestCase):
         done = self.run_tool(["--phase=full"], ["/bin/true"])
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         self.assertEqual(len(self.report()["roofs"]), 13)
+
+    def test_damaged_earlier_file_stays_as_it_is_and_the_result_goes_beside_it(self):
+        broken_block = '{"regions": {"total": {"bbs": [["1", "2", "3", "4", 5, 6, 7, 8]]}}}'
+        broken_count = '{"regions": {}, "roofs_by_num_threads": {"many": []}}'
+        script = [os.path.join(build, "tests/programs/regions/region_script"), "init", "start=a", "work=10", "stop=a",
+                  "finalize"]
+        beside = self.result + ".regions.json"
+        for text, reason in ((broken_block, "a block without a module"),
+                             (broken_count, "roofs without a number of threads"),
+                             ("[" * 1000000, "nested too deep")):
+            for mode in ("total", "region"):
+                for phase in ("perfmon", "bintracer", "~benchmarks"):
+                    write_text(self.result, text)
+                    done = self.run_tool([f"--mode={mode}", f"--phase={phase}"], script)
+                    self.assertEqual(done.returncode, 0, (mode, phase, done.stderr))
+                    self.assertEqual(LOG_TEXT.findall(done.stderr), [
+                        ("collector", f"warn {self.result} is damaged ({reason}) and stays as it is: the result goes "
+                                      f"to {beside}")], (mode, phase))
+                    with open(self.result, encoding="utf-8") as file:
+                        self.assertEqual(file.read(), text)
+                    with open(beside, encoding="utf-8") as file:
+                        self.assertEqual(list(json.load(file)["regions"]), ["total" if mode == "total" else "a"])
+                    os.remove(beside)
 
     def test_everything_that_was_counted_is_in_the_file_before_the_roofs(self):
         application = [os.path.join(programs, "triad"), "1000", "1"]

@@ -155,15 +155,21 @@ class applications_test(workload):
 class endings_test(workload):
     """What does not end well, and what is stopped."""
 
-    def test_crash_under_the_tracer_is_the_tools_own_end_and_leaves_the_earlier_file_alone(self):
+    def check_stopped_by(self, number, err):
+        self.assertRegex(err, f"^[^\n]* +collector:[0-9]+ +MORA warn Stopped by signal {int(number)} "
+                              rf"\({signal.strsignal(number)}\): the report holds what was counted before\n$")
+
+    def test_crash_under_the_tracer_is_the_tools_own_end_and_keeps_what_was_counted(self):
         for how, number in (("crash", signal.SIGSEGV), ("abort", signal.SIGABRT)):
-            for mode in ("total", "region"):
-                before = self.leave_earlier_file()
+            for mode, name in (("total", "total"), ("region", "half")):
+                self.leave_earlier_file()
                 done = self.run_tool(mode, "bintracer", [program("ends"), how])
                 self.assertEqual(done.returncode, -number)
-                self.assertIn("half of the work is done\n", done.stdout)
-                self.assertNotIn("Result is captured", done.stdout)
-                self.assertEqual(self.content(), before)
+                self.assertIn("half of the work is done\nCEILMETER: Processing all collected data\n", done.stdout)
+                self.check_stopped_by(number, done.stderr)
+                self.assertGreaterEqual(self.report()["regions"][name]["flop"], 2000)
+                if mode == "total":
+                    self.assertEqual(self.report()["regions"]["total"]["time"], 77, "the metrics of the earlier file")
 
     def test_crash_under_the_counters_does_not_stop_the_run_and_its_counters_stay(self):
         self.leave_earlier_file()
@@ -174,13 +180,15 @@ class endings_test(workload):
         self.assertEqual((region["flop"], region["threads"]), (600, 3))
         self.assertGreater(region["time"], 77)
 
-    def test_crash_in_both_phases_ends_in_the_second_and_leaves_the_counters_of_the_first_in_the_earlier_file(self):
+    def test_crash_in_both_phases_ends_in_the_second_and_keeps_the_counts_of_both(self):
         self.leave_earlier_file()
         done = self.run_tool("total", "full", [program("ends"), "crash"])
         self.assertEqual(done.returncode, -signal.SIGSEGV)
         self.assertEqual(TOOL_LINE.sub("", done.stdout), 2 * "half of the work is done\n")
+        self.assertNotIn("benchmarks", done.stdout)
         region = self.report()["regions"]["total"]
-        self.assertEqual((region["flop"], region["threads"]), (600, 3))
+        self.assertGreaterEqual(region["flop"], 2000)
+        self.assertEqual(region["threads"], 1)
         self.assertGreater(region["time"], 77)
 
     def test_crash_in_region_mode_before_the_regions_are_written_keeps_those_of_the_earlier_file(self):
@@ -268,21 +276,26 @@ class endings_test(workload):
         self.assertEqual(process.wait(timeout=SECONDS), -signal.SIGINT)
         self.assertEqual(self.content(), before)
 
-    def test_interrupt_from_the_keyboard_under_the_tracer_ends_the_one_process_and_leaves_the_earlier_file_alone(self):
-        before = self.leave_earlier_file()
+    def check_stopped_tracer(self, process, number):
+        out, err = process.communicate(timeout=SECONDS)
+        self.assertEqual(process.returncode, -number)
+        self.assertTrue(out.startswith("CEILMETER: Processing all collected data\n"), out)
+        self.check_stopped_by(number, err)
+        region = self.report()["regions"]["total"]
+        self.assertGreaterEqual(region["flop"], 2000)
+        self.assertEqual((region["threads"], region["time"]), (1, 77))
+
+    def test_interrupt_from_the_keyboard_under_the_tracer_keeps_what_was_counted(self):
+        self.leave_earlier_file()
         process, _ = self.start("bintracer", "never")
         os.killpg(process.pid, signal.SIGINT)
-        out, err = process.communicate(timeout=SECONDS)
-        self.assertEqual((process.returncode, out, err), (-signal.SIGINT, "", ""))
-        self.assertEqual(self.content(), before)
+        self.check_stopped_tracer(process, signal.SIGINT)
 
-    def test_termination_under_the_tracer_ends_the_one_process_and_leaves_the_earlier_file_alone(self):
-        before = self.leave_earlier_file()
+    def test_termination_under_the_tracer_keeps_what_was_counted(self):
+        self.leave_earlier_file()
         process, _ = self.start("bintracer", "never")
         process.send_signal(signal.SIGTERM)
-        out, err = process.communicate(timeout=SECONDS)
-        self.assertEqual((process.returncode, out, err), (-signal.SIGTERM, "", ""))
-        self.assertEqual(self.content(), before)
+        self.check_stopped_tracer(process, signal.SIGTERM)
 
     def test_termination_that_the_application_handles_under_the_tracer_ends_in_a_result(self):
         self.leave_earlier_file()

@@ -322,6 +322,18 @@ TEST_F(tracer_state, many_regions_keep_their_activity_apart) {
   EXPECT_EQ(tracer->max_active_threads("region 999"), 1U);
 }
 
+// More ends than beginnings leave a count below 0; nobody mistakes it for more threads than a system call can number.
+TEST_F(tracer_state, count_of_threads_is_reduced_to_its_low_32_bits_before_it_becomes_the_highest) {
+  start(MODE_TOTAL);
+  bintracer_thread& thread = begin_thread(1);
+  const log_capture log(LEVEL_INFO);
+  for (int end = 0; end < 4; ++end) tracer->finish_thread(thread);
+  EXPECT_THAT(log.messages(), ElementsAre("info finish_thread, max_thread_count is 0",
+                                          "info finish_thread, max_thread_count is 1",
+                                          "info finish_thread, max_thread_count is 1",
+                                          "info finish_thread, max_thread_count is 4294967295"));
+}
+
 // The one report of a process: get_report keeps the note that it has run for the process's life.
 TEST_F(tracer_state, second_report_is_empty_with_a_warning) {
   start(MODE_TOTAL);

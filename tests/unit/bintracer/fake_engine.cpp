@@ -145,6 +145,7 @@ int mora_set_child_thread_data(mora_context* ctx, void* data) {
 }
 
 std::int32_t mora_get_thread_id(const mora_context* ctx) { return ctx->thread_data->tid; }
+std::int32_t mora_get_ending_signal() { return 0; }
 
 const thread_data* mora_get_next_thread(const mora_context* ctx) { return ctx->thread_data->next; }
 

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "perfmon/region_result.h"
+#include "result_damage.h"
 #include "regions_fixture.h"
 
 namespace ceilmeter::test {

@@ -10,6 +10,7 @@
 
 #include "../../support/captured_log.h"
 #include "common/log.h"
+#include "bi/kernel/syscalls.h"
 #include "plugin_fixture.h"
 
 namespace ceilmeter {
@@ -262,6 +263,33 @@ TEST_F(symbol_parser_test, an_executable_mapping_of_a_file_has_its_functions_tol
   make(ET_DYN, {SHT_DYNSYM}, {{"mapped", STT_FUNC, 0x1000, 8}});
   deliver_mapped_file(fd, 0x10000);
   EXPECT_EQ(told, (told_symbols{{"mapped", 0x11000, 8}}));
+}
+
+class mapped_symbols_test : public symbol_parser_test {
+ protected:
+  mapped_symbols_test() {
+    interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
+    engine.argv = arguments;
+  }
+  ~mapped_symbols_test() override { interval_map_delete(&engine.exec_ranges, 0, ~std::uint64_t{0}); }
+
+  char name[8] = "/bin/sh";
+  char* arguments[2] = {name, nullptr};
+};
+
+TEST_F(mapped_symbols_test, a_file_that_is_mapped_in_two_pieces_has_its_functions_told_from_both_addresses) {
+  make(ET_DYN, {SHT_DYNSYM}, {{"mapped", STT_FUNC, 0x1000, 8}});
+  report_vm_op(VM_MAP, 0x10000, 0x1000, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0, 0, 0);
+  report_vm_op(VM_MAP, 0x40000, 0x1000, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0x1000, 0, 0);
+  EXPECT_EQ(told, (told_symbols{{"mapped", 0x11000, 8}, {"mapped", 0x41000, 8}}));
+}
+
+TEST_F(mapped_symbols_test, the_interpreters_marker_keeps_a_mapping_from_being_searched_and_the_applications_does_not) {
+  make(ET_DYN, {SHT_DYNSYM}, {{"mapped", STT_FUNC, 0x1000, 8}});
+  report_vm_op(VM_MAP, 0x10000, 0x1000, PROT_READ | PROT_EXEC, MAP_PRIVATE | VM_FLAG_INTERPRETER, fd, 0, 0, 0);
+  EXPECT_EQ(told, told_symbols{});
+  report_vm_op(VM_MAP, 0x20000, 0x1000, PROT_READ | PROT_EXEC, MAP_PRIVATE | VM_FLAG_APPLICATION, fd, 0, 0, 0);
+  EXPECT_EQ(told, (told_symbols{{"mapped", 0x21000, 8}}));
 }
 
 TEST_F(symbol_parser_test, a_descriptor_that_cannot_be_read_is_passed_over_in_silence) {

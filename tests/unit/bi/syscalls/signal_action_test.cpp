@@ -8,6 +8,7 @@
 #include <cstring>
 #include <thread>
 
+#include "bi/signals/ending_signals.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
@@ -112,6 +113,56 @@ TEST_F(signal_actions, default_and_ignore_go_to_the_kernel_unchanged) {
     EXPECT_EQ(read_back(SIGUSR1).handler, value);
     EXPECT_EQ(read_back(SIGUSR1).mask, sigill_bit);
   }
+}
+
+TEST_F(signal_actions, the_default_action_of_a_signal_that_ends_the_process_is_caught_and_reads_as_it_was_set) {
+  engine.process = getpid();
+  const raw_action action{0, SA_RESTART, 0, sigill_bit};
+  EXPECT_EQ(set(SIGUSR1, &action), 0);
+  EXPECT_EQ(in_kernel(SIGUSR1).handler, entry());
+  EXPECT_EQ(in_kernel(SIGUSR1).flags, std::uint64_t{SA_RESTART | SA_SIGINFO | SA_ONSTACK});
+  EXPECT_EQ(read_back(SIGUSR1).handler, 0u);
+  EXPECT_EQ(read_back(SIGUSR1).flags, std::uint64_t{SA_RESTART});
+  EXPECT_EQ(read_back(SIGUSR1).mask, sigill_bit);
+}
+
+TEST_F(signal_actions, what_does_not_end_the_process_and_what_is_ignored_are_not_caught) {
+  engine.process = getpid();
+  const raw_action standard{};
+  const raw_action ignored{1, 0, 0, 0};
+  for (const int signum : {SIGCHLD, SIGCONT, SIGURG, SIGWINCH, SIGTSTP, SIGTTIN, SIGTTOU}) {
+    EXPECT_EQ(set(signum, &standard), 0);
+    EXPECT_EQ(in_kernel(signum).handler, 0u) << signum;
+  }
+  set(SIGUSR1, &ignored);
+  EXPECT_EQ(in_kernel(SIGUSR1).handler, 1u);
+}
+
+TEST_F(signal_actions, another_process_than_the_one_that_began_catches_no_default_action) {
+  engine.process = getpid() + 1;
+  const raw_action standard{};
+  set(SIGUSR1, &standard);
+  EXPECT_EQ(in_kernel(SIGUSR1).handler, 0u);
+}
+
+TEST_F(signal_actions, at_the_start_what_the_caller_ignores_stays_ignored) {
+  signal(SIGUSR1, SIG_IGN);
+  catch_ending_signals();
+  EXPECT_EQ(in_kernel(SIGUSR1).handler, 1u);
+  EXPECT_EQ(in_kernel(SIGUSR2).handler, entry());
+  EXPECT_EQ(read_back(SIGUSR2).flags, 0u);
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    if (in_kernel(signum).handler == entry()) signal(signum, SIG_DFL);
+  }
+}
+
+TEST_F(signal_actions, a_handler_for_one_time_leaves_its_signal_caught) {
+  engine.process = getpid();
+  const raw_action action{handler, SA_RESETHAND, 0, 0};
+  set(SIGUSR1, &action);
+  EXPECT_EQ(take_application_action(SIGUSR1).handler, handler);
+  EXPECT_EQ(in_kernel(SIGUSR1).handler, entry());
+  EXPECT_EQ(read_back(SIGUSR1).handler, 0u);
 }
 
 TEST_F(signal_actions, sigill_is_never_given_up) {
