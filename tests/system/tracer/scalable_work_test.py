@@ -17,8 +17,8 @@ tool = os.path.join(build, "ceilmeter")
 program = os.path.join(build, "tests/programs/tracer/scalable_work")
 NO_SVE = 77
 SECONDS = 300  # A guard against a hang.
-WARNING = re.compile(r"MORA warn (\d+) scalable floating-point instructions \(SVE, SME\) were executed and not counted, "
-                     r"([\d.]+) % of all floating-point instructions")
+WARNING = re.compile(r"MORA warn (\d+) scalable floating-point instructions \(SVE, SME\) were executed and not "
+                     r"counted, ([\d.]+) % of all floating-point instructions")
 
 
 class scalable_work_test(unittest.TestCase):
