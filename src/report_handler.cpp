@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/log.h"
 #include "common/open_file.h"
@@ -266,6 +267,13 @@ collector_report read(const std::string& path) {
   log(LEVEL_INFO, "Reading collector report from %s", path.c_str());
   collector_report report;
   const int fd = open_unless_foreign_link(path, O_RDONLY | O_CLOEXEC, 0);
+  // A device holds no earlier result, and some of them never end.
+  struct stat status {};
+  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISCHR(status.st_mode)) {
+    close(fd);
+    log(LEVEL_DEBUG, "%s is a device: nothing is read", path.c_str());
+    return report;
+  }
   file_owner file(fd >= 0 ? fdopen(fd, "rb") : nullptr);
   if (file == nullptr) {
     log(LEVEL_DEBUG, "failed to open %s for reading", path.c_str());

@@ -213,7 +213,11 @@ int vm_op_cb(mora_context* ctx) {
   const std::int32_t fd = mora_get_vm_fd(ctx);
   if (fd >= 0) {
     // The name is noted even if the mapping has failed: the descriptor has it all the same.
-    tracer().register_fd_name(fd, std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
+    // Without /proc, in a bare container for instance, no file has a name, and the application runs all the same.
+    static const bool has_names = access("/proc/self/fd", F_OK) == 0;
+    if (has_names) {
+      tracer().register_fd_name(fd, std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
+    }
   }
   const std::uint64_t begin = mora_get_vm_addr(ctx);
   if (begin > highest_mapped_address) return 0;

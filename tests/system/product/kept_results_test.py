@@ -113,6 +113,26 @@ class kept_results_test(unittest.TestCase):
             self.assertTrue(os.path.exists(self.result))
             os.remove(self.result)
 
+    def test_traced_application_runs_where_there_is_no_proc(self):
+        for application, status in ((["/bin/sh", "-c", "exit 3"], 3),
+                                    ([os.path.join(build, "tests/programs/tracer/ended"), "no_core", "15"], 143)):
+            words = " ".join([tool, "--phase=bintracer", "-o", self.result, "--", application[0],
+                              *(f"'{word}'" for word in application[1:])])
+            done = subprocess.run(["unshare", "--mount", "/bin/sh", "-c", f"umount -l /proc; {words}; exit $?"],
+                                  capture_output=True, text=True, timeout=SECONDS, cwd=self.folder,
+                                  stdin=subprocess.DEVNULL, check=False)
+            self.assertEqual(done.returncode, status, done.stderr)
+            self.assertEqual(list(self.report()["regions"]), ["total"])
+            os.remove(self.result)
+
+    def test_result_that_is_a_device_does_not_end_the_run(self):
+        for device in ("/dev/null", "/dev/full"):
+            done = subprocess.run([tool, "--phase=bintracer", "-o", device, "--", "/bin/true"], capture_output=True,
+                                  text=True, timeout=SECONDS, cwd=self.folder, stdin=subprocess.DEVNULL, check=False)
+            self.assertNotIn("terminate", done.stderr)
+            self.assertEqual(done.returncode, 0 if device == "/dev/null" else -signal.SIGABRT, done.stderr)
+            self.assertEqual(done.stderr.count("a copy is saved as"), 0 if device == "/dev/null" else 1, done.stderr)
+
     def test_first_process_of_a_container_is_spared_by_what_it_does_not_handle(self):
         for number in (signal.SIGTERM, signal.SIGUSR1):
             application = ["/bin/sh", "-c", f"kill -{int(number)} $$; exit 7"]

@@ -328,10 +328,10 @@ TEST_F(tracer_state, count_of_threads_is_reduced_to_its_low_32_bits_before_it_be
   bintracer_thread& thread = begin_thread(1);
   const log_capture log(LEVEL_INFO);
   for (int end = 0; end < 4; ++end) tracer->finish_thread(thread);
-  EXPECT_THAT(log.messages(), ElementsAre("info finish_thread, max_thread_count is 0",
-                                          "info finish_thread, max_thread_count is 1",
-                                          "info finish_thread, max_thread_count is 1",
-                                          "info finish_thread, max_thread_count is 4294967295"));
+  EXPECT_THAT(
+      log.messages(),
+      ElementsAre("info finish_thread, max_thread_count is 0", "info finish_thread, max_thread_count is 1",
+                  "info finish_thread, max_thread_count is 1", "info finish_thread, max_thread_count is 4294967295"));
 }
 
 // The one report of a process: get_report keeps the note that it has run for the process's life.

@@ -6,12 +6,16 @@
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cfenv>
 #include <csignal>
+#include <cstdlib>
 
 #include "../support/captured_log.h"
+#include "interruption.h"
 
 namespace ceilmeter {
 namespace {
@@ -111,6 +115,57 @@ TEST_F(left_behind, processors_are_all_there_again) {
   cpu_set_t after;
   sched_getaffinity(0, sizeof after, &after);
   EXPECT_TRUE(CPU_EQUAL(&before, &after));
+}
+
+TEST_F(left_behind, memory_policy_is_the_first_one) {
+  constexpr int bind = 2;
+  constexpr unsigned long bits = 64;
+  const unsigned long first_node = 1;
+  if (syscall(SYS_set_mempolicy, bind, &first_node, bits + 1) != 0) GTEST_SKIP() << "no memory policies here";
+  int policy = -1;
+  ASSERT_EQ(syscall(SYS_get_mempolicy, &policy, nullptr, 0, nullptr, 0), 0);
+  ASSERT_EQ(policy, bind);
+  restore_process_state();
+  ASSERT_EQ(syscall(SYS_get_mempolicy, &policy, nullptr, 0, nullptr, 0), 0);
+  EXPECT_EQ(policy, 0);
+}
+
+// Each in a process of its own: the signal is noted for good.
+using ended_by_signal_death = left_behind;
+
+TEST_F(ended_by_signal_death, repeated_request_is_the_first_one_and_a_failure_ends_by_the_applications_signal) {
+  const auto fail = [] {
+    note_end_by_signal(SIGTERM);
+    restore_process_state();
+    raise(SIGTERM);
+    raise(SIGINT);
+    std::abort();
+  };
+  EXPECT_EXIT(fail(), testing::KilledBySignal(SIGTERM), "");
+}
+
+TEST_F(ended_by_signal_death, second_request_ends_the_process_by_its_own_number) {
+  const auto wait_and_ask = [] {
+    note_end_by_signal(SIGTERM);
+    restore_process_state();
+    usleep(700'000);
+    raise(SIGINT);
+    std::exit(0);
+  };
+  EXPECT_EXIT(wait_and_ask(), testing::KilledBySignal(SIGINT), "");
+}
+
+TEST_F(ended_by_signal_death, request_that_the_caller_ignores_stays_ignored) {
+  const auto ask = [] {
+    signal(SIGHUP, SIG_IGN);
+    save_process_state();
+    note_end_by_signal(SIGTERM);
+    restore_process_state();
+    usleep(700'000);
+    raise(SIGHUP);
+    std::exit(5);
+  };
+  EXPECT_EXIT(ask(), testing::ExitedWithCode(5), "");
 }
 
 }  // namespace

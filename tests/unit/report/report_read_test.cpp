@@ -470,5 +470,13 @@ TEST(get_pointer_from_hex_string_token, of_no_string_is_0_with_the_type_in_the_w
   EXPECT_THAT(log.messages(), ElementsAre("warn Expect string in basic block field but get json_token_type=3"));
 }
 
+TEST(read, of_a_device_finds_no_earlier_result_and_does_not_wait_for_its_end) {
+  for (const char* device : {"/dev/null", "/dev/zero", "/dev/full"}) {
+    const collector_report report = read(device);
+    EXPECT_TRUE(report.regions.empty()) << device;
+    EXPECT_EQ(report.threads, 0U);
+  }
+}
+
 }  // namespace
 }  // namespace ceilmeter
