@@ -19,7 +19,9 @@ _Noreturn void unmap_and_exit(void* memory, long size);
 static int tid;
 
 static void wait_for_end(void) {
-  while (__atomic_load_n(&tid, __ATOMIC_ACQUIRE) != 0) syscall(SYS_futex, &tid, FUTEX_WAIT, tid, NULL, NULL, 0);
+  for (int value = 0; (value = __atomic_load_n(&tid, __ATOMIC_ACQUIRE)) != 0;) {
+    syscall(SYS_futex, &tid, FUTEX_WAIT, value, NULL, NULL, 0);
+  }
 }
 
 static void* new_stack(void) {
