@@ -49,9 +49,7 @@ static void arguments_below(void) {
   CHECK(munmap(stack, STACK_SIZE) == 0);
 }
 
-static int unmapping(void* stack) {
-  unmap_and_exit(stack, STACK_SIZE);
-}
+static int unmapping(void* stack) { unmap_and_exit(stack, STACK_SIZE); }
 
 static void own_stack(void) {
   unsigned char* stack = new_stack();
@@ -59,7 +57,8 @@ static void own_stack(void) {
   CHECK(clone(unmapping, stack + STACK_SIZE, FLAGS | CLONE_CHILD_CLEARTID, stack, NULL, NULL, &tid) > 0);
   wait_for_end();
   // All of it is gone: the place can be had again.
-  void* again = mmap(stack, STACK_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+  const int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE;
+  void* again = mmap(stack, STACK_SIZE, PROT_READ | PROT_WRITE, flags, -1, 0);
   CHECK(again == stack);
   CHECK(munmap(stack, STACK_SIZE) == 0);
 }
