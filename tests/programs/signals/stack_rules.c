@@ -50,7 +50,7 @@ static int set(void* place, size_t size, int flags) {
 static void errors(void) {
   const int flags[] = {0,          SS_ONSTACK,          SS_DISABLE,          3,       4, 0x100,
                        AUTODISARM, (int)(1U << 31 | 1), (int)(1U << 31 | 2), 1 << 30, -1};
-  const size_t sizes[] = {0, 1, 2047, 2048, LEAST - 1, LEAST, STACK, 1UL << 40};
+  const size_t sizes[] = {0, 1, 2047, 2048, LEAST - 1, LEAST, STACK};
   for (size_t flag = 0; flag < sizeof flags / sizeof *flags; ++flag) {
     for (size_t size = 0; size < sizeof sizes / sizeof *sizes; ++size) {
       printf("flags 0x%x, size %zu: %d; ", (unsigned)flags[flag], sizes[size], set(stack, sizes[size], flags[flag]));
@@ -96,8 +96,9 @@ static void look(int number, siginfo_t* info, void* context) {
          (unsigned)ucontext->uc_stack.ss_flags, (void*)ucontext->uc_link, ucontext->uc_flags);
   const uintptr_t frame = (uintptr_t)info;
   const uintptr_t sp = ucontext->uc_mcontext.sp;
-  const int is_at_top = is_in(info, stack) && !is_in((void*)(sp - 1), stack);
-  const uintptr_t top = is_at_top ? (uintptr_t)stack + STACK : sp;
+  const char* area = is_in(info, stack) ? stack : is_in(info, other) ? other : NULL;
+  const int is_at_top = area != NULL && !is_in((void*)(sp - 1), area);
+  const uintptr_t top = is_at_top ? (uintptr_t)area + STACK : sp;
   printf("frame: %d, siginfo at %zu below %s, aligned %d\n", (int)((uintptr_t)context - frame), (size_t)(top - frame),
          is_at_top ? "the stack's top" : "sp", (int)(frame % 16));
   // The handler's own record leads to the frame's, which holds the registers of the interrupted code.
