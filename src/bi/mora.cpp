@@ -48,6 +48,13 @@ constexpr int anonymous = MAP_PRIVATE | MAP_ANONYMOUS;
 
 std::size_t whole_pages(std::size_t size) { return page_up(size, page_size()); }
 
+// Most of what a thread maps is never touched. The kernel would give huge pages to the rest, some 8 MiB for a thread
+// that runs little code. The first thread keeps them, because most programs run in it alone: its tables and its code
+// need fewer entries of the processor's address translation.
+void take_small_pages(void* mapping, std::size_t size) {
+  if (engine.thread_list != nullptr) madvise(mapping, size, MADV_NOHUGEPAGE);
+}
+
 // The word at `place` of the stub text in a thread's copy.
 void set_stub_word(thread_data* thread, const std::uint8_t* place, const void* value) {
   const std::uint64_t word = address_of(value);
@@ -141,6 +148,7 @@ int mora_run(int argc, char** argv, char** envp) {
 bool allocate_thread_data(thread_data** out) {
   void* mapping = mmap(nullptr, whole_pages(sizeof(thread_data)), PROT_READ | PROT_WRITE, anonymous, -1, 0);
   if (mapping == MAP_FAILED) return false;
+  take_small_pages(mapping, whole_pages(sizeof(thread_data)));
   *out = static_cast<thread_data*>(mapping);  // The mapping is zeroed, which is every field's first value.
   (*out)->return_stack_top = (*out)->return_stack;
   return true;
@@ -152,11 +160,13 @@ namespace {
 const char* map_thread_memory(thread_data* thread) {
   void* cache = mmap(nullptr, CODE_CACHE_SIZE, PROT_READ | PROT_WRITE | PROT_EXEC, anonymous, -1, 0);
   if (cache == MAP_FAILED) return "code cache";
+  take_small_pages(cache, CODE_CACHE_SIZE);
   thread->code_cache = static_cast<std::uint8_t*>(cache);
   log(LEVEL_TRACE, "Code cache: %p", cache);
   const std::size_t pool_size = whole_pages(linked_pool_bytes(LINK_POOL_CAPACITY));
   void* pool = mmap(nullptr, pool_size, PROT_READ | PROT_WRITE, anonymous, -1, 0);
   if (pool == MAP_FAILED) return "link pool";
+  take_small_pages(pool, pool_size);
   thread->cc_link_pool = static_cast<linked_pool*>(pool);
   return map_signal_stack(thread) ? nullptr : "signal stack";
 }

@@ -153,7 +153,7 @@ struct thread_data {
   std::uint64_t untouched_sp;
   std::uint32_t untouched_visits;  // How often the dispatcher has found it so.
   page_range kept_stack;           // What a thread that has unmapped its own stack still stands on, see handle_munmap.
-  std::uint64_t clone_x3;     // What the parent had in x3; `clone_args` has the new thread's TLS there.
+  std::uint64_t clone_x3;          // What the parent had in x3; `clone_args` has the new thread's TLS there.
   std::uint8_t clone_shares_vm;
   std::int32_t pending_signals[SIGNAL_COUNT];
   std::int32_t pending_signal_count;  // Their sum; the reentry stub reads it on every way back into the cache.
@@ -289,11 +289,11 @@ bool is_process_ending(const thread_data* thread);
 std::uint64_t* engine_stack_word(const thread_data* thread);
 inline std::uint64_t engine_stack(const thread_data* thread) { return *engine_stack_word(thread); }
 
-// A new thread may find arguments below its stack pointer, where a program natively finds what its parent left. Until it
-// first moves its stack pointer, whatever the engine adds to its blocks pushes KEPT_BELOW_SP bytes further down: each
-// block is entered with sp that much lower, raises it in front of its first word and lowers it again in its exit. Such
-// blocks are not linked, have no hot counter and are known by keys of their own (block_key), so that they are not run
-// any more once the dispatcher has found the stack pointer moved.
+// A new thread may find arguments below its stack pointer, where a program natively finds what its parent left. Until
+// it first moves its stack pointer, whatever the engine adds to its blocks pushes KEPT_BELOW_SP bytes further down:
+// each block is entered with sp that much lower, raises it in front of its first word and lowers it again in its exit.
+// Such blocks are not linked, have no hot counter and are known by keys of their own (block_key), so that they are not
+// run any more once the dispatcher has found the stack pointer moved.
 inline constexpr std::uint32_t KEPT_BELOW_SP = 512;
 inline bool keeps_below_sp(const thread_data* thread) { return thread->untouched_sp != 0; }
 inline std::uint64_t kept_below_sp(const thread_data* thread) { return keeps_below_sp(thread) ? KEPT_BELOW_SP : 0; }

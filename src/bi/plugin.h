@@ -5,8 +5,8 @@
 // running code nothing.
 //
 // Callbacks run on the application's thread and, as all of the engine does, on the engine's stack, which is small: keep
-// frames so, too. They may use the tool's C and C++ libraries. Several threads can be in the same callback at once, each with
-// its own context. Nothing here throws. What can fail returns a negative number, and 0 otherwise.
+// frames so, too. They may use the tool's C and C++ libraries. Several threads can be in the same callback at once,
+// each with its own context. Nothing here throws. What can fail returns a negative number, and 0 otherwise.
 #pragma once
 
 #include <cstddef>

@@ -33,7 +33,8 @@ global_label signal_entry_stub
 
 // void *thread_start_stub(thread_data *): what pthread_create runs. Keeps the callee-saved registers of the C library's
 // caller in a frame that leave_thread returns through, and goes on to thread_start(thread_data, engine_sp). Below the
-// frame the engine's stack of the thread begins; room for a system call's frame is kept there, which thread_start fills.
+// frame the engine's stack of the thread begins; room for a system call's frame is kept there, which thread_start
+// fills.
 //
 //   Frame, from sp up: x19, x20 0x00; x21, x22 0x10; ... x29, x30 0x50. Size 0x60.
 global_label thread_start_stub
@@ -109,8 +110,8 @@ global_label clone_in_memory
         b       vfork_child_start
 
 // void enter_application(std::uint64_t block, std::uint64_t sp, std::uint64_t *engine_stack_word): the first entry into
-// the cache. The block pops the two zeros, so that the application starts with x0 and x1 at 0 and sp at the value given.
-// What lies below the tool's present stack pointer becomes the engine's stack. Does not return.
+// the cache. The block pops the two zeros, so that the application starts with x0 and x1 at 0 and sp at the value
+// given. What lies below the tool's present stack pointer becomes the engine's stack. Does not return.
 global_label enter_application
         mov     x3, sp
         str     x3, [x2]

@@ -118,110 +118,32 @@ global_label save_vector_state
         b       save_simd_regs
         addvl   sp, sp, #-32
         addvl   sp, sp, #-3
-        str     p0, [sp, #0, mul vl]
-        str     p1, [sp, #1, mul vl]
-        str     p2, [sp, #2, mul vl]
-        str     p3, [sp, #3, mul vl]
-        str     p4, [sp, #4, mul vl]
-        str     p5, [sp, #5, mul vl]
-        str     p6, [sp, #6, mul vl]
-        str     p7, [sp, #7, mul vl]
-        str     p8, [sp, #8, mul vl]
-        str     p9, [sp, #9, mul vl]
-        str     p10, [sp, #10, mul vl]
-        str     p11, [sp, #11, mul vl]
-        str     p12, [sp, #12, mul vl]
-        str     p13, [sp, #13, mul vl]
-        str     p14, [sp, #14, mul vl]
-        str     p15, [sp, #15, mul vl]
+        .irp    n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+        str     p\n, [sp, #\n, mul vl]
+        .endr
         rdffr   p0.b
         str     p0, [sp, #16, mul vl]
-        str     z0, [sp, #3, mul vl]
-        str     z1, [sp, #4, mul vl]
-        str     z2, [sp, #5, mul vl]
-        str     z3, [sp, #6, mul vl]
-        str     z4, [sp, #7, mul vl]
-        str     z5, [sp, #8, mul vl]
-        str     z6, [sp, #9, mul vl]
-        str     z7, [sp, #10, mul vl]
-        str     z8, [sp, #11, mul vl]
-        str     z9, [sp, #12, mul vl]
-        str     z10, [sp, #13, mul vl]
-        str     z11, [sp, #14, mul vl]
-        str     z12, [sp, #15, mul vl]
-        str     z13, [sp, #16, mul vl]
-        str     z14, [sp, #17, mul vl]
-        str     z15, [sp, #18, mul vl]
-        str     z16, [sp, #19, mul vl]
-        str     z17, [sp, #20, mul vl]
-        str     z18, [sp, #21, mul vl]
-        str     z19, [sp, #22, mul vl]
-        str     z20, [sp, #23, mul vl]
-        str     z21, [sp, #24, mul vl]
-        str     z22, [sp, #25, mul vl]
-        str     z23, [sp, #26, mul vl]
-        str     z24, [sp, #27, mul vl]
-        str     z25, [sp, #28, mul vl]
-        str     z26, [sp, #29, mul vl]
-        str     z27, [sp, #30, mul vl]
-        str     z28, [sp, #31, mul vl]
-        str     z29, [sp, #32, mul vl]
-        str     z30, [sp, #33, mul vl]
-        str     z31, [sp, #34, mul vl]
+        .irp    n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+        str     z\n, [sp, #(\n + 3), mul vl]
+        .endr
+        .irp    n, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31
+        str     z\n, [sp, #(\n + 3), mul vl]
+        .endr
         ret
 
 global_label restore_vector_state
         b       restore_simd_regs
         ldr     p0, [sp, #16, mul vl]
         wrffr   p0.b
-        ldr     p0, [sp, #0, mul vl]
-        ldr     p1, [sp, #1, mul vl]
-        ldr     p2, [sp, #2, mul vl]
-        ldr     p3, [sp, #3, mul vl]
-        ldr     p4, [sp, #4, mul vl]
-        ldr     p5, [sp, #5, mul vl]
-        ldr     p6, [sp, #6, mul vl]
-        ldr     p7, [sp, #7, mul vl]
-        ldr     p8, [sp, #8, mul vl]
-        ldr     p9, [sp, #9, mul vl]
-        ldr     p10, [sp, #10, mul vl]
-        ldr     p11, [sp, #11, mul vl]
-        ldr     p12, [sp, #12, mul vl]
-        ldr     p13, [sp, #13, mul vl]
-        ldr     p14, [sp, #14, mul vl]
-        ldr     p15, [sp, #15, mul vl]
-        ldr     z0, [sp, #3, mul vl]
-        ldr     z1, [sp, #4, mul vl]
-        ldr     z2, [sp, #5, mul vl]
-        ldr     z3, [sp, #6, mul vl]
-        ldr     z4, [sp, #7, mul vl]
-        ldr     z5, [sp, #8, mul vl]
-        ldr     z6, [sp, #9, mul vl]
-        ldr     z7, [sp, #10, mul vl]
-        ldr     z8, [sp, #11, mul vl]
-        ldr     z9, [sp, #12, mul vl]
-        ldr     z10, [sp, #13, mul vl]
-        ldr     z11, [sp, #14, mul vl]
-        ldr     z12, [sp, #15, mul vl]
-        ldr     z13, [sp, #16, mul vl]
-        ldr     z14, [sp, #17, mul vl]
-        ldr     z15, [sp, #18, mul vl]
-        ldr     z16, [sp, #19, mul vl]
-        ldr     z17, [sp, #20, mul vl]
-        ldr     z18, [sp, #21, mul vl]
-        ldr     z19, [sp, #22, mul vl]
-        ldr     z20, [sp, #23, mul vl]
-        ldr     z21, [sp, #24, mul vl]
-        ldr     z22, [sp, #25, mul vl]
-        ldr     z23, [sp, #26, mul vl]
-        ldr     z24, [sp, #27, mul vl]
-        ldr     z25, [sp, #28, mul vl]
-        ldr     z26, [sp, #29, mul vl]
-        ldr     z27, [sp, #30, mul vl]
-        ldr     z28, [sp, #31, mul vl]
-        ldr     z29, [sp, #32, mul vl]
-        ldr     z30, [sp, #33, mul vl]
-        ldr     z31, [sp, #34, mul vl]
+        .irp    n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+        ldr     p\n, [sp, #\n, mul vl]
+        .endr
+        .irp    n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
+        ldr     z\n, [sp, #(\n + 3), mul vl]
+        .endr
+        .irp    n, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31
+        ldr     z\n, [sp, #(\n + 3), mul vl]
+        .endr
         addvl   sp, sp, #31
         addvl   sp, sp, #4
         ret
@@ -485,8 +407,8 @@ global_label reentry_resume_branch
         mov     sp, x2
         b       1b
 
-// Part of syscall_wrapper, for the clones that the engine makes itself: a thread, and a child in the same memory. Either
-// begins with all of the caller's registers, so those that C++ keeps are added to the save area. Calls
+// Part of syscall_wrapper, for the clones that the engine makes itself: a thread, and a child in the same memory.
+// Either begins with all of the caller's registers, so those that C++ keeps are added to the save area. Calls
 // syscall_clone(number, args, next_inst, thread_data), which leaves the result in the save area.
 syscall_clone_in_engine:
         add     x1, sp, #STUB_SIMD_REGS_SIZE

@@ -44,7 +44,8 @@ void* thread_start_stub(void* thread);
 void leave_thread(std::uint64_t engine_sp, std::int32_t* library_tid_word, std::int32_t* application_tid_word);
 [[noreturn]] void start_in_cache(std::uint64_t frame, std::uint64_t leave);
 void enter_application(std::uint64_t block, std::uint64_t sp, std::uint64_t* engine_stack_word);
-std::int64_t clone_in_memory(std::uint64_t flags, std::uint64_t parent_tid, std::uint64_t child_tid, thread_data* child);
+std::int64_t clone_in_memory(std::uint64_t flags, std::uint64_t parent_tid, std::uint64_t child_tid,
+                             thread_data* child);
 std::int64_t raw_syscall(std::uint64_t number, std::uint64_t a0 = 0, std::uint64_t a1 = 0, std::uint64_t a2 = 0,
                          std::uint64_t a3 = 0, std::uint64_t a4 = 0, std::uint64_t a5 = 0, std::uint64_t a6 = 0);
 

@@ -120,8 +120,8 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   thread->saved_signal_mask = block_all_signals();
   // While this thread holds the engine's locks, nothing of the engine is half changed in the copy. A clone that has its
   // parent wait for a child with memory of its own does without them: to get to its end the child may need the parent's
-  // other threads. Plug-ins hear of that child and of its code, so their lock alone is held: a thread of the parent that
-  // reaches new code waits until the child has gone.
+  // other threads. Plug-ins hear of that child and of its code, so their lock alone is held: a thread of the parent
+  // that reaches new code waits until the child has gone.
   thread->clone_holds_locks = (flags & CLONE_VFORK) == 0 ? 1 : 0;
   if (thread->clone_holds_locks == 0) {
     if (plugins_listen()) {

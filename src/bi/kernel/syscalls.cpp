@@ -115,9 +115,7 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_dat
       *result = handle_sigaltstack(thread, args[0], args[1], args[SYSCALL_APP_SP / 8]);
       return call_action::HANDLED;
     case SYS_rt_sigaction: *result = handle_rt_sigaction(args); return call_action::HANDLED;
-    case SYS_rt_sigreturn:
-      redirect_signal_return(args, thread);
-      return call_action::MAKE_FINAL;
+    case SYS_rt_sigreturn: redirect_signal_return(args, thread); return call_action::MAKE_FINAL;
     case SYS_shmat: *result = handle_shmat(args); return call_action::HANDLED;
     case SYS_shmdt: *result = handle_shmdt(args); return call_action::HANDLED;
     case SYS_brk: *result = static_cast<std::int64_t>(brk_handler(args[0])); return call_action::HANDLED;
@@ -176,7 +174,8 @@ void finish_handled(std::uint64_t number, std::uint64_t* args, std::uint64_t nex
 extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                              thread_data* thread) {
   number = low_half(number);
-  args[SYSCALL_APP_SP / 8] += kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
+  args[SYSCALL_APP_SP / 8] +=
+      kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
   log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
   // The first argument is all that a post-syscall callback gets to see: the result takes its place.
   if (plugins_listen()) thread->syscall_args = args[0];

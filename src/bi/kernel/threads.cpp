@@ -1,9 +1,9 @@
 // The life of the application's threads.
 //
 // Every thread of the application's, except the process's first, is a pthread of the tool's, so that the tool's C
-// library works in it. The pthread's stack is the engine's stack of the thread; rewritten code runs on the application's
-// stack. The kernel clears one id word when a thread ends. The application's C
-// library and the tool's both need a word of their own cleared: see set_application_tid_word and settle_tid_words.
+// library works in it. The pthread's stack is the engine's stack of the thread; rewritten code runs on the
+// application's stack. The kernel clears one id word when a thread ends. The application's C library and the tool's
+// both need a word of their own cleared: see set_application_tid_word and settle_tid_words.
 #include "bi/kernel/threads.h"
 
 #include <linux/futex.h>

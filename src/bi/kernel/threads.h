@@ -20,8 +20,8 @@ void use_engine_stack(thread_data* thread, std::uint64_t top);
 // caller. Returns its id, or a negative error number as the kernel would.
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst);
 
-// A record with its cache, or null if the kernel refuses its memory; what was mapped until then is given back. The first
-// refusal is logged, because the application gets an ordinary error and may not tell anybody of it.
+// A record with its cache, or null if the kernel refuses its memory; what was mapped until then is given back. The
+// first refusal is logged, because the application gets an ordinary error and may not tell anybody of it.
 thread_data* make_thread_record();
 
 // For a thread or a child that begins with the state of the call `args`. The first makes a copy of the parent's frame

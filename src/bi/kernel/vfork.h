@@ -1,6 +1,6 @@
-// Children that share their parent's memory while the parent sleeps (CLONE_VM with CLONE_VFORK), as vfork and posix_spawn
-// make them. What such a child writes, its parent sees; no lock of the engine's is held while it runs, because it may
-// wait for another thread of its parent's.
+// Children that share their parent's memory while the parent sleeps (CLONE_VM with CLONE_VFORK), as vfork and
+// posix_spawn make them. What such a child writes, its parent sees; no lock of the engine's is held while it runs,
+// because it may wait for another thread of its parent's.
 //
 // The child has a record and a code cache of its own, on which it can be stopped at any moment without harm to its
 // parent. Its engine's stack is the unused part of its parent's. The thread-local words of the tool's C library are the

@@ -65,6 +65,10 @@ void count_visit(thread_data* thread) {
   std::atomic_ref(thread->pending_signal_count).fetch_add(1, std::memory_order_relaxed);
 }
 
+bool has_to_visit_engine(thread_data* thread) {
+  return std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0;
+}
+
 void count_signal(thread_data* thread, const siginfo_t& info) {
   hold_signal(thread->held, info);  // Before it is counted: who takes it off its counter looks for the record.
   std::atomic_ref(thread->pending_signals[info.si_signo]).fetch_add(1, std::memory_order_relaxed);

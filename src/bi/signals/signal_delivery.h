@@ -17,6 +17,10 @@ void count_signal(thread_data* thread, const siginfo_t& info);
 // Counts none, but makes the thread's next way back into the cache come to deliver_pending_signal.
 void count_visit(thread_data* thread);
 
+// Whether the thread has to come by the engine before it runs application code again: all that the way through the
+// dispatcher and cache_reentry_stub looks at.
+bool has_to_visit_engine(thread_data* thread);
+
 // The signals that the application handles, but for faults, as a mask.
 std::uint64_t handled_signals();
 

@@ -3,7 +3,6 @@
 #include <asm/sigcontext.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
 #include "bi/code/code_cache.h"
@@ -92,10 +91,8 @@ void copy_frame(const thread_data* thread, signal_frame* from, signal_frame* to,
 // Where a handler's code is, if the thread may go there straight away, as by a link. Otherwise the way leads past the
 // dispatcher, which scans, and past the look at the held signals: one of them is then raised on top of this one. None
 // comes in between, because every signal is blocked up to the return from the kernel's frame.
-std::uint64_t straight_entry(const thread_data* thread, std::uint64_t handler) {
-  if (std::atomic_ref(const_cast<thread_data*>(thread)->pending_signal_count).load(std::memory_order_relaxed) != 0) {
-    return 0;
-  }
+std::uint64_t straight_entry(thread_data* thread, std::uint64_t handler) {
+  if (has_to_visit_engine(thread)) return 0;
   const std::uint64_t entry = hash_lookup_entry(thread, handler);
   return entry == HASH_MISS ? 0 : entry + ENTRY_WORD_SIZE;
 }

@@ -105,11 +105,13 @@ static void clones(void) {
   static unsigned char stack[65536] __attribute__((aligned(16)));
   static int tid;
   tid = 1;
-  const long flags = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM |
-                     CLONE_CHILD_CLEARTID;
+  const long flags =
+      CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM | CLONE_CHILD_CLEARTID;
   const long thread[WORDS] = {SYS_clone, flags, (long)(stack + sizeof stack), 0, 0, (long)&tid};
   CHECK(run("thread", clone_call, thread) > 0);
-  while (__atomic_load_n(&tid, __ATOMIC_ACQUIRE) != 0) syscall(SYS_futex, &tid, FUTEX_WAIT, tid, NULL, NULL, 0);
+  for (int value = 0; (value = __atomic_load_n(&tid, __ATOMIC_ACQUIRE)) != 0;) {
+    syscall(SYS_futex, &tid, FUTEX_WAIT, value, NULL, NULL, 0);
+  }
 }
 
 int main(void) {

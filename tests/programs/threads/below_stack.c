@@ -19,7 +19,9 @@ _Noreturn void unmap_and_exit(void* memory, long size);
 static int tid;
 
 static void wait_for_end(void) {
-  while (__atomic_load_n(&tid, __ATOMIC_ACQUIRE) != 0) syscall(SYS_futex, &tid, FUTEX_WAIT, tid, NULL, NULL, 0);
+  for (int value = 0; (value = __atomic_load_n(&tid, __ATOMIC_ACQUIRE)) != 0;) {
+    syscall(SYS_futex, &tid, FUTEX_WAIT, value, NULL, NULL, 0);
+  }
 }
 
 static void* new_stack(void) {
@@ -47,9 +49,7 @@ static void arguments_below(void) {
   CHECK(munmap(stack, STACK_SIZE) == 0);
 }
 
-static int unmapping(void* stack) {
-  unmap_and_exit(stack, STACK_SIZE);
-}
+static int unmapping(void* stack) { unmap_and_exit(stack, STACK_SIZE); }
 
 static void own_stack(void) {
   unsigned char* stack = new_stack();
@@ -57,7 +57,8 @@ static void own_stack(void) {
   CHECK(clone(unmapping, stack + STACK_SIZE, FLAGS | CLONE_CHILD_CLEARTID, stack, NULL, NULL, &tid) > 0);
   wait_for_end();
   // All of it is gone: the place can be had again.
-  void* again = mmap(stack, STACK_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+  const int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE;
+  void* again = mmap(stack, STACK_SIZE, PROT_READ | PROT_WRITE, flags, -1, 0);
   CHECK(again == stack);
   CHECK(munmap(stack, STACK_SIZE) == 0);
 }

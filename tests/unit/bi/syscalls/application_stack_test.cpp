@@ -122,7 +122,8 @@ TEST_F(application_stacks, the_padding_of_what_is_told_is_zero) {
   EXPECT_EQ(padding, 0u);
 }
 
-TEST_F(application_stacks, a_frame_begins_at_the_stacks_end_for_an_action_that_wants_it_and_a_thread_that_is_not_on_it) {
+TEST_F(application_stacks,
+       a_frame_begins_at_the_stacks_end_for_an_action_that_wants_it_and_a_thread_that_is_not_on_it) {
   EXPECT_EQ(signal_frame_top(thread, elsewhere, true), elsewhere);
   set(stack_of(place, SIZE));
   EXPECT_EQ(signal_frame_top(thread, elsewhere, true), address_of(place + SIZE));

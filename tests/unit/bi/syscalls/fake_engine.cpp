@@ -15,6 +15,7 @@
 
 #include "bi/code/code_cache.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/signals/signal_delivery.h"
 #include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
@@ -131,6 +132,8 @@ std::uint64_t lookup_or_scan(thread_data*, std::uint64_t source) { return test::
 std::uint64_t hash_lookup_entry(const thread_data*, std::uint64_t) { return HASH_MISS; }
 
 void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
+
+bool has_to_visit_engine(thread_data*) { return false; }
 
 bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }
 

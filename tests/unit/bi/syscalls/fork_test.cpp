@@ -133,8 +133,7 @@ TEST_F(fork_like_clone, the_kernel_gets_the_stack_as_it_is) {
 
 TEST_F(fork_like_clone, a_child_on_another_stack_goes_on_there_and_its_parent_where_it_was) {
   args[SYSCALL_APP_SP / 8] = 0x5550;
-  const int failed = run_child(
-      [&] { return args[SYSCALL_APP_SP / 8] == 0x12340 ? 0 : 1; }, [&] { args[1] = 0x12340; });
+  const int failed = run_child([&] { return args[SYSCALL_APP_SP / 8] == 0x12340 ? 0 : 1; }, [&] { args[1] = 0x12340; });
   EXPECT_EQ(failed, 0);
   EXPECT_EQ(args[SYSCALL_APP_SP / 8], 0x5550u);
 }
