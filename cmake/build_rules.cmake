@@ -46,6 +46,12 @@ if(CEILMETER_SANITIZE)
   target_link_options(ceilmeter_rules INTERFACE -fsanitize=${CEILMETER_SANITIZE})
 endif()
 
+# The level of optimisation that a build type stands for, for files that are to keep it in a target that has another.
+string(REGEX MATCH "-O[0-3sg]" ceilmeter_optimisation "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_RELWITHDEBINFO}")
+if(CMAKE_BUILD_TYPE STREQUAL "Debug")
+  set(ceilmeter_optimisation -O0)
+endif()
+
 # The name that tells this build tree's tests from another tree's in one common test run.
 if(CEILMETER_HOST)
   get_filename_component(ceilmeter_tree "${CMAKE_BINARY_DIR}" NAME)
@@ -61,12 +67,36 @@ function(ceilmeter_library name)
   target_link_libraries(${name} PUBLIC ceilmeter_rules ${arg_LIBRARIES})
 endfunction()
 
+# ceilmeter_compile_as_test(TARGET): the sources of a GoogleTest executable are compiled without optimisation, which
+# takes half the time, and with GoogleTest's headers precompiled once for the tree, which takes off half of the rest.
+# What they test stands in libraries, or is named here by a path below src/: that is compiled as everywhere.
+# A compiler launcher means a compiler cache, which keeps nothing that has read a precompiled header.
+function(ceilmeter_compile_as_test target)
+  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:C,CXX>:-O0>)
+  get_target_property(sources ${target} SOURCES)
+  list(FILTER sources INCLUDE REGEX "^${PROJECT_SOURCE_DIR}/src/.*[.]cpp$")
+  set_source_files_properties(${sources} PROPERTIES COMPILE_OPTIONS "${ceilmeter_optimisation}"
+    SKIP_PRECOMPILE_HEADERS ON)
+  if(CMAKE_CXX_COMPILER_LAUNCHER)
+    return()
+  endif()
+  if(NOT TARGET ceilmeter_test_headers)
+    file(WRITE "${CMAKE_BINARY_DIR}/generated/test_headers.cpp" "// Only its precompiled headers are used.\n")
+    add_library(ceilmeter_test_headers STATIC "${CMAKE_BINARY_DIR}/generated/test_headers.cpp")
+    target_link_libraries(ceilmeter_test_headers PRIVATE ceilmeter_rules gtest gmock)
+    target_compile_options(ceilmeter_test_headers PRIVATE $<$<COMPILE_LANGUAGE:C,CXX>:-O0>)
+    target_precompile_headers(ceilmeter_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>)
+  endif()
+  target_precompile_headers(${target} REUSE_FROM ceilmeter_test_headers)
+endfunction()
+
 # ceilmeter_unit_test(NAME SOURCES ... LIBRARIES ...): one GoogleTest executable whose tests ctest lists one by one.
 # On a cross build they run under the user-mode emulator.
 function(ceilmeter_unit_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ceilmeter_rules ${arg_LIBRARIES} gtest gmock gtest_main)
+  ceilmeter_compile_as_test(${name})
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST TEST_PREFIX "${CEILMETER_TEST_PREFIX}"
     DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300)
 endfunction()
