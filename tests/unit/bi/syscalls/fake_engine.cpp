@@ -104,6 +104,8 @@ void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
 bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }
 
+void install_engine_handler(int) { std::abort(); }  // Only report_crashes does, which no test here calls.
+
 void mora_terminate(thread_data*, std::int32_t status) { throw test::process_ended{status}; }
 void abandon_thread(thread_data*) { throw test::thread_abandoned{}; }
 
