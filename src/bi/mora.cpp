@@ -24,6 +24,7 @@
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scanner.h"
 #include "bi/signals/last_words.h"
+#include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/syscalls.h"
@@ -118,6 +119,7 @@ int mora_run(int argc, char** argv, char** envp) {
   current_thread = thread;
   init_thread(thread);
   thread->tid = gettid();
+  use_signal_stack(thread);
   register_thread(thread, false);
 
   engine.brk = 0;
@@ -143,7 +145,7 @@ bool allocate_thread_data(thread_data** out) {
 
 namespace {
 
-// Maps the code cache and the link pool. Null, or what could not be mapped.
+// Maps the code cache, the link pool and the signal stack. Null, or what could not be mapped.
 const char* map_thread_memory(thread_data* thread) {
   void* cache = mmap(nullptr, CODE_CACHE_SIZE, PROT_READ | PROT_WRITE | PROT_EXEC, anonymous, -1, 0);
   if (cache == MAP_FAILED) return "code cache";
@@ -153,7 +155,7 @@ const char* map_thread_memory(thread_data* thread) {
   void* pool = mmap(nullptr, pool_size, PROT_READ | PROT_WRITE, anonymous, -1, 0);
   if (pool == MAP_FAILED) return "link pool";
   thread->cc_link_pool = static_cast<linked_pool*>(pool);
-  return nullptr;
+  return map_signal_stack(thread) ? nullptr : "signal stack";
 }
 
 // Copies the stub text and fills the words and instructions in it that differ from thread to thread.
@@ -276,7 +278,7 @@ void abandon_thread(thread_data* thread) {
 }
 
 void free_thread_data(thread_data* thread) {
-  // A record whose making failed lacks one of the two, or both.
+  // A record whose making failed lacks some of what follows.
   if (thread->code_cache != nullptr && munmap(thread->code_cache, whole_pages(CODE_CACHE_SIZE)) != 0) {
     log(LEVEL_FATAL, "Error freeing code cache on exit()");
   }
@@ -284,6 +286,7 @@ void free_thread_data(thread_data* thread) {
       munmap(thread->cc_link_pool, whole_pages(linked_pool_bytes(LINK_POOL_CAPACITY))) != 0) {
     log(LEVEL_FATAL, "Error freeing CC link struct on exit()");
   }
+  free_signal_stack(thread);
   robin_map_destroy(&thread->return_watch);
   if (munmap(thread, whole_pages(sizeof(thread_data))) != 0) {
     log(LEVEL_FATAL, "Error freeing thread private structure on exit()");

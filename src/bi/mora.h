@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "bi/containers/hash_table.h"
+#include "bi/signals/application_stack.h"
 #include "bi/signals/held_signals.h"
 #include "bi/containers/interval_map.h"
 #include "bi/containers/linked_pool.h"
@@ -175,7 +176,12 @@ struct thread_data {
   // the marks before source_marks_end are complete.
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
-  held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
+  // Where signals find their stacks, see signal_stack.h and application_stack.h.
+  std::uint8_t* signal_stack;        // The engine's own, with its guard page first.
+  application_stack own_stack;       // The application's.
+  application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
+  std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
+  held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
 };
 
 // Process-wide state, each part under the lock that is named with it.

@@ -14,45 +14,20 @@
         .endm
 
 // signal_entry_stub: the handler that the kernel calls for every signal that the engine or the application handles. On
-// the stack of the interrupted code, which is the application's.
-//   x0 signal number, x1 siginfo, x2 ucontext; x30 the restorer
+// the engine's signal stack, with every signal blocked.
+//   sp   the kernel's frame, which begins with siginfo and ucontext
+//   x29  the frame's end: its record of x29 and x30
+//   x30  the restorer
 //
-//   Frame, from sp up: x2 to x17 0x00; x18, x29 0x80; x30 0x90; x0, x1 0xa0. Size 0xb0.
-//
-//   Calls signal_dispatcher(signum, siginfo, ucontext). An entry of 0 resumes through rt_sigreturn; anything else is
-//   this thread's dispatcher_entry_stub, which is entered as by an exit with the handler as its target. The handler's
-//   first block pops x0 and x1: it starts with the kernel's arguments. On that way it passes cache_reentry_stub, so
-//   that a signal that has come since is raised on top of it.
+//   No frame of its own. Nothing is saved, because the way on is always the return from the kernel's frame, which holds
+//   all registers of the interrupted code. Calls signal_dispatcher(frame, record, restorer), which changes that frame
+//   where the thread is to go elsewhere.
         .balign 4
 global_label signal_entry_stub
-        stp     x2, x3, [sp, #-0xb0]!
-        stp     x4, x5, [sp, #0x10]
-        stp     x6, x7, [sp, #0x20]
-        stp     x8, x9, [sp, #0x30]
-        stp     x10, x11, [sp, #0x40]
-        stp     x12, x13, [sp, #0x50]
-        stp     x14, x15, [sp, #0x60]
-        stp     x16, x17, [sp, #0x70]
-        stp     x18, x29, [sp, #0x80]
-        str     x30, [sp, #0x90]
-        stp     x0, x1, [sp, #0xa0]
+        mov     x0, sp
+        mov     x1, x29
+        mov     x2, x30
         bl      signal_dispatcher
-        ldr     x30, [sp, #0x90]
-        ldp     x18, x29, [sp, #0x80]
-        ldp     x16, x17, [sp, #0x70]
-        ldp     x14, x15, [sp, #0x60]
-        ldp     x12, x13, [sp, #0x50]
-        ldp     x10, x11, [sp, #0x40]
-        ldp     x8, x9, [sp, #0x30]
-        ldp     x6, x7, [sp, #0x20]
-        ldp     x4, x5, [sp, #0x10]
-        ldp     x2, x3, [sp], #0xa0
-        cbz     x0, 1f
-        mov     x16, x0
-        mov     x0, x1
-        mov     x1, #0
-        br      x16
-1:      add     sp, sp, #0x10
         mov     x8, #NR_RT_SIGRETURN
         svc     #0
 

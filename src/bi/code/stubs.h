@@ -7,13 +7,7 @@
 namespace ceilmeter {
 
 struct thread_data;
-
-// Where signal_entry_stub goes on, in x0 and x1: at a stub with a target for it. No entry: the interrupted code goes
-// on.
-struct signal_exit {
-  std::uint64_t entry;
-  std::uint64_t target;
-};
+struct signal_frame;
 
 extern "C" {
 
@@ -61,7 +55,7 @@ std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_t* args, st
 void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread);
 void create_trace(thread_data* thread, std::int32_t source_index, std::uint64_t* ret);
 std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info);
-signal_exit signal_dispatcher(int signum, void* siginfo, void* ucontext);
+void signal_dispatcher(signal_frame* frame, std::uint64_t record, std::uint64_t restorer);
 [[noreturn]] void thread_start(thread_data* thread, std::uint64_t engine_sp);
 
 // What leave_thread calls on the thread's own stack.

@@ -15,6 +15,7 @@
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/stub_layout.h"
 #include "bi/kernel/threads.h"
+#include "bi/signals/application_stack.h"
 
 namespace ceilmeter {
 
@@ -106,6 +107,7 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   std::uint64_t flags = args[0];
   // Give the child a true copy. With shared memory it would run in the parent's engine state, whether the parent waits
   // for it or not. The kernel refuses CLONE_SIGHAND without shared memory.
+  thread->clone_clears_stack = (flags & (CLONE_VM | CLONE_VFORK)) == CLONE_VM ? 1 : 0;
   if ((flags & CLONE_VM) != 0) flags &= ~std::uint64_t{CLONE_VM | CLONE_SIGHAND};
   thread->child_tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
   flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
@@ -153,6 +155,7 @@ void finish_fork(thread_data* thread, std::uint64_t* args) {
   args[1] = thread->clone_stack;  // A call leaves all registers but x0 as they were.
   if (args[0] == 0) {
     thread->tls = thread->child_tls;
+    if (thread->clone_clears_stack != 0) clear_application_stack(thread);
     reinit_after_fork(thread);
   } else if (thread->clone_holds_locks != 0) {
     unlock_all();

@@ -19,7 +19,9 @@
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/fork.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/signals/application_stack.h"
 #include "bi/signals/signal_actions.h"
+#include "bi/signals/signal_frame.h"
 #include "bi/signals/signals.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/code/stubs.h"
@@ -51,6 +53,7 @@ static_assert(SIGNAL_FRAME_CONTEXT == SYSCALL_APP_SP + sizeof(siginfo_t), "the k
 // address that the application returns to.
 void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
   auto* context = reinterpret_cast<ucontext_t*>(reinterpret_cast<char*>(args) + SIGNAL_FRAME_CONTEXT);
+  take_back_frame(thread, context);
   context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
   sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
 }
@@ -103,6 +106,9 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
     case SYS_set_tid_address:
       if (set_application_tid_word(thread, reinterpret_cast<std::int32_t*>(args[0]))) return call_action::MAKE;
       *result = thread->tid;
+      return call_action::HANDLED;
+    case SYS_sigaltstack:
+      *result = handle_sigaltstack(thread, args[0], args[1], address_of(args) + SYSCALL_APP_SP);
       return call_action::HANDLED;
     case SYS_rt_sigaction: *result = handle_rt_sigaction(args); return call_action::HANDLED;
     case SYS_rt_sigreturn:

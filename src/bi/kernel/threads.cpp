@@ -23,6 +23,8 @@
 #include "bi/kernel/ending_threads.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/kernel/robust_list.h"
+#include "bi/signals/application_stack.h"
+#include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stub_layout.h"
 #include "bi/code/stubs.h"
@@ -183,6 +185,7 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
     args[3] = application_x3;
     return -EAGAIN;
   }
+  clear_application_stack(child);
   child->clone_resume_addr = next_inst;
   child->set_tid = &child_tid_word;
   child->clone_args = args;
@@ -208,6 +211,7 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
 extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   const std::uint64_t* args = thread->clone_args;
   current_thread = thread;
+  use_signal_stack(thread);  // All signals are blocked until it is there.
   thread->child_stack = args[1];
   thread->engine_sp = engine_sp;
   thread->tid = gettid();
@@ -263,6 +267,7 @@ void end_thread(thread_data* thread, std::int32_t status) {
   std::int32_t* library_tid_word = thread->library_tid_word;
   std::int32_t* application_tid_word = thread->application_tid_word;
   current_thread = nullptr;
+  leave_signal_stack();
   mora_enter_callback();
   free_thread_data(thread);
   if (engine_sp != 0) note_ending_thread(gettid());

@@ -4,6 +4,7 @@
 #include <asm/sigcontext.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
 #include "bi/a64/a64.h"
@@ -118,6 +119,12 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
   context.pstate = (context.pstate & ~CONDITION_FLAGS) | (flags & CONDITION_FLAGS);
   context.pc = area[SYSCALL_NEXT_SOURCE / 8];
   context.sp = frame + SYSCALL_FRAME_SIZE;
+}
+
+void find_mask_of_call(const mcontext_t& context, std::uint64_t* mask) {
+  if (static_cast<std::int64_t>(context.regs[0]) != -EINTR) return;
+  const auto* area = reinterpret_cast<const std::uint64_t*>(context.sp + STUB_SIMD_REGS_SIZE);
+  read_mask_of_call(area[SYSCALL_X8 / 8], area, mask);
 }
 
 void undo_syscall(thread_data* thread, mcontext_t& context) {

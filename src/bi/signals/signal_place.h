@@ -40,6 +40,10 @@ void leave_reentry_stub(const thread_data* thread, mcontext_t& context);
 // SVC, and x0 to x8 are as the kernel left them.
 void leave_syscall_wrapper(thread_data* thread, mcontext_t& context);
 
+// Before that: if the call brings a signal mask for its own time and has been interrupted, that mask is in force, and
+// `*mask` becomes it.
+void find_mask_of_call(const mcontext_t& context, std::uint64_t* mask);
+
 // The signal came before the call was made, or has interrupted it in a way that lets it be made again (SA_RESTART): the
 // application stands at its own SVC, with the arguments as they were.
 void undo_syscall(thread_data* thread, mcontext_t& context);

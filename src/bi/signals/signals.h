@@ -17,9 +17,6 @@ inline constexpr std::uint64_t KERNEL_SIGSET_SIZE = 8;
 // threads by it, and the traps that it plants raise it.
 void install_sigill_handler();
 
-// Makes signal_entry_stub the kernel's handler of the signal.
-void install_engine_handler(int signum);
-
 // Blocks the signals that the application handles, for the thread that ends the process. No handler of the
 // application's will run any more, and a signal that comes faster than it can be counted would keep the thread from its
 // work for ever. A signal that the application has left to its default action still ends the process.

@@ -2,6 +2,7 @@
 #include "bi/signals/signal_place.h"
 
 #include <cstring>
+#include <vector>
 
 #include "signals_fixture.h"
 
@@ -14,10 +15,18 @@ namespace {
 
 using signal_place = signals_fixture;
 
+// The frame of a stub on the application's stack, which goes on above it; a signal's frame is put below the latter.
+std::uint64_t* new_stub_frame() {
+  alignas(16) static std::uint64_t room[sizeof(made_frame) / 8 + SYSCALL_FRAME_SIZE / 8 + 8];
+  std::memset(room, 0, sizeof room);
+  return room + sizeof(made_frame) / 8;
+}
+
 TEST_F(signal_place, one_at_a_system_calls_return_takes_the_frame_apart) {
-  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
-  for (std::size_t word = 0; word < std::size(frame); ++word) frame[word] = 0x5000 + word;
-  const std::uint64_t* area = frame + STUB_SIMD_REGS_SIZE / 8;
+  std::uint64_t* const frame = new_stub_frame();
+  for (std::size_t word = 0; word < SYSCALL_FRAME_SIZE / 8 + 8; ++word) frame[word] = 0x5000 + word;
+  const std::vector<std::uint64_t> before(frame, frame + SYSCALL_FRAME_SIZE / 8);  // The signal's frame overwrites it.
+  const std::uint64_t* area = before.data() + STUB_SIMD_REGS_SIZE / 8;
   engine.signal_handlers[SIGUSR1] = address_of(one_ret);
   auto* record = reinterpret_cast<fpsimd_context*>(context().__reserved);
   record->head = {FPSIMD_MAGIC, sizeof(fpsimd_context)};
@@ -35,13 +44,13 @@ TEST_F(signal_place, one_at_a_system_calls_return_takes_the_frame_apart) {
   for (int reg = 9; reg <= 21; ++reg) EXPECT_EQ(context().regs[reg], area[reg]);
   EXPECT_EQ(context().regs[29], area[24]);
   EXPECT_EQ(context().regs[30], area[25]);
-  EXPECT_EQ(std::memcmp(record->vregs, frame, STUB_SIMD_REGS_SIZE), 0);
+  EXPECT_EQ(std::memcmp(record->vregs, before.data(), STUB_SIMD_REGS_SIZE), 0);
   EXPECT_EQ(record->fpcr, 0x400000u);
   EXPECT_EQ(record->fpsr, 0x10u);
 }
 
 TEST_F(signal_place, one_at_a_system_calls_return_leaves_the_bits_of_pstate_beyond_the_flags_alone) {
-  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
+  std::uint64_t* const frame = new_stub_frame();
   constexpr std::uint64_t ssbs = 1ULL << 12;
   constexpr std::uint64_t dit = 1ULL << 24;
   constexpr std::uint64_t tco = 1ULL << 25;

@@ -15,6 +15,7 @@
 
 #include "bi/code/code_cache.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
@@ -59,13 +60,15 @@ bool allocate_thread_data(thread_data** out) {
   return true;
 }
 
-const char* try_init_thread(thread_data*) {
+const char* try_init_thread(thread_data* thread) {
+  if (fake.missing_memory == nullptr && map_signal_stack(thread)) return nullptr;
   errno = EACCES;
   return fake.missing_memory;
 }
 
 void free_thread_data(thread_data* thread) {
   ++fake.records_freed;
+  free_signal_stack(thread);
   munmap(thread, sizeof(thread_data));
 }
 
@@ -100,11 +103,11 @@ std::uint64_t scan(thread_data*, std::uint64_t, std::int32_t) {
 
 std::uint64_t lookup_or_scan(thread_data*, std::uint64_t source) { return test::cache_of(source); }
 
+std::uint64_t hash_lookup_entry(const thread_data*, std::uint64_t) { return HASH_MISS; }
+
 void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
 bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }
-
-void install_engine_handler(int) { std::abort(); }  // Only report_crashes does, which no test here calls.
 
 void mora_terminate(thread_data*, std::int32_t status) { throw test::process_ended{status}; }
 void abandon_thread(thread_data*) { throw test::thread_abandoned{}; }
@@ -118,7 +121,7 @@ extern "C" {
 void dispatcher(std::uint64_t, std::int32_t, std::uint64_t*, thread_data*) { std::abort(); }
 void create_trace(thread_data*, std::int32_t, std::uint64_t*) { std::abort(); }
 std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t*) { std::abort(); }
-signal_exit signal_dispatcher(int, void*, void*) { std::abort(); }
+void signal_dispatcher(signal_frame*, std::uint64_t, std::uint64_t) { std::abort(); }
 }
 
 namespace test {
@@ -141,6 +144,7 @@ syscalls_test::syscalls_test()
   engine.code_ranges_dropped = 0;
   robin_map_init(&engine.function_watches, 264);
   allocate_thread_data(&thread);
+  map_signal_stack(thread);
   thread->tid = gettid();
   engine.thread_list = thread;
   current_thread = thread;
@@ -150,6 +154,8 @@ syscalls_test::syscalls_test()
 syscalls_test::~syscalls_test() {
   alarm(0);
   current_thread = nullptr;
+  leave_signal_stack();
+  free_signal_stack(thread);
   munmap(thread, sizeof(thread_data));
   robin_map_destroy(&engine.function_watches);
   interval_map_delete(&engine.exec_ranges, 0, ~std::uint64_t{0});
