@@ -2,9 +2,8 @@
 // application starts; a variable that is not set changes nothing. The application finds them in its environment as it
 // finds any other variable.
 //
-//   MORA_BI_TRACES      off: no traces; checked: the checker looks at what each installation of a trace has changed,
-//   and
-//                       at the whole cache from time to time; checked-whole: at the whole cache each time
+//   MORA_BI_TRACES      off: no traces. checked: the checker looks at what each installation of a trace has changed,
+//                       and at the whole cache from time to time. checked-whole: at the whole cache each time
 //   MORA_BI_HOT         how many executions make a block hot, 1 to 255
 //   MORA_BI_MAX_TRACES  begin at most that many traces in the process; those behind them stay blocks
 //   MORA_BI_MAX_LINKS   link at most that many exits of blocks in the process; those behind them go by the dispatcher

@@ -78,10 +78,25 @@ struct input {
   }
 };
 
+// Where the file's header has the place of a table, the size of a row and the number of rows.
+struct table_fields {
+  std::uint64_t place;
+  std::uint64_t row_size;
+  std::uint64_t rows;
+};
+
+constexpr table_fields program_headers = {32, 54, 56};
+constexpr table_fields section_headers = {40, 58, 60};
+
+// Empty if the rows have another size than `row_size`.
+bytes read_table(const input& file, const bytes& header, const table_fields& fields, std::uint64_t row_size) {
+  if (number_at<std::uint16_t>(header, fields.row_size) != row_size) return {};
+  const auto rows = number_at<std::uint16_t>(header, fields.rows);
+  return file.read(number_at<std::uint64_t>(header, fields.place), rows * row_size);
+}
+
 std::vector<segment> read_segments(const input& file, const bytes& header) {
-  const auto count = number_at<std::uint16_t>(header, 56);
-  if (number_at<std::uint16_t>(header, 54) != program_header_size) return {};
-  const bytes table = file.read(number_at<std::uint64_t>(header, 32), std::uint64_t{count} * program_header_size);
+  const bytes table = read_table(file, header, program_headers, program_header_size);
   std::vector<segment> segments;
   for (std::size_t at = 0; at + program_header_size <= table.size(); at += program_header_size) {
     if (number_at<std::uint32_t>(table, at) != segment_load) continue;
@@ -92,9 +107,7 @@ std::vector<segment> read_segments(const input& file, const bytes& header) {
 }
 
 std::vector<section> read_sections(const input& file, const bytes& header) {
-  const auto count = number_at<std::uint16_t>(header, 60);
-  if (number_at<std::uint16_t>(header, 58) != section_header_size) return {};
-  const bytes table = file.read(number_at<std::uint64_t>(header, 40), std::uint64_t{count} * section_header_size);
+  const bytes table = read_table(file, header, section_headers, section_header_size);
   std::vector<section> sections;
   for (std::size_t at = 0; at + section_header_size <= table.size(); at += section_header_size) {
     sections.push_back({number_at<std::uint32_t>(table, at + 4), number_at<std::uint32_t>(table, at + 40),

@@ -78,11 +78,18 @@ std::string escape_xml(std::string_view text) {
   return escaped;
 }
 
-std::string number(double value) {
+namespace {
+
+template <typename value_type>
+std::string shortest(value_type value) {
   std::array<char, 64> text;
   const auto done = std::to_chars(text.data(), text.data() + text.size(), value);
   return {text.data(), done.ptr};
 }
+
+}  // namespace
+
+std::string number(double value) { return shortest(value); }
 
 std::string number(double value, int digits) {
   std::array<char, 64> text;
@@ -90,11 +97,7 @@ std::string number(double value, int digits) {
   return done.ec == std::errc{} ? std::string(text.data(), done.ptr) : number(value);
 }
 
-std::string number(std::int64_t value) {
-  std::array<char, 32> text;
-  const auto done = std::to_chars(text.data(), text.data() + text.size(), value);
-  return {text.data(), done.ptr};
-}
+std::string number(std::int64_t value) { return shortest(value); }
 
 std::string fixed(double value, int decimals) {
   std::array<char, 400> text;

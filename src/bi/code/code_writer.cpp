@@ -13,7 +13,7 @@ struct offset_field {
   int width;
 };
 
-// Of the four kinds that labels take: the bits that tell them apart suffice.
+// A label takes four kinds of branches. The bits that tell these apart suffice.
 offset_field offset_field_of(std::uint32_t word) {
   if ((word & 0x7c000000) == 0x14000000) return {0, 26};  // B.
   if ((word & 0x7e000000) == 0x36000000) return {5, 14};  // TBZ, TBNZ.
@@ -22,8 +22,8 @@ offset_field offset_field_of(std::uint32_t word) {
 
 }  // namespace
 
-// The address that the branch about to be written gets: the label's, or that of the branch before it that waits for the
-// label, or its own, an offset of 0, if it is the first.
+// The destination of the branch about to be written: the label, once it is bound. Before that, the branch written last
+// that waits for the label; for the first one, the branch itself, with an offset of 0.
 std::uint64_t code_writer::next_address(code_label& to) const {
   if (to.place != nullptr) return reinterpret_cast<std::uint64_t>(to.place);
   const std::uint32_t* before = to.last_branch != nullptr ? to.last_branch : cursor;

@@ -1,5 +1,6 @@
-// Where execution continues when it leaves a fragment by its exit stub, and the words that make the exit a link, so
-// that it does not come here again. The routine itself, `dispatcher`, is declared in stubs.h: only the stub calls it.
+// The dispatcher finds where execution continues when it leaves a fragment by its exit stub. It also turns the exit
+// into a link, so that the next execution does not come here. The routine itself, `dispatcher`, is declared in stubs.h,
+// because only the stub calls it.
 #pragma once
 
 #include <cstdint>
@@ -29,8 +30,8 @@ void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** wri
 void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint32_t** write,
                               const std::uint32_t* read_address, const a64_authenticated_branch& branch);
 
-// Whether the pool has the records for `count` more links. A link without a record could not be led elsewhere later,
-// and there can be more links than the pool holds: a flush gives all of them back.
+// Whether the pool has records for `count` more links. A link without a record could not be led elsewhere later. There
+// can be more links than records; a flush gives all records back.
 bool has_links_to_spare(linked_pool* pool, std::uint32_t count);
 
 }  // namespace ceilmeter

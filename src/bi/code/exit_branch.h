@@ -6,7 +6,7 @@
 // has no inverse form, and a reach of 1 KiB is too short for most exits. Exits of this kind have shapes of their own,
 // which dispatcher.cpp (blocks) and traces.cpp draw.
 //
-// Nothing here clears the instruction cache: who writes words that are to run does.
+// Nothing here clears the instruction cache. Whoever puts the words where they run does.
 #pragma once
 
 #include <cstdint>

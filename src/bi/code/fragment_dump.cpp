@@ -18,7 +18,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr std::size_t MOST_WORDS = 4096;  // Of a record that describes no code, the walk ends somewhere.
+constexpr std::size_t MOST_WORDS = 4096;  // Ends the walk if the record describes no code.
 constexpr std::size_t MOST_LINKS = 32;
 constexpr std::size_t TRAMPOLINE_WORDS = 4;
 constexpr std::size_t SIDE_SIZE = 80;

@@ -1,7 +1,7 @@
 // A fragment in words that a developer reads: its record, its rewritten code beside the source words that it stands
 // for, and its links. It goes to the log, a line at a time, whatever the log's level is. Nothing is allocated or
-// locked, and source code that is not mapped any more is left out: it may be called in a signal handler, and of a cache
-// that is not what it should be.
+// locked, and source code that is not mapped any more is left out: it may be called in a signal handler, and on a
+// damaged cache.
 #pragma once
 
 #include <cstdint>

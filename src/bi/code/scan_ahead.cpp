@@ -1,27 +1,16 @@
 // Reads source words without writing any code.
 #include "bi/code/scan_ahead.h"
 
-#include <cerrno>
-
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/exit_branch.h"
 #include "bi/code/scanner.h"
-#include "bi/code/stubs.h"
+#include "bi/kernel/memory_probe.h"
 
 namespace ceilmeter {
 
-// The kernel reads the signal set before it finds that the operation does not exist: the call fails with EFAULT if the
-// set cannot be read, and changes nothing otherwise.
-bool is_readable(const std::uint32_t* word) {
-  constexpr std::uint64_t nr_rt_sigprocmask = 135;
-  constexpr std::uint64_t no_operation = ~std::uint64_t{0};
-  constexpr std::uint64_t set_size = 8;
-  // The set has eight bytes and must not reach into the next page. A null pointer means that there is no set, which is
-  // no error.
-  const std::uint64_t set = address_of(word) & ~(set_size - 1);
-  return set != 0 && raw_syscall(nr_rt_sigprocmask, no_operation, set, 0, set_size) != -EFAULT;
-}
+// The eight bytes that hold the word must not reach into the next page.
+bool is_readable(const std::uint32_t* word) { return is_readable(address_of(word) & ~std::uint64_t{7}); }
 
 bool is_compare_and_branch(std::uint32_t word) {
   exit_branch branch{};

@@ -37,7 +37,7 @@ bool begins_between_exclusives(const std::uint32_t* read);
 // Whether the word can be read.
 bool is_readable(const std::uint32_t* word);
 
-// Whether a page begins with this word and cannot be read. A block may run past the end of its mapping, for instance
+// Whether a page begins with this word and cannot be read. A scan can run past the end of a mapping, for instance
 // behind an SVC that does not return. The application never executes the word there.
 inline bool begins_unreadable_page(const std::uint32_t* word) {
   // A page is at least 4 KiB. On a kernel with larger pages some of these questions are superfluous.

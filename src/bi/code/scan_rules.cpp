@@ -1,5 +1,5 @@
-// The rules of scan_rules.h. Every register that a rule needs besides the instruction's own is pushed and popped around
-// it.
+// The rules of scan_rules.h. A rule that needs a register besides the instruction's own pushes it first and pops it
+// afterwards.
 #include "bi/code/scan_rules.h"
 
 #include "a64/classifier_rows.h"
@@ -155,8 +155,8 @@ void copy_unknown(scan_state& state) {
     log(LEVEL_DEBUG, "Copying it unmodified, but future problems are possible");
   }
   code.word(*state.read);
-  // Neither the end of a block nor a plug-in's code may come between words that belong together, even if an emulator
-  // does not mind. The words behind the first are copied here and have no events of their own.
+  // Words that belong together stay adjacent, although emulators accept them apart: no end of a block and no plug-in's
+  // code may come between them. So the words behind the first are copied here, and have no events of their own.
   for (int left = following_words(*state.read); left > 0; --left) {
     const std::uint32_t* next = state.read + 1;
     if (begins_unreadable_page(next) || a64_decode(next) != A64_NOT_RECOGNISED || is_branch_without_class(*next)) break;
@@ -167,7 +167,7 @@ void copy_unknown(scan_state& state) {
 
 void put_fault(scan_state& state) {
   const code_writer code{state.write};
-  code.push(x0);  // The fault's handler finds the application's x0.
+  code.push(x0);  // The handler of the fault gets the application's x0 back from here.
   code.load_const(x0, address_of(state.read));
   code.ldr_w(x0, at(x0));
   state.stop = true;

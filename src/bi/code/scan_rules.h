@@ -1,5 +1,5 @@
-// How single instructions that do not end a fragment are rewritten. Each rule writes at the scan's cursor and leaves
-// `read` at the last word that it has dealt with.
+// The rules by which single instructions that do not end a fragment are rewritten. Each rule writes at the scan's
+// cursor. It leaves `read` at the last source word that it has rewritten.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,8 @@ namespace ceilmeter {
 void lower_sp(scan_state& state);
 void raise_sp(scan_state& state);
 
-// A call of the system-call stub. For callbacks a block ends here and another one begins, though the fragment goes on.
+// SVC becomes a call of the system-call stub. The fragment goes on behind it, but for plug-ins a block ends here and
+// another one begins.
 void rewrite_svc(scan_state& state);
 
 // An access to the thread pointer becomes one to the application's value in the thread's record. Others are copied.
@@ -26,21 +27,22 @@ void rewrite_address(scan_state& state);
 // Copies a word that the decoder does not know, with the words that form one instruction with it.
 void copy_unknown(scan_state& state);
 
-// For a place that the application may not execute: a load from there, which raises the application's fault.
+// Code for a place that the application cannot execute: a load from the place, which raises the fault that the
+// execution would have raised.
 void put_fault(scan_state& state);
 
 // Counts how often the block runs, until it is hot.
 void put_hot_counter(scan_state& state);
 
-// Before code of plug-ins that stands between the source word just rewritten and the next one: a fault in it has left
-// the first one behind.
+// Marks the start of plug-ins' code that stands between two source words. A fault in it happens after the first of the
+// two.
 void mark_inserted_code(scan_state& state);
 
 // The address that an offset field of a source word, in words, refers to.
 std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int width);
 
-// The mnemonic of a word, for the log. Searches row by row: the classifier's index lies on the heap, which the child of
-// a fork must not touch.
+// The mnemonic of a word, for the log. The search goes row by row: the classifier's index lies on the heap, and the
+// child of a fork must not touch the heap.
 const char* mnemonic_of(std::uint32_t word);
 
 }  // namespace ceilmeter

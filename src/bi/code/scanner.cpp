@@ -21,8 +21,6 @@ namespace {
 
 constexpr engine_log log{"src/bi/scanner"};
 
-constexpr std::uint32_t CONDITION_ALWAYS = 14;  // AL; NV is 15.
-
 constexpr std::uint64_t TWO_NOPS = NOP | std::uint64_t{NOP} << 32;
 
 bb_meta& meta_of(scan_state& state) { return state.thread->metas[state.bb_id]; }
@@ -144,8 +142,8 @@ void rewrite_register_branch(scan_state& state, int inst) {
   state.stop = true;
 }
 
-// If it were copied, it would lead out of the cache, and the application would go on outside the engine. The decoder
-// has no class for it, so plug-ins are told of a word that is not recognised.
+// A branch to a signed address. A copy of it would lead out of the cache, and the application would go on outside the
+// engine. The decoder has no class for it, so plug-ins are told of a word that is not recognised.
 void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_branch& branch) {
   reserve_space(state, AUTHENTICATED_BRANCH_SPACE);
   begin_exit(state, EXIT_REGISTER, 0, 0);
@@ -153,8 +151,9 @@ void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_bra
   state.stop = true;
 }
 
-// Writes a direct branch to the word, which begins its own block. It is linked like any other exit: otherwise code that
-// the decoder does not know, SVE code above all, would pass through the dispatcher at each of its words.
+// Ends the block before the word, which begins a block of its own. The exit is a direct branch to the word, and is
+// linked like any other. Otherwise code that the decoder does not know, such as SVE code, would pass through the
+// dispatcher at each word.
 void end_before_this_word(scan_state& state) {
   mark_source(state.thread, state.write, MARK_SOURCE);
   put_direct_exit(state, address_of(state.read));
@@ -196,7 +195,7 @@ void rewrite(scan_state& state, int inst) {
   }
 }
 
-// The caller tests the threshold: a suppressed call would still pass its arguments, three times for each word.
+// The caller tests the level first. Otherwise three suppressed calls for each word would still pass their arguments.
 void log_word(const scan_state& state, int inst) {
   log(LEVEL_TRACE, "A64 scan read_address: %p, w: : %p, bb: %d", static_cast<const void*>(state.read),
       static_cast<void*>(state.write), state.bb_id);
@@ -250,7 +249,8 @@ void scan_words(scan_state& state) {
     if (state.read != first && begins_unreadable_page(state.read)) {
       end_before_this_word(state);
     } else if (state.read != first && begins_its_own_block(state.read)) {
-      leave_to_its_own_block(state);  // Before its events: plug-ins are told of the word in the block that it begins.
+      // Before the word's events: plug-ins hear of it in the block that it begins.
+      leave_to_its_own_block(state);
     } else {
       scan_word(state);
       if (state.starts_behind_store) deliver_late_start(state, first);
@@ -258,8 +258,8 @@ void scan_words(scan_state& state) {
   }
 }
 
-// A record without an exit: a signal that finds the fragment before its exit is written must not take an older exit for
-// the fragment's own.
+// Makes the record one without an exit. A signal may come before the fragment's exit is written, and must not take the
+// exit of an earlier fragment for this one's.
 void clear_exit(bb_meta& meta, std::uint32_t* cache_end) {
   meta.exit_kind = EXIT_NOT_SET;
   meta.exit_code_addr = cache_end;
@@ -278,9 +278,9 @@ void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t t
 
 void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size) {
   if (address_of(*limit) == address_of(thread->code_cache) + CODE_CACHE_SIZE) {
-    // A fragment of a trace cannot be continued in another block. One that does not fit is still scanned to its end,
-    // over its own first words: plug-ins are told where it ends, and that must not depend on where it lies. Nobody runs
-    // it.
+    // A fragment of a trace cannot go on in another block. If it does not fit, its scan still goes on to its end, over
+    // its own first words: plug-ins hear where the fragment ends, and that must not depend on the room. Nothing runs
+    // these words.
     if (address_of(*limit) > address_of(*write) + size + TRACE_END_SPACE) return;
     thread->trace_fragment_overflow = 1;
     *write = thread->trace_fragment_start;

@@ -1,13 +1,14 @@
 // The scanner turns a stretch of application code into rewritten code in the cache: copies what does not depend on
 // where it runs, rewrites what does, and ends a fragment at the first instruction that transfers control. It knows
-// nothing of linking and only leaves the words reserved that the dispatcher turns into links.
+// nothing of linking. It only reserves the words that the dispatcher turns into links.
 //
-// Runs on the application's thread, on its stack, without locks, and writes only to the thread's own cache. Who calls
-// it clears the instruction cache over what it wrote.
+// The scanner runs on the application's thread and stack, takes no lock, and writes only to the thread's own cache. The
+// caller clears the instruction cache over what was written.
 #pragma once
 
 #include <cstdint>
 
+#include "bi/code/code_cache.h"
 #include "bi/code/scan_state.h"
 
 namespace ceilmeter {
@@ -20,19 +21,19 @@ inline constexpr std::uint32_t AUTHENTICATED_BRANCH_SPACE = REGISTER_BRANCH_SPAC
 // and a branch.
 inline constexpr std::uint32_t COMPARE_EXIT_SPACE = 19 * 4;
 
-// Bytes that fragments leave free at the end of the trace area: for a snippet of two words, and for the trampolines of
-// a trace's exits, each of which may take 32 bytes with what comes before it.
+// Bytes that fragments leave free at the end of the trace area. They are for an entry snippet of two words, and for the
+// trampolines of a trace's exits. A trampoline takes at most 32 bytes with its alignment.
 inline constexpr std::uint32_t TRACE_TRAMPOLINE_SPACE = MAX_TRACE_EXITS * 32 + 16;
 inline constexpr std::uint32_t TRACE_END_SPACE = TRACE_TRAMPOLINE_SPACE + 8;
-// Bytes that have to be free there when a fragment begins: besides those, for what is written between two looks at the
+// Bytes that have to be free there when a fragment begins: these, and those that are written between two checks of the
 // room.
 inline constexpr std::uint32_t TRACE_FRAGMENT_SPACE = 0x600;
 static_assert(TRACE_FRAGMENT_SPACE < CODE_CACHE_SIZE - TRACE_HIGH_WATER);
 static_assert(TRACE_END_SPACE + AUTHENTICATED_BRANCH_SPACE + 512 < TRACE_FRAGMENT_SPACE);
 
-// The block's place in the code cache.
+// The block's first word.
 inline std::uint32_t* block_words(const thread_data* thread, std::int32_t bb_id) {
-  return reinterpret_cast<std::uint32_t*>(thread->code_cache + std::size_t{BB_SIZE} * static_cast<std::size_t>(bb_id));
+  return reinterpret_cast<std::uint32_t*>(block_address(thread, bb_id));
 }
 
 // Fills the fragment `bb_id` with the rewritten code from `read_address` on, at `write`, or at the block's own place if
@@ -50,9 +51,10 @@ inline std::uint32_t scan_a64(thread_data* thread, const std::uint32_t* read_add
 // How many words of source code the fragment at `read_address` takes in.
 std::uint64_t count_source_words(const std::uint32_t* read_address);
 
-// Makes sure that more than `size` bytes are free between *write and *limit, by continuing the block that ends at
-// *limit in further blocks: in the adjacent one by just going on, in another one by a branch to it. A fragment of a
-// trace that has no room left is marked instead, in the thread's record, and goes on where it may do no harm.
+// Makes sure that more than `size` bytes are free between *write and *limit. If they are not, the block goes on in
+// further blocks: an adjacent one needs no branch, any other one is reached by a branch. A fragment of a trace cannot
+// go on elsewhere. If it has no room left, the thread's record notes the overflow, and the rest is written where
+// nothing runs it.
 void a64_reserve_block_space(thread_data* thread, std::uint32_t** write, std::uint32_t** limit, std::uint32_t size);
 
 // The last part of an exit: x0 gets the target, x1 the index of the block, then the dispatcher. The application's x0

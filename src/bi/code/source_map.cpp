@@ -35,7 +35,7 @@ source_mark mark_of(const thread_data* thread, const std::uint32_t* place) {
   return static_cast<source_mark>(word >> (index % SOURCE_MARKS_PER_WORD * MARK_BITS) & MARK_MASK);
 }
 
-// What the cache still says of an earlier fragment goes. Outside a scan no fragment has begun, and there is nothing to
+// Clears the marks that an earlier fragment has left. Outside a scan no fragment has begun, so there is nothing to
 // clear.
 void clear_up_to(thread_data* thread, const std::uint32_t* place) {
   if (!is_marked(thread, thread->source_marks_end) || !is_marked(thread, place)) thread->source_marks_end = place;
@@ -62,7 +62,7 @@ void mark_source(thread_data* thread, const std::uint32_t* place, source_mark ma
 }
 
 void continue_source_marks(thread_data* thread, const std::uint32_t* place, const std::uint32_t* next) {
-  // Nothing has been written since a mark of the same place: it is that of the first word in the new block.
+  // If nothing was written since the last mark, that mark is for the first word in the new block.
   const source_mark pending = thread->source_marks_end == place + 1 ? mark_of(thread, place) : MARK_SAME;
   mark_source(thread, place, MARK_CONTINUED);
   thread->source_marks_end = next;
@@ -76,7 +76,8 @@ std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t p
   if (id <= 0) return 0;
   const bb_meta& meta = thread->metas[id];
   if (meta.exit_kind == EXIT_TRACE) {
-    // A trampoline ends in a branch to the word behind those that it has copied; two places of one distance.
+    // A trampoline copies the words before its rejoin address. A place has the same distance to the end of the copies
+    // as its original has to that address.
     const std::uint64_t left = address_of(meta.exit_code_addr) - pc;
     return pc > address_of(meta.exit_code_addr) ? 0 : source_of_cache_address(thread, meta.taken_source_addr - left);
   }

@@ -3,8 +3,8 @@
 //
 // The source words of a fragment lie one behind the other, so it is enough to know where in the cache the code of each
 // begins. The scanner marks these places while it writes, two bits for each word of the cache. Whoever asks walks from
-// the fragment's entry to the address and counts the marks. Translating costs a store for each source word; nothing is
-// paid while rewritten code runs.
+// the fragment's entry to the address and counts the marks. The scan pays a store for each source word. Rewritten code
+// pays nothing while it runs.
 //
 // All of it belongs to one thread, as its code cache does. A signal handler of that thread reads the marks of the
 // fragment that it has interrupted, which was complete before it ran.

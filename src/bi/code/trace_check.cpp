@@ -1,5 +1,5 @@
-// The checker reads the words in the cache and compares them with the records and the table. It takes from the words
-// where a fragment or a link leads, and uses none of the code that has written them but the decoding of branches.
+// The checker reads the words in the cache and compares them with the records and the table. It learns from the words
+// alone where a fragment or a link leads. Of the code that has written them it shares only the decoding of branches.
 #include "bi/code/trace_check.h"
 
 #include "bi/a64/a64.h"
@@ -38,7 +38,7 @@ bool is_noted(const bb_meta& block, std::uint64_t from) {
   return false;
 }
 
-// Where a branch from outside comes in: past the entry word of what the table has for the source.
+// Where a link to the source enters: behind the entry word of the fragment that the table has for it.
 std::uint64_t entry_of(const thread_data* thread, std::uint64_t source) {
   return hash_lookup_entry(thread, source) + ENTRY_WORD_SIZE;
 }
@@ -220,7 +220,7 @@ void check_block(thread_data* thread, std::int32_t id) {
     demand(words_at(block.cache_entry)[1] == HEAD_TRAP, "a replaced block has no trap", block.cache_entry, found);
     return;
   }
-  // A flush during a block's scan leaves the block outside the table, and its links are those from before the flush.
+  // A flush during a block's scan leaves the block outside the table. Its links are from before the flush.
   if (found != block.cache_entry || block.link_state == LINK_NONE) return;
   if (block.exit_kind == EXIT_DIRECT) {
     check_link(thread, block.exit_code_addr, block.taken_source_addr);
@@ -239,7 +239,7 @@ void check_whole_cache(thread_data* thread) {
 
 void check_trace_cache(thread_data* thread, std::int32_t first) {
   count_trace_event(trace_counts.checks);
-  // A large cache is checked as a whole each time it has grown by an eighth, and otherwise where it has changed.
+  // A large cache is checked as a whole each time it has grown by an eighth. In between, only what has changed is.
   const std::int32_t fragments = thread->trace_id - BB_COUNT;
   if (thread->traces_checked > fragments) thread->traces_checked = 0;  // Those were before a flush.
   const bool whole = trace_options.check == TRACE_CHECK_WHOLE || fragments <= ALWAYS_WHOLE ||

@@ -1,5 +1,6 @@
-// A proof, after the installation of a trace, that the thread's cache is what it should be. For tests and debug builds:
-// it looks at every word of the trace area and at every link of a block.
+// The trace checker. After the installation of a trace it proves that the words of the thread's cache are what the
+// records say. It looks at every word of the trace area and at every link of a block, so it is for tests and debug
+// builds.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +15,8 @@ namespace ceilmeter {
 // - each way out leads to the source address that it stands for, through its trampoline if it has one;
 // - the table finds each trace, and no block that a trace has replaced: the second word of such a block is the trap;
 // - no link of any block leads to such a block.
-// `first` is the first fragment of the trace that has just been installed. How much is looked at, trace_options.check
-// says.
+// `first` is the first fragment of the trace that has just been installed. trace_options.check says how much is
+// checked.
 void check_trace_cache(thread_data* thread, std::int32_t first);
 
 }  // namespace ceilmeter

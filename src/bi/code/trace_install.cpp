@@ -7,16 +7,16 @@
 //                                    word
 //                                    b target + 8     and the rest of it
 //                                    nop
-//   when the block that it leads to  nop
-//   is replaced by a trace out of    nop
+//   when a trace replaces the block  nop
+//   and is out of                    nop
 //   the exit's reach                 b trace + 4
 //                                    nop
 //
-// An exit to a block always goes through a trampoline, however near the block is. The exit's branch is noted in the
-// block's list, and the trace that replaces the block later may be out of a conditional branch's reach. The B of a
-// trampoline gets to any place of the cache.
+// An exit to a block always goes through a trampoline, however near the block is. A trace may replace the block later
+// and be out of the conditional branch's reach. The B of a trampoline reaches any place of the cache. The exit's branch
+// is noted in the block's list of links, so that it can be led to that trace.
 //
-// Each word that was written is cleared from the instruction cache; the thread then goes back into the cache.
+// Each word that was written is cleared from the instruction cache. Then the thread goes back into the cache.
 #include "bi/code/trace_install.h"
 
 #include "bi/a64/a64.h"
@@ -43,7 +43,7 @@ constexpr int COPIED_WORDS = 2;
 static_assert(TRACE_TRAMPOLINE_SPACE >= MAX_TRACE_EXITS * TRAMPOLINE_WORDS * 4 + TRAMPOLINE_ALIGNMENT);
 
 bool is_in_blocks(const thread_data* thread, std::uint64_t address) {
-  return address >= address_of(thread->code_cache) && address < address_of(thread->code_cache) + BB_AREA_SIZE;
+  return is_cache_address(thread, address) && !is_in_traces(thread, address);
 }
 
 // Leads the trampoline of another trace's exit to the new trace.
@@ -110,8 +110,8 @@ void move_links(thread_data* thread, const bb_meta& head) {
   }
 }
 
-// Whether a word of a fragment's code may be copied into a trampoline. Not copied are words whose meaning depends on
-// their place, words of the exit, which change when it is linked, and traps.
+// Whether a word of a fragment's code may be copied into a trampoline. Three kinds may not: words whose meaning depends
+// on their place, words of the exit, which a link changes, and traps.
 bool is_copyable(const std::uint32_t* word, const bb_meta& owner) {
   if (word >= owner.exit_code_addr && word < owner.exit_code_addr + 3) return false;
   const int inst = a64_decode(word);
@@ -170,8 +170,8 @@ std::uint32_t* patch_exits(thread_data* thread) {
   return next;
 }
 
-// Writes a trap over the head block's second word. Nothing leads to the block any more; a wrong arrival shows at once.
-// The entry word stays.
+// Writes a trap over the head block's second word. Nothing leads to the block any more, and a branch that still does
+// fails at once. The entry word stays.
 void bar_head(const bb_meta& head) {
   auto* word = reinterpret_cast<std::uint32_t*>(head.cache_entry + ENTRY_WORD_SIZE);
   a64_brk(word, 0);

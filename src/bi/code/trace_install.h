@@ -20,11 +20,10 @@ cond_branch_attributes get_cond_branch_attributes(const std::uint32_t* place, in
 // Whether the branch `word` of a trace's exit, at `place`, can go to `to`. `word` is a conditional branch or a B.
 bool trace_exit_reaches(const std::uint32_t* place, std::uint32_t word, std::uint64_t to);
 
-// Puts the active trace in the place of its head block. The code behind its last exit is complete, `write` is behind
-// it.
+// Puts the active trace in the place of its head block. The trace's code is complete, up to `write`.
 void install_trace(thread_data* thread);
 
-// The records of links that one trace may need.
+// How many link records one trace may need.
 inline constexpr std::uint32_t TRACE_LINKS = MAX_TRACE_EXITS + 1;
 
 }  // namespace ceilmeter

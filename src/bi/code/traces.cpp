@@ -14,12 +14,12 @@
 //   exit_code_addr cb<cc> .+8                   on along the path
 //                  b      .                     left by the other side; no target before the installation
 //
-// Before the installation only the newest fragment runs, from its snippet to its exit stub, so that no branch without a
-// target is reached. A signal's handler in between does not change that: interrupted code is always resumed by its
-// source address. The trace is then given up when the next head becomes hot.
+// Before the installation only the newest fragment runs, from its snippet to its exit stub. So no branch without a
+// target is reached. This also holds if a signal's handler runs in between: interrupted code resumes by its source
+// address, in a block. The unfinished trace is then given up when the next head becomes hot.
 //
-// The instruction cache is cleared over each piece as it is written. The thread comes to run it by its way back into
-// the cache, from the engine code that has written it.
+// The instruction cache is cleared over each piece as it is written. The thread that writes it is the thread that runs
+// it, on its way back from the engine into the cache.
 #include "bi/code/traces.h"
 
 #include <atomic>
@@ -69,7 +69,7 @@ std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_ty
   return end;
 }
 
-// A hot block for which no trace is begun just goes on.
+// No trace begins: the thread goes on in the hot block.
 void go_on_in_block(thread_data* thread, std::uint64_t source, std::uint64_t* ret) {
   thread->active_trace.active = 0;
   ret[0] = lookup_or_scan(thread, source);
@@ -87,8 +87,8 @@ void flush_full_area(thread_data* thread, std::uint64_t source, std::uint64_t* r
   go_on_in_block(thread, source, ret);
 }
 
-// The exit of a fragment that the path leaves to `follows_taken`'s side. Returns its last word: the branch to the other
-// side, which has no offset yet and so goes to itself.
+// Writes the exit of a fragment. The path goes on at the taken side if `follows_taken`, else at the fall-through side.
+// Returns the exit's last word: the branch to the other side. It has no offset yet, so it branches to itself.
 std::uint32_t* put_trace_exit(const bb_meta& meta, bool follows_taken) {
   if (!is_conditional_exit(meta.exit_kind)) log(LEVEL_FATAL, "unknown branch type");
   std::uint32_t* place = meta.exit_code_addr;
@@ -103,9 +103,9 @@ std::uint32_t* put_trace_exit(const bb_meta& meta, bool follows_taken) {
   return place;
 }
 
-// Returns the word behind the exit. The other side is not scanned before it is reached: it may never run, and an
-// application that writes its code piece by piece need not have written that piece yet. Its stub block may need a
-// flush.
+// Writes the exit and notes where its other side has to lead. Returns the word behind the exit. The other side gets a
+// stub block, and is scanned only when it is reached: it may never run, and an application that writes its code piece
+// by piece may not have written it yet. The making of the stub block may flush the cache.
 std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index, std::uint64_t target) {
   trace_state& trace = thread->active_trace;
   const bb_meta& meta = thread->metas[source_index];
@@ -114,8 +114,8 @@ std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index,
   std::uint32_t* last = put_trace_exit(meta, follows_taken);
   const std::uint64_t other = follows_taken ? meta.skipped_source_addr : meta.taken_source_addr;
   const std::uint64_t found = other == head_source(thread) ? trace.entry_addr : lookup_or_stub(thread, other);
-  // A fragment has one exit, and there are no more fragments than places here. An exit without a place would stay a
-  // branch to itself, and the application would hang in it.
+  // Each fragment has one exit, so there are enough places. An exit without a place would stay a branch to itself, and
+  // the application would hang in it.
   if (trace.exit_count >= MAX_TRACE_EXITS) log(LEVEL_FATAL, "trace %d has more exits than fragments", trace.id);
   trace.exits[trace.exit_count++] = {address_of(last), found + ENTRY_WORD_SIZE, source_index};
   clear_instruction_cache(first, last + 1);
@@ -142,21 +142,22 @@ void close_trace(thread_data* thread, std::int32_t source_index, std::uint32_t* 
   *next_addr = entry;
 }
 
-// Closes it where the path leaves it: in the block for `target`, or in the trace that has taken that one's place.
+// Closes the trace where the path leaves it, by a branch to the block for `target`, or to the trace that has replaced
+// that block.
 void close_in_block(thread_data* thread, std::int32_t source_index, std::uint32_t* write, std::uint64_t target,
                     std::uint64_t* next_addr) {
   const bool returns = target == head_source(thread);
   const std::uint64_t entry = returns ? thread->active_trace.entry_addr : lookup_or_scan(thread, target);
   if (thread->flush_seen != 0) {
-    *next_addr = entry;  // Found behind the flush, which has given up the trace.
+    *next_addr = entry;  // The flush has given up the trace. The entry was found after it.
     return;
   }
   count_trace_event(returns ? trace_counts.ends_in_head : trace_counts.ends_in_block);
   close_trace(thread, source_index, write, entry, next_addr);
 }
 
-// Writes LDP x0, x1 and a branch to the fragment, behind the fragment. The dispatcher's way back has left both
-// registers on the stack, and the fragment has no entry word, because later runs fall into it.
+// Writes LDP x0, x1 and a branch to the fragment, behind the fragment. The dispatcher leaves both registers on the
+// stack. The fragment itself has no entry word to pop them, because later runs fall into it.
 std::uint32_t* put_entry_snippet(std::uint32_t* at, const std::uint32_t* fragment) {
   at[0] = POP_X0_X1;
   a64_branch(at + 1, address_of(fragment));
@@ -210,7 +211,7 @@ std::uint32_t* begin_trace(thread_data* thread, std::int32_t source_index, std::
   return entry;
 }
 
-// The trace that the path has come back to, if it has come to one.
+// The entry of the trace that begins at `target`, if there is one: the path has come back to it.
 std::uint64_t find_trace(thread_data* thread, std::uint64_t target) {
   if (target == head_source(thread)) return thread->active_trace.entry_addr;
   const std::uint64_t found = hash_lookup_entry(thread, target);
@@ -220,7 +221,7 @@ std::uint64_t find_trace(thread_data* thread, std::uint64_t target) {
 }  // namespace
 
 void count_trace_event(std::uint64_t& number, std::uint64_t by) {
-  std::atomic_ref(number).fetch_add(by, std::memory_order_relaxed);  // Nobody draws conclusions from one.
+  std::atomic_ref(number).fetch_add(by, std::memory_order_relaxed);  // No other data depends on the number.
 }
 
 void raise_trace_record(std::uint64_t& number, std::uint64_t value) {
@@ -237,8 +238,8 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   const std::uint32_t kind = head.exit_kind;
   ret[1] = source;
   if (trace_options.off || kind == EXIT_NOT_SET) {
-    // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0 and does not stop it again
-    // soon.
+    // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0, so the block runs many
+    // times before it comes here again.
     ret[0] = head.cache_entry;
     return;
   }
@@ -265,7 +266,7 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
     return;
   }
   if (thread->trace_fragment_overflow != 0) {
-    // It fits into an empty area, unless it never will.
+    // The head may fit into an empty area. If the area is empty already, it never fits.
     const bool area_is_empty = thread->trace_id == BB_COUNT;
     trace.id = thread->trace_id;
     if (area_is_empty) {

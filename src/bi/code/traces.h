@@ -1,7 +1,7 @@
-// Hot paths. A block that has run often becomes the head of a trace: its code and that of the blocks that really follow
-// it, laid out one behind the other in the trace area, so that the path runs without a taken branch up to its end. A
-// trace is built while it runs for the first time, a fragment at each pass through the dispatcher, and nobody else can
-// reach it until it is installed: until then its exits have no targets.
+// Traces: the hot paths of a thread. A block that has run often becomes the head of a trace. The trace holds the head's
+// code and the code of the blocks that really follow it, one behind the other in the trace area. So the path runs
+// without a taken branch up to its end. A trace is built while it runs for the first time: each pass through the
+// dispatcher adds a fragment. Nothing else leads to it before it is installed, because its exits have no targets yet.
 //
 // All of it belongs to one thread, as its code cache does.
 #pragma once
@@ -12,12 +12,13 @@
 
 namespace ceilmeter {
 
-// From the dispatcher, for an exit of a fragment beyond the basic blocks: goes on with the trace that the fragment is
-// the last one of, or just finds the block for `target`. *next_addr receives the cache address to go on at.
+// Called by the dispatcher for an exit of a trace's fragment. If the fragment is the last one of the trace under
+// construction, adds the next one to the trace. Otherwise only finds the block for `target`. *next_addr receives the
+// cache address to go on at.
 void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32_t source_index, thread_data* thread);
 
-// What has become of traces in this process, all threads together. Written by every thread as it goes, each number by
-// itself.
+// Counts of the traces of this process, over all threads. Each thread adds to each number by itself, so a reader may
+// find numbers that do not fit each other.
 struct trace_statistics {
   std::uint64_t started;
   std::uint64_t installed;
@@ -28,7 +29,7 @@ struct trace_statistics {
   std::uint64_t most_exits;
   std::uint64_t ends_in_head;  // How traces have ended.
   std::uint64_t ends_in_trace;
-  std::uint64_t ends_in_block;  // At the limit of fragments, or of length.
+  std::uint64_t ends_in_block;  // At the limit of the fragments' number, or of length.
   std::uint64_t ends_in_register_branch;
   std::uint64_t too_long;           // Of those that end in a block: for the reach of an exit, or for the area.
   std::uint64_t abandoned;          // Another head became hot first.
@@ -53,10 +54,10 @@ enum trace_check : std::uint32_t {
   TRACE_CHECK_WHOLE = 2,    // Everything each time.
 };
 
-// For tests and measurements; the tool leaves it alone. Set before the application starts. A debug build begins with
-// TRACE_CHECK_CHANGES.
+// For tests, measurements and developers (engine_switches.h). Set before the application starts. A debug build begins
+// with TRACE_CHECK_CHANGES.
 struct trace_switches {
-  bool off = false;  // No traces: hot blocks go on as they are, and pay for their counter each time.
+  bool off = false;  // No traces: a hot block stays as it is, and its counter goes on counting.
   trace_check check = TRACE_CHECK_NONE;
   std::uint8_t hot_mark = 0;  // Executions that make a block hot; 0: 256, to which the counter wraps.
 };

@@ -61,7 +61,7 @@ int mora_bind_event(mora_context* ctx, std::uint32_t event, mora_callback fn) {
 
 int mora_set_plugin_data(mora_context* ctx, void* data) {
   if (!is_registered(ctx)) return NO_PLUGIN;
-  engine.plugins[ctx->plugin_id][PLUGIN_DATA_SLOT] = reinterpret_cast<std::uint64_t>(data);
+  engine.plugins[ctx->plugin_id][PLUGIN_DATA_SLOT] = address_of(data);
   return 0;
 }
 
@@ -138,7 +138,7 @@ int mora_set_result(mora_context* ctx, std::uint64_t value) {
 
 int mora_add_to_entry_table(mora_context* ctx) {
   if (!is_scan_event(ctx) || ctx->write_p == nullptr) return -1;
-  const auto address = reinterpret_cast<std::uint64_t>(ctx->write_p);
+  const std::uint64_t address = address_of(ctx->write_p);
   hash_add(&ctx->thread_data->entry_table.table, address, address);
   return 0;
 }

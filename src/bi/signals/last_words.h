@@ -24,8 +24,7 @@ void install_last_words();
 void log_fault(const thread_data* thread, const siginfo_t& info, const mcontext_t& context);
 
 // The thread has faulted in its code cache, and the application ends by it: names signal, cache address, source
-// address, module and fragment, and shows the fragment. Only with the log level "info" and above, for developers: with
-// it the engine handles the signals that end a program by a fault (see report_crashes).
+// address, module and fragment, and shows the fragment. Only with the log level "info" and above, for developers.
 void log_crash(const thread_data* thread, const siginfo_t& info, const mcontext_t& context);
 
 }  // namespace ceilmeter

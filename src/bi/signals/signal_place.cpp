@@ -60,15 +60,6 @@ bool borrows_x0(const std::uint32_t* source) {
 
 }  // namespace
 
-bool is_in_code_range(const thread_data* thread, std::uint64_t pc) {
-  const std::uint64_t stubs = std::uint64_t{BB_SIZE} * static_cast<std::uint64_t>(stub_block_count());
-  return pc >= address_of(thread->code_cache) + stubs && pc < address_of(thread->code_cache) + CODE_CACHE_SIZE;
-}
-
-bool is_in_cache(const thread_data* thread, std::uint64_t pc) {
-  return pc >= address_of(thread->code_cache) && pc < address_of(thread->code_cache) + CODE_CACHE_SIZE;
-}
-
 bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8_t* place) {
   return pc == address_of(thread->code_cache) + stub_offset(place);
 }

@@ -10,8 +10,7 @@
 //                        only
 //   MORA_RUN_TRACE_STATS a file to which each process that ends adds a line: its traces in numbers, "name=number ..."
 //   MORA_RUN_BREAK_TRACE the number of a trace that is spoilt when it has been installed, as an error of the engine
-//   would
-//                        spoil it: a BRK in the place of its first source word. For the tests of tools/bisect
+//                        would spoil it: a BRK in the place of its first source word. For the tests of tools/bisect
 //   MORA_RUN_BREAK_LINK  the same with the exit of a block that has been linked: a BRK in the place of its first word
 // The engine's own switches (bi/engine_switches.h) hold above the first two.
 #include <fcntl.h>

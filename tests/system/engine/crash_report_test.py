@@ -70,7 +70,8 @@ class CrashReport(unittest.TestCase):
                                MORA_RUN_BREAK_TRACE="3")
         text = "\n".join(lines)
         self.assertEqual(status, -signal.SIGTRAP, text)
-        fragment = re.search(r"signal 5, SIGTRAP .*\n.*it ends the application in fragment (\d+) at ", text)
+        fragment = re.search(r"signal 5, SIGTRAP .*\n"
+                             r".*it ends the application in fragment (\d+) at (0x[0-9a-f]+), ", text)
         self.assertIsNotNone(fragment, text)
         self.assertGreaterEqual(int(fragment[1]), 55000, "the indices of traces begin here")
         self.assertRegex(text, fragment[2] + " d4200000 brk")
