@@ -235,9 +235,11 @@ extern thread_local thread_data* current_thread;
 
 // Whether plug-ins are to hear of what the calling thread does. A child in its parent's memory is another process, and
 // what plug-ins have noted is its parent's.
-inline bool plugins_listen() {
-  return engine.plugin_count != 0 && (current_thread == nullptr || current_thread->is_vfork_child == 0);
+// Asked at every word of a scan, so only the first test is inline.
+[[gnu::noinline]] inline bool is_calling_thread_heard() {
+  return current_thread == nullptr || current_thread->is_vfork_child == 0;
 }
+inline bool plugins_listen() { return engine.plugin_count != 0 && is_calling_thread_heard(); }
 
 // The application's handlers as the calling thread's process has them. Under signal_handlers_lock.
 inline std::uint64_t* application_handlers() {

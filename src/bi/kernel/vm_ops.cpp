@@ -250,8 +250,10 @@ std::int64_t unmap_around(page_range range, page_range kept) {
 std::int64_t unmap_memory(const std::uint64_t* args) {
   const page_range whole = whole_page_range(args[0], args[1]);
   const page_range kept = pages_below_sp(args);
+  // By distances: a sum could wrap.
+  const std::uint64_t before = kept.start - whole.start;
   const bool is_own_stack = page_down(args[0], page_size()) == args[0] && kept.start >= whole.start &&
-                            kept.start + kept.size <= whole.start + whole.size;
+                            before < whole.size && kept.size <= whole.size - before;
   std::int64_t result = 0;
   if (is_own_stack) {
     result = unmap_around(whole, kept);

@@ -117,6 +117,11 @@ class GuardedCalls(unittest.TestCase):
     def test_so_does_one_that_gets_eight_constants(self):
         self.check("blocks_called_by_constants")
 
+    def test_at_most_64_bytes_change_below_the_stack_pointer(self):
+        output, account = run("blocks_called_by_constants", program("hazards/below_sp"))
+        self.assertEqual(output, "done\n")
+        self.assertGreater(account["calls"], 1000)
+
     def test_calls_at_every_block_leave_libraries_unharmed(self):
         output, _ = run("blocks_called", program("plugin/recursion"))
         self.assertEqual(output, native(program("plugin/recursion")))
