@@ -40,6 +40,7 @@ inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;    // No trace begins 
 inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;  // No trace begins with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
 inline constexpr int SIGNAL_COUNT = 65;                   // Signal numbers from 1; 0 is unused.
+inline constexpr std::size_t SCAN_WORDS = 16384;          // How many source words of a fragment are kept.
 inline constexpr std::size_t SOURCE_MARKS_PER_WORD = 32;  // Two bits for each word of the code cache.
 
 static_assert(BB_AREA_SIZE == std::size_t{BB_COUNT} * BB_SIZE);
@@ -175,7 +176,8 @@ struct thread_data {
   // the marks before source_marks_end are complete.
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
-  held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
+  std::uint32_t scan_words[SCAN_WORDS];  // The source words of the fragment that is being scanned, see scan_ahead.h.
+  held_signals held;                     // What was sent with the signals that are counted, see held_signals.h.
 };
 
 // Process-wide state, each part under the lock that is named with it.
