@@ -36,14 +36,16 @@ struct frees {
   void operator()(char* text) const { std::free(text); }
 };
 
-// A name is one line of the result file and of a terminal: control characters do not belong there.
+// The result file has its texts as they are, without escapes. A quote, a backslash or a control character would break
+// it, and bytes beyond ASCII might be no text.
+bool breaks_text(unsigned char one) { return one < ' ' || one > '~' || one == '"' || one == '\\'; }
+
 std::string clean_name(const char* text) {
   constexpr std::size_t longest = 512;
   std::string name(text);
   while (!name.empty() && (name.back() == '\n' || name.back() == '\r')) name.pop_back();
   if (name.size() > longest) name.resize(longest);
-  std::replace_if(
-      name.begin(), name.end(), [](unsigned char one) { return one < ' ' || one == 0x7f; }, '?');
+  std::replace_if(name.begin(), name.end(), breaks_text, '?');
   return name;
 }
 

@@ -52,9 +52,9 @@ TEST_F(names_of_code, skip_lines_of_another_form) {
   EXPECT_EQ(names.name_at(0x7000), "last without end");
 }
 
-TEST_F(names_of_code, have_no_control_characters_and_an_end) {
-  const perf_map names = read("5000 10 a\tb\x1b[1mc\r\n6000 10 " + std::string(2000, 'n') + "\n");
-  EXPECT_EQ(names.name_at(0x5000), "a?b?[1mc");
+TEST_F(names_of_code, have_nothing_that_breaks_the_result_file_and_an_end) {
+  const perf_map names = read("5000 10 a\tb\x1b[1m \"c\\d\" \xc3\xa4\r\n6000 10 " + std::string(2000, 'n') + "\n");
+  EXPECT_EQ(names.name_at(0x5000), "a?b?[1m ?c?d? ??");
   EXPECT_EQ(names.name_at(0x6000), std::string(512, 'n'));
 }
 
