@@ -327,7 +327,9 @@ basic_block_table read_basic_blocks(const json_token* token) {
     if (!read_block(array, block)) continue;
     const std::uint64_t start = block.start;
     std::uint64_t key = start;
-    if (blocks.find(start) != nullptr) key = changed_block_key(start, ++changes[start]);
+    // Generated code lies at no offset of a file. Of two blocks of files with one start the first one stays.
+    const bool is_generated = block.dump_start == start;
+    if (is_generated && blocks.find(start) != nullptr) key = changed_block_key(start, ++changes[start]);
     blocks.insert(key, std::move(block));
   }
   return blocks;

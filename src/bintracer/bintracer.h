@@ -1,7 +1,8 @@
 // The tracer counts how often each basic block of the application ran, per region and thread. It runs the application
 // in this process under the instrumentation engine and plants a counter in every block that the engine translates (see
 // bintracer_plugin.h). It does not look at instructions. When the application has ended, the finalizer finds out from
-// the module files which of the counted blocks were floating-point work.
+// the module files which of the counted blocks were floating-point work. Of code that the application has generated,
+// which is in no file, the instructions are kept.
 //
 // A region is a name that the application gives by start_perf_roofline_events, or "total". A process has one tracer. It
 // stands in the configuration record, where the callbacks find it.

@@ -59,8 +59,8 @@ TEST_F(generated_blocks, in_the_place_of_a_module_do_not_mix_with_its_blocks) {
   tracer->register_replaced(code, code + 0x4000);
   run_generated(thread, code, {fadd_double, nop}, 4);
   tracer->finish_thread(thread);
-  EXPECT_THAT(blocks_of(report()), UnorderedElementsAre("10000-10008 0-8 2*3 1 " + path,
-                                                        "10000-10008 10000-10008 1*4 1 [generated]"));
+  EXPECT_THAT(blocks_of(report()),
+              UnorderedElementsAre("10000-10008 0-8 2*3 1 " + path, "10000-10008 10000-10008 1*4 1 [generated]"));
 }
 
 TEST_F(generated_blocks, scalable_arithmetic_in_them_is_told) {

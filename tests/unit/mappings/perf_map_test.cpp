@@ -44,8 +44,9 @@ TEST_F(names_of_code, are_those_of_the_last_function_at_a_place) {
 }
 
 TEST_F(names_of_code, skip_lines_of_another_form) {
-  const perf_map names = read("\nno number\n5000\n5000 zz name\n5000 0 empty\n5000 10 \nffffffffffffffff 10 wraps\n"
-                              "0x6000 0x10 with prefix\n7000 10 last without end");
+  const perf_map names = read(
+      "\nno number\n5000\n5000 zz name\n5000 0 empty\n5000 10 \nffffffffffffffff 10 wraps\n"
+      "0x6000 0x10 with prefix\n7000 10 last without end");
   EXPECT_EQ(names.name_at(0x5000), "");
   EXPECT_EQ(names.name_at(0xffffffffffffffff), "");
   EXPECT_EQ(names.name_at(0x6000), "with prefix");

@@ -1,5 +1,5 @@
-// The words that a translation takes: each is loaded once, and plug-ins see those that are translated. And the words that
-// begin a mode in which the engine cannot run.
+// The words that a translation takes: each is loaded once, and plug-ins see those that are translated. And the words
+// that begin a mode in which the engine cannot run.
 #include <algorithm>
 #include <cstring>
 
@@ -113,7 +113,8 @@ TEST_F(source_words_test, behind_a_system_call_the_words_are_those_of_the_second
     return 0;
   });
   scanned(source_syscall);
-  EXPECT_EQ(blocks, (std::vector<words>{{source_syscall, source_syscall + 2}, {source_syscall + 2, source_syscall + 4}}));
+  EXPECT_EQ(blocks,
+            (std::vector<words>{{source_syscall, source_syscall + 2}, {source_syscall + 2, source_syscall + 4}}));
 }
 
 TEST_F(source_words_test, words_are_offered_at_their_event_alone) {
