@@ -1,7 +1,8 @@
-// The registry. It reacts to new mappings only. An unmapped segment can still be found until something is mapped over
-// it, because the code that ran there did come from it.
+// The registry. It reacts to new mappings only, of code or of anything else. An unmapped segment can still be found
+// until something is mapped over it, because the code that ran there did come from it.
 #include "mappings.h"
 
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -79,6 +80,32 @@ void mappings_t::register_mmap(std::uint64_t begin, std::uint64_t end, std::uint
   // Only mappings that begin at or behind `begin` were looked at. An older one that reaches in from below stays as it
   // is, and search_segment finds the new one first.
   segments.emplace_hint(it, begin, segment);
+}
+
+// Segments do not overlap, except that an older one may reach into a newer one from below.
+bool mappings_t::is_overlapped(std::uint64_t begin, std::uint64_t end) const {
+  auto it = segments.lower_bound(begin);
+  if (it != segments.end() && it->first < end) return true;
+  return it != segments.begin() && std::prev(it)->second->end > begin;
+}
+
+void mappings_t::register_replaced(std::uint64_t begin, std::uint64_t end) {
+  {
+    const std::shared_lock lock(segments_lock);
+    if (!is_overlapped(begin, end)) return;
+  }
+  const std::unique_lock lock(segments_lock);
+  auto it = segments.lower_bound(begin);
+  if (it != segments.begin() && std::prev(it)->second->end > begin) --it;
+  while (it != segments.end() && it->first < end) {
+    const mapping_segment* old = it->second;
+    it = segments.erase(it);
+    if (old->begin < begin) segments.emplace(old->begin, make_segment({old->begin, begin, old->offset, old->name}));
+    if (old->end > end) {
+      segments.emplace(end, make_segment({end, old->end, old->offset + (end - old->begin), old->name}));
+      break;
+    }
+  }
 }
 
 std::uint64_t mappings_t::search_segment(std::uint64_t address) const {

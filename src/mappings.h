@@ -42,6 +42,10 @@ class mappings_t {
   void register_mmap(std::uint64_t begin, std::uint64_t end, std::uint64_t offset, std::int64_t prot_flags,
                      std::int64_t map_flags, std::int32_t fd);
 
+  // Records that [begin, end), both whole pages, holds something else now than code of a file: data, or memory without
+  // a file, in which a program may generate code. Any thread; costs a look-up where no segment is concerned.
+  void register_replaced(std::uint64_t begin, std::uint64_t end);
+
   // The id of the segment that holds `address` now; 0 for none. Any thread; look-ups do not wait for each other.
   std::uint64_t search_segment(std::uint64_t address) const;
 
@@ -53,6 +57,9 @@ class mappings_t {
     std::atomic<node*> next{nullptr};
     const mapping_segment* segment = nullptr;
   };
+
+  // Whether a segment reaches into [begin, end), under the lock.
+  bool is_overlapped(std::uint64_t begin, std::uint64_t end) const;
 
   // Makes a record and enters it in all_segments. No lock is needed.
   const mapping_segment* make_segment(mapping_segment segment);

@@ -10,7 +10,7 @@
 
 namespace ceilmeter {
 
-// One basic block as the result file shows it. The key of a `basic_block_table` is `start`.
+// One basic block as the result file shows it.
 struct basic_block_record {
   std::uint64_t start = 0;         // Application address of the first instruction.
   std::uint64_t end = 0;           // End address as the engine reported it.
@@ -19,8 +19,16 @@ struct basic_block_record {
   std::int64_t flop = 0;           // Floating-point operations of one execution.
   std::int64_t count = 0;          // Executions.
   std::int32_t vector_length = 0;  // Largest element count of any floating-point instruction, 0 without one.
-  std::string module;              // Path of the file that holds the block.
+  // Path of the file that holds the block. Of generated code, whose "offsets" are its addresses: a name.
+  std::string module;
 };
+
+// The key is `start`. Generated code can be written over: the blocks that have begun at the same address one after the
+// other are blocks of their own, with keys made of the address and their number, from 1 on.
+inline std::uint64_t changed_block_key(std::uint64_t start, std::uint32_t number) {
+  constexpr int unused_bits = 48;  // Addresses of programs end below, and are multiples of 4.
+  return start ^ std::uint64_t{number} << unused_bits ^ number >> (64 - unused_bits);
+}
 
 using basic_block_table = flat_table<std::uint64_t, basic_block_record>;
 

@@ -327,13 +327,18 @@ std::vector<region_metric> read_regions_metric(const json_token* token) {
 
 basic_block_table read_basic_blocks(const json_token* token) {
   basic_block_table blocks;
+  flat_table<std::uint64_t, std::uint32_t> changes;  // How often the code at a start has been another block.
   // The file has the blocks in the order of a table's slots.
   blocks.reserve(count_children(token));
   for (const json_token* array = json_first_child(token); array != nullptr; array = json_next_sibling(array)) {
     basic_block_record block;
     if (!read_block(array, block)) continue;
     const std::uint64_t start = block.start;
-    blocks.insert(start, std::move(block));
+    std::uint64_t key = start;
+    // Generated code lies at no offset of a file. Of two blocks of files with one start the first one stays.
+    const bool is_generated = block.dump_start == start;
+    if (is_generated && blocks.find(start) != nullptr) key = changed_block_key(start, ++changes[start]);
+    blocks.insert(key, std::move(block));
   }
   return blocks;
 }

@@ -145,8 +145,20 @@ int mora_run(int argc, char** argv, char** envp) {
   elf_run(block, argv[0], argc - 1, argv + 1, envp, &aux);
 }
 
+namespace {
+
+// Zeroed memory of a thread, of which few pages are touched, here and there: of huge pages a thread would take several
+// times the memory. A kernel without huge pages refuses the advice, which is as good.
+void* map_sparse(std::size_t size, int protection) {
+  void* mapping = mmap(nullptr, size, protection, anonymous, -1, 0);
+  if (mapping != MAP_FAILED) madvise(mapping, size, MADV_NOHUGEPAGE);
+  return mapping;
+}
+
+}  // namespace
+
 bool allocate_thread_data(thread_data** out) {
-  void* mapping = mmap(nullptr, whole_pages(sizeof(thread_data)), PROT_READ | PROT_WRITE, anonymous, -1, 0);
+  void* mapping = map_sparse(whole_pages(sizeof(thread_data)), PROT_READ | PROT_WRITE);
   if (mapping == MAP_FAILED) return false;
   take_small_pages(mapping, whole_pages(sizeof(thread_data)));
   *out = static_cast<thread_data*>(mapping);  // The mapping is zeroed, which is every field's first value.
@@ -158,13 +170,13 @@ namespace {
 
 // Maps the code cache, the link pool and the signal stack. Null, or what could not be mapped.
 const char* map_thread_memory(thread_data* thread) {
-  void* cache = mmap(nullptr, CODE_CACHE_SIZE, PROT_READ | PROT_WRITE | PROT_EXEC, anonymous, -1, 0);
+  void* cache = map_sparse(CODE_CACHE_SIZE, PROT_READ | PROT_WRITE | PROT_EXEC);
   if (cache == MAP_FAILED) return "code cache";
   take_small_pages(cache, CODE_CACHE_SIZE);
   thread->code_cache = static_cast<std::uint8_t*>(cache);
   log(LEVEL_TRACE, "Code cache: %p", cache);
   const std::size_t pool_size = whole_pages(linked_pool_bytes(LINK_POOL_CAPACITY));
-  void* pool = mmap(nullptr, pool_size, PROT_READ | PROT_WRITE, anonymous, -1, 0);
+  void* pool = map_sparse(pool_size, PROT_READ | PROT_WRITE);
   if (pool == MAP_FAILED) return "link pool";
   take_small_pages(pool, pool_size);
   thread->cc_link_pool = static_cast<linked_pool*>(pool);

@@ -42,6 +42,7 @@ inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;    // No trace begins 
 inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;  // No trace begins with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
 inline constexpr int SIGNAL_COUNT = 65;                   // Signal numbers from 1; 0 is unused.
+inline constexpr std::size_t SCAN_WORDS = 16384;          // How many source words of a fragment are kept.
 inline constexpr std::size_t SOURCE_MARKS_PER_WORD = 32;  // Two bits for each word of the code cache.
 
 static_assert(BB_AREA_SIZE == std::size_t{BB_COUNT} * BB_SIZE);
@@ -181,6 +182,7 @@ struct thread_data {
   // the marks before source_marks_end are complete.
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
+  std::uint32_t scan_words[SCAN_WORDS];  // The source words of the fragment that is being scanned, see scan_ahead.h.
   std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
   // Of a child in its parent's memory, see kernel/vfork.h. Its own handlers, unless the call shares them.
   std::uint8_t is_vfork_child;

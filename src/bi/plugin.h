@@ -17,6 +17,7 @@
 namespace ceilmeter {
 
 struct thread_data;  // The engine's record of a thread; opaque to plug-ins.
+struct scan_state;   // And that of a translation.
 
 // Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status.
 // Register everything before.
@@ -34,9 +35,8 @@ enum mora_event : std::uint32_t {
   MORA_POST_INST = 2,  // After it. Behind the instruction that ends the fragment no code is allowed.
   // At a block's start, `read_address`. A block also ends, and a new one starts, at each SVC. If the fragment begins
   // between a load-exclusive and its store-exclusive, this event and MORA_PRE_FRAGMENT, with their code, come behind
-  // the
-  // store: an access to memory in front of it may make it fail each time. The instructions up to the store have had
-  // their events before.
+  // the store: an access to memory in front of it may make it fail each time. The instructions up to the store have
+  // had their events before.
   MORA_PRE_BB = 3,
   MORA_POST_BB = 4,        // At its end, `end_address`, the address past its last instruction. No code is allowed.
   MORA_PRE_FRAGMENT = 5,   // Around a fragment: a block with all that follows its system calls, or a part of a trace.
@@ -132,6 +132,7 @@ struct mora_context {
   bool* stop;                         // The scan's. If set, the fragment ends here.
   // The engine's own, behind the fields for plug-ins.
   bool code_allowed;  // Whether what is written at write_p becomes part of the fragment.
+  scan_state* scan;   // Of the code events.
 };
 
 // The result is ignored.
@@ -219,6 +220,14 @@ inline void mora_set_cc_addr(mora_context* ctx, std::uint32_t* cache_address) { 
 inline std::uint32_t mora_get_cond(const mora_context* ctx) { return ctx->decoded.cond; }
 inline bool mora_is_cond(const mora_context* ctx) { return ctx->decoded.cond != MORA_COND_ALWAYS; }
 inline std::uint32_t mora_get_inverted_cond(const mora_context* /*ctx*/, std::uint32_t cond) { return cond ^ 1; }
+
+// The instruction words of the block, for code that may change: the engine loads each word once, so these are the words
+// that are translated, whatever stands in memory meanwhile. At pre_bb: whether the block begins with these words. Its
+// end is not known yet; the same words, read again, end at the same place.
+bool mora_block_begins_with(const mora_context* ctx, const std::uint32_t* words, std::size_t count);
+// At post_bb: the words from the block's start to end_address; valid for the length of the call. Null if the engine has
+// not kept them all, in fragments of more than 16,384 instructions.
+const std::uint32_t* mora_get_block_words(const mora_context* ctx);
 
 // The kernel's thread id of the context's thread; -1 without a thread.
 std::int32_t mora_get_thread_id(const mora_context* ctx);

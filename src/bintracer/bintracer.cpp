@@ -38,10 +38,10 @@ region_bbs* find_region(std::vector<region_bbs>& regions, const std::string& nam
   return nullptr;
 }
 
-// If there is a record with the same start, only its count grows: it keeps its end and segment.
+// If there is a record of the same block, only its count grows: it keeps its end.
 void add_record(std::vector<bb_record>& bbs, const bb_record& record) {
   for (bb_record& known : bbs) {
-    if (known.start != record.start) continue;
+    if (!is_same_block(known, record)) continue;
     known.count += record.count;
     return;
   }
@@ -71,6 +71,17 @@ void bintracer_t::watch_by_name(std::string name, watch_callbacks callbacks) {
   if (!named_callbacks.insert(std::move(name), callbacks).second) {
     throw std::runtime_error("register callback on one name was called twice\n");
   }
+}
+
+void bintracer_t::add_watched_function(std::uint64_t address, const watch_callbacks& callbacks) {
+  const std::unique_lock lock(watched_functions_lock);
+  watched_functions.insert(address, callbacks);
+}
+
+watch_callbacks bintracer_t::find_watched_function(std::uint64_t address) const {
+  const std::shared_lock lock(watched_functions_lock);
+  const watch_callbacks* found = watched_functions.find(address);
+  return found != nullptr ? *found : watch_callbacks{};
 }
 
 void bintracer_t::collect(int argc, char** argv, char** envp) {

@@ -1,7 +1,8 @@
 // The tracer counts how often each basic block of the application ran, per region and thread. It runs the application
 // in this process under the instrumentation engine and plants a counter in every block that the engine translates (see
 // bintracer_plugin.h). It does not look at instructions. When the application has ended, the finalizer finds out from
-// the module files which of the counted blocks were floating-point work.
+// the module files which of the counted blocks were floating-point work. Of code that the application has generated,
+// which is in no file, the instructions are kept.
 //
 // A region is a name that the application gives by start_perf_roofline_events, or "total". A process has one tracer. It
 // stands in the configuration record, where the callbacks find it.
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "flat_table.h"
+#include "bintracer/generated_code.h"
 #include "mappings.h"
 #include "report.h"
 
@@ -30,14 +32,20 @@ struct bb_record {
   std::uint64_t start = 0;       // Application address of the first instruction.
   std::uint64_t end = 0;         // Behind the last one, as last translated.
   std::uint64_t map_seg_id = 0;  // The mapping segment that held `start` when the block was first seen; 0: none.
+  // Where there is none: the block's instructions.
+  const generated_code* code = nullptr;
 };
+
+// Whether both count the same block. Generated code that was written over at the same address is another block.
+inline bool is_same_block(const bb_record& a, const bb_record& b) { return a.start == b.start && a.code == b.code; }
 
 struct bb_node {
   bb_node* next = nullptr;
   bb_record record;
+  bb_node* older = nullptr;  // The block of the same start that the thread has translated before.
 };
 
-// What was counted in one region by one thread. `bbs` is unique by `start`.
+// What was counted in one region by one thread. A block is in `bbs` once.
 struct region_bbs {
   std::string name;
   std::vector<bb_record> bbs;
@@ -55,11 +63,11 @@ struct thread_info {
 struct bintracer_thread {
   std::uint32_t parent_tid = 0;  // For whoever looks at it in a debugger.
   std::uint32_t tid = 0;
-  std::string region;                              // "total" when the thread is in none.
-  std::uint64_t enable_basic_block_count = 0;      // 0 or 1: what an execution of a block adds to its counter.
-  bb_node* bb_nodes = nullptr;                     // Every block that the thread has translated, newest first. Owned.
-  flat_table<std::uint64_t, bb_record*> bb_index;  // By start, into bb_nodes.
-  bb_record* current_bb = nullptr;                 // The block under translation.
+  std::string region;                            // "total" when the thread is in none.
+  std::uint64_t enable_basic_block_count = 0;    // 0 or 1: what an execution of a block adds to its counter.
+  bb_node* bb_nodes = nullptr;                   // Every block that the thread has translated, newest first. Owned.
+  flat_table<std::uint64_t, bb_node*> bb_index;  // By start, the newest of those in bb_nodes.
+  bb_record* current_bb = nullptr;               // The block under translation.
   thread_info* info = nullptr;
 
   bintracer_thread() = default;
@@ -122,16 +130,22 @@ class alignas(64) bintracer_t : public mappings_t {
   void pre_start_roofline_handler(const char* name, bintracer_thread& thread);
   void pre_stop_roofline_handler(const char* name, bintracer_thread& thread);
 
+  // The record of a block of generated code. Any thread.
+  const generated_code* keep_code(std::uint64_t start, const std::uint32_t* words, std::size_t count) {
+    return kept_code.keep(start, words, count);
+  }
+
   // Has functions of this name watched. Before the engine runs. Throws std::runtime_error if the name is known already.
   void watch_by_name(std::string name, watch_callbacks callbacks);
 
   // What a function of this name is to be watched for; null if it is not.
   const watch_callbacks* find_named_callbacks(std::string_view name) const { return named_callbacks.find(name); }
   // From now on the function at `address` is watched. An address that is known already keeps what it has.
-  void add_watched_function(std::uint64_t address, const watch_callbacks& callbacks) {
-    watched_functions.insert(address, callbacks);
-  }
-  const watch_callbacks* find_watched_function(std::uint64_t address) const { return watched_functions.find(address); }
+  // Any thread.
+  void add_watched_function(std::uint64_t address, const watch_callbacks& callbacks);
+  // A copy, without callbacks if the function is not watched: another thread's insertion may move the table's records.
+  // Any thread.
+  watch_callbacks find_watched_function(std::uint64_t address) const;
 
   std::uint32_t get_mode() const { return mode; }
 
@@ -148,12 +162,14 @@ class alignas(64) bintracer_t : public mappings_t {
  private:
   static void flush_counters(bintracer_thread& thread);
 
+  generated_code_store kept_code;
   mutable std::shared_mutex region_threads_lock;
   flat_table<std::string, region_activity> region_threads;
-  // When the application runs, the first is only read. The second is written when the loader maps a module.
-  flat_table<std::string, watch_callbacks> named_callbacks;
-  flat_table<std::uint64_t, watch_callbacks> watched_functions;
-  std::atomic<std::uint64_t> thread_count{0};      // Application threads alive now.
+  flat_table<std::string, watch_callbacks> named_callbacks;  // Only read when the application runs.
+  // Written when a thread maps a module, while others translate the entries of functions.
+  mutable std::shared_mutex watched_functions_lock;
+  flat_table<std::uint64_t, watch_callbacks> watched_functions;  // Under it.
+  std::atomic<std::uint64_t> thread_count{0};                    // Application threads alive now.
   std::atomic<std::uint64_t> max_thread_count{0};  // Highest of those that were alive when one of them ended.
   thread_info* thread_infos = nullptr;             // Owned.
   std::mutex thread_infos_lock;                    // Guards the push onto thread_infos.

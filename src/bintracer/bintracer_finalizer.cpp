@@ -2,6 +2,8 @@
 // Of the records that they have of it, the first one stays.
 #include "bintracer/bintracer_finalizer.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -35,7 +37,45 @@ bool is_logged_in_detail() { return mora_log_get_level() >= LEVEL_TRACE; }
 // Null if the block is not known, or if the known one that begins there is another block.
 const block_work* find_work(const block_work_table& known, const bb_record& record) {
   const block_work* work = known.find(record.start);
-  return work != nullptr && work->end == record.end && work->map_seg_id == record.map_seg_id ? work : nullptr;
+  const bool is_same =
+      work != nullptr && work->end == record.end && work->map_seg_id == record.map_seg_id && work->code == record.code;
+  return is_same ? work : nullptr;
+}
+
+// The key of a block among those of a region: its start and, of generated code, the number of the code at this start.
+std::uint64_t key_of(const bb_record& record) {
+  return record.code != nullptr ? changed_block_key(record.start, record.code->version) : record.start;
+}
+
+// Adds the floating-point work of the words to the block's. `work` is the record of the whole block.
+void add_work(const std::uint32_t* words, std::size_t count, std::uint64_t offset, instr_flop& work,
+              basic_block_record& block, arithmetic_count& arithmetic) {
+  for (std::size_t index = 0; index < count; ++index) {
+    if (get_instr_flop(words[index], work) != 0) {
+      if (is_uncounted_scalable_work(words[index])) ++arithmetic.uncounted;
+      continue;
+    }
+    ++arithmetic.counted;
+    log(LEVEL_TRACE, "instr_off=%lx, instr_flop.precision=%d, instr_flop.fclass=%d, instr_flop.count=%d",
+        offset + index * instruction_size, static_cast<int>(work.precision), static_cast<int>(work.fclass),
+        static_cast<int>(work.count));
+    block.flop += static_cast<std::int64_t>(work.count * work.multiplier);
+    const auto lanes = static_cast<std::uint32_t>(work.count);
+    block.vector_length = static_cast<std::int32_t>(std::max(static_cast<std::uint32_t>(block.vector_length), lanes));
+  }
+}
+
+// Deliberately one for a whole block. A scalable instruction does not set the record's multiplier, so the one of the
+// instruction before it stays. A block that begins with a scalable instruction counts it once.
+instr_flop new_work() {
+  instr_flop work{};
+  work.multiplier = 1;
+  return work;
+}
+
+void set_generated_block_flop(const generated_code& code, basic_block_record& block, arithmetic_count& arithmetic) {
+  instr_flop work = new_work();
+  add_work(code.words.data(), code.words.size(), code.start, work, block, arithmetic);
 }
 
 void warn_of_uncounted(const arithmetic_count& executed) {
@@ -46,6 +86,15 @@ void warn_of_uncounted(const arithmetic_count& executed) {
       "floating-point "
       "instructions: the operations are too low",
       executed.uncounted, 100.0 * static_cast<double>(executed.uncounted) / all);
+}
+
+bool has_generated_code(const bintracer_report& report) {
+  for (const bintracer_region& region : report.regions) {
+    for (const auto& [key, block] : region.bbs) {
+      if (block.module == generated_module_name) return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace
@@ -63,6 +112,7 @@ bintracer_report finalize(instruction_finder& finder, const bintracer_t& tracer,
     return {};
   }
   warn_of_uncounted(executed);
+  if (has_generated_code(report)) name_generated_code(report, perf_map::read(perf_map::path_of(getpid())));
   report.max_thread_count = max_thread_count;
   return report;
 }
@@ -80,9 +130,8 @@ void thread_info_processing(instruction_finder& finder, bintracer_report& report
         executed.uncounted += work->arithmetic.uncounted * record.count;
       }
       if (block.flop == 0) continue;
-      const std::uint64_t start = block.start;
       const std::int64_t count = block.count;
-      const auto [merged, is_new] = region.bbs.insert(start, std::move(block));
+      const auto [merged, is_new] = region.bbs.insert(key_of(record), std::move(block));
       // For a known block only the count is added. Everything else stays as the first thread has it.
       if (!is_new) merged->count += count;
     }
@@ -99,33 +148,45 @@ basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_rec
   const block_work* work = is_logged_in_detail() ? nullptr : find_work(known, record);
   if (work != nullptr && work->flop == 0) return block;
   const mapping_segment segment = mappings_t::get_segment(record.map_seg_id);
-  if (segment.begin == 0) {
+  if (segment.begin == 0 && record.code == nullptr) {
     log(LEVEL_DEBUG, "Cant find mapping segment at %lx address\n", block.start);
     return block;
   }
   // Deliberately only the low half of the file offset: results have always been so, and no module has code beyond 4
   // GiB.
-  const std::uint64_t to_file = static_cast<std::uint32_t>(segment.offset) - segment.begin;
+  const std::uint64_t to_file = record.code == nullptr ? static_cast<std::uint32_t>(segment.offset) - segment.begin : 0;
   block.dump_start = block.start + to_file;
   block.dump_end = block.end + to_file;
   block.count = static_cast<std::int64_t>(record.count);
-  block.module = segment.name;
-  arithmetic_count arithmetic;
+  block.module = record.code == nullptr ? segment.name : generated_module_name;
   if (work != nullptr) {
     block.flop = work->flop;
     block.vector_length = work->vector_length;
-  } else if (set_basic_block_flop(finder, block, arithmetic)) {
-    known[record.start] = {record.end, record.map_seg_id, block.flop, block.vector_length, arithmetic};
+    return block;
   }
+  arithmetic_count arithmetic;
+  if (record.code != nullptr) {
+    set_generated_block_flop(*record.code, block, arithmetic);
+  } else if (!set_basic_block_flop(finder, block, arithmetic)) {
+    return block;
+  }
+  known[record.start] = {record.end, record.map_seg_id, record.code, block.flop, block.vector_length, arithmetic};
   return block;
+}
+
+void name_generated_code(bintracer_report& report, const perf_map& names) {
+  for (bintracer_region& region : report.regions) {
+    for (auto&& [key, block] : region.bbs) {
+      if (block.module != generated_module_name) continue;
+      std::string name = names.name_at(block.start);
+      if (!name.empty()) block.module = std::move(name);
+    }
+  }
 }
 
 bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block, arithmetic_count& arithmetic) {
   std::array<std::uint32_t, max_basic_block_size> buffer{};
-  // Deliberately one record for the whole block. A scalable instruction does not set the record's multiplier, so the
-  // one of the instruction before it stays. A block that begins with a scalable instruction counts it once.
-  instr_flop work{};
-  work.multiplier = 1;
+  instr_flop work = new_work();
   const std::uint64_t partial_bb_num =
       ((block.dump_end - block.dump_start) / instruction_size + max_basic_block_size - 1) / max_basic_block_size;
   log(LEVEL_TRACE, "Read basic block from module %s, start_off=%lx, end_of=%lx, partial_bb_num=%ld",
@@ -140,19 +201,7 @@ bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block,
           block.module.c_str(), block.dump_start, block.dump_end);
       return false;
     }
-    for (std::uint64_t index = 0; index < partial_bb_size / instruction_size; ++index) {
-      if (get_instr_flop(buffer[index], work) != 0) {
-        if (is_uncounted_scalable_work(buffer[index])) ++arithmetic.uncounted;
-        continue;
-      }
-      ++arithmetic.counted;
-      log(LEVEL_TRACE, "instr_off=%lx, instr_flop.precision=%d, instr_flop.fclass=%d, instr_flop.count=%d",
-          part_start + index * instruction_size, static_cast<int>(work.precision), static_cast<int>(work.fclass),
-          static_cast<int>(work.count));
-      block.flop += static_cast<std::int64_t>(work.count * work.multiplier);
-      const auto lanes = static_cast<std::uint32_t>(work.count);
-      block.vector_length = static_cast<std::int32_t>(std::max(static_cast<std::uint32_t>(block.vector_length), lanes));
-    }
+    add_work(buffer.data(), partial_bb_size / instruction_size, part_start, work, block, arithmetic);
   }
   return true;
 }

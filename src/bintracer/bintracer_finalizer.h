@@ -1,6 +1,7 @@
 // Turns what the threads have left behind into the tracer's part of the report. It ties each counted block to its file,
-// reads the block's instructions there and adds up their floating-point work. Blocks without any are left out. The
-// others are merged by start over the threads of a region. The work of a block is that of one execution; the product
+// reads the block's instructions there and adds up their floating-point work; the instructions of generated code were
+// kept when it ran. Blocks without work are left out. The others are merged over the threads of a region, by start and,
+// where the code at a start has changed, by its instructions. The work of a block is that of one execution; the product
 // with its count is taken when the report is written.
 //
 // Runs once, on one thread, when all threads of the application have ended. So it takes no lock.
@@ -10,6 +11,7 @@
 
 #include "bintracer/bintracer.h"
 #include "instruction_finder.h"
+#include "perf_map.h"
 #include "report.h"
 
 namespace ceilmeter {
@@ -27,10 +29,12 @@ struct arithmetic_count {
 
 // The floating-point work of a block, by its start. It is kept for the next thread or region that has run the block,
 // because all threads run mostly the same blocks. It holds for a block that also ends at the same place and comes from
-// the same segment. Blocks that could not be read are not kept, so each is tried, and logged, again.
+// the same segment, or has the same generated code. Blocks that could not be read are not kept, so each is tried, and
+// logged, again.
 struct block_work {
   std::uint64_t end = 0;
   std::uint64_t map_seg_id = 0;
+  const generated_code* code = nullptr;
   std::int64_t flop = 0;
   std::int32_t vector_length = 0;
   arithmetic_count arithmetic;
@@ -42,9 +46,12 @@ void thread_info_processing(instruction_finder& finder, bintracer_report& report
                             const bintracer_t& tracer, std::uint64_t max_thread_count, block_work_table& known,
                             arithmetic_count& executed);
 
-// The block as the report shows it. `flop` is also 0 if the block comes from no file, or from a file that can't be
-// read.
+// The block as the report shows it. `flop` is also 0 if the block comes from a file that can't be read. A block of
+// generated code has its addresses in the place of offsets, and generated_module_name in that of a file.
 basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_record& record, block_work_table& known);
+
+// Gives blocks of generated code the names that the application has written down for it: in their `module`.
+void name_generated_code(bintracer_report& report, const perf_map& names);
 
 // Reads the block's instructions by its module and offsets, sets its `flop` and `vector_length` and adds to
 // `arithmetic`. False if a part could not be read; the work of the parts before it stands.

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "collector_config.h"
 #include "common/log.h"
@@ -42,15 +43,51 @@ bintracer_thread& thread_of(const mora_context* ctx) {
 
 std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
-bb_record* add_block(bintracer_thread& thread, std::uint64_t start) {
+// The thread's record of the block that is being translated, if it has translated the same block before: code of a
+// file, or generated code of the same instructions. A place that gets ever new code has a long list of them, of which
+// the newest few are looked at; the records of equal blocks are put together in the end.
+bb_record* find_block(const mora_context* ctx, bb_node* newest, std::uint64_t segment) {
+  constexpr int most = 8;
+  int seen = 0;
+  for (bb_node* node = newest; node != nullptr && seen < most; node = node->older, ++seen) {
+    const bool is_of_file = segment != 0;
+    if ((node->record.map_seg_id != 0) != is_of_file) continue;
+    const generated_code* code = node->record.code;
+    if (code == nullptr || mora_block_begins_with(ctx, code->words.data(), code->words.size())) return &node->record;
+  }
+  return nullptr;
+}
+
+bb_record* add_block(bintracer_thread& thread, std::uint64_t start, std::uint64_t segment) {
   auto* node = new bb_node;
   node->next = thread.bb_nodes;
   thread.bb_nodes = node;
-  thread.bb_index.insert(start, &node->record);
-  node->record.map_seg_id = tracer().search_segment(start);
+  bb_node*& newest = thread.bb_index[start];
+  node->older = newest;
+  newest = node;
+  node->record.map_seg_id = segment;
   log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, node->record.map_seg_id);
   node->record.start = start;
   return &node->record;
+}
+
+// Of a block without a file, what has been translated.
+void keep_words(const mora_context* ctx, bb_record& block) {
+  const std::size_t count = (block.end - block.start) / sizeof(std::uint32_t);
+  if (block.code != nullptr && block.code->words.size() == count) return;  // The words are those: see find_block.
+  const std::uint32_t* words = mora_get_block_words(ctx);
+  // So long a block that the engine has not kept it: what stands there now.
+  if (words == nullptr) words = reinterpret_cast<const std::uint32_t*>(block.start);
+  block.code = tracer().keep_code(block.start, words, count);
+}
+
+// Whether a path as the kernel tells it is that of memory: of memfd_create, of a shared mapping without a file, of a
+// segment of shared memory. Programs that generate code map such memory twice, to write it and to run it.
+bool is_memory(const std::string& path) {
+  for (const char* prefix : {"/memfd:", "/dev/zero", "/dev/shm/", "/SYSV"}) {
+    if (path.rfind(prefix, 0) == 0) return true;
+  }
+  return false;
 }
 
 // count += 1. The whole run is one region, so there is no condition.
@@ -95,7 +132,7 @@ void emit_handler_call(mora_context* ctx, void (*handler)(const char*, bintracer
   mora_emit_restore_regs(ctx, arguments);
 }
 
-const watch_callbacks* watched_at(const mora_context* ctx) {
+watch_callbacks watched_at(const mora_context* ctx) {
   return tracer().find_watched_function(mora_get_source_addr(ctx));
 }
 
@@ -184,8 +221,10 @@ int pre_bb_cb(mora_context* ctx) {
   log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
       start, static_cast<long>(thread.enable_basic_block_count));
   // A block that is translated anew, for instance after a flush of the code cache, keeps its counter.
-  bb_record* const* known = thread.bb_index.find(start);
-  thread.current_bb = known != nullptr ? *known : add_block(thread, start);
+  const std::uint64_t segment = tracer().search_segment(start);
+  bb_node* const* newest = thread.bb_index.find(start);
+  bb_record* known = newest != nullptr ? find_block(ctx, *newest, segment) : nullptr;
+  thread.current_bb = known != nullptr ? known : add_block(thread, start, segment);
 
   mora_emit_save_regs(ctx, counter_registers);
   if (tracer().get_mode() == MODE_TOTAL) {
@@ -200,6 +239,7 @@ int pre_bb_cb(mora_context* ctx) {
 int post_bb_cb(mora_context* ctx) {
   bintracer_thread& thread = thread_of(ctx);
   thread.current_bb->end = mora_get_end_addr(ctx);
+  if (thread.current_bb->map_seg_id == 0) keep_words(ctx, *thread.current_bb);
   log(LEVEL_TRACE, "post_bb_cb: region is %s, bb start=%lx, bb end=%lx", thread.region.c_str(),
       thread.current_bb->start, thread.current_bb->end);
   return 0;
@@ -209,14 +249,16 @@ int vm_op_cb(mora_context* ctx) {
   if (mora_get_vm_op(ctx) != VM_MAP) return 0;
   const std::uint32_t prot = mora_get_vm_prot(ctx);
   const std::uint32_t flags = mora_get_vm_flags(ctx);
-  if ((prot & PROT_EXEC) == 0 || (flags & MAP_ANONYMOUS) != 0) return 0;
   const std::int32_t fd = mora_get_vm_fd(ctx);
-  if (fd >= 0) {
+  bool is_code_of_file = (prot & PROT_EXEC) != 0 && (flags & MAP_ANONYMOUS) == 0;
+  if (is_code_of_file && fd >= 0) {
     // The name is noted even if the mapping has failed: the descriptor has it all the same.
     // Without /proc, in a bare container for instance, no file has a name, and the application runs all the same.
     static const bool has_names = access("/proc/self/fd", F_OK) == 0;
     if (has_names) {
-      tracer().register_fd_name(fd, std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string());
+      std::string path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string();
+      is_code_of_file = !is_memory(path);
+      tracer().register_fd_name(fd, std::move(path));
     }
   }
   const std::uint64_t begin = mora_get_vm_addr(ctx);
@@ -224,7 +266,11 @@ int vm_op_cb(mora_context* ctx) {
   static const std::uint64_t page = getauxval(AT_PAGESZ);
   const std::uint64_t size = mora_get_vm_size(ctx);
   const std::uint64_t end = begin + size + (page - size % page) % page;
-  tracer().register_mmap(begin, end, mora_get_vm_offset(ctx), prot, flags, fd);
+  if (is_code_of_file) {
+    tracer().register_mmap(begin, end, mora_get_vm_offset(ctx), prot, flags, fd);
+  } else {
+    tracer().register_replaced(begin, end);
+  }
   return 0;
 }
 
@@ -240,14 +286,14 @@ int function_symbol_cb(mora_context* ctx) {
 }
 
 int pre_function_cb(mora_context* ctx) {
-  const watch_callbacks* watched = watched_at(ctx);
-  if (watched != nullptr && watched->pre != nullptr) watched->pre(ctx, *watched);
+  const watch_callbacks watched = watched_at(ctx);
+  if (watched.pre != nullptr) watched.pre(ctx, watched);
   return 0;
 }
 
 int post_function_cb(mora_context* ctx) {
-  const watch_callbacks* watched = watched_at(ctx);
-  if (watched != nullptr && watched->post != nullptr) watched->post(ctx, *watched);
+  const watch_callbacks watched = watched_at(ctx);
+  if (watched.post != nullptr) watched.post(ctx, watched);
   return 0;
 }
 

@@ -37,6 +37,10 @@ constexpr std::uint64_t AUX_HWCAP3 = 29;
 constexpr std::uint64_t AUX_HWCAP4 = 30;
 constexpr std::uint64_t AUX_MINSIGSTKSZ = 51;
 
+// Shadow call stacks (FEAT_GCS). Rewritten calls and returns do not use them, and the call that switches them on is
+// refused, so the application is not told of them.
+constexpr std::uint64_t CAPABILITY_SHADOW_STACKS = std::uint64_t{1} << 32;
+
 // The size of the machine's memory, or the least size if it is not known.
 std::uint64_t memory_size() {
   const long pages = sysconf(_SC_PHYS_PAGES);
@@ -133,7 +137,6 @@ std::uint64_t auxiliary_value(stack_writer& stack, const Elf64_auxv_t& entry, co
     case AT_EUID:
     case AT_GID:
     case AT_EGID:
-    case AT_HWCAP:
     case AT_CLKTCK:
     case AT_SECURE:
     case AT_HWCAP2:
@@ -143,6 +146,7 @@ std::uint64_t auxiliary_value(stack_writer& stack, const Elf64_auxv_t& entry, co
     case AUX_HWCAP4:
     case AT_SYSINFO_EHDR:
     case AUX_MINSIGSTKSZ: return value;
+    case AT_HWCAP: return value & ~CAPABILITY_SHADOW_STACKS;
     case AT_PLATFORM: return push_string(stack, string_at(value));
     case AT_EXECFN: return push_string(stack, path);
     case AT_RANDOM: return push_bytes(stack, reinterpret_cast<const void*>(value), RANDOM_BYTES);

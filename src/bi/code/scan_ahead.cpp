@@ -22,20 +22,32 @@ bool is_branch_without_class(std::uint32_t word) {
   return a64_authenticated_branch_decode(word, &branch) || is_compare_and_branch(word);
 }
 
-bool begins_its_own_block(const std::uint32_t* word, int inst) {
-  if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED && !is_branch_without_class(*word);
+bool is_first_of_its_block(std::uint32_t word, int inst) {
+  if (starts_streaming(word)) return true;
+  if (inst != A64_LDR_LITERAL) return inst == A64_NOT_RECOGNISED && !is_branch_without_class(word);
   std::uint32_t opc = 0;
   std::uint32_t is_vector = 0;
   std::uint32_t imm19 = 0;
   std::uint32_t reg = 0;
-  a64_ldr_literal_decode(word, &opc, &is_vector, &imm19, &reg);
+  a64_ldr_literal_decode(&word, &opc, &is_vector, &imm19, &reg);
   return is_vector != 0 && opc == 3;
 }
 
-fragment_end find_end(const std::uint32_t* read) {
+std::uint32_t word_at(source_window& window, const std::uint32_t* place) {
+  const auto index = static_cast<std::size_t>(place - window.first);
+  // Relaxed: a thread that patches code makes the new word known by means of its own. Here a word only has to be whole.
+  if (index >= window.room) return __atomic_load_n(place, __ATOMIC_RELAXED);
+  for (; window.count <= index; ++window.count) {
+    window.kept[window.count] = __atomic_load_n(window.first + window.count, __ATOMIC_RELAXED);
+  }
+  return window.kept[index];
+}
+
+fragment_end find_end(source_window& window, const std::uint32_t* read) {
   for (;; ++read) {
     if (begins_unreadable_page(read)) return {read, false};
-    switch (const int inst = a64_decode(read)) {
+    const std::uint32_t word = word_at(window, read);
+    switch (const int inst = a64_decode(&word)) {
       case A64_CBZ:
       case A64_B_COND:
       case A64_TBZ:
@@ -44,23 +56,26 @@ fragment_end find_end(const std::uint32_t* read) {
       case A64_BLR:
       case A64_RET: return {read, false};
       case A64_NOT_RECOGNISED:  // A branch without a class, or a word that begins its own block.
-        return {read, is_compare_and_branch(*read)};
+        return {read, is_compare_and_branch(word)};
       case A64_LDR_LITERAL:
-        if (begins_its_own_block(read, inst)) return {read, false};
+      case A64_MSR_IMM:
+      case A64_MRS_MSR:
+        if (is_first_of_its_block(word, inst)) return {read, false};
         break;
       default: break;
     }
   }
 }
 
-bool begins_between_exclusives(const std::uint32_t* read) {
+bool begins_between_exclusives(source_window& window, const std::uint32_t* read) {
   constexpr int furthest = 32;  // Words.
   for (const std::uint32_t* end = read + furthest; read != end; ++read) {
     if (begins_unreadable_page(read)) return false;
-    switch (a64_decode(read)) {
+    const std::uint32_t word = word_at(window, read);
+    switch (const int inst = a64_decode(&word)) {
       case A64_LDX_STX:
-        if (is_store_exclusive(*read)) return true;
-        if (is_load_exclusive(*read)) return false;
+        if (is_store_exclusive(word)) return true;
+        if (is_load_exclusive(word)) return false;
         break;  // LDAR, STLR and the like.
       // Neither the kernel's way back from an exception nor CLREX leaves a pair open.
       case A64_SVC:
@@ -78,7 +93,9 @@ bool begins_between_exclusives(const std::uint32_t* read) {
       case A64_RET:
       case A64_NOT_RECOGNISED: return false;
       case A64_LDR_LITERAL:
-        if (begins_its_own_block(read)) return false;
+      case A64_MSR_IMM:
+      case A64_MRS_MSR:
+        if (is_first_of_its_block(word, inst)) return false;
         break;
       default: break;
     }
@@ -89,7 +106,9 @@ bool begins_between_exclusives(const std::uint32_t* read) {
 std::uint64_t count_source_words(const std::uint32_t* read_address) {
   if (!is_readable(read_address)) return 0;
   // A word that begins its own block does not end the fragment that begins with it.
-  const std::uint32_t* end = find_end(begins_its_own_block(read_address) ? read_address + 1 : read_address).word;
+  source_window window{read_address};
+  const bool stands_alone = begins_its_own_block(word_at(window, read_address));
+  const std::uint32_t* end = find_end(window, stands_alone ? read_address + 1 : read_address).word;
   return static_cast<std::uint64_t>(end - read_address) + 1;
 }
 

@@ -1,13 +1,30 @@
-// What the scanner finds out about source words before it rewrites them: whether they can be read, and where a fragment
-// ends.
+// What the scanner finds out about source words before it rewrites them: whether they can be read, where a fragment
+// ends, and what stands there.
+//
+// The application may change its code at any moment, also from another thread, one aligned word at a time. Each word of
+// a fragment is therefore loaded once. The look ahead keeps what it has seen, and the translation takes it from there:
+// a word is translated as what it was or as what it has become, and never as a mixture of both.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "bi/a64/a64.h"
 #include "bi/mora.h"
 
 namespace ceilmeter {
+
+// The source words of a fragment that have been loaded, one behind the other from `first` on. Words behind the room for
+// them are loaded each time.
+struct source_window {
+  const std::uint32_t* first;
+  std::uint32_t* kept = nullptr;
+  std::size_t room = 0;   // Words.
+  std::size_t count = 0;  // How many are there.
+};
+
+// The word at `place`, which lies at or behind window.first. All words up to it can be read.
+std::uint32_t word_at(source_window& window, const std::uint32_t* place);
 
 // Where the fragment at an address ends: at its branch, or before a word that cannot be part of it.
 struct fragment_end {
@@ -16,7 +33,7 @@ struct fragment_end {
 };
 
 // SVC does not end a fragment.
-fragment_end find_end(const std::uint32_t* read);
+fragment_end find_end(source_window& window, const std::uint32_t* read);
 
 // STXR and STXP of every size, with release or without. Not CASP, which has the place of a pair of two registers of 32
 // bits in the same group.
@@ -32,7 +49,7 @@ inline bool is_load_exclusive(std::uint32_t word) {
 // Whether a fragment that begins here begins between a load-exclusive and its store-exclusive: it comes to the store
 // before anything that begins a pair, gives one up or may lead elsewhere. Only a distance that a program can rely on is
 // looked at: the architecture promises that a pair succeeds for pairs of up to 128 bytes.
-bool begins_between_exclusives(const std::uint32_t* read);
+bool begins_between_exclusives(source_window& window, const std::uint32_t* read);
 
 // Whether the word can be read.
 bool is_readable(const std::uint32_t* word);
@@ -52,14 +69,23 @@ bool is_compare_and_branch(std::uint32_t word);
 // addresses (BRAA, RETAA and the like).
 bool is_branch_without_class(std::uint32_t word);
 
+// Whether the word switches streaming mode of the Scalable Matrix Extension on: SMSTART for that mode or for both, or a
+// write of SVCR from a register. In that mode the engine's own vector code may not exist.
+inline bool starts_streaming(std::uint32_t word) {
+  return word == 0xd503437f || word == 0xd503477f || ((word & 0xffffffe0) == 0xd51b4240 && word != 0xd51b425f);
+}
+
 // Whether a block must begin with this word, so that the block before it ends: a word that neither the decoder nor
-// is_branch_without_class knows, or the literal load whose rewriting is fatal. Behind a system call that does not
-// return anything may stand, data included; such a word is fatal only if it is executed.
+// is_branch_without_class knows, or a word whose rewriting is fatal, as a literal load of no register and the start of
+// streaming mode. Behind a system call that does not return anything may stand, data included; such a word is fatal
+// only if it is executed.
 // `inst` is the word's class.
-bool begins_its_own_block(const std::uint32_t* word, int inst);
-inline bool begins_its_own_block(const std::uint32_t* word) {
-  const int inst = a64_decode(word);
-  return (inst == A64_LDR_LITERAL || inst == A64_NOT_RECOGNISED) && begins_its_own_block(word, inst);
+bool is_first_of_its_block(std::uint32_t word, int inst);
+inline bool begins_its_own_block(std::uint32_t word) {
+  const int inst = a64_decode(&word);
+  const bool may_be =
+      inst == A64_LDR_LITERAL || inst == A64_NOT_RECOGNISED || inst == A64_MSR_IMM || inst == A64_MRS_MSR;
+  return may_be && is_first_of_its_block(word, inst);
 }
 
 }  // namespace ceilmeter

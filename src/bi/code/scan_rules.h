@@ -20,6 +20,9 @@ void rewrite_svc(scan_state& state);
 // An access to the thread pointer becomes one to the application's value in the thread's record. Others are copied.
 void rewrite_system_register(scan_state& state);
 
+// MSR of an immediate: copied. The start of streaming mode ends the process with a line that says so.
+void rewrite_state_switch(scan_state& state);
+
 // Loads relative to the program counter, and ADR and ADRP. Both get the source address as a constant.
 void rewrite_literal_load(scan_state& state);
 void rewrite_address(scan_state& state);

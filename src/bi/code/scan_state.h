@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "bi/code/scan_ahead.h"
 #include "bi/mora.h"
 
 namespace ceilmeter {
@@ -24,6 +25,8 @@ struct scan_state {
   std::uint32_t* limit;           // End of the block being written, or of the code cache for a trace.
   bool stop;                      // The fragment has ended. Plug-ins may set it.
   bool starts_behind_store;       // The events of the fragment's start wait for its first store-exclusive.
+  std::uint32_t word;             // What was read there. Nobody loads the word again.
+  source_window source;           // All that has been read of the fragment.
 };
 
 }  // namespace ceilmeter

@@ -59,7 +59,7 @@ void put_direct_exit(scan_state& state, std::uint64_t target) {
 void rewrite_direct_branch(scan_state& state) {
   std::uint32_t link = 0;
   std::uint32_t imm26 = 0;
-  a64_b_decode(state.read, &link, &imm26);
+  a64_b_decode(&state.word, &link, &imm26);
   // The application's link register holds a source address throughout.
   if (link != 0) code_writer{state.write}.load_const(x30, address_of(state.read) + 4);
   put_direct_exit(state, branch_target(state.read, imm26, 26));
@@ -117,8 +117,8 @@ void put_compare_exit(scan_state& state, const exit_branch& branch, std::uint64_
 
 void rewrite_conditional_branch(scan_state& state) {
   exit_branch branch{};
-  decode_exit_branch(*state.read, &branch);
-  const std::uint64_t target = branch_destination(*state.read, state.read);
+  decode_exit_branch(state.word, &branch);
+  const std::uint64_t target = branch_destination(state.word, state.read);
   if (branch.kind == EXIT_B_COND && !is_invertible(branch)) {
     // AL, and NV, which is always taken as well: the branch has one side.
     put_direct_exit(state, target);
@@ -134,7 +134,7 @@ void rewrite_conditional_branch(scan_state& state) {
 
 void rewrite_register_branch(scan_state& state, int inst) {
   std::uint32_t reg = 0;
-  a64_br_decode(state.read, &reg);  // BR, BLR and RET hold the register in the same place.
+  a64_br_decode(&state.word, &reg);  // BR, BLR and RET hold the register in the same place.
   reserve_space(state, REGISTER_BRANCH_SPACE);
   begin_exit(state, EXIT_REGISTER, 0, 0);
   meta_of(state).rn = reg;
@@ -163,14 +163,14 @@ void leave_to_its_own_block(scan_state& state) {
   end_before_this_word(state);
   if (log_state::engine_log_level < LEVEL_TRACE) return;
   log(LEVEL_TRACE, "deferred scanning because of unknown instruction at: %p, type: %s",
-      static_cast<const void*>(state.read), mnemonic_of(*state.read));
+      static_cast<const void*>(state.read), mnemonic_of(state.word));
 }
 
 // A word of no class: a branch to a signed address, or the fragment's first word.
 void rewrite_unknown(scan_state& state) {
-  if (a64_authenticated_branch branch{}; a64_authenticated_branch_decode(*state.read, &branch)) {
+  if (a64_authenticated_branch branch{}; a64_authenticated_branch_decode(state.word, &branch)) {
     rewrite_authenticated_branch(state, branch);
-  } else if (is_compare_and_branch(*state.read)) {
+  } else if (is_compare_and_branch(state.word)) {
     rewrite_conditional_branch(state);
   } else {
     copy_unknown(state);
@@ -191,7 +191,8 @@ void rewrite(scan_state& state, int inst) {
     case A64_LDR_LITERAL: rewrite_literal_load(state); break;
     case A64_ADR: rewrite_address(state); break;
     case A64_NOT_RECOGNISED: rewrite_unknown(state); break;
-    default: *state.write++ = *state.read; break;
+    case A64_MSR_IMM: rewrite_state_switch(state); break;
+    default: *state.write++ = state.word; break;
   }
 }
 
@@ -200,11 +201,11 @@ void log_word(const scan_state& state, int inst) {
   log(LEVEL_TRACE, "A64 scan read_address: %p, w: : %p, bb: %d", static_cast<const void*>(state.read),
       static_cast<void*>(state.write), state.bb_id);
   log(LEVEL_TRACE, "  instruction enum: %d", inst);
-  log(LEVEL_TRACE, "  instruction word: 0x%x", *state.read);
+  log(LEVEL_TRACE, "  instruction word: 0x%x", state.word);
 }
 
 void scan_word(scan_state& state) {
-  const int inst = a64_decode(state.read);
+  const int inst = a64_decode(&state.word);
   if (log_state::engine_log_level >= LEVEL_TRACE) log_word(state, inst);
   mark_source(state.thread, state.write, MARK_SOURCE);
   const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
@@ -232,7 +233,7 @@ void deliver_start(scan_state& state, const std::uint32_t* first, bool allow_cod
 // that touches memory may make it fail, on some processors each time, and the pair would go round for ever. A plug-in
 // that has ended the fragment before the store is still told of its start.
 void deliver_late_start(scan_state& state, const std::uint32_t* first) {
-  if (!state.stop && !is_store_exclusive(state.read[-1])) return;
+  if (!state.stop && !is_store_exclusive(state.word)) return;
   state.starts_behind_store = false;
   if (state.stop) {
     deliver_start(state, first, false);
@@ -248,9 +249,11 @@ void scan_words(scan_state& state) {
   while (!state.stop) {
     if (state.read != first && begins_unreadable_page(state.read)) {
       end_before_this_word(state);
-    } else if (state.read != first && begins_its_own_block(state.read)) {
-      // Before the word's events: plug-ins hear of it in the block that it begins.
-      leave_to_its_own_block(state);
+      continue;
+    }
+    state.word = word_at(state.source, state.read);
+    if (state.read != first && begins_its_own_block(state.word)) {
+      leave_to_its_own_block(state);  // Before its events: plug-ins are told of the word in the block that it begins.
     } else {
       scan_word(state);
       if (state.starts_behind_store) deliver_late_start(state, first);
@@ -307,7 +310,15 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
                             fragment_type type, std::uint32_t* write) {
   auto* cache_end = reinterpret_cast<std::uint32_t*>(thread->code_cache + CODE_CACHE_SIZE);
   std::uint32_t* const start = write != nullptr ? write : block_words(thread, bb_id);
-  scan_state state = {thread, bb_id, type, read_address, read_address, start, cache_end, false, false};
+  scan_state state = {};
+  state.thread = thread;
+  state.bb_id = bb_id;
+  state.type = type;
+  state.read = read_address;
+  state.bb_start = read_address;
+  state.write = start;
+  state.limit = cache_end;
+  state.source = {read_address, thread->scan_words, SCAN_WORDS};
   bb_meta& meta = meta_of(state);
   if (type == FRAGMENT_BLOCK) {
     state.limit = start + BB_SIZE / sizeof(std::uint32_t);
@@ -328,9 +339,11 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
     return static_cast<std::uint32_t>(state.write - start) * 4;
   }
   // The code at a watched function's entry has to see the registers as they are there.
-  state.starts_behind_store = begins_between_exclusives(read_address) && !is_watched_function(read_address);
+  state.starts_behind_store =
+      begins_between_exclusives(state.source, read_address) && !is_watched_function(read_address);
   if (!state.starts_behind_store) {
-    const bool counts = type == FRAGMENT_BLOCK && !keeps_below_sp(thread) && find_end(read_address).is_direct_branch;
+    const bool counts =
+        type == FRAGMENT_BLOCK && !keeps_below_sp(thread) && find_end(state.source, read_address).is_direct_branch;
     if (counts) put_hot_counter(state);
     deliver_start(state, read_address, true);
   }

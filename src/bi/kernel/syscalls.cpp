@@ -90,6 +90,11 @@ bool is_descriptor_call(std::uint64_t number) {
   return number == SYS_dup3 || number == SYS_close || number == SYS_CLOSE_RANGE;
 }
 
+// PR_GET_SHADOW_STACK_STATUS, PR_SET_SHADOW_STACK_STATUS and PR_LOCK_SHADOW_STACK_STATUS, younger than some C
+// libraries' headers. Rewritten calls and returns do not use such a stack, but the engine's own would from then on, and
+// a return would not find its call there. The answer is that of a kernel without such stacks.
+bool concerns_shadow_stacks(std::uint32_t operation) { return operation >= 74 && operation <= 76; }
+
 // In the order of the numbers.
 call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_data* thread, std::int64_t* result) {
   if (has_own_descriptors(thread) && is_descriptor_call(number)) return call_action::MAKE;
@@ -134,6 +139,10 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_dat
     // the application's code, where no thread ever is. Nearly always the thread's own C library, the tool's, has
     // registered first, and the kernel would refuse it anyway; as on a kernel without it, the application does without.
     case SYS_rseq: *result = -ENOSYS; return call_action::HANDLED;
+    case SYS_prctl:
+      if (!concerns_shadow_stacks(low_half(args[0]))) return call_action::MAKE;
+      *result = -EINVAL;
+      return call_action::HANDLED;
     case SYS_CLOSE_RANGE: return handle_close_range(args, result);
     default:
       replace_call_mask(thread, number, args);

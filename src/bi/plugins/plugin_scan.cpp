@@ -20,11 +20,12 @@ mora_context context_at(scan_state& state, mora_event event, const std::uint32_t
   ctx.decoded = {inst, MORA_COND_ALWAYS};
   if (inst == A64_B_COND) {
     std::uint32_t imm19 = 0;
-    a64_b_cond_decode(read_address, &imm19, &ctx.decoded.cond);
+    a64_b_cond_decode(&state.word, &imm19, &ctx.decoded.cond);
   }
   ctx.write_p = state.write;
   ctx.write_limit = state.limit;
   ctx.stop = &state.stop;
+  ctx.scan = &state;
   return ctx;
 }
 
@@ -77,6 +78,26 @@ bool call_plugins(mora_context& ctx, scan_state& state) {
 
 static_assert(MORA_CALLBACK_SPACE <= EXIT_SPACE);
 
+bool mora_block_begins_with(const mora_context* ctx, const std::uint32_t* words, std::size_t count) {
+  if (ctx->event != MORA_PRE_BB) return false;
+  source_window& source = ctx->scan->source;
+  const std::uint32_t* place = ctx->scan->bb_start;
+  for (const std::uint32_t* end = place + count; place != end; ++place, ++words) {
+    // What has been loaded is not asked for again. The first word can be read, or there would be no block.
+    const bool is_known = place < source.first + source.count || place == source.first;
+    if (!is_known && begins_unreadable_page(place)) return false;
+    if (word_at(source, place) != *words) return false;
+  }
+  return true;
+}
+
+const std::uint32_t* mora_get_block_words(const mora_context* ctx) {
+  if (ctx->event != MORA_POST_BB) return nullptr;
+  const source_window& source = ctx->scan->source;
+  const auto end = static_cast<std::size_t>(ctx->end_address - source.first);
+  return end <= source.count ? source.kept + (ctx->scan->bb_start - source.first) : nullptr;
+}
+
 bool scan_for_plugins(scan_state& state, const scan_event& what) {
   const bool is_bound = is_event_bound(what.event);
   const bool may_be_watched =
@@ -103,7 +124,9 @@ bool a64_scanner_deliver_callbacks(thread_data* thread, mora_event event, const 
                                    std::uint32_t fragment_type, bool allow_code, bool* stop,
                                    const std::uint32_t* end_address) {
   const auto type = static_cast<enum fragment_type>(fragment_type);
-  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop, false};
+  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop, false, 0, {}};
+  state.source.first = *read_address;
+  if (inst != MORA_NO_INST) state.word = word_at(state.source, *read_address);
   const bool taken = deliver_scan_event(state, {event, inst, allow_code, end_address});
   *read_address = event == MORA_PRE_BB ? state.bb_start : state.read;
   *write = state.write;

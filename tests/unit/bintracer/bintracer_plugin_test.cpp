@@ -40,7 +40,7 @@ class tracer_callbacks : public ::testing::Test {
   }
 
   static bb_record& block(const thread_data& thread, std::uint64_t start) {
-    return **tracer_thread(thread).bb_index.find(start);
+    return (*tracer_thread(thread).bb_index.find(start))->record;
   }
 
   // A module's code at [begin, begin + 0x2000) of the file at `fd`.
@@ -125,12 +125,13 @@ TEST_F(tracer_callbacks, region_mode_adds_the_threads_enable_word) {
                                             "str x20, [x21]", "restore 300000"));
 }
 
-TEST_F(tracer_callbacks, counter_is_the_first_word_of_a_record_of_four) {
-  EXPECT_EQ(sizeof(bb_record), 32U);
+TEST_F(tracer_callbacks, counter_is_the_first_word_of_a_record_of_five) {
+  EXPECT_EQ(sizeof(bb_record), 40U);
   EXPECT_EQ(offsetof(bb_record, count), 0U);
   EXPECT_EQ(offsetof(bb_record, start), 8U);
   EXPECT_EQ(offsetof(bb_record, end), 16U);
   EXPECT_EQ(offsetof(bb_record, map_seg_id), 24U);
+  EXPECT_EQ(offsetof(bb_record, code), 32U);
 }
 
 TEST_F(tracer_callbacks, block_translated_twice_has_one_record_and_keeps_counting) {
@@ -178,6 +179,85 @@ TEST_F(tracer_callbacks, block_outside_every_mapping_is_counted_without_a_segmen
   engine().deliver_block(first, 0x5100, 0x5110);
   EXPECT_EQ(block(first, 0x5100).map_seg_id, 0U);
   EXPECT_FALSE(engine().emitted.empty());
+}
+
+TEST_F(tracer_callbacks, block_outside_every_mapping_is_kept_with_its_words) {
+  start(MODE_TOTAL);
+  engine().memory[0x5100] = {1, 2, 3};
+  engine().deliver_block(first, 0x5100, 0x510c);
+  ASSERT_NE(block(first, 0x5100).code, nullptr);
+  EXPECT_THAT(block(first, 0x5100).code->words, ElementsAre(1, 2, 3));
+  EXPECT_EQ(block(first, 0x5100).code->start, 0x5100U);
+}
+
+TEST_F(tracer_callbacks, block_of_a_file_is_not_kept) {
+  start(MODE_TOTAL);
+  const int fd = open("/dev/null", O_RDONLY);
+  map_module(0x5000, fd);
+  engine().deliver_block(first, 0x5100, 0x5110);
+  EXPECT_EQ(block(first, 0x5100).code, nullptr);
+  close(fd);
+}
+
+TEST_F(tracer_callbacks, code_that_is_written_over_is_a_block_of_its_own_and_the_same_again_is_the_first) {
+  start(MODE_TOTAL);
+  engine().memory[0x5100] = {1, 2};
+  engine().deliver_block(first, 0x5100, 0x5108);
+  bb_record& old = block(first, 0x5100);
+  engine().memory[0x5100] = {1, 3, 4};
+  engine().deliver_block(first, 0x5100, 0x510c);
+  bb_record& changed = block(first, 0x5100);
+  EXPECT_NE(&changed, &old);
+  EXPECT_THAT(old.code->words, ElementsAre(1, 2));
+  EXPECT_EQ(old.end, 0x5108U);
+  EXPECT_THAT(changed.code->words, ElementsAre(1, 3, 4));
+  EXPECT_EQ(changed.code->version, 2U);
+  engine().memory[0x5100] = {1, 2};
+  engine().deliver_block(first, 0x5100, 0x5108);
+  EXPECT_THAT(engine().emitted, ::testing::Contains("x21 = " + hex(&old.count)));
+}
+
+TEST_F(tracer_callbacks, place_that_gets_ever_new_code_keeps_one_copy_of_each) {
+  start(MODE_TOTAL);
+  for (std::uint32_t round = 0; round < 60; ++round) {
+    engine().memory[0x5100] = {round % 20};
+    engine().deliver_block(first, 0x5100, 0x5104);
+    EXPECT_EQ(block(first, 0x5100).code->version, round % 20 + 1);
+  }
+}
+
+TEST_F(tracer_callbacks, equal_blocks_of_two_threads_share_what_is_kept) {
+  start(MODE_TOTAL);
+  thread_data second{nullptr, 101, &first};
+  engine().deliver_clone(first, second);
+  engine().deliver(MORA_THREAD_INIT, second);
+  engine().deliver_block(first, 0x5000, 0x5010);
+  engine().deliver_block(second, 0x5000, 0x5010);
+  EXPECT_EQ(block(first, 0x5000).code, block(second, 0x5000).code);
+  engine().deliver(MORA_THREAD_EXIT, second);
+}
+
+TEST_F(tracer_callbacks, code_in_the_place_of_an_unmapped_module_is_generated_code) {
+  start(MODE_TOTAL);
+  const int fd = open("/dev/null", O_RDONLY);
+  map_module(0x5000, fd);
+  engine().deliver_block(first, 0x5100, 0x5110);
+  const bb_record& of_module = block(first, 0x5100);
+  engine().deliver_vm_op(VM_MAP, 0x5000, 0x2000, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  engine().deliver_block(first, 0x5100, 0x5110);
+  EXPECT_NE(&block(first, 0x5100), &of_module);
+  EXPECT_EQ(block(first, 0x5100).map_seg_id, 0U);
+  EXPECT_NE(block(first, 0x5100).code, nullptr);
+  close(fd);
+}
+
+TEST_F(tracer_callbacks, memory_with_a_descriptor_is_no_file) {
+  start(MODE_TOTAL);
+  const int fd = memfd_create("code", MFD_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  map_module(0x5000, fd);
+  EXPECT_EQ(tracer->search_segment(0x5000), 0U);
+  close(fd);
 }
 
 TEST_F(tracer_callbacks, blocks_are_logged_at_the_lowest_level) {
@@ -250,8 +330,7 @@ TEST_F(tracer_callbacks, watched_name_is_watched_at_its_address) {
   engine().deliver_symbol("stop_perf_roofline_events", 0x7100);
   engine().deliver_symbol("main", 0x7200);
   EXPECT_THAT(engine().watched, ElementsAre(0x7000, 0x7100));
-  ASSERT_NE(tracer->find_watched_function(0x7000), nullptr);
-  EXPECT_EQ(tracer->find_watched_function(0x7000)->pre, pre_start_roofline_cb);
+  EXPECT_EQ(tracer->find_watched_function(0x7000).pre, pre_start_roofline_cb);
 }
 
 TEST_F(tracer_callbacks, versioned_name_is_not_watched) {
@@ -274,7 +353,7 @@ TEST_F(tracer_callbacks, address_that_is_known_keeps_its_first_entry) {
   start(MODE_REGION);
   engine().deliver_symbol("start_perf_roofline_events", 0x7000);
   engine().deliver_symbol("stop_perf_roofline_events", 0x7000);
-  EXPECT_EQ(tracer->find_watched_function(0x7000)->pre, pre_start_roofline_cb);
+  EXPECT_EQ(tracer->find_watched_function(0x7000).pre, pre_start_roofline_cb);
 }
 
 TEST_F(tracer_callbacks, total_mode_leaves_the_region_functions_alone_while_the_dummy_still_tells_the_application) {

@@ -34,16 +34,16 @@ class tracer_state : public ::testing::Test {
 
   // The thread runs the block so many times.
   static void run(bintracer_thread& thread, std::uint64_t start, std::uint64_t times, std::uint64_t end = 0) {
-    bb_record* const* known = thread.bb_index.find(start);
+    bb_node* const* known = thread.bb_index.find(start);
     if (known == nullptr) {
       auto* node = new bb_node;
       node->next = thread.bb_nodes;
       node->record.start = start;
       node->record.end = end != 0 ? end : start + 8;
       thread.bb_nodes = node;
-      known = thread.bb_index.insert(start, &node->record).first;
+      known = thread.bb_index.insert(start, node).first;
     }
-    (*known)->count += times * thread.enable_basic_block_count;
+    (*known)->record.count += times * thread.enable_basic_block_count;
   }
 
   // "region: start*count ..." of one thread's results.

@@ -1,6 +1,7 @@
 // The engine of the tracer's tests.
 #include "fake_engine.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 
@@ -73,6 +74,8 @@ void fake_engine::deliver_clone(thread_data& parent, thread_data& child) {
 
 void fake_engine::deliver_block(thread_data& thread, std::uint64_t start, std::uint64_t end) {
   emitted.clear();
+  block_words = memory[start];
+  block_words.resize((end - start) / 4);
   mora_context ctx{};
   ctx.thread_data = &thread;
   ctx.read_address = reinterpret_cast<const std::uint32_t*>(start);
@@ -148,6 +151,13 @@ std::int32_t mora_get_thread_id(const mora_context* ctx) { return ctx->thread_da
 std::int32_t mora_get_ending_signal() { return 0; }
 
 const thread_data* mora_get_next_thread(const mora_context* ctx) { return ctx->thread_data->next; }
+
+bool mora_block_begins_with(const mora_context*, const std::uint32_t* words, std::size_t count) {
+  const std::vector<std::uint32_t>& block = test::engine().block_words;
+  return count <= block.size() && std::equal(words, words + count, block.begin());
+}
+
+const std::uint32_t* mora_get_block_words(const mora_context*) { return test::engine().block_words.data(); }
 
 int function_watch_add(std::uint64_t address) {
   test::engine().watched.push_back(address);

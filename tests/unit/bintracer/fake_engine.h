@@ -27,6 +27,9 @@ struct fake_engine {
   std::vector<std::string> calls;                    // Registration, in order.
   std::vector<std::uint64_t> watched;                // Addresses given to function_watch_add.
   std::vector<std::string> emitted;
+  // The words of blocks, by their start. A block that is not here has zeros.
+  std::map<std::uint64_t, std::vector<std::uint32_t>> memory;
+  std::vector<std::uint32_t> block_words;  // Of the block that is delivered.
   int plugins = 0;
   int run_calls = 0;
 

@@ -62,6 +62,13 @@ class tracer_finalizer : public ::testing::Test {
     thread.bb_nodes = node;
   }
 
+  // The thread runs a block of generated code, which begins at `start` with these words.
+  void run_generated(bintracer_thread& thread, std::uint64_t start, const std::vector<std::uint32_t>& words,
+                     std::uint64_t times) const {
+    run(thread, start, words.size(), times);
+    thread.bb_nodes->record.code = tracer->keep_code(start, words.data(), words.size());
+  }
+
   basic_block_record metrics_of(const std::vector<std::uint32_t>& words) {
     map_module(words);
     instruction_finder finder;

@@ -198,5 +198,38 @@ TEST_F(mapping_registry, log_tells_of_an_erased_mapping) {
   EXPECT_THAT(log.messages(), ::testing::Contains("debug Erase fully overlapped mapping with begin=5000"));
 }
 
+TEST_F(mapping_registry, what_replaces_code_leaves_what_is_left_of_it_on_both_sides) {
+  map(0x5000, 0x9000, 0x1000, 3);
+  registry.register_replaced(0x6000, 0x7000);
+  EXPECT_EQ(at(0x5fff), "5000-6000+1000 /lib/3");
+  EXPECT_EQ(at(0x6000), "none");
+  EXPECT_EQ(at(0x6fff), "none");
+  EXPECT_EQ(at(0x7000), "7000-9000+3000 /lib/3");
+}
+
+TEST_F(mapping_registry, what_replaces_several_mappings_cuts_the_first_and_the_last) {
+  map(0x5000, 0x6000, 0, 3);
+  map(0x6000, 0x7000, 0, 4);
+  map(0x8000, 0xa000, 0, 5);
+  registry.register_replaced(0x5800, 0x9000);
+  EXPECT_EQ(at(0x5000), "5000-5800+0 /lib/3");
+  EXPECT_EQ(at(0x6000), "none");
+  EXPECT_EQ(at(0x8000), "none");
+  EXPECT_EQ(at(0x9000), "9000-a000+1000 /lib/5");
+}
+
+TEST_F(mapping_registry, what_replaces_nothing_changes_nothing) {
+  map(0x5000, 0x6000, 0, 3);
+  registry.register_replaced(0x6000, 0x8000);
+  registry.register_replaced(0x1000, 0x5000);
+  EXPECT_EQ(at(0x5000), "5000-6000+0 /lib/3");
+}
+
+TEST_F(mapping_registry, replaced_code_keeps_its_record) {
+  const std::uint64_t id = map(0x5000, 0x6000, 0x2000, 3);
+  registry.register_replaced(0x5000, 0x6000);
+  EXPECT_EQ(text_of(id), "5000-6000+2000 /lib/3");
+}
+
 }  // namespace
 }  // namespace ceilmeter

@@ -265,6 +265,19 @@ TEST(read_basic_blocks, skips_blocks_with_too_few_fields) {
               ElementsAre("warn Not enough field in basic block", "warn Not enough field in basic block"));
 }
 
+TEST(read_basic_blocks, keeps_blocks_of_one_start_apart) {
+  const document text(R"([["10","14","10","14",1,2,1,"[generated]"],["10","18","10","18",3,4,1,"[generated]"],)"
+                      R"(["10","14","10","14",5,6,1,"[generated]"]])");
+  const basic_block_table blocks = read_basic_blocks(text.root());
+  ASSERT_EQ(blocks.size(), 3U);
+  std::int64_t flop = 0;
+  for (const auto& [key, block] : blocks) {
+    EXPECT_EQ(block.start, 0x10U);
+    flop += block.flop * block.count;
+  }
+  EXPECT_EQ(flop, 1 * 2 + 3 * 4 + 5 * 6);
+}
+
 TEST(read_basic_blocks, ignores_what_follows_the_eighth_field) {
   const document text(R"([ ["1","2","3","4",5,6,7,"m","n",[1],{}] ])");
   const log_capture log;

@@ -43,6 +43,11 @@ int note(mora_context* ctx) {
   return 0;
 }
 
+bool begins_between(const std::uint32_t* read) {
+  source_window window{read};
+  return begins_between_exclusives(window, read);
+}
+
 class exclusives_test : public plugin_test {
  protected:
   exclusives_test() {
@@ -130,28 +135,28 @@ TEST_F(exclusives_test, the_entry_code_of_a_watched_function_stays_at_its_start)
 }
 
 TEST_F(exclusives_test, a_store_is_looked_for_over_32_words) {
-  EXPECT_TRUE(begins_between_exclusives(source_between_far));
-  EXPECT_FALSE(begins_between_exclusives(source_between_further));
+  EXPECT_TRUE(begins_between(source_between_far));
+  EXPECT_FALSE(begins_between(source_between_further));
 }
 
 TEST_F(exclusives_test, stores_of_every_width_are_known) {
   for (const std::uint32_t* word = source_stores; word != source_stores_end; ++word) {
     EXPECT_TRUE(is_store_exclusive(*word)) << word - source_stores;
     EXPECT_FALSE(is_load_exclusive(*word)) << word - source_stores;
-    EXPECT_TRUE(begins_between_exclusives(word)) << word - source_stores;
+    EXPECT_TRUE(begins_between(word)) << word - source_stores;
   }
 }
 
 TEST_F(exclusives_test, what_begins_a_pair_gives_one_up_or_may_lead_elsewhere_ends_the_look) {
   for (const std::uint32_t* word = source_no_pair; word != source_no_pair_end; word += 2) {
-    EXPECT_FALSE(begins_between_exclusives(word)) << std::hex << *word;
+    EXPECT_FALSE(begins_between(word)) << std::hex << *word;
     EXPECT_FALSE(is_store_exclusive(*word)) << std::hex << *word;
   }
 }
 
 TEST_F(exclusives_test, other_accesses_that_order_memory_do_not_end_the_look) {
   for (const std::uint32_t* word = source_before_store; word != source_before_store_end; word += 2) {
-    EXPECT_TRUE(begins_between_exclusives(word)) << std::hex << *word;
+    EXPECT_TRUE(begins_between(word)) << std::hex << *word;
     EXPECT_FALSE(is_store_exclusive(*word) || is_load_exclusive(*word)) << std::hex << *word;
   }
 }

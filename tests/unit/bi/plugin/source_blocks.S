@@ -102,4 +102,20 @@ block source_stores
         stlxp   w9, w1, w3, [x2]
 block source_stores_end
         ret
+// Streaming mode. The last four leave it, switch the matrix alone, or clear all.
+block source_streaming
+        .inst   0xd503477f              // smstart
+        .inst   0xd503437f              // smstart sm
+        .inst   0xd51b4243              // msr svcr, x3
+block source_not_streaming
+        .inst   0xd503467f              // smstop
+        .inst   0xd503427f              // smstop sm
+        .inst   0xd503457f              // smstart za
+        .inst   0xd51b425f              // msr svcr, xzr
+block source_not_streaming_end
+        ret
+block source_streams_later
+        add     x1, x2, x3
+        .inst   0xd503437f              // smstart sm
+        ret
         .section .note.GNU-stack, "", %progbits

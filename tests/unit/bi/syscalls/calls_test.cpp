@@ -229,6 +229,14 @@ TEST_F(syscall_handlers, a_descriptor_that_the_application_takes_by_its_number_i
 
 TEST_F(syscall_handlers, clone3_is_not_there) { EXPECT_EQ(handled(SYS_clone3, {1, 2}), -ENOSYS); }
 
+TEST_F(syscall_handlers, shadow_call_stacks_are_not_there_and_other_process_controls_are_made) {
+  for (const std::uint64_t operation : {74, 75, 76}) {
+    EXPECT_EQ(handled(SYS_prctl, {0xffffffff00000000 | operation, 1}), -EINVAL) << operation;
+  }
+  expect_made(SYS_prctl, {73, 1});
+  expect_made(SYS_prctl, {77, 1});
+}
+
 TEST_F(syscall_handlers, restartable_sequences_are_not_there) {
   EXPECT_EQ(handled(SYS_rseq, {4096, 32, 0, 1}), -ENOSYS);
 }
