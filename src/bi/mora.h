@@ -4,8 +4,8 @@
 // in the code cache of the thread, one fragment at a time.
 //
 // Who may touch what: a thread_data, with all that it holds, belongs to its own thread. There are two exceptions.
-// mora_terminate reads `next`, `status` and `tid` under thread_list_lock. A signal may change the counters of pending
-// signals at any moment. Code caches are private to a thread, so patching code needs no lock.
+// mora_terminate and settle_code_epoch read some fields under thread_list_lock. A signal may change the counters of
+// pending signals at any moment. Code caches are private to a thread, so patching code needs no lock.
 #pragma once
 
 #include <pthread.h>
@@ -148,11 +148,11 @@ struct thread_data {
   std::uint64_t* clone_args;  // The parent's save area.
   std::uint64_t child_stack;  // The application's stack of a new thread.
   std::uint8_t clone_shares_vm;
-  std::int32_t pending_signals[SIGNAL_COUNT];
-  std::int32_t pending_signal_count;  // Their sum; the reentry stub reads it on every way back into the cache.
-  std::uint64_t engine_sp;            // Stack pointer at the thread's start, to leave it by.
-  robin_map return_watch;             // For post-function events.
-  std::uint64_t syscall_args;         // The first argument of the call, for the post-syscall callback.
+  std::int32_t pending_signals[SIGNAL_COUNT];  // By number; 0: visits that others have asked for (code_epoch.h).
+  std::int32_t pending_signal_count;           // Their sum; the reentry stub reads it on every way back into the cache.
+  std::uint64_t engine_sp;                     // Stack pointer at the thread's start, to leave it by.
+  robin_map return_watch;                      // For post-function events.
+  std::uint64_t syscall_args;                  // The first argument of the call, for the post-syscall callback.
   std::uint64_t* return_stack_top;
   std::uint64_t return_stack[RETURN_STACK_SIZE];
   // How those who wait for the thread learn of its end, see kernel/threads.cpp.
@@ -176,6 +176,11 @@ struct thread_data {
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
   held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
+  // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
+  std::uint64_t code_epoch;          // The epoch up to which this thread has dropped what others have dropped.
+  std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
+  std::uint32_t runs_call;           // It handles a system call, and looks at the epoch afterwards.
+  std::uint32_t visit_wanted;        // A signal is being sent to it that makes it look.
 };
 
 // Process-wide state, each part under the lock that is named with it.
@@ -204,6 +209,9 @@ struct engine_globals {
   // brk_lock and before callbacks_lock.
   pthread_mutex_t mapping_lock;
   interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
+  // How often code has been dropped, and up to which number every thread has followed: see code_epoch.h. Atomics.
+  std::uint64_t code_epoch;
+  std::uint64_t settled_code_epoch;
 };
 
 extern engine_globals engine;

@@ -17,6 +17,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/code/code_words.h"
 #include "bi/code/code_writer.h"
 #include "bi/code/exit_branch.h"
@@ -143,6 +144,7 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
     next_addr[1] = stripped;  // Held signals find it as their pc.
   }
   log(LEVEL_TRACE, "source block index: %d", source_index);
+  if (follow_code_epoch(thread)) source_index = 0;  // The fragment that was left may be gone: it gets no link.
   if (source_index >= BB_COUNT) {
     trace_dispatcher(target, next_addr, source_index, thread);
     return;

@@ -27,6 +27,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/code/code_words.h"
 #include "bi/code/dispatcher.h"
 #include "bi/code/exit_branch.h"
@@ -236,6 +237,10 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   const std::uint64_t source = head.source_addr;
   const std::uint32_t kind = head.exit_kind;
   ret[1] = source;
+  if (follow_code_epoch(thread)) {
+    go_on_in_block(thread, source, ret);
+    return;
+  }
   if (trace_options.off || kind == EXIT_NOT_SET) {
     // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0 and does not stop it again
     // soon.

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "bi/code/code_epoch.h"
 #include "bi/kernel/ending_threads.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/stub_layout.h"
@@ -176,6 +177,7 @@ void reinit_after_fork(thread_data* thread) {
   std::memset(thread->pending_signals, 0, sizeof thread->pending_signals);
   thread->pending_signal_count = 0;
   forget_held_signals(thread->held);
+  forget_visits(thread);
   free_other_threads(thread);
   engine.thread_list = thread;
   thread->next = nullptr;

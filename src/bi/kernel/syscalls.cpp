@@ -16,6 +16,7 @@
 
 #include "bi/kernel/call_mask.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/fork.h"
 #include "bi/plugins/plugin_delivery.h"
@@ -138,6 +139,14 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
   }
 }
 
+// Code may have gone, or be about to change, by this thread's doing or another's. The rest of this block may be linked
+// to what has been made of it, or be made of it itself: the thread goes on in a block that knows of nothing.
+void return_behind_drops(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
+  if (follow_code_epoch(thread) || thread->flush_seen != 0) {
+    args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, next_inst);
+  }
+}
+
 }  // namespace
 
 void leave_syscall(thread_data* thread) {
@@ -146,7 +155,7 @@ void leave_syscall(thread_data* thread) {
   // the cache while the process is torn down: either it finds the flag, or mora_terminate finds it running and goes on
   // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
   std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
+  leave_call(thread);  // Its fence serves both.
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) abandon_thread(thread);
 }
 
@@ -158,6 +167,7 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   if (engine.plugin_count != 0) thread->syscall_args = args[0];
   std::uint64_t result = 0;
   thread->flush_seen = 0;
+  enter_call(thread);
   if (!deliver_pre_syscall(thread, number, args, next_inst, &result)) {
     std::int64_t kernel_result = 0;
     switch (act_on_syscall(number, args, next_inst, thread, &kernel_result)) {
@@ -166,18 +176,17 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
         // thread is in the kernel and then reads what the thread has counted.
         std::atomic_ref(thread->status).store(THREAD_IN_SYSCALL, std::memory_order_release);
         return 1;
-      case call_action::MAKE_FINAL: return 1;
+      case call_action::MAKE_FINAL:
+        leave_call(thread);  // It comes back to the dispatcher, by no other way.
+        return 1;
       case call_action::HANDLED: break;
     }
     result = static_cast<std::uint64_t>(kernel_result);
   }
   deliver_post_syscall(thread, number, next_inst, &result);
   args[0] = result;
-  if (thread->flush_seen != 0) {
-    // Code has gone or is about to change. The rest of this block may be linked to what has been made of it: the thread
-    // goes on in a block that knows of nothing.
-    args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, next_inst);
-  }
+  leave_call(thread);
+  return_behind_drops(thread, args, next_inst);
   return 0;
 }
 
@@ -211,6 +220,8 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
   args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
   std::uint64_t result = args[0];
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
+  thread->flush_seen = 0;
+  return_behind_drops(thread, args, next_inst);
 }
 
 }  // namespace ceilmeter

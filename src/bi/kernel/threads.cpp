@@ -20,6 +20,7 @@
 #include <cstring>
 
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/kernel/ending_threads.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/kernel/robust_list.h"
@@ -224,6 +225,7 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   // Enter the list before the parent goes on. Otherwise a parent that ends at once would take itself for the last
   // thread and end the process. Do not enter it if the process is ending: mora_terminate may already have looked
   // through the list.
+  enter_call(thread);  // With all signals blocked nobody may wait for it.
   pthread_mutex_lock(&engine.thread_list_lock);
   const bool too_late = is_ending();
   if (!too_late) register_thread(thread, true);
@@ -236,6 +238,8 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
 
   // From here on a signal is counted; it is raised on the first way into the cache.
   restore_signal_mask(thread->saved_signal_mask);
+  leave_call(thread);
+  follow_code_epoch(thread);
   const std::uint64_t block = scan(thread, thread->clone_resume_addr, 0);
   start_on_stack(thread->child_stack - CHILD_ENTRY, block);
 }

@@ -12,7 +12,7 @@
 #include <atomic>
 #include <cerrno>
 
-#include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/pages.h"
 #include "bi/plugins/plugin_delivery.h"
@@ -74,13 +74,13 @@ void add_code(interval_map* ranges, std::uint64_t start, std::uint64_t end, std:
   interval_map_add(ranges, start, end, fd);
 }
 
-// Takes the range out of both maps. If it held code, this thread flushes its cache; other threads keep their copies
-// until their own next flush.
+// Takes the range out of both maps. If it held code, this thread drops its own at once, the others before the call
+// returns (settle_code_epoch).
 void forget_code(std::uint64_t start, std::uint64_t end) {
   const bool dropped = std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
   const bool was_mapped = interval_map_delete(&engine.exec_ranges, start, end) >= 1;
   const bool was_protected = interval_map_delete(&engine.protected_ranges, start, end) >= 1;
-  if (was_mapped || was_protected || dropped) flush_code_cache(current_thread);
+  if (was_mapped || was_protected || dropped) drop_code(current_thread);
 }
 
 // Whether this thread has rewritten anything of the range since its last flush.
@@ -93,19 +93,20 @@ bool has_rewritten(const thread_data* thread, std::uint64_t start, std::uint64_t
 }
 
 // Something else was mapped over the range. A loader maps every library in one piece and then overlays it with the data
-// segments. If nothing has run from the range yet, the cache is kept.
+// segments. If nothing has run from the range yet, the cache is kept. What other threads have run is not known here.
 void forget_replaced_code(std::uint64_t start, std::uint64_t end) {
   if (!may_hold_code(start, end)) return;
   interval_map_delete(&engine.protected_ranges, start, end);
-  if (has_rewritten(current_thread, start, end)) flush_code_cache(current_thread);
+  const bool is_alone = engine.thread_list == current_thread && current_thread->next == nullptr;
+  if (!is_alone || has_rewritten(current_thread, start, end)) drop_code(current_thread);
 }
 
-// Code that becomes writable is about to change: the cache is flushed now, and the code is scanned again when it is
+// Code that becomes writable is about to change: it is dropped now, and the code is scanned again when it is
 // next reached. A change of code that is executable and writable at once is not seen here.
 void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t prot) {
   if ((prot & PROT_WRITE) != 0 && may_hold_code(start, end)) {
     interval_map_delete(&engine.protected_ranges, start, end);
-    flush_code_cache(current_thread);
+    drop_code(current_thread);
   } else if ((prot & PROT_EXEC) == 0) {
     // Forget code that may not be executed any more. When it is next reached, it faults if it cannot be read either.
     // When it is executable again, it may be other code.
@@ -120,7 +121,7 @@ void follow_move(page_range from, page_range to, bool replaces) {
   if (replaces) forget_replaced_code(to.start, to.start + to.size);
   const std::uint64_t end = from.start + from.size;
   const bool was_protected = interval_map_delete(&engine.protected_ranges, from.start, end) >= 1;
-  if (was_protected) flush_code_cache(current_thread);
+  if (was_protected) drop_code(current_thread);
   if (was_protected || interval_map_overlapping(&engine.exec_ranges, from.start, end) > 0) {
     add_code(&engine.protected_ranges, to.start, to.start + to.size, NO_FILE);
   }
@@ -273,6 +274,9 @@ std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::ui
   pthread_mutex_lock(&engine.mapping_lock);
   const std::int64_t result = call(args);
   pthread_mutex_unlock(&engine.mapping_lock);
+  // Without the lock. Also for what another call has dropped and not settled yet: this call's memory may be what that
+  // one has unmapped, and what the application puts there must not meet a thread with the old code.
+  settle_code_epoch(current_thread);
   return result;
 }
 

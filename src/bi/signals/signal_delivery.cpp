@@ -1,6 +1,5 @@
 // The counters belong to their thread. Updates are atomic, because a nested signal can strike between a load and a
 // store.
-#include "bi/code/code_cache.h"
 #include "bi/signals/signal_delivery.h"
 
 #include <unistd.h>
@@ -9,6 +8,8 @@
 #include <csignal>
 
 #include "bi/signals/signals.h"
+#include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/code/stubs.h"
 
 namespace ceilmeter {
@@ -18,6 +19,9 @@ namespace {
 constexpr std::uint32_t SYNCHRONOUS_SIGNALS = 0x800009b0;
 
 constexpr std::uint64_t NR_RT_SIGPROCMASK = 135;
+
+// In the frame of cache_reentry_stub, counted in words from the result area.
+constexpr int CACHE_ADDRESS = 4;
 
 std::uint64_t blocked_signals() {
   std::uint64_t mask = 0;
@@ -94,9 +98,12 @@ bool has_deliverable_signal(thread_data* thread) {
   return false;
 }
 
-extern "C" std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t* info) {
+extern "C" std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info) {
   thread_data* thread = current_thread;
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) abandon_thread(thread);
+  take_visits(thread);
+  // What the stub is about to go to may be gone. The two words lie behind the result area.
+  if (follow_code_epoch(thread)) info[CACHE_ADDRESS] = lookup_or_scan(thread, target);
   // Read the sum before the counters. If a signal comes in between, the stub then asks again.
   const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const int signum = find_pending_signal(thread);

@@ -14,6 +14,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_delivery.h"
@@ -105,6 +106,13 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
   count_visit(thread);  // deliver_pending_signal ends the thread.
 }
 
+// Another thread has dropped code. This one goes on to the end of its basic block, and from there to the engine.
+void trap_next_exit(thread_data* thread, const mcontext_t& context) {
+  const std::uint64_t place = fragment_place(thread, context);
+  if (!is_in_code_range(thread, place)) return;
+  if (const std::int32_t id = exit_owner(thread, place); id >= 0) trap_fragment_exit(thread, id, place);
+}
+
 // The process is ending.
 signal_exit lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
   // A thread that has faulted, or stands at a trap of the engine's own, would do so again for ever.
@@ -169,6 +177,11 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
 
   // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) return lead_out(thread, ucontext, fault);
+  if (bool alone = false; signum == SIGILL && !fault && answer_visit(thread, *info, &alone)) {
+    trap_next_exit(thread, context);
+    acknowledge_visit(thread);
+    if (alone) return GO_ON;
+  }
   if (fault && is_stub_point(thread, pc, reentry_raise)) {
     raise_at_return(context);
     return GO_ON;

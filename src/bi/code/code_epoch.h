@@ -1,0 +1,60 @@
+// What one thread drops of translated code, the others drop before they run application code again. Each drop begins a
+// new code epoch. A thread compares the epoch with its own wherever it is in the engine, and drops what it has missed.
+// A thread that runs in its cache does not look: it is sent a signal, whose handler traps the thread's next exit.
+//
+//   the dropping thread                         another thread, in its cache
+//   changes the mapping, or flushes a line
+//   drops its own fragments, code_epoch + 1
+//   releases its locks
+//   signals who runs application code           handler: traps the exit, acknowledges the epoch
+//   waits for the acknowledgements              ends its basic block at most, and comes to the engine
+//   returns to the application                  drops, and looks up where it goes on
+//
+// So when the dropping call returns, no other thread begins a block of the old code any more. A thread in a system call
+// is not signalled, since a signal would interrupt the call; it looks at the epoch when it returns.
+#pragma once
+
+#include <atomic>
+#include <csignal>
+
+#include "bi/mora.h"
+
+namespace ceilmeter {
+
+// Drops all translated code of the thread, and makes every other thread do so. The other threads may still run it until
+// settle_code_epoch has returned.
+void drop_code(thread_data* thread);
+
+// Returns when no other thread can begin a block that was dropped before the call. The caller holds no lock: another
+// thread may need one before it comes to its next look at the epoch.
+void settle_code_epoch(thread_data* thread);
+
+// Drops what other threads have dropped. Returns whether there was anything; what the caller knows of fragments is void
+// then. Not in the middle of a scan.
+bool apply_code_epoch(thread_data* thread);
+inline bool follow_code_epoch(thread_data* thread) {
+  // Acquire: pairs with the release in drop_code. What is translated from here on is read from memory as it is behind
+  // the drop.
+  if (std::atomic_ref(engine.code_epoch).load(std::memory_order_acquire) == thread->code_epoch) return false;
+  return apply_code_epoch(thread);
+}
+
+// Around the handling of a system call. In between the thread runs no application code and needs no signal.
+void enter_call(thread_data* thread);
+void leave_call(thread_data* thread);
+
+// In the handler of SIGILL. Whether the signal was sent by settle_code_epoch. `*out_alone` tells whether it was nothing
+// but that.
+bool answer_visit(thread_data* thread, const siginfo_t& info, bool* out_alone);
+
+// Then, when the thread's next exit is trapped: whoever waits for it may go on.
+void acknowledge_visit(thread_data* thread);
+
+// Takes the visits off the count of held signals. The thread looks at the epoch afterwards: one that is counted from
+// here on may be for a later epoch.
+void take_visits(thread_data* thread);
+
+// In the child of a fork: the other threads, and what they have asked for, are gone.
+void forget_visits(thread_data* thread);
+
+}  // namespace ceilmeter
