@@ -39,6 +39,7 @@ inline constexpr std::int32_t MAX_TRACE_FRAGMENTS = 21;
 inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;    // No trace begins here or higher in the cache.
 inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;  // No trace begins with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
+inline constexpr std::size_t FRAGMENT_CHAINS = 4096;
 inline constexpr int SIGNAL_COUNT = 65;                   // Signal numbers from 1; 0 is unused.
 inline constexpr std::size_t SOURCE_MARKS_PER_WORD = 32;  // Two bits for each word of the code cache.
 
@@ -181,6 +182,12 @@ struct thread_data {
   std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
   std::uint32_t runs_call;           // It handles a system call, and looks at the epoch afterwards.
   std::uint32_t visit_wanted;        // A signal is being sent to it that makes it look.
+  // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
+  // one. 0: none, or not noted; -1: the last one.
+  std::int32_t fragment_chains[FRAGMENT_CHAINS];
+  std::int32_t chain_next[BB_META_COUNT];
+  std::uint64_t longest_fragment_pages;                // How far a fragment reaches beyond its first page at most.
+  std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
 };
 
 // Process-wide state, each part under the lock that is named with it.
@@ -202,16 +209,16 @@ struct engine_globals {
   // heap as they are between two callbacks. Taken after brk_lock and before function_watch_lock.
   pthread_rwlock_t callbacks_lock;
   pthread_mutex_t function_watch_lock;
-  robin_map function_watches;     // Function address to its record. Under function_watch_lock.
-  interval_map protected_ranges;  // Executable by mprotect or moved by mremap, not in exec_ranges. Has its own lock.
-  std::uint32_t code_ranges_dropped;  // One of the two maps was full once. Relaxed atomic.
+  robin_map function_watches;  // Function address to its record. Under function_watch_lock.
   // Held over a call that changes the application's mappings, and over what the engine notes of it. Taken after
   // brk_lock and before callbacks_lock.
   pthread_mutex_t mapping_lock;
   interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
   // How often code has been dropped, and up to which number every thread has followed: see code_epoch.h. Atomics.
+  std::uint64_t begun_code_epoch;  // One ahead of code_epoch while a drop is being noted.
   std::uint64_t code_epoch;
   std::uint64_t settled_code_epoch;
+  pthread_mutex_t code_epoch_lock;  // Held while a drop is noted. Taken last.
 };
 
 extern engine_globals engine;

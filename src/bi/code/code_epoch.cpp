@@ -18,7 +18,9 @@
 #include <cstring>
 
 #include "bi/code/code_cache.h"
+#include "bi/code/drop_range.h"
 #include "bi/code/stubs.h"
+#include "bi/code/translated_pages.h"
 
 namespace ceilmeter {
 
@@ -29,14 +31,40 @@ constexpr int VISITS = 0;
 
 std::uint64_t current_epoch() { return std::atomic_ref(engine.code_epoch).load(std::memory_order_acquire); }
 
+// What the last epochs have dropped. A thread that has missed more than there is room for drops everything.
+struct dropped_range {
+  std::uint64_t start;
+  std::uint64_t end;
+};
+constexpr std::uint64_t KEPT_EPOCHS = 256;
+dropped_range dropped_ranges[KEPT_EPOCHS];
+
+dropped_range& range_of(std::uint64_t epoch) { return dropped_ranges[epoch % KEPT_EPOCHS]; }
+
+bool drop_up_to(thread_data* thread, std::uint64_t epoch) {
+  bool dropped = false;
+  for (std::uint64_t missed = thread->code_epoch + 1; missed <= epoch; ++missed) {
+    const std::uint64_t start = std::atomic_ref(range_of(missed).start).load(std::memory_order_relaxed);
+    const std::uint64_t end = std::atomic_ref(range_of(missed).end).load(std::memory_order_relaxed);
+    // The place may have been written for a later epoch meanwhile. That one has begun before: the fence orders the look
+    // behind the loads, and the lock has ordered the writes.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    const std::uint64_t begun = std::atomic_ref(engine.begun_code_epoch).load(std::memory_order_relaxed);
+    if (begun - missed >= KEPT_EPOCHS) {
+      flush_code_cache(thread);
+      return true;
+    }
+    dropped = drop_fragments(thread, start, end) || dropped;
+  }
+  return dropped;
+}
+
 void acknowledge(thread_data* thread, std::uint64_t epoch) {
   // Release: pairs with the load in is_behind. By then the thread's exit is trapped.
   std::atomic_ref(thread->acknowledged_epoch).store(epoch, std::memory_order_release);
 }
 
-bool is_in_call(thread_data* thread) {
-  return std::atomic_ref(thread->runs_call).load(std::memory_order_acquire) != 0;
-}
+bool is_in_call(thread_data* thread) { return std::atomic_ref(thread->runs_call).load(std::memory_order_acquire) != 0; }
 
 // Whether the thread may still begin a block from before the epoch.
 bool is_behind(thread_data* thread, std::uint64_t epoch) {
@@ -78,20 +106,29 @@ bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_ord
 
 }  // namespace
 
-void drop_code(thread_data* thread) {
-  flush_code_cache(thread);
+void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end) {
+  if (!has_translated(start, end)) return;
+  pthread_mutex_lock(&engine.code_epoch_lock);
+  const std::uint64_t epoch = current_epoch() + 1;
+  std::atomic_ref(engine.begun_code_epoch).store(epoch, std::memory_order_relaxed);
+  // Release, in there: who finds the marks gone finds that an epoch has begun. Marks that are set from here on stay, as
+  // what they stand for may be translated behind the drop.
+  clear_translated(start, end);
+  dropped_range& range = range_of(epoch);
+  std::atomic_ref(range.start).store(start, std::memory_order_relaxed);
+  std::atomic_ref(range.end).store(end, std::memory_order_relaxed);
   // Release: pairs with the acquire in follow_code_epoch.
-  const std::uint64_t before = std::atomic_ref(engine.code_epoch).fetch_add(1, std::memory_order_acq_rel);
-  if (thread->code_epoch != before) return;  // It has missed others, and follows with them.
-  thread->code_epoch = before + 1;
-  acknowledge(thread, before + 1);
+  std::atomic_ref(engine.code_epoch).store(epoch, std::memory_order_release);
+  pthread_mutex_unlock(&engine.code_epoch_lock);
+  apply_code_epoch(thread);
 }
 
 void settle_code_epoch(thread_data* thread) {
-  const std::uint64_t epoch = current_epoch();
+  const std::uint64_t epoch = std::atomic_ref(engine.begun_code_epoch).load(std::memory_order_acquire);
   std::atomic_ref settled(engine.settled_code_epoch);
   std::uint64_t before = settled.load(std::memory_order_acquire);
   if (before >= epoch) return;
+  while (current_epoch() < epoch) sched_yield();  // Another thread is just noting its drop.
   std::atomic_thread_fence(std::memory_order_seq_cst);
   constexpr int quick_looks = 50;
   constexpr useconds_t longest_pause = 1000;
@@ -114,10 +151,10 @@ bool apply_code_epoch(thread_data* thread) {
   take_visits(thread);  // First: a visit that is counted from here on is for a later epoch.
   const std::uint64_t epoch = current_epoch();
   if (epoch == thread->code_epoch) return false;
-  flush_code_cache(thread);
+  const bool dropped = drop_up_to(thread, epoch);
   thread->code_epoch = epoch;
   acknowledge(thread, epoch);
-  return true;
+  return dropped;
 }
 
 void enter_call(thread_data* thread) {
@@ -150,6 +187,7 @@ void take_visits(thread_data* thread) {
 }
 
 void forget_visits(thread_data* thread) {
+  engine.begun_code_epoch = engine.code_epoch;
   std::atomic_ref(thread->visit_wanted).store(0, std::memory_order_relaxed);
 }
 

@@ -1,6 +1,7 @@
-// What one thread drops of translated code, the others drop before they run application code again. Each drop begins a
-// new code epoch. A thread compares the epoch with its own wherever it is in the engine, and drops what it has missed.
-// A thread that runs in its cache does not look: it is sent a signal, whose handler traps the thread's next exit.
+// What one thread drops of translated code, the others drop before they run application code again. Each drop, of a
+// range of source addresses, begins a new code epoch. A thread compares the epoch with its own wherever it is in the
+// engine, and drops what it has missed. A thread that runs in its cache does not look: it is sent a signal, whose
+// handler traps the thread's next exit.
 //
 //   the dropping thread                         another thread, in its cache
 //   changes the mapping, or flushes a line
@@ -21,16 +22,16 @@
 
 namespace ceilmeter {
 
-// Drops all translated code of the thread, and makes every other thread do so. The other threads may still run it until
-// settle_code_epoch has returned.
-void drop_code(thread_data* thread);
+// Drops what the thread has translated of the range, and makes every other thread do so. The other threads may still
+// run it until settle_code_epoch has returned. Nothing is done if no thread has translated any of it.
+void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end);
 
 // Returns when no other thread can begin a block that was dropped before the call. The caller holds no lock: another
 // thread may need one before it comes to its next look at the epoch.
 void settle_code_epoch(thread_data* thread);
 
-// Drops what other threads have dropped. Returns whether there was anything; what the caller knows of fragments is void
-// then. Not in the middle of a scan.
+// Drops what other threads have dropped. Returns whether this thread had any of it; what the caller knows of fragments
+// is void then. Not in the middle of a scan.
 bool apply_code_epoch(thread_data* thread);
 inline bool follow_code_epoch(thread_data* thread) {
   // Acquire: pairs with the release in drop_code. What is translated from here on is read from memory as it is behind

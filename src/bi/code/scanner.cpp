@@ -12,6 +12,7 @@
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scan_rules.h"
 #include "bi/code/source_map.h"
+#include "bi/code/translated_pages.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -218,9 +219,23 @@ void scan_word(scan_state& state) {
   ++state.read;
 }
 
+// How far a step of the walk looks ahead of the word that it is at: a sequence that belongs together has three words.
+constexpr std::uint64_t LOOKED_AT = 4 * sizeof(std::uint32_t);
+
+// Before the words are read: who changes them afterwards finds the mark.
+void mark_looked_at(const std::uint32_t* read, std::uint64_t* marked_end) {
+  const std::uint64_t end = address_of(read) + LOOKED_AT;
+  if (end <= *marked_end) return;
+  const std::uint64_t line_end = (end + TRANSLATED_LINE - 1) & ~(TRANSLATED_LINE - 1);
+  mark_translated(*marked_end, line_end);
+  *marked_end = line_end;
+}
+
 void scan_words(scan_state& state) {
   const std::uint32_t* const first = state.read;
+  std::uint64_t marked_end = address_of(first) & ~(TRANSLATED_LINE - 1);
   while (!state.stop) {
+    mark_looked_at(state.read, &marked_end);
     if (state.read != first && begins_unreadable_page(state.read)) {
       end_before_this_word(state);
     } else if (state.read != first && begins_its_own_block(state.read)) {
@@ -293,6 +308,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   clear_exit(meta, cache_end);
   begin_source_marks(thread, start);
 
+  mark_translated(address_of(read_address), address_of(read_address) + LOOKED_AT);
   if (!is_readable(read_address)) {
     put_fault(state);
     meta.source_words = 1;

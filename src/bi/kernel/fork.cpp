@@ -60,11 +60,11 @@ void lock_all() {
   pthread_rwlock_wrlock(&engine.callbacks_lock);
   pthread_mutex_lock(&engine.function_watch_lock);
   pthread_mutex_lock(&engine.exec_ranges.lock);
-  pthread_mutex_lock(&engine.protected_ranges.lock);
+  pthread_mutex_lock(&engine.code_epoch_lock);
 }
 
 void unlock_all() {
-  pthread_mutex_unlock(&engine.protected_ranges.lock);
+  pthread_mutex_unlock(&engine.code_epoch_lock);
   pthread_mutex_unlock(&engine.exec_ranges.lock);
   pthread_mutex_unlock(&engine.function_watch_lock);
   pthread_rwlock_unlock(&engine.callbacks_lock);
@@ -81,7 +81,7 @@ void init_all_locks() {
   pthread_rwlock_init(&engine.callbacks_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
-  pthread_mutex_init(&engine.protected_ranges.lock, nullptr);
+  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
   pthread_mutex_init(&engine.attached_segments.lock, nullptr);  // Used under mapping_lock alone.
   pthread_mutex_init(&engine.mapping_lock, nullptr);
   pthread_mutex_init(&spare.lock, nullptr);

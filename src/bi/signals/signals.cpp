@@ -15,6 +15,7 @@
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/code_epoch.h"
+#include "bi/code/drop_range.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_delivery.h"
@@ -67,8 +68,8 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
     // For an undefined instruction or a breakpoint the kernel names the place of the instruction. For an access it
     // names the address accessed.
     if (reinterpret_cast<std::uint64_t>(info->si_addr) == pc) info->si_addr = reinterpret_cast<void*>(context.pc);
-    // Flush the block away: there may be code at its address later.
-    if (cannot_execute) flush_code_cache(thread);
+    // There may be code at its address later.
+    if (cannot_execute) drop_fragments(thread, context.pc, context.pc + sizeof(std::uint32_t));
     return enter_handler(thread, handler);
   }
   set_kernel_action(signum, handler);

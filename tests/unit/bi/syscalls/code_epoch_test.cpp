@@ -8,6 +8,7 @@
 #include <csignal>
 #include <thread>
 
+#include "bi/code/translated_pages.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {
@@ -26,6 +27,13 @@ class code_epoch : public syscalls_test {
     munmap(other, sizeof(thread_data));
   }
 
+  // Some code that was translated, by whichever thread.
+  static void drop(thread_data* by) {
+    mark_translated(code, code + 4);
+    drop_code(by, code, code + 4096);
+  }
+  static constexpr std::uint64_t code = 0x123456000;
+
   siginfo_t visit() const {
     siginfo_t info{};
     info.si_signo = SIGILL;
@@ -43,29 +51,43 @@ TEST_F(code_epoch, a_thread_that_nobody_has_dropped_for_follows_nothing) {
 }
 
 TEST_F(code_epoch, what_a_thread_drops_itself_it_drops_once) {
-  drop_code(thread);
+  drop(thread);
   EXPECT_FALSE(follow_code_epoch(thread));
   EXPECT_EQ(fake.flushes, 1);
   EXPECT_EQ(fake.flushed, thread);
 }
 
 TEST_F(code_epoch, what_a_thread_drops_another_one_drops_once_later) {
-  drop_code(thread);
+  drop(thread);
   EXPECT_TRUE(follow_code_epoch(other));
   EXPECT_EQ(fake.flushes, 2);
   EXPECT_EQ(fake.flushed, other);
   EXPECT_FALSE(follow_code_epoch(other));
 }
 
-TEST_F(code_epoch, a_thread_that_drops_still_follows_what_it_has_missed_before) {
-  drop_code(other);
-  drop_code(thread);
-  EXPECT_TRUE(follow_code_epoch(thread));
+TEST_F(code_epoch, a_thread_that_drops_follows_what_it_has_missed_before) {
+  drop(other);
+  EXPECT_EQ(fake.flushes, 1);
+  drop(thread);
+  EXPECT_EQ(fake.flushes, 3);
+  EXPECT_FALSE(follow_code_epoch(thread));
+}
+
+TEST_F(code_epoch, what_nobody_has_translated_begins_no_epoch) {
+  drop_code(thread, code + 0x10000, code + 0x20000);
+  EXPECT_EQ(engine.code_epoch, 0u);
+}
+
+TEST_F(code_epoch, a_thread_that_has_missed_more_than_is_kept_drops_everything_once) {
+  for (int round = 0; round < 300; ++round) drop(thread);
+  fake.flushes = 0;
+  EXPECT_TRUE(follow_code_epoch(other));
+  EXPECT_EQ(fake.flushes, 1);
 }
 
 TEST_F(code_epoch, a_thread_in_a_call_is_not_waited_for_and_not_signalled) {
   enter_call(other);
-  drop_code(thread);
+  drop(thread);
   settle_code_epoch(thread);
   EXPECT_EQ(other->visit_wanted, 0u);
   EXPECT_EQ(engine.settled_code_epoch, engine.code_epoch);
@@ -74,7 +96,7 @@ TEST_F(code_epoch, a_thread_in_a_call_is_not_waited_for_and_not_signalled) {
 }
 
 TEST_F(code_epoch, a_thread_that_runs_is_waited_for_until_it_acknowledges) {
-  drop_code(thread);
+  drop(thread);
   std::atomic<bool> settled{false};
   std::thread waiting([&] {
     settle_code_epoch(thread);
@@ -97,7 +119,7 @@ TEST_F(code_epoch, a_thread_that_runs_is_waited_for_until_it_acknowledges) {
 
 TEST_F(code_epoch, what_is_settled_asks_nobody_again) {
   enter_call(other);
-  drop_code(thread);
+  drop(thread);
   settle_code_epoch(thread);
   leave_call(other);
   settle_code_epoch(thread);
