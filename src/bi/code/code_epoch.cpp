@@ -123,6 +123,18 @@ void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end) {
   apply_code_epoch(thread);
 }
 
+void invalidate_line(thread_data* thread, std::uint64_t address) {
+  // The smallest line of all instruction caches, in words, as a power of two: what the application is shown as well.
+  static const std::uint64_t line = [] {
+    std::uint64_t ctr = 0;
+    asm("mrs %0, ctr_el0" : "=r"(ctr));
+    return std::uint64_t{4} << (ctr & 15);
+  }();
+  const std::uint64_t start = address & ~(line - 1);
+  drop_code(thread, start, start + line);
+  settle_code_epoch(thread);
+}
+
 void settle_code_epoch(thread_data* thread) {
   const std::uint64_t epoch = std::atomic_ref(engine.begun_code_epoch).load(std::memory_order_acquire);
   std::atomic_ref settled(engine.settled_code_epoch);

@@ -1,6 +1,6 @@
 // Drops the fragments of a thread that were translated from a range of source addresses; the rest of its cache stays.
 //
-//   a block                 becomes one that is not scanned yet, in its place: what leads to it comes to the dispatcher,
+//   a block                 becomes one that is not scanned yet, in its place: what leads to it gets to the dispatcher,
 //                           which has it scanned anew. The entry table and the links to it stay as they are.
 //   a trace with a          its head block becomes such a block; the table leads there, and the word behind the trace's
 //   fragment of the range   entry becomes a branch there, for those who are linked to the trace
@@ -11,8 +11,8 @@
 //                              b   head block + 4        noted as a link, so that the block's next trace is led here
 //                              ...                       dead until the next flush
 //
-// Only in the engine, outside a scan, and where the thread goes on by a source address: the code that it has left may be
-// among what is dropped.
+// Only in the engine, outside a scan, and where the thread goes on by a source address: the code that it has left may
+// be among what is dropped.
 #pragma once
 
 #include <cstdint>

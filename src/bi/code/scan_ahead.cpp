@@ -45,7 +45,7 @@ bool begins_its_own_block(const std::uint32_t* word, int inst) {
 
 fragment_end find_end(const std::uint32_t* read) {
   for (;; ++read) {
-    if (begins_unreadable_page(read)) return {read, false};
+    if (begins_unreadable_page(read) || is_invalidation(*read)) return {read, false};
     switch (const int inst = a64_decode(read)) {
       case A64_CBZ:
       case A64_B_COND:

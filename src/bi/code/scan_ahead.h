@@ -18,6 +18,9 @@ struct fragment_end {
 // SVC does not end a fragment.
 fragment_end find_end(const std::uint32_t* read);
 
+// IC IVAU, the invalidation of a line of instructions. It ends a fragment.
+inline bool is_invalidation(std::uint32_t word) { return (word & ~std::uint32_t{31}) == 0xd50b7520; }
+
 // Whether the word can be read.
 bool is_readable(const std::uint32_t* word);
 

@@ -77,9 +77,12 @@ void rewrite_system_register(scan_state& state) {
   std::uint32_t is_read = 0;
   std::uint32_t reg = 0;
   system_register named{};
-  a64_mrs_msr_decode(state.read, &is_read, &named.o0, &named.op1, &named.crn, &named.crm, &named.op2, &reg);
+  a64_mrs_msr_decode(&state.word, &is_read, &named.o0, &named.op1, &named.crn, &named.crm, &named.op2, &reg);
   if (!(named == TPIDR_EL0)) {
-    code.word(*state.read);
+    code.word(state.word);
+    // Without DIC a program that writes code has to invalidate the lines (IC IVAU). So the engine hears of it.
+    constexpr std::uint64_t dic = std::uint64_t{1} << 29;
+    if (named == CTR_EL0 && is_read != 0 && reg != xzr.number) code.and_(x_register{reg}, x_register{reg}, ~dic);
     return;
   }
   // TPIDR_EL0 itself always holds the value of the tool's C library.
@@ -101,7 +104,7 @@ void rewrite_literal_load(scan_state& state) {
   std::uint32_t is_vector = 0;
   std::uint32_t imm19 = 0;
   std::uint32_t reg = 0;
-  a64_ldr_literal_decode(state.read, &opc, &is_vector, &imm19, &reg);
+  a64_ldr_literal_decode(&state.word, &opc, &is_vector, &imm19, &reg);
   const std::uint64_t target = branch_target(state.read, imm19, 19);
   // Not with xzr: as a base number 31 would be the stack pointer. The access of a load into xzr still happens.
   if (is_vector == 0 && opc != prefetch && reg != xzr.number) {
@@ -126,7 +129,7 @@ void rewrite_address(scan_state& state) {
   std::uint32_t low = 0;
   std::uint32_t high = 0;
   std::uint32_t reg = 0;
-  a64_adr_decode(state.read, &is_page, &low, &high, &reg);
+  a64_adr_decode(&state.word, &is_page, &low, &high, &reg);
   const auto offset = static_cast<std::uint64_t>(a64_sign_extend(high << 2 | low, 21));
   const std::uint64_t here = address_of(state.read);
   const std::uint64_t value = is_page != 0 ? (here & ~page_mask) + (offset << 12) : here + offset;
@@ -136,14 +139,14 @@ void rewrite_address(scan_state& state) {
 void copy_unknown(scan_state& state) {
   const code_writer code{state.write};
   if (log_state::engine_log_level >= LEVEL_DEBUG) {
-    log(LEVEL_DEBUG, "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s", A64_NOT_RECOGNISED, *state.read,
-        static_cast<const void*>(state.read), mnemonic_of(*state.read));
+    log(LEVEL_DEBUG, "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s", A64_NOT_RECOGNISED, state.word,
+        static_cast<const void*>(state.read), mnemonic_of(state.word));
     log(LEVEL_DEBUG, "Copying it unmodified, but future problems are possible");
   }
-  code.word(*state.read);
+  code.word(state.word);
   // Neither the end of a block nor a plug-in's code may come between words that belong together, even if an emulator
   // does not mind. The words behind the first are copied here and have no events of their own.
-  for (int left = following_words(*state.read); left > 0; --left) {
+  for (int left = following_words(state.word); left > 0; --left) {
     const std::uint32_t* next = state.read + 1;
     if (begins_unreadable_page(next) || a64_decode(next) != A64_NOT_RECOGNISED || is_branch_without_class(*next)) break;
     mark_source(state.thread, state.write, MARK_SOURCE);

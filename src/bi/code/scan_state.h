@@ -23,6 +23,8 @@ struct scan_state {
   std::uint32_t* write;           // The next cache word to write.
   std::uint32_t* limit;           // End of the block being written, or of the code cache for a trace.
   bool stop;                      // The fragment has ended. Plug-ins may set it.
+  // The word at `read`, read once: another thread may change it meanwhile, to one that the architecture allows there.
+  std::uint32_t word = 0;
 };
 
 }  // namespace ceilmeter

@@ -60,7 +60,7 @@ void put_direct_exit(scan_state& state, std::uint64_t target) {
 void rewrite_direct_branch(scan_state& state) {
   std::uint32_t link = 0;
   std::uint32_t imm26 = 0;
-  a64_b_decode(state.read, &link, &imm26);
+  a64_b_decode(&state.word, &link, &imm26);
   // The application's link register holds a source address throughout.
   if (link != 0) code_writer{state.write}.load_const(x30, address_of(state.read) + 4);
   put_direct_exit(state, branch_target(state.read, imm26, 26));
@@ -118,8 +118,8 @@ void put_compare_exit(scan_state& state, const exit_branch& branch, std::uint64_
 
 void rewrite_conditional_branch(scan_state& state) {
   exit_branch branch{};
-  decode_exit_branch(*state.read, &branch);
-  const std::uint64_t target = branch_destination(*state.read, state.read);
+  decode_exit_branch(state.word, &branch);
+  const std::uint64_t target = branch_destination(state.word, state.read);
   if (branch.kind == EXIT_B_COND && !is_invertible(branch)) {
     // AL, and NV, which is always taken as well: the branch has one side.
     put_direct_exit(state, target);
@@ -135,7 +135,7 @@ void rewrite_conditional_branch(scan_state& state) {
 
 void rewrite_register_branch(scan_state& state, int inst) {
   std::uint32_t reg = 0;
-  a64_br_decode(state.read, &reg);  // BR, BLR and RET hold the register in the same place.
+  a64_br_decode(&state.word, &reg);  // BR, BLR and RET hold the register in the same place.
   reserve_space(state, REGISTER_BRANCH_SPACE);
   begin_exit(state, EXIT_REGISTER, 0, 0);
   meta_of(state).rn = reg;
@@ -149,6 +149,23 @@ void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_bra
   reserve_space(state, AUTHENTICATED_BRANCH_SPACE);
   begin_exit(state, EXIT_REGISTER, 0, 0);
   a64_branch_authenticated(state.thread, state.bb_id, &state.write, state.read, branch);
+  state.stop = true;
+}
+
+// IC IVAU says that what was fetched of a line is void. It is executed: another process may run the same memory. Then
+// the fragment ends: the dispatcher drops what was translated of the line, perhaps this very fragment, and goes on at
+// the next word.
+void rewrite_invalidation(scan_state& state) {
+  const code_writer code{state.write};
+  const std::uint64_t next = address_of(state.read + 1);
+  const x_register line{state.word & 31};
+  code.word(state.word);
+  begin_exit(state, EXIT_INVALIDATION, next, 0);
+  code.push(x0, x1);
+  const x_register place = line.number == x0.number ? x1 : x0;
+  code.load_const(place, address_of(&state.thread->invalidated_address));
+  code.str(line, at(place));
+  a64_branch_jump(state.thread, &state.write, next, state.bb_id);
   state.stop = true;
 }
 
@@ -168,9 +185,9 @@ void leave_to_its_own_block(scan_state& state) {
 
 // A word of no class: a branch to a signed address, or the fragment's first word.
 void rewrite_unknown(scan_state& state) {
-  if (a64_authenticated_branch branch{}; a64_authenticated_branch_decode(*state.read, &branch)) {
+  if (a64_authenticated_branch branch{}; a64_authenticated_branch_decode(state.word, &branch)) {
     rewrite_authenticated_branch(state, branch);
-  } else if (is_compare_and_branch(*state.read)) {
+  } else if (is_compare_and_branch(state.word)) {
     rewrite_conditional_branch(state);
   } else {
     copy_unknown(state);
@@ -178,6 +195,10 @@ void rewrite_unknown(scan_state& state) {
 }
 
 void rewrite(scan_state& state, int inst) {
+  if (is_invalidation(state.word)) {
+    rewrite_invalidation(state);
+    return;
+  }
   switch (inst) {
     case A64_CBZ:
     case A64_TBZ:
@@ -191,7 +212,7 @@ void rewrite(scan_state& state, int inst) {
     case A64_LDR_LITERAL: rewrite_literal_load(state); break;
     case A64_ADR: rewrite_address(state); break;
     case A64_NOT_RECOGNISED: rewrite_unknown(state); break;
-    default: *state.write++ = *state.read; break;
+    default: *state.write++ = state.word; break;
   }
 }
 
@@ -200,14 +221,17 @@ void log_word(const scan_state& state, int inst) {
   log(LEVEL_TRACE, "A64 scan read_address: %p, w: : %p, bb: %d", static_cast<const void*>(state.read),
       static_cast<void*>(state.write), state.bb_id);
   log(LEVEL_TRACE, "  instruction enum: %d", inst);
-  log(LEVEL_TRACE, "  instruction word: 0x%x", *state.read);
+  log(LEVEL_TRACE, "  instruction word: 0x%x", state.word);
 }
 
 void scan_word(scan_state& state) {
-  const int inst = a64_decode(state.read);
+  const std::uint32_t* const read = state.read;
+  state.word = *static_cast<const volatile std::uint32_t*>(read);
+  const int inst = a64_decode(&state.word);
   if (log_state::engine_log_level >= LEVEL_TRACE) log_word(state, inst);
   mark_source(state.thread, state.write, MARK_SOURCE);
   const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
+  if (state.read != read) state.word = *state.read;  // A plug-in has gone elsewhere.
   if (!replaced) rewrite(state, inst);
   if (state.write >= state.limit) {
     log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit),
@@ -315,7 +339,12 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
     end_source_marks(thread, state.write);
     return static_cast<std::uint32_t>(state.write - start) * 4;
   }
-  if (type == FRAGMENT_BLOCK && find_end(read_address).is_direct_branch) put_hot_counter(state);
+  std::uint32_t* counter = nullptr;
+  if (type == FRAGMENT_BLOCK && find_end(read_address).is_direct_branch) {
+    counter = state.write;
+    put_hot_counter(state);
+  }
+  const std::uint32_t* const counter_end = state.write;
 
   deliver_scan_event(state, {MORA_PRE_FRAGMENT, MORA_NO_INST, true, nullptr});
   deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
@@ -323,6 +352,11 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
   meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
+  // Another thread has changed the block's end while it was scanned. A block that cannot be a trace's head does not
+  // count.
+  if (counter != nullptr && meta.exit_kind != EXIT_NOT_SET && !is_direct_exit(meta.exit_kind)) {
+    a64_branch(counter, address_of(counter_end));
+  }
   end_source_marks(thread, state.write);
   return static_cast<std::uint32_t>(state.write - start) * 4;
 }

@@ -124,6 +124,9 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       return call_action::HANDLED;
     case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
     case SYS_mprotect: *result = handle_mprotect(args); return call_action::HANDLED;
+    case SYS_membarrier:
+      settle_code_epoch(thread);  // One of its commands makes all threads see changed code.
+      return call_action::MAKE;
     // Made as it stands clone3 would start a thread on a stack without the wrapper's frame. As on a kernel that does
     // not have it, the C library falls back to clone.
     case SYS_clone3:

@@ -10,8 +10,7 @@ static unsigned add_x0(unsigned value) { return 0x91000000 | value << 10; }  // 
 
 // The loop: from `first` to `second` and back, x1 times; `first_value` and `second_value` are added in each round.
 static void write_first(char* pages, size_t page, unsigned value) {
-  const unsigned words[] = {add_x0(value),
-                            branch(4, page),
+  const unsigned words[] = {add_x0(value), branch(4, page),
                             0xf1000421,  // 8: subs x1, x1, #1
                             0x54ffffa1,  // b.ne 0
                             RET};

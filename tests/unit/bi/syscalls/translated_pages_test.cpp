@@ -36,7 +36,8 @@ TEST(translated_pages, a_range_is_marked_over_pages_and_leaves) {
   const std::uint64_t start = 2300 * gib - 0x2000;
   mark_translated(start + 0x40, start + 0x4000);
   EXPECT_FALSE(has_translated(start, start + 0x40));
-  for (std::uint64_t line = start + 0x40; line < start + 0x4000; line += 64) EXPECT_TRUE(has_translated(line, line + 1));
+  for (std::uint64_t line = start + 0x40; line < start + 0x4000; line += 64)
+    EXPECT_TRUE(has_translated(line, line + 1));
   EXPECT_FALSE(has_translated(start + 0x4000, start + 0x5000));
 }
 
