@@ -19,6 +19,7 @@
 
 #include "bi/code/code_cache.h"
 #include "bi/code/drop_range.h"
+#include "bi/code/shared_mappings.h"
 #include "bi/code/stubs.h"
 #include "bi/code/translated_pages.h"
 
@@ -132,6 +133,7 @@ void invalidate_line(thread_data* thread, std::uint64_t address) {
   }();
   const std::uint64_t start = address & ~(line - 1);
   drop_code(thread, start, start + line);
+  drop_aliases(thread, start, start + line);
   settle_code_epoch(thread);
 }
 

@@ -12,6 +12,7 @@
 #include <cerrno>
 
 #include "bi/code/code_epoch.h"
+#include "bi/code/shared_mappings.h"
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/pages.h"
 #include "bi/plugins/plugin_delivery.h"
@@ -144,7 +145,10 @@ std::int64_t map_memory(const std::uint64_t* args) {
   // them lie at the very top of the address space, where nothing is. This is known and kept.
   if (result < 0 && result > -34) return result;
   const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
-  if (!is_error(result)) drop_range(range);
+  if (!is_error(result)) {
+    note_mapping(range.start, range.start + range.size, args[3], static_cast<std::int32_t>(args[4]), args[5]);
+    drop_range(range);
+  }
   // Report the protection that the application asked for, not the one that the kernel has.
   report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]),
                static_cast<std::uint32_t>(args[3]), static_cast<std::int32_t>(args[4]), args[5], 0, 0);
@@ -167,6 +171,7 @@ std::int64_t unmap_memory(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_munmap, args[0], args[1]);
   if (result != 0) return result;
   const page_range range = whole_page_range(args[0], args[1]);
+  forget_mapping(range.start, range.start + range.size);
   report_vm_op(VM_UNMAP, range.start, range.size, 0, 0, NO_FILE, 0, 0, 0);
   return result;
 }
@@ -177,8 +182,10 @@ std::int64_t move_memory(const std::uint64_t* args) {
   // Plug-ins are told of the old address alone.
   const page_range range = whole_page_range(args[0], args[1]);
   report_vm_op(VM_REMAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), 0, NO_FILE, 0, args[0], args[1]);
+  const page_range moved = whole_page_range(static_cast<std::uint64_t>(result), args[2]);
+  move_mapping(range.start, range.size, moved.start, moved.size);
   drop_range(range);
-  drop_range(whole_page_range(static_cast<std::uint64_t>(result), args[2]));
+  drop_range(moved);
   return result;
 }
 
