@@ -8,13 +8,16 @@
 #include <algorithm>
 #include <cstring>
 
+#include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/code_words.h"
 #include "bi/code/dispatcher.h"
+#include "bi/code/exit_branch.h"
 #include "bi/code/scanner.h"
 #include "bi/code/traces.h"
 #include "bi/plugins/function_watch.h"
+#include "bi/signals/exit_trap.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -34,8 +37,11 @@ std::int32_t& chain_of(thread_data* thread, std::uint64_t page) {
 
 std::uint64_t source_end(const bb_meta& meta) { return meta.source_addr + std::uint64_t{4} * meta.source_words; }
 
+// Part of a trace that was dropped.
+bool is_dead(const bb_meta& meta) { return meta.source_words == 0; }
+
 bool is_within(const bb_meta& meta, std::uint64_t start, std::uint64_t end) {
-  return meta.exit_kind != EXIT_TRACE && meta.source_addr < end && source_end(meta) > start;
+  return !is_dead(meta) && meta.exit_kind != EXIT_TRACE && meta.source_addr < end && source_end(meta) > start;
 }
 
 std::int32_t& head_mark(thread_data* thread, std::int32_t id) { return thread->trace_heads[id - BB_COUNT]; }
@@ -54,40 +60,79 @@ void lead_to_block(thread_data* thread, bb_meta& trampoline, std::uint64_t to) {
   clear_instruction_cache(words, words + 3);
 }
 
+// Whether it does so already.
+bool leads_to_block(const bb_meta& trampoline, std::uint64_t to) {
+  const auto* words = reinterpret_cast<const std::uint32_t*>(trampoline.cache_entry);
+  return words[0] == NOP && words[1] == NOP && a64_decode(words + 2) == A64_B &&
+         branch_destination(words[2], words + 2) == to;
+}
+
 // False if the records for links have run out.
 bool lead_trampolines_to_block(thread_data* thread, const bb_meta& block) {
   const std::uint64_t to = block.cache_entry + ENTRY_WORD_SIZE;
   for (std::int32_t id = first_of(chain_of(thread, page_of(block.source_addr))); id != CHAIN_END;
        id = thread->chain_next[id]) {
     bb_meta& meta = thread->metas[id];
-    if (meta.exit_kind != EXIT_TRACE || meta.source_addr != block.source_addr) continue;
+    if (is_dead(meta) || meta.exit_kind != EXIT_TRACE || meta.source_addr != block.source_addr) continue;
+    if (leads_to_block(meta, to)) {
+      meta.rejoin_cache_addr = to;  // Led back with the links, and noted already.
+      continue;
+    }
     if (!has_links_to_spare(thread->cc_link_pool, 1)) return false;
     lead_to_block(thread, meta, to);
   }
   return true;
 }
 
-bool drop_block(thread_data* thread, std::int32_t id) {
-  const bb_meta& meta = thread->metas[id];
-  if (meta.exit_kind == EXIT_STUB_BLOCK) return true;
-  log(LEVEL_TRACE, "dropping block %d of 0x%lx", id, meta.source_addr);
-  make_stub_block(thread, id, meta.source_addr);
+// Leads what was linked to a dropped trace in the head's place back to the head: plain branches alone. A conditional
+// exit reaches the head's trampoline, or comes by the trace's entry. Only what leads to the head stays noted.
+void lead_links_back(thread_data* thread, bb_meta& block, const bb_meta& trace) {
+  const std::uint64_t to = block.cache_entry + ENTRY_WORD_SIZE;
+  for (cc_link** slot = &block.linked_from; *slot != nullptr;) {
+    auto* place = reinterpret_cast<std::uint32_t*>((*slot)->word);
+    std::uint32_t* word = untrapped_word(thread, place);
+    const bool is_branch = a64_decode(word) == A64_B;
+    if (!is_branch || branch_destination(*word, place) != trace.cache_entry + ENTRY_WORD_SIZE) {
+      *slot = (*slot)->next;
+      continue;
+    }
+    *word = redirected_branch(*word, place, to);
+    clear_instruction_cache(place, place + 1);
+    slot = &(*slot)->next;
+  }
+}
+
+bool forget_block(thread_data* thread, std::int32_t id) {
+  log(LEVEL_TRACE, "dropping block %d of 0x%lx", id, thread->metas[id].source_addr);
+  make_stub_block(thread, id, thread->metas[id].source_addr);
   thread->exit_counters[id] = trace_options.hot_mark;
-  return lead_trampolines_to_block(thread, meta);
+  return lead_trampolines_to_block(thread, thread->metas[id]);
 }
 
 bool drop_trace(thread_data* thread, std::int32_t id) {
   while (head_mark(thread, id) == 0) --id;
-  std::int32_t& head_block = head_mark(thread, id);
-  if (head_block < 0) return true;
+  const std::int32_t block = head_mark(thread, id);
+  if (block < 0) return true;
   log(LEVEL_TRACE, "dropping trace %d of 0x%lx", id, thread->metas[id].source_addr);
   if (!has_links_to_spare(thread->cc_link_pool, 1)) return false;
+  head_mark(thread, id) = -block;
+  lead_links_back(thread, thread->metas[block], thread->metas[id]);
   auto* word = reinterpret_cast<std::uint32_t*>(thread->metas[id].cache_entry + ENTRY_WORD_SIZE);
-  a64_branch_and_link(thread, word, thread->metas[head_block].cache_entry + ENTRY_WORD_SIZE);
+  a64_branch_and_link(thread, word, thread->metas[block].cache_entry + ENTRY_WORD_SIZE);
   clear_instruction_cache(word, word + 1);
-  const std::int32_t block = head_block;
-  head_block = -head_block;
-  return drop_block(thread, block);
+  // Nothing leads to its other fragments and to its trampolines any more.
+  std::int32_t dead = id;
+  do thread->metas[dead++].source_words = 0;
+  while (dead < thread->trace_id && head_mark(thread, dead) == 0);
+  return forget_block(thread, block);
+}
+
+bool drop_block(thread_data* thread, std::int32_t id) {
+  const bb_meta& meta = thread->metas[id];
+  if (meta.exit_kind == EXIT_STUB_BLOCK) return true;
+  const std::uint64_t found = hash_lookup_entry(thread, meta.source_addr);
+  if (found != HASH_MISS && is_in_traces(thread, found)) return drop_trace(thread, addr_to_fragment_id(thread, found));
+  return forget_block(thread, id);
 }
 
 // A trace under construction is given up if one of its fragments goes. They are not noted yet.
@@ -119,12 +164,26 @@ bool drop_members(thread_data* thread, std::int32_t first, drop_state& drop) {
   return true;
 }
 
+void take_out_dead(thread_data* thread, std::int32_t* slot) {
+  while (first_of(*slot) != CHAIN_END) {
+    const std::int32_t id = *slot;
+    if (is_dead(thread->metas[id])) {
+      *slot = thread->chain_next[id];
+    } else {
+      slot = &thread->chain_next[id];
+    }
+  }
+}
+
 bool drop_chains(thread_data* thread, drop_state& drop) {
   const std::uint64_t first = page_of(drop.start) - std::min(page_of(drop.start), thread->longest_fragment_pages);
   const std::uint64_t last = page_of(drop.end - 1);
   const std::uint64_t chains = std::min<std::uint64_t>(last - first + 1, FRAGMENT_CHAINS);
   for (std::uint64_t chain = 0; chain < chains; ++chain) {
     if (!drop_members(thread, first_of(chain_of(thread, first + chain)), drop)) return false;
+  }
+  for (std::uint64_t chain = 0; drop.found && chain < chains; ++chain) {
+    take_out_dead(thread, &chain_of(thread, first + chain));
   }
   return true;
 }

@@ -1,5 +1,5 @@
-// Where the application has mapped files shared, so that code which is written and invalidated by one mapping is dropped
-// where it runs, in another mapping of the same pages. Pages are the same if device, inode and offset are.
+// Where the application has mapped files shared, so that code which is written and invalidated by one mapping is
+// dropped where it runs, in another mapping of the same pages. Pages are the same if device, inode and offset are.
 //
 // Under mapping_lock, but for drop_aliases, which takes it.
 #pragma once

@@ -1,5 +1,5 @@
-// Pages of code that are mapped twice: written and made known by the mapping that is writable, or written there and made
-// known by the one that runs; in part, moved, and with two offsets of the file. mapped_twice [ROUNDS]
+// Pages of code that are mapped twice: written and made known by the mapping that is writable, or written there and
+// made known by the one that runs; in part, moved, and with two offsets of the file. mapped_twice [ROUNDS]
 #include <sys/syscall.h>
 
 #include "written_code.h"
