@@ -6,6 +6,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/readable_pages.h"
 #include "bi/code/scanner.h"
 #include "bi/code/stubs.h"
 
@@ -20,7 +21,11 @@ bool is_readable(const std::uint32_t* word) {
   // The set has eight bytes and must not reach into the next page. A null pointer means that there is no set, which is
   // no error.
   const std::uint64_t set = address_of(word) & ~(set_size - 1);
-  return set != 0 && raw_syscall(nr_rt_sigprocmask, no_operation, set, 0, set_size) != -EFAULT;
+  if (is_known_readable(set)) return true;
+  const std::uint64_t asked_at = mapping_state();
+  if (set == 0 || raw_syscall(nr_rt_sigprocmask, no_operation, set, 0, set_size) == -EFAULT) return false;
+  remember_readable(set, asked_at);
+  return true;
 }
 
 bool is_compare_and_branch(std::uint32_t word) {

@@ -12,6 +12,7 @@
 #include <cerrno>
 
 #include "bi/code/code_epoch.h"
+#include "bi/code/readable_pages.h"
 #include "bi/code/shared_mappings.h"
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/pages.h"
@@ -124,7 +125,11 @@ std::uint64_t brk_handler(std::uint64_t addr) {
   if (addr >= engine.initial_brk + page_size()) {
     const std::uint64_t old_size = brk.load(std::memory_order_relaxed) - engine.initial_brk;
     const std::uint64_t new_size = addr - engine.initial_brk;
+    pthread_mutex_lock(&engine.mapping_lock);
+    begin_mapping_change();
     const std::int64_t moved = raw_syscall(SYS_mremap, engine.initial_brk, old_size, new_size, 0);
+    end_mapping_change();
+    pthread_mutex_unlock(&engine.mapping_lock);
     if (moved == static_cast<std::int64_t>(engine.initial_brk)) {
       report_vm_op(VM_MAP, engine.initial_brk, new_size, PROT_READ | PROT_WRITE, BREAK_FLAGS, NO_FILE, 0, 0, 0);
       brk.store(addr, std::memory_order_relaxed);
@@ -221,7 +226,9 @@ std::int64_t detach_segment(const std::uint64_t* args) {
 // just unmapped may be mapped by another one and noted as code, before the first thread removes its note.
 std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::uint64_t* args) {
   pthread_mutex_lock(&engine.mapping_lock);
+  begin_mapping_change();
   const std::int64_t result = call(args);
+  end_mapping_change();
   pthread_mutex_unlock(&engine.mapping_lock);
   // Without the lock. Also for what another call has dropped and not settled yet: this call's memory may be what that
   // one has unmapped, and what the application puts there must not meet a thread with the old code.
