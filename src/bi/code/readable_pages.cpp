@@ -1,3 +1,4 @@
+// A place remembers one page of the many that share it. It is void when the state has moved on.
 #include "bi/code/readable_pages.h"
 
 #include <atomic>

@@ -1,5 +1,5 @@
-// Which pages the scanner has found readable, so that it asks the kernel once for each page and change of mappings. Each
-// thread remembers a few pages of its own; a number that all threads share says since when.
+// Which pages the scanner has found readable, so that it asks the kernel once for each page and change of mappings.
+// Each thread remembers a few pages of its own; a number that all threads share says since when.
 #pragma once
 
 #include <cstdint>
