@@ -111,9 +111,9 @@ int mora_run(int argc, char** argv, char** envp) {
   engine.argv = argv;
   pthread_mutex_init(&engine.thread_list_lock, nullptr);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
-  interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
   interval_map_init(&engine.attached_segments, EXEC_RANGES_CAPACITY);
   pthread_mutex_init(&engine.mapping_lock, nullptr);
+  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
   pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
   install_sigill_handler();
   install_last_words();
@@ -128,6 +128,7 @@ int mora_run(int argc, char** argv, char** envp) {
   current_thread = thread;
   init_thread(thread);
   thread->tid = gettid();
+  thread->process = getpid();
   use_signal_stack(thread);
   register_thread(thread, false);
   catch_ending_signals();

@@ -4,8 +4,8 @@
 // in the code cache of the thread, one fragment at a time.
 //
 // Who may touch what: a thread_data, with all that it holds, belongs to its own thread. There are two exceptions.
-// mora_terminate reads `next`, `status` and `tid` under thread_list_lock. A signal may change the counters of pending
-// signals at any moment. Code caches are private to a thread, so patching code needs no lock.
+// mora_terminate and settle_code_epoch read some fields under thread_list_lock. A signal may change the counters of
+// pending signals at any moment. Code caches are private to a thread, so patching code needs no lock.
 #pragma once
 
 #include <pthread.h>
@@ -41,6 +41,7 @@ inline constexpr std::int32_t MAX_TRACE_FRAGMENTS = 21;
 inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;    // No trace begins here or higher in the cache.
 inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;  // No trace begins with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
+inline constexpr std::size_t FRAGMENT_CHAINS = 4096;
 inline constexpr int SIGNAL_COUNT = 65;                   // Signal numbers from 1; 0 is unused.
 inline constexpr std::size_t SCAN_WORDS = 16384;          // How many source words of a fragment are kept.
 inline constexpr std::size_t SOURCE_MARKS_PER_WORD = 32;  // Two bits for each word of the code cache.
@@ -57,10 +58,11 @@ enum bb_exit_kind : std::uint32_t {
   EXIT_DIRECT = 3,      // B, BL.
   EXIT_REGISTER = 4,    // BR, BLR, RET, and those to signed addresses.
   EXIT_B_COND = 5,
-  EXIT_CBZ = 6,      // CBZ, CBNZ.
-  EXIT_TBZ = 7,      // TBZ, TBNZ.
-  EXIT_TRACE = 8,    // The trampoline of a trace's exit.
-  EXIT_COMPARE = 9,  // CB<cc>, CBB<cc>, CBH<cc>.
+  EXIT_CBZ = 6,            // CBZ, CBNZ.
+  EXIT_TBZ = 7,            // TBZ, TBNZ.
+  EXIT_TRACE = 8,          // The trampoline of a trace's exit.
+  EXIT_COMPARE = 9,        // CB<cc>, CBB<cc>, CBH<cc>.
+  EXIT_INVALIDATION = 10,  // IC IVAU: the dispatcher drops a line's code and goes on behind it.
 };
 
 // Values of bb_meta::link_state. A first link is 1 or 2. The value 4 is ORed in; it means one thing for a block and
@@ -147,6 +149,7 @@ struct thread_data {
   void* plugin_thread_data[MAX_PLUGINS];
   std::uint64_t clone_resume_addr;  // Source address where a new thread starts.
   std::int32_t tid;
+  std::int32_t process;       // The id of the process that it belongs to.
   std::int32_t* set_tid;      // The parent's word that receives the child's thread id.
   std::uint64_t* clone_args;  // The parent's save area.
   std::uint64_t child_stack;  // The application's stack of a new thread.
@@ -156,11 +159,11 @@ struct thread_data {
   page_range kept_stack;           // What a thread that has unmapped its own stack still stands on, see handle_munmap.
   std::uint64_t clone_x3;          // What the parent had in x3; `clone_args` has the new thread's TLS there.
   std::uint8_t clone_shares_vm;
-  std::int32_t pending_signals[SIGNAL_COUNT];
-  std::int32_t pending_signal_count;  // Their sum; the reentry stub reads it on every way back into the cache.
-  std::uint64_t engine_sp;            // Stack pointer at the thread's start, to leave it by.
-  robin_map return_watch;             // For post-function events.
-  std::uint64_t syscall_args;         // The first argument of the call, for the post-syscall callback.
+  std::int32_t pending_signals[SIGNAL_COUNT];  // By number; 0: visits that others have asked for (code_epoch.h).
+  std::int32_t pending_signal_count;           // Their sum; the reentry stub reads it on every way back into the cache.
+  std::uint64_t engine_sp;                     // Stack pointer at the thread's start, to leave it by.
+  robin_map return_watch;                      // For post-function events.
+  std::uint64_t syscall_args;                  // The first argument of the call, for the post-syscall callback.
   std::uint64_t* return_stack_top;
   std::uint64_t return_stack[RETURN_STACK_SIZE];
   // How those who wait for the thread learn of its end, see kernel/threads.cpp.
@@ -186,6 +189,7 @@ struct thread_data {
   std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
   // Of a child in its parent's memory, see kernel/vfork.h. Its own handlers, unless the call shares them.
   std::uint8_t is_vfork_child;
+  thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
   std::uint8_t shares_descriptors;
   std::uint64_t* own_handlers;
   std::uint64_t own_handler_table[SIGNAL_COUNT];
@@ -194,7 +198,19 @@ struct thread_data {
   application_stack own_stack;       // The application's.
   application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
   std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
-  held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
+  held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
+  // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
+  std::uint64_t code_epoch;           // The epoch up to which this thread has dropped what others have dropped.
+  std::uint64_t acknowledged_epoch;   // It begins no more blocks from before this one.
+  std::uint32_t runs_call;            // It handles a system call, and looks at the epoch afterwards.
+  std::uint64_t invalidated_address;  // Of an IC IVAU, on the way to the dispatcher.
+  std::uint32_t visit_wanted;         // A signal is being sent to it that makes it look.
+  // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
+  // one. 0: none, or not noted; -1: the last one.
+  std::int32_t fragment_chains[FRAGMENT_CHAINS];
+  std::int32_t chain_next[BB_META_COUNT];
+  std::uint64_t longest_fragment_pages;                // How far a fragment reaches beyond its first page at most.
+  std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
 };
 
 // Process-wide state, each part under the lock that is named with it.
@@ -216,9 +232,7 @@ struct engine_globals {
   // heap as they are between two callbacks. Taken after brk_lock and before function_watch_lock.
   pthread_rwlock_t callbacks_lock;
   pthread_mutex_t function_watch_lock;
-  robin_map function_watches;     // Function address to its record. Under function_watch_lock.
-  interval_map protected_ranges;  // Executable by mprotect or moved by mremap, not in exec_ranges. Has its own lock.
-  std::uint32_t code_ranges_dropped;  // One of the two maps was full once. Relaxed atomic.
+  robin_map function_watches;  // Function address to its record. Under function_watch_lock.
   // Held over a call that changes the application's mappings, and over what the engine notes of it. Taken after
   // brk_lock and before callbacks_lock.
   pthread_mutex_t mapping_lock;
@@ -228,6 +242,11 @@ struct engine_globals {
   std::int32_t process;
   std::int32_t ending_signal;  // By which signal the process ends, and when it came; 0: none. Both are set before
   std::int64_t ending_time;    // exit_flag and read after it.
+  // How often code has been dropped, and up to which number every thread has followed: see code_epoch.h. Atomics.
+  std::uint64_t begun_code_epoch;  // One ahead of code_epoch while a drop is being noted.
+  std::uint64_t code_epoch;
+  std::uint64_t settled_code_epoch;
+  pthread_mutex_t code_epoch_lock;  // Held while a drop is noted. Taken last.
 };
 
 extern engine_globals engine;

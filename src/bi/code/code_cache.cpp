@@ -8,9 +8,11 @@
 #include "bi/a64/helpers.h"
 #include "bi/code/code_words.h"
 #include "bi/code/dispatcher.h"
+#include "bi/code/drop_range.h"
 #include "bi/plugins/function_watch.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scanner.h"
+#include "bi/code/source_map.h"
 #include "bi/code/stubs.h"
 #include "bi/code/traces.h"
 #include "common/log.h"
@@ -64,6 +66,7 @@ void flush_code_cache(thread_data* thread) {
   }
   std::memset(thread->exit_counters, trace_options.hot_mark, sizeof thread->exit_counters);
   forget_function_entries(thread);
+  forget_noted_fragments(thread);
   linked_pool_init(thread->cc_link_pool, LINK_POOL_CAPACITY);
   start_without_fragments(thread);
 }
@@ -72,21 +75,33 @@ std::uint64_t stub_bb(thread_data* thread, std::uint64_t source) {
   // As for a block that is scanned.
   if (!hash_has_room(&thread->entry_table.table, source)) flush_code_cache(thread);
   const std::int32_t bb_id = allocate_bb(thread);
+  const std::uint64_t address = make_stub_block(thread, bb_id, source);
+  enter_block(thread, source, bb_id);
+  return address;
+}
+
+void enter_block(thread_data* thread, std::uint64_t key, std::int32_t bb_id) {
+  if (hash_add(&thread->entry_table.table, key, thread->metas[bb_id].cache_entry)) return;
+  log(LEVEL_FATAL, "failed to add hash table entry for newly created stub basic block");
+}
+
+std::uint64_t make_stub_block(thread_data* thread, std::int32_t bb_id, std::uint64_t source) {
   const std::uint64_t address = address_of(block_address(thread, bb_id));
   log(LEVEL_TRACE, "stub BB: 0x%lx", address);
   auto* write = reinterpret_cast<std::uint32_t*>(address);
+  begin_source_marks(thread, write);  // No word of it stands for a source word.
   bb_meta& meta = thread->metas[bb_id];
   meta.source_addr = source;
   meta.cache_entry = address;
   meta.exit_kind = EXIT_STUB_BLOCK;
   meta.exit_code_addr = write + 1;
+  meta.link_state = LINK_NONE;
   meta.taken_source_addr = source;
   *write++ = POP_X0_X1;
   a64_push_x0_x1(&write);
   a64_branch_jump(thread, &write, source, bb_id);
-  if (!hash_add(&thread->entry_table.table, source, address)) {
-    log(LEVEL_FATAL, "failed to add hash table entry for newly created stub basic block");
-  }
+  end_source_marks(thread, write);
+  clear_instruction_cache(reinterpret_cast<std::uint32_t*>(address), write);
   return address;
 }
 
@@ -95,10 +110,7 @@ std::uint64_t lookup_or_stub(thread_data* thread, std::uint64_t source) {
   log(LEVEL_TRACE, "thread_data: %p", static_cast<void*>(thread));
   const std::uint64_t found = hash_lookup_entry(thread, source);
   if (found != HASH_MISS) return found;
-  const std::uint64_t address = stub_bb(thread, source);
-  auto* block = reinterpret_cast<std::uint8_t*>(address);
-  clear_instruction_cache(block, block + BB_SIZE + 1);
-  return address;
+  return stub_bb(thread, source);
 }
 
 std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id) {
@@ -123,6 +135,7 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
   const std::uint32_t length = scan_fragment(thread, words, bb_id, FRAGMENT_BLOCK, nullptr);
   const bool flushed = thread->flush_seen != 0;
   thread->flush_seen |= seen_before;
+  if (!flushed) note_fragment(thread, bb_id);  // Otherwise it is forgotten, and runs once more.
 
   // Nothing but the words written is cleared: the rest of the cache has not changed. A block that was continued after a
   // flush inside the scan lies in two ranges, one up to the end of the area and one from its start. A block that was

@@ -25,6 +25,9 @@ std::int32_t allocate_bb(thread_data* thread);
 void flush_code_cache(thread_data* thread);
 
 // A block's address before the block is scanned: its code comes to the dispatcher, which has it scanned in its place.
+// The first function makes it of a block that there is, and leaves the entry table to the second.
+std::uint64_t make_stub_block(thread_data* thread, std::int32_t bb_id, std::uint64_t source);
+void enter_block(thread_data* thread, std::uint64_t key, std::int32_t bb_id);
 std::uint64_t stub_bb(thread_data* thread, std::uint64_t source);
 std::uint64_t lookup_or_stub(thread_data* thread, std::uint64_t source);
 

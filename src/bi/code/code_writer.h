@@ -135,6 +135,7 @@ struct system_register {
 };
 
 inline constexpr system_register TPIDR_EL0 = {1, 3, 13, 0, 2};
+inline constexpr system_register CTR_EL0 = {1, 3, 0, 0, 1};
 inline constexpr system_register NZCV = {1, 3, 4, 2, 0};
 
 constexpr bool operator==(const system_register& left, const system_register& right) {

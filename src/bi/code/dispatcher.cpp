@@ -19,6 +19,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/code/code_words.h"
 #include "bi/code/code_writer.h"
 #include "bi/code/exit_branch.h"
@@ -164,6 +165,11 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
     next_addr[1] = stripped;  // Held signals find it as their pc.
   }
   log(LEVEL_TRACE, "source block index: %d", source_index);
+  if (thread->metas[source_index].exit_kind == EXIT_INVALIDATION) {
+    invalidate_line(thread, without_tag(thread->invalidated_address));
+    source_index = 0;
+  }
+  if (follow_code_epoch(thread)) source_index = 0;  // The fragment that was left may be gone: it gets no link.
   if (keeps_below_sp(thread)) {
     const bool keeps = still_keeps_below_sp(thread, next_addr);
     log(LEVEL_TRACE, "a new thread's block, which is not linked; the next one: %d", keeps);

@@ -4,13 +4,22 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/readable_pages.h"
 #include "bi/code/scanner.h"
+#include "bi/code/translated_pages.h"
 #include "bi/kernel/memory_probe.h"
 
 namespace ceilmeter {
 
 // The eight bytes that hold the word must not reach into the next page.
-bool is_readable(const std::uint32_t* word) { return is_readable(address_of(word) & ~std::uint64_t{7}); }
+bool is_readable(const std::uint32_t* word) {
+  const std::uint64_t bytes = address_of(word) & ~std::uint64_t{7};
+  if (is_known_readable(bytes)) return true;
+  const std::uint64_t asked_at = mapping_state();
+  if (!is_readable(bytes)) return false;
+  remember_readable(bytes, asked_at);
+  return true;
+}
 
 bool is_compare_and_branch(std::uint32_t word) {
   exit_branch branch{};
@@ -33,12 +42,28 @@ bool is_first_of_its_block(std::uint32_t word, int inst) {
   return is_vector != 0 && opc == 3;
 }
 
+void mark_before_load(source_window& window, const std::uint32_t* place) {
+  const std::uint64_t line = address_of(place) & ~(TRANSLATED_LINE - 1);
+  if (!window.is_translated || line == window.marked_line) return;
+  mark_translated(line, line + TRANSLATED_LINE);
+  window.marked_line = line;
+}
+
+namespace {
+
+// Relaxed: a thread that patches code makes the new word known by means of its own. Here a word only has to be whole.
+std::uint32_t load_word(source_window& window, const std::uint32_t* place) {
+  mark_before_load(window, place);
+  return __atomic_load_n(place, __ATOMIC_RELAXED);
+}
+
+}  // namespace
+
 std::uint32_t word_at(source_window& window, const std::uint32_t* place) {
   const auto index = static_cast<std::size_t>(place - window.first);
-  // Relaxed: a thread that patches code makes the new word known by means of its own. Here a word only has to be whole.
-  if (index >= window.room) return __atomic_load_n(place, __ATOMIC_RELAXED);
+  if (index >= window.room) return load_word(window, place);
   for (; window.count <= index; ++window.count) {
-    window.kept[window.count] = __atomic_load_n(window.first + window.count, __ATOMIC_RELAXED);
+    window.kept[window.count] = load_word(window, window.first + window.count);
   }
   return window.kept[index];
 }
@@ -47,6 +72,7 @@ fragment_end find_end(source_window& window, const std::uint32_t* read) {
   for (;; ++read) {
     if (begins_unreadable_page(read)) return {read, false};
     const std::uint32_t word = word_at(window, read);
+    if (is_invalidation(word)) return {read, false};
     switch (const int inst = a64_decode(&word)) {
       case A64_CBZ:
       case A64_B_COND:
@@ -72,6 +98,7 @@ bool begins_between_exclusives(source_window& window, const std::uint32_t* read)
   for (const std::uint32_t* end = read + furthest; read != end; ++read) {
     if (begins_unreadable_page(read)) return false;
     const std::uint32_t word = word_at(window, read);
+    if (is_invalidation(word)) return false;
     switch (const int inst = a64_decode(&word)) {
       case A64_LDX_STX:
         if (is_store_exclusive(word)) return true;
@@ -107,6 +134,7 @@ std::uint64_t count_source_words(const std::uint32_t* read_address) {
   if (!is_readable(read_address)) return 0;
   // A word that begins its own block does not end the fragment that begins with it.
   source_window window{read_address};
+  window.is_translated = false;
   const bool stands_alone = begins_its_own_block(word_at(window, read_address));
   const std::uint32_t* end = find_end(window, stands_alone ? read_address + 1 : read_address).word;
   return static_cast<std::uint64_t>(end - read_address) + 1;

@@ -21,7 +21,13 @@ struct source_window {
   std::uint32_t* kept = nullptr;
   std::size_t room = 0;   // Words.
   std::size_t count = 0;  // How many are there.
+  // Whether what is loaded will be translated. Its lines are then marked (translated_pages.h) before they are loaded.
+  bool is_translated = true;
+  std::uint64_t marked_line = 0;  // The last one.
 };
+
+// Before anything is asked or read of the word at `place`: who changes it afterwards finds the mark.
+void mark_before_load(source_window& window, const std::uint32_t* place);
 
 // The word at `place`, which lies at or behind window.first. All words up to it can be read.
 std::uint32_t word_at(source_window& window, const std::uint32_t* place);
@@ -50,6 +56,9 @@ inline bool is_load_exclusive(std::uint32_t word) {
 // before anything that begins a pair, gives one up or may lead elsewhere. Only a distance that a program can rely on is
 // looked at: the architecture promises that a pair succeeds for pairs of up to 128 bytes.
 bool begins_between_exclusives(source_window& window, const std::uint32_t* read);
+
+// IC IVAU, the invalidation of a line of instructions. It ends a fragment.
+inline bool is_invalidation(std::uint32_t word) { return (word & ~std::uint32_t{31}) == 0xd50b7520; }
 
 // Whether the word can be read.
 bool is_readable(const std::uint32_t* word);

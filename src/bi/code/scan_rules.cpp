@@ -100,6 +100,9 @@ void rewrite_system_register(scan_state& state) {
   if (!(named == TPIDR_EL0)) {
     if (starts_streaming(state.word)) refuse_streaming(state);
     code.word(state.word);
+    // Without DIC a program that writes code has to invalidate the lines (IC IVAU). So the engine hears of it.
+    constexpr std::uint64_t dic = std::uint64_t{1} << 29;
+    if (named == CTR_EL0 && is_read != 0 && reg != xzr.number) code.and_(x_register{reg}, x_register{reg}, ~dic);
     return;
   }
   // TPIDR_EL0 itself always holds the value of the tool's C library.

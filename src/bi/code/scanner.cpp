@@ -151,6 +151,23 @@ void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_bra
   state.stop = true;
 }
 
+// IC IVAU says that what was fetched of a line is void. It is executed: another process may run the same memory. Then
+// the fragment ends: the dispatcher drops what was translated of the line, perhaps this very fragment, and goes on at
+// the next word.
+void rewrite_invalidation(scan_state& state) {
+  const code_writer code{state.write};
+  const std::uint64_t next = address_of(state.read + 1);
+  const x_register line{state.word & 31};
+  code.word(state.word);
+  begin_exit(state, EXIT_INVALIDATION, next, 0);
+  code.push(x0, x1);
+  const x_register place = line.number == x0.number ? x1 : x0;
+  code.load_const(place, address_of(&state.thread->invalidated_address));
+  code.str(line, at(place));
+  a64_branch_jump(state.thread, &state.write, next, state.bb_id);
+  state.stop = true;
+}
+
 // Ends the block before the word, which begins a block of its own. The exit is a direct branch to the word, and is
 // linked like any other. Otherwise code that the decoder does not know, such as SVE code, would pass through the
 // dispatcher at each word.
@@ -178,6 +195,10 @@ void rewrite_unknown(scan_state& state) {
 }
 
 void rewrite(scan_state& state, int inst) {
+  if (is_invalidation(state.word)) {
+    rewrite_invalidation(state);
+    return;
+  }
   switch (inst) {
     case A64_CBZ:
     case A64_TBZ:
@@ -205,10 +226,12 @@ void log_word(const scan_state& state, int inst) {
 }
 
 void scan_word(scan_state& state) {
+  const std::uint32_t* const read = state.read;
   const int inst = a64_decode(&state.word);
   if (log_state::engine_log_level >= LEVEL_TRACE) log_word(state, inst);
   mark_source(state.thread, state.write, MARK_SOURCE);
   const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
+  if (state.read != read) state.word = word_at(state.source, state.read);  // A plug-in has gone elsewhere.
   if (!replaced) rewrite(state, inst);
   if (state.write >= state.limit) {
     log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit),
@@ -259,6 +282,38 @@ void scan_words(scan_state& state) {
       if (state.starts_behind_store) deliver_late_start(state, first);
     }
   }
+}
+
+struct counter_words {
+  std::uint32_t* first;  // Null: there is no hot counter.
+  const std::uint32_t* end;
+};
+
+// The code in front of the fragment's first word.
+counter_words put_start(scan_state& state, const std::uint32_t* first) {
+  counter_words counter{};
+  // The code at a watched function's entry has to see the registers as they are there.
+  state.starts_behind_store = begins_between_exclusives(state.source, first) && !is_watched_function(first);
+  if (!state.starts_behind_store) {
+    const bool counts =
+        state.type == FRAGMENT_BLOCK && !keeps_below_sp(state.thread) && find_end(state.source, first).is_direct_branch;
+    if (counts) {
+      counter.first = state.write;
+      put_hot_counter(state);
+      counter.end = state.write;
+    }
+    deliver_start(state, first, true);
+  }
+  // No hot counter for the others: where it is the store has been made, and a trace would begin with making it again.
+  raise_sp(state);
+  return counter;
+}
+
+// A block that cannot be a trace's head does not count. Its end is not the one that was looked for ahead if a plug-in
+// has gone elsewhere, or if another thread has changed it behind what is kept of the source.
+void leave_out_counter(const bb_meta& meta, const counter_words& counter) {
+  if (counter.first == nullptr || meta.exit_kind == EXIT_NOT_SET || is_direct_exit(meta.exit_kind)) return;
+  a64_branch(counter.first, address_of(counter.end));
 }
 
 // Makes the record one without an exit. A signal may come before the fragment's exit is written, and must not take the
@@ -331,6 +386,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   clear_exit(meta, cache_end);
   begin_source_marks(thread, start);
 
+  mark_before_load(state.source, read_address);  // Before the question: who maps something there finds the mark.
   if (!is_readable(read_address)) {
     raise_sp(state);
     put_fault(state);
@@ -338,21 +394,12 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
     end_source_marks(thread, state.write);
     return static_cast<std::uint32_t>(state.write - start) * 4;
   }
-  // The code at a watched function's entry has to see the registers as they are there.
-  state.starts_behind_store =
-      begins_between_exclusives(state.source, read_address) && !is_watched_function(read_address);
-  if (!state.starts_behind_store) {
-    const bool counts =
-        type == FRAGMENT_BLOCK && !keeps_below_sp(thread) && find_end(state.source, read_address).is_direct_branch;
-    if (counts) put_hot_counter(state);
-    deliver_start(state, read_address, true);
-  }
-  // No hot counter for the others: where it is the store has been made, and a trace would begin with making it again.
-  raise_sp(state);
+  const counter_words counter = put_start(state, read_address);
   scan_words(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
   meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
+  leave_out_counter(meta, counter);
   end_source_marks(thread, state.write);
   return static_cast<std::uint32_t>(state.write - start) * 4;
 }

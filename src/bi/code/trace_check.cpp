@@ -5,6 +5,7 @@
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/code_words.h"
+#include "bi/code/drop_range.h"
 #include "bi/code/exit_branch.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/code/scanner.h"
@@ -43,6 +44,21 @@ std::uint64_t entry_of(const thread_data* thread, std::uint64_t source) {
   return hash_lookup_entry(thread, source) + ENTRY_WORD_SIZE;
 }
 
+// A branch to a trace that was dropped goes on to the trace's head block.
+void follow_dropped_trace(const thread_data* thread, std::uint64_t* from, std::uint64_t* arrives) {
+  if (!is_in_traces(thread, *arrives)) return;
+  std::int32_t id = addr_to_fragment_id(thread, *arrives);
+  demand(id >= BB_COUNT, "a branch into the trace area leads to no fragment", *from, *arrives);
+  // The head may be of one word, its entry.
+  while (id > BB_COUNT && !is_trace_head(thread, id)) --id;
+  const bool is_entry = thread->metas[id].cache_entry + ENTRY_WORD_SIZE == *arrives;
+  if (!is_dropped_head(thread, id) || !is_entry) return;
+  const std::uint32_t* word = words_at(*arrives);
+  demand(a64_decode(word) == A64_B, "a dropped trace does not lead to its head", *from, *arrives);
+  *from = *arrives;
+  *arrives = branch_destination(*word, word);
+}
+
 // Checks that the branch from `from` to `to` leads to the fragment of `source`.
 void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, std::uint64_t source) {
   std::uint64_t arrives = to;
@@ -62,10 +78,15 @@ void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, 
       for (std::uint64_t word = 0; word < copied; ++word) same = same && words_at(to)[word] == original[word];
       const bool blank = copied == 2 && words_at(to)[0] == NOP && words_at(to)[1] == NOP;
       const bool moved = blank && is_in_traces(thread, rejoins);
-      demand(same || moved, "a trampoline's words are not those that it stands for", to, rejoins);
+      demand(same || blank, "a trampoline's words are not those that it stands for", to, rejoins);
       arrives = moved && rejoins == entry_of(thread, source) ? rejoins : address_of(original);
+      if (blank && rejoins == entry_of(thread, source)) {
+        arrives = rejoins;
+        from = address_of(last);
+      }
     }
   }
+  follow_dropped_trace(thread, &from, &arrives);
   demand(arrives == entry_of(thread, source), "a branch does not lead where the application goes", from, source);
   if (!is_in_traces(thread, arrives)) {
     const std::int32_t block = cc_addr_to_bb_id(thread, arrives);
@@ -156,6 +177,7 @@ bool check_trace_fragment(thread_data* thread, std::int32_t id) {
     return true;
   }
   check_inner_branches(thread, fragment, exit);
+  if (fragment.exit_kind == EXIT_INVALIDATION) return true;
   const bool follows_taken = (fragment.link_state & LINK_TAKEN_FIRST) != 0;
   const std::uint64_t path = follows_taken ? fragment.taken_source_addr : fragment.skipped_source_addr;
   if (is_conditional_exit(fragment.exit_kind)) {
@@ -171,6 +193,12 @@ bool check_trace_fragment(thread_data* thread, std::int32_t id) {
 // One trace, from its head on. Returns the first index behind it and its trampolines.
 std::int32_t check_trace(thread_data* thread, std::int32_t first) {
   const bb_meta& head = thread->metas[first];
+  demand(is_trace_head(thread, first), "a trace begins without a head", head.cache_entry, 0);
+  if (is_dropped_head(thread, first)) {
+    std::int32_t behind = first + 1;
+    while (behind < thread->trace_id && !is_trace_head(thread, behind)) ++behind;
+    return behind;
+  }
   demand(*words_at(head.cache_entry) == POP_X0_X1, "a trace has no entry word", head.cache_entry, 0);
   demand(hash_lookup_entry(thread, head.source_addr) == head.cache_entry, "the table does not find a trace",
          head.cache_entry, head.source_addr);

@@ -23,6 +23,7 @@
 #include "bi/a64/helpers.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/code_words.h"
+#include "bi/code/drop_range.h"
 #include "bi/code/exit_branch.h"
 #include "bi/engine_switches.h"
 #include "bi/signals/exit_trap.h"
@@ -62,13 +63,34 @@ void move_trampoline(thread_data* thread, std::uint64_t tramp, std::uint64_t to)
   count_trace_event(trace_counts.moved_trampolines);
 }
 
-// Leads a link of another trace to the new trace: a closing branch, or an exit.
-void patch_trace_branches(thread_data* thread, std::uint32_t* place, std::uint64_t to) {
+// Whether a branch to `to` goes to the head, or to a trampoline that leads there.
+bool leads_to_head(const thread_data* thread, std::uint64_t to, const bb_meta& head) {
+  if (to == head.cache_entry + ENTRY_WORD_SIZE) return true;
+  const std::int32_t id = is_in_traces(thread, to) ? addr_to_fragment_id(thread, to) : -1;
+  return id >= BB_COUNT && thread->metas[id].exit_kind == EXIT_TRACE && thread->metas[id].cache_entry == to &&
+         thread->metas[id].source_addr == head.source_addr;
+}
+
+// A trampoline without copied words whose branch at `place` was led elsewhere.
+void note_moved_trampoline(thread_data* thread, const std::uint32_t* place, std::uint64_t to) {
+  bb_meta& record = thread->metas[addr_to_fragment_id(thread, address_of(place))];
+  if (record.exit_kind == EXIT_TRACE && record.exit_code_addr == place) record.rejoin_cache_addr = to;
+}
+
+// Leads a link of another trace to the new trace: a closing branch, or an exit. The record is stale if the trace was
+// dropped and its first word is a branch to its own head now, or if the exit leads to a trace that was dropped: that
+// one's word is noted too.
+void patch_trace_branches(thread_data* thread, const bb_meta& head, std::uint32_t* place, std::uint64_t to) {
   std::uint32_t* word = untrapped_word(thread, place);
   const int inst = a64_decode(word);
   exit_branch branch{};
+  if (find_branch_offset(*word).width != 0 && !leads_to_head(thread, branch_destination(*word, place), head)) {
+    count_trace_event(trace_counts.stale_links);
+    return;
+  }
   if (inst == A64_B) {
     *word = redirected_branch(*word, place, to);
+    note_moved_trampoline(thread, place, to);
     count_trace_event(trace_counts.moved_branches);
   } else if (!decode_exit_branch(*word, &branch)) {
     log(LEVEL_FATAL, "[install_trace] Linking instruction unknown at %p instruction %d", static_cast<void*>(place),
@@ -102,7 +124,7 @@ void move_links(thread_data* thread, const bb_meta& head) {
     log(LEVEL_TRACE, "Link from: 0x%lx, update to: 0x%lx", link->word, to);
     auto* place = reinterpret_cast<std::uint32_t*>(link->word);
     if (is_in_traces(thread, link->word)) {
-      patch_trace_branches(thread, place, to);
+      patch_trace_branches(thread, head, place, to);
     } else {
       patch_block_branch(thread, place, head.cache_entry + ENTRY_WORD_SIZE, to);
     }
@@ -125,6 +147,7 @@ std::uint32_t* make_trampoline(thread_data* thread, const trace_exit& exit, std:
   const bb_meta& target = thread->metas[exit_owner(thread, exit.to)];
   const auto* from = reinterpret_cast<const std::uint32_t*>(exit.to);
   record.source_addr = target.source_addr;
+  record.source_words = 1;
   record.cache_entry = address_of(tramp);
   record.exit_kind = EXIT_TRACE;
   record.link_state = LINK_TAKEN_FIRST;
@@ -212,6 +235,7 @@ void install_trace(thread_data* thread) {
   thread->trace_id = trace.id;
   thread->trace_write_cursor = reinterpret_cast<std::uint8_t*>(end);
   trace.write = end;
+  note_trace(thread, first, trace.source_bb);
   bar_head(head);
 
   count_trace_event(trace_counts.installed);

@@ -27,6 +27,7 @@
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/code/code_words.h"
 #include "bi/code/dispatcher.h"
 #include "bi/code/exit_branch.h"
@@ -184,7 +185,7 @@ bool extend_trace(thread_data* thread, std::uint32_t* write, std::uint64_t targe
   log(LEVEL_TRACE, "len: %ld", static_cast<long>(end - write + 1) * 4);
   *next_addr = address_of(end);
   trace.write = put_entry_snippet(end, write);
-  if (thread->metas[id].exit_kind == EXIT_REGISTER) {
+  if (thread->metas[id].exit_kind == EXIT_REGISTER || thread->metas[id].exit_kind == EXIT_INVALIDATION) {
     count_trace_event(trace_counts.ends_in_register_branch);
     install_trace(thread);
   }
@@ -237,6 +238,10 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
   const std::uint64_t source = head.source_addr;
   const std::uint32_t kind = head.exit_kind;
   ret[1] = source;
+  if (follow_code_epoch(thread)) {
+    go_on_in_block(thread, source, ret);
+    return;
+  }
   if (trace_options.off || kind == EXIT_NOT_SET) {
     // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0, so the block runs many
     // times before it comes here again.

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "bi/code/code_epoch.h"
 #include "bi/kernel/ending_threads.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/stub_layout.h"
@@ -61,11 +62,11 @@ void lock_all() {
   pthread_rwlock_wrlock(&engine.callbacks_lock);
   pthread_mutex_lock(&engine.function_watch_lock);
   pthread_mutex_lock(&engine.exec_ranges.lock);
-  pthread_mutex_lock(&engine.protected_ranges.lock);
+  pthread_mutex_lock(&engine.code_epoch_lock);
 }
 
 void unlock_all() {
-  pthread_mutex_unlock(&engine.protected_ranges.lock);
+  pthread_mutex_unlock(&engine.code_epoch_lock);
   pthread_mutex_unlock(&engine.exec_ranges.lock);
   pthread_mutex_unlock(&engine.function_watch_lock);
   pthread_rwlock_unlock(&engine.callbacks_lock);
@@ -82,7 +83,7 @@ void init_all_locks() {
   pthread_rwlock_init(&engine.callbacks_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
-  pthread_mutex_init(&engine.protected_ranges.lock, nullptr);
+  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
   pthread_mutex_init(&engine.attached_segments.lock, nullptr);  // Used under mapping_lock alone.
   pthread_mutex_init(&engine.mapping_lock, nullptr);
   pthread_mutex_init(&spare.lock, nullptr);
@@ -161,6 +162,7 @@ void reinit_after_fork(thread_data* thread) {
   engine.ending_signal = 0;
   current_thread = thread;
   thread->tid = gettid();
+  thread->process = getpid();
   // The thread is now the process's first one and no pthread of the C library any more. It ends as the parent's first
   // thread does, and the clone itself has told the kernel which word to clear then.
   thread->engine_sp = 0;
@@ -170,6 +172,7 @@ void reinit_after_fork(thread_data* thread) {
   std::memset(thread->pending_signals, 0, sizeof thread->pending_signals);
   thread->pending_signal_count = 0;
   forget_held_signals(thread->held);
+  forget_visits(thread);
   free_other_threads(thread);
   engine.thread_list = thread;
   thread->next = nullptr;

@@ -16,6 +16,7 @@
 
 #include "bi/kernel/call_mask.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/fork.h"
 #include "bi/plugins/plugin_delivery.h"
@@ -132,6 +133,9 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_dat
       return call_action::MAKE;
     case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
     case SYS_mprotect: *result = handle_mprotect(args); return call_action::HANDLED;
+    case SYS_membarrier:
+      settle_code_epoch(thread);  // One of its commands makes all threads see changed code.
+      return call_action::MAKE;
     // Made as it stands clone3 would start a thread on a stack without the wrapper's frame. As on a kernel that does
     // not have it, the C library falls back to clone.
     case SYS_clone3:
@@ -151,6 +155,14 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_dat
   }
 }
 
+// Code may have gone, or be about to change, by this thread's doing or another's. The rest of this block may be linked
+// to what has been made of it, or be made of it itself: the thread goes on in a block that knows of nothing.
+void return_behind_drops(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
+  if (follow_code_epoch(thread) || thread->flush_seen != 0) {
+    args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, next_inst);
+  }
+}
+
 }  // namespace
 
 void leave_syscall(thread_data* thread) {
@@ -159,7 +171,7 @@ void leave_syscall(thread_data* thread) {
   // the cache while the process is torn down: either it finds the flag, or mora_terminate finds it running and goes on
   // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
   std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
+  leave_call(thread);  // Its fence serves both.
   if (is_process_ending(thread)) abandon_thread(thread);
 }
 
@@ -170,11 +182,8 @@ void finish_handled(std::uint64_t number, std::uint64_t* args, std::uint64_t nex
                     std::uint64_t result) {
   deliver_post_syscall(thread, number, next_inst, &result);
   args[0] = result;
-  if (thread->flush_seen != 0) {
-    // Code has gone or is about to change. The rest of this block may be linked to what has been made of it: the thread
-    // goes on in a block that knows of nothing.
-    args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, next_inst);
-  }
+  leave_call(thread);
+  return_behind_drops(thread, args, next_inst);
   args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
 }
 
@@ -190,6 +199,7 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   if (plugins_listen()) thread->syscall_args = args[0];
   std::uint64_t result = 0;
   thread->flush_seen = 0;
+  enter_call(thread);
   if (!deliver_pre_syscall(thread, number, args, next_inst, &result)) {
     std::int64_t kernel_result = 0;
     switch (act_on_syscall(number, args, thread, &kernel_result)) {
@@ -198,7 +208,9 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
         // thread is in the kernel and then reads what the thread has counted.
         std::atomic_ref(thread->status).store(THREAD_IN_SYSCALL, std::memory_order_release);
         return 1;
-      case call_action::MAKE_FINAL: return 1;
+      case call_action::MAKE_FINAL:
+        leave_call(thread);  // It comes back to the dispatcher, by no other way.
+        return 1;
       case call_action::CLONE: return 2;
       case call_action::HANDLED: break;
     }
@@ -225,6 +237,7 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
   // These two cannot be made anew, since their arguments have been rewritten. Neither waits for a signal.
   if (number == SYS_rt_sigreturn || number == SYS_clone || !has_deliverable_signal(thread)) return judged;
   leave_syscall(thread);
+  follow_code_epoch(thread);
   restore_argument(thread, args, 0);
   const std::uint64_t call = next_inst - sizeof(std::uint32_t);
   args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, call);
@@ -248,6 +261,8 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
   }
   std::uint64_t result = args[0];
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
+  thread->flush_seen = 0;
+  return_behind_drops(thread, args, next_inst);
   args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
 }
 

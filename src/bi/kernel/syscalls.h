@@ -14,8 +14,8 @@ namespace ceilmeter {
 inline constexpr std::uint32_t VM_FLAG_APPLICATION = 0x20000000;
 inline constexpr std::uint32_t VM_FLAG_INTERPRETER = 0x40000000;
 
-// Keeps the engine's view of the application's memory: tells plug-ins, keeps exec_ranges, and flushes the calling
-// thread's cache when executable memory goes away. `addr` and `size` are whole pages.
+// Keeps the engine's view of the application's memory: tells plug-ins, keeps exec_ranges, and drops what was translated
+// of memory that goes away. `addr` and `size` are whole pages.
 void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_t prot, std::uint32_t flags,
                   std::int32_t fd, std::uint64_t offset, std::uint64_t old_addr, std::uint64_t old_size);
 

@@ -20,6 +20,7 @@
 #include <cstring>
 
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
 #include "bi/kernel/ending_threads.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/kernel/robust_list.h"
@@ -110,6 +111,8 @@ void copy_parent_frame(const thread_data* thread, const std::uint64_t* args) {
 }
 
 void leave_clone(thread_data* thread) {
+  leave_call(thread);
+  follow_code_epoch(thread);
   const std::uint64_t frame = engine_stack(thread) - SYSCALL_FRAME_SIZE;
   auto* area = reinterpret_cast<std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
   area[SYSCALL_X0 / 8] = 0;  // clone returns 0 in the child.
@@ -224,6 +227,7 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   thread->engine_sp = engine_sp;
   use_engine_stack(thread, engine_sp);
   thread->tid = gettid();
+  thread->process = getpid();
   forget_ending_thread(thread->tid);
   if ((args[0] & CLONE_PARENT_SETTID) != 0) store_tid(args[2], thread->tid);
   if ((args[0] & CLONE_CHILD_SETTID) != 0) store_tid(args[4], thread->tid);
@@ -237,6 +241,7 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   // Enter the list before the parent goes on. Otherwise a parent that ends at once would take itself for the last
   // thread and end the process. Do not enter it if the process is ending: mora_terminate may already have looked
   // through the list.
+  enter_call(thread);  // With all signals blocked nobody may wait for it.
   pthread_mutex_lock(&engine.thread_list_lock);
   const bool too_late = is_ending();
   if (!too_late) register_thread(thread, true);

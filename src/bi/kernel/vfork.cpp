@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 
+#include "bi/code/code_epoch.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/kernel/syscalls.h"
@@ -17,12 +18,24 @@
 
 namespace ceilmeter {
 
+namespace {
+
+// So that others find its epoch.
+void note_vfork_child(thread_data* thread, thread_data* child) {
+  pthread_mutex_lock(&engine.thread_list_lock);
+  thread->vfork_child = child;
+  pthread_mutex_unlock(&engine.thread_list_lock);
+}
+
+}  // namespace
+
 // In the child, on its part of the engine's stack.
 extern "C" void vfork_child_start(thread_data* child, std::uint64_t engine_stack_top) {
   current_thread = child;
   use_signal_stack(child);
   use_engine_stack(child, engine_stack_top);
   child->tid = gettid();
+  child->process = child->tid;
   copy_parent_frame(child, child->clone_args);
   if (has_own_descriptors(child)) close_noted_files();
   restore_signal_mask(child->saved_signal_mask);
@@ -48,6 +61,8 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
   child->clone_resume_addr = next_inst;
   child->clone_args = args;
 
+  enter_call(child);  // Until it runs application code nobody waits for it.
+  note_vfork_child(thread, child);
   // A signal that reached the child before it has a record would find its parent's.
   child->saved_signal_mask = block_all_signals();
   // As around a call that is let through: the parent is in the kernel, for as long as the child likes. Release: pairs
@@ -59,6 +74,7 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
   guarded_return_address = 0;
   guarded_engine_stack = engine_stack(thread);
   leave_syscall(thread);
+  note_vfork_child(thread, nullptr);
   const std::uint64_t mask = child->saved_signal_mask;
   mora_enter_callback();  // Part of a record is on the heap.
   free_thread_data(child);

@@ -8,11 +8,12 @@
 #include <sys/shm.h>
 #include <sys/syscall.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
-#include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
+#include "bi/code/readable_pages.h"
+#include "bi/code/shared_mappings.h"
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/pages.h"
 #include "bi/plugins/plugin_delivery.h"
@@ -60,81 +61,22 @@ void remove_function_watches(std::uint64_t start, std::uint64_t end) {
   pthread_mutex_unlock(&engine.function_watch_lock);
 }
 
-// Code is known by its range: exec_ranges has what was mapped executable, protected_ranges what became executable
-// later. A full map drops what it is given. From then on any range may hold code.
-bool may_hold_code(std::uint64_t start, std::uint64_t end) {
-  return interval_map_overlapping(&engine.exec_ranges, start, end) > 0 ||
-         interval_map_overlapping(&engine.protected_ranges, start, end) > 0 ||
-         std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
-}
+// Whatever the memory was and becomes: what has been translated of it is dropped. It may be other code when it is next
+// reached, or none, and then the fault is the application's. Code that becomes writable is about to change. A range
+// from which nothing was translated costs one look.
+void drop_range(std::uint64_t start, std::uint64_t end) { drop_code(current_thread, start, end); }
 
-void add_code(interval_map* ranges, std::uint64_t start, std::uint64_t end, std::int32_t fd) {
-  // Set the flag first; an extra flush is harmless.
-  if (interval_map_is_full(ranges)) std::atomic_ref(engine.code_ranges_dropped).store(1, std::memory_order_relaxed);
-  interval_map_add(ranges, start, end, fd);
-}
+void drop_range(page_range range) { drop_range(range.start, range.start + range.size); }
 
-// Takes the range out of both maps. If it held code, this thread flushes its cache; other threads keep their copies
-// until their own next flush.
-void forget_code(std::uint64_t start, std::uint64_t end) {
-  const bool dropped = std::atomic_ref(engine.code_ranges_dropped).load(std::memory_order_relaxed) != 0;
-  const bool was_mapped = interval_map_delete(&engine.exec_ranges, start, end) >= 1;
-  const bool was_protected = interval_map_delete(&engine.protected_ranges, start, end) >= 1;
-  if (was_mapped || was_protected || dropped) flush_code_cache(current_thread);
-}
-
-// Whether this thread has rewritten anything of the range since its last flush.
-bool has_rewritten(const thread_data* thread, std::uint64_t start, std::uint64_t end) {
-  const auto is_within = [=](const bb_meta& meta) {
-    return meta.source_addr < end && meta.source_addr + std::uint64_t{4} * meta.source_words > start;
-  };
-  return std::any_of(thread->metas, thread->metas + thread->next_block, is_within) ||
-         std::any_of(thread->metas + BB_COUNT, thread->metas + std::max(BB_COUNT, thread->active_trace.id), is_within);
-}
-
-// Something else was mapped over the range. A loader maps every library in one piece and then overlays it with the data
-// segments. If nothing has run from the range yet, the cache is kept.
-void forget_replaced_code(std::uint64_t start, std::uint64_t end) {
-  if (!may_hold_code(start, end)) return;
-  interval_map_delete(&engine.protected_ranges, start, end);
-  if (has_rewritten(current_thread, start, end)) flush_code_cache(current_thread);
-}
-
-// Code that becomes writable is about to change: the cache is flushed now, and the code is scanned again when it is
-// next reached. A change of code that is executable and writable at once is not seen here.
-void follow_protection(std::uint64_t start, std::uint64_t end, std::uint64_t prot) {
-  if ((prot & PROT_WRITE) != 0 && may_hold_code(start, end)) {
-    interval_map_delete(&engine.protected_ranges, start, end);
-    flush_code_cache(current_thread);
-  } else if ((prot & PROT_EXEC) == 0) {
-    // Forget code that may not be executed any more. When it is next reached, it faults if it cannot be read either.
-    // When it is executable again, it may be other code.
-    forget_replaced_code(start, end);
-  }
-  if ((prot & PROT_EXEC) != 0) add_code(&engine.protected_ranges, start, end, NO_FILE);
-}
-
-// Code has moved with its memory. Blocks of its old place, and of what was at its new place before, are flushed, and
-// the new place is known as code.
-void follow_move(page_range from, page_range to, bool replaces) {
-  if (replaces) forget_replaced_code(to.start, to.start + to.size);
-  const std::uint64_t end = from.start + from.size;
-  const bool was_protected = interval_map_delete(&engine.protected_ranges, from.start, end) >= 1;
-  if (was_protected) flush_code_cache(current_thread);
-  if (was_protected || interval_map_overlapping(&engine.exec_ranges, from.start, end) > 0) {
-    add_code(&engine.protected_ranges, to.start, to.start + to.size, NO_FILE);
-  }
-}
-
-// The old range stays known, with a descriptor of its own: plug-ins are told of it, and follow_move adds the new range.
+// The old range stays known, with a descriptor of its own: plug-ins are told of it.
 void remap_range(std::uint64_t start, std::uint64_t end, std::uint64_t old_addr) {
   interval_entry entry{};
   if (interval_map_search(&engine.exec_ranges, old_addr, &entry) != 1) return;
   // The entry's descriptor ends with the entry. A raw call leaves the errno of the C library alone.
   const auto duplicate = entry.fd < 0 ? std::int64_t{NO_FILE}
                                       : raw_syscall(SYS_fcntl, static_cast<std::uint64_t>(entry.fd), F_DUPFD_CLOEXEC);
-  forget_code(start, end);
-  add_code(&engine.exec_ranges, start, end, static_cast<std::int32_t>(duplicate));
+  interval_map_delete(&engine.exec_ranges, start, end);
+  interval_map_add(&engine.exec_ranges, start, end, static_cast<std::int32_t>(duplicate));
   if (duplicate >= 0) raw_syscall(SYS_close, static_cast<std::uint64_t>(duplicate));  // The map has its own by now.
 }
 
@@ -156,16 +98,17 @@ void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_
     case VM_MAP:
       if ((flags & VM_FLAG_APPLICATION) != 0) remember_application_path();
       if (!executable) break;
-      add_code(&engine.exec_ranges, addr, end, fd);
+      interval_map_add(&engine.exec_ranges, addr, end, fd);
       if (fd >= 0 && (flags & VM_FLAG_INTERPRETER) == 0) deliver_mapped_file(fd, addr);
       break;
     case VM_UNMAP:
       remove_function_watches(addr, end);
-      forget_code(addr, end);
+      interval_map_delete(&engine.exec_ranges, addr, end);
+      drop_range(addr, end);
       break;
     case VM_REMAP: remap_range(addr, end, old_addr); break;
     case VM_PROTECT:
-      if (executable) add_code(&engine.exec_ranges, addr, end, fd);
+      if (executable) interval_map_add(&engine.exec_ranges, addr, end, fd);
       break;
   }
 }
@@ -182,7 +125,11 @@ std::uint64_t brk_handler(std::uint64_t addr) {
   if (addr >= engine.initial_brk + page_size()) {
     const std::uint64_t old_size = brk.load(std::memory_order_relaxed) - engine.initial_brk;
     const std::uint64_t new_size = addr - engine.initial_brk;
+    pthread_mutex_lock(&engine.mapping_lock);
+    begin_mapping_change();
     const std::int64_t moved = raw_syscall(SYS_mremap, engine.initial_brk, old_size, new_size, 0);
+    end_mapping_change();
+    pthread_mutex_unlock(&engine.mapping_lock);
     if (moved == static_cast<std::int64_t>(engine.initial_brk)) {
       report_vm_op(VM_MAP, engine.initial_brk, new_size, PROT_READ | PROT_WRITE, BREAK_FLAGS, NO_FILE, 0, 0, 0);
       brk.store(addr, std::memory_order_relaxed);
@@ -209,8 +156,11 @@ std::int64_t map_memory(const std::uint64_t* args) {
   // them lie at the very top of the address space, where nothing is. This is known and kept.
   if (result < 0 && result > -34) return result;
   const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
-  if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) give_up_kept_stack(range);
-  if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) forget_replaced_code(range.start, range.start + range.size);
+  if (!is_error(result)) {
+    if ((args[3] & MAP_FIXED) != 0) give_up_kept_stack(range);
+    note_mapping(range.start, range.start + range.size, args[3], static_cast<std::int32_t>(args[4]), args[5]);
+    drop_range(range);
+  }
   // Report the protection that the application asked for, not the one that the kernel has.
   report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]),
                static_cast<std::uint32_t>(args[3]), static_cast<std::int32_t>(args[4]), args[5], 0, 0);
@@ -225,7 +175,7 @@ std::int64_t protect_memory(const std::uint64_t* args) {
   // Report the protection that the kernel has, not executable. exec_ranges holds mappings only, and a change of
   // protection does not widen it.
   report_vm_op(VM_PROTECT, range.start, range.size, static_cast<std::uint32_t>(prot), 0, NO_FILE, 0, 0, 0);
-  follow_protection(range.start, range.start + range.size, args[2]);
+  drop_range(range);
   return result;
 }
 
@@ -263,6 +213,7 @@ std::int64_t unmap_memory(const std::uint64_t* args) {
   }
   if (result != 0) return result;
   const page_range range = whole_page_range(args[0], args[1]);
+  forget_mapping(range.start, range.start + range.size);
   report_vm_op(VM_UNMAP, range.start, range.size, 0, 0, NO_FILE, 0, 0, 0);
   return result;
 }
@@ -270,10 +221,13 @@ std::int64_t unmap_memory(const std::uint64_t* args) {
 std::int64_t move_memory(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_mremap, args[0], args[1], args[2], args[3], args[4]);
   if (is_error(result)) return result;
-  // Plug-ins are told of the old address alone; follow_move notes the new one.
+  // Plug-ins are told of the old address alone.
   const page_range range = whole_page_range(args[0], args[1]);
   report_vm_op(VM_REMAP, range.start, range.size, static_cast<std::uint32_t>(args[2]), 0, NO_FILE, 0, args[0], args[1]);
-  follow_move(range, whole_page_range(static_cast<std::uint64_t>(result), args[2]), (args[3] & MREMAP_FIXED) != 0);
+  const page_range moved = whole_page_range(static_cast<std::uint64_t>(result), args[2]);
+  move_mapping(range.start, range.size, moved.start, moved.size);
+  drop_range(range);
+  drop_range(moved);
   return result;
 }
 
@@ -289,6 +243,7 @@ std::int64_t attach_segment(const std::uint64_t* args) {
   const auto address = static_cast<std::uint64_t>(result);
   interval_map_delete(&engine.attached_segments, address, address + size);
   interval_map_add(&engine.attached_segments, address, address + size, NO_FILE);
+  drop_range(address, address + size);
   report_vm_op(VM_MAP, address, size, prot, 0, NO_FILE, 0, 0, 0);
   return result;
 }
@@ -308,8 +263,13 @@ std::int64_t detach_segment(const std::uint64_t* args) {
 // just unmapped may be mapped by another one and noted as code, before the first thread removes its note.
 std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::uint64_t* args) {
   pthread_mutex_lock(&engine.mapping_lock);
+  begin_mapping_change();
   const std::int64_t result = call(args);
+  end_mapping_change();
   pthread_mutex_unlock(&engine.mapping_lock);
+  // Without the lock. Also for what another call has dropped and not settled yet: this call's memory may be what that
+  // one has unmapped, and what the application puts there must not meet a thread with the old code.
+  settle_code_epoch(current_thread);
   return result;
 }
 

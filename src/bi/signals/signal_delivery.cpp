@@ -1,6 +1,5 @@
 // The counters belong to their thread. Updates are atomic, because a nested signal can strike between a load and a
 // store.
-#include "bi/code/code_cache.h"
 #include "bi/signals/signal_delivery.h"
 
 #include <unistd.h>
@@ -9,6 +8,9 @@
 #include <csignal>
 
 #include "bi/signals/signals.h"
+#include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
+#include "bi/code/stub_layout.h"
 #include "bi/code/stubs.h"
 
 namespace ceilmeter {
@@ -18,6 +20,9 @@ namespace {
 constexpr std::uint32_t SYNCHRONOUS_SIGNALS = 0x800009b0;
 
 constexpr std::uint64_t NR_RT_SIGPROCMASK = 135;
+
+// In the frame of cache_reentry_stub, counted in words from the result area.
+constexpr int CACHE_ADDRESS = (REENTRY_NEXT - REENTRY_RESULT) / 8;
 
 std::uint64_t blocked_signals() {
   std::uint64_t mask = 0;
@@ -66,7 +71,10 @@ void count_visit(thread_data* thread) {
 }
 
 bool has_to_visit_engine(thread_data* thread) {
-  return std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0;
+  // What a thread in its cache has to drop comes as a visit, which is counted. A thread that leaves a call has been
+  // sent none: it looks by itself.
+  return std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0 ||
+         is_behind_code_epoch(thread);
 }
 
 void count_signal(thread_data* thread, const siginfo_t& info) {
@@ -98,9 +106,12 @@ bool has_deliverable_signal(thread_data* thread) {
   return false;
 }
 
-extern "C" std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t* info) {
+extern "C" std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info) {
   thread_data* thread = current_thread;
   if (is_process_ending(thread)) abandon_thread(thread);
+  take_visits(thread);
+  // What the stub is about to go to may be gone. Its frame has the two words below the result area.
+  if (follow_code_epoch(thread)) info[CACHE_ADDRESS] = lookup_or_scan(thread, target);
   // Read the sum before the counters. If a signal comes in between, the stub then asks again.
   const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const int signum = find_pending_signal(thread);

@@ -16,6 +16,8 @@
 
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/code_epoch.h"
+#include "bi/code/drop_range.h"
 #include "bi/signals/ending_signals.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/signals/last_words.h"
@@ -128,8 +130,8 @@ void handle_synchronous(thread_data* thread, const arrival& signal) {
   // For an undefined instruction or a breakpoint the kernel names the place of the instruction. For an access it
   // names the address accessed.
   if (reinterpret_cast<std::uint64_t>(info.si_addr) == pc) info.si_addr = reinterpret_cast<void*>(context.pc);
-  // Flush the block away: there may be code at its address later.
-  if (cannot_execute) flush_code_cache(thread);
+  // There may be code at its address later.
+  if (cannot_execute) drop_fragments(thread, context.pc, context.pc + sizeof(std::uint32_t));
   run_handler_of(thread, signal, action);
 }
 
@@ -163,6 +165,13 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
     if (id >= 0) trap_fragment_exit(thread, id, pc);
   }
   count_visit(thread);  // deliver_pending_signal ends the thread.
+}
+
+// Another thread has dropped code. This one goes on to the end of its basic block, and from there to the engine.
+void trap_next_exit(thread_data* thread, const mcontext_t& context) {
+  const std::uint64_t place = fragment_place(thread, context);
+  if (!is_in_code_range(thread, place)) return;
+  if (const std::int32_t id = exit_owner(thread, place); id >= 0) trap_fragment_exit(thread, id, place);
 }
 
 void end_by_fault(const thread_data* thread, const arrival& signal) {
@@ -234,6 +243,11 @@ void dispatch(thread_data* thread, arrival& signal) {
   const std::uint64_t pc = context.pc;
 
   if (is_process_ending(thread)) return lead_out(thread, signal, fault);
+  if (bool alone = false; signum == SIGILL && !fault && answer_visit(thread, signal.frame->info, &alone)) {
+    trap_next_exit(thread, context);
+    acknowledge_visit(thread);
+    if (alone) return;
+  }
   if (fault && is_stub_point(thread, pc, reentry_raise)) return raise_at_return(context);
   if (restore_application_context(thread, context, &signal.mask)) return run_handler(thread, signal);
   const std::uint64_t place = fragment_place(thread, context);

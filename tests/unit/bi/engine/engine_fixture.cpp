@@ -22,7 +22,7 @@ engine_test::engine_test() {
   pthread_mutex_init(&engine.brk_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
-  interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
+  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
   robin_map_init(&engine.function_watches, 264);
   if (!allocate_thread_data(&thread)) throw std::bad_alloc();
   current_thread = thread;

@@ -11,6 +11,7 @@
 
 #include "bi/kernel/standard_files.h"
 #include "bi/code/stubs.h"
+#include "bi/code/translated_pages.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {
@@ -37,11 +38,11 @@ TEST_F(syscall_handlers, a_thread_that_comes_back_while_the_process_ends_goes_no
   EXPECT_THROW(syscall_handler_post(SYS_getppid, args, next_inst, thread), thread_abandoned);
 }
 
-TEST_F(syscall_handlers, after_a_flush_the_thread_goes_on_in_a_new_block) {
+TEST_F(syscall_handlers, after_a_drop_the_thread_goes_on_in_a_new_block) {
   engine.plugin_count = 0;
   const std::uint64_t page = fake.page;
   void* code = mmap(nullptr, page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  interval_map_add(&engine.exec_ranges, address_of(code), address_of(code) + page, -1);
+  mark_translated(address_of(code), address_of(code) + 4);
   args[SYSCALL_CACHE_RETURN / 8] = 77;
   handled(SYS_munmap, {address_of(code), page});
   EXPECT_EQ(fake.flushes, 1);

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "bi/code/code_cache.h"
+#include "bi/code/drop_range.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/signals/signal_delivery.h"
 #include "bi/signals/signal_stack.h"
@@ -117,6 +118,11 @@ int unregister_thread(thread_data* thread, bool lock_held) {
   return 0;
 }
 
+bool drop_fragments(thread_data* thread, std::uint64_t, std::uint64_t) {
+  flush_code_cache(thread);
+  return true;
+}
+
 void flush_code_cache(thread_data* thread) {
   ++fake.flushes;
   thread->flush_seen = 1;
@@ -168,10 +174,9 @@ syscalls_test::syscalls_test()
   pthread_mutex_init(&engine.brk_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
-  interval_map_init(&engine.protected_ranges, EXEC_RANGES_CAPACITY);
+  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
   interval_map_init(&engine.attached_segments, EXEC_RANGES_CAPACITY);
   pthread_mutex_init(&engine.mapping_lock, nullptr);
-  engine.code_ranges_dropped = 0;
   robin_map_init(&engine.function_watches, 264);
   allocate_thread_data(&thread);
   map_signal_stack(thread);

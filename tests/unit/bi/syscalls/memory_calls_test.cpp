@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "bi/code/translated_pages.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {
@@ -23,11 +24,9 @@ class memory_calls : public syscalls_test {
     const auto at = static_cast<std::int64_t>(address);
     EXPECT_EQ(handled(SYS_mmap, {address, fake.page, prot, anonymous | MAP_FIXED, no_file, 0}), at);
   }
-  // A block of this thread's was made of that many words from there on.
-  void was_rewritten(std::uint64_t address, std::uint32_t words = 1) {
-    thread->next_block = 4;
-    thread->metas[3].source_addr = address;
-    thread->metas[3].source_words = words;
+  // Some thread has translated that many words from there on.
+  static void was_translated(std::uint64_t address, std::uint64_t words = 1) {
+    mark_translated(address, address + words * 4);
   }
   static std::int64_t known(std::uint64_t address, std::uint64_t size) {
     return interval_map_overlapping(&engine.exec_ranges, address, address + size);
@@ -99,126 +98,65 @@ TEST_F(memory_calls, memory_made_executable_stays_readable_and_not_executable_an
   munmap(reinterpret_cast<void*>(address), fake.page);
 }
 
-TEST_F(memory_calls, unmapping_code_that_was_made_executable_flushes) {
+TEST_F(memory_calls, unmapping_what_was_translated_drops_it_once_and_nothing_else) {
   const std::uint64_t address = map(2 * fake.page, PROT_READ | PROT_WRITE);
-  handled(SYS_mprotect, {address, fake.page, PROT_READ | PROT_EXEC});
+  was_translated(address);
   handled(SYS_munmap, {address + fake.page, fake.page});
   EXPECT_EQ(fake.flushes, 0);
   handled(SYS_munmap, {address, fake.page});
   EXPECT_EQ(fake.flushes, 1);
-}
-
-TEST_F(memory_calls, code_that_becomes_writable_is_forgotten_however_it_came_to_be_executable) {
-  const std::uint64_t mapped = map(fake.page, PROT_READ | PROT_EXEC);
-  const std::uint64_t made = map(fake.page, PROT_READ | PROT_WRITE);
-  handled(SYS_mprotect, {made, fake.page, PROT_READ | PROT_EXEC});
-  EXPECT_EQ(fake.flushes, 0);
-  handled(SYS_mprotect, {mapped, fake.page, PROT_READ | PROT_WRITE});
+  map_over(address, PROT_READ);
   EXPECT_EQ(fake.flushes, 1);
-  handled(SYS_mprotect, {made, fake.page, PROT_READ | PROT_WRITE});
-  EXPECT_EQ(fake.flushes, 2);
-  munmap(reinterpret_cast<void*>(mapped), fake.page);
-  munmap(reinterpret_cast<void*>(made), fake.page);
+  munmap(reinterpret_cast<void*>(address), fake.page);
 }
 
-TEST_F(memory_calls, code_that_stays_unwritable_and_data_that_becomes_writable_flush_nothing) {
-  const std::uint64_t code = map(fake.page, PROT_READ | PROT_EXEC);
-  const std::uint64_t data = map(fake.page, PROT_READ);
-  handled(SYS_mprotect, {code, fake.page, PROT_READ});
-  handled(SYS_mprotect, {code, fake.page, PROT_READ | PROT_EXEC});
-  handled(SYS_mprotect, {data, fake.page, PROT_READ | PROT_WRITE});
-  EXPECT_EQ(fake.flushes, 0);
-  munmap(reinterpret_cast<void*>(code), fake.page);
-  munmap(reinterpret_cast<void*>(data), fake.page);
-}
-
-TEST_F(memory_calls, code_that_becomes_writable_and_stays_executable_is_forgotten_too) {
+TEST_F(memory_calls, code_that_nobody_has_translated_may_come_and_go_for_nothing) {
   const std::uint64_t address = map(fake.page, PROT_READ | PROT_EXEC);
+  handled(SYS_mprotect, {address, fake.page, PROT_READ | PROT_WRITE});
+  handled(SYS_mprotect, {address, fake.page, PROT_READ | PROT_EXEC});
+  map_over(address, PROT_READ | PROT_EXEC);
+  handled(SYS_munmap, {address, fake.page});
+  EXPECT_EQ(fake.flushes, 0);
+  EXPECT_EQ(engine.code_epoch, 0u);
+}
+
+TEST_F(memory_calls, what_was_translated_and_becomes_writable_is_dropped) {
+  const std::uint64_t address = map(2 * fake.page, PROT_READ | PROT_EXEC);
+  was_translated(address + fake.page - 8, 2);  // Up to the page's end.
+  handled(SYS_mprotect, {address + fake.page, fake.page, PROT_READ | PROT_WRITE});
+  EXPECT_EQ(fake.flushes, 0);
   handled(SYS_mprotect, {address, fake.page, PROT_READ | PROT_WRITE | PROT_EXEC});
   EXPECT_EQ(fake.flushes, 1);
-  munmap(reinterpret_cast<void*>(address), fake.page);
+  handled(SYS_mprotect, {address, fake.page, PROT_READ | PROT_EXEC});
+  EXPECT_EQ(fake.flushes, 1);
+  munmap(reinterpret_cast<void*>(address), 2 * fake.page);
 }
 
-TEST_F(memory_calls, a_mapping_over_code_that_was_rewritten_flushes) {
-  const std::uint64_t address = map(4 * fake.page, PROT_READ | PROT_EXEC);
-  was_rewritten(address + fake.page + 8);
-  map_over(address, PROT_READ);
-  EXPECT_EQ(fake.flushes, 0);
+TEST_F(memory_calls, a_mapping_over_what_was_translated_drops_it) {
+  const std::uint64_t address = map(2 * fake.page, PROT_READ | PROT_EXEC);
+  was_translated(address + fake.page - 8, 3);  // A word of the second page, too.
   map_over(address + fake.page, PROT_READ);
   EXPECT_EQ(fake.flushes, 1);
-  munmap(reinterpret_cast<void*>(address), 4 * fake.page);
+  munmap(reinterpret_cast<void*>(address), 2 * fake.page);
 }
 
-TEST_F(memory_calls, a_mapping_over_code_flushes_for_a_block_that_reaches_into_it_by_a_word) {
-  const std::uint64_t address = map(4 * fake.page, PROT_READ | PROT_EXEC);
-  was_rewritten(address + fake.page - 8, 2);  // Up to the page's end.
-  map_over(address + fake.page, PROT_READ);
-  EXPECT_EQ(fake.flushes, 0);
-  was_rewritten(address + fake.page - 8, 3);
-  map_over(address + fake.page, PROT_READ | PROT_EXEC);
-  map_over(address + fake.page, PROT_READ);
-  EXPECT_GE(fake.flushes, 1);
-  munmap(reinterpret_cast<void*>(address), 4 * fake.page);
-}
-
-TEST_F(memory_calls, a_mapping_over_data_flushes_nothing) {
-  const std::uint64_t address = map(fake.page, PROT_READ);
-  was_rewritten(address);
-  map_over(address, PROT_READ | PROT_EXEC);
-  EXPECT_EQ(fake.flushes, 0);
-  munmap(reinterpret_cast<void*>(address), fake.page);
-}
-
-TEST_F(memory_calls, code_that_moves_is_forgotten_and_known_at_its_new_place) {
-  const std::uint64_t old_place = map(fake.page, PROT_READ | PROT_WRITE);
-  const std::uint64_t new_place = map(fake.page, PROT_READ);
-  handled(SYS_mprotect, {old_place, fake.page, PROT_READ | PROT_EXEC});
-  handled(SYS_mremap, {old_place, fake.page, fake.page, MREMAP_MAYMOVE | MREMAP_FIXED, new_place});
-  EXPECT_EQ(fake.flushes, 1);
-  handled(SYS_munmap, {new_place, fake.page});
-  EXPECT_EQ(fake.flushes, 2);
-}
-
-TEST_F(memory_calls, mapped_code_that_moves_is_known_at_its_new_place) {
+TEST_F(memory_calls, what_moves_is_dropped_at_both_places) {
   const std::uint64_t old_place = map(fake.page, PROT_READ | PROT_EXEC);
   const std::uint64_t new_place = map(fake.page, PROT_READ);
+  was_translated(old_place);
+  was_translated(new_place);
   handled(SYS_mremap, {old_place, fake.page, fake.page, MREMAP_MAYMOVE | MREMAP_FIXED, new_place});
-  EXPECT_EQ(fake.flushes, 1);
-  handled(SYS_munmap, {new_place, fake.page});
   EXPECT_EQ(fake.flushes, 2);
-}
-
-TEST_F(memory_calls, code_that_was_moved_over_is_forgotten_if_it_was_rewritten) {
-  const std::uint64_t data = map(fake.page, PROT_READ);
-  const std::uint64_t code = map(fake.page, PROT_READ | PROT_EXEC);
-  was_rewritten(code);
-  handled(SYS_mremap, {data, fake.page, fake.page, MREMAP_MAYMOVE | MREMAP_FIXED, code});
-  EXPECT_EQ(fake.flushes, 1);
-  munmap(reinterpret_cast<void*>(code), fake.page);
-}
-
-TEST_F(memory_calls, with_more_ranges_of_code_than_are_kept_every_range_may_be_one) {
-  const std::uint64_t ranges = 2 * EXEC_RANGES_CAPACITY + 2;
-  const std::uint64_t first = map(2 * ranges * fake.page, PROT_READ | PROT_WRITE);
-  const std::uint64_t data = map(fake.page, PROT_READ);
-  const auto place = [=](std::uint64_t index) { return first + 2 * index * fake.page; };
-  for (std::uint64_t index = 0; index < ranges; ++index) {
-    handled(SYS_mprotect, {place(index), fake.page, PROT_READ | PROT_EXEC});
-  }
-  EXPECT_EQ(fake.flushes, 0);
-  handled(SYS_mprotect, {place(ranges - 1), fake.page, PROT_READ | PROT_WRITE});
-  EXPECT_EQ(fake.flushes, 1);
-  handled(SYS_munmap, {data, fake.page});
-  EXPECT_EQ(fake.flushes, 2);
-  munmap(reinterpret_cast<void*>(first), 2 * ranges * fake.page);
+  munmap(reinterpret_cast<void*>(new_place), fake.page);
 }
 
 TEST_F(memory_calls, an_error_of_mprotect_is_returned) {
   EXPECT_EQ(handled(SYS_mprotect, {1, fake.page, PROT_EXEC}), -EINVAL);
 }
 
-TEST_F(memory_calls, unmapping_code_makes_it_unknown_and_flushes) {
+TEST_F(memory_calls, unmapping_code_makes_it_unknown_and_drops_it) {
   const std::uint64_t address = map(2 * fake.page, PROT_READ | PROT_EXEC);
+  was_translated(address + 2 * fake.page - 4);
   EXPECT_EQ(handled(SYS_munmap, {address + fake.page, fake.page - 5}), 0);
   EXPECT_EQ(fake.flushes, 1);
   EXPECT_EQ(known(address + fake.page, fake.page), 0);
@@ -241,7 +179,7 @@ TEST_F(memory_calls, mremap_moves_the_memory_and_the_known_range_stays) {
       static_cast<std::uint64_t>(handled(SYS_mremap, {address, fake.page, 8 * fake.page, MREMAP_MAYMOVE}));
   EXPECT_TRUE(is_readable_memory(moved + 8 * fake.page - 1));
   EXPECT_EQ(known(address, fake.page), 1);
-  EXPECT_EQ(fake.flushes, 1);
+  EXPECT_EQ(fake.flushes, 0);
   munmap(reinterpret_cast<void*>(moved), 8 * fake.page);
 }
 
@@ -275,6 +213,8 @@ TEST_F(shared_segments, an_error_of_shmat_is_returned_and_nothing_becomes_known)
 TEST_F(shared_segments, detaching_detaches_and_makes_the_code_of_the_segment_unknown) {
   const auto address = static_cast<std::uint64_t>(handled(SYS_shmat, {static_cast<std::uint64_t>(id), 0, SHM_EXEC}));
   const auto other = static_cast<std::uint64_t>(handled(SYS_shmat, {static_cast<std::uint64_t>(id), 0, SHM_EXEC}));
+  was_translated(address);
+  was_translated(other);
   EXPECT_EQ(handled(SYS_shmdt, {address}), 0);
   EXPECT_FALSE(is_readable_memory(address));
   EXPECT_EQ(known(address, 3 * fake.page), 0);

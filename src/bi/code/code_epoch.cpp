@@ -1,0 +1,225 @@
+// Two pairs of accesses keep a thread from slipping through. Each is a store, a full fence, and a load of the other's
+// word, on both sides:
+//
+//   a thread that leaves a call    runs_call = 0;     fence; reads code_epoch
+//   a thread that drops            code_epoch + 1;    fence; reads runs_call
+//
+//   a thread that enters a call    runs_call = 1;     fence; waits while visit_wanted
+//   a thread that drops            visit_wanted = 1;  fence; reads runs_call: takes the wish back, or sends the signal
+//
+// By the second pair a signal never strikes in the kernel, where it would end the application's call with EINTR.
+#include "bi/code/code_epoch.h"
+
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "bi/code/code_cache.h"
+#include "bi/code/drop_range.h"
+#include "bi/code/shared_mappings.h"
+#include "bi/code/stubs.h"
+#include "bi/code/translated_pages.h"
+
+namespace ceilmeter {
+
+namespace {
+
+// No signal has number 0: its counter counts the visits that the thread owes.
+constexpr int VISITS = 0;
+
+std::uint64_t current_epoch() { return std::atomic_ref(engine.code_epoch).load(std::memory_order_acquire); }
+
+// What the last epochs have dropped. A thread that has missed more than there is room for drops everything.
+struct dropped_range {
+  std::uint64_t start;
+  std::uint64_t end;
+};
+constexpr std::uint64_t KEPT_EPOCHS = 256;
+dropped_range dropped_ranges[KEPT_EPOCHS];
+
+dropped_range& range_of(std::uint64_t epoch) { return dropped_ranges[epoch % KEPT_EPOCHS]; }
+
+bool drop_up_to(thread_data* thread, std::uint64_t epoch) {
+  bool dropped = false;
+  for (std::uint64_t missed = thread->code_epoch + 1; missed <= epoch; ++missed) {
+    const std::uint64_t start = std::atomic_ref(range_of(missed).start).load(std::memory_order_relaxed);
+    const std::uint64_t end = std::atomic_ref(range_of(missed).end).load(std::memory_order_relaxed);
+    // The place may have been written for a later epoch meanwhile. That one has begun before: the fence orders the look
+    // behind the loads, and the lock has ordered the writes.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    const std::uint64_t begun = std::atomic_ref(engine.begun_code_epoch).load(std::memory_order_relaxed);
+    if (begun - missed >= KEPT_EPOCHS) {
+      flush_code_cache(thread);
+      return true;
+    }
+    dropped = drop_fragments(thread, start, end) || dropped;
+  }
+  return dropped;
+}
+
+void acknowledge(thread_data* thread, std::uint64_t epoch) {
+  // Release: pairs with the load in is_behind. By then the thread's exit is trapped.
+  std::atomic_ref(thread->acknowledged_epoch).store(epoch, std::memory_order_release);
+}
+
+// In place of a thread that is not reached. Its own acknowledgement may be of a later epoch.
+void acknowledge_for(thread_data* thread, std::uint64_t epoch) {
+  std::atomic_ref acknowledged(thread->acknowledged_epoch);
+  std::uint64_t before = acknowledged.load(std::memory_order_relaxed);
+  while (before < epoch && !acknowledged.compare_exchange_weak(before, epoch, std::memory_order_release)) {
+  }
+}
+
+bool is_in_call(thread_data* thread) { return std::atomic_ref(thread->runs_call).load(std::memory_order_acquire) != 0; }
+
+// Whether the thread may still begin a block from before the epoch.
+bool is_behind(thread_data* thread, std::uint64_t epoch) {
+  return !is_in_call(thread) && std::atomic_ref(thread->acknowledged_epoch).load(std::memory_order_acquire) < epoch;
+}
+
+// The caller holds thread_list_lock, so that one thread at a time sets the wish.
+void want_visit(thread_data* thread, std::uint64_t epoch) {
+  std::atomic_ref wanted(thread->visit_wanted);
+  if (wanted.exchange(1, std::memory_order_seq_cst) != 0) return;  // The signal is on its way.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (is_in_call(thread)) {
+    wanted.store(0, std::memory_order_release);
+    return;
+  }
+  siginfo_t info{};
+  info.si_signo = SIGILL;
+  info.si_code = SI_QUEUE;
+  info.si_pid = getpid();
+  info.si_value.sival_ptr = &engine;
+  // A child in its parent's memory is a process of its own, and asks its parent's threads as well.
+  if (raw_syscall(SYS_rt_tgsigqueueinfo, static_cast<std::uint64_t>(thread->process),
+                  static_cast<std::uint64_t>(thread->tid), SIGILL, address_of(&info)) == 0) {
+    return;
+  }
+  // A child that has ended, or has become another user, cannot be asked. Nobody waits for it; the latter looks at the
+  // epoch where it comes to the engine by itself.
+  wanted.store(0, std::memory_order_release);
+  acknowledge_for(thread, epoch);
+}
+
+// Whether another thread is behind the epoch. `first`: each of them is also asked to come.
+bool others_are_behind(const thread_data* self, std::uint64_t epoch, bool first) {
+  bool behind = false;
+  pthread_mutex_lock(&engine.thread_list_lock);
+  for (thread_data* listed = engine.thread_list; listed != nullptr; listed = listed->next) {
+    for (thread_data* thread = listed; thread != nullptr; thread = thread->vfork_child) {
+      if (thread == self || !is_behind(thread, epoch)) continue;
+      behind = true;
+      if (first) want_visit(thread, epoch);
+    }
+  }
+  pthread_mutex_unlock(&engine.thread_list_lock);
+  return behind;
+}
+
+bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0; }
+
+}  // namespace
+
+void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end) {
+  if (!has_translated(start, end)) return;
+  pthread_mutex_lock(&engine.code_epoch_lock);
+  const std::uint64_t epoch = current_epoch() + 1;
+  std::atomic_ref(engine.begun_code_epoch).store(epoch, std::memory_order_relaxed);
+  // Release, in there: who finds the marks gone finds that an epoch has begun. Marks that are set from here on stay, as
+  // what they stand for may be translated behind the drop.
+  clear_translated(start, end);
+  dropped_range& range = range_of(epoch);
+  std::atomic_ref(range.start).store(start, std::memory_order_relaxed);
+  std::atomic_ref(range.end).store(end, std::memory_order_relaxed);
+  // Release: pairs with the acquire in follow_code_epoch.
+  std::atomic_ref(engine.code_epoch).store(epoch, std::memory_order_release);
+  pthread_mutex_unlock(&engine.code_epoch_lock);
+  apply_code_epoch(thread);
+}
+
+void invalidate_line(thread_data* thread, std::uint64_t address) {
+  // The smallest line of all instruction caches, in words, as a power of two: what the application is shown as well.
+  static const std::uint64_t line = [] {
+    std::uint64_t ctr = 0;
+    asm("mrs %0, ctr_el0" : "=r"(ctr));
+    return std::uint64_t{4} << (ctr & 15);
+  }();
+  const std::uint64_t start = address & ~(line - 1);
+  drop_code(thread, start, start + line);
+  drop_aliases(thread, start, start + line);
+  settle_code_epoch(thread);
+}
+
+void settle_code_epoch(thread_data* thread) {
+  const std::uint64_t epoch = std::atomic_ref(engine.begun_code_epoch).load(std::memory_order_acquire);
+  std::atomic_ref settled(engine.settled_code_epoch);
+  std::uint64_t before = settled.load(std::memory_order_acquire);
+  if (before >= epoch) return;
+  while (current_epoch() < epoch) sched_yield();  // Another thread is just noting its drop.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  constexpr int quick_looks = 50;
+  constexpr useconds_t longest_pause = 1000;
+  useconds_t pause = 20;
+  int looks = 0;
+  // A process that ends stops its threads by itself.
+  for (bool first = true; others_are_behind(thread, epoch, first) && !is_ending(); first = false) {
+    if (++looks < quick_looks) {
+      sched_yield();
+    } else {
+      usleep(pause);
+      pause = std::min(2 * pause, longest_pause);
+    }
+  }
+  while (before < epoch && !settled.compare_exchange_weak(before, epoch, std::memory_order_acq_rel)) {
+  }
+}
+
+bool apply_code_epoch(thread_data* thread) {
+  take_visits(thread);  // First: a visit that is counted from here on is for a later epoch.
+  const std::uint64_t epoch = current_epoch();
+  if (epoch == thread->code_epoch) return false;
+  const bool dropped = drop_up_to(thread, epoch);
+  thread->code_epoch = epoch;
+  acknowledge(thread, epoch);
+  return dropped;
+}
+
+void enter_call(thread_data* thread) {
+  std::atomic_ref(thread->runs_call).store(1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  // The signal is on its way, or the wish will be taken back: its sender waits for nobody in between.
+  while (std::atomic_ref(thread->visit_wanted).load(std::memory_order_acquire) != 0) sched_yield();
+}
+
+void leave_call(thread_data* thread) {
+  std::atomic_ref(thread->runs_call).store(0, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+bool answer_visit(thread_data* thread, const siginfo_t& info, bool* out_alone) {
+  // Acquire: pairs with the exchange in want_visit; the epoch read next is that of the wish, or a later one.
+  if (std::atomic_ref(thread->visit_wanted).exchange(0, std::memory_order_acq_rel) == 0) return false;
+  // The signal may be one of the application's that the kernel has merged this one with.
+  *out_alone = info.si_code == SI_QUEUE && info.si_value.sival_ptr == &engine;
+  std::atomic_ref(thread->pending_signals[VISITS]).fetch_add(1, std::memory_order_relaxed);
+  std::atomic_ref(thread->pending_signal_count).fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+void acknowledge_visit(thread_data* thread) { acknowledge(thread, current_epoch()); }
+
+void take_visits(thread_data* thread) {
+  const std::int32_t visits = std::atomic_ref(thread->pending_signals[VISITS]).exchange(0, std::memory_order_relaxed);
+  if (visits != 0) std::atomic_ref(thread->pending_signal_count).fetch_sub(visits, std::memory_order_relaxed);
+}
+
+void forget_visits(thread_data* thread) {
+  engine.begun_code_epoch = engine.code_epoch;
+  std::atomic_ref(thread->visit_wanted).store(0, std::memory_order_relaxed);
+}
+
+}  // namespace ceilmeter

@@ -1,0 +1,162 @@
+// What threads tell each other of dropped code. The caches are stand-ins: a flush is counted.
+#include "bi/code/code_epoch.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include "bi/code/translated_pages.h"
+#include "fake_engine.h"
+
+namespace ceilmeter::test {
+namespace {
+
+class code_epoch : public syscalls_test {
+ protected:
+  code_epoch() : other(nullptr) {
+    allocate_thread_data(&other);
+    other->tid = thread->tid;
+    other->process = getpid();
+    thread->next = other;
+    signal(SIGILL, SIG_IGN);  // The signals that are sent here reach this very thread; each test answers them itself.
+  }
+  ~code_epoch() override {
+    signal(SIGILL, SIG_DFL);
+    munmap(other, sizeof(thread_data));
+  }
+
+  // Some code that was translated, by whichever thread.
+  static void drop(thread_data* by) {
+    mark_translated(code, code + 4);
+    drop_code(by, code, code + 4096);
+  }
+  static constexpr std::uint64_t code = 0x123456000;
+
+  siginfo_t visit() const {
+    siginfo_t info{};
+    info.si_signo = SIGILL;
+    info.si_code = SI_QUEUE;
+    info.si_value.sival_ptr = &engine;
+    return info;
+  }
+
+  thread_data* other;
+};
+
+TEST_F(code_epoch, a_thread_that_nobody_has_dropped_for_follows_nothing) {
+  EXPECT_FALSE(follow_code_epoch(thread));
+  EXPECT_EQ(fake.flushes, 0);
+}
+
+TEST_F(code_epoch, what_a_thread_drops_itself_it_drops_once) {
+  drop(thread);
+  EXPECT_FALSE(follow_code_epoch(thread));
+  EXPECT_EQ(fake.flushes, 1);
+  EXPECT_EQ(fake.flushed, thread);
+}
+
+TEST_F(code_epoch, what_a_thread_drops_another_one_drops_once_later) {
+  drop(thread);
+  EXPECT_TRUE(follow_code_epoch(other));
+  EXPECT_EQ(fake.flushes, 2);
+  EXPECT_EQ(fake.flushed, other);
+  EXPECT_FALSE(follow_code_epoch(other));
+}
+
+TEST_F(code_epoch, a_thread_that_drops_follows_what_it_has_missed_before) {
+  drop(other);
+  EXPECT_EQ(fake.flushes, 1);
+  drop(thread);
+  EXPECT_EQ(fake.flushes, 3);
+  EXPECT_FALSE(follow_code_epoch(thread));
+}
+
+TEST_F(code_epoch, what_nobody_has_translated_begins_no_epoch) {
+  drop_code(thread, code + 0x10000, code + 0x20000);
+  EXPECT_EQ(engine.code_epoch, 0u);
+}
+
+TEST_F(code_epoch, a_thread_that_has_missed_more_than_is_kept_drops_everything_once) {
+  for (int round = 0; round < 300; ++round) drop(thread);
+  fake.flushes = 0;
+  EXPECT_TRUE(follow_code_epoch(other));
+  EXPECT_EQ(fake.flushes, 1);
+}
+
+TEST_F(code_epoch, a_thread_in_a_call_is_not_waited_for_and_not_signalled) {
+  enter_call(other);
+  drop(thread);
+  settle_code_epoch(thread);
+  EXPECT_EQ(other->visit_wanted, 0u);
+  EXPECT_EQ(engine.settled_code_epoch, engine.code_epoch);
+  leave_call(other);
+  EXPECT_TRUE(follow_code_epoch(other));
+}
+
+TEST_F(code_epoch, a_thread_that_runs_is_waited_for_until_it_acknowledges) {
+  drop(thread);
+  std::atomic<bool> settled{false};
+  std::thread waiting([&] {
+    settle_code_epoch(thread);
+    settled = true;
+  });
+  while (std::atomic_ref(other->visit_wanted).load() == 0) std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(settled);
+  bool alone = false;
+  EXPECT_TRUE(answer_visit(other, visit(), &alone));
+  EXPECT_TRUE(alone);
+  EXPECT_FALSE(settled);
+  acknowledge_visit(other);
+  waiting.join();
+  EXPECT_TRUE(settled);
+  EXPECT_EQ(other->pending_signal_count, 1);
+  EXPECT_TRUE(follow_code_epoch(other));
+  EXPECT_EQ(other->pending_signal_count, 0);
+}
+
+TEST_F(code_epoch, what_is_settled_asks_nobody_again) {
+  enter_call(other);
+  drop(thread);
+  settle_code_epoch(thread);
+  leave_call(other);
+  settle_code_epoch(thread);
+  EXPECT_EQ(other->visit_wanted, 0u);
+}
+
+TEST_F(code_epoch, a_signal_that_nobody_asked_for_is_no_visit) {
+  bool alone = false;
+  EXPECT_FALSE(answer_visit(thread, visit(), &alone));
+  EXPECT_EQ(thread->pending_signal_count, 0);
+}
+
+TEST_F(code_epoch, a_signal_of_the_applications_that_a_visit_was_merged_with_is_not_swallowed) {
+  thread->visit_wanted = 1;
+  siginfo_t info = visit();
+  info.si_code = SI_TKILL;
+  bool alone = true;
+  EXPECT_TRUE(answer_visit(thread, info, &alone));
+  EXPECT_FALSE(alone);
+}
+
+TEST_F(code_epoch, a_call_begins_when_the_signal_that_is_on_its_way_has_come) {
+  thread->visit_wanted = 1;
+  std::atomic<bool> entered{false};
+  std::thread entering([&] {
+    enter_call(thread);
+    entered = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(entered);
+  bool alone = false;
+  EXPECT_TRUE(answer_visit(thread, visit(), &alone));
+  entering.join();
+  EXPECT_EQ(thread->runs_call, 1u);
+}
+
+}  // namespace
+}  // namespace ceilmeter::test
