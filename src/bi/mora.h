@@ -186,7 +186,7 @@ struct thread_data {
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
   std::uint32_t scan_words[SCAN_WORDS];  // The source words of the fragment that is being scanned, see scan_ahead.h.
-  std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
+  std::uint64_t guarded_arguments[8];    // The application's x0 to x7 around a guarded call with values.
   // Of a child in its parent's memory, see kernel/vfork.h. Its own handlers, unless the call shares them.
   std::uint8_t is_vfork_child;
   thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.

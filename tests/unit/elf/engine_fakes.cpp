@@ -17,6 +17,9 @@
 namespace ceilmeter {
 
 engine_globals engine;
+thread_local thread_data* current_thread = nullptr;
+
+std::uint64_t* engine_stack_word(const thread_data*) { return nullptr; }
 
 std::uint64_t page_size() { return test::faked_page_size; }
 
@@ -27,7 +30,7 @@ void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_
 
 void tell_plugins_of_loaded_file(const char*, int) {}
 
-extern "C" void enter_application(std::uint64_t block, std::uint64_t sp) { test::on_enter(block, sp); }
+extern "C" void enter_application(std::uint64_t block, std::uint64_t sp, std::uint64_t*) { test::on_enter(block, sp); }
 
 extern "C" void* __real_mmap(void* address, std::size_t size, int protection, int flags, int fd, off_t offset);
 
