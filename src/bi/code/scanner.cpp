@@ -189,6 +189,7 @@ void rewrite(scan_state& state, int inst) {
     case A64_RET: rewrite_register_branch(state, inst); break;
     case A64_LDR_LITERAL: rewrite_literal_load(state); break;
     case A64_ADR: rewrite_address(state); break;
+    case A64_MSR_IMM: copy_mode_change(state); break;
     case A64_NOT_RECOGNISED: rewrite_unknown(state); break;
     default: *state.write++ = *state.read; break;
   }

@@ -367,7 +367,7 @@ syscall_leave:
 //   Frame while deliver_pending_signal runs, from sp up: the vector state; x4 to x21; then
 //     x3, -                 0x00
 //     x29, x30              0x10
-//     result area           0x20: process id, thread id, signal number
+//     result area           0x20: the call's first three arguments
 //     cache, source address 0x40
 //     x2, x8                0x50: x8 is kept here across the call that raises the signal
 //     x0, x1                0x60: pushed by whoever came here
@@ -403,25 +403,24 @@ global_label reentry_branch
         ldp     x29, x30, [sp, #0x10]
         ldr     x3, [sp], #0x20
         cbz     x0, reentry_resume
-        // sp is at the result area. The kernel takes x0 to x2 as thread group, thread and signal.
+        // sp is at the result area. The signal is pending in the kernel already, and everything is blocked. The call
+        // puts the application's mask in force: x0 to x2 are the change, the mask and none to be read.
         ldr     x2, [sp, #0x10]
         ldp     x0, x1, [sp], #0x20
         str     x8, [sp, #0x18]
-        // What was sent with the signal lies behind the word that keeps the application's x3.
         ldr     x8, word_raised_signal
-        str     x3, [x8], #8
-        mov     x3, x8
-        mov     x8, #NR_RT_TGSIGQUEUEINFO
+        str     x3, [x8]
+        mov     x3, #KERNEL_MASK_SIZE
+        mov     x8, #NR_RT_SIGPROCMASK
 // With SVE a copy has a trap here. A system call gives up the vectors' upper parts and the predicates, which the
-// application needs. The signal dispatcher makes the call instead, and the kernel raises the signal where this call
-// would have raised it.
+// application needs. The signal dispatcher has the mask restored with the context instead, and the kernel raises the
+// signal where this call would have raised it.
 global_label reentry_raise
         svc     #0
 // The signal is raised here. From sp up: the cache address, the source address, x2, x8, and the application's x0 and
 // x1. The application's x3 is where word_raised_signal says.
 global_label reentry_signal_point
-        // The signal was not raised: it has been blocked meanwhile and stays pending in the kernel. There may be
-        // others.
+        // The signal was not raised: its action is to ignore it meanwhile. There may be others.
         ldr     x8, word_raised_signal
         ldr     x3, [x8]
         ldp     x2, x8, [sp, #0x10]

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "bi/kernel/ending_threads.h"
+#include "bi/signals/held_mask.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/stub_layout.h"
 #include "bi/kernel/threads.h"
@@ -126,7 +127,7 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   make_spare_streams();
   // Block all signals: one that interrupted the call as it returns would bypass syscall_handler_post, and so
   // finish_fork.
-  thread->saved_signal_mask = block_all_signals();
+  thread->saved_signal_mask = block_for_clone(thread);
   // While this thread holds the engine's locks, nothing of the engine is half changed in the copy. A vfork does without
   // the locks: the parent sleeps until the child has gone, and to get there the child may need the parent's other
   // threads. Such a child makes a few system calls before it becomes another program. But plug-ins hear of the child
@@ -176,6 +177,7 @@ void reinit_after_fork(thread_data* thread) {
   std::memset(thread->pending_signals, 0, sizeof thread->pending_signals);
   thread->pending_signal_count = 0;
   forget_held_signals(thread->held);
+  thread->has_turn = 0;
   free_other_threads(thread);
   engine.thread_list = thread;
   thread->next = nullptr;

@@ -20,7 +20,9 @@
 #include "bi/kernel/fork.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/signals/signal_actions.h"
+#include "bi/signals/held_mask.h"
 #include "bi/signals/signals.h"
+#include "bi/signals/turns.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
@@ -51,6 +53,7 @@ static_assert(SIGNAL_FRAME_CONTEXT == SYSCALL_APP_SP + sizeof(siginfo_t), "the k
 // address that the application returns to.
 void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
   auto* context = reinterpret_cast<ucontext_t*>(reinterpret_cast<char*>(args) + SIGNAL_FRAME_CONTEXT);
+  note_handler_return(thread, context->uc_mcontext.pc);
   context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
   sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
 }
@@ -181,6 +184,19 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   return 0;
 }
 
+namespace {
+
+// args[0] is the result.
+void finish_call(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread) {
+  restore_argument(thread, args, 1);
+  leave_syscall(thread);
+  args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
+  std::uint64_t result = args[0];
+  deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
+}
+
+}  // namespace
+
 // A call that blocks would keep a counted signal from its handler. Natively the signal would have come before the call:
 // the handler runs first, and the application makes the call after it, from its own instruction.
 extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
@@ -190,6 +206,13 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
   const auto judged = static_cast<std::uint64_t>(held) + 1;
   // These two cannot be made anew, since their arguments have been rewritten. Neither waits for a signal.
   if (number == SYS_rt_sigreturn || number == SYS_clone || !has_deliverable_signal(thread)) return judged;
+  if (thread->has_turn != 0 && number == SYS_rt_sigprocmask) {
+    // The kernel's mask is the wider one: the call is made here, on the application's.
+    args[0] = static_cast<std::uint64_t>(change_application_mask(thread, args));
+    finish_call(number, args, next_inst, thread);
+    return 0;
+  }
+  if (begin_call_in_turn(thread, number)) return judged;
   leave_syscall(thread);
   restore_argument(thread, args, 0);
   const std::uint64_t call = next_inst - sizeof(std::uint32_t);
@@ -206,11 +229,8 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
     log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
     finish_fork(thread, args);  // First: locks and signals are held back until then.
   }
-  restore_argument(thread, args, 1);
-  leave_syscall(thread);
-  args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
-  std::uint64_t result = args[0];
-  deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
+  end_interruption(thread);
+  finish_call(number, args, next_inst, thread);
 }
 
 }  // namespace ceilmeter

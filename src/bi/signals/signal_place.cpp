@@ -10,6 +10,7 @@
 #include "bi/kernel/call_mask.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/scan_ahead.h"
+#include "bi/code/scan_rules.h"
 #include "bi/code/source_map.h"
 #include "bi/code/stubs.h"
 
@@ -34,18 +35,10 @@ fpsimd_context* fpsimd_record(mcontext_t& context) {
   return nullptr;
 }
 
-// Whether a literal load is rewritten with x0 as its base and pushes x0 around the load. This is so for all loads,
-// except those into a general register other than xzr: there the register itself serves as the base.
-bool borrows_x0(const std::uint32_t* source) {
-  if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return false;
-  constexpr std::uint32_t zero_register = 31;
-  constexpr std::uint32_t prefetch = 3;
-  std::uint32_t opc = 0;
-  std::uint32_t is_vector = 0;
-  std::uint32_t imm19 = 0;
-  std::uint32_t reg = 0;
-  a64_ldr_literal_decode(source, &opc, &is_vector, &imm19, &reg);
-  return is_vector != 0 || opc == prefetch || reg == zero_register;
+// The register that the code of the source word has pushed when it makes its access, or NOTHING_BORROWED.
+std::uint32_t borrowed_register(const std::uint32_t* source) {
+  if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return NOTHING_BORROWED;
+  return borrowed_by_literal_load(source);
 }
 
 }  // namespace
@@ -149,8 +142,10 @@ bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
   if (source == 0) return false;
   // The accesses of both rules are the only loads of this kind in their code; their pushes are of another.
   const bool loads = a64_decode(reinterpret_cast<const std::uint32_t*>(context.pc)) == A64_LDR_STR_UNSIGNED;
-  if (loads && (is_in_fault_block(thread, context.pc) || borrows_x0(reinterpret_cast<const std::uint32_t*>(source)))) {
-    context.regs[0] = *reinterpret_cast<const std::uint64_t*>(context.sp);
+  const std::uint32_t borrowed =
+      is_in_fault_block(thread, context.pc) ? 0 : borrowed_register(reinterpret_cast<const std::uint32_t*>(source));
+  if (loads && borrowed != NOTHING_BORROWED) {
+    context.regs[borrowed] = *reinterpret_cast<const std::uint64_t*>(context.sp);
     context.sp += 16;
   }
   context.pc = source;

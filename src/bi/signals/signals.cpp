@@ -15,9 +15,11 @@
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
 #include "bi/signals/exit_trap.h"
+#include "bi/signals/held_mask.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_delivery.h"
 #include "bi/signals/signal_place.h"
+#include "bi/signals/turns.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/syscalls.h"
 #include "bi/kernel/threads.h"
@@ -35,12 +37,13 @@ constexpr signal_exit GO_ON = {0, 0};
 // other.
 bool is_fault(int signum, const siginfo_t* info) { return is_synchronous(signum) && info->si_code > 0; }
 
-// Makes the call that the trap stands for. The signal is blocked here. The kernel delivers it when it restores the
-// context with its mask, at the word behind the trap.
-void raise_at_return(mcontext_t& context) {
+// In place of the call that the trap stands for. The kernel delivers the signal when it restores the context with the
+// application's mask, at the word behind the trap.
+void raise_at_return(const thread_data* thread, ucontext_t* ucontext) {
   block_all_signals();
-  raw_syscall(NR_RT_TGSIGQUEUEINFO, context.regs[0], context.regs[1], context.regs[2], context.regs[3]);
-  context.pc += sizeof(std::uint32_t);
+  raise_in_kernel(thread);
+  std::memcpy(&ucontext->uc_sigmask, &thread->application_mask, sizeof thread->application_mask);
+  ucontext->uc_mcontext.pc += sizeof(std::uint32_t);
 }
 
 signal_exit enter_handler(const thread_data* thread, std::uint64_t handler) {
@@ -68,6 +71,7 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
     if (reinterpret_cast<std::uint64_t>(info->si_addr) == pc) info->si_addr = reinterpret_cast<void*>(context.pc);
     // Flush the block away: there may be code at its address later.
     if (cannot_execute) flush_code_cache(thread);
+    disclose_mask(thread, signum, ucontext);
     return enter_handler(thread, handler);
   }
   set_kernel_action(signum, handler);
@@ -79,7 +83,10 @@ signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t*
 // is unblocked.
 signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
   const std::uint64_t handler = take_application_handler(signum);
-  if (handler > 1) return enter_handler(thread, handler);
+  if (handler > 1) {
+    disclose_mask(thread, signum, ucontext);
+    return enter_handler(thread, handler);
+  }
   context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
   if (handler == 0) {
     if (signum == SIGILL) set_kernel_action(signum, handler);  // The one action that the application cannot take back.
@@ -128,8 +135,17 @@ bool restore_application_context(thread_data* thread, mcontext_t& context) {
   } else {
     undo_syscall(thread, context);
   }
+  end_interruption(thread);
   leave_syscall(thread);  // The handler is application code: the thread is not in its call any more.
   return true;
+}
+
+// The held signal's handler runs, and the application makes the call after it, as with SA_RESTART.
+void undo_call_in_turn(thread_data* thread, ucontext_t* ucontext) {
+  end_interruption(thread);
+  undo_syscall(thread, ucontext->uc_mcontext);
+  leave_syscall(thread);
+  context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
 }
 
 }  // namespace
@@ -137,7 +153,7 @@ bool restore_application_context(thread_data* thread, mcontext_t& context) {
 void install_sigill_handler() {
   struct sigaction action {};
   action.sa_sigaction = reinterpret_cast<void (*)(int, siginfo_t*, void*)>(signal_entry_stub);
-  action.sa_flags = SA_SIGINFO;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;  // For turns.h; whoever ends the process does not wait for calls.
   sigaction(SIGILL, &action, nullptr);
   sigset_t sigill;
   sigemptyset(&sigill);
@@ -146,6 +162,10 @@ void install_sigill_handler() {
 }
 
 void set_raise_trap(std::uint32_t* place) { a64_hvc(place, TRAP_RAISE); }
+
+bool raises_by_trap(const thread_data* thread) {
+  return a64_decode(reinterpret_cast<const std::uint32_t*>(thread->code_cache + stub_offset(reentry_raise))) == A64_HVC;
+}
 
 void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target) {
   mcontext_t& context = static_cast<ucontext_t*>(ucontext)->uc_mcontext;
@@ -170,7 +190,11 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
   // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) return lead_out(thread, ucontext, fault);
   if (fault && is_stub_point(thread, pc, reentry_raise)) {
-    raise_at_return(context);
+    raise_at_return(thread, ucontext);
+    return GO_ON;
+  }
+  if (is_interruption(thread, signum, info)) {
+    if (interrupt_call(thread, ucontext)) undo_call_in_turn(thread, ucontext);
     return GO_ON;
   }
   if (restore_application_context(thread, context)) return run_handler(thread, signum, ucontext);
@@ -182,6 +206,7 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
       handle_trap(thread, ucontext, id);
       return GO_ON;
     }
+    if (!fault) note_progress(thread);
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
@@ -189,6 +214,7 @@ extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* u
     return handle_synchronous(thread, info, ucontext);
   }
   count_signal(thread, *info);
+  if (signum != SIGILL) hold_others_back(thread, ucontext);
   return GO_ON;
 }
 

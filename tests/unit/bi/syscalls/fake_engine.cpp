@@ -15,7 +15,9 @@
 
 #include "bi/code/code_cache.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/signals/held_mask.h"
 #include "bi/signals/signals.h"
+#include "bi/signals/turns.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
 
@@ -102,6 +104,12 @@ std::uint64_t lookup_or_scan(thread_data*, std::uint64_t source) { return test::
 
 void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
+// No signals are held back here, and no turns are given.
+std::uint64_t block_for_clone(thread_data*) { return block_all_signals(); }
+std::int64_t change_application_mask(thread_data*, const std::uint64_t*) { std::abort(); }
+void note_handler_return(thread_data*, std::uint64_t) {}
+bool begin_call_in_turn(thread_data*, std::uint64_t) { return false; }
+void end_interruption(thread_data*) {}
 bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }
 
 void mora_terminate(thread_data*, std::int32_t status) { throw test::process_ended{status}; }
