@@ -18,6 +18,8 @@ namespace ceilmeter {
 
 namespace {
 
+constexpr std::uint64_t TAG = std::uint64_t{0xff} << 56;
+
 constexpr std::uint64_t CONDITION_FLAGS = 0xf0000000;  // N, Z, C and V in PSTATE.
 
 bool is_between(const thread_data* thread, std::uint64_t pc, const std::uint8_t* begin, const std::uint8_t* end) {
@@ -39,6 +41,36 @@ fpsimd_context* fpsimd_record(mcontext_t& context) {
 std::uint32_t borrowed_register(const std::uint32_t* source) {
   if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return NOTHING_BORROWED;
   return borrowed_by_literal_load(source);
+}
+
+// A stub's first push on the application's stack has faulted. What its caller has pushed before is taken back.
+bool leave_stub_entry(const thread_data* thread, mcontext_t& context) {
+  const auto* pushed = reinterpret_cast<const std::uint64_t*>(context.sp);
+  if (is_stub_point(thread, context.pc, dispatcher_entry_stub)) {
+    // The branch has been made: the application stands where it leads, and pc has no tag.
+    context.pc = context.regs[0] & ~TAG;
+    context.regs[0] = pushed[0];
+    context.regs[1] = pushed[1];
+  } else if (is_stub_point(thread, context.pc, hot_counter_stub)) {
+    context.pc = source_of_cache_address(thread, context.regs[30] - sizeof(std::uint32_t));
+    context.regs[1] = pushed[0];
+    context.regs[30] = pushed[1];
+  } else if (is_stub_point(thread, context.pc, syscall_wrapper)) {
+    context.pc = context.regs[29] - sizeof(std::uint32_t);
+    context.regs[29] = pushed[0];
+    context.regs[30] = pushed[1];
+  } else {
+    return false;
+  }
+  context.sp += 16;
+  return true;
+}
+
+// Whether the lookup of a register branch has faulted at its second push, where it has changed no register yet.
+bool is_second_push_of_lookup(const thread_data* thread, std::uint64_t pc) {
+  const std::int32_t id = exit_owner(thread, pc);
+  if (id <= 0 || thread->metas[id].exit_kind != EXIT_REGISTER) return false;
+  return pc == address_of(thread->metas[id].exit_code_addr + 1);
 }
 
 }  // namespace
@@ -137,7 +169,7 @@ bool is_in_fault_block(const thread_data* thread, std::uint64_t pc) {
 }
 
 bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
-  if (!is_in_code_range(thread, context.pc)) return false;
+  if (!is_in_code_range(thread, context.pc)) return leave_stub_entry(thread, context);
   const std::uint64_t source = source_of_cache_address(thread, context.pc);
   if (source == 0) return false;
   // The accesses of both rules are the only loads of this kind in their code; their pushes are of another.
@@ -148,6 +180,7 @@ bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
     context.regs[borrowed] = *reinterpret_cast<const std::uint64_t*>(context.sp);
     context.sp += 16;
   }
+  if (is_second_push_of_lookup(thread, context.pc)) context.sp += 16;
   context.pc = source;
   return true;
 }

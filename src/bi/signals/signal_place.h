@@ -44,7 +44,8 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context);
 void undo_syscall(thread_data* thread, mcontext_t& context);
 
 // The thread has faulted in a fragment: the context becomes that of the source instruction, its program counter and all
-// registers that the rewritten code has borrowed. Returns false and changes nothing where no source instruction stands
+// registers that the rewritten code has borrowed. A fault of the engine's own push on the application's stack, at its
+// end, belongs to the instruction that the push is made for, or to the one that a branch has led to. Returns false and changes nothing where no source instruction stands
 // behind the fault, as in a stub.
 bool restore_faulted_context(const thread_data* thread, mcontext_t& context);
 
