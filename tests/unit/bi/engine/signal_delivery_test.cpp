@@ -45,8 +45,8 @@ class signal_delivery : public signals_fixture {
     return raised;
   }
 
-  // The result area, and behind it what the stub's frame has there.
-  std::uint64_t info[6] = {};
+  std::uint64_t frame[REENTRY_SIZE / 8] = {};  // That of cache_reentry_stub.
+  std::uint64_t* const info = frame + REENTRY_RESULT / 8;
 };
 
 TEST_F(signal_delivery, one_that_is_blocked_stays_counted_until_it_is_not) {
@@ -158,11 +158,11 @@ TEST_F(signal_delivery, a_flood_at_one_place_gives_the_application_a_turn_of_one
   const std::int32_t id = scan_block(loop_to_itself);
   dispatched(address_of(loop_to_itself), id);
   const std::uint64_t source = address_of(loop_to_itself);
-  info[4] = address_of(block(id));
+  frame[REENTRY_NEXT / 8] = address_of(block(id));
   int delivered = 0;
   for (bool waits = false; !waits && delivered < 1000; ++delivered) {
     note_handler_return(thread, source);
-    waits = give_turn(thread, source, info[4]);
+    waits = give_turn(thread, source, address_of(block(id)));
   }
   EXPECT_GT(delivered, 65);  // All that there are may come at once.
   EXPECT_LT(delivered, 1000);
@@ -170,13 +170,13 @@ TEST_F(signal_delivery, a_flood_at_one_place_gives_the_application_a_turn_of_one
   const std::uint64_t held_back = set_mask(0);
   EXPECT_EQ(held_back & SIGILL_BIT, 0u);
   EXPECT_EQ(~held_back & (signal_bit(SIGALRM) | signal_bit(SIGTERM) | signal_bit(40)), 0u);
-  EXPECT_FALSE(give_turn(thread, source, info[4])) << "the end of the block";
+  EXPECT_FALSE(give_turn(thread, source, address_of(block(id)))) << "the end of the block";
   note_handler_return(thread, source);
-  EXPECT_TRUE(give_turn(thread, source, info[4])) << "the flood goes on";
-  give_turn(thread, source, info[4]);
+  EXPECT_TRUE(give_turn(thread, source, address_of(block(id)))) << "the flood goes on";
+  give_turn(thread, source, address_of(block(id)));
   note_progress(thread);
   note_handler_return(thread, source);
-  EXPECT_FALSE(give_turn(thread, source, info[4])) << "the flood is over";
+  EXPECT_FALSE(give_turn(thread, source, address_of(block(id)))) << "the flood is over";
 }
 
 }  // namespace
