@@ -23,9 +23,11 @@
 #include "bi/kernel/pages.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scanner.h"
+#include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/syscalls.h"
+#include "bi/kernel/vfork.h"
 #include "bi/code/traces.h"
 #include "common/log.h"
 #include "elf/elf_loader.h"
@@ -116,6 +118,7 @@ int mora_run(int argc, char** argv, char** envp) {
   current_thread = thread;
   init_thread(thread);
   thread->tid = gettid();
+  use_signal_stack(thread);
   register_thread(thread, false);
 
   engine.brk = 0;
@@ -141,7 +144,7 @@ bool allocate_thread_data(thread_data** out) {
 
 namespace {
 
-// Maps the code cache and the link pool. Null, or what could not be mapped.
+// Maps the code cache, the link pool and the signal stack. Null, or what could not be mapped.
 const char* map_thread_memory(thread_data* thread) {
   void* cache = mmap(nullptr, CODE_CACHE_SIZE, PROT_READ | PROT_WRITE | PROT_EXEC, anonymous, -1, 0);
   if (cache == MAP_FAILED) return "code cache";
@@ -151,7 +154,7 @@ const char* map_thread_memory(thread_data* thread) {
   void* pool = mmap(nullptr, pool_size, PROT_READ | PROT_WRITE, anonymous, -1, 0);
   if (pool == MAP_FAILED) return "link pool";
   thread->cc_link_pool = static_cast<linked_pool*>(pool);
-  return nullptr;
+  return map_signal_stack(thread) ? nullptr : "signal stack";
 }
 
 // Copies the stub text and fills the words and instructions in it that differ from thread to thread.
@@ -232,6 +235,7 @@ int unregister_thread(thread_data* thread, bool lock_held) {
 }
 
 void mora_terminate(thread_data* thread, std::int32_t status) {
+  if (thread->is_vfork_child != 0) end_vfork_child(status);
   log(LEVEL_INFO, "we're done; exiting with status: %d", status);
   pthread_mutex_lock(&engine.thread_list_lock);
   const pid_t process = getpid();
@@ -267,14 +271,23 @@ void mora_terminate(thread_data* thread, std::int32_t status) {
   std::exit(status);
 }
 
+bool is_process_ending(const thread_data* thread) {
+  // The end of its parent's process is not the child's.
+  return std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0 && thread->is_vfork_child == 0;
+}
+
 void abandon_thread(thread_data* thread) {
   // Release: pairs with the acquire in mora_terminate, which delivers this thread's thread_exit from another one.
   std::atomic_ref(thread->status).store(THREAD_ABANDONED, std::memory_order_release);
   pthread_exit(nullptr);
 }
 
+std::uint64_t* engine_stack_word(const thread_data* thread) {
+  return reinterpret_cast<std::uint64_t*>(stub_copy(thread, word_engine_stack));
+}
+
 void free_thread_data(thread_data* thread) {
-  // A record whose making failed lacks one of the two, or both.
+  // A record whose making failed lacks some of what follows.
   if (thread->code_cache != nullptr && munmap(thread->code_cache, whole_pages(CODE_CACHE_SIZE)) != 0) {
     log(LEVEL_FATAL, "Error freeing code cache on exit()");
   }
@@ -282,6 +295,7 @@ void free_thread_data(thread_data* thread) {
       munmap(thread->cc_link_pool, whole_pages(linked_pool_bytes(LINK_POOL_CAPACITY))) != 0) {
     log(LEVEL_FATAL, "Error freeing CC link struct on exit()");
   }
+  free_signal_stack(thread);
   robin_map_destroy(&thread->return_watch);
   if (munmap(thread, whole_pages(sizeof(thread_data))) != 0) {
     log(LEVEL_FATAL, "Error freeing thread private structure on exit()");

@@ -14,11 +14,13 @@
 #include <cstdint>
 
 #include "bi/containers/hash_table.h"
+#include "bi/signals/application_stack.h"
 #include "bi/signals/held_signals.h"
 #include "bi/containers/interval_map.h"
 #include "bi/containers/linked_pool.h"
 #include "bi/containers/robin_map.h"
 #include "bi/code/stub_layout.h"
+#include "bi/kernel/pages.h"
 
 namespace ceilmeter {
 
@@ -147,6 +149,11 @@ struct thread_data {
   std::int32_t* set_tid;      // The parent's word that receives the child's thread id.
   std::uint64_t* clone_args;  // The parent's save area.
   std::uint64_t child_stack;  // The application's stack of a new thread.
+  // A new thread has not moved its stack pointer from this address yet; 0: it has. See keeps_below_sp.
+  std::uint64_t untouched_sp;
+  std::uint32_t untouched_visits;  // How often the dispatcher has found it so.
+  page_range kept_stack;           // What a thread that has unmapped its own stack still stands on, see handle_munmap.
+  std::uint64_t clone_x3;          // What the parent had in x3; `clone_args` has the new thread's TLS there.
   std::uint8_t clone_shares_vm;
   std::int32_t pending_signals[SIGNAL_COUNT];
   std::int32_t pending_signal_count;  // Their sum; the reentry stub reads it on every way back into the cache.
@@ -158,9 +165,8 @@ struct thread_data {
   // How those who wait for the thread learn of its end, see kernel/threads.cpp.
   std::int32_t* library_tid_word;      // The C library wants it cleared at the thread's end; null: not known.
   std::int32_t* application_tid_word;  // The application wants it cleared and its waiter woken.
-  std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal. A new thread: its first mask.
-  std::uint64_t clone_stack;           // The argument of the fork-like clone that is being made.
   std::uint8_t clone_holds_locks;      // The engine's locks are held over the fork-like clone that is being made.
+  std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal. A new thread: its first mask.
   // Of a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;
   std::uint64_t call_mask_pair[2];  // Address and size of it, for calls that want both.
@@ -175,7 +181,18 @@ struct thread_data {
   // the marks before source_marks_end are complete.
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
-  held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
+  std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
+  // Of a child in its parent's memory, see kernel/vfork.h. Its own handlers, unless the call shares them.
+  std::uint8_t is_vfork_child;
+  std::uint8_t shares_descriptors;
+  std::uint64_t* own_handlers;
+  std::uint64_t own_handler_table[SIGNAL_COUNT];
+  // Where signals find their stacks, see signal_stack.h and application_stack.h.
+  std::uint8_t* signal_stack;        // The engine's own, with its guard page first.
+  application_stack own_stack;       // The application's.
+  application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
+  std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
+  held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
   // Other signals are blocked while one is held, and the mask that the application knows: see held_mask.h.
   std::uint32_t others_held_back;
   std::uint64_t application_mask;
@@ -220,6 +237,18 @@ extern engine_globals engine;
 // This thread's record; null on a thread of the tool's own.
 extern thread_local thread_data* current_thread;
 
+// Whether plug-ins are to hear of what the calling thread does. A child in its parent's memory is another process, and
+// what plug-ins have noted is its parent's.
+inline bool plugins_listen() {
+  return engine.plugin_count != 0 && (current_thread == nullptr || current_thread->is_vfork_child == 0);
+}
+
+// The application's handlers as the calling thread's process has them. Under signal_handlers_lock.
+inline std::uint64_t* application_handlers() {
+  const thread_data* thread = current_thread;
+  return thread != nullptr && thread->own_handlers != nullptr ? thread->own_handlers : engine.signal_handlers;
+}
+
 inline std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }
 
 // Starts the application `argv[0]` in this process. Does not return: the process ends with the application's status.
@@ -249,8 +278,29 @@ int unregister_thread(thread_data* thread, bool lock_held);
 // Ends the process with `status` after every other thread has left the code cache or is parked in a system call.
 [[noreturn]] void mora_terminate(thread_data* thread, std::int32_t status);
 
+// Whether the process of the thread is ending. Pairs with the store in mora_terminate, which precedes the signal that
+// brings a thread to look.
+bool is_process_ending(const thread_data* thread);
+
 // Ends the calling thread for good while the process ends.
 [[noreturn]] void abandon_thread(thread_data* thread);
+
+// Where the engine's stack of the thread begins, downwards: what word_engine_stack of its stubs holds. The first thread
+// sets it as it enters the application, any other as it starts.
+std::uint64_t* engine_stack_word(const thread_data* thread);
+inline std::uint64_t engine_stack(const thread_data* thread) { return *engine_stack_word(thread); }
+
+// A new thread may find arguments below its stack pointer, where a program natively finds what its parent left. Until
+// it first moves its stack pointer, whatever the engine adds to its blocks pushes KEPT_BELOW_SP bytes further down:
+// each block is entered with sp that much lower, raises it in front of its first word and lowers it again in its exit.
+// Such blocks are not linked, have no hot counter and are known by keys of their own (block_key), so that they are not
+// run any more once the dispatcher has found the stack pointer moved.
+inline constexpr std::uint32_t KEPT_BELOW_SP = 512;
+inline bool keeps_below_sp(const thread_data* thread) { return thread->untouched_sp != 0; }
+inline std::uint64_t kept_below_sp(const thread_data* thread) { return keeps_below_sp(thread) ? KEPT_BELOW_SP : 0; }
+inline std::uint64_t block_key(const thread_data* thread, std::uint64_t source) {
+  return keeps_below_sp(thread) ? source | 1 : source;
+}
 
 // Unmaps a record with its code cache and link pool.
 void free_thread_data(thread_data* thread);

@@ -4,9 +4,9 @@
 // fragment. These run each time the translated code runs, and that is the plug-in's cost; the callback itself costs
 // running code nothing.
 //
-// Callbacks run on the application's thread and, as all of the engine does, on the application's stack, so keep frames
-// small. They may use the tool's C and C++ libraries. Several threads can be in the same callback at once, each with
-// its own context. Nothing here throws. What can fail returns a negative number, and 0 otherwise.
+// Callbacks run on the application's thread and, as all of the engine does, on the engine's stack, which is small: keep
+// frames so, too. They may use the tool's C and C++ libraries. Several threads can be in the same callback at once,
+// each with its own context. Nothing here throws. What can fail returns a negative number, and 0 otherwise.
 #pragma once
 
 #include <cstddef>
@@ -363,7 +363,7 @@ int mora_emit_call(mora_context* ctx, std::uint64_t target);
 
 // Calls a C function of the tool's with the values that x0 to x(nargs - 1) have then. All other state of the
 // application's is kept, with flags and the whole vector state. The function's result is in x0 if nargs is above 0,
-// else it is lost. The function runs in the default floating-point mode. At most 8 arguments.
+// else it is lost. The function runs in the default floating-point mode and on the engine's stack. At most 8 arguments.
 int mora_emit_guarded_call(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs);
 
 // The same with constant arguments; the registers that they take are kept as well.

@@ -1,5 +1,5 @@
-// The callbacks. They run on the application's stack, while the engine translates or holds its thread-list lock. So
-// keep frames small, and do not wait for application threads. What they write into a block changes no register and no
+// The callbacks. They run on the engine's stack, while the engine translates or holds its thread-list lock. So keep
+// frames small, and do not wait for application threads. What they write into a block changes no register and no
 // flag of the application's.
 #include "bintracer/bintracer_plugin.h"
 
@@ -99,13 +99,13 @@ const watch_callbacks* watched_at(const mora_context* ctx) {
   return tracer().find_watched_function(mora_get_source_addr(ctx));
 }
 
-// Runs the function on a stack of its own, on this thread, and returns when the function does. The report needs this:
-// the application may end on a signal stack that is little more than the signal's frame.
+// Runs the function on a stack of its own, on this thread, and returns when the function does. The report needs more
+// than the engine's stack of a thread has.
 void call_on_own_stack(void (*function)()) {
   constexpr std::size_t stack_size = std::size_t{8} << 20;
   void* const stack =
       mmap(nullptr, stack_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
-  // Static, because two contexts would take more than half of such a stack.
+  // Static: the two are large.
   static ucontext_t own_context;
   static ucontext_t back;
   if (stack == MAP_FAILED || getcontext(&own_context) != 0) {

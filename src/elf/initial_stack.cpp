@@ -173,7 +173,7 @@ void elf_run(std::uint64_t block, const char* path, int argc, char** argv, char*
   push_word(stack, AT_NULL);
   push_word(stack, 0);
 
-  enter_application(block, sp);
+  enter_application(block, sp, engine_stack_word(current_thread));
   log(LEVEL_FATAL, "unexpected return from elf_run");
   std::abort();
 }

@@ -105,13 +105,14 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
   log(LEVEL_TRACE, "scan(%p)", reinterpret_cast<void*>(source));
   const bool is_new = bb_id == 0;
   // Blocks that lie close together at the end of the range of hashes can fill the table up to its last slot.
-  if (is_new && !hash_has_room(&thread->entry_table.table, source)) flush_code_cache(thread);
+  const std::uint64_t key = block_key(thread, source);
+  if (is_new && !hash_has_room(&thread->entry_table.table, key)) flush_code_cache(thread);
   if (is_new) bb_id = allocate_bb(thread);
   std::uint8_t* block = block_address(thread, bb_id);
   const std::uint64_t address = address_of(block);
   thread->metas[bb_id].source_addr = source;
   thread->metas[bb_id].cache_entry = address;
-  if (is_new && !hash_add(&thread->entry_table.table, source, address)) {
+  if (is_new && !hash_add(&thread->entry_table.table, key, address)) {
     log(LEVEL_FATAL, "failed to add hash table entry for newly created basic block");
   }
 
@@ -157,7 +158,7 @@ std::uint64_t scan_reserved(thread_data* thread, std::uint64_t source, std::int3
 
 std::uint64_t _lookup_or_scan(thread_data* thread, std::uint64_t source, std::int32_t* out_cached) {
   log(LEVEL_TRACE, "thread_data: %p", static_cast<void*>(thread));
-  std::uint64_t address = hash_lookup_entry(thread, source);
+  std::uint64_t address = hash_lookup_entry(thread, block_key(thread, source));
   std::int32_t cached = 0;
   if (address == HASH_MISS) {
     address = scan(thread, source, 0);

@@ -14,6 +14,8 @@
 // them.
 #include "bi/code/dispatcher.h"
 
+#include <cstring>
+
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/code_cache.h"
@@ -134,6 +136,25 @@ std::uint64_t without_tag(std::uint64_t target) {
   return (target >> sign_bit & 1) != 0 ? target : target & ((std::uint64_t{1} << (sign_bit + 1)) - 1);
 }
 
+// The application's x0 to x3, which the stub has left on the application's stack at next_addr[2], go up to where they
+// lie for any other block.
+void end_kept_stack(thread_data* thread, std::uint64_t* next_addr) {
+  thread->untouched_sp = 0;
+  const std::uint64_t frame = next_addr[2] + KEPT_BELOW_SP;
+  std::memmove(reinterpret_cast<void*>(frame), reinterpret_cast<const void*>(next_addr[2]), STUB_APP_FRAME_SIZE);
+  next_addr[2] = frame;
+}
+
+// For a thread whose blocks keep what is below its stack pointer: whether the next one is to be such a block again. A
+// thread that runs long without a stack becomes like any other after a while: such blocks are slow.
+bool still_keeps_below_sp(thread_data* thread, std::uint64_t* next_addr) {
+  constexpr std::uint32_t most_visits = 100000;
+  const std::uint64_t stack_pointer = next_addr[2] + STUB_APP_FRAME_SIZE + KEPT_BELOW_SP;
+  if (stack_pointer == thread->untouched_sp && ++thread->untouched_visits < most_visits) return true;
+  end_kept_stack(thread, next_addr);
+  return false;
+}
+
 }  // namespace
 
 extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr,
@@ -143,6 +164,12 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
     next_addr[1] = stripped;  // Held signals find it as their pc.
   }
   log(LEVEL_TRACE, "source block index: %d", source_index);
+  if (keeps_below_sp(thread)) {
+    const bool keeps = still_keeps_below_sp(thread, next_addr);
+    log(LEVEL_TRACE, "a new thread's block, which is not linked; the next one: %d", keeps);
+    *next_addr = find_block(thread, target, source_index);
+    return;
+  }
   if (source_index >= BB_COUNT) {
     trace_dispatcher(target, next_addr, source_index, thread);
     return;
@@ -224,7 +251,8 @@ void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint
     // The modifier is copied first: x1 is written below. It must not overwrite the register that x1 is copied from.
     if (branch.target == x2.number) modifier = x0;
     if (branch.modifier == sp.number) {
-      code.add(modifier, sp, PUSHED_BYTES);  // sp as it was before the pushes.
+      // sp as it was before the exit.
+      code.add(modifier, sp, PUSHED_BYTES + static_cast<std::uint32_t>(kept_below_sp(thread)));
     } else if (branch.modifier != modifier.number) {
       code.mov(modifier, x_register{branch.modifier});
     }

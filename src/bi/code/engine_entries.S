@@ -14,50 +14,26 @@
         .endm
 
 // signal_entry_stub: the handler that the kernel calls for every signal that the engine or the application handles. On
-// the stack of the interrupted code, which is the application's.
-//   x0 signal number, x1 siginfo, x2 ucontext; x30 the restorer
+// the engine's signal stack, with every signal blocked.
+//   sp   the kernel's frame, which begins with siginfo and ucontext
+//   x29  the frame's end: its record of x29 and x30
+//   x30  the restorer
 //
-//   Frame, from sp up: x2 to x17 0x00; x18, x29 0x80; x30 0x90; x0, x1 0xa0. Size 0xb0.
-//
-//   Calls signal_dispatcher(signum, siginfo, ucontext). An entry of 0 resumes through rt_sigreturn; anything else is
-//   this thread's dispatcher_entry_stub, which is entered as by an exit with the handler as its target. The handler's
-//   first block pops x0 and x1: it starts with the kernel's arguments. On that way it passes cache_reentry_stub, so
-//   that a signal that has come since is raised on top of it.
+//   No frame of its own. Nothing is saved, because the way on is always the return from the kernel's frame, which holds
+//   all registers of the interrupted code. Calls signal_dispatcher(frame, record, restorer), which changes that frame
+//   where the thread is to go elsewhere.
         .balign 4
 global_label signal_entry_stub
-        stp     x2, x3, [sp, #-0xb0]!
-        stp     x4, x5, [sp, #0x10]
-        stp     x6, x7, [sp, #0x20]
-        stp     x8, x9, [sp, #0x30]
-        stp     x10, x11, [sp, #0x40]
-        stp     x12, x13, [sp, #0x50]
-        stp     x14, x15, [sp, #0x60]
-        stp     x16, x17, [sp, #0x70]
-        stp     x18, x29, [sp, #0x80]
-        str     x30, [sp, #0x90]
-        stp     x0, x1, [sp, #0xa0]
+        mov     x0, sp
+        mov     x1, x29
+        mov     x2, x30
         bl      signal_dispatcher
-        ldr     x30, [sp, #0x90]
-        ldp     x18, x29, [sp, #0x80]
-        ldp     x16, x17, [sp, #0x70]
-        ldp     x14, x15, [sp, #0x60]
-        ldp     x12, x13, [sp, #0x50]
-        ldp     x10, x11, [sp, #0x40]
-        ldp     x8, x9, [sp, #0x30]
-        ldp     x6, x7, [sp, #0x20]
-        ldp     x4, x5, [sp, #0x10]
-        ldp     x2, x3, [sp], #0xa0
-        cbz     x0, 1f
-        mov     x16, x0
-        mov     x0, x1
-        mov     x1, #0
-        br      x16
-1:      add     sp, sp, #0x10
         mov     x8, #NR_RT_SIGRETURN
         svc     #0
 
 // void *thread_start_stub(thread_data *): what pthread_create runs. Keeps the callee-saved registers of the C library's
-// caller in a frame that leave_thread returns through, and goes on to thread_start(thread_data, engine_sp).
+// caller in a frame that leave_thread returns through, and goes on to thread_start(thread_data, engine_sp). Below the
+// frame the engine's stack of the thread begins; room for a system call's frame is kept there, which thread_start fills.
 //
 //   Frame, from sp up: x19, x20 0x00; x21, x22 0x10; ... x29, x30 0x50. Size 0x60.
 global_label thread_start_stub
@@ -68,6 +44,7 @@ global_label thread_start_stub
         stp     x27, x28, [sp, #0x40]
         stp     x29, x30, [sp, #0x50]
         mov     x1, sp
+        sub     sp, sp, #SYSCALL_FRAME_SIZE
         b       thread_start
 
 // void leave_thread(std::uint64_t engine_sp, std::int32_t *library_tid_word, std::int32_t *application_tid_word):
@@ -75,9 +52,8 @@ global_label thread_start_stub
 // caller.
 //   x0   the frame; x1, x2 handed on
 //
-//   Before it does, and as soon as sp has left the application's stack, calls settle_tid_words(library_tid_word,
-//   application_tid_word): from that call on the application may take its stack for another thread or unmap it.
-//   Nothing of the caller's is needed any more; the frame has all the registers that the C library is owed.
+//   Before it does, calls settle_tid_words(library_tid_word, application_tid_word): from that call on the application
+//   may take its stack for another thread or unmap it. The frame has all the registers that the C library is owed.
 global_label leave_thread
         mov     sp, x0
         mov     x0, x1
@@ -92,34 +68,56 @@ global_label leave_thread
         mov     x0, #0
         ret
 
-// [[noreturn]] void start_on_stack(std::uint64_t save_area, std::uint64_t block): a new thread's entry into the cache.
-//   x0   words 2 and on of the parent's save area, copied; above its 0xf0 bytes the two words that the block pops
-//   x1   cache address of the block
+// [[noreturn]] void start_in_cache(std::uint64_t frame, std::uint64_t leave): a new thread's entry into the cache.
+//   x0   a frame of syscall_wrapper, copied from the parent's, where the thread's own engine stack begins
+//   x1   syscall_leave in the thread's copy of the stub text
 //
-//   A child is expected to need sp and x0 only; x22 and up take what lies at their numbers in the save area.
-global_label start_on_stack
+//   The thread takes all registers that its parent had at the call, as the kernel would have it, and leaves the call
+//   like its parent. x0, the stack pointer and where to go on are in the frame.
+global_label start_in_cache
         mov     sp, x0
-        mov     x0, x1
-        ldp     x4, x5, [sp, #0x10]
-        ldp     x6, x7, [sp, #0x20]
-        ldp     x8, x9, [sp, #0x30]
-        ldp     x10, x11, [sp, #0x40]
-        ldp     x12, x13, [sp, #0x50]
-        ldp     x14, x15, [sp, #0x60]
-        ldp     x16, x17, [sp, #0x70]
-        ldp     x18, x19, [sp, #0x80]
-        ldp     x20, x21, [sp, #0x90]
-        ldp     x22, x23, [sp, #0xa0]
-        ldp     x24, x25, [sp, #0xb0]
-        ldp     x26, x27, [sp, #0xc0]
-        ldr     x28, [sp, #0xd0]
-        ldp     x29, x30, [sp, #0xe0]
-        ldp     x2, x3, [sp], #0xf0
-        br      x0
+        add     x9, x0, #STUB_SIMD_REGS_SIZE
+        ldp     x19, x20, [x9, #SYSCALL_NZCV]
+        ldr     x21, [x9, #SYSCALL_FPSR]
+        ldp     x22, x23, [x9, #SYSCALL_X22]
+        ldp     x24, x25, [x9, #(SYSCALL_X22 + 0x10)]
+        ldp     x26, x27, [x9, #(SYSCALL_X22 + 0x20)]
+        ldr     x28, [x9, #(SYSCALL_X22 + 0x30)]
+        msr     fpcr, x20
+        msr     fpsr, x21
+        br      x1
 
-// void enter_application(std::uint64_t block, std::uint64_t sp): the first entry into the cache. The block
-// pops the two zeros, so that the application starts with x0 and x1 at 0 and sp at the value given. Does not return.
+// std::int64_t clone_in_memory(std::uint64_t flags, std::uint64_t parent_tid, std::uint64_t child_tid,
+// thread_data *child): the clone of a child that shares the caller's memory while the caller sleeps. Returns in the
+// parent, with the kernel's result.
+//
+//   The child's stack begins below the caller's stack pointer, where nobody writes meanwhile. Room for a system call's
+//   frame is kept at its beginning; vfork_child_start(child, engine_stack_top) fills it.
+global_label clone_in_memory
+        mov     x9, x3
+        mov     x4, x2
+        mov     x2, x1
+        sub     x1, sp, #0x100
+        mov     x3, #0
+        mov     x8, #NR_CLONE
+        svc     #0
+        cbz     x0, 1f
+        ret
+1:      mov     x0, x9
+        mov     x1, sp
+        sub     sp, sp, #SYSCALL_FRAME_SIZE
+        b       vfork_child_start
+
+// void enter_application(std::uint64_t block, std::uint64_t sp, std::uint64_t *engine_stack_word): the first entry into
+// the cache. The block pops the two zeros, so that the application starts with x0 and x1 at 0 and sp at the value given.
+// What lies below the tool's present stack pointer becomes the engine's stack. Does not return.
 global_label enter_application
+        mov     x3, sp
+        str     x3, [x2]
+        mrs     x4, tpidr_el0
+        add     x4, x4, #:tprel_hi12:guarded_engine_stack, lsl #12
+        add     x4, x4, #:tprel_lo12_nc:guarded_engine_stack
+        str     x3, [x4]
         mov     sp, x1
         stp     xzr, xzr, [sp, #-16]!
         br      x0

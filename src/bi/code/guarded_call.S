@@ -5,14 +5,16 @@
 //   x8         the function
 //   x30        where the fragment goes on, in the code cache
 //
-// Keeps everything except x0 to x7 and x30. The emitted code has saved those of x0 to x7 that the application needs. x0
-// returns the function's result. The function runs with the default FPCR, because the tool's code expects default
-// rounding and traps.
+// Keeps everything except x0, x8 and x30. The emitted code has saved those that the application needs. x0 returns the
+// function's result. The function runs with the default FPCR, because the tool's code expects default rounding and
+// traps.
 //
-//   Frame, from sp up, while the function runs:
+//   Frame on the engine's stack, from sp up, while the function runs:
 //     the vector state, of save_vector_state
-//     x8 to x21          0x00
-//     x29, x30           0x70; x29 points here
+//     x1 to x7           0x00
+//     the application's sp, less 16   0x38: x9, x10 lie there
+//     x11 to x21         0x40
+//     x29, x30           0xa0; x29 points here
 //
 // A signal that arrives meanwhile is only counted. The way back leads past cache_reentry_stub, straight into the
 // fragment, so the signal dispatcher traps the exit of that fragment. guarded_return_address tells it which fragment
@@ -20,12 +22,11 @@
         .text
         .balign 4
 
-// x9 = &guarded_return_address, the calling thread's. The tool is a non-relocatable executable: the offset is a
-// constant.
-        .macro  load_return_slot
-        mrs     x9, tpidr_el0
-        add     x9, x9, #:tprel_hi12:guarded_return_address, lsl #12
-        add     x9, x9, #:tprel_lo12_nc:guarded_return_address
+// \reg = the address of \name, the calling thread's; x9 is TPIDR_EL0. The tool is a non-relocatable executable: the
+// offset is a constant.
+        .macro  load_thread_local reg, name
+        add     \reg, x9, #:tprel_hi12:\name, lsl #12
+        add     \reg, \reg, #:tprel_lo12_nc:\name
         .endm
 
 // `sve` is the offset at which the two routines of the stub text are entered. 0: their first word branches to the
@@ -33,17 +34,26 @@
         .macro  guarded_call name, sve
         .globl  \name
 \name:
-        stp     x8, x9, [sp, #-0x80]!
-        stp     x10, x11, [sp, #0x10]
-        stp     x12, x13, [sp, #0x20]
-        stp     x14, x15, [sp, #0x30]
-        stp     x16, x17, [sp, #0x40]
-        stp     x18, x19, [sp, #0x50]
-        stp     x20, x21, [sp, #0x60]
-        stp     x29, x30, [sp, #0x70]
-        add     x29, sp, #0x70
-        load_return_slot
-        str     x30, [x9]
+        stp     x9, x10, [sp, #-0x10]!
+        mrs     x9, tpidr_el0
+        load_thread_local x10, guarded_return_address
+        str     x30, [x10]
+        load_thread_local x9, guarded_engine_stack
+        ldr     x9, [x9]
+        mov     x10, sp
+        mov     sp, x9
+        stp     x1, x2, [sp, #-0xb0]!
+        stp     x3, x4, [sp, #0x10]
+        stp     x5, x6, [sp, #0x20]
+        stp     x7, x10, [sp, #0x30]
+        stp     x11, x12, [sp, #0x40]
+        stp     x13, x14, [sp, #0x50]
+        stp     x15, x16, [sp, #0x60]
+        stp     x17, x18, [sp, #0x70]
+        stp     x19, x20, [sp, #0x80]
+        str     x21, [sp, #0x90]
+        stp     x29, x30, [sp, #0xa0]
+        add     x29, sp, #0xa0
         mrs     x19, nzcv
         mrs     x20, fpcr
         mrs     x21, fpsr
@@ -54,16 +64,22 @@
         msr     fpcr, x20
         msr     fpsr, x21
         msr     nzcv, x19
-        ldp     x29, x30, [sp, #0x70]
-        load_return_slot
+        ldp     x29, x30, [sp, #0xa0]
+        ldr     x21, [sp, #0x90]
+        ldp     x19, x20, [sp, #0x80]
+        ldp     x17, x18, [sp, #0x70]
+        ldp     x15, x16, [sp, #0x60]
+        ldp     x13, x14, [sp, #0x50]
+        ldp     x11, x12, [sp, #0x40]
+        ldp     x7, x10, [sp, #0x30]
+        ldp     x5, x6, [sp, #0x20]
+        ldp     x3, x4, [sp, #0x10]
+        ldp     x1, x2, [sp]
+        mov     sp, x10
+        mrs     x9, tpidr_el0
+        load_thread_local x9, guarded_return_address
         str     xzr, [x9]
-        ldp     x20, x21, [sp, #0x60]
-        ldp     x18, x19, [sp, #0x50]
-        ldp     x16, x17, [sp, #0x40]
-        ldp     x14, x15, [sp, #0x30]
-        ldp     x12, x13, [sp, #0x20]
-        ldp     x10, x11, [sp, #0x10]
-        ldp     x8, x9, [sp], #0x80
+        ldp     x9, x10, [sp], #0x10
         ret
         .endm
 

@@ -54,7 +54,15 @@ void put_vector_load(const code_writer& code, std::uint32_t opc, std::uint32_t r
 }  // namespace
 
 void mark_inserted_code(scan_state& state) {
-  if (engine.plugin_count != 0) mark_source(state.thread, state.write, MARK_INSERTED);
+  if (plugins_listen()) mark_source(state.thread, state.write, MARK_INSERTED);
+}
+
+void lower_sp(scan_state& state) {
+  if (keeps_below_sp(state.thread)) code_writer{state.write}.sub(sp, sp, KEPT_BELOW_SP);
+}
+
+void raise_sp(scan_state& state) {
+  if (keeps_below_sp(state.thread)) code_writer{state.write}.add(sp, sp, KEPT_BELOW_SP);
 }
 
 std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int width) {
@@ -64,6 +72,7 @@ std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int 
 void rewrite_svc(scan_state& state) {
   const code_writer code{state.write};
   const std::uint32_t* next = state.read + 1;
+  lower_sp(state);
   code.push(x29, x30);
   code.load_const(x29, address_of(next));
   code.bl(state.thread->syscall_wrapper_addr);
@@ -72,6 +81,7 @@ void rewrite_svc(scan_state& state) {
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, next});
   state.bb_start = next;
   deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
+  raise_sp(state);
 }
 
 void rewrite_system_register(scan_state& state) {
@@ -86,6 +96,7 @@ void rewrite_system_register(scan_state& state) {
   }
   // TPIDR_EL0 itself always holds the value of the tool's C library.
   const x_register scratch = reg == x0.number ? x1 : x0;
+  lower_sp(state);
   code.push(scratch);
   code.load_const(scratch, address_of(&state.thread->tls));
   if (is_read != 0) {
@@ -94,6 +105,7 @@ void rewrite_system_register(scan_state& state) {
     code.stur(x_register{reg}, at(scratch));
   }
   code.pop(scratch);
+  raise_sp(state);
 }
 
 std::uint32_t borrowed_by_literal_load(const std::uint32_t* source) {
@@ -121,15 +133,21 @@ void rewrite_literal_load(scan_state& state) {
   if (is_vector != 0 && opc == 3) log(LEVEL_FATAL, "unallocated encoding");
   const std::uint64_t target = branch_target(state.read, imm19, 19);
   const std::uint32_t borrowed = borrowed_by_literal_load(state.read);
-  const x_register base{borrowed == NOTHING_BORROWED ? reg : borrowed};
-  if (borrowed != NOTHING_BORROWED) code.push(base);
+  const bool borrows = borrowed != NOTHING_BORROWED;
+  const x_register base{borrows ? borrowed : reg};
+  if (borrows) {
+    lower_sp(state);
+    code.push(base);
+  }
   code.load_const(base, target);
   if (is_vector == 0) {
     put_general_load(code, opc, reg, base);
   } else {
     put_vector_load(code, opc, reg, base);
   }
-  if (borrowed != NOTHING_BORROWED) code.pop(base);
+  if (!borrows) return;
+  code.pop(base);
+  raise_sp(state);
 }
 
 void rewrite_address(scan_state& state) {

@@ -8,6 +8,11 @@
 
 namespace ceilmeter {
 
+// Around what is added to a new thread's block (keeps_below_sp): sp is lowered before it, and raised again in front of
+// the application's own words. Nothing is written for any other block.
+void lower_sp(scan_state& state);
+void raise_sp(scan_state& state);
+
 // A call of the system-call stub. For callbacks a block ends here and another one begins, though the fragment goes on.
 void rewrite_svc(scan_state& state);
 

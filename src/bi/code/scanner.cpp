@@ -33,6 +33,7 @@ void reserve_space(scan_state& state, std::uint32_t size) {
 // The exit of every kind begins with the words that the dispatcher turns into links.
 void begin_exit(scan_state& state, bb_exit_kind kind, std::uint64_t taken, std::uint64_t skipped) {
   bb_meta& meta = meta_of(state);
+  lower_sp(state);
   meta.exit_kind = kind;
   meta.exit_code_addr = state.write;
   meta.taken_source_addr = taken;
@@ -295,15 +296,18 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   begin_source_marks(thread, start);
 
   if (!is_readable(read_address)) {
+    raise_sp(state);
     put_fault(state);
     meta.source_words = 1;
     end_source_marks(thread, state.write);
     return static_cast<std::uint32_t>(state.write - start) * 4;
   }
-  if (type == FRAGMENT_BLOCK && find_end(read_address).is_direct_branch) put_hot_counter(state);
+  const bool counts = type == FRAGMENT_BLOCK && !keeps_below_sp(thread) && find_end(read_address).is_direct_branch;
+  if (counts) put_hot_counter(state);
 
   deliver_scan_event(state, {MORA_PRE_FRAGMENT, MORA_NO_INST, true, nullptr});
   deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
+  raise_sp(state);
   scan_words(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});

@@ -6,11 +6,22 @@
 #define STUB_INT_REGS_SIZE 0x90   /* x4 to x21 */
 #define STUB_SIMD_REGS_SIZE 0x200 /* q0 to q31 */
 
+/* All frames below lie on the engine's stack of the thread and end at the address in word_engine_stack. */
+
+/* What a stub leaves on the application's stack while the engine runs: x2, x3, and above them x0, x1. */
+#define STUB_APP_FRAME_SIZE 0x20
+
 /* The frame of dispatcher_entry_stub, from its stack pointer before the register blocks. */
-#define DISPATCH_X29 0x10
-#define DISPATCH_NEXT 0x20   /* receives the cache address */
-#define DISPATCH_TARGET 0x28 /* the source address to go to */
-#define DISPATCH_SIZE 0x30   /* above lie the application's x0 and x1; the exit stub has pushed them */
+#define DISPATCH_NEXT 0x10   /* receives the cache address */
+#define DISPATCH_TARGET 0x18 /* the source address to go to */
+#define DISPATCH_APP_SP 0x20 /* the application's sp, less STUB_APP_FRAME_SIZE */
+#define DISPATCH_SIZE 0x30
+
+/* The frame of cache_reentry_stub, likewise. */
+#define REENTRY_NEXT 0x10   /* cache and source address */
+#define REENTRY_APP_SP 0x20 /* the application's sp, less STUB_APP_FRAME_SIZE */
+#define REENTRY_RESULT 0x30 /* what deliver_pending_signal returns, 0x20 bytes */
+#define REENTRY_SIZE 0x50
 
 /* The save area of a system call, in bytes from its word 0. q0 to q31 lie below it. */
 #define SYSCALL_X0 0x00
@@ -22,16 +33,23 @@
 #define SYSCALL_NEXT_SOURCE 0xb8  /* word 23 */
 #define SYSCALL_X29 0xc0          /* words 24 and 25 */
 #define SYSCALL_X30 0xc8
-#define SYSCALL_APP_SP 0xd0 /* word 26: the application's stack continues here */
+#define SYSCALL_APP_SP 0xd0 /* word 26: the application's sp at the time of the SVC */
+/* Filled for the clones that the engine makes itself. */
+#define SYSCALL_NZCV 0xd8 /* words 27 to 29 */
+#define SYSCALL_FPCR 0xe0
+#define SYSCALL_FPSR 0xe8
+#define SYSCALL_X22 0xf0 /* words 30 to 36: x22 to x28 */
+#define SYSCALL_AREA_SIZE 0x130
 
-/* The whole frame, from q0 to the application's stack pointer at the time of the SVC. */
-#define SYSCALL_FRAME_SIZE 0x2d0
+/* The whole frame, from q0 to the end of the save area. */
+#define SYSCALL_FRAME_SIZE 0x330
 
 /* Words of hot_counter_stub that init_thread fills with the load of the counters' address. */
 #define HOT_COUNTER_SLOTS 4
 
 #define KERNEL_MASK_SIZE 8 /* bytes of a signal mask */
 
+#define NR_CLONE 0xdc
 #define NR_TGKILL 0x83
 #define NR_RT_SIGPROCMASK 0x87
 #define NR_RT_TGSIGQUEUEINFO 0xf0

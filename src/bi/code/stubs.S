@@ -1,7 +1,22 @@
 // The stub text: position-independent code and data. Every thread's code cache begins with a copy of it. It is the only
-// way from rewritten application code into the engine. A thread in the code cache has no stack but the application's,
-// so a stub saves the application's state there. It then calls an engine routine, restores the state and goes on at a
-// cache address.
+// way from rewritten application code into the engine. A stub pushes up to 32 bytes on the application's stack, takes
+// the engine's stack of this thread, saves the application's state there and calls an engine routine. It then restores
+// the state, takes the application's stack again and goes on at a cache address.
+//
+//   the application's stack, while the engine runs        the engine's stack
+//   +----------------+ the application's sp               +-----------------------+ word_engine_stack
+//   | x0, x1         | pushed by an exit, or put here     | the stub's frame      | see each entry
+//   +----------------+                                    | x4 to x21             |
+//   | x2, x3         | from DISPATCH_APP_SP or x2         | the vector state      |
+//   +----------------+ the frame of cache_reentry_stub    | the engine's routines | sp
+//                                                         +-----------------------+
+//
+// The engine's stack is the thread's own stack of the tool's C library, below what the thread had there when it went
+// into the cache. It is empty whenever rewritten code runs: every frame begins at word_engine_stack, so it can be found
+// from a signal without sp. Nothing that runs on it goes into rewritten code except by a stub that leaves it.
+//
+// While a system call of the application's is in the kernel, and where a held signal is raised, sp is the
+// application's: the kernel may copy sp for a child, and a signal is delivered as if the application had been running.
 //
 // A copy finds its thread by data words that init_thread patches into the copy, so it needs no register of the
 // application's for that. Literal loads reach the data words, and everything in the text must stay in range of itself.
@@ -216,20 +231,22 @@ global_label restore_vector_state
 //   x0   source address to go to
 //   x1   bb_meta index of the fragment that left, 0 if none
 //
-//   Frame, from sp up, while dispatcher runs:
+//   Frame on the engine's stack, from sp up, while dispatcher runs:
 //     the vector state                  of save_vector_state
 //     x4 to x21                         STUB_INT_REGS_SIZE
-//     x2, x3                            0x00 of the frame
-//     x29, x30                          DISPATCH_X29
+//     x29, x30                          0x00 of the frame
 //     cache address, from dispatcher    DISPATCH_NEXT
 //     source address                    DISPATCH_TARGET
-//     x0, x1                            DISPATCH_SIZE, the exit's
+//     the application's sp, less 32     DISPATCH_APP_SP: x2, x3 and the exit's x0, x1 lie there
 //
-//   Calls dispatcher(target, source_index, next_addr, thread_data) and leaves to cache_reentry_stub.
+//   Calls dispatcher(target, source_index, next_addr, thread_data) and leaves to reentry_window.
 global_label dispatcher_entry_stub
-        stp     x2, x3, [sp, #-DISPATCH_SIZE]!
-        stp     x29, x30, [sp, #DISPATCH_X29]
-        str     x0, [sp, #DISPATCH_TARGET]
+        stp     x2, x3, [sp, #-16]!
+        mov     x2, sp
+        ldr     x3, word_engine_stack
+        mov     sp, x3
+        stp     x29, x30, [sp, #-DISPATCH_SIZE]!
+        stp     x0, x2, [sp, #DISPATCH_TARGET]
         bl      save_int_regs
         mrs     x19, nzcv
         add     x2, sp, #(STUB_INT_REGS_SIZE + DISPATCH_NEXT)
@@ -237,13 +254,16 @@ global_label dispatcher_entry_stub
         ldr     x9, word_dispatcher
         bl      save_vector_state
         blr     x9
+dispatcher_leave:
         bl      restore_vector_state
         msr     nzcv, x19
         bl      restore_int_regs
-        ldp     x29, x30, [sp, #DISPATCH_X29]
         ldp     x0, x1, [sp, #DISPATCH_NEXT]
-        ldp     x2, x3, [sp], #DISPATCH_SIZE
-        b       cache_reentry_stub
+        ldr     x2, [sp, #DISPATCH_APP_SP]
+        ldp     x29, x30, [sp]
+        mov     sp, x2
+        ldr     x3, [sp, #8]
+        b       reentry_window
 
 // hot_counter_stub: called by BL at the head of every block that ends in a direct branch.
 //   x1   bb_meta index of the block; the application's x1 and x30 are on the stack, in this order
@@ -251,12 +271,8 @@ global_label dispatcher_entry_stub
 //   Counts the block's byte of exit_counters down. Returns if the byte is not 0. At 0 the block is hot, and
 //   create_trace(thread_data, source_index, ret) tells where to go on in its place.
 //
-//   Frame while create_trace runs, from sp up: the vector state; x4 to x21; x29, x30; x2, x3 below the two words that
-//   become the application's x0 and x1:
-//     x29, x30                      0x00
-//     ret: cache, source address    0x10
-//     x2, x3                        0x20
-//     x0, x1                        0x30
+//   A hot block's frame is that of dispatcher_entry_stub; `ret` is at DISPATCH_NEXT. On the application's stack x0 and
+//   x1 take the place of x1 and x30.
 global_label hot_counter_stub
         stp     x2, x3, [sp, #-16]!
 global_label hot_counter_slots
@@ -272,38 +288,46 @@ global_label hot_counter_return
         ret
 1:      ldp     x2, x30, [sp, #0x10]
         stp     x0, x2, [sp, #0x10]
-        stp     x29, x30, [sp, #-0x20]!
+        mov     x2, sp
+        ldr     x3, word_engine_stack
+        mov     sp, x3
+        stp     x29, x30, [sp, #-DISPATCH_SIZE]!
+        str     x2, [sp, #DISPATCH_APP_SP]
         bl      save_int_regs
         mrs     x19, nzcv
-        add     x2, sp, #(STUB_INT_REGS_SIZE + 0x10)
+        add     x2, sp, #(STUB_INT_REGS_SIZE + DISPATCH_NEXT)
         ldr     x0, word_thread_data
         ldr     x3, word_create_trace
         bl      save_vector_state
         blr     x3
-        bl      restore_vector_state
-        msr     nzcv, x19
-        bl      restore_int_regs
-        ldp     x0, x1, [sp, #0x10]
-        ldp     x2, x3, [sp, #0x20]
-        ldp     x29, x30, [sp], #0x30
-        b       cache_reentry_stub
+        b       dispatcher_leave
 
 // syscall_wrapper: called by BL from a rewritten SVC.
 //   x29   source address of the next instruction; the application's x29 and x30 are on the stack
 //   x30   cache address of the rest of the block
 //
-//   Frame, from sp up: q0 to q31, then the save area of stub_layout.h (SYSCALL_*): x0 to x21, the two return addresses,
-//   x29, x30. SYSCALL_FRAME_SIZE in all.
+//   Frame on the engine's stack, from sp up: q0 to q31, then the save area of stub_layout.h (SYSCALL_*): x0 to x21, the
+//   two return addresses, x29, x30, the application's sp; and for clones the rest of its state. SYSCALL_FRAME_SIZE in
+//   all.
 //
-//   Calls syscall_handler_pre(number, args, next_inst, thread_data). If its result is not 0, makes the call and calls
-//   syscall_handler_post with the same arguments. Leaves to cache_reentry_stub. While the call is in the kernel, x19
-//   holds the flags, x20 FPCR and x21 FPSR. The signal dispatcher finds them there if it has to take the frame apart at
-//   syscall_return_point. An rt_sigreturn does not come back: the kernel finds its frame where the save area ends.
+//   Calls syscall_handler_pre(number, args, next_inst, thread_data). If its result is 1, makes the call with the
+//   application's sp and calls syscall_handler_post with the same arguments. Leaves to reentry_window. While the call
+//   is in the kernel, x19 holds the flags, x20 FPCR and x21 FPSR. The signal dispatcher finds them there if it has to
+//   take the frame apart at syscall_return_point. An rt_sigreturn does not come back.
 global_label syscall_wrapper
+        stp     x0, x1, [sp, #-16]!
+        mov     x0, sp
+        ldr     x1, word_engine_stack
+        sub     sp, x1, #(SYSCALL_AREA_SIZE - SYSCALL_X29)
         stp     x30, x29, [sp, #-16]!
         bl      save_int_regs
-        stp     x0, x1, [sp, #-0x20]!
+        ldp     x4, x5, [x0]
+        ldp     x6, x7, [x0, #0x10]
+        add     x9, x0, #0x20
+        stp     x4, x5, [sp, #-0x20]!
         stp     x2, x3, [sp, #SYSCALL_X2]
+        stp     x6, x7, [sp, #SYSCALL_X29]
+        str     x9, [sp, #SYSCALL_APP_SP]
         bl      save_simd_regs
         mrs     x19, nzcv
         mrs     x20, fpcr
@@ -315,6 +339,7 @@ global_label syscall_wrapper
         ldr     x9, word_syscall_handler_pre
         blr     x9
         cbz     x0, syscall_leave
+        tbnz    x0, #1, syscall_clone_in_engine
         mov     w10, #0 // how many held signals have been judged
 // A signal that came before this point was only counted, and the call might never return. So it is raised first. A
 // signal that comes in this window makes the thread look again.
@@ -328,16 +353,17 @@ global_label syscall_restart_window
 // signal that arrived before it.
 global_label syscall_call_window
         add     x9, sp, #STUB_SIMD_REGS_SIZE
+        ldr     x10, [x9, #SYSCALL_APP_SP]
         ldp     x0, x1, [x9, #SYSCALL_X0]
         ldp     x2, x3, [x9, #SYSCALL_X2]
         ldp     x4, x5, [x9, #SYSCALL_X4]
         ldp     x6, x7, [x9, #SYSCALL_X6]
         ldr     x8, [x9, #SYSCALL_X8]
-        cmp     x8, #NR_RT_SIGRETURN
-        b.ne    1f
-        add     sp, sp, #SYSCALL_FRAME_SIZE
-1:      svc     #0
+        mov     sp, x10
+        svc     #0
 global_label syscall_return_point
+        ldr     x1, word_engine_stack
+        sub     sp, x1, #SYSCALL_FRAME_SIZE
         str     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X0)]
         ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
         add     x1, sp, #STUB_SIMD_REGS_SIZE
@@ -345,17 +371,23 @@ global_label syscall_return_point
         ldr     x3, word_thread_data
         ldr     x9, word_syscall_handler_post
         blr     x9
-syscall_leave:
+// A new thread begins here, on a copy of its parent's frame, see start_in_cache.
+global_label syscall_leave
         bl      restore_simd_regs
         msr     nzcv, x19
+        ldr     x29, [sp, #SYSCALL_APP_SP]
         ldp     x2, x3, [sp, #SYSCALL_X2]
         ldp     x0, x1, [sp], #0x20
+        // The frame of cache_reentry_stub. The application's x0 and x1 take the place of its x29 and x30, where the
+        // fragment pops them.
+        stp     x0, x1, [x29, #-0x10]
+        stp     x2, x3, [x29, #-0x20]
+        sub     x2, x29, #0x20
         bl      restore_int_regs
         ldp     x29, x30, [sp, #0x10]
-        // The application's x0 and x1 take the place of its x29 and x30, where the fragment pops them.
-        stp     x0, x1, [sp, #0x10]
-        ldp     x0, x1, [sp], #0x10
-        // Falls through.
+        ldp     x0, x1, [sp]
+        mov     sp, x2
+        b       reentry_window
 
 // cache_reentry_stub: the one way back into the cache.
 //   x0   cache address to go to
@@ -364,15 +396,14 @@ syscall_leave:
 //   Held signals are raised here and nowhere else. All of the application's state is in place at that point, except
 //   x0 to x3 and x8. Those are at known places, see reentry_signal_point.
 //
-//   Frame while deliver_pending_signal runs, from sp up: the vector state; x4 to x21; then
-//     x3, -                 0x00
-//     x29, x30              0x10
-//     result area           0x20: the call's first three arguments
-//     cache, source address 0x40
-//     x2, x8                0x50: x8 is kept here across the call that raises the signal
-//     x0, x1                0x60: pushed by whoever came here
+//   Frame on the engine's stack while deliver_pending_signal runs, from sp up: the vector state; x4 to x21; then
+//     x29, x30               0x00
+//     cache, source address  REENTRY_NEXT
+//     the application's sp, less 32; unused   REENTRY_APP_SP
+//     result area            REENTRY_RESULT: the call's first three arguments
+//   On the application's stack: x2, x3; x0, x1.
 global_label cache_reentry_stub
-        str     x2, [sp, #-16]!
+        stp     x2, x3, [sp, #-16]!
 // Between the look at the count and the branch that leaves, a signal would be counted too late: the thread might not
 // come here again for as long as it runs. The same holds for the second window below. From either one the signal
 // dispatcher sends the thread back to this window, because everything is at known places up to the branch.
@@ -383,11 +414,14 @@ global_label reentry_window
         ldr     x2, [sp], #16
 global_label reentry_branch
         br      x0
-1:      stp     x0, x1, [sp, #-16]!
+1:      mov     x2, sp
+        ldr     x3, word_engine_stack
+        mov     sp, x3
+        stp     x29, x30, [sp, #-REENTRY_SIZE]!
+        stp     x0, x1, [sp, #REENTRY_NEXT]
+        str     x2, [sp, #REENTRY_APP_SP]
         mov     x0, x1
-        str     x3, [sp, #-0x40]!
-        stp     x29, x30, [sp, #0x10]
-        add     x1, sp, #0x20
+        add     x1, sp, #REENTRY_RESULT
         bl      save_int_regs
         bl      save_vector_state
         mrs     x19, nzcv
@@ -400,14 +434,17 @@ global_label reentry_branch
         msr     nzcv, x19
         bl      restore_vector_state
         bl      restore_int_regs
-        ldp     x29, x30, [sp, #0x10]
-        ldr     x3, [sp], #0x20
+        ldp     x29, x30, [sp]
         cbz     x0, reentry_resume
-        // sp is at the result area. The signal is pending in the kernel already, and everything is blocked. The call
-        // puts the application's mask in force: x0 to x2 are the change, the mask and none to be read.
-        ldr     x2, [sp, #0x10]
-        ldp     x0, x1, [sp], #0x20
-        str     x8, [sp, #0x18]
+        // The signal is pending in the kernel already, and everything is blocked. The call puts the application's mask
+        // in force: x0 to x2 are the change, the mask and none to be read.
+        ldr     x3, [sp, #REENTRY_APP_SP]
+        ldp     x0, x1, [sp, #REENTRY_RESULT]
+        ldr     x2, [sp, #(REENTRY_RESULT + 0x10)]
+        mov     sp, x3
+        // x8 takes the place of x3 on the application's stack.
+        ldr     x3, [sp, #8]
+        str     x8, [sp, #8]
         ldr     x8, word_raised_signal
         str     x3, [x8]
         mov     x3, #KERNEL_MASK_SIZE
@@ -417,31 +454,53 @@ global_label reentry_branch
 // signal where this call would have raised it.
 global_label reentry_raise
         svc     #0
-// The signal is raised here. From sp up: the cache address, the source address, x2, x8, and the application's x0 and
-// x1. The application's x3 is where word_raised_signal says.
+// The signal is raised here, with sp on the application's stack: x2, x8; x0, x1. The application's x3 is where
+// word_raised_signal says. The cache address and the source address are where the frame was on the engine's stack.
 global_label reentry_signal_point
         // The signal was not raised: its action is to ignore it meanwhile. There may be others.
         ldr     x8, word_raised_signal
         ldr     x3, [x8]
-        ldp     x2, x8, [sp, #0x10]
-        ldp     x0, x1, [sp], #0x20
+        ldr     x2, word_engine_stack
+        ldp     x0, x1, [x2, #(REENTRY_NEXT - REENTRY_SIZE)]
+        ldp     x2, x8, [sp], #16
         b       cache_reentry_stub
-// The held signals have to wait on. From sp up: how many have been judged, 0x20; the rest as above, except x8.
+// The held signals have to wait on. The frame is there, less x29 and x30; how many signals have been judged is in the
+// result area.
 reentry_resume:
-        ldr     w1, [sp]
+        ldr     w1, [sp, #REENTRY_RESULT]
 global_label reentry_resume_window
         ldr     x2, word_pending_signal_count
         ldr     w2, [x2]
         sub     w2, w2, w1
         cbnz    w2, 3f
-        ldr     x2, [sp, #0x30]
-        ldp     x0, x1, [sp, #0x20]
-        add     sp, sp, #0x40
+        ldp     x0, x1, [sp, #REENTRY_NEXT]
+        ldr     x2, [sp, #REENTRY_APP_SP]
+        mov     sp, x2
+        ldp     x2, x3, [sp], #16
 global_label reentry_resume_branch
         br      x0
-3:      ldp     x0, x1, [sp, #0x20]
-        add     sp, sp, #0x30
+3:      ldp     x0, x1, [sp, #REENTRY_NEXT]
+        ldr     x2, [sp, #REENTRY_APP_SP]
+        mov     sp, x2
         b       1b
+
+// Part of syscall_wrapper, for the clones that the engine makes itself: a thread, and a child in the same memory. Either
+// begins with all of the caller's registers, so those that C++ keeps are added to the save area. Calls
+// syscall_clone(number, args, next_inst, thread_data), which leaves the result in the save area.
+syscall_clone_in_engine:
+        add     x1, sp, #STUB_SIMD_REGS_SIZE
+        stp     x19, x20, [x1, #SYSCALL_NZCV]
+        str     x21, [x1, #SYSCALL_FPSR]
+        stp     x22, x23, [x1, #SYSCALL_X22]
+        stp     x24, x25, [x1, #(SYSCALL_X22 + 0x10)]
+        stp     x26, x27, [x1, #(SYSCALL_X22 + 0x20)]
+        str     x28, [x1, #(SYSCALL_X22 + 0x30)]
+        ldr     x0, [x1, #SYSCALL_X8]
+        ldr     x2, [x1, #SYSCALL_NEXT_SOURCE]
+        ldr     x3, word_thread_data
+        ldr     x9, word_syscall_clone
+        blr     x9
+        b       syscall_leave
 
 // Part of syscall_wrapper, for the case that signals are held. Calls syscall_held_signals(number, args, next_inst,
 // thread_data). If a signal is to be raised, the function changes the two return addresses so that the call is made
@@ -457,8 +516,11 @@ syscall_with_held_signals:
         sub     w10, w0, #1
         b       syscall_restart_window
 
-// The data words. The first three differ from thread to thread; init_thread fills them in each copy.
+// The data words. The first four differ from thread to thread; init_thread fills them in each copy, and the way into
+// the cache fills word_engine_stack.
         .balign 8
+global_label word_engine_stack
+        .xword  0
 global_label word_thread_data
         .xword  0
 global_label word_pending_signal_count
@@ -473,6 +535,8 @@ word_syscall_held_signals:
         .xword  syscall_held_signals
 word_syscall_handler_post:
         .xword  syscall_handler_post
+word_syscall_clone:
+        .xword  syscall_clone
 word_create_trace:
         .xword  create_trace
 word_deliver_pending_signal:

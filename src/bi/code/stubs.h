@@ -7,13 +7,7 @@
 namespace ceilmeter {
 
 struct thread_data;
-
-// Where signal_entry_stub goes on, in x0 and x1: at a stub with a target for it. No entry: the interrupted code goes
-// on.
-struct signal_exit {
-  std::uint64_t entry;
-  std::uint64_t target;
-};
+struct signal_frame;
 
 extern "C" {
 
@@ -29,6 +23,7 @@ extern const std::uint8_t syscall_wrapper[];
 extern const std::uint8_t syscall_restart_window[];
 extern const std::uint8_t syscall_call_window[];
 extern const std::uint8_t syscall_return_point[];
+extern const std::uint8_t syscall_leave[];
 extern const std::uint8_t cache_reentry_stub[];
 extern const std::uint8_t reentry_window[];
 extern const std::uint8_t reentry_branch[];
@@ -36,6 +31,7 @@ extern const std::uint8_t reentry_raise[];
 extern const std::uint8_t reentry_signal_point[];
 extern const std::uint8_t reentry_resume_window[];
 extern const std::uint8_t reentry_resume_branch[];
+extern const std::uint8_t word_engine_stack[];
 extern const std::uint8_t word_thread_data[];
 extern const std::uint8_t word_pending_signal_count[];
 extern const std::uint8_t word_raised_signal[];
@@ -46,8 +42,10 @@ void guarded_call_stub_sve();
 extern const std::uint8_t guarded_call_stubs_end[];
 void* thread_start_stub(void* thread);
 void leave_thread(std::uint64_t engine_sp, std::int32_t* library_tid_word, std::int32_t* application_tid_word);
-[[noreturn]] void start_on_stack(std::uint64_t save_area, std::uint64_t block);
-void enter_application(std::uint64_t block, std::uint64_t sp);
+[[noreturn]] void start_in_cache(std::uint64_t frame, std::uint64_t leave);
+void enter_application(std::uint64_t block, std::uint64_t sp, std::uint64_t* engine_stack_word);
+std::int64_t clone_in_memory(std::uint64_t flags, std::uint64_t parent_tid, std::uint64_t child_tid,
+                             thread_data* child);
 std::int64_t raw_syscall(std::uint64_t number, std::uint64_t a0 = 0, std::uint64_t a1 = 0, std::uint64_t a2 = 0,
                          std::uint64_t a3 = 0, std::uint64_t a4 = 0, std::uint64_t a5 = 0, std::uint64_t a6 = 0);
 
@@ -58,17 +56,24 @@ std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std
                                   thread_data* thread);
 std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                    thread_data* thread);
+void syscall_clone(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread);
 void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread);
 void create_trace(thread_data* thread, std::int32_t source_index, std::uint64_t* ret);
 std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info);
-signal_exit signal_dispatcher(int signum, void* siginfo, void* ucontext);
+void signal_dispatcher(signal_frame* frame, std::uint64_t record, std::uint64_t restorer);
 [[noreturn]] void thread_start(thread_data* thread, std::uint64_t engine_sp);
+
+// What clone_in_memory calls in the child.
+[[noreturn]] void vfork_child_start(thread_data* child, std::uint64_t engine_stack_top);
 
 // What leave_thread calls on the thread's own stack.
 void settle_tid_words(std::int32_t* library_tid_word, std::int32_t* application_tid_word);
 
 // While this thread is in one of the two stubs above: where it goes on in the code cache. 0: it is not.
 extern thread_local std::uint64_t guarded_return_address;
+
+// Where the engine's stack of this thread begins, for the same two stubs: what word_engine_stack is to the stub text.
+extern thread_local std::uint64_t guarded_engine_stack;
 
 }  // extern "C"
 

@@ -33,6 +33,15 @@ bool find_mask(std::uint64_t number, mask_place* place) {
 
 }  // namespace
 
+void read_mask_of_call(std::uint64_t number, const std::uint64_t* args, std::uint64_t* mask) {
+  mask_place place{};
+  number = static_cast<std::uint32_t>(number);
+  if (number == SYS_rt_sigprocmask || !find_mask(number, &place)) return;
+  std::uint64_t address = args[place.argument];
+  if (place.is_pair && !read_word(address, &address)) return;
+  read_word(address, mask);
+}
+
 void replace_call_mask(thread_data* thread, std::uint64_t number, std::uint64_t* args) {
   mask_place place{};
   if (!find_mask(number, &place)) return;

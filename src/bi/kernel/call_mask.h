@@ -17,6 +17,9 @@ inline constexpr std::uint64_t SIGILL_BIT = std::uint64_t{1} << (SIGILL - 1);
 // Before the call `number` is made with `args`, its save area.
 void replace_call_mask(thread_data* thread, std::uint64_t number, std::uint64_t* args);
 
+// The mask that the call `number` with the save area `args` waits with. `*mask` stays as it is if the call has none.
+void read_mask_of_call(std::uint64_t number, const std::uint64_t* args, std::uint64_t* mask);
+
 // After the call, or if it is not made: gives back the argument that was replaced (the mask here, or the path of
 // executable_path.h), in the save area or in the registers of a signal's context. An argument below `first` is left
 // alone, because the call's result may stand there.

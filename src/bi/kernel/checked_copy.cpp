@@ -49,10 +49,11 @@ int copy_with_handler(void* destination, const void* source, std::size_t size) {
   if (sigaction(SIGSEGV, nullptr, &old) != 0) return -1;
   note_old_handler(old);
 
-  // The old handler may be entered by way of ours: with the mask, the stack and the restarts that it asked for.
+  // The old handler may be entered by way of ours: with the mask and the restarts that it asked for. In the engine the
+  // signal stack is the engine's own, whatever the old action says; where a thread has none, the flag means nothing.
   struct sigaction ours = old;
   ours.sa_sigaction = checked_copy_handler;
-  ours.sa_flags = SA_SIGINFO | (old.sa_flags & (SA_ONSTACK | SA_NODEFER | SA_RESTART));
+  ours.sa_flags = SA_SIGINFO | SA_ONSTACK | (old.sa_flags & (SA_NODEFER | SA_RESTART));
   if (sigaction(SIGSEGV, &ours, &old) != 0) return -1;
   note_old_handler(old);
 

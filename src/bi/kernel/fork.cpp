@@ -16,6 +16,8 @@
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/stub_layout.h"
 #include "bi/kernel/threads.h"
+#include "bi/kernel/vfork.h"
+#include "bi/signals/application_stack.h"
 
 namespace ceilmeter {
 
@@ -105,37 +107,25 @@ void free_other_threads(const thread_data* survivor) {
 void prepare_fork(thread_data* thread, std::uint64_t* args) {
   thread->clone_shares_vm = 0;
   std::uint64_t flags = args[0];
-  // Give the child a true copy. With shared memory it would run in the parent's engine state, whether the parent waits
-  // for it or not. The kernel refuses CLONE_SIGHAND without shared memory.
+  // Give the child a true copy: with shared memory it would run in the parent's engine state while the parent does.
+  // A child whose parent sleeps does not come here. The kernel refuses CLONE_SIGHAND without shared memory.
+  thread->clone_clears_stack = (flags & (CLONE_VM | CLONE_VFORK)) == CLONE_VM ? 1 : 0;
   if ((flags & CLONE_VM) != 0) flags &= ~std::uint64_t{CLONE_VM | CLONE_SIGHAND};
   thread->child_tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
   flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
   args[0] = flags;
 
-  thread->clone_stack = args[1];
-  const std::uint64_t application_sp = address_of(args) + SYSCALL_APP_SP;
-  if (args[1] == application_sp) {
-    args[1] = 0;
-  } else if (args[1] != 0) {
-    // The child comes back into syscall_wrapper on a stack of its own and has to find the wrapper's frame there. This
-    // same thread makes the copy before the kernel copies the memory, so no barrier is needed between.
-    args[1] -= SYSCALL_FRAME_SIZE;
-    std::memcpy(reinterpret_cast<void*>(args[1]), reinterpret_cast<const char*>(args) - STUB_SIMD_REGS_SIZE,
-                SYSCALL_FRAME_SIZE);
-  }
-
   make_spare_streams();
   // Block all signals: one that interrupted the call as it returns would bypass syscall_handler_post, and so
   // finish_fork.
   thread->saved_signal_mask = block_for_clone(thread);
-  // While this thread holds the engine's locks, nothing of the engine is half changed in the copy. A vfork does without
-  // the locks: the parent sleeps until the child has gone, and to get there the child may need the parent's other
-  // threads. Such a child makes a few system calls before it becomes another program. But plug-ins hear of the child
-  // and of its code, too, so the plug-ins' lock alone is held: a thread of the parent that reaches new code waits until
-  // the child has gone.
+  // While this thread holds the engine's locks, nothing of the engine is half changed in the copy. A clone that has its
+  // parent wait for a child with memory of its own does without them: to get to its end the child may need the parent's
+  // other threads. Plug-ins hear of that child and of its code, so their lock alone is held: a thread of the parent
+  // that reaches new code waits until the child has gone.
   thread->clone_holds_locks = (flags & CLONE_VFORK) == 0 ? 1 : 0;
   if (thread->clone_holds_locks == 0) {
-    if (engine.plugin_count != 0) {
+    if (plugins_listen()) {
       pthread_rwlock_wrlock(&engine.callbacks_lock);
       wait_for_ending_threads(0);
     }
@@ -151,13 +141,15 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
 }
 
 void finish_fork(thread_data* thread, std::uint64_t* args) {
-  args[1] = thread->clone_stack;  // A call leaves all registers but x0 as they were.
   if (args[0] == 0) {
+    // The child has a copy of the engine's stack with the wrapper's frame; only the application's stack is another.
+    if (args[1] != 0) args[SYSCALL_APP_SP / 8] = args[1];
     thread->tls = thread->child_tls;
+    if (thread->clone_clears_stack != 0) clear_application_stack(thread);
     reinit_after_fork(thread);
   } else if (thread->clone_holds_locks != 0) {
     unlock_all();
-  } else if (engine.plugin_count != 0) {
+  } else if (plugins_listen()) {
     pthread_rwlock_unlock(&engine.callbacks_lock);
   }
   restore_signal_mask(thread->saved_signal_mask);
@@ -165,6 +157,7 @@ void finish_fork(thread_data* thread, std::uint64_t* args) {
 
 void reinit_after_fork(thread_data* thread) {
   init_all_locks();
+  if (thread->is_vfork_child != 0) become_process(thread);
   std::atomic_ref(engine.exit_flag).store(0, std::memory_order_relaxed);  // The parent's end is not the child's.
   current_thread = thread;
   thread->tid = gettid();

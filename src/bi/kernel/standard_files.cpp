@@ -64,6 +64,15 @@ bool note_close(std::uint32_t fd) {
   return true;
 }
 
+void close_noted_files() {
+  const std::uint32_t closed = closed_standard_files.load(std::memory_order_relaxed);
+  for (std::uint32_t fd = 0; fd <= STDERR_FILENO; ++fd) {
+    if ((closed >> fd & 1) != 0) raw_syscall(SYS_close, fd);
+  }
+}
+
+void forget_noted_files() { closed_standard_files.store(0, std::memory_order_relaxed); }
+
 std::int64_t settle_descriptor(std::uint64_t number, const std::uint64_t* args, std::int64_t result) {
   if (closed_standard_files.load(std::memory_order_relaxed) == 0 || result < 0) return result;
   if (number == SYS_dup3) {

@@ -12,6 +12,12 @@ namespace ceilmeter {
 // If the descriptor is a standard one, notes its close and returns true: the close is not made.
 bool note_close(std::uint32_t fd);
 
+// Closes those that are noted, in a process that has descriptors of its own and does not print.
+void close_noted_files();
+
+// Forgets the notes: the process has closed what they stand for.
+void forget_noted_files();
+
 // After a call that was made: returns the result that the application gets. If a standard descriptor was closed and the
 // new descriptor would have got its number natively, the new descriptor moves to the lowest such number.
 std::int64_t settle_descriptor(std::uint64_t number, const std::uint64_t* args, std::int64_t result);

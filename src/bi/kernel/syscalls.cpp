@@ -1,6 +1,6 @@
 // What happens around a system call of the application's: syscall_handler_pre acts on those that the engine has to know
 // of, and lets all others through to the kernel with the application's registers; syscall_handler_post takes the thread
-// back. Everything here runs on the application's stack, above the frame of syscall_wrapper.
+// back. Everything here runs on the engine's stack, below the frame of syscall_wrapper.
 //
 // A thread's status is 1 exactly while a call that was let through may be in the kernel. mora_terminate leaves such a
 // thread alone: it cannot reach rewritten code without passing syscall_handler_post, which finds the process ending.
@@ -19,13 +19,16 @@
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/fork.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/signals/application_stack.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/held_mask.h"
+#include "bi/signals/signal_frame.h"
 #include "bi/signals/signals.h"
 #include "bi/signals/turns.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
+#include "bi/kernel/vfork.h"
 #include "bi/kernel/vm_ops.h"
 #include "common/log.h"
 
@@ -43,17 +46,16 @@ enum class call_action {
   HANDLED,     // The result is known; the kernel does not see the call any more.
   MAKE,        // The stub is to make it.
   MAKE_FINAL,  // The same, for the one call that does not come back.
+  CLONE,       // syscall_clone makes it, once the stub has saved the rest of the application's registers.
 };
-
-// Of the signal frame that an rt_sigreturn finds at the application's stack pointer, from the save area's word 0.
-constexpr std::uint64_t SIGNAL_FRAME_CONTEXT = 0x150;
-static_assert(SIGNAL_FRAME_CONTEXT == SYSCALL_APP_SP + sizeof(siginfo_t), "the kernel's frame begins with a siginfo");
 
 // The context that the kernel will restore is rewritten so that the thread comes to the dispatcher with the source
 // address that the application returns to.
 void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
-  auto* context = reinterpret_cast<ucontext_t*>(reinterpret_cast<char*>(args) + SIGNAL_FRAME_CONTEXT);
+  // The kernel's frame lies at the application's stack pointer and begins with a siginfo.
+  auto* context = reinterpret_cast<ucontext_t*>(args[SYSCALL_APP_SP / 8] + sizeof(siginfo_t));
   note_handler_return(thread, context->uc_mcontext.pc);
+  take_back_frame(thread, context);
   context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
   sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
 }
@@ -86,9 +88,14 @@ call_action handle_close_range(const std::uint64_t* args, std::int64_t* result) 
   return call_action::HANDLED;
 }
 
+// What a child in its parent's memory does to descriptors of its own is not noted: the notes are its parent's.
+bool is_descriptor_call(std::uint64_t number) {
+  return number == SYS_dup3 || number == SYS_close || number == SYS_CLOSE_RANGE;
+}
+
 // In the order of the numbers.
-call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread,
-                           std::int64_t* result) {
+call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_data* thread, std::int64_t* result) {
+  if (has_own_descriptors(thread) && is_descriptor_call(number)) return call_action::MAKE;
   switch (number) {
     case SYS_dup3: give_up_descriptors(low_half(args[1]), low_half(args[1])); return call_action::MAKE;
     case SYS_close:
@@ -107,23 +114,20 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, std::uint6
       if (set_application_tid_word(thread, reinterpret_cast<std::int32_t*>(args[0]))) return call_action::MAKE;
       *result = thread->tid;
       return call_action::HANDLED;
+    case SYS_sigaltstack:
+      *result = handle_sigaltstack(thread, args[0], args[1], args[SYSCALL_APP_SP / 8]);
+      return call_action::HANDLED;
     case SYS_rt_sigaction: *result = handle_rt_sigaction(args); return call_action::HANDLED;
-    case SYS_rt_sigreturn:
-      args[SYSCALL_X8 / 8] = number;  // The stub compares the whole register.
-      redirect_signal_return(args, thread);
-      return call_action::MAKE_FINAL;
+    case SYS_rt_sigreturn: redirect_signal_return(args, thread); return call_action::MAKE_FINAL;
     case SYS_shmat: *result = handle_shmat(args); return call_action::HANDLED;
     case SYS_shmdt: *result = handle_shmdt(args); return call_action::HANDLED;
     case SYS_brk: *result = static_cast<std::int64_t>(brk_handler(args[0])); return call_action::HANDLED;
     case SYS_munmap: *result = handle_munmap(args); return call_action::HANDLED;
     case SYS_mremap: *result = handle_mremap(args); return call_action::HANDLED;
     case SYS_clone:
-      if ((args[0] & CLONE_THREAD) == 0) {
-        prepare_fork(thread, args);
-        return call_action::MAKE;
-      }
-      *result = mora_create_thread(thread, args, next_inst);
-      return call_action::HANDLED;
+      if ((args[0] & CLONE_THREAD) != 0 || is_vfork_in_memory(args[0])) return call_action::CLONE;
+      prepare_fork(thread, args);
+      return call_action::MAKE;
     case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
     case SYS_mprotect: *result = handle_mprotect(args); return call_action::HANDLED;
     // Made as it stands clone3 would start a thread on a stack without the wrapper's frame. As on a kernel that does
@@ -150,30 +154,14 @@ void leave_syscall(thread_data* thread) {
   // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
   std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) abandon_thread(thread);
+  if (is_process_ending(thread)) abandon_thread(thread);
 }
 
-extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
-                                             thread_data* thread) {
-  number = low_half(number);
-  log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
-  // The first argument is all that a post-syscall callback gets to see: the result takes its place.
-  if (engine.plugin_count != 0) thread->syscall_args = args[0];
-  std::uint64_t result = 0;
-  thread->flush_seen = 0;
-  if (!deliver_pre_syscall(thread, number, args, next_inst, &result)) {
-    std::int64_t kernel_result = 0;
-    switch (act_on_syscall(number, args, next_inst, thread, &kernel_result)) {
-      case call_action::MAKE:
-        // Release: pairs with the acquire in mora_terminate, which may deliver this thread's thread_exit while the
-        // thread is in the kernel and then reads what the thread has counted.
-        std::atomic_ref(thread->status).store(THREAD_IN_SYSCALL, std::memory_order_release);
-        return 1;
-      case call_action::MAKE_FINAL: return 1;
-      case call_action::HANDLED: break;
-    }
-    result = static_cast<std::uint64_t>(kernel_result);
-  }
+namespace {
+
+// The end of a call that the kernel does not see any more.
+void finish_handled(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread,
+                    std::uint64_t result) {
   deliver_post_syscall(thread, number, next_inst, &result);
   args[0] = result;
   if (thread->flush_seen != 0) {
@@ -181,6 +169,36 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
     // goes on in a block that knows of nothing.
     args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, next_inst);
   }
+  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
+}
+
+}  // namespace
+
+extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
+                                             thread_data* thread) {
+  number = low_half(number);
+  args[SYSCALL_APP_SP / 8] +=
+      kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
+  log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
+  // The first argument is all that a post-syscall callback gets to see: the result takes its place.
+  if (plugins_listen()) thread->syscall_args = args[0];
+  std::uint64_t result = 0;
+  thread->flush_seen = 0;
+  if (!deliver_pre_syscall(thread, number, args, next_inst, &result)) {
+    std::int64_t kernel_result = 0;
+    switch (act_on_syscall(number, args, thread, &kernel_result)) {
+      case call_action::MAKE:
+        // Release: pairs with the acquire in mora_terminate, which may deliver this thread's thread_exit while the
+        // thread is in the kernel and then reads what the thread has counted.
+        std::atomic_ref(thread->status).store(THREAD_IN_SYSCALL, std::memory_order_release);
+        return 1;
+      case call_action::MAKE_FINAL: return 1;
+      case call_action::CLONE: return 2;
+      case call_action::HANDLED: break;
+    }
+    result = static_cast<std::uint64_t>(kernel_result);
+  }
+  finish_handled(number, args, next_inst, thread, result);
   return 0;
 }
 
@@ -190,12 +208,22 @@ namespace {
 void finish_call(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread) {
   restore_argument(thread, args, 1);
   leave_syscall(thread);
-  args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
+  if (!has_own_descriptors(thread)) {
+    args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
+  }
   std::uint64_t result = args[0];
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
+  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
 }
 
 }  // namespace
+
+extern "C" void syscall_clone(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread) {
+  const bool is_thread = (args[0] & CLONE_THREAD) != 0;
+  const std::int64_t result =
+      is_thread ? mora_create_thread(thread, args, next_inst) : make_vfork_child(thread, args, next_inst);
+  finish_handled(low_half(number), args, next_inst, thread, static_cast<std::uint64_t>(result));
+}
 
 // A call that blocks would keep a counted signal from its handler. Natively the signal would have come before the call:
 // the handler runs first, and the application makes the call after it, from its own instruction.
@@ -218,6 +246,7 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
   const std::uint64_t call = next_inst - sizeof(std::uint32_t);
   args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, call);
   args[SYSCALL_NEXT_SOURCE / 8] = call;
+  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
   return 0;
 }
 

@@ -1,9 +1,9 @@
 // The life of the application's threads.
 //
 // Every thread of the application's, except the process's first, is a pthread of the tool's, so that the tool's C
-// library works in it. It runs on the pthread's stack before it enters the cache and after it has left it for good. In
-// between it runs on the application's stack. The kernel clears one id word when a thread ends. The application's C
-// library and the tool's both need a word of their own cleared: see set_application_tid_word and settle_tid_words.
+// library works in it. The pthread's stack is the engine's stack of the thread; rewritten code runs on the
+// application's stack. The kernel clears one id word when a thread ends. The application's C library and the tool's
+// both need a word of their own cleared: see set_application_tid_word and settle_tid_words.
 #include "bi/kernel/threads.h"
 
 #include <linux/futex.h>
@@ -23,7 +23,10 @@
 #include "bi/kernel/ending_threads.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/kernel/robust_list.h"
+#include "bi/kernel/vfork.h"
+#include "bi/signals/application_stack.h"
 #include "bi/signals/held_mask.h"
+#include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stub_layout.h"
 #include "bi/code/stubs.h"
@@ -37,14 +40,6 @@ constexpr engine_log log{"src/bi/threads"};
 
 constexpr std::size_t THREAD_STACK_SIZE = 0x21000;
 constexpr std::size_t THREAD_GUARD_SIZE = 0x1000;
-
-// A new thread finds this below its stack: a copy of the parent's save area, and above it the two words that its first
-// block pops. start_on_stack takes the copy from its word 2 on.
-constexpr std::uint64_t CHILD_AREA_SIZE = 256;
-constexpr std::uint64_t CHILD_AREA = 272;   // Below the stack's top.
-constexpr std::uint64_t CHILD_ENTRY = 256;  // Where start_on_stack begins.
-constexpr std::uint64_t CHILD_X0 = 16;
-constexpr std::uint64_t CHILD_X1 = 8;
 
 // The signals that a C library keeps for itself, below the first one that it gives to programs. The application's C
 // library installs handlers for them like any others. The tool's C library does so with the first thread that it makes.
@@ -108,12 +103,27 @@ int start_pthread(thread_data* child) {
 
 void store_tid(std::uint64_t address, std::int32_t tid) { *reinterpret_cast<std::int32_t*>(address) = tid; }
 
-// Writes, below the application's stack of the new thread, its first registers as the parent's call has them.
-void copy_parent_state(std::uint64_t child_stack, const std::uint64_t* args) {
-  std::memcpy(reinterpret_cast<void*>(child_stack - CHILD_AREA), args, CHILD_AREA_SIZE);
-  *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X0) = 0;  // clone returns 0 in the child.
-  *reinterpret_cast<std::uint64_t*>(child_stack - CHILD_X1) = args[1];
+}  // namespace
+
+void copy_parent_frame(const thread_data* thread, const std::uint64_t* args) {
+  const std::uint64_t frame = engine_stack(thread) - SYSCALL_FRAME_SIZE;
+  std::memcpy(reinterpret_cast<void*>(frame), args - STUB_SIMD_REGS_SIZE / sizeof *args, SYSCALL_FRAME_SIZE);
 }
+
+void leave_clone(thread_data* thread) {
+  const std::uint64_t frame = engine_stack(thread) - SYSCALL_FRAME_SIZE;
+  auto* area = reinterpret_cast<std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
+  area[SYSCALL_X0 / 8] = 0;  // clone returns 0 in the child.
+  area[3] = thread->clone_x3;
+  if (thread->child_stack != 0) {
+    thread->untouched_sp = thread->child_stack;
+    area[SYSCALL_APP_SP / 8] = thread->child_stack - KEPT_BELOW_SP;
+  }
+  area[SYSCALL_CACHE_RETURN / 8] = scan(thread, thread->clone_resume_addr, 0);
+  start_in_cache(frame, address_of(thread->code_cache) + stub_offset(syscall_leave));
+}
+
+namespace {
 
 // Hands signals that were counted for this thread and not yet raised to another thread. With this thread's end they
 // would be lost to the process. The caller has all signals blocked, so that they do not come back here.
@@ -135,6 +145,11 @@ void hand_over_held_signals(thread_data* thread) {
 
 }  // namespace
 
+void use_engine_stack(thread_data* thread, std::uint64_t top) {
+  *engine_stack_word(thread) = top;
+  guarded_engine_stack = top;
+}
+
 bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0; }
 
 std::uint64_t block_all_signals() {
@@ -148,10 +163,6 @@ void restore_signal_mask(std::uint64_t mask) {
   raw_syscall(SYS_rt_sigprocmask, SIG_SETMASK, address_of(&mask), 0, KERNEL_SIGSET_SIZE);
 }
 
-namespace {
-
-// A new thread's record, or null if the kernel refuses its memory; what was mapped until then is given back. The first
-// refusal is logged, because the application gets an ordinary error and may not tell anybody of it.
 thread_data* make_thread_record() {
   static std::atomic<bool> was_refused{false};
   thread_data* record = nullptr;
@@ -169,8 +180,6 @@ thread_data* make_thread_record() {
   return nullptr;
 }
 
-}  // namespace
-
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst) {
   // The kernel would refuse this too; it is not asked. A pthread shares both.
   constexpr std::uint64_t shared = CLONE_VM | CLONE_SIGHAND;
@@ -184,9 +193,11 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
     args[3] = application_x3;
     return -EAGAIN;
   }
+  clear_application_stack(child);
   child->clone_resume_addr = next_inst;
   child->set_tid = &child_tid_word;
   child->clone_args = args;
+  child->clone_x3 = application_x3;
   deliver_clone(thread, child);
 
   // Block all signals, because a pthread starts with the mask of its creator: a signal that reached the new thread
@@ -209,8 +220,10 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
 extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   const std::uint64_t* args = thread->clone_args;
   current_thread = thread;
+  use_signal_stack(thread);  // All signals are blocked until it is there.
   thread->child_stack = args[1];
   thread->engine_sp = engine_sp;
+  use_engine_stack(thread, engine_sp);
   thread->tid = gettid();
   forget_ending_thread(thread->tid);
   if ((args[0] & CLONE_PARENT_SETTID) != 0) store_tid(args[2], thread->tid);
@@ -220,7 +233,7 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
     if (set_application_tid_word(thread, word)) raw_syscall(SYS_set_tid_address, args[4]);
   }
   thread->tls = args[3];
-  copy_parent_state(thread->child_stack, args);
+  copy_parent_frame(thread, args);
 
   // Enter the list before the parent goes on. Otherwise a parent that ends at once would take itself for the last
   // thread and end the process. Do not enter it if the process is ending: mora_terminate may already have looked
@@ -231,18 +244,18 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   pthread_mutex_unlock(&engine.thread_list_lock);
 
   // Release: pairs with the acquire in mora_create_thread. After this store `args` and set_tid, which lie on the
-  // parent's stack, are gone.
+  // parent's engine stack, are gone.
   std::atomic_ref(*thread->set_tid).store(thread->tid, std::memory_order_release);
   if (too_late) abandon_thread(thread);
 
   // From here on a signal is counted; it is raised on the first way into the cache.
   restore_signal_mask(thread->saved_signal_mask);
-  const std::uint64_t block = scan(thread, thread->clone_resume_addr, 0);
-  start_on_stack(thread->child_stack - CHILD_ENTRY, block);
+  leave_clone(thread);
 }
 
 void end_thread(thread_data* thread, std::int32_t status) {
   log(LEVEL_TRACE, "thread exit");
+  if (thread->is_vfork_child != 0) end_vfork_child(status);  // It has this one thread.
   // Block all signals: the record goes away below, and a signal must not find the thread without one.
   const std::uint64_t mask = block_all_signals();
   pthread_mutex_lock(&engine.thread_list_lock);
@@ -258,12 +271,14 @@ void end_thread(thread_data* thread, std::int32_t status) {
   hand_over_held_signals(thread);
 
   const std::uint64_t engine_sp = thread->engine_sp;
+  if (thread->kept_stack.size != 0) raw_syscall(SYS_munmap, thread->kept_stack.start, thread->kept_stack.size);
   // Settle the list before the thread's joiner is told, as the kernel does; see robust_list.h. For the first thread the
   // kernel alone does it.
   if (engine_sp != 0) settle_robust_list(find_robust_list(), thread->tid);
   std::int32_t* library_tid_word = thread->library_tid_word;
   std::int32_t* application_tid_word = thread->application_tid_word;
   current_thread = nullptr;
+  leave_signal_stack();
   mora_enter_callback();
   free_thread_data(thread);
   if (engine_sp != 0) note_ending_thread(gettid());
@@ -291,7 +306,7 @@ bool set_application_tid_word(thread_data* thread, std::int32_t* word) {
   return known != nullptr;
 }
 
-// Runs on the thread's own stack, when the thread has no record any more. It first gives the C library's word back to
+// Runs when the thread has no record any more. It first gives the C library's word back to
 // the kernel, which clears it when the thread is truly gone; only then may the library use the stack again. Then it
 // clears the application's word, which nobody else will clear. With that, whoever joins the thread goes on and may give
 // its stack and its word to a new thread.

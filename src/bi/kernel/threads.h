@@ -13,9 +13,23 @@ namespace ceilmeter {
 std::uint64_t block_all_signals();
 void restore_signal_mask(std::uint64_t mask);
 
+// The engine's stack of the calling thread begins at `top`.
+void use_engine_stack(thread_data* thread, std::uint64_t top);
+
 // clone with CLONE_THREAD: starts a thread that goes on at `next_inst` with the state in `args`, the save area of the
 // caller. Returns its id, or a negative error number as the kernel would.
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst);
+
+// A record with its cache, or null if the kernel refuses its memory; what was mapped until then is given back. The
+// first refusal is logged, because the application gets an ordinary error and may not tell anybody of it.
+thread_data* make_thread_record();
+
+// For a thread or a child that begins with the state of the call `args`. The first makes a copy of the parent's frame
+// where the engine's stack of the calling thread begins. The second goes into the cache from there: the caller comes
+// back from the call as its parent does, with the same registers. Without a stack of its own it goes on where its
+// parent stands.
+void copy_parent_frame(const thread_data* thread, const std::uint64_t* args);
+[[noreturn]] void leave_clone(thread_data* thread);
 
 // Whether the process has begun to end. The caller holds thread_list_lock. mora_terminate sets the flag under the same
 // lock, so the answer stays true for threads that enter the list later.

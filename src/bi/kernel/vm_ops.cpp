@@ -195,6 +195,12 @@ std::uint64_t brk_handler(std::uint64_t addr) {
 
 namespace {
 
+// The thread has mapped over what was kept of a stack that it had unmapped: it is the application's again.
+void give_up_kept_stack(page_range range) {
+  page_range& kept = current_thread->kept_stack;
+  if (kept.start < range.start + range.size && kept.start + kept.size > range.start) kept = {};
+}
+
 std::int64_t map_memory(const std::uint64_t* args) {
   const std::uint64_t length = args[1];
   const std::int64_t result =
@@ -203,6 +209,7 @@ std::int64_t map_memory(const std::uint64_t* args) {
   // them lie at the very top of the address space, where nothing is. This is known and kept.
   if (result < 0 && result > -34) return result;
   const page_range range = whole_page_range(static_cast<std::uint64_t>(result), length);
+  if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) give_up_kept_stack(range);
   if ((args[3] & MAP_FIXED) != 0 && !is_error(result)) forget_replaced_code(range.start, range.start + range.size);
   // Report the protection that the application asked for, not the one that the kernel has.
   report_vm_op(VM_MAP, range.start, range.size, static_cast<std::uint32_t>(args[2]),
@@ -222,8 +229,36 @@ std::int64_t protect_memory(const std::uint64_t* args) {
   return result;
 }
 
+// The pages that the calling thread's next blocks push on.
+page_range pages_below_sp(const std::uint64_t* args) {
+  const std::uint64_t most = 64 + kept_below_sp(current_thread);
+  const std::uint64_t stack_pointer = args[SYSCALL_APP_SP / 8];
+  return whole_page_range(stack_pointer - most, most);
+}
+
+// Unmaps all of the range but `kept`, which lies in it.
+std::int64_t unmap_around(page_range range, page_range kept) {
+  const std::uint64_t kept_end = kept.start + kept.size;
+  const std::uint64_t end = range.start + range.size;
+  std::int64_t result = 0;
+  // The upper part first: it is the one that the kernel may refuse, for reaching too high.
+  if (end > kept_end) result = raw_syscall(SYS_munmap, kept_end, end - kept_end);
+  if (result == 0 && kept.start > range.start) result = raw_syscall(SYS_munmap, range.start, kept.start - range.start);
+  return result;
+}
+
 std::int64_t unmap_memory(const std::uint64_t* args) {
-  const std::int64_t result = raw_syscall(SYS_munmap, args[0], args[1]);
+  const page_range whole = whole_page_range(args[0], args[1]);
+  const page_range kept = pages_below_sp(args);
+  const bool is_own_stack = page_down(args[0], page_size()) == args[0] && kept.start >= whole.start &&
+                            kept.start + kept.size <= whole.start + whole.size;
+  std::int64_t result = 0;
+  if (is_own_stack) {
+    result = unmap_around(whole, kept);
+    if (result == 0) current_thread->kept_stack = kept;
+  } else {
+    result = raw_syscall(SYS_munmap, args[0], args[1]);
+  }
   if (result != 0) return result;
   const page_range range = whole_page_range(args[0], args[1]);
   report_vm_op(VM_UNMAP, range.start, range.size, 0, 0, NO_FILE, 0, 0, 0);

@@ -45,49 +45,49 @@ void tell_plugins_of_flush();
 
 // The caller of both holds thread_list_lock, except in the child of a fork and at the process's end.
 inline void deliver_thread_init(thread_data* thread) {
-  if (engine.plugin_count != 0) tell_plugins(thread, MORA_THREAD_INIT);
+  if (plugins_listen()) tell_plugins(thread, MORA_THREAD_INIT);
 }
 inline void deliver_thread_exit(thread_data* thread) {
-  if (engine.plugin_count != 0) tell_plugins(thread, MORA_THREAD_EXIT);
+  if (plugins_listen()) tell_plugins(thread, MORA_THREAD_EXIT);
 }
 
 inline void deliver_exit(thread_data* thread) {
-  if (engine.plugin_count != 0) tell_plugins(thread, MORA_EXIT);
+  if (plugins_listen()) tell_plugins(thread, MORA_EXIT);
 }
 
 // Plug-ins hear of the calling thread, even if the record that is made ready is that of its child.
 inline void deliver_flush() {
-  if (engine.plugin_count != 0) tell_plugins_of_flush();
+  if (plugins_listen()) tell_plugins_of_flush();
 }
 
 inline void deliver_clone(thread_data* parent, thread_data* child) {
-  if (engine.plugin_count != 0) tell_plugins_of_clone(parent, child);
+  if (plugins_listen()) tell_plugins_of_clone(parent, child);
 }
 
 inline void deliver_elf_load(const char* path, int fd) {
-  if (engine.plugin_count != 0) tell_plugins_of_loaded_file(path, fd);
+  if (plugins_listen()) tell_plugins_of_loaded_file(path, fd);
 }
 
 inline void deliver_vm_op(const vm_op_event& what) {
-  if (engine.plugin_count != 0) tell_plugins_of_vm_op(what);
+  if (plugins_listen()) tell_plugins_of_vm_op(what);
 }
 
 // An executable mapping of the file `fd` begins at `addr`: reads the file's function symbols. Only plug-ins need what
 // follows from them, events and watches.
 inline void deliver_mapped_file(std::int32_t fd, std::uint64_t addr) {
-  if (engine.plugin_count != 0) tell_plugins_of_mapped_file(fd, addr);
+  if (plugins_listen()) tell_plugins_of_mapped_file(fd, addr);
 }
 
 // True if a plug-in has taken the call over; `*result` is then its result.
 inline bool deliver_pre_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* args,
                                 std::uint64_t /*next_inst*/, std::uint64_t* result) {
-  return engine.plugin_count != 0 && ask_plugins_before_syscall(thread, number, args, result);
+  return plugins_listen() && ask_plugins_before_syscall(thread, number, args, result);
 }
 
 // A callback may change `*result`.
 inline void deliver_post_syscall(thread_data* thread, std::uint64_t number, std::uint64_t /*next_inst*/,
                                  std::uint64_t* result) {
-  if (engine.plugin_count != 0) ask_plugins_after_syscall(thread, number, result);
+  if (plugins_listen()) ask_plugins_after_syscall(thread, number, result);
 }
 
 // One of the code events of a fragment under translation.
@@ -105,7 +105,7 @@ bool scan_for_plugins(scan_state& state, const scan_event& what);
 // code of its watches. MORA_PRE_BB is about state.bb_start, every other event about state.read. True if a plug-in has
 // taken the instruction over. A plug-in may also end the fragment (state.stop).
 inline bool deliver_scan_event(scan_state& state, const scan_event& what) {
-  return engine.plugin_count != 0 && scan_for_plugins(state, what);
+  return plugins_listen() && scan_for_plugins(state, what);
 }
 
 // The same with each part of the state by itself, for callers that have no scan_state.

@@ -22,6 +22,7 @@ namespace ceilmeter {
 
 extern "C" {
 thread_local std::uint64_t guarded_return_address = 0;
+thread_local std::uint64_t guarded_engine_stack = 0;
 }
 
 namespace {
@@ -31,8 +32,9 @@ constexpr std::int32_t SLOT_PAIR = 16;  // The bytes that a push moves sp by.
 constexpr std::uint32_t LOAD_CONST_WORDS = 4;
 
 constexpr std::uint32_t ARGUMENT_REGISTERS = 8;
-// x0 to x8 and the link register: the registers that a C function may change and the stub does not keep.
-constexpr std::uint32_t GUARDED_CALL_MASK = 0x400001ff;
+constexpr std::uint32_t x0_bit = 1;
+// x0, x8 and the link register: what the stub does not keep. x0 is the result of a call with arguments.
+constexpr std::uint32_t GUARDED_CALL_MASK = 0x40000101;
 
 code_writer code_of(mora_context* ctx) { return {ctx->write_p}; }
 
@@ -318,14 +320,36 @@ int mora_emit_call(mora_context* ctx, std::uint64_t target) {
   return 0;
 }
 
-int mora_emit_guarded_call(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs) {
-  if (nargs > ARGUMENT_REGISTERS) return -1;
-  const std::uint32_t mask = GUARDED_CALL_MASK & ~((std::uint32_t{1} << nargs) - 1);
-  if (mora_emit_save_regs(ctx, mask) != 0) return -1;
+namespace {
+
+void emit_stub_call(mora_context* ctx, std::uint64_t fn) {
   mora_emit_load_const(ctx, x8.number, fn);
   // With SVE a function can change more of the vector state than q0 to q31.
   const bool has_sve = (getauxval(AT_HWCAP) & HWCAP_SVE) != 0;
   mora_emit_call(ctx, reinterpret_cast<std::uint64_t>(has_sve ? &guarded_call_stub_sve : &guarded_call_stub));
+}
+
+// Keeps the application's first registers in the thread's record, or takes them back from there, by way of x8: eight of
+// them are more than may lie below the application's stack pointer.
+void emit_arguments_move(mora_context* ctx, std::uint32_t nargs, bool store) {
+  mora_emit_load_const(ctx, x8.number, address_of(ctx->thread_data->guarded_arguments));
+  if (!begin_code(ctx, ARGUMENT_REGISTERS / 2)) return;
+  const code_writer code = code_of(ctx);
+  for (std::uint32_t reg = 0; reg < nargs; reg += 2) {
+    const auto place = at(x8, static_cast<std::int32_t>(reg * sizeof(std::uint64_t)));
+    const x_register first{reg};
+    const x_register second{reg + 1 < nargs ? reg + 1 : xzr.number};
+    store ? code.stp(first, second, place) : code.ldp(first, second, place);
+  }
+}
+
+}  // namespace
+
+int mora_emit_guarded_call(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs) {
+  if (nargs > ARGUMENT_REGISTERS) return -1;
+  const std::uint32_t mask = nargs == 0 ? GUARDED_CALL_MASK : GUARDED_CALL_MASK & ~x0_bit;
+  if (mora_emit_save_regs(ctx, mask) != 0) return -1;
+  emit_stub_call(ctx, fn);
   return mora_emit_restore_regs(ctx, mask);
 }
 
@@ -333,10 +357,12 @@ int mora_emit_guarded_call_values(mora_context* ctx, std::uint64_t fn, std::uint
                                   const std::uint64_t* values) {
   if (nargs > ARGUMENT_REGISTERS) return -1;
   if (nargs == 0) return mora_emit_guarded_call(ctx, fn, 0);
-  const std::uint32_t mask = (std::uint32_t{1} << nargs) - 1;
+  constexpr std::uint32_t mask = GUARDED_CALL_MASK & ~x0_bit;
   if (mora_emit_save_regs(ctx, mask) != 0) return -1;
+  emit_arguments_move(ctx, nargs, true);
   for (std::uint32_t reg = 0; reg < nargs; ++reg) mora_emit_load_const(ctx, reg, values[reg]);
-  mora_emit_guarded_call(ctx, fn, nargs);
+  emit_stub_call(ctx, fn);
+  emit_arguments_move(ctx, nargs, false);
   return mora_emit_restore_regs(ctx, mask);
 }
 

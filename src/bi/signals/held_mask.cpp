@@ -1,6 +1,5 @@
-// `others_held_back` is set by the thread's own signal handlers and cleared by the thread with all signals blocked. Every
-// signal that strikes while it is set finds a mask that has the application's in it, whatever handlers lie between: so
-// the application's mask is what all of them have in common.
+// `others_held_back` is set by the engine's handler of signals and cleared with all signals blocked. The handler itself
+// runs with all signals blocked.
 #include "bi/signals/held_mask.h"
 
 #include <atomic>
@@ -18,8 +17,6 @@
 namespace ceilmeter {
 
 namespace {
-
-constexpr std::uint64_t NR_RT_SIGACTION = 134;
 
 bool is_held_back(const thread_data* thread) {
   return std::atomic_ref(const_cast<thread_data*>(thread)->others_held_back).load(std::memory_order_relaxed) != 0;
@@ -45,18 +42,12 @@ std::uint64_t mask_of(const ucontext_t* ucontext) {
 
 void set_mask(ucontext_t* ucontext, std::uint64_t mask) { std::memcpy(&ucontext->uc_sigmask, &mask, sizeof mask); }
 
-// What the kernel adds to the mask while the handler runs.
-std::uint64_t mask_of_handler(int signum) {
-  std::uint64_t action[4] = {};  // Handler, flags, restorer, mask.
-  raw_syscall(NR_RT_SIGACTION, static_cast<std::uint64_t>(signum), 0, address_of(action), KERNEL_SIGSET_SIZE);
-  return action[3] | ((action[1] & SA_NODEFER) != 0 ? 0 : signal_bit(signum));
-}
-
 }  // namespace
 
 void hold_others_back(thread_data* thread, ucontext_t* ucontext) {
   const std::uint64_t before = mask_of(ucontext);
-  thread->application_mask = is_held_back(thread) ? thread->application_mask & before : before;
+  // If it is set, a signal has struck that was not among those held back.
+  if (!is_held_back(thread)) thread->application_mask = before;
   set_held_back(thread, 1);
   set_mask(ucontext, before | handled_signals());
 }
@@ -93,12 +84,12 @@ std::uint64_t block_for_clone(thread_data* thread) {
   return thread->application_mask;
 }
 
-void disclose_mask(thread_data* thread, int signum, ucontext_t* ucontext) {
-  if (!is_held_back(thread)) return;
-  // Where another signal has struck at the entry of this handler, the application's mask has the handler's own in it
-  // already, and the frame the true one.
-  set_mask(ucontext, mask_of(ucontext) & thread->application_mask);
-  thread->application_mask |= mask_of_handler(signum);
+std::uint64_t disclose_mask(thread_data* thread, ucontext_t* ucontext, std::uint64_t mask) {
+  if (!is_held_back(thread)) return mask;
+  const std::uint64_t wider = mask_of(ucontext);
+  set_held_back(thread, 0);
+  set_mask(ucontext, thread->application_mask);
+  return mask == wider ? thread->application_mask : mask;  // Else it is a call's own.
 }
 
 std::int64_t change_application_mask(thread_data* thread, const std::uint64_t* args) {

@@ -33,9 +33,10 @@ void let_through(thread_data* thread);
 // afterwards, are to have.
 std::uint64_t block_for_clone(thread_data* thread);
 
-// A handler of the application's is entered by the frame that the kernel has made with the context: it and the frame
-// show what they would show if nothing were held back.
-void disclose_mask(thread_data* thread, int signum, ucontext_t* ucontext);
+// A handler of the application's is entered from the frame with the context: nothing is held back any more, and the
+// frame has the application's mask. Gives the mask that is in force for the application, which is `mask` unless that is
+// the wider one.
+std::uint64_t disclose_mask(thread_data* thread, ucontext_t* ucontext, std::uint64_t mask);
 
 // rt_sigprocmask while others are held back: reads and changes the mask that the application knows. The result is the
 // kernel's.

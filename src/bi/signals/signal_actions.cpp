@@ -1,6 +1,6 @@
 // The kernel has signal_entry_stub as the handler of every signal that the application handles. engine.signal_handlers
-// holds the application's own handlers. An action_disguise holds what else differs, so that the application reads back
-// the action that it has set.
+// holds the application's own handlers, application_actions whatever else belongs to them. The application reads back
+// what it has set.
 #include "bi/signals/signal_actions.h"
 
 #include <sys/syscall.h>
@@ -8,10 +8,11 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 
-#include "bi/kernel/call_mask.h"
 #include "bi/kernel/memory_probe.h"
+#include "bi/signals/signal_delivery.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
 
@@ -19,72 +20,91 @@ namespace ceilmeter {
 
 namespace {
 
-// The kernel's struct sigaction.
-struct kernel_sigaction {
-  std::uint64_t handler;
-  std::uint64_t flags;
-  std::uint64_t restorer;
-  std::uint64_t mask;
-};
-static_assert(sizeof(kernel_sigaction) == 32);
+// The kernel's struct sigaction is an application_action.
+static_assert(sizeof(application_action) == 32);
+static_assert(offsetof(application_action, mask) == 24);
 
-// How a signal's action in the kernel differs from the one that the application has set, its handler aside.
-struct action_disguise {
-  bool adds_siginfo;    // SA_SIGINFO is the engine's.
-  bool once;            // SA_RESETHAND was the application's: see take_application_handler.
-  bool unmasks_sigill;  // SIGILL was in the application's mask.
-};
+// Under signal_handlers_lock. Of a signal with a handler; of SIGILL always, because the kernel's action is the
+// engine's.
+application_action application_actions[SIGNAL_COUNT];
 
-// Under signal_handlers_lock. The entry of SIGILL describes the action that install_sigill_handler has set.
-action_disguise action_disguises[SIGNAL_COUNT] = {{}, {}, {}, {}, {true, false, false}};
-static_assert(SIGILL == 4);
+constexpr std::uint64_t LAST_ACTION_WORD = sizeof(application_action) - sizeof(std::uint64_t);
 
-constexpr std::uint64_t LAST_ACTION_WORD = sizeof(kernel_sigaction) - sizeof(std::uint64_t);
+// The same of children in their parents' memory, whose actions are their own.
+application_action child_actions[SIGNAL_COUNT];
+
+application_action& kept_action(int signum) {
+  const bool is_own = application_handlers() != engine.signal_handlers;
+  return is_own ? child_actions[signum] : application_actions[signum];
+}
+
+// The flags that the kernel does not get as the application has set them.
+//   SA_SIGINFO    the engine always wants it
+//   SA_ONSTACK    the engine's signal stack takes every frame
+//   SA_RESETHAND  the kernel would remove the handler when the signal arrives. A signal that is only counted then is
+//                 raised again later and has to find the handler
+constexpr std::uint64_t ENGINE_FLAGS = SA_SIGINFO | SA_ONSTACK;
+constexpr std::uint64_t REPLACED_FLAGS = ENGINE_FLAGS | SA_RESETHAND;
+
+// While the engine's handler runs no other signal may come: it has one frame's room, and at its end it decides by what
+// has been counted so far. The application's mask is set when its handler is entered.
+constexpr std::uint64_t EVERY_SIGNAL = ~std::uint64_t{0};
+
+bool is_replaced(int signum, std::uint64_t handler) {
+  // SIGILL is never given up, not even to its default action: traps and the end of the process depend on it.
+  return signum == SIGILL || handler > 1;
+}
 
 // The action that the kernel gets for one of the application's. It is a copy: the application's record may lie in
 // memory that cannot be written, and the application may use it for another signal afterwards.
-kernel_sigaction disguised_action(int signum, const kernel_sigaction& wanted, action_disguise* disguise) {
-  *disguise = {};
-  // SIGILL is never given up, not even to its default action: traps and the end of the process depend on it.
-  if (signum != SIGILL && wanted.handler <= 1) return wanted;
-  kernel_sigaction action = wanted;
+application_action engine_action(int signum, const application_action& wanted) {
+  if (!is_replaced(signum, wanted.handler)) return wanted;
+  application_action action = wanted;
   action.handler = address_of(reinterpret_cast<const void*>(signal_entry_stub));
-  disguise->adds_siginfo = (wanted.flags & SA_SIGINFO) == 0;
-  action.flags |= SA_SIGINFO;
-  // The kernel does not get SA_RESETHAND: it would remove the handler when the signal arrives. A signal that is only
-  // counted then is raised again later and has to find the handler.
-  disguise->once = (wanted.flags & SA_RESETHAND) != 0;
-  action.flags &= ~std::uint64_t{SA_RESETHAND};
-  // A trap that strikes while SIGILL is blocked ends the process.
-  disguise->unmasks_sigill = (wanted.mask & SIGILL_BIT) != 0;
-  action.mask &= ~SIGILL_BIT;
+  action.flags = (wanted.flags & ~REPLACED_FLAGS) | ENGINE_FLAGS;
+  action.mask = EVERY_SIGNAL;
+  if (wanted.handler <= 1) action.flags |= SA_RESTART;  // SIGILL, see turns.h.
   return action;
 }
 
-// The action as the application has set it. The caller holds signal_handlers_lock.
-kernel_sigaction undisguised_action(int signum, kernel_sigaction action) {
-  const action_disguise& disguise = action_disguises[signum];
-  if (action.handler > 1) action.handler = engine.signal_handlers[signum];
-  if (disguise.adds_siginfo) action.flags &= ~std::uint64_t{SA_SIGINFO};
-  if (disguise.once) action.flags |= SA_RESETHAND;
-  if (disguise.unmasks_sigill) action.mask |= SIGILL_BIT;
+// The action as the application has set it, from what the kernel tells: it drops flags that it does not know. The
+// caller holds signal_handlers_lock.
+application_action told_action(int signum, application_action action) {
+  if (action.handler <= 1) return action;
+  const application_action& set = kept_action(signum);
+  action.handler = application_handlers()[signum];
+  action.flags = (action.flags & ~REPLACED_FLAGS) | (set.flags & REPLACED_FLAGS);
+  action.mask = set.mask & ~(signal_bit(SIGKILL) | signal_bit(SIGSTOP));
   return action;
 }
 
 }  // namespace
 
+void copy_actions(std::uint64_t* handlers) {
+  pthread_mutex_lock(&engine.signal_handlers_lock);
+  for (int signum = 0; signum < SIGNAL_COUNT; ++signum) {
+    handlers[signum] = application_handlers()[signum];
+    child_actions[signum] = kept_action(signum);
+  }
+  pthread_mutex_unlock(&engine.signal_handlers_lock);
+}
+
+void take_copied_actions(const std::uint64_t* handlers) {
+  std::memcpy(engine.signal_handlers, handlers, sizeof engine.signal_handlers);
+  std::memcpy(application_actions, child_actions, sizeof application_actions);
+}
+
 std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   const auto signum = static_cast<int>(args[0]);
   const std::uint64_t act = args[1];
   const std::uint64_t oldact = args[2];
-  kernel_sigaction wanted{};
-  kernel_sigaction action{};
-  kernel_sigaction old{};
-  action_disguise disguise{};
+  application_action wanted{};
+  application_action action{};
+  application_action old{};
   if (act != 0) {
     if (!is_readable(act) || !is_readable(act + LAST_ACTION_WORD)) return -EFAULT;
     std::memcpy(&wanted, reinterpret_cast<const void*>(act), sizeof wanted);
-    action = disguised_action(signum, wanted, &disguise);
+    action = engine_action(signum, wanted);
   }
 
   // One lock over the call and the table: the table and the kernel always agree.
@@ -92,11 +112,11 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   const std::int64_t result = raw_syscall(SYS_rt_sigaction, args[0], act != 0 ? address_of(&action) : 0,
                                           oldact != 0 ? address_of(&old) : 0, args[3]);
   if (result == 0) {
-    if (oldact != 0) old = undisguised_action(signum, old);
+    if (oldact != 0) old = told_action(signum, old);
     if (act != 0) {
       // Atomic: the signal dispatcher reads the handler without the lock. Relaxed: it reads nothing else with it.
-      std::atomic_ref(engine.signal_handlers[signum]).store(wanted.handler, std::memory_order_relaxed);
-      action_disguises[signum] = disguise;
+      std::atomic_ref(application_handlers()[signum]).store(wanted.handler, std::memory_order_relaxed);
+      kept_action(signum) = wanted;
     }
   }
   pthread_mutex_unlock(&engine.signal_handlers_lock);
@@ -107,22 +127,28 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   return result;
 }
 
-std::uint64_t take_application_handler(int signum) {
+application_action take_application_action(int signum) {
   pthread_mutex_lock(&engine.signal_handlers_lock);
-  const std::uint64_t handler = engine.signal_handlers[signum];
-  action_disguise& disguise = action_disguises[signum];
-  if (disguise.once && handler > 1) {
-    disguise.once = false;
-    std::atomic_ref(engine.signal_handlers[signum]).store(0, std::memory_order_relaxed);
+  application_action& kept = kept_action(signum);
+  application_action action = kept;
+  action.handler = application_handlers()[signum];
+  if ((kept.flags & SA_RESETHAND) != 0 && action.handler > 1) {
+    kept.flags &= ~std::uint64_t{SA_RESETHAND};
+    std::atomic_ref(application_handlers()[signum]).store(0, std::memory_order_relaxed);
     if (signum != SIGILL) {
-      const kernel_sigaction default_action{};
+      const application_action default_action{};
       raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&default_action), 0,
                   KERNEL_SIGSET_SIZE);
-      disguise = {};
     }
   }
   pthread_mutex_unlock(&engine.signal_handlers_lock);
-  return handler;
+  return action;
+}
+
+void set_engine_action(int signum) {
+  const application_action action{address_of(reinterpret_cast<const void*>(signal_entry_stub)),
+                                  ENGINE_FLAGS | SA_RESTART, 0, EVERY_SIGNAL};
+  raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&action), 0, KERNEL_SIGSET_SIZE);
 }
 
 }  // namespace ceilmeter

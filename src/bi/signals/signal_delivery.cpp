@@ -12,6 +12,7 @@
 #include "bi/signals/signals.h"
 #include "bi/signals/turns.h"
 #include "bi/kernel/threads.h"
+#include "bi/code/stub_layout.h"
 #include "bi/code/stubs.h"
 
 namespace ceilmeter {
@@ -19,7 +20,7 @@ namespace ceilmeter {
 namespace {
 
 // From the result area of deliver_pending_signal, in words, to the cache address that the thread is on its way to.
-constexpr std::size_t REENTRY_CACHE_ADDRESS = 4;
+constexpr std::ptrdiff_t REENTRY_CACHE_ADDRESS = (REENTRY_NEXT - REENTRY_RESULT) / 8;
 
 constexpr std::uint32_t SYNCHRONOUS_SIGNALS = 0x800009b0;
 
@@ -83,7 +84,7 @@ std::uint64_t handled_signals() {
   std::uint64_t mask = 0;
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
     if (is_synchronous(signum)) continue;
-    const std::uint64_t handler = std::atomic_ref(engine.signal_handlers[signum]).load(std::memory_order_relaxed);
+    const std::uint64_t handler = std::atomic_ref(application_handlers()[signum]).load(std::memory_order_relaxed);
     if (handler > 1) mask |= signal_bit(signum);
   }
   return mask;
@@ -95,7 +96,7 @@ void block_handled_signals() {
 }
 
 bool has_deliverable_signal(thread_data* thread) {
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) != 0) return true;
+  if (is_process_ending(thread)) return true;
   if (find_deliverable_signal(thread) >= 0) return true;
   if (std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0)
     give_back_blocked_signals(thread);
@@ -108,7 +109,7 @@ bool has_deliverable_signal(thread_data* thread) {
 // unblocks it. SIGILL can be blocked in the second case alone.
 extern "C" std::uint64_t deliver_pending_signal(std::uint64_t source, std::uint64_t* info) {
   thread_data* thread = current_thread;
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) abandon_thread(thread);
+  if (is_process_ending(thread)) abandon_thread(thread);
   // Read the sum before the counters. If a signal comes in between, the stub then asks again.
   const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const int signum = find_deliverable_signal(thread);

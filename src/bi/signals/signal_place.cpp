@@ -4,6 +4,7 @@
 #include <asm/sigcontext.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
 #include "bi/a64/a64.h"
@@ -25,6 +26,15 @@ constexpr std::uint64_t CONDITION_FLAGS = 0xf0000000;  // N, Z, C and V in PSTAT
 bool is_between(const thread_data* thread, std::uint64_t pc, const std::uint8_t* begin, const std::uint8_t* end) {
   const std::uint64_t base = address_of(thread->code_cache);
   return pc >= base + stub_offset(begin) && pc < base + stub_offset(end);
+}
+
+// A word of the frame that a stub has where the engine's stack of the thread begins; `size` is the whole frame's.
+std::uint64_t frame_word(const thread_data* thread, std::uint64_t size, std::uint64_t offset) {
+  return *reinterpret_cast<const std::uint64_t*>(engine_stack(thread) - size + offset);
+}
+
+std::uint64_t* save_area(const thread_data* thread) {
+  return reinterpret_cast<std::uint64_t*>(engine_stack(thread) - SYSCALL_AREA_SIZE);
 }
 
 fpsimd_context* fpsimd_record(mcontext_t& context) {
@@ -62,7 +72,7 @@ bool leave_stub_entry(const thread_data* thread, mcontext_t& context) {
   } else {
     return false;
   }
-  context.sp += 16;
+  context.sp += 16 + kept_below_sp(thread);
   return true;
 }
 
@@ -111,12 +121,10 @@ void look_again(const thread_data* thread, mcontext_t& context) {
   } else if (is_stub_point(thread, pc, reentry_branch) || is_stub_point(thread, pc, reentry_resume_branch)) {
     context.pc = base + stub_offset(cache_reentry_stub);
   } else if (is_between(thread, pc, reentry_resume_window, reentry_resume_branch)) {
-    // From sp up: 0x20 bytes of results, the cache address and the source address, then what the first window has at
-    // its sp.
-    const auto* frame = reinterpret_cast<const std::uint64_t*>(context.sp);
-    context.regs[0] = frame[4];
-    context.regs[1] = frame[5];
-    context.sp += 0x30;
+    context.regs[0] = frame_word(thread, REENTRY_SIZE, REENTRY_NEXT);
+    context.regs[1] = frame_word(thread, REENTRY_SIZE, REENTRY_NEXT + 8);
+    context.sp = frame_word(thread, REENTRY_SIZE, REENTRY_APP_SP);
+    context.regs[3] = reinterpret_cast<const std::uint64_t*>(context.sp)[1];
     context.pc = base + stub_offset(reentry_window);
   } else if (is_between(thread, pc, syscall_restart_window, syscall_call_window)) {
     context.pc = base + stub_offset(syscall_restart_window);
@@ -125,22 +133,21 @@ void look_again(const thread_data* thread, mcontext_t& context) {
 
 void leave_reentry_stub(const thread_data* thread, mcontext_t& context) {
   const auto* frame = reinterpret_cast<const std::uint64_t*>(context.sp);
-  context.regs[2] = frame[2];
+  context.regs[2] = frame[0];
   context.regs[3] = thread->held.saved_x3;
-  context.regs[8] = frame[3];
-  context.regs[0] = frame[4];
-  context.regs[1] = frame[5];
-  context.pc = frame[1];
-  context.sp += 48;
+  context.regs[8] = frame[1];
+  context.regs[0] = frame[2];
+  context.regs[1] = frame[3];
+  context.pc = frame_word(thread, REENTRY_SIZE, REENTRY_NEXT + 8);
+  context.sp += STUB_APP_FRAME_SIZE + kept_below_sp(thread);
 }
 
 void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
   restore_argument(thread, reinterpret_cast<std::uint64_t*>(context.regs), 1);  // The call's result is in x0.
-  const std::uint64_t frame = context.sp;
-  const auto* area = reinterpret_cast<const std::uint64_t*>(frame + STUB_SIMD_REGS_SIZE);
+  const std::uint64_t* area = save_area(thread);
   const std::uint64_t flags = context.regs[19];
   if (fpsimd_context* record = fpsimd_record(context)) {
-    std::memcpy(record->vregs, reinterpret_cast<const void*>(frame), STUB_SIMD_REGS_SIZE);
+    std::memcpy(record->vregs, area - STUB_SIMD_REGS_SIZE / sizeof *area, STUB_SIMD_REGS_SIZE);
     // The wrapper keeps both beside the flags while the call is in the kernel.
     record->fpsr = static_cast<std::uint32_t>(context.regs[21]);
     record->fpcr = static_cast<std::uint32_t>(context.regs[20]);
@@ -151,11 +158,17 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
   // The wrapper's own code changes only the flags in PSTATE. SSBS, DIT and TCO are the application's.
   context.pstate = (context.pstate & ~CONDITION_FLAGS) | (flags & CONDITION_FLAGS);
   context.pc = area[SYSCALL_NEXT_SOURCE / 8];
-  context.sp = frame + SYSCALL_FRAME_SIZE;
+  context.sp = area[SYSCALL_APP_SP / 8];
+}
+
+void find_mask_of_call(const thread_data* thread, const mcontext_t& context, std::uint64_t* mask) {
+  if (static_cast<std::int64_t>(context.regs[0]) != -EINTR) return;
+  const std::uint64_t* area = save_area(thread);
+  read_mask_of_call(area[SYSCALL_X8 / 8], area, mask);
 }
 
 void undo_syscall(thread_data* thread, mcontext_t& context) {
-  auto* area = reinterpret_cast<std::uint64_t*>(context.sp + STUB_SIMD_REGS_SIZE);
+  std::uint64_t* area = save_area(thread);
   restore_argument(thread, area, 0);
   for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
   leave_syscall_wrapper(thread, context);
@@ -169,16 +182,20 @@ bool is_in_fault_block(const thread_data* thread, std::uint64_t pc) {
 }
 
 bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
+  // The one place that writes to the application's stack while sp is the engine's.
+  if (is_between(thread, context.pc, syscall_leave, cache_reentry_stub)) {
+    context.sp = save_area(thread)[SYSCALL_APP_SP / 8];
+  }
   if (!is_in_code_range(thread, context.pc)) return leave_stub_entry(thread, context);
   const std::uint64_t source = source_of_cache_address(thread, context.pc);
   if (source == 0) return false;
   // The accesses of both rules are the only loads of this kind in their code; their pushes are of another.
   const bool loads = a64_decode(reinterpret_cast<const std::uint32_t*>(context.pc)) == A64_LDR_STR_UNSIGNED;
-  const std::uint32_t borrowed =
-      is_in_fault_block(thread, context.pc) ? 0 : borrowed_register(reinterpret_cast<const std::uint32_t*>(source));
+  const bool unreadable = is_in_fault_block(thread, context.pc);
+  const std::uint32_t borrowed = unreadable ? 0 : borrowed_register(reinterpret_cast<const std::uint32_t*>(source));
   if (loads && borrowed != NOTHING_BORROWED) {
     context.regs[borrowed] = *reinterpret_cast<const std::uint64_t*>(context.sp);
-    context.sp += 16;
+    context.sp += 16 + (unreadable ? 0 : kept_below_sp(thread));
   }
   if (is_second_push_of_lookup(thread, context.pc)) context.sp += 16;
   context.pc = source;

@@ -39,14 +39,18 @@ void leave_reentry_stub(const thread_data* thread, mcontext_t& context);
 // SVC, and x0 to x8 are as the kernel left them.
 void leave_syscall_wrapper(thread_data* thread, mcontext_t& context);
 
+// Before that: if the call brings a signal mask for its own time and has been interrupted, that mask is in force, and
+// `*mask` becomes it.
+void find_mask_of_call(const thread_data* thread, const mcontext_t& context, std::uint64_t* mask);
+
 // The signal came before the call was made, or has interrupted it in a way that lets it be made again (SA_RESTART): the
 // application stands at its own SVC, with the arguments as they were.
 void undo_syscall(thread_data* thread, mcontext_t& context);
 
 // The thread has faulted in a fragment: the context becomes that of the source instruction, its program counter and all
 // registers that the rewritten code has borrowed. A fault of the engine's own push on the application's stack, at its
-// end, belongs to the instruction that the push is made for, or to the one that a branch has led to. Returns false and changes nothing where no source instruction stands
-// behind the fault, as in a stub.
+// end, belongs to the instruction that the push is made for, or to the one that a branch has led to. Returns false and
+// changes nothing where no source instruction stands behind the fault, as in a stub.
 bool restore_faulted_context(const thread_data* thread, mcontext_t& context);
 
 // Whether the thread stands in a block for a place that cannot be executed.

@@ -1,8 +1,10 @@
 // The handler that the kernel calls for every signal of the application. What it does depends on where the thread
 // stands (signal_place.cpp). Most signals are only counted (signal_delivery.cpp), after the exit of the interrupted
-// fragment has been trapped (exit_trap.cpp).
+// fragment has been trapped (exit_trap.cpp). Where the application's state is complete, its handler's frame is made
+// (signal_frame.cpp).
 //
-// Everything here runs on the stack of the interrupted code, which is the application's.
+// Everything here runs on the engine's signal stack, with every signal blocked, and always ends by the return from the
+// kernel's frame: into the interrupted code, to the dispatcher, or into the application's handler.
 #include "bi/signals/signals.h"
 
 #include <ucontext.h>
@@ -18,6 +20,7 @@
 #include "bi/signals/held_mask.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_delivery.h"
+#include "bi/signals/signal_frame.h"
 #include "bi/signals/signal_place.h"
 #include "bi/signals/turns.h"
 #include "bi/code/stubs.h"
@@ -31,7 +34,15 @@ namespace {
 
 constexpr engine_log log{"src/bi/signals"};
 
-constexpr signal_exit GO_ON = {0, 0};
+// A signal that has arrived, and what the kernel has put on the signal stack for it.
+struct arrival {
+  signal_frame* frame;
+  frame_end end;
+  std::uint64_t mask;  // What the thread blocked when it came.
+
+  int signum() const { return frame->info.si_signo; }
+  mcontext_t& context() const { return frame->ucontext.uc_mcontext; }
+};
 
 // Whether the signal is a fault of the running code. If somebody has sent a signal of the same number, it is like any
 // other.
@@ -46,54 +57,74 @@ void raise_at_return(const thread_data* thread, ucontext_t* ucontext) {
   ucontext->uc_mcontext.pc += sizeof(std::uint32_t);
 }
 
-signal_exit enter_handler(const thread_data* thread, std::uint64_t handler) {
-  return {thread->dispatcher_stub_addr, handler};
-}
-
 void set_kernel_action(int signum, std::uint64_t handler) {
   struct sigaction action {};
   action.sa_handler = handler == 0 ? SIG_DFL : SIG_IGN;
   sigaction(signum, &action, nullptr);
 }
 
-// A fault of the application's. Its handler finds the source instruction and goes on where it says. One case has no
-// source instruction: a fault of the engine's own pushes on the application's stack. The handler then finds pc 0.
-signal_exit handle_synchronous(thread_data* thread, siginfo_t* info, ucontext_t* ucontext) {
-  const int signum = info->si_signo;
-  const std::uint64_t handler = take_application_handler(signum);
-  if (handler > 1) {
-    mcontext_t& context = ucontext->uc_mcontext;
-    const std::uint64_t pc = context.pc;
-    const bool cannot_execute = is_in_fault_block(thread, pc);
-    if (!restore_faulted_context(thread, context)) context.pc = 0;
-    // For an undefined instruction or a breakpoint the kernel names the place of the instruction. For an access it
-    // names the address accessed.
-    if (reinterpret_cast<std::uint64_t>(info->si_addr) == pc) info->si_addr = reinterpret_cast<void*>(context.pc);
-    // Flush the block away: there may be code at its address later.
-    if (cannot_execute) flush_code_cache(thread);
-    disclose_mask(thread, signum, ucontext);
-    return enter_handler(thread, handler);
+// Ends the process as the kernel does where a signal can have no frame. Comes back only if SIGSEGV is being traced.
+void die_of_sigsegv() {
+  set_kernel_action(SIGSEGV, 0);
+  const std::uint64_t segv = signal_bit(SIGSEGV);
+  raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()), SIGSEGV);
+  raw_syscall(NR_RT_SIGPROCMASK, SIG_UNBLOCK, address_of(&segv), 0, KERNEL_SIGSET_SIZE);
+}
+
+// The application's stack could not take the frame. The kernel then raises SIGSEGV in the place of the signal, which
+// is lost: its handler may have a stack of its own. A SIGSEGV that cannot be handled ends the process.
+void handle_lack_of_stack(thread_data* thread, const arrival& signal) {
+  const bool is_blocked = (signal.mask & signal_bit(SIGSEGV)) != 0;
+  if (signal.signum() == SIGSEGV || is_blocked) return die_of_sigsegv();
+  const application_action action = take_application_action(SIGSEGV);
+  siginfo_t& info = signal.frame->info;
+  std::memset(&info, 0, sizeof info);
+  info.si_signo = SIGSEGV;
+  info.si_code = SI_KERNEL;
+  if (action.handler <= 1 || !enter_handler(thread, signal.frame, signal.end, action, signal.mask)) die_of_sigsegv();
+}
+
+// The handler's blocks are ordinary ones, and so are those that it returns to: a signal writes below the stack pointer.
+void run_handler_of(thread_data* thread, arrival& signal, const application_action& action) {
+  thread->untouched_sp = 0;
+  signal.mask = disclose_mask(thread, &signal.frame->ucontext, signal.mask);
+  if (!enter_handler(thread, signal.frame, signal.end, action, signal.mask)) handle_lack_of_stack(thread, signal);
+}
+
+// A fault of the application's. Its handler finds the source instruction and goes on where it says. Without a source
+// instruction, which no code of the cache is without, the handler would find pc 0.
+void handle_synchronous(thread_data* thread, arrival& signal) {
+  const application_action action = take_application_action(signal.signum());
+  if (action.handler <= 1) {
+    set_kernel_action(signal.signum(), action.handler);
+    return;  // The instruction faults again, and the default action applies.
   }
-  set_kernel_action(signum, handler);
-  return GO_ON;  // The instruction faults again, and the default action applies.
+  mcontext_t& context = signal.context();
+  siginfo_t& info = signal.frame->info;
+  const std::uint64_t pc = context.pc;
+  const bool cannot_execute = is_in_fault_block(thread, pc);
+  if (!restore_faulted_context(thread, context)) context.pc = 0;
+  // For an undefined instruction or a breakpoint the kernel names the place of the instruction. For an access it
+  // names the address accessed.
+  if (reinterpret_cast<std::uint64_t>(info.si_addr) == pc) info.si_addr = reinterpret_cast<void*>(context.pc);
+  // Flush the block away: there may be code at its address later.
+  if (cannot_execute) flush_code_cache(thread);
+  run_handler_of(thread, signal, action);
 }
 
 // The context is the application's, with a source address as its pc. If another thread has changed the action since the
 // signal arrived, there is no handler. The thread then goes on, and the kernel's default action follows once the signal
 // is unblocked.
-signal_exit run_handler(thread_data* thread, int signum, ucontext_t* ucontext) {
-  const std::uint64_t handler = take_application_handler(signum);
-  if (handler > 1) {
-    disclose_mask(thread, signum, ucontext);
-    return enter_handler(thread, handler);
-  }
-  context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
-  if (handler == 0) {
-    if (signum == SIGILL) set_kernel_action(signum, handler);  // The one action that the application cannot take back.
-    raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
-                static_cast<std::uint64_t>(signum));
-  }
-  return GO_ON;
+void run_handler(thread_data* thread, arrival& signal) {
+  const int signum = signal.signum();
+  const application_action action = take_application_action(signum);
+  if (action.handler > 1) return run_handler_of(thread, signal, action);
+  thread->untouched_sp = 0;
+  context_redirect_to_dispatcher(thread, &signal.frame->ucontext, signal.context().pc);
+  if (action.handler != 0) return;
+  if (signum == SIGILL) set_kernel_action(signum, 0);  // The one action that the application cannot take back.
+  raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
+              static_cast<std::uint64_t>(signum));
 }
 
 void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
@@ -113,17 +144,16 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
 }
 
 // The process is ending.
-signal_exit lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
+void lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
   // A thread that has faulted, or stands at a trap of the engine's own, would do so again for ever.
   if (fault && is_in_cache(thread, ucontext->uc_mcontext.pc)) abandon_thread(thread);
   if (fault) log(LEVEL_FATAL, "synchronous signal outside the code cache");
   stop_for_exit(thread, ucontext);
-  return GO_ON;
 }
 
 // If the application's state is complete, or lies in a stub's frame at known places, completes the context: the handler
-// can run now. False elsewhere.
-bool restore_application_context(thread_data* thread, mcontext_t& context) {
+// can run now. False elsewhere. `mask` becomes that of a system call which brings its own and was interrupted with it.
+bool restore_application_context(thread_data* thread, mcontext_t& context, std::uint64_t* mask) {
   if (is_stub_point(thread, context.pc, reentry_signal_point)) {
     leave_reentry_stub(thread, context);
     return true;
@@ -131,6 +161,7 @@ bool restore_application_context(thread_data* thread, mcontext_t& context) {
   const bool returns = is_stub_point(thread, context.pc, syscall_return_point);
   if (!returns && !is_before_syscall(thread, context.pc)) return false;
   if (returns) {
+    find_mask_of_call(thread, context, mask);
     leave_syscall_wrapper(thread, context);
   } else {
     undo_syscall(thread, context);
@@ -151,10 +182,7 @@ void undo_call_in_turn(thread_data* thread, ucontext_t* ucontext) {
 }  // namespace
 
 void install_sigill_handler() {
-  struct sigaction action {};
-  action.sa_sigaction = reinterpret_cast<void (*)(int, siginfo_t*, void*)>(signal_entry_stub);
-  action.sa_flags = SA_SIGINFO | SA_RESTART;  // For turns.h; whoever ends the process does not wait for calls.
-  sigaction(SIGILL, &action, nullptr);
+  set_engine_action(SIGILL);
   sigset_t sigill;
   sigemptyset(&sigill);
   sigaddset(&sigill, SIGILL);
@@ -178,44 +206,45 @@ void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::ui
   context.pc = thread->dispatcher_stub_addr;
 }
 
-extern "C" signal_exit signal_dispatcher(int signum, void* info_pointer, void* ucontext_pointer) {
-  auto* ucontext = static_cast<ucontext_t*>(ucontext_pointer);
-  mcontext_t& context = ucontext->uc_mcontext;
-  thread_data* thread = current_thread;
-  auto* info = static_cast<siginfo_t*>(info_pointer);
-  const bool fault = is_fault(signum, info);
+namespace {
+
+void dispatch(thread_data* thread, arrival& signal) {
+  mcontext_t& context = signal.context();
+  ucontext_t* ucontext = &signal.frame->ucontext;
+  const int signum = signal.signum();
+  const bool fault = is_fault(signum, &signal.frame->info);
   look_again(thread, context);
   const std::uint64_t pc = context.pc;
 
-  // Pairs with the store in mora_terminate, which precedes the signal that brought the thread here.
-  if (std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0) return lead_out(thread, ucontext, fault);
-  if (fault && is_stub_point(thread, pc, reentry_raise)) {
-    raise_at_return(thread, ucontext);
-    return GO_ON;
-  }
-  if (is_interruption(thread, signum, info)) {
+  if (is_process_ending(thread)) return lead_out(thread, ucontext, fault);
+  if (fault && is_stub_point(thread, pc, reentry_raise)) return raise_at_return(thread, ucontext);
+  if (is_interruption(thread, signum, &signal.frame->info)) {
     if (interrupt_call(thread, ucontext)) undo_call_in_turn(thread, ucontext);
-    return GO_ON;
+    return;
   }
-  if (restore_application_context(thread, context)) return run_handler(thread, signum, ucontext);
+  if (restore_application_context(thread, context, &signal.mask)) return run_handler(thread, signal);
   const std::uint64_t place = fragment_place(thread, context);
   if (is_in_code_range(thread, place)) {
     const std::int32_t id = exit_owner(thread, place);
     const bool in_exit = id >= 0 && place >= address_of(thread->metas[id].exit_code_addr);
-    if (in_exit && fault && signum == SIGILL) {
-      handle_trap(thread, ucontext, id);
-      return GO_ON;
-    }
+    if (in_exit && fault && signum == SIGILL) return handle_trap(thread, ucontext, id);
     if (!fault) note_progress(thread);
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
     if (!is_in_cache(thread, pc)) log(LEVEL_FATAL, "synchronous signal outside the code cache");
-    return handle_synchronous(thread, info, ucontext);
+    return handle_synchronous(thread, signal);
   }
-  count_signal(thread, *info);
+  count_signal(thread, signal.frame->info);
   if (signum != SIGILL) hold_others_back(thread, ucontext);
-  return GO_ON;
+}
+
+}  // namespace
+
+extern "C" void signal_dispatcher(signal_frame* frame, std::uint64_t record, std::uint64_t restorer) {
+  arrival signal{frame, {record, restorer}, 0};
+  std::memcpy(&signal.mask, &frame->ucontext.uc_sigmask, sizeof signal.mask);
+  dispatch(current_thread, signal);
 }
 
 }  // namespace ceilmeter

@@ -1,6 +1,6 @@
-// All of it runs on the thread itself. The timer's signal is SIGILL, which nobody ever blocks and which is the engine's.
-// Its action has SA_RESTART. So a call that the kernel would make again after a handler with SA_RESTART is found at its
-// SVC, and any other one has its EINTR already.
+// All of it runs on the thread itself. The timer's signal is SIGILL, which nobody ever blocks and which is the
+// engine's. Its action has SA_RESTART. So a call that the kernel would make again after a handler with SA_RESTART is
+// found at its SVC, and any other one has its EINTR already.
 #include "bi/signals/turns.h"
 
 #include <ucontext.h>

@@ -8,6 +8,7 @@
 #include "bi/signals/exit_trap.h"
 #include "bi/code/stubs.h"
 #include "bi/code/trace_check.h"
+#include "signal_arrival.h"
 #include "trace_sources.h"
 
 namespace ceilmeter::test {
@@ -43,7 +44,7 @@ class compare_exits : public trace_test {
     siginfo_t info{};
     info.si_signo = signum;
     info.si_code = 1;
-    signal_dispatcher(signum, &info, &ucontext);
+    arrive_with(info, ucontext);
   }
   // The source address that the trap at `place` leads to.
   std::uint64_t run_into(const std::uint32_t* place) {

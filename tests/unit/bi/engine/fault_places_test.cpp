@@ -122,7 +122,7 @@ TEST_F(fault_places, an_undefined_instruction_names_its_source_place) {
   info.si_signo = SIGTRAP;
   info.si_code = TRAP_BRKPT;
   info.si_addr = const_cast<std::uint32_t*>(place);
-  signal_dispatcher(SIGTRAP, &info, &ucontext);
+  arrive(info);
   EXPECT_EQ(info.si_addr, static_cast<const void*>(copied_words + 1));
 }
 

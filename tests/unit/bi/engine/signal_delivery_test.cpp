@@ -143,15 +143,28 @@ TEST_F(signal_delivery, while_one_is_held_the_kernel_holds_back_the_others_and_t
   EXPECT_EQ(set_mask(0), own);
 }
 
-TEST_F(signal_delivery, the_mask_of_the_application_is_the_innermost_one_of_nested_arrivals) {
+TEST_F(signal_delivery, one_that_is_not_among_those_held_back_leaves_the_applications_mask_alone) {
   engine.signal_handlers[SIGUSR1] = address_of(one_ret);
-  const std::uint64_t in_a_handler = signal_bit(SIGHUP) | signal_bit(SIGALRM);
   const std::uint64_t own = signal_bit(SIGHUP);
-  std::memcpy(&ucontext.uc_sigmask, &in_a_handler, sizeof own);
-  arrive(SIGUSR1, reinterpret_cast<const void*>(&lookup_or_scan));
   std::memcpy(&ucontext.uc_sigmask, &own, sizeof own);
   arrive(SIGALRM, stub(cache_reentry_stub));
+  arrive(SIGUSR2, reinterpret_cast<const void*>(&lookup_or_scan));
   EXPECT_EQ(application_mask(thread), own);
+}
+
+TEST_F(signal_delivery, a_handler_is_entered_with_the_applications_mask_in_its_frame_and_nothing_held_back) {
+  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
+  const std::uint64_t own = signal_bit(SIGHUP);
+  std::memcpy(&ucontext.uc_sigmask, &own, sizeof own);
+  arrive(SIGALRM, stub(cache_reentry_stub));
+  std::uint64_t wider = 0;
+  std::memcpy(&wider, &ucontext.uc_sigmask, sizeof wider);
+  const std::uint64_t of_a_call = signal_bit(SIGUSR2);
+  EXPECT_EQ(disclose_mask(thread, &ucontext, wider), own);
+  std::uint64_t shown = 0;
+  std::memcpy(&shown, &ucontext.uc_sigmask, sizeof shown);
+  EXPECT_EQ(shown, own);
+  EXPECT_EQ(disclose_mask(thread, &ucontext, of_a_call), of_a_call) << "nothing is held back";
 }
 
 TEST_F(signal_delivery, a_flood_at_one_place_gives_the_application_a_turn_of_one_block) {

@@ -2,6 +2,7 @@
 #include "bi/signals/signal_place.h"
 
 #include <cstring>
+#include <vector>
 
 #include "signals_fixture.h"
 
@@ -12,23 +13,37 @@ SOURCE(loop_to_itself);
 
 namespace {
 
-using signal_place = signals_fixture;
+class signal_place : public signals_fixture {
+ protected:
+  // A frame where the engine's stack of the thread begins, each word with a value of its own.
+  std::uint64_t* engine_frame(std::size_t size) {
+    alignas(16) static std::uint64_t engine_stack_words[256];
+    for (std::size_t word = 0; word < std::size(engine_stack_words); ++word) engine_stack_words[word] = 0x5000 + word;
+    *engine_stack_word(thread) = address_of(std::end(engine_stack_words));
+    return std::end(engine_stack_words) - size / 8;
+  }
+  // The application's stack goes on where there is room for a signal's frame below.
+  std::uint64_t* engine_syscall_frame() {
+    alignas(16) static std::uint64_t room[sizeof(made_frame) / 8 + 8];
+    std::uint64_t* frame = engine_frame(SYSCALL_FRAME_SIZE);
+    frame[(STUB_SIMD_REGS_SIZE + SYSCALL_APP_SP) / 8] = address_of(room + sizeof(made_frame) / 8);
+    return frame;
+  }
+};
 
 TEST_F(signal_place, one_at_a_system_calls_return_takes_the_frame_apart) {
-  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
-  for (std::size_t word = 0; word < std::size(frame); ++word) frame[word] = 0x5000 + word;
+  const std::uint64_t* frame = engine_syscall_frame();
   const std::uint64_t* area = frame + STUB_SIMD_REGS_SIZE / 8;
   engine.signal_handlers[SIGUSR1] = address_of(one_ret);
   auto* record = reinterpret_cast<fpsimd_context*>(context().__reserved);
   record->head = {FPSIMD_MAGIC, sizeof(fpsimd_context)};
-  context().sp = address_of(frame);
   context().regs[19] = 0x60000000;
   context().regs[20] = 0x100000400000;
   context().regs[21] = 0x100000000010;
 
   EXPECT_EQ(arrive(SIGUSR1, stub(syscall_return_point)), address_of(one_ret));
 
-  EXPECT_EQ(context().sp, address_of(frame) + 0x2d0);
+  EXPECT_EQ(context().sp, area[26]);
   EXPECT_EQ(context().pc, area[23]);
   EXPECT_EQ(context().pstate, 0x60000000u);
   for (std::uint64_t reg = 0; reg <= 8; ++reg) EXPECT_EQ(context().regs[reg], 0x100 + reg);
@@ -41,12 +56,11 @@ TEST_F(signal_place, one_at_a_system_calls_return_takes_the_frame_apart) {
 }
 
 TEST_F(signal_place, one_at_a_system_calls_return_leaves_the_bits_of_pstate_beyond_the_flags_alone) {
-  alignas(16) static std::uint64_t frame[SYSCALL_FRAME_SIZE / 8 + 8];
+  engine_syscall_frame();
   constexpr std::uint64_t ssbs = 1ULL << 12;
   constexpr std::uint64_t dit = 1ULL << 24;
   constexpr std::uint64_t tco = 1ULL << 25;
   engine.signal_handlers[SIGUSR1] = address_of(one_ret);
-  context().sp = address_of(frame);
   context().regs[19] = 0x60000000;
   context().pstate = 0x90000000 | ssbs | dit | tco;
   EXPECT_EQ(arrive(SIGUSR1, stub(syscall_return_point)), address_of(one_ret));
@@ -71,15 +85,19 @@ TEST_F(signal_place, one_between_the_look_at_the_count_and_the_way_into_the_cach
 
 TEST_F(signal_place, one_after_others_have_been_judged_to_wait_has_them_judged_again) {
   for (const std::uint8_t* word = reentry_resume_window; word < reentry_resume_branch; word += 4) {
-    // The stub's frame: the number judged; cache and source address; x2; the application's x0 and x1.
-    const std::uint64_t frame[] = {1, 0, 0, 0, 0xca, 0x50, 0xc2, 0, 0xc0, 0xc1};
-    std::copy(std::begin(frame), std::end(frame), stack + 32);
-    context().sp = address_of(stack + 32);
+    std::uint64_t* frame = engine_frame(REENTRY_SIZE);
+    frame[REENTRY_NEXT / 8] = 0xca;
+    frame[REENTRY_NEXT / 8 + 1] = 0x50;
+    frame[REENTRY_APP_SP / 8] = address_of(stack + 32);
+    stack[32] = 0xc2;
+    stack[33] = 0xc3;
+    context().sp = address_of(frame);
     EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
     EXPECT_EQ(context().pc, address_of(stub(reentry_window)));
     EXPECT_EQ(context().regs[0], 0xcau);
     EXPECT_EQ(context().regs[1], 0x50u);
-    EXPECT_EQ(*reinterpret_cast<std::uint64_t*>(context().sp), 0xc2u);
+    EXPECT_EQ(context().regs[3], 0xc3u);
+    EXPECT_EQ(context().sp, address_of(stack + 32));
   }
 }
 

@@ -5,9 +5,12 @@
 
 #include <csignal>
 
+#include "bi/code/code_cache.h"
+#include "bi/code/code_words.h"
 #include "bi/code/stub_layout.h"
 #include "bi/code/stubs.h"
 #include "engine_fixture.h"
+#include "signal_arrival.h"
 
 namespace ceilmeter::test {
 
@@ -23,15 +26,25 @@ class signals_fixture : public engine_test {
 
   mcontext_t& context() { return ucontext.uc_mcontext; }
   // The source address of the handler that is entered; 0: the interrupted code goes on. SIGILL and SIGSEGV are faults
-  // unless `code` says that somebody has sent them.
+  // unless `code` says that somebody has sent them. The context afterwards is the one that the handler finds.
   std::uint64_t arrive(int signum, const void* pc, int code = 1) {
     context().pc = address_of(pc);
     siginfo_t info{};
     info.si_signo = signum;
     info.si_code = code;
-    const signal_exit way = signal_dispatcher(signum, &info, &ucontext);
-    EXPECT_EQ(way.entry, way.target == 0 ? 0 : thread->dispatcher_stub_addr);
-    return way.target;
+    return arrive(info);
+  }
+  std::uint64_t arrive(siginfo_t& info) {
+    arrive_with(info, ucontext);
+    const bool dispatched = context().pc == thread->dispatcher_stub_addr;
+    const auto* placed = reinterpret_cast<const signal_frame*>(context().sp + (dispatched ? 16 : 0));
+    if (context().regs[29] != address_of(placed + 1)) return 0;  // Not a handler's.
+    entered = ucontext;
+    const std::uint64_t straight = context().pc - ENTRY_WORD_SIZE;
+    const std::uint64_t target = dispatched ? context().regs[0] : meta(cc_addr_to_bb_id(thread, straight)).source_addr;
+    EXPECT_TRUE(dispatched || hash_lookup_entry(thread, target) == straight);
+    ucontext = placed->ucontext;
+    return target;
   }
   const std::uint8_t* stub(const std::uint8_t* place) const { return thread->code_cache + stub_offset(place); }
   void expect_at_dispatcher(std::uint64_t target, std::uint64_t sp_before) {
@@ -62,7 +75,9 @@ class signals_fixture : public engine_test {
   }
 
   ucontext_t ucontext{};
-  alignas(16) std::uint64_t stack[128] = {};
+  ucontext_t entered{};  // What the thread goes into the handler with.
+  alignas(16) std::uint64_t room[1024] = {};
+  std::uint64_t* const stack = room + 896;
 };
 
 }  // namespace ceilmeter::test

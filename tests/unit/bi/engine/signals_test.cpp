@@ -53,10 +53,14 @@ TEST_F(signals, one_in_a_linked_loop_ends_at_the_next_pass_through_the_exit_and_
   EXPECT_EQ(thread->held.raised.si_signo, SIGUSR1);
   EXPECT_EQ(thread->pending_signal_count, 0);
 
-  // The frame of cache_reentry_stub at its system call: target, saved x2 and x8, the application's x0 and x1.
-  const std::uint64_t frame[] = {0, address_of(loop_to_itself), 0xc2, 0xc8, 0xc0, 0xc1};
-  std::copy(std::begin(frame), std::end(frame), stack + 32);
-  context().sp = address_of(stack + 32);
+  // At the system call of cache_reentry_stub: the application's x2, x8, x0 and x1 on its stack, the target on the
+  // engine's.
+  const std::uint64_t frame[] = {0xc2, 0xc8, 0xc0, 0xc1};
+  std::copy(std::begin(frame), std::end(frame), stack + 34);
+  context().sp = address_of(stack + 34);
+  alignas(16) static std::uint64_t engine_words[REENTRY_SIZE / 8];
+  engine_words[REENTRY_NEXT / 8 + 1] = address_of(loop_to_itself);
+  *engine_stack_word(thread) = address_of(std::end(engine_words));
   EXPECT_EQ(arrive(SIGUSR1, stub(reentry_signal_point)), address_of(one_ret));
   EXPECT_EQ(context().pc, address_of(loop_to_itself));
   EXPECT_EQ(context().sp, address_of(stack + 38));

@@ -9,6 +9,7 @@
 #include "bi/signals/signals.h"
 #include "bi/code/trace_check.h"
 #include "bi/code/trace_install.h"
+#include "signal_arrival.h"
 #include "trace_sources.h"
 
 namespace ceilmeter::test {
@@ -30,7 +31,7 @@ class trace_signals : public trace_test {
     siginfo_t info{};
     info.si_signo = signum;
     info.si_code = 1;
-    signal_dispatcher(signum, &info, &ucontext);
+    arrive_with(info, ucontext);
   }
   // The source address that the trap at `place` leads to.
   std::uint64_t run_into(const std::uint32_t* place) {

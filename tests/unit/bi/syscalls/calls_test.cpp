@@ -186,12 +186,10 @@ TEST_F(syscall_handlers, the_high_half_of_a_calls_number_is_not_read) {
 }
 
 TEST_F(syscall_handlers, a_signal_return_with_a_high_half_in_its_number_is_one_for_the_stub_too) {
-  alignas(16) static std::uint8_t stack[SYSCALL_FRAME_SIZE + sizeof(siginfo_t) + sizeof(ucontext_t)];
-  auto* area = reinterpret_cast<std::uint64_t*>(stack + STUB_SIMD_REGS_SIZE);
-  area[8] = high_half | SYS_rt_sigreturn;
-  EXPECT_EQ(syscall_handler_pre(area[8], area, next_inst, thread), 1u);
-  EXPECT_NE(fake.redirect_context, nullptr);
-  EXPECT_EQ(area[8], static_cast<std::uint64_t>(SYS_rt_sigreturn));
+  alignas(16) static std::uint8_t stack[sizeof(siginfo_t) + sizeof(ucontext_t)];
+  args[SYSCALL_APP_SP / 8] = address_of(stack);
+  EXPECT_EQ(syscall_handler_pre(high_half | SYS_rt_sigreturn, args, next_inst, thread), 1u);
+  EXPECT_EQ(fake.redirect_context, stack + sizeof(siginfo_t));
 }
 
 TEST_F(closed_descriptors, the_high_half_of_a_descriptor_and_of_a_command_is_not_read) {
@@ -263,11 +261,11 @@ TEST_F(syscall_handlers, the_first_threads_id_word_is_the_kernels_matter) {
 
 TEST_F(syscall_handlers, a_signal_return_is_led_to_the_dispatcher_with_the_address_that_it_returns_to) {
   // As the kernel has it: the application's stack pointer stands at a siginfo, and the context follows.
-  alignas(16) static std::uint8_t stack[SYSCALL_FRAME_SIZE + sizeof(siginfo_t) + sizeof(ucontext_t)];
-  auto* area = reinterpret_cast<std::uint64_t*>(stack + STUB_SIMD_REGS_SIZE);
-  auto* context = reinterpret_cast<ucontext_t*>(stack + SYSCALL_FRAME_SIZE + sizeof(siginfo_t));
+  alignas(16) static std::uint8_t stack[sizeof(siginfo_t) + sizeof(ucontext_t)];
+  auto* context = reinterpret_cast<ucontext_t*>(stack + sizeof(siginfo_t));
   context->uc_mcontext.pc = 0x5555123450;
-  EXPECT_EQ(syscall_handler_pre(SYS_rt_sigreturn, area, next_inst, thread), 1u);
+  args[SYSCALL_APP_SP / 8] = address_of(stack);
+  EXPECT_EQ(syscall_handler_pre(SYS_rt_sigreturn, args, next_inst, thread), 1u);
   EXPECT_EQ(fake.redirect_context, context);
   EXPECT_EQ(fake.redirect_target, 0x5555123450u);
   EXPECT_EQ(thread->status, THREAD_RUNNING) << "the call does not come back to set it again";

@@ -16,6 +16,7 @@
 #include "bi/code/code_cache.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/signals/held_mask.h"
+#include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/signals/turns.h"
 #include "bi/code/stubs.h"
@@ -50,6 +51,23 @@ using test::fake;
 
 std::uint64_t page_size() { return fake.page; }
 
+namespace {
+
+constexpr std::size_t STUBS_SIZE = 0x2000;
+
+// A copy of the stubs, by which a new thread leaves its parent's call.
+std::uint8_t* make_stubs(const thread_data* record) {
+  void* mapping = mmap(nullptr, STUBS_SIZE, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  auto* stubs = static_cast<std::uint8_t*>(mapping);
+  std::memcpy(stubs, stub_text, stub_offset(stub_text_end));
+  const std::uint64_t counter = address_of(&record->pending_signal_count);
+  std::memcpy(stubs + stub_offset(word_pending_signal_count), &counter, sizeof counter);
+  __builtin___clear_cache(reinterpret_cast<char*>(stubs), reinterpret_cast<char*>(stubs + STUBS_SIZE));
+  return stubs;
+}
+
+}  // namespace
+
 bool allocate_thread_data(thread_data** out) {
   if (fake.refuses_record) {
     errno = ENOMEM;
@@ -58,16 +76,26 @@ bool allocate_thread_data(thread_data** out) {
   void* mapping = mmap(nullptr, sizeof(thread_data), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapping == MAP_FAILED) return false;
   *out = static_cast<thread_data*>(mapping);
+  (*out)->code_cache = make_stubs(*out);
   return true;
 }
 
-const char* try_init_thread(thread_data*) {
+std::uint64_t* engine_stack_word(const thread_data* thread) {
+  return reinterpret_cast<std::uint64_t*>(thread->code_cache + stub_offset(word_engine_stack));
+}
+
+bool is_process_ending(const thread_data*) { return engine.exit_flag != 0; }
+
+const char* try_init_thread(thread_data* thread) {
+  if (fake.missing_memory == nullptr && map_signal_stack(thread)) return nullptr;
   errno = EACCES;
   return fake.missing_memory;
 }
 
 void free_thread_data(thread_data* thread) {
   ++fake.records_freed;
+  munmap(thread->code_cache, STUBS_SIZE);
+  free_signal_stack(thread);
   munmap(thread, sizeof(thread_data));
 }
 
@@ -102,6 +130,8 @@ std::uint64_t scan(thread_data*, std::uint64_t, std::int32_t) {
 
 std::uint64_t lookup_or_scan(thread_data*, std::uint64_t source) { return test::cache_of(source); }
 
+std::uint64_t hash_lookup_entry(const thread_data*, std::uint64_t) { return HASH_MISS; }
+
 void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
 // No signals are held back here, and no turns are given.
@@ -121,10 +151,12 @@ void context_redirect_to_dispatcher(thread_data*, void* ucontext, std::uint64_t 
 }
 
 extern "C" {
+thread_local std::uint64_t guarded_return_address = 0;
+thread_local std::uint64_t guarded_engine_stack = 0;
 void dispatcher(std::uint64_t, std::int32_t, std::uint64_t*, thread_data*) { std::abort(); }
 void create_trace(thread_data*, std::int32_t, std::uint64_t*) { std::abort(); }
 std::uint64_t deliver_pending_signal(std::uint64_t, std::uint64_t*) { std::abort(); }
-signal_exit signal_dispatcher(int, void*, void*) { std::abort(); }
+void signal_dispatcher(signal_frame*, std::uint64_t, std::uint64_t) { std::abort(); }
 }
 
 namespace test {
@@ -147,6 +179,7 @@ syscalls_test::syscalls_test()
   engine.code_ranges_dropped = 0;
   robin_map_init(&engine.function_watches, 264);
   allocate_thread_data(&thread);
+  map_signal_stack(thread);
   thread->tid = gettid();
   engine.thread_list = thread;
   current_thread = thread;
@@ -156,6 +189,9 @@ syscalls_test::syscalls_test()
 syscalls_test::~syscalls_test() {
   alarm(0);
   current_thread = nullptr;
+  munmap(thread->code_cache, STUBS_SIZE);
+  leave_signal_stack();
+  free_signal_stack(thread);
   munmap(thread, sizeof(thread_data));
   robin_map_destroy(&engine.function_watches);
   interval_map_delete(&engine.exec_ranges, 0, ~std::uint64_t{0});

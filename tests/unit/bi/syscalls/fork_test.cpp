@@ -36,8 +36,14 @@ class fork_like_clone : public syscalls_test {
   // A child made for real, through both handlers. Runs `check` in the child and returns its exit status.
   template <typename checks>
   int run_child(const checks& check) {
+    return run_child(check, [] {});
+  }
+  // The same; `change` alters the save area as if the call had been made with it.
+  template <typename checks, typename changes>
+  int run_child(const checks& check, const changes& change) {
     expect_made(SYS_clone, {SIGCHLD, 0, 0, 0, 0});
     const std::int64_t pid = raw_syscall(SYS_clone, args[0], args[1], args[2], args[3], args[4]);
+    change();
     args[0] = static_cast<std::uint64_t>(pid);
     syscall_handler_post(SYS_clone, args, next_inst, thread);
     if (pid == 0) _exit(check());
@@ -72,20 +78,40 @@ TEST_F(fork_like_clone, a_fork_reaches_the_kernel_as_it_is) {
   EXPECT_EQ(thread->child_tls, 0x7777u);
 }
 
-TEST_F(fork_like_clone, the_callers_x1_is_what_it_was_behind_the_call) {
-  alignas(16) std::uint8_t stack[SYSCALL_FRAME_SIZE + 64];
-  prepare({SIGCHLD, address_of(stack + sizeof stack), 0, 0, 0});
-  EXPECT_EQ(args[1], address_of(stack + sizeof stack));
-  const std::uint64_t own = address_of(args) + SYSCALL_APP_SP;
-  prepare({SIGCHLD, own, 0, 0, 0});
-  EXPECT_EQ(args[1], own);
+TEST_F(fork_like_clone, a_child_whose_parent_sleeps_in_the_same_memory_is_not_left_to_the_stub) {
+  with_args({CLONE_VM | CLONE_VFORK | SIGCHLD});
+  EXPECT_EQ(syscall_handler_pre(SYS_clone, args, next_inst, thread), 2u);
+  EXPECT_EQ(args[0], std::uint64_t{CLONE_VM | CLONE_VFORK | SIGCHLD});
+  EXPECT_EQ(thread->status, THREAD_RUNNING);
 }
 
-TEST_F(fork_like_clone, a_vfork_childs_memory_is_a_copy_and_its_parent_waits) {
-  thread->clone_shares_vm = 1;
-  prepare({CLONE_VM | CLONE_VFORK | SIGCHLD});
-  EXPECT_EQ(made_flags, std::uint64_t{CLONE_VFORK | SIGCHLD});
-  EXPECT_EQ(thread->clone_shares_vm, 0);
+TEST_F(fork_like_clone, a_child_in_its_parents_memory_has_a_record_of_its_own_and_no_lock_is_held) {
+  static thread_data* parent;
+  parent = thread;
+  thread->tls = 0x7777;
+  thread->pending_signals[SIGALRM] = 1;
+  engine.exit_flag = 0;
+  alignas(16) static std::uint8_t stack[0x4000];
+  fake.thread_body = [](const std::uint64_t*) {
+    thread_data* own = current_thread;
+    int failed = 0;
+    if (own == parent || own->is_vfork_child != 1) failed = 1;
+    if (own->tls != 0x7777 || own->tid != gettid() || own->pending_signals[SIGALRM] != 0) failed = 2;
+    if (!all_locks_are_free() || pthread_rwlock_trywrlock(&engine.callbacks_lock) != 0) failed = 3;
+    if (application_handlers() == engine.signal_handlers || plugins_listen()) failed = 4;
+    _exit(failed);
+  };
+  engine.plugin_count = 1;
+  with_args({CLONE_VM | CLONE_VFORK | SIGCHLD, address_of(stack + sizeof stack)});
+  ASSERT_EQ(syscall_handler_pre(SYS_clone, args, next_inst, thread), 2u);
+  syscall_clone(SYS_clone, args, next_inst, thread);
+  int status = -1;
+  EXPECT_EQ(waitpid(static_cast<pid_t>(args[0]), &status, 0), static_cast<pid_t>(args[0]));
+  EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+  EXPECT_EQ(current_thread, thread);
+  EXPECT_EQ(thread->status, THREAD_RUNNING);
+  EXPECT_EQ(fake.records_freed, 1);
+  EXPECT_EQ(args[1], address_of(stack + sizeof stack)) << "the caller's x1";
 }
 
 TEST_F(fork_like_clone, a_child_that_would_share_memory_without_being_a_thread_gets_a_copy) {
@@ -99,27 +125,17 @@ TEST_F(fork_like_clone, the_childs_thread_pointer_is_kept_for_it_and_not_given_t
   EXPECT_EQ(thread->child_tls, 0x9999u);
 }
 
-TEST_F(fork_like_clone, the_stack_that_the_caller_stands_on_counts_as_none) {
-  prepare({SIGCHLD, address_of(args) + SYSCALL_APP_SP});
-  EXPECT_EQ(made_stack, 0u);
+TEST_F(fork_like_clone, the_kernel_gets_the_stack_as_it_is) {
+  prepare({SIGCHLD, 0x12340});
+  EXPECT_EQ(made_stack, 0x12340u);
+  EXPECT_EQ(args[1], 0x12340u);
 }
 
-TEST_F(fork_like_clone, another_stack_gets_a_copy_of_the_wrappers_frame) {
-  for (std::size_t index = 0; index < sizeof frame; ++index) frame[index] = static_cast<std::uint8_t>(index * 7 + 3);
-  alignas(16) static std::uint8_t stack[SYSCALL_FRAME_SIZE + 64];
-  std::memset(stack, 0xee, sizeof stack);
-  const std::uint64_t top = address_of(stack) + SYSCALL_FRAME_SIZE + 32;
-  prepare({SIGCHLD, top});
-  EXPECT_EQ(made_stack, top - SYSCALL_FRAME_SIZE);
-  // All but the words of the arguments, which the preparation has changed on the way.
-  const auto* copy = stack + 32;
-  EXPECT_EQ(std::memcmp(copy, frame, STUB_SIMD_REGS_SIZE), 0) << "q0 to q31";
-  EXPECT_EQ(std::memcmp(copy + STUB_SIMD_REGS_SIZE + SYSCALL_X8, frame + STUB_SIMD_REGS_SIZE + SYSCALL_X8,
-                        SYSCALL_APP_SP - SYSCALL_X8),
-            0)
-      << "x8 to the end of the save area";
-  EXPECT_EQ(stack[31], 0xee) << "below the copy";
-  EXPECT_EQ(copy[SYSCALL_FRAME_SIZE], 0xee) << "above the copy";
+TEST_F(fork_like_clone, a_child_on_another_stack_goes_on_there_and_its_parent_where_it_was) {
+  args[SYSCALL_APP_SP / 8] = 0x5550;
+  const int failed = run_child([&] { return args[SYSCALL_APP_SP / 8] == 0x12340 ? 0 : 1; }, [&] { args[1] = 0x12340; });
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(args[SYSCALL_APP_SP / 8], 0x5550u);
 }
 
 TEST_F(fork_like_clone, signals_and_locks_are_held_over_the_call_and_given_back_after_it) {
@@ -136,8 +152,8 @@ TEST_F(fork_like_clone, signals_and_locks_are_held_over_the_call_and_given_back_
   EXPECT_EQ(args[0], 12345u);
 }
 
-TEST_F(fork_like_clone, no_lock_is_held_while_the_parent_of_a_vfork_sleeps) {
-  expect_made(SYS_clone, {CLONE_VM | CLONE_VFORK | SIGCHLD});
+TEST_F(fork_like_clone, no_lock_is_held_while_the_parent_of_a_copy_sleeps) {
+  expect_made(SYS_clone, {CLONE_VFORK | SIGCHLD});
   EXPECT_TRUE(all_locks_are_free());
   args[0] = 12345;
   syscall_handler_post(SYS_clone, args, next_inst, thread);
@@ -154,9 +170,9 @@ TEST_F(fork_like_clone, callbacks_of_plug_ins_wait_until_the_child_is_made) {
   pthread_rwlock_unlock(&engine.callbacks_lock);
 }
 
-TEST_F(fork_like_clone, callbacks_of_plug_ins_wait_until_a_vfork_child_has_gone) {
+TEST_F(fork_like_clone, callbacks_of_plug_ins_wait_until_a_copy_that_its_parent_waits_for_has_gone) {
   engine.plugin_count = 1;
-  expect_made(SYS_clone, {CLONE_VM | CLONE_VFORK | SIGCHLD});
+  expect_made(SYS_clone, {CLONE_VFORK | SIGCHLD});
   EXPECT_TRUE(all_locks_are_free());
   EXPECT_EQ(pthread_rwlock_tryrdlock(&engine.callbacks_lock), EBUSY);
   args[0] = 12345;

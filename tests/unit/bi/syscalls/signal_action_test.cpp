@@ -56,8 +56,7 @@ TEST_F(signal_actions, the_kernel_has_the_engines_entry_and_the_application_read
   const raw_action action{handler, SA_RESTART, 0, 1u << (SIGUSR2 - 1)};
   EXPECT_EQ(set(SIGSEGV, &action), 0);
   EXPECT_EQ(in_kernel(SIGSEGV).handler, entry());
-  EXPECT_EQ(in_kernel(SIGSEGV).flags, std::uint64_t{SA_RESTART | SA_SIGINFO});
-  EXPECT_EQ(in_kernel(SIGSEGV).mask, std::uint64_t{1u << (SIGUSR2 - 1)});
+  EXPECT_EQ(in_kernel(SIGSEGV).flags, std::uint64_t{SA_RESTART | SA_SIGINFO | SA_ONSTACK});
   EXPECT_EQ(engine.signal_handlers[SIGSEGV], handler);
   const raw_action read = read_back(SIGSEGV);
   EXPECT_EQ(read.handler, handler);
@@ -126,11 +125,24 @@ TEST_F(signal_actions, sigill_is_never_given_up) {
   }
 }
 
-TEST_F(signal_actions, no_handler_runs_with_sigill_blocked_though_the_application_reads_it_in_its_mask) {
-  const raw_action action{handler, 0, 0, ~std::uint64_t{0}};
-  set(SIGUSR1, &action);
-  EXPECT_EQ(in_kernel(SIGUSR1).mask & sigill_bit, 0u);
-  EXPECT_EQ(read_back(SIGUSR1).mask & sigill_bit, sigill_bit);
+TEST_F(signal_actions, the_engines_handler_runs_with_every_signal_blocked_though_the_application_reads_its_own_mask) {
+  const std::uint64_t unblockable = 1u << (SIGKILL - 1) | 1u << (SIGSTOP - 1);
+  for (const std::uint64_t mask : {std::uint64_t{0}, sigill_bit, ~std::uint64_t{0}}) {
+    const raw_action action{handler, 0, 0, mask};
+    set(SIGUSR1, &action);
+    EXPECT_EQ(in_kernel(SIGUSR1).mask | unblockable, ~std::uint64_t{0});
+    EXPECT_EQ(read_back(SIGUSR1).mask, mask & ~unblockable);
+  }
+}
+
+TEST_F(signal_actions, the_engines_handler_runs_on_the_signal_stack_though_the_application_reads_its_own_flags) {
+  for (const std::uint64_t flags : {std::uint64_t{0}, std::uint64_t{SA_ONSTACK}, std::uint64_t{SA_SIGINFO}}) {
+    const raw_action action{handler, flags, 0, 0};
+    set(SIGUSR1, &action);
+    EXPECT_EQ(in_kernel(SIGUSR1).flags, std::uint64_t{SA_ONSTACK | SA_SIGINFO});
+    EXPECT_EQ(read_back(SIGUSR1).flags, flags);
+    EXPECT_EQ(take_application_action(SIGUSR1).flags, flags);
+  }
 }
 
 TEST_F(signal_actions, a_handler_for_one_time_is_taken_back_when_it_is_taken_and_not_by_the_kernel) {
@@ -138,24 +150,24 @@ TEST_F(signal_actions, a_handler_for_one_time_is_taken_back_when_it_is_taken_and
   set(SIGALRM, &action);
   EXPECT_EQ(in_kernel(SIGALRM).flags & SA_RESETHAND, 0u);
   EXPECT_EQ(read_back(SIGALRM).flags, std::uint64_t{SA_RESETHAND});
-  EXPECT_EQ(take_application_handler(SIGALRM), handler);
+  EXPECT_EQ(take_application_action(SIGALRM).handler, handler);
   EXPECT_EQ(in_kernel(SIGALRM).handler, 0u);
-  EXPECT_EQ(take_application_handler(SIGALRM), 0u);
+  EXPECT_EQ(take_application_action(SIGALRM).handler, 0u);
 }
 
 TEST_F(signal_actions, a_handler_for_any_time_stays_when_it_is_taken) {
   const raw_action action{handler, 0, 0, 0};
   set(SIGALRM, &action);
-  EXPECT_EQ(take_application_handler(SIGALRM), handler);
-  EXPECT_EQ(take_application_handler(SIGALRM), handler);
+  EXPECT_EQ(take_application_action(SIGALRM).handler, handler);
+  EXPECT_EQ(take_application_action(SIGALRM).handler, handler);
   EXPECT_EQ(in_kernel(SIGALRM).handler, entry());
 }
 
 TEST_F(signal_actions, a_handler_of_sigill_for_one_time_leaves_the_engines_entry_in_force) {
   const raw_action action{handler, SA_RESETHAND, 0, 0};
   set(SIGILL, &action);
-  EXPECT_EQ(take_application_handler(SIGILL), handler);
-  EXPECT_EQ(take_application_handler(SIGILL), 0u);
+  EXPECT_EQ(take_application_action(SIGILL).handler, handler);
+  EXPECT_EQ(take_application_action(SIGILL).handler, 0u);
   EXPECT_EQ(in_kernel(SIGILL).handler, entry());
 }
 
