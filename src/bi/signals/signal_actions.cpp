@@ -73,7 +73,8 @@ application_action told_action(int signum, application_action action) {
   if (action.handler <= 1) return action;
   const application_action& set = kept_action(signum);
   action.handler = application_handlers()[signum];
-  action.flags = (action.flags & ~REPLACED_FLAGS) | (set.flags & REPLACED_FLAGS);
+  const std::uint64_t replaced = REPLACED_FLAGS | (signum == SIGILL ? SA_RESTART : 0);
+  action.flags = (action.flags & ~replaced) | (set.flags & replaced);
   action.mask = set.mask & ~(signal_bit(SIGKILL) | signal_bit(SIGSTOP));
   return action;
 }
