@@ -39,6 +39,18 @@ static void add_scaled(double* y, double a, const double* x, long size) {
   for (long at = 0; at < size; ++at) y[at] += a * x[at];
 }
 
+static double largest_error(const double* solution, long n, double step) {
+  double error = 0.0;
+  for (long row = 0; row < n; ++row) {
+    for (long column = 0; column < n; ++column) {
+      const double difference =
+          fabs(solution[row * n + column] - exact((double)(column + 1) * step, (double)(row + 1) * step));
+      if (difference > error) error = difference;
+    }
+  }
+  return error;
+}
+
 int main(int argc, char** argv) {
   const long n = argc > 1 ? atol(argv[1]) : 96;
   const long iterations = argc > 2 ? atol(argv[2]) : 200;
@@ -88,14 +100,7 @@ int main(int argc, char** argv) {
   }
   finalize_perf_roofline_events();
 
-  double error = 0.0;
-  for (long row = 0; row < n; ++row) {
-    for (long column = 0; column < n; ++column) {
-      const double difference =
-          fabs(solution[row * n + column] - exact((double)(column + 1) * step, (double)(row + 1) * step));
-      if (difference > error) error = difference;
-    }
-  }
+  const double error = largest_error(solution, n, step);
   printf("points %ld, residual %.3e, largest error %.3e\n", size, sqrt(norm), error);
   free(solution);
   free(residual);

@@ -23,6 +23,7 @@
 #include "bi/kernel/pages.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scanner.h"
+#include "bi/signals/last_words.h"
 #include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stubs.h"
@@ -107,6 +108,7 @@ int mora_run(int argc, char** argv, char** envp) {
   pthread_mutex_init(&engine.mapping_lock, nullptr);
   pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
   install_sigill_handler();
+  install_last_words();
   pthread_rwlock_init(&engine.callbacks_lock, nullptr);
   pthread_mutex_init(&engine.function_watch_lock, nullptr);
   robin_map_init(&engine.function_watches, sizeof(function_watch));

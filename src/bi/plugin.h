@@ -30,9 +30,14 @@ int mora_run(int argc, char** argv, char** envp);
 enum mora_event : std::uint32_t {
   // While a fragment is translated: fragment, read_address, decoded, write_p, write_limit. Each happens once per
   // translation, not once per execution. After a cache flush the engine translates anew.
-  MORA_PRE_INST = 1,       // Before each instruction, `read_address`. It can be taken over: mora_replace_inst.
-  MORA_POST_INST = 2,      // After it. Behind the instruction that ends the fragment no code is allowed.
-  MORA_PRE_BB = 3,         // At a block's start, `read_address`. A block also ends, and a new one starts, at each SVC.
+  MORA_PRE_INST = 1,   // Before each instruction, `read_address`. It can be taken over: mora_replace_inst.
+  MORA_POST_INST = 2,  // After it. Behind the instruction that ends the fragment no code is allowed.
+  // At a block's start, `read_address`. A block also ends, and a new one starts, at each SVC. If the fragment begins
+  // between a load-exclusive and its store-exclusive, this event and MORA_PRE_FRAGMENT, with their code, come behind
+  // the
+  // store: an access to memory in front of it may make it fail each time. The instructions up to the store have had
+  // their events before.
+  MORA_PRE_BB = 3,
   MORA_POST_BB = 4,        // At its end, `end_address`, the address past its last instruction. No code is allowed.
   MORA_PRE_FRAGMENT = 5,   // Around a fragment: a block with all that follows its system calls, or a part of a trace.
   MORA_POST_FRAGMENT = 6,  // No code is allowed.

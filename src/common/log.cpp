@@ -24,6 +24,8 @@ namespace ceilmeter {
 namespace log_state {
 int log_level = LEVEL_WARN;
 int engine_log_level = LEVEL_WARN;
+bool engine_levels_differ = false;
+void (*before_engine_fatal)() = nullptr;
 }  // namespace log_state
 
 namespace {
@@ -34,6 +36,7 @@ constexpr engine_log log_for_engine{"src/common/log"};
 constexpr std::size_t line_size = 1024;
 constexpr std::size_t pattern_size = 4096;
 constexpr char engine_level_variable[] = "MORA_BI_LOG_LEVEL";
+constexpr char module_levels_variable[] = "MORA_BI_LOG_MODULES";
 
 int log_fd = STDERR_FILENO;
 int log_append = 0;
@@ -68,6 +71,72 @@ bool find_level(const char* name, int& level) {
   return true;
 }
 
+// A source of the engine's with a level of its own.
+struct module_level {
+  std::array<char, 32> name;  // A copy: the application may write over its environment, where the variable stands.
+  int level;
+};
+
+std::array<module_level, 16> module_levels;
+std::size_t module_count = 0;
+int other_modules_level = LEVEL_WARN;  // Of the engine's sources that are not among them.
+
+const char* base_name_of(const char* file) {
+  const char* slash = std::strrchr(file, '/');
+  return slash != nullptr ? slash + 1 : file;
+}
+
+void warn_of_engine_value(const char* variable, const char* value) {
+  log_for_engine(LEVEL_WARN, "Incorrect value of %s variable: %s", variable, value);
+}
+
+// Of a part "NAME=LEVEL". False if it is none, or if there is no room for it.
+bool add_module_level(const char* part, std::size_t length) {
+  std::array<char, 64> text{};
+  if (length >= text.size() || module_count == module_levels.size()) return false;
+  std::memcpy(text.data(), part, length);
+  char* sign = std::strchr(text.data(), '=');
+  module_level& added = module_levels[module_count];
+  if (sign == nullptr || sign == text.data()) return false;
+  *sign = '\0';
+  if (std::strlen(text.data()) >= added.name.size() || !find_level(sign + 1, added.level)) return false;
+  std::strcpy(added.name.data(), text.data());
+  ++module_count;
+  return true;
+}
+
+void read_engine_level() {
+  const char* name = std::getenv(engine_level_variable);
+  if (name == nullptr) return;
+  int level = 0;
+  if (find_level(name, level)) {
+    log_state::engine_log_level = level;
+  } else {
+    warn_of_engine_value(engine_level_variable, name);
+  }
+}
+
+void read_module_levels() {
+  module_count = 0;
+  log_state::engine_levels_differ = false;
+  const char* text = std::getenv(module_levels_variable);
+  if (text == nullptr) return;
+  other_modules_level = log_state::engine_log_level;
+  int highest = other_modules_level;
+  for (const char* part = text; *part != '\0';) {
+    const std::size_t length = std::strcspn(part, ",");
+    if (add_module_level(part, length)) {
+      highest = std::max(highest, module_levels[module_count - 1].level);
+    } else {
+      warn_of_engine_value(module_levels_variable, part);
+    }
+    part += length;
+    if (*part == ',') ++part;
+  }
+  log_state::engine_log_level = highest;
+  log_state::engine_levels_differ = module_count != 0;
+}
+
 // A failed or short write is ignored: there is nowhere left to report it.
 void write_ignoring_result(int fd, const char* text, std::size_t length) {
   [[maybe_unused]] const ssize_t written = ::write(fd, text, length);
@@ -100,8 +169,6 @@ void mora_log_message(const char* file, unsigned line, const char* function, int
 
   timeval now{};
   gettimeofday(&now, nullptr);
-  const char* slash = std::strrchr(file, '/');
-  const char* base_name = slash != nullptr ? slash + 1 : file;
 
   std::array<char, line_size> buffer;
   std::size_t length = 0;
@@ -111,12 +178,21 @@ void mora_log_message(const char* file, unsigned line, const char* function, int
   };
   advance(std::snprintf(buffer.data(), line_size, "[%lu.%06lu:%d] %18s:%-4u MORA %s ",
                         static_cast<unsigned long>(now.tv_sec), static_cast<unsigned long>(now.tv_usec),
-                        static_cast<int>(gettid()), base_name, line, name_of_level(level)));
+                        static_cast<int>(gettid()), base_name_of(file), line, name_of_level(level)));
   advance(std::vsnprintf(buffer.data() + length, line_size - length, format, arguments));
   buffer[length++] = '\n';
   write_ignoring_result(log_fd, buffer.data(), length);
   if (level == LEVEL_FATAL) std::abort();
   errno = saved_errno;
+}
+
+bool mora_log_is_wanted(const char* file, int level) {
+  const char* name = base_name_of(file);
+  for (std::size_t index = 0; index < module_count; ++index) {
+    const module_level& module = module_levels[index];
+    if (std::strcmp(module.name.data(), name) == 0) return level <= module.level;
+  }
+  return level <= other_modules_level;
 }
 
 void mora_log_exit(int status, const char* format, ...) {
@@ -145,14 +221,8 @@ int mora_log_init() {
       log(LEVEL_WARN, "failed to create log file %s: %s", log_file_path, std::strerror(errno));
     }
   }
-  if (const char* name = std::getenv(engine_level_variable)) {
-    int level = 0;
-    if (find_level(name, level)) {
-      log_state::engine_log_level = level;
-    } else {
-      log_for_engine(LEVEL_WARN, "Incorrect value of %s variable: %s", engine_level_variable, name);
-    }
-  }
+  read_engine_level();
+  read_module_levels();
   return 1;
 }
 

@@ -1,6 +1,7 @@
 // The one log of the process, shared by the tool's modules and the instrumentation engine. A line is built on the
 // caller's stack and leaves in a single write, so that any thread may log without a lock. There are two thresholds:
 // --log-level sets the one of the tool's sources, MORA_BI_LOG_LEVEL the one of the engine's; neither moves the other.
+// MORA_BI_LOG_MODULES gives single sources of the engine's a level of their own: "scanner=trace,dispatcher=debug".
 //
 // A source file logs through a file-local object:
 //
@@ -34,6 +35,10 @@ namespace log_state {
 // Plain words: they are set while the process has one thread and only read afterwards.
 extern int log_level;         // Threshold of all sources but the engine's.
 extern int engine_log_level;  // Threshold of src/bi and src/elf.
+// Whether MORA_BI_LOG_MODULES gives some sources a level of their own. engine_log_level is then the highest of all.
+extern bool engine_levels_differ;
+// Called before a fatal line of the engine's is written; null: nothing more is told than the line.
+extern void (*before_engine_fatal)();
 }  // namespace log_state
 
 // Where a log call stands. Made implicitly from the level at the call, so that line and function are the caller's.
@@ -58,6 +63,10 @@ struct log_site {
 [[gnu::format(printf, 5, 0)]] void mora_log_message(const char* file, unsigned line, const char* function, int level,
                                                     const char* format, std::va_list arguments);
 
+// Whether a line of that level of the engine's source is written, where the levels of the engine's sources differ.
+// `file` is shortened as above.
+bool mora_log_is_wanted(const char* file, int level);
+
 // The log of one source file of the tool. `file` is the source's path without its extension; of a source that belongs
 // to a module of another name, such as run_benchmarks to the collector, the module's: its lines go by that.
 struct tool_log {
@@ -78,6 +87,8 @@ struct engine_log {
 
   [[gnu::format(printf, 3, 4)]] void operator()(log_site site, const char* format, ...) const {
     if (site.level > log_state::engine_log_level) return;
+    if (log_state::engine_levels_differ && !mora_log_is_wanted(file, site.level)) return;
+    if (site.level == LEVEL_FATAL && log_state::before_engine_fatal != nullptr) log_state::before_engine_fatal();
     std::va_list arguments;
     va_start(arguments, format);
     mora_log_message(file, site.line, site.function, site.level, format, arguments);
@@ -89,7 +100,8 @@ struct engine_log {
 // text is cut at 1024 bytes.
 [[noreturn, gnu::format(printf, 2, 3)]] void mora_log_exit(int status, const char* format, ...);
 
-// Opens the log file, if one was named, and reads the engine's level from MORA_BI_LOG_LEVEL. A file that cannot be
+// Opens the log file, if one was named, and reads the engine's levels from MORA_BI_LOG_LEVEL and MORA_BI_LOG_MODULES. A
+// part of the latter that is not understood is left out, with a warning. A file that cannot be
 // opened leaves the log where it was, with one warning. Returns 1. Call once, before other threads exist.
 int mora_log_init();
 

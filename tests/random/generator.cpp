@@ -110,6 +110,30 @@ void generator::make_block(std::uint32_t words, std::uint32_t rounds, std::uint3
   }
 }
 
+// Back to the top while the counter, or the flags of its subtraction, say so; by one of five kinds of branches.
+void generator::put_loop_branch(item& back, std::uint32_t kind, const place& top, std::uint32_t counter) {
+  constexpr std::uint32_t gt = 12;
+  constexpr std::uint32_t le = 13;
+  switch (kind) {
+    case 0: back.add_to(fixup_kind::BRANCH_19, top, 0, a64_b_cond, 0, gt); break;
+    case 1: back.add_to(fixup_kind::BRANCH_14, top, 0, a64_tbz, 1, 0, 31, 0, counter); break;
+    case 2: back.add_to(fixup_kind::BRANCH_19, top, 0, a64_cbz, 1, 1, 0, counter); break;
+    case 3:
+      back.add(a64_b_cond, 2, le);
+      back.add_to(fixup_kind::BRANCH, top, 0, a64_b, 0, 0);
+      break;
+    default: {
+      const std::uint32_t reg = any_register();
+      const auto skip = static_cast<std::uint32_t>(back.words.size());
+      back.add(a64_b_cond, 0, le);
+      load_place(back, reg, top);
+      back.add(a64_br, reg);
+      back.words[skip] |= static_cast<std::uint32_t>(back.words.size() - skip) << 5;
+      break;
+    }
+  }
+}
+
 void generator::make_loop(std::uint32_t words, std::uint32_t rounds, std::uint32_t depth) {
   constexpr std::uint32_t around = 16;  // Instructions of a round besides the body.
   const std::uint64_t affordable = room() / 2 / (std::uint64_t{rounds} * (words + around));
@@ -152,26 +176,7 @@ void generator::make_loop(std::uint32_t words, std::uint32_t rounds, std::uint32
     back.add(a64_add_sub_imm, 1, 1, 1, 0, 1, counter_2, counter_2);  // subs #1
   }
   back.add(a64_ldr_str_unsigned, 3, 0, 0, 0, base_2, counter_2);
-  constexpr std::uint32_t gt = 12;
-  constexpr std::uint32_t le = 13;
-  switch (kind) {
-    case 0: back.add_to(fixup_kind::BRANCH_19, top, 0, a64_b_cond, 0, gt); break;
-    case 1: back.add_to(fixup_kind::BRANCH_14, top, 0, a64_tbz, 1, 0, 31, 0, counter_2); break;
-    case 2: back.add_to(fixup_kind::BRANCH_19, top, 0, a64_cbz, 1, 1, 0, counter_2); break;
-    case 3:
-      back.add(a64_b_cond, 2, le);
-      back.add_to(fixup_kind::BRANCH, top, 0, a64_b, 0, 0);
-      break;
-    default: {
-      const std::uint32_t reg = any_register();
-      const auto skip = static_cast<std::uint32_t>(back.words.size());
-      back.add(a64_b_cond, 0, le);
-      load_place(back, reg, top);
-      back.add(a64_br, reg);
-      back.words[skip] |= static_cast<std::uint32_t>(back.words.size() - skip) << 5;
-      break;
-    }
-  }
+  put_loop_branch(back, kind, top, counter_2);
   done();
 }
 

@@ -29,6 +29,7 @@ class generator {
   void make_main(std::uint32_t words);
   void make_block(std::uint32_t words, std::uint32_t rounds, std::uint32_t depth);
   void make_loop(std::uint32_t words, std::uint32_t rounds, std::uint32_t depth);
+  void put_loop_branch(item& back, std::uint32_t kind, const place& top, std::uint32_t counter);
   void make_item();
   void finish_function(std::uint32_t exit_item);
   void shuffle_functions();
@@ -64,6 +65,7 @@ class generator {
   void cache_item();
   void syscall_item();
   void put_syscall(item& to, std::uint32_t number);
+  void put_mapping_calls(item& to);
 
   // The program's beginning and end: frame.cpp.
   void begin_main();

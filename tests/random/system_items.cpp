@@ -72,6 +72,24 @@ void generator::put_syscall(item& to, std::uint32_t number) {
   to.add(a64_svc, random_.one_in(4) ? random_.below(0x10000) : 0);
 }
 
+// A page that is mapped, written, made read-only, read and unmapped.
+void generator::put_mapping_calls(item& to) {
+  const std::uint64_t mapping = made_.base + MAPPING_OFFSET;
+  to.add_constant(0, mapping);
+  to.add_constant(1, 0x10000);
+  to.add_constant(2, 3);     // Read and write.
+  to.add_constant(3, 0x32);  // Private, anonymous, there.
+  to.add_constant(4, ~std::uint64_t{0});
+  to.add_constant(5, 0);
+  put_syscall(to, NR_MMAP);
+  to.add(a64_ldr_str_unsigned, 3, 0, 0, 5, 0, 8);
+  to.add_constant(2, 1);
+  put_syscall(to, NR_MPROTECT);
+  load_base(to, 0, mapping);
+  to.add(a64_ldr_str_unsigned, 3, 0, 1, 5, 0, random_.between(2, 7));
+  put_syscall(to, NR_MUNMAP);
+}
+
 void generator::syscall_item() {
   const std::uint64_t memory = data_address(MEMORY_OFFSET + 8 * random_.below(0x800));
   item& call = start("system call");
@@ -114,23 +132,7 @@ void generator::syscall_item() {
       call.add_constant(1, 1);  // F_GETFD
       put_syscall(call, NR_FCNTL);
       break;
-    default: {
-      const std::uint64_t mapping = made_.base + MAPPING_OFFSET;
-      call.add_constant(0, mapping);
-      call.add_constant(1, 0x10000);
-      call.add_constant(2, 3);     // Read and write.
-      call.add_constant(3, 0x32);  // Private, anonymous, there.
-      call.add_constant(4, ~std::uint64_t{0});
-      call.add_constant(5, 0);
-      put_syscall(call, NR_MMAP);
-      call.add(a64_ldr_str_unsigned, 3, 0, 0, 5, 0, 8);
-      call.add_constant(2, 1);
-      put_syscall(call, NR_MPROTECT);
-      load_base(call, 0, mapping);
-      call.add(a64_ldr_str_unsigned, 3, 0, 1, 5, 0, random_.between(2, 7));
-      put_syscall(call, NR_MUNMAP);
-      break;
-    }
+    default: put_mapping_calls(call); break;
   }
   done();
 }

@@ -73,7 +73,9 @@ std::uint64_t end_in_traces(const thread_data* thread, std::int32_t id) {
 }
 
 // A block ends behind the branch to the dispatcher in its exit, or with the piece of the cache that the exit lies in.
+// A block without an exit, for a place that cannot be executed, ends in words that nobody has written.
 bool is_last_of_block(const thread_data* thread, const bb_meta& meta, const std::uint32_t* place) {
+  if (meta.exit_code_addr == nullptr && place[1] == 0) return true;
   const bool in_exit = is_in_exit(meta, place);
   if ((in_exit || meta.exit_code_addr == nullptr) &&
       (address_of(place + 1) - address_of(thread->code_cache)) % BB_SIZE == 0) {

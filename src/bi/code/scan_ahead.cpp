@@ -64,6 +64,39 @@ fragment_end find_end(const std::uint32_t* read) {
   }
 }
 
+bool begins_between_exclusives(const std::uint32_t* read) {
+  constexpr int furthest = 32;  // Words.
+  for (const std::uint32_t* end = read + furthest; read != end; ++read) {
+    if (begins_unreadable_page(read)) return false;
+    switch (a64_decode(read)) {
+      case A64_LDX_STX:
+        if (is_store_exclusive(*read)) return true;
+        if (is_load_exclusive(*read)) return false;
+        break;  // LDAR, STLR and the like.
+      // Neither the kernel's way back from an exception nor CLREX leaves a pair open.
+      case A64_SVC:
+      case A64_HVC:
+      case A64_SMC:
+      case A64_BRK:
+      case A64_HLT:
+      case A64_CLREX:
+      case A64_CBZ:
+      case A64_B_COND:
+      case A64_TBZ:
+      case A64_B:
+      case A64_BR:
+      case A64_BLR:
+      case A64_RET:
+      case A64_NOT_RECOGNISED: return false;
+      case A64_LDR_LITERAL:
+        if (begins_its_own_block(read)) return false;
+        break;
+      default: break;
+    }
+  }
+  return false;
+}
+
 std::uint64_t count_source_words(const std::uint32_t* read_address) {
   if (!is_readable(read_address)) return 0;
   // A word that begins its own block does not end the fragment that begins with it.

@@ -18,6 +18,22 @@ struct fragment_end {
 // SVC does not end a fragment.
 fragment_end find_end(const std::uint32_t* read);
 
+// STXR and STXP of every size, with release or without. Not CASP, which has the place of a pair of two registers of 32
+// bits in the same group.
+inline bool is_store_exclusive(std::uint32_t word) {
+  return (word & 0x3fe00000) == 0x08000000 || (word & 0xbfe00000) == 0x88200000;
+}
+
+// LDXR and LDXP of every size, with acquire or without.
+inline bool is_load_exclusive(std::uint32_t word) {
+  return (word & 0x3fe00000) == 0x08400000 || (word & 0xbfe00000) == 0x88600000;
+}
+
+// Whether a fragment that begins here begins between a load-exclusive and its store-exclusive: it comes to the store
+// before anything that begins a pair, gives one up or may lead elsewhere. Only a distance that a program can rely on is
+// looked at: the architecture promises that a pair succeeds for pairs of up to 128 bytes.
+bool begins_between_exclusives(const std::uint32_t* read);
+
 // Whether the word can be read.
 bool is_readable(const std::uint32_t* word);
 

@@ -23,6 +23,7 @@ struct scan_state {
   std::uint32_t* write;           // The next cache word to write.
   std::uint32_t* limit;           // End of the block being written, or of the code cache for a trace.
   bool stop;                      // The fragment has ended. Plug-ins may set it.
+  bool starts_behind_store;       // The events of the fragment's start wait for its first store-exclusive.
 };
 
 }  // namespace ceilmeter

@@ -8,6 +8,7 @@
 #include "bi/code/code_writer.h"
 #include "bi/code/dispatcher.h"
 #include "bi/code/exit_branch.h"
+#include "bi/plugins/function_watch.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scan_rules.h"
@@ -220,6 +221,26 @@ void scan_word(scan_state& state) {
   ++state.read;
 }
 
+// At the place in the fragment where the code of plug-ins for its start goes.
+void deliver_start(scan_state& state, const std::uint32_t* first, bool allow_code) {
+  const std::uint32_t* const next = state.read;
+  state.read = first;
+  deliver_scan_event(state, {MORA_PRE_FRAGMENT, MORA_NO_INST, allow_code, nullptr});
+  state.read = next;
+  deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, allow_code, nullptr});
+}
+
+// Behind a word of a fragment that begins between a load-exclusive and its store-exclusive. Code in front of the store
+// that touches memory may make it fail, on some processors each time, and the pair would go round for ever. A plug-in
+// that has ended the fragment before the store is still told of its start.
+void deliver_late_start(scan_state& state, const std::uint32_t* first) {
+  if (!state.stop && !is_store_exclusive(state.read[-1])) return;
+  state.starts_behind_store = false;
+  if (!state.stop) lower_sp(state);
+  deliver_start(state, first, !state.stop);
+  if (!state.stop) raise_sp(state);
+}
+
 void scan_words(scan_state& state) {
   const std::uint32_t* const first = state.read;
   while (!state.stop) {
@@ -229,6 +250,7 @@ void scan_words(scan_state& state) {
       leave_to_its_own_block(state);  // Before its events: plug-ins are told of the word in the block that it begins.
     } else {
       scan_word(state);
+      if (state.starts_behind_store) deliver_late_start(state, first);
     }
   }
 }
@@ -282,7 +304,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
                             fragment_type type, std::uint32_t* write) {
   auto* cache_end = reinterpret_cast<std::uint32_t*>(thread->code_cache + CODE_CACHE_SIZE);
   std::uint32_t* const start = write != nullptr ? write : block_words(thread, bb_id);
-  scan_state state = {thread, bb_id, type, read_address, read_address, start, cache_end, false};
+  scan_state state = {thread, bb_id, type, read_address, read_address, start, cache_end, false, false};
   bb_meta& meta = meta_of(state);
   if (type == FRAGMENT_BLOCK) {
     state.limit = start + BB_SIZE / sizeof(std::uint32_t);
@@ -302,11 +324,14 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
     end_source_marks(thread, state.write);
     return static_cast<std::uint32_t>(state.write - start) * 4;
   }
-  const bool counts = type == FRAGMENT_BLOCK && !keeps_below_sp(thread) && find_end(read_address).is_direct_branch;
-  if (counts) put_hot_counter(state);
-
-  deliver_scan_event(state, {MORA_PRE_FRAGMENT, MORA_NO_INST, true, nullptr});
-  deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
+  // The code at a watched function's entry has to see the registers as they are there.
+  state.starts_behind_store = begins_between_exclusives(read_address) && !is_watched_function(read_address);
+  if (!state.starts_behind_store) {
+    const bool counts = type == FRAGMENT_BLOCK && !keeps_below_sp(thread) && find_end(read_address).is_direct_branch;
+    if (counts) put_hot_counter(state);
+    deliver_start(state, read_address, true);
+  }
+  // No hot counter for the others: where it is the store has been made, and a trace would begin with making it again.
   raise_sp(state);
   scan_words(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});

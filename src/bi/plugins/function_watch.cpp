@@ -113,6 +113,11 @@ void tell_plugins_of_mapped_file(std::int32_t fd, std::uint64_t addr) {
   mora_leave_callback();
 }
 
+bool is_watched_function(const std::uint32_t* read_address) {
+  if (!is_event_bound(MORA_PRE_FUNCTION) && !is_event_bound(MORA_POST_FUNCTION)) return false;
+  return watch_of_function(address_of(read_address)) != 0;
+}
+
 void put_function_entry(scan_state& state, const std::uint32_t* read_address) {
   // If nobody is told of returns, leave the return address alone: code that looks at it then finds the true one.
   const bool returns_are_watched = is_event_bound(MORA_POST_FUNCTION);

@@ -36,6 +36,9 @@ struct return_watch {
 
 static_assert(offsetof(function_watch, code) == 0 && sizeof(function_watch) == 264 && sizeof(return_watch) == 24);
 
+// Whether the function events have to be delivered at this address. False in a process without plug-ins.
+bool is_watched_function(const std::uint32_t* read_address);
+
 // At a block's start: writes the entry code, with pre_function, if the block is a watched function's first.
 void put_function_entry(scan_state& state, const std::uint32_t* read_address);
 

@@ -103,7 +103,7 @@ bool a64_scanner_deliver_callbacks(thread_data* thread, mora_event event, const 
                                    std::uint32_t fragment_type, bool allow_code, bool* stop,
                                    const std::uint32_t* end_address) {
   const auto type = static_cast<enum fragment_type>(fragment_type);
-  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop};
+  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop, false};
   const bool taken = deliver_scan_event(state, {event, inst, allow_code, end_address});
   *read_address = event == MORA_PRE_BB ? state.bb_start : state.read;
   *write = state.write;

@@ -18,6 +18,7 @@
 #include "bi/code/code_cache.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/signals/held_mask.h"
+#include "bi/signals/last_words.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_delivery.h"
 #include "bi/signals/signal_frame.h"
@@ -96,6 +97,7 @@ void run_handler_of(thread_data* thread, arrival& signal, const application_acti
 void handle_synchronous(thread_data* thread, arrival& signal) {
   const application_action action = take_application_action(signal.signum());
   if (action.handler <= 1) {
+    log_crash(thread, signal.frame->info, signal.context());
     set_kernel_action(signal.signum(), action.handler);
     return;  // The instruction faults again, and the default action applies.
   }
@@ -143,11 +145,17 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
   count_visit(thread);  // deliver_pending_signal ends the thread.
 }
 
+void end_by_fault(const thread_data* thread, const arrival& signal) {
+  log_fault(thread, signal.frame->info, signal.context());
+  log(LEVEL_FATAL, "synchronous signal outside the code cache");
+}
+
 // The process is ending.
-void lead_out(thread_data* thread, ucontext_t* ucontext, bool fault) {
+void lead_out(thread_data* thread, const arrival& signal, bool fault) {
+  ucontext_t* ucontext = &signal.frame->ucontext;
   // A thread that has faulted, or stands at a trap of the engine's own, would do so again for ever.
   if (fault && is_in_cache(thread, ucontext->uc_mcontext.pc)) abandon_thread(thread);
-  if (fault) log(LEVEL_FATAL, "synchronous signal outside the code cache");
+  if (fault) end_by_fault(thread, signal);
   stop_for_exit(thread, ucontext);
 }
 
@@ -216,7 +224,7 @@ void dispatch(thread_data* thread, arrival& signal) {
   look_again(thread, context);
   const std::uint64_t pc = context.pc;
 
-  if (is_process_ending(thread)) return lead_out(thread, ucontext, fault);
+  if (is_process_ending(thread)) return lead_out(thread, signal, fault);
   if (fault && is_stub_point(thread, pc, reentry_raise)) return raise_at_return(thread, ucontext);
   if (is_interruption(thread, signum, &signal.frame->info)) {
     if (interrupt_call(thread, ucontext)) undo_call_in_turn(thread, ucontext);
@@ -232,7 +240,7 @@ void dispatch(thread_data* thread, arrival& signal) {
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
-    if (!is_in_cache(thread, pc)) log(LEVEL_FATAL, "synchronous signal outside the code cache");
+    if (!is_in_cache(thread, pc)) end_by_fault(thread, signal);
     return handle_synchronous(thread, signal);
   }
   count_signal(thread, signal.frame->info);

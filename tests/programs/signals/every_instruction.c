@@ -183,16 +183,8 @@ static int step_each(int steps, int stride, int stop) {
   return rounds;
 }
 
-int main(int argc, char** argv) {
-  CHECK(argc > 4);
-  const int each = strcmp(argv[1], "EACH") == 0;
-  const int nested = strcmp(argv[1], "NESTED") == 0;
-  const int steps = atoi(argv[2]);
-  const int stride = atoi(argv[3]);
-  char* words[8] = {0};
-  int count = 0;
-  for (int index = 4; index < argc && count < 6; ++index) words[count++] = argv[index];
-  if (!each) words[count] = nested ? "1" : "0";
+// The child stands at the first instruction of its program.
+static void start_child(char** words) {
   cpu_set_t one;  // The two take turns: on one processor they need not wake another for each.
   CPU_ZERO(&one);
   CPU_SET(0, &one);
@@ -208,6 +200,19 @@ int main(int argc, char** argv) {
   CHECK(ptrace(PTRACE_SETOPTIONS, child, NULL, (void*)(PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL)) == 0);
   signal(SIGALRM, give_up);
   alarm(GUARD_SECONDS);
+}
+
+int main(int argc, char** argv) {
+  CHECK(argc > 4);
+  const int each = strcmp(argv[1], "EACH") == 0;
+  const int nested = strcmp(argv[1], "NESTED") == 0;
+  const int steps = atoi(argv[2]);
+  const int stride = atoi(argv[3]);
+  char* words[8] = {0};
+  int count = 0;
+  for (int index = 4; index < argc && count < 6; ++index) words[count++] = argv[index];
+  if (!each) words[count] = nested ? "1" : "0";
+  start_child(words);
   int stop = SIGTRAP;
   if (each) {
     CHECK(step_each(steps, stride, stop) > 0);

@@ -45,6 +45,40 @@ def userland():
                           check=True).stdout
 
 
+def differences(options, expected, native, traced, result):
+    """(what is wrong, operations, threads): of the two runs, each (status, output, error output), and of the result
+    file."""
+    failures = []
+    if native[0] != 0:
+        failures.append(f"the program fails natively: status {native[0]}, {native[2][-1000:]!r}")
+    if traced[0] != native[0]:
+        failures.append(f"status: native {native[0]}, traced {traced[0]}")
+    if application_lines(traced[1]) != native[1]:
+        failures.append(f"output: native {native[1][-500:]!r}, traced {traced[1][-500:]!r}")
+    if options.warns:
+        warnings = [line for line in traced[2].splitlines(keepends=True) if b" MORA warn " in line]
+        if len(warnings) != 1 or options.warns.encode() not in warnings[0]:
+            failures.append(f"{options.warns!r} is not the one warning: {warnings!r}")
+        others = [line for line in traced[2].splitlines(keepends=True) if line not in warnings]
+        traced = (*traced[:2], b"".join(others))
+    if traced[2] != native[2]:
+        failures.append(f"error output: native {native[2][-1000:]!r}, traced {traced[2][-1000:]!r}")
+    flop = threads = None
+    if result.exists():
+        region = json.loads(result.read_text(encoding="utf-8"))["regions"]["total"]
+        flop, threads = region["flop"], region["threads"]
+    else:
+        failures.append("the traced run has left no result file")
+    if flop != expected:
+        difference = flop - expected if flop is not None else None
+        failures.append(f"flop: expected {expected}, counted {flop}, difference {difference}")
+    if options.threads and threads != options.threads:
+        failures.append(f"threads: expected {options.threads}, counted {threads}")
+    if expected == 0:
+        failures.append("the program does no floating-point work: the comparison says nothing")
+    return failures, flop, threads
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--threads", type=int, default=0)
@@ -84,34 +118,7 @@ def main():
         result.unlink(missing_ok=True)
         traced = run(emulator + [str(tools / "ceilmeter"), "--phase=bintracer", "-o", str(result), "--"]
                      + options.command, folder, environment)
-        failures = []
-        if native[0] != 0:
-            failures.append(f"the program fails natively: status {native[0]}, {native[2][-1000:]!r}")
-        if traced[0] != native[0]:
-            failures.append(f"status: native {native[0]}, traced {traced[0]}")
-        if application_lines(traced[1]) != native[1]:
-            failures.append(f"output: native {native[1][-500:]!r}, traced {traced[1][-500:]!r}")
-        if options.warns:
-            warnings = [line for line in traced[2].splitlines(keepends=True) if b" MORA warn " in line]
-            if len(warnings) != 1 or options.warns.encode() not in warnings[0]:
-                failures.append(f"{options.warns!r} is not the one warning: {warnings!r}")
-            others = [line for line in traced[2].splitlines(keepends=True) if line not in warnings]
-            traced = (*traced[:2], b"".join(others))
-        if traced[2] != native[2]:
-            failures.append(f"error output: native {native[2][-1000:]!r}, traced {traced[2][-1000:]!r}")
-        flop = threads = None
-        if result.exists():
-            region = json.loads(result.read_text(encoding="utf-8"))["regions"]["total"]
-            flop, threads = region["flop"], region["threads"]
-        else:
-            failures.append("the traced run has left no result file")
-        if flop != expected:
-            difference = flop - expected if flop is not None else None
-            failures.append(f"flop: expected {expected}, counted {flop}, difference {difference}")
-        if options.threads and threads != options.threads:
-            failures.append(f"threads: expected {options.threads}, counted {threads}")
-        if expected == 0:
-            failures.append("the program does no floating-point work: the comparison says nothing")
+        failures, flop, threads = differences(options, expected, native, traced, result)
         print(f"{' '.join(options.command)}: flop {flop}, threads {threads}")
         for failure in failures:
             print(f"FAILED {failure}")

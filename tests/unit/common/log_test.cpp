@@ -1,6 +1,5 @@
-// The log's line, thresholds, destinations and file-name tokens. The log is process-wide state, so that each test sets
+// The log's line, thresholds and destinations. The log is process-wide state, so that each test sets
 // back what it moved.
-#include "common/file_pattern.h"
 #include "common/log.h"
 
 #include <fcntl.h>
@@ -8,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -22,6 +20,7 @@
 #include <vector>
 
 #include "../support/captured_log.h"
+#include "../support/child_status.h"
 #include "../support/scratch_folder.h"
 
 namespace ceilmeter {
@@ -29,6 +28,7 @@ namespace {
 
 using test::captured_descriptor;
 using test::captured_log;
+using test::status_of_child;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
@@ -39,9 +39,11 @@ constexpr engine_log log_of_engine{"src/bi/some_engine"};
 class log_test : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* name : {"PMIX_RANK", "OMPI_COMM_WORLD_RANK", "MORA_BI_LOG_LEVEL"}) unsetenv(name);
+    for (const char* name : {"PMIX_RANK", "OMPI_COMM_WORLD_RANK", "MORA_BI_LOG_LEVEL", "MORA_BI_LOG_MODULES"})
+      unsetenv(name);
   }
   void TearDown() override {
+    log_state::engine_levels_differ = false;
     mora_log_set_file("stderr");
     mora_log_set_append(0);
     log_state::log_level = LEVEL_WARN;
@@ -51,61 +53,17 @@ class log_test : public ::testing::Test {
   static option_entry entry_with(const char* argument) {
     return {0, "option", ARGUMENT_REQUIRED, 0, argument, nullptr, nullptr};
   }
-  static std::string expanded(const char* pattern, std::size_t size = 4096) {
-    std::vector<char> out(size + 1, '#');
-    mora_expand_file_pattern(pattern, out.data(), size);
-    EXPECT_EQ(out[size], '#') << "written beyond the buffer";
-    return out.data();
-  }
   static std::string content_of(const std::filesystem::path& path) {
     std::ifstream stream(path);
     std::ostringstream text;
     text << stream.rdbuf();
     return text.str();
   }
-  // Runs `body` in a child, where the environment and the log are its own; returns what the child exits with.
-  template <typename body_type>
-  static int status_of_child(const body_type& body) {
-    const pid_t pid = fork();
-    if (pid == 0) _exit(body());
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
 
   const test::scratch_folder folder;
 };
 
-// The next three come first: the rank is read once in a process, so that each case runs in a child, and the children
-// must be made before another test of this process has read it.
-TEST_F(log_test, rank_comes_from_the_launchers_variables_in_order) {
-  const auto rank_with = [](const std::vector<std::pair<const char*, const char*>>& variables) {
-    return status_of_child([&variables] {
-      clearenv();
-      for (const auto& [name, value] : variables) setenv(name, value, 1);
-      return std::atoi(expanded("%r").c_str());
-    });
-  };
-  EXPECT_EQ(rank_with({}), 0);
-  EXPECT_EQ(rank_with({{"SLURM_RANKS", "5"}}), 5);
-  EXPECT_EQ(rank_with({{"MY_RANK", "5"}, {"OMPI_COMM_WORLD_RANK", "4"}}), 4);
-  EXPECT_EQ(rank_with({{"OMPI_COMM_WORLD_RANK", "4"}, {"PMIX_RANK", "3"}}), 3);
-  EXPECT_EQ(rank_with({{"OTHER", "RANK=9"}}), 0) << "the name counts, not the value";
-  EXPECT_EQ(rank_with({{"PMIX_RANK", "12th"}}), 12);
-}
-
-TEST_F(log_test, rank_name_counts_in_its_first_256_bytes) {
-  const auto rank_of = [](std::size_t blanks) {
-    return status_of_child([blanks] {
-      clearenv();
-      setenv((std::string(blanks, 'x') + "RANK").c_str(), "6", 1);
-      return std::atoi(expanded("%r").c_str());
-    });
-  };
-  EXPECT_EQ(rank_of(252), 6);
-  EXPECT_EQ(rank_of(253), 0);
-}
-
+// Comes first: the rank is read once in a process.
 TEST_F(log_test, log_file_option_expands_its_argument) {
   EXPECT_EQ(status_of_child([] {
               setenv("PMIX_RANK", "3", 1);
@@ -256,6 +214,41 @@ TEST_F(log_test, engine_level_comes_from_the_environment_and_leaves_the_tools_le
   EXPECT_EQ(mora_log_init(), 1);
   EXPECT_EQ(log_state::engine_log_level, LEVEL_DEBUG);
   EXPECT_EQ(mora_log_get_level(), LEVEL_WARN);
+}
+
+TEST_F(log_test, a_source_of_the_engines_may_have_a_level_of_its_own) {
+  const captured_log captured;
+  setenv("MORA_BI_LOG_MODULES", "scanner=trace,dispatcher=none", 1);
+  mora_log_init();
+  constexpr engine_log scanner{"src/bi/scanner"};
+  constexpr engine_log dispatcher{"src/bi/dispatcher"};
+  scanner(LEVEL_TRACE, "written");
+  scanner(LEVEL_TRACE_DATA, "above its level");
+  dispatcher(LEVEL_WARN, "above its level");
+  log_of_engine(LEVEL_INFO, "above the level of the others");
+  log_of_engine(LEVEL_WARN, "written, too");
+  log(LEVEL_INFO, "the tool's level is none of the engine's");
+  EXPECT_THAT(captured.lines(), ElementsAre("trace written", "warn written, too"));
+}
+
+TEST_F(log_test, sources_without_a_level_of_their_own_follow_the_engines) {
+  const captured_log captured;
+  setenv("MORA_BI_LOG_LEVEL", "debug", 1);
+  setenv("MORA_BI_LOG_MODULES", "scanner=warn", 1);
+  mora_log_init();
+  log_of_engine(LEVEL_DEBUG, "written");
+  engine_log{"src/bi/scanner"}(LEVEL_INFO, "above its level");
+  EXPECT_THAT(captured.lines(), ElementsAre("debug written"));
+}
+
+TEST_F(log_test, a_part_of_the_sources_levels_that_is_not_understood_is_warned_of_and_the_others_hold) {
+  const captured_log captured;
+  setenv("MORA_BI_LOG_MODULES", "scanner,=trace,a=nonsense,traces=info", 1);
+  mora_log_init();
+  engine_log{"src/bi/traces"}(LEVEL_INFO, "written");
+  EXPECT_THAT(captured.lines(),
+              ElementsAre(HasSubstr("MORA_BI_LOG_MODULES variable: scanner,"), HasSubstr("variable: =trace,"),
+                          HasSubstr("variable: a=nonsense,"), "info written"));
 }
 
 TEST_F(log_test, standard_streams_are_chosen_in_any_case_without_a_file) {
@@ -412,39 +405,6 @@ TEST_F(log_test, command_line_is_joined_by_blanks_from_level_info_on) {
   mora_log_command_line(-1, nullptr);
   EXPECT_THAT(captured.lines(),
               ElementsAre("info command line: ceilmeter -o a file", "info command line: ", "info command line: "));
-}
-
-TEST_F(log_test, pattern_tokens_are_replaced) {
-  std::array<char, 129> host{};
-  ASSERT_EQ(gethostname(host.data(), 128), 0);
-  EXPECT_EQ(expanded("p%p.t%t.h%h"),
-            "p" + std::to_string(getpid()) + ".t" + std::to_string(gettid()) + ".h" + std::string(host.data()));
-  EXPECT_THAT(expanded("%T"), MatchesRegex("[0-9]+\\.[0-9][0-9][0-9][0-9][0-9][0-9]"));
-}
-
-TEST_F(log_test, thread_token_is_the_calling_threads) {
-  std::string in_thread;
-  std::string expected;
-  std::thread([&] {
-    in_thread = expanded("%t");
-    expected = std::to_string(gettid());
-  }).join();
-  EXPECT_EQ(in_thread, expected);
-  EXPECT_NE(in_thread, expanded("%t"));
-}
-
-TEST_F(log_test, percent_before_another_character_gives_that_character) {
-  EXPECT_EQ(expanded("100%%.%x%"), "100%.x");
-  EXPECT_EQ(expanded("%"), "");
-  EXPECT_EQ(expanded(""), "");
-}
-
-TEST_F(log_test, expansion_is_bounded_and_terminated) {
-  EXPECT_EQ(expanded("abcdef", 4), "abc");
-  EXPECT_EQ(expanded("abc", 4), "abc");
-  EXPECT_EQ(expanded("abcd", 4), "abc");
-  EXPECT_EQ(expanded("ab%p", 3), "ab");
-  EXPECT_EQ(expanded("x", 1), "");
 }
 
 TEST_F(log_test, lines_of_several_threads_do_not_mix) {

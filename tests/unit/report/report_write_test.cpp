@@ -60,20 +60,7 @@ constexpr const char* empty_file = R"({
 }
 )";
 
-TEST(write, of_an_empty_report_has_regions_bb_keys_and_threads) { EXPECT_EQ(written({}), empty_file); }
-
-TEST(write, prints_every_field_in_its_place) {
-  collector_report report;
-  region_metric region;
-  region.name = "solve";
-  region.flop = 999;  // The record's own field is not what is written.
-  region.threads = 3;
-  region.bbs.insert(0x400abc, {0x400abc, 0x400ac8, 0xabc, 0xac8, 4, 25, 2, "/usr/bin/solver"});
-  for (const char* name : {"l1_bytes", "time"}) region.metrics.insert(name, 7);
-  report.regions.push_back(region);
-  report.benchmarks.insert(4, {{"L1", 123, "B/s", false}, {"FP64 FMA", 456, "FLOP/s", true}});
-  report.threads = 4;
-  EXPECT_EQ(written(report), R"({
+constexpr const char* file_with_every_field = R"({
   "regions": {
     "solve": {
       "flop": 100,
@@ -136,7 +123,22 @@ TEST(write, prints_every_field_in_its_place) {
     ]
   }
 }
-)");
+)";
+
+TEST(write, of_an_empty_report_has_regions_bb_keys_and_threads) { EXPECT_EQ(written({}), empty_file); }
+
+TEST(write, prints_every_field_in_its_place) {
+  collector_report report;
+  region_metric region;
+  region.name = "solve";
+  region.flop = 999;  // The record's own field is not what is written.
+  region.threads = 3;
+  region.bbs.insert(0x400abc, {0x400abc, 0x400ac8, 0xabc, 0xac8, 4, 25, 2, "/usr/bin/solver"});
+  for (const char* name : {"l1_bytes", "time"}) region.metrics.insert(name, 7);
+  report.regions.push_back(region);
+  report.benchmarks.insert(4, {{"L1", 123, "B/s", false}, {"FP64 FMA", 456, "FLOP/s", true}});
+  report.threads = 4;
+  EXPECT_EQ(written(report), file_with_every_field);
 }
 
 TEST(write, replaces_a_longer_file_as_a_whole) {

@@ -12,12 +12,16 @@ namespace ceilmeter {
 namespace log_state {
 int log_level = LEVEL_WARN;
 int engine_log_level = LEVEL_WARN;
+bool engine_levels_differ = false;
+void (*before_engine_fatal)() = nullptr;
 }  // namespace log_state
 
 namespace {
 std::mutex lines_mutex;
 std::vector<test::logged_line> lines;
 }  // namespace
+
+bool mora_log_is_wanted(const char*, int) { return true; }
 
 int mora_log_get_level() { return log_state::log_level; }
 
