@@ -1,6 +1,6 @@
 /* A plug-in of the user-mode emulator that watches what a program executes between a load-exclusive and its
-   store-exclusive: instructions, loads, stores and cache maintenance. On a processor each of the last three may make the
-   store fail; the emulator forgives them. README.md tells the option and the form of the file.
+   store-exclusive: instructions, loads, stores and cache maintenance. On a processor each of the last three may make
+   the store fail; the emulator forgives them. README.md tells the option and the form of the file.
 
    A pair is known by the addresses of its two instructions. Each thread has at most one open; another load-exclusive,
    CLREX and a system call close it. Nothing is said about the store's success, which a plug-in cannot see. */

@@ -137,9 +137,7 @@ void tell_before_fatal() {
 
 }  // namespace
 
-void install_last_words() {
-  log_state::before_engine_fatal = tell_before_fatal;
-}
+void install_last_words() { log_state::before_engine_fatal = tell_before_fatal; }
 
 void log_fault(const thread_data* thread, const siginfo_t& info, const mcontext_t& context) {
   if (log_state::engine_log_level >= LEVEL_WARN) tell(tell_fault, thread, {&info, &context});

@@ -1,5 +1,5 @@
-// Atomics as the compiler makes them, by one thread or more: compare and swap of four widths, the minimum that stands on
-// it, and a lock that is taken by an exchange.
+// Atomics as the compiler makes them, by one thread or more: compare and swap of four widths, the minimum that stands
+// on it, and a lock that is taken by an exchange.
 //
 // compiled_atomics [THREADS [ROUNDS]]
 #include <pthread.h>
@@ -18,12 +18,12 @@ static uint64_t highest;
 static double guarded;
 static int locked;
 
-#define ADD_ONE(place)                                                                                                \
-  do {                                                                                                                \
-    __typeof__(place) seen = __atomic_load_n(&(place), __ATOMIC_RELAXED);                                             \
-    while (!__atomic_compare_exchange_n(&(place), &seen, (__typeof__(place))(seen + 1), false, __ATOMIC_ACQ_REL,      \
-                                        __ATOMIC_RELAXED)) {                                                          \
-    }                                                                                                                 \
+#define ADD_ONE(place)                                                                                           \
+  do {                                                                                                           \
+    __typeof__(place) seen = __atomic_load_n(&(place), __ATOMIC_RELAXED);                                        \
+    while (!__atomic_compare_exchange_n(&(place), &seen, (__typeof__(place))(seen + 1), false, __ATOMIC_ACQ_REL, \
+                                        __ATOMIC_RELAXED)) {                                                     \
+    }                                                                                                            \
   } while (0)
 
 static void raise_to(uint64_t value) {

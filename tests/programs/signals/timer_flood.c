@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -169,7 +170,32 @@ static void start_threads(void) {
   end_flood("it starts threads");
 }
 
+static char* program;
+
+// What is started under the flood has the mask that this program has.
+static void spawn_programs(void) {
+  start_flood(SA_RESTART);
+  for (int round = 0; round < 3 || atomic_load(&ticks) < ENOUGH; ++round) {
+    char* const arguments[] = {program, "mask", NULL};
+    pid_t child = 0;
+    CHECK(posix_spawn(&child, program, NULL, NULL, arguments, environ) == 0);
+    int status = -1;
+    CHECK(waitpid(child, &status, 0) == child);
+    CHECK(status == 0);
+  }
+  end_flood("what it starts has its mask");
+}
+
+static int check_mask(void) {
+  sigset_t blocked;
+  CHECK(sigprocmask(SIG_SETMASK, NULL, &blocked) == 0);
+  for (int number = 1; number < SIGRTMIN; ++number) CHECK(sigismember(&blocked, number) != 1);
+  return 0;
+}
+
 int main(int argc, char** argv) {
+  program = argv[0];
+  if (argc > 1 && strcmp(argv[1], "mask") == 0) return check_mask();
   guard_begin();
   if (argc > 1) period = atol(argv[1]);
   guard_round(1);
@@ -188,5 +214,7 @@ int main(int argc, char** argv) {
   hear_of_the_end(wait_for_a_signal, "it hears of its end as it waits");
   guard_round(8);
   start_threads();
+  guard_round(9);
+  spawn_programs();
   return 0;
 }
