@@ -1,7 +1,7 @@
 # ceilmeter_vm_test: a ctest that runs its command on a real arm64 kernel in a virtual machine (tools/vm/run). Paths in
 # COMMAND are the machine's: this build tree is /build, the source tree /src, both read-only.
 
-# ceilmeter_vm_test(NAME name [CPUS n] [MEMORY megabytes] [NUMA] [PARANOID n] [TIMEOUT seconds] [COST seconds]
+# ceilmeter_vm_test(NAME name [CPUS n] [MEMORY megabytes] [NUMA] [ZOO] [PARANOID n] [TIMEOUT seconds] [COST seconds]
 #   [BUSY_PROCESSORS n] [LABELS label...] COMMAND command [argument...])
 # registers aarch64.vm.<name>. The machine's own bound is TIMEOUT (default 300); ctest's lies beyond it, so that a hang
 # ends with the console's tail in the log.
@@ -11,7 +11,7 @@
 # COST is about how long it takes on an idle host. ctest starts the costly ones first, so that none is left to run alone
 # at the end.
 function(ceilmeter_vm_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA" "NAME;CPUS;CPU;MEMORY;PARANOID;TIMEOUT;COST;BUSY_PROCESSORS"
+  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA;ZOO" "NAME;CPUS;CPU;MEMORY;PARANOID;TIMEOUT;COST;BUSY_PROCESSORS"
     "LABELS;COMMAND")
   if(arg_UNPARSED_ARGUMENTS OR NOT arg_NAME OR NOT arg_COMMAND)
     message(FATAL_ERROR "ceilmeter_vm_test wants NAME and COMMAND, and knows no '${arg_UNPARSED_ARGUMENTS}'")
@@ -29,6 +29,9 @@ function(ceilmeter_vm_test)
   endforeach()
   if(arg_NUMA)
     list(APPEND options --numa)
+  endif()
+  if(arg_ZOO)
+    list(APPEND options --zoo)
   endif()
   set(test "aarch64.vm.${arg_NAME}")
   add_test(NAME "${test}" COMMAND "${PROJECT_SOURCE_DIR}/tools/vm/run" ${options} -- ${arg_COMMAND})

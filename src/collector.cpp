@@ -215,6 +215,10 @@ std::vector<perfmon_region> run_app_with_perfmon(const collector_config& config)
 void run_app_with_bintracer(collector_config& config, finish_function finish) {
   print_progress("Launch application to do binary instrumentation of " + config.application);
   give_up_rights();
+  if (const std::string rights = rights_lent_by(config.application); !rights.empty()) {
+    log(LEVEL_WARN, "%s has %s: under the tracer it runs with the rights of the caller alone",
+        config.application.c_str(), rights.c_str());
+  }
   hide_privileged_start(config.envp);
   config.tracer = std::make_unique<bintracer_t>(finish, config.mode);
   config.tracer->collect(config.argc, config.argv, config.envp);

@@ -6,7 +6,9 @@
 #include <linux/capability.h>
 #include <sys/auxv.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
@@ -94,6 +96,18 @@ void hide_privileged_start(char** envp) {
     if (entry->a_type == AT_EUID) entry->a_un.a_val = getuid();
     if (entry->a_type == AT_EGID) entry->a_un.a_val = getgid();
   }
+}
+
+std::string rights_lent_by(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return {};
+  if ((status.st_mode & S_ISUID) != 0 && status.st_uid != geteuid()) return "the set-user-ID bit";
+  // Without the right to execute for the group the bit has another meaning.
+  if ((status.st_mode & (S_ISGID | S_IXGRP)) == (S_ISGID | S_IXGRP) && status.st_gid != getegid()) {
+    return "the set-group-ID bit";
+  }
+  if (geteuid() != 0 && getxattr(path.c_str(), "security.capability", nullptr, 0) > 0) return "file capabilities";
+  return {};
 }
 
 }  // namespace ceilmeter

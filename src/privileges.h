@@ -2,6 +2,8 @@
 // These are for opening counters; the application, which is the caller's own code, must not get them.
 #pragma once
 
+#include <string>
+
 namespace ceilmeter {
 
 // Gives up all that the executable's file has lent, but for the rights to open counters (CAP_PERFMON, and
@@ -21,5 +23,9 @@ bool give_up_privileges();
 // reads a copy of it, and would leave out variables that it heeds natively. Call before the tracer, after
 // give_up_privileges.
 void hide_privileged_start(char** envp);
+
+// What the file of a program would lend it, in words; empty: nothing that the caller does not have. Under the tracer
+// the program runs in the tool's process, which the kernel has not given that.
+std::string rights_lent_by(const std::string& path);
 
 }  // namespace ceilmeter

@@ -211,6 +211,15 @@ struct thread_data {
   std::int32_t chain_next[BB_META_COUNT];
   std::uint64_t longest_fragment_pages;                // How far a fragment reaches beyond its first page at most.
   std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
+  // Other signals are blocked while one is held, and the mask that the application knows: see held_mask.h.
+  std::uint32_t others_held_back;
+  std::uint64_t application_mask;
+  // Progress under a flood of signals, see turns.h.
+  std::uint64_t handler_return;       // Where the last handler has returned to; 0: the application has gone on since.
+  std::uint32_t deliveries_in_place;  // How many signals in a row have found the application where the last left it.
+  std::uint32_t has_turn;             // One block runs, whatever is held.
+  std::uint32_t interrupter;          // The timer of the call in the turn, counted from 1; 0: none.
+  std::uint32_t interruptions;
 };
 
 // Process-wide state, each part under the lock that is named with it.

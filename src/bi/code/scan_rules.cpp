@@ -2,6 +2,9 @@
 // afterwards.
 #include "bi/code/scan_rules.h"
 
+#include <atomic>
+#include <iterator>
+
 #include "a64/classifier_rows.h"
 #include "bi/a64/a64.h"
 #include "bi/code/code_writer.h"
@@ -30,8 +33,7 @@ int following_words(std::uint32_t word) {
   return (is_set ? word >> 14 & 3 : stage) == 0 ? 2 : 0;
 }
 
-// LDR, LDRSW and PRFM of general registers. The register of the result serves as the base: its old value is lost
-// anyway.
+// LDR, LDRSW and PRFM of general registers.
 void put_general_load(const code_writer& code, std::uint32_t opc, std::uint32_t reg, x_register base) {
   switch (opc) {
     case 0: code.ldr_w(x_register{reg}, at(base)); break;
@@ -124,31 +126,45 @@ void rewrite_state_switch(scan_state& state) {
   code_writer{state.write}.word(state.word);
 }
 
-void rewrite_literal_load(scan_state& state) {
+std::uint32_t borrowed_by_literal_load(const std::uint32_t* source, std::uint32_t word) {
   constexpr std::uint32_t prefetch = 3;  // `opc` of PRFM, whose operation stands in the place of the register.
+  constexpr std::uint64_t page_mask = 0xfff;
+  std::uint32_t opc = 0;
+  std::uint32_t is_vector = 0;
+  std::uint32_t imm19 = 0;
+  std::uint32_t reg = 0;
+  a64_ldr_literal_decode(&word, &opc, &is_vector, &imm19, &reg);
+  // Number 31 as a base would be the stack pointer. The access of a load into xzr still happens.
+  if (is_vector != 0 || opc == prefetch || reg == xzr.number) return x0.number;
+  const bool in_one_page = ((address_of(source) ^ branch_target(source, imm19, 19)) & ~page_mask) == 0;
+  if (in_one_page) return NOTHING_BORROWED;
+  return reg == x0.number ? x1.number : x0.number;
+}
+
+void rewrite_literal_load(scan_state& state) {
   const code_writer code{state.write};
   std::uint32_t opc = 0;
   std::uint32_t is_vector = 0;
   std::uint32_t imm19 = 0;
   std::uint32_t reg = 0;
   a64_ldr_literal_decode(&state.word, &opc, &is_vector, &imm19, &reg);
-  const std::uint64_t target = branch_target(state.read, imm19, 19);
-  // Not with xzr: as a base number 31 would be the stack pointer. The access of a load into xzr still happens.
-  if (is_vector == 0 && opc != prefetch && reg != xzr.number) {
-    code.load_const(x_register{reg}, target);
-    put_general_load(code, opc, reg, x_register{reg});
-    return;
-  }
   if (is_vector != 0 && opc == 3) log(LEVEL_FATAL, "unallocated encoding");
-  lower_sp(state);
-  code.push(x0);
-  code.load_const(x0, target);
-  if (is_vector == 0) {
-    put_general_load(code, opc, reg, x0);
-  } else {
-    put_vector_load(code, opc, reg, x0);
+  const std::uint64_t target = branch_target(state.read, imm19, 19);
+  const std::uint32_t borrowed = borrowed_by_literal_load(state.read, state.word);
+  const bool borrows = borrowed != NOTHING_BORROWED;
+  const x_register base{borrows ? borrowed : reg};
+  if (borrows) {
+    lower_sp(state);
+    code.push(base);
   }
-  code.pop(x0);
+  code.load_const(base, target);
+  if (is_vector == 0) {
+    put_general_load(code, opc, reg, base);
+  } else {
+    put_vector_load(code, opc, reg, base);
+  }
+  if (!borrows) return;
+  code.pop(base);
   raise_sp(state);
 }
 
@@ -165,8 +181,38 @@ void rewrite_address(scan_state& state) {
   code_writer{state.write}.load_const(x_register{reg}, value);
 }
 
+namespace {
+
+struct unsupported_words {
+  std::uint32_t mask;
+  std::uint32_t value;
+  const char* what;
+};
+
+constexpr char SIGNED_WITH_PLACE[] =
+    "the application signs return addresses with their place in the code (FEAT_PAuth_LR), which is not supported: "
+    "build it without";
+
+constexpr unsupported_words unsupported[] = {
+    {0xfffffbff, 0xdac183fe, SIGNED_WITH_PLACE},  // pacnbiasppc, pacnbibsppc
+    {0xfffffbff, 0xdac1a3fe, SIGNED_WITH_PLACE},  // paciasppc, pacibsppc
+};
+
+// Before it goes wrong: one line for each kind.
+void warn_of_unsupported(std::uint32_t word) {
+  static std::atomic<bool> told[std::size(unsupported)];
+  for (std::size_t row = 0; row < std::size(unsupported); ++row) {
+    if ((word & unsupported[row].mask) != unsupported[row].value) continue;
+    // Relaxed: the flag guards nothing but the number of lines.
+    if (!told[row].exchange(true, std::memory_order_relaxed)) log(LEVEL_WARN, "%s", unsupported[row].what);
+  }
+}
+
+}  // namespace
+
 void copy_unknown(scan_state& state) {
   const code_writer code{state.write};
+  warn_of_unsupported(state.word);
   if (log_state::engine_log_level >= LEVEL_DEBUG) {
     log(LEVEL_DEBUG, "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s", A64_NOT_RECOGNISED, state.word,
         static_cast<const void*>(state.read), mnemonic_of(state.word));

@@ -27,6 +27,13 @@ void rewrite_state_switch(scan_state& state);
 void rewrite_literal_load(scan_state& state);
 void rewrite_address(scan_state& state);
 
+// The register that a rewritten literal load pushes and uses as its base, or NOTHING_BORROWED. A load into a general
+// register is rewritten with that one as the base, and its old value is gone when the load is made. So this is done
+// only where the literal lies in the page of the load itself, and the load cannot fault.
+inline constexpr std::uint32_t NOTHING_BORROWED = 32;
+// `word` is the load that stands at `source`.
+std::uint32_t borrowed_by_literal_load(const std::uint32_t* source, std::uint32_t word);
+
 // Copies a word that the decoder does not know, with the words that form one instruction with it.
 void copy_unknown(scan_state& state);
 

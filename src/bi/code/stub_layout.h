@@ -47,7 +47,10 @@
 /* Words of hot_counter_stub that init_thread fills with the load of the counters' address. */
 #define HOT_COUNTER_SLOTS 4
 
+#define KERNEL_MASK_SIZE 8 /* bytes of a signal mask */
+
 #define NR_CLONE 0xdc
 #define NR_TGKILL 0x83
+#define NR_RT_SIGPROCMASK 0x87
 #define NR_RT_TGSIGQUEUEINFO 0xf0
 #define NR_RT_SIGRETURN 0x8b

@@ -322,7 +322,7 @@ global_label syscall_leave
 //     x29, x30               0x00
 //     cache, source address  REENTRY_NEXT
 //     the application's sp, less 32; unused   REENTRY_APP_SP
-//     result area            REENTRY_RESULT: process id, thread id, signal number
+//     result area            REENTRY_RESULT: the call's first three arguments
 //   On the application's stack: x2, x3; x0, x1.
 global_label cache_reentry_stub
         stp     x2, x3, [sp, #-16]!
@@ -358,29 +358,28 @@ global_label reentry_branch
         bl      restore_int_regs
         ldp     x29, x30, [sp]
         cbz     x0, reentry_resume
-        // The kernel takes x0 to x2 as thread group, thread and signal.
+        // The signal is pending in the kernel already, and everything is blocked. The call puts the application's mask
+        // in force: x0 to x2 are the change, the mask and none to be read.
         ldr     x3, [sp, #REENTRY_APP_SP]
         ldp     x0, x1, [sp, #REENTRY_RESULT]
         ldr     x2, [sp, #(REENTRY_RESULT + 0x10)]
         mov     sp, x3
-        // x8 takes the place of x3 on the application's stack. What was sent with the signal lies behind the word that
-        // keeps the application's x3.
+        // x8 takes the place of x3 on the application's stack.
         ldr     x3, [sp, #8]
         str     x8, [sp, #8]
         ldr     x8, word_raised_signal
-        str     x3, [x8], #8
-        mov     x3, x8
-        mov     x8, #NR_RT_TGSIGQUEUEINFO
+        str     x3, [x8]
+        mov     x3, #KERNEL_MASK_SIZE
+        mov     x8, #NR_RT_SIGPROCMASK
 // With SVE a copy has a trap here. A system call gives up the vectors' upper parts and the predicates, which the
-// application needs. The signal dispatcher makes the call instead, and the kernel raises the signal where this call
-// would have raised it.
+// application needs. The signal dispatcher has the mask restored with the context instead, and the kernel raises the
+// signal where this call would have raised it.
 global_label reentry_raise
         svc     #0
 // The signal is raised here, with sp on the application's stack: x2, x8; x0, x1. The application's x3 is where
 // word_raised_signal says. The cache address and the source address are where the frame was on the engine's stack.
 global_label reentry_signal_point
-        // The signal was not raised: it has been blocked meanwhile and stays pending in the kernel. There may be
-        // others.
+        // The signal was not raised: its action is to ignore it meanwhile. There may be others.
         ldr     x8, word_raised_signal
         ldr     x3, [x8]
         ldr     x2, word_engine_stack

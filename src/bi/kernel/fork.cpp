@@ -13,6 +13,7 @@
 
 #include "bi/code/code_epoch.h"
 #include "bi/kernel/ending_threads.h"
+#include "bi/signals/held_mask.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/stub_layout.h"
 #include "bi/kernel/threads.h"
@@ -118,7 +119,7 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   make_spare_streams();
   // Block all signals: one that interrupted the call as it returns would bypass syscall_handler_post, and so
   // finish_fork.
-  thread->saved_signal_mask = block_all_signals();
+  thread->saved_signal_mask = block_for_clone(thread);
   // While this thread holds the engine's locks, nothing of the engine is half changed in the copy. A clone that has its
   // parent wait for a child with memory of its own does without them: to get to its end the child may need the parent's
   // other threads. Plug-ins hear of that child and of its code, so their lock alone is held: a thread of the parent
@@ -173,6 +174,7 @@ void reinit_after_fork(thread_data* thread) {
   thread->pending_signal_count = 0;
   forget_held_signals(thread->held);
   forget_visits(thread);
+  thread->has_turn = 0;
   free_other_threads(thread);
   engine.thread_list = thread;
   thread->next = nullptr;

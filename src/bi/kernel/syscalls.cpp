@@ -22,8 +22,10 @@
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/signals/application_stack.h"
 #include "bi/signals/signal_actions.h"
+#include "bi/signals/held_mask.h"
 #include "bi/signals/signal_frame.h"
 #include "bi/signals/signals.h"
+#include "bi/signals/turns.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
@@ -53,6 +55,7 @@ enum class call_action {
 void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
   // The kernel's frame lies at the application's stack pointer and begins with a siginfo.
   auto* context = reinterpret_cast<ucontext_t*>(args[SYSCALL_APP_SP / 8] + sizeof(siginfo_t));
+  note_handler_return(thread, context->uc_mcontext.pc);
   take_back_frame(thread, context);
   context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
   sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
@@ -220,6 +223,24 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   return 0;
 }
 
+namespace {
+
+// args[0] is the result.
+void finish_call(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread) {
+  restore_argument(thread, args, 1);
+  leave_syscall(thread);
+  if (!has_own_descriptors(thread)) {
+    args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
+  }
+  std::uint64_t result = args[0];
+  deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
+  thread->flush_seen = 0;
+  return_behind_drops(thread, args, next_inst);
+  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
+}
+
+}  // namespace
+
 extern "C" void syscall_clone(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread) {
   const bool is_thread = (args[0] & CLONE_THREAD) != 0;
   const std::int64_t result =
@@ -236,6 +257,13 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
   const auto judged = static_cast<std::uint64_t>(held) + 1;
   // These two cannot be made anew, since their arguments have been rewritten. Neither waits for a signal.
   if (number == SYS_rt_sigreturn || number == SYS_clone || !has_deliverable_signal(thread)) return judged;
+  if (thread->has_turn != 0 && number == SYS_rt_sigprocmask) {
+    // The kernel's mask is the wider one: the call is made here, on the application's.
+    args[0] = static_cast<std::uint64_t>(change_application_mask(thread, args));
+    finish_call(number, args, next_inst, thread);
+    return 0;
+  }
+  if (begin_call_in_turn(thread, number)) return judged;
   leave_syscall(thread);
   follow_code_epoch(thread);
   restore_argument(thread, args, 0);
@@ -254,16 +282,8 @@ extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, 
     log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
     finish_fork(thread, args);  // First: locks and signals are held back until then.
   }
-  restore_argument(thread, args, 1);
-  leave_syscall(thread);
-  if (!has_own_descriptors(thread)) {
-    args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
-  }
-  std::uint64_t result = args[0];
-  deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
-  thread->flush_seen = 0;
-  return_behind_drops(thread, args, next_inst);
-  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
+  end_interruption(thread);
+  finish_call(number, args, next_inst, thread);
 }
 
 }  // namespace ceilmeter

@@ -26,6 +26,7 @@
 #include "bi/kernel/robust_list.h"
 #include "bi/kernel/vfork.h"
 #include "bi/signals/application_stack.h"
+#include "bi/signals/held_mask.h"
 #include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
 #include "bi/code/stub_layout.h"
@@ -204,7 +205,7 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
 
   // Block all signals, because a pthread starts with the mask of its creator: a signal that reached the new thread
   // before it has a record would find none.
-  const std::uint64_t mask = block_all_signals();
+  const std::uint64_t mask = block_for_clone(thread);
   child->saved_signal_mask = mask;
   std::int64_t result = -start_pthread(child);
   if (result == 0) {

@@ -13,6 +13,7 @@
 #include "bi/kernel/standard_files.h"
 #include "bi/kernel/syscalls.h"
 #include "bi/kernel/threads.h"
+#include "bi/signals/held_mask.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_stack.h"
 
@@ -64,7 +65,7 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
   enter_call(child);  // Until it runs application code nobody waits for it.
   note_vfork_child(thread, child);
   // A signal that reached the child before it has a record would find its parent's.
-  child->saved_signal_mask = block_all_signals();
+  child->saved_signal_mask = block_for_clone(thread);
   // As around a call that is let through: the parent is in the kernel, for as long as the child likes. Release: pairs
   // with the acquire in mora_terminate.
   std::atomic_ref(thread->status).store(THREAD_IN_SYSCALL, std::memory_order_release);

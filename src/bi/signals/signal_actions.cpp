@@ -64,6 +64,7 @@ application_action engine_action(int signum, const application_action& wanted) {
   action.handler = address_of(reinterpret_cast<const void*>(signal_entry_stub));
   action.flags = (wanted.flags & ~REPLACED_FLAGS) | ENGINE_FLAGS;
   action.mask = EVERY_SIGNAL;
+  if (wanted.handler <= 1) action.flags |= SA_RESTART;  // SIGILL, see turns.h.
   return action;
 }
 
@@ -73,7 +74,8 @@ application_action told_action(int signum, application_action action) {
   if (action.handler <= 1) return action;
   const application_action& set = kept_action(signum);
   action.handler = application_handlers()[signum];
-  action.flags = (action.flags & ~REPLACED_FLAGS) | (set.flags & REPLACED_FLAGS);
+  const std::uint64_t replaced = REPLACED_FLAGS | (signum == SIGILL ? SA_RESTART : 0);
+  action.flags = (action.flags & ~replaced) | (set.flags & replaced);
   action.mask = set.mask & ~(signal_bit(SIGKILL) | signal_bit(SIGSTOP));
   return action;
 }
@@ -148,8 +150,8 @@ application_action take_application_action(int signum) {
 }
 
 void set_engine_action(int signum) {
-  const application_action action{address_of(reinterpret_cast<const void*>(signal_entry_stub)), ENGINE_FLAGS, 0,
-                                  EVERY_SIGNAL};
+  const application_action action{address_of(reinterpret_cast<const void*>(signal_entry_stub)),
+                                  ENGINE_FLAGS | SA_RESTART, 0, EVERY_SIGNAL};
   raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(&action), 0, KERNEL_SIGSET_SIZE);
 }
 

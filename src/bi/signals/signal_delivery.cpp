@@ -7,7 +7,10 @@
 #include <atomic>
 #include <csignal>
 
+#include "bi/signals/held_mask.h"
 #include "bi/signals/signals.h"
+#include "bi/signals/turns.h"
+#include "bi/kernel/threads.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/code_epoch.h"
 #include "bi/code/stub_layout.h"
@@ -17,18 +20,10 @@ namespace ceilmeter {
 
 namespace {
 
+// From the result area of deliver_pending_signal, in words, to the cache address that the thread is on its way to.
+constexpr std::ptrdiff_t REENTRY_CACHE_ADDRESS = (REENTRY_NEXT - REENTRY_RESULT) / 8;
+
 constexpr std::uint32_t SYNCHRONOUS_SIGNALS = 0x800009b0;
-
-constexpr std::uint64_t NR_RT_SIGPROCMASK = 135;
-
-// In the frame of cache_reentry_stub, counted in words from the result area.
-constexpr int CACHE_ADDRESS = (REENTRY_NEXT - REENTRY_RESULT) / 8;
-
-std::uint64_t blocked_signals() {
-  std::uint64_t mask = 0;
-  raw_syscall(NR_RT_SIGPROCMASK, SIG_BLOCK, 0, address_of(&mask), KERNEL_SIGSET_SIZE);
-  return mask;
-}
 
 // Only this thread counts down. A signal that comes in between counts up, so a positive value stays positive.
 void count_one_less(thread_data* thread, int signum) {
@@ -36,33 +31,43 @@ void count_one_less(thread_data* thread, int signum) {
   std::atomic_ref(thread->pending_signal_count).fetch_sub(1, std::memory_order_relaxed);
 }
 
-// The lowest counted signal that the thread does not block; -1: none.
-int find_pending_signal(thread_data* thread) {
-  const std::uint64_t mask = blocked_signals();
-  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
-    if ((mask & signal_bit(signum)) != 0) continue;
-    if (std::atomic_ref(thread->pending_signals[signum]).load(std::memory_order_relaxed) >= 1) return signum;
-  }
-  return -1;
+// Hands the signal to the kernel again, with what was sent with it.
+void queue_again(thread_data* thread, int signum) {
+  take_held_signal(thread->held, signum, getpid(), getuid());
+  count_one_less(thread, signum);
+  raise_in_kernel(thread);
 }
 
 // Gives counted signals that the thread blocks back to the kernel, where they stay pending. A call may wait for them
 // (sigsuspend, sigtimedwait, a signal descriptor), so the kernel has to know of them. They were counted before they
 // were blocked; the mask of another signal's handler blocks them.
 void give_back_blocked_signals(thread_data* thread) {
-  const std::uint64_t mask = blocked_signals();
+  const std::uint64_t mask = application_mask(thread);
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
     if ((mask & signal_bit(signum)) == 0) continue;
     // A blocked signal does not come again, so its counter stands still.
-    std::int32_t& counter = thread->pending_signals[signum];
-    for (; std::atomic_ref(counter).load(std::memory_order_relaxed) > 0; count_one_less(thread, signum)) {
-      raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
-                  static_cast<std::uint64_t>(signum));
+    while (std::atomic_ref(thread->pending_signals[signum]).load(std::memory_order_relaxed) > 0) {
+      queue_again(thread, signum);
     }
   }
 }
 
 }  // namespace
+
+void raise_in_kernel(const thread_data* thread) {
+  raw_syscall(NR_RT_TGSIGQUEUEINFO, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
+              static_cast<std::uint64_t>(thread->held.raised.si_signo), address_of(&thread->held.raised));
+}
+
+int find_deliverable_signal(const thread_data* thread) {
+  const std::uint64_t mask = application_mask(thread);
+  auto& counters = const_cast<thread_data*>(thread)->pending_signals;
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    if ((mask & signal_bit(signum)) != 0) continue;
+    if (std::atomic_ref(counters[signum]).load(std::memory_order_relaxed) >= 1) return signum;
+  }
+  return -1;
+}
 
 bool is_synchronous(int signum) { return signum < 32 && (SYNCHRONOUS_SIGNALS >> signum & 1) != 0; }
 
@@ -100,30 +105,42 @@ void block_handled_signals() {
 
 bool has_deliverable_signal(thread_data* thread) {
   if (is_process_ending(thread)) return true;
-  if (find_pending_signal(thread) >= 0) return true;
+  if (find_deliverable_signal(thread) >= 0) return true;
   if (std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed) != 0)
     give_back_blocked_signals(thread);
+  let_through(thread);
   return false;
 }
 
-extern "C" std::uint64_t deliver_pending_signal(std::uint64_t target, std::uint64_t* info) {
+// The signal becomes pending with everything blocked, and strikes as it is unblocked; with it may come others that the
+// kernel has held back. A trap does both where there is one. Else the signal becomes pending here, and the stub's call
+// unblocks it. SIGILL can be blocked in the second case alone.
+extern "C" std::uint64_t deliver_pending_signal(std::uint64_t source, std::uint64_t* info) {
   thread_data* thread = current_thread;
   if (is_process_ending(thread)) abandon_thread(thread);
   take_visits(thread);
-  // What the stub is about to go to may be gone. Its frame has the two words below the result area.
-  if (follow_code_epoch(thread)) info[CACHE_ADDRESS] = lookup_or_scan(thread, target);
+  // What the stub is about to go to may be gone. A turn is given to what the thread goes to now.
+  if (follow_code_epoch(thread)) info[REENTRY_CACHE_ADDRESS] = lookup_or_scan(thread, source);
   // Read the sum before the counters. If a signal comes in between, the stub then asks again.
   const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
-  const int signum = find_pending_signal(thread);
-  if (signum < 0) {
+  const int signum = find_deliverable_signal(thread);
+  if (signum < 0 || give_turn(thread, source, info[REENTRY_CACHE_ADDRESS])) {
+    if (signum < 0) let_through(thread);
     info[0] = static_cast<std::uint64_t>(judged);
     return 0;
   }
-  take_held_signal(thread->held, signum, getpid(), getuid());
-  info[0] = static_cast<std::uint64_t>(getpid());
-  info[1] = static_cast<std::uint64_t>(gettid());
-  info[2] = static_cast<std::uint64_t>(signum);
-  count_one_less(thread, signum);
+  hold_all_back(thread);
+  if (raises_by_trap(thread)) {
+    take_held_signal(thread->held, signum, getpid(), getuid());
+    count_one_less(thread, signum);
+  } else {
+    block_all_signals();
+    queue_again(thread, signum);
+  }
+  info[0] = SIG_SETMASK;
+  info[1] = address_of(&thread->application_mask);
+  info[2] = 0;
+  end_holding_back(thread);
   return 1;
 }
 

@@ -21,6 +21,12 @@ void count_visit(thread_data* thread);
 // dispatcher and cache_reentry_stub looks at.
 bool has_to_visit_engine(thread_data* thread);
 
+// Makes the signal that take_held_signal has chosen pending for this thread. All signals are blocked.
+void raise_in_kernel(const thread_data* thread);
+
+// The lowest counted signal that the application does not block; -1: none.
+int find_deliverable_signal(const thread_data* thread);
+
 // The signals that the application handles, but for faults, as a mask.
 std::uint64_t handled_signals();
 

@@ -11,12 +11,15 @@
 #include "bi/kernel/call_mask.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/scan_ahead.h"
+#include "bi/code/scan_rules.h"
 #include "bi/code/source_map.h"
 #include "bi/code/stubs.h"
 
 namespace ceilmeter {
 
 namespace {
+
+constexpr std::uint64_t TAG = std::uint64_t{0xff} << 56;
 
 constexpr std::uint64_t CONDITION_FLAGS = 0xf0000000;  // N, Z, C and V in PSTATE.
 
@@ -44,18 +47,42 @@ fpsimd_context* fpsimd_record(mcontext_t& context) {
   return nullptr;
 }
 
-// Whether a literal load is rewritten with x0 as its base and pushes x0 around the load. This is so for all loads,
-// except those into a general register other than xzr: there the register itself serves as the base.
-bool borrows_x0(const std::uint32_t* source) {
-  if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return false;
-  constexpr std::uint32_t zero_register = 31;
-  constexpr std::uint32_t prefetch = 3;
-  std::uint32_t opc = 0;
-  std::uint32_t is_vector = 0;
-  std::uint32_t imm19 = 0;
-  std::uint32_t reg = 0;
-  a64_ldr_literal_decode(source, &opc, &is_vector, &imm19, &reg);
-  return is_vector != 0 || opc == prefetch || reg == zero_register;
+// The register that the code of the source word has pushed when it makes its access, or NOTHING_BORROWED.
+std::uint32_t borrowed_register(const std::uint32_t* source) {
+  if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return NOTHING_BORROWED;
+  return borrowed_by_literal_load(source, *source);
+}
+
+// A stub's first push on the application's stack has faulted. What its caller has pushed before is taken back.
+bool leave_stub_entry(const thread_data* thread, mcontext_t& context) {
+  const auto* pushed = reinterpret_cast<const std::uint64_t*>(context.sp);
+  if (is_stub_point(thread, context.pc, dispatcher_entry_stub)) {
+    // The branch has been made: the application stands where it leads, and pc has no tag. An IC IVAU that the
+    // dispatcher has not heard of is made again.
+    const bool invalidates = thread->metas[context.regs[1]].exit_kind == EXIT_INVALIDATION;
+    context.pc = (context.regs[0] & ~TAG) - (invalidates ? sizeof(std::uint32_t) : 0);
+    context.regs[0] = pushed[0];
+    context.regs[1] = pushed[1];
+  } else if (is_stub_point(thread, context.pc, hot_counter_stub)) {
+    context.pc = source_of_cache_address(thread, context.regs[30] - sizeof(std::uint32_t));
+    context.regs[1] = pushed[0];
+    context.regs[30] = pushed[1];
+  } else if (is_stub_point(thread, context.pc, syscall_wrapper)) {
+    context.pc = context.regs[29] - sizeof(std::uint32_t);
+    context.regs[29] = pushed[0];
+    context.regs[30] = pushed[1];
+  } else {
+    return false;
+  }
+  context.sp += 16 + kept_below_sp(thread);
+  return true;
+}
+
+// Whether the lookup of a register branch has faulted at its second push, where it has changed no register yet.
+bool is_second_push_of_lookup(const thread_data* thread, std::uint64_t pc) {
+  const std::int32_t id = exit_owner(thread, pc);
+  if (id <= 0 || thread->metas[id].exit_kind != EXIT_REGISTER) return false;
+  return pc == address_of(thread->metas[id].exit_code_addr + 1);
 }
 
 }  // namespace
@@ -152,15 +179,18 @@ bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
   if (is_between(thread, context.pc, syscall_leave, cache_reentry_stub)) {
     context.sp = save_area(thread)[SYSCALL_APP_SP / 8];
   }
-  if (!is_in_code_range(thread, context.pc)) return false;
+  if (!is_in_code_range(thread, context.pc)) return leave_stub_entry(thread, context);
   const std::uint64_t source = source_of_cache_address(thread, context.pc);
   if (source == 0) return false;
   // The accesses of both rules are the only loads of this kind in their code; their pushes are of another.
   const bool loads = a64_decode(reinterpret_cast<const std::uint32_t*>(context.pc)) == A64_LDR_STR_UNSIGNED;
-  if (loads && (is_in_fault_block(thread, context.pc) || borrows_x0(reinterpret_cast<const std::uint32_t*>(source)))) {
-    context.regs[0] = *reinterpret_cast<const std::uint64_t*>(context.sp);
-    context.sp += 16 + (is_in_fault_block(thread, context.pc) ? 0 : kept_below_sp(thread));
+  const bool unreadable = is_in_fault_block(thread, context.pc);
+  const std::uint32_t borrowed = unreadable ? 0 : borrowed_register(reinterpret_cast<const std::uint32_t*>(source));
+  if (loads && borrowed != NOTHING_BORROWED) {
+    context.regs[borrowed] = *reinterpret_cast<const std::uint64_t*>(context.sp);
+    context.sp += 16 + (unreadable ? 0 : kept_below_sp(thread));
   }
+  if (is_second_push_of_lookup(thread, context.pc)) context.sp += 16;
   context.pc = source;
   return true;
 }

@@ -49,9 +49,9 @@ void find_mask_of_call(const thread_data* thread, const mcontext_t& context, std
 void undo_syscall(thread_data* thread, mcontext_t& context);
 
 // The thread has faulted in a fragment: the context becomes that of the source instruction, its program counter and all
-// registers that the rewritten code has borrowed. A literal load into a general register is an exception: the register
-// already holds the literal's address, since the load would have overwritten it. Returns false and changes nothing
-// where no source instruction stands behind the fault, as in a stub.
+// registers that the rewritten code has borrowed. A fault of the engine's own push on the application's stack, at its
+// end, belongs to the instruction that the push is made for, or to the one that a branch has led to. Returns false and
+// changes nothing where no source instruction stands behind the fault, as in a stub.
 bool restore_faulted_context(const thread_data* thread, mcontext_t& context);
 
 // Whether the thread stands in a block for a place that cannot be executed.

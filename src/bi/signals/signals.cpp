@@ -20,11 +20,13 @@
 #include "bi/code/drop_range.h"
 #include "bi/signals/ending_signals.h"
 #include "bi/signals/exit_trap.h"
+#include "bi/signals/held_mask.h"
 #include "bi/signals/last_words.h"
 #include "bi/signals/signal_actions.h"
 #include "bi/signals/signal_delivery.h"
 #include "bi/signals/signal_frame.h"
 #include "bi/signals/signal_place.h"
+#include "bi/signals/turns.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/syscalls.h"
 #include "bi/kernel/threads.h"
@@ -36,7 +38,6 @@ namespace {
 
 constexpr engine_log log{"src/bi/signals"};
 
-constexpr std::uint64_t NR_RT_SIGPROCMASK = 135;
 constexpr std::uint64_t PSTATE_BTYPE = 0xc00;
 
 // A signal that has arrived, and what the kernel has put on the signal stack for it.
@@ -53,12 +54,13 @@ struct arrival {
 // other.
 bool is_fault(int signum, const siginfo_t* info) { return is_synchronous(signum) && info->si_code > 0; }
 
-// Makes the call that the trap stands for. The signal is blocked here. The kernel delivers it when it restores the
-// context with its mask, at the word behind the trap.
-void raise_at_return(mcontext_t& context) {
+// In place of the call that the trap stands for. The kernel delivers the signal when it restores the context with the
+// application's mask, at the word behind the trap.
+void raise_at_return(const thread_data* thread, ucontext_t* ucontext) {
   block_all_signals();
-  raw_syscall(NR_RT_TGSIGQUEUEINFO, context.regs[0], context.regs[1], context.regs[2], context.regs[3]);
-  context.pc += sizeof(std::uint32_t);
+  raise_in_kernel(thread);
+  std::memcpy(&ucontext->uc_sigmask, &thread->application_mask, sizeof thread->application_mask);
+  ucontext->uc_mcontext.pc += sizeof(std::uint32_t);
 }
 
 void set_kernel_action(int signum, std::uint64_t handler) {
@@ -68,7 +70,7 @@ void set_kernel_action(int signum, std::uint64_t handler) {
 }
 
 // The process ends by the signal as soon as the kernel has taken the frame back: on the engine's stack, whose frames
-// nobody needs any more, and with the mask of the interrupted code, so that a second request to end is heard.
+// nobody needs any more, and with the application's mask, so that a second request to end is heard.
 void end_behind_frame(thread_data* thread, const arrival& signal, int signum) {
   mcontext_t& context = signal.context();
   context.regs[0] = address_of(thread);
@@ -77,7 +79,7 @@ void end_behind_frame(thread_data* thread, const arrival& signal, int signum) {
   context.sp = engine_stack(thread);
   context.pc = address_of(reinterpret_cast<const void*>(mora_terminate_by_signal));
   context.pstate &= ~PSTATE_BTYPE;  // Which branch was interrupted is no matter of the function's.
-  const std::uint64_t mask = signal.mask | signal_bit(signum);
+  const std::uint64_t mask = disclose_mask(thread, &signal.frame->ucontext, signal.mask) | signal_bit(signum);
   std::memcpy(&signal.frame->ucontext.uc_sigmask, &mask, sizeof mask);
 }
 
@@ -105,14 +107,15 @@ void handle_lack_of_stack(thread_data* thread, const arrival& signal) {
 }
 
 // The handler's blocks are ordinary ones, and so are those that it returns to: a signal writes below the stack pointer.
-void run_handler_of(thread_data* thread, const arrival& signal, const application_action& action) {
+void run_handler_of(thread_data* thread, arrival& signal, const application_action& action) {
   thread->untouched_sp = 0;
+  signal.mask = disclose_mask(thread, &signal.frame->ucontext, signal.mask);
   if (!enter_handler(thread, signal.frame, signal.end, action, signal.mask)) handle_lack_of_stack(thread, signal);
 }
 
-// A fault of the application's. Its handler finds the source instruction and goes on where it says. One case has no
-// source instruction: a fault of the engine's own pushes on the application's stack. The handler then finds pc 0.
-void handle_synchronous(thread_data* thread, const arrival& signal) {
+// A fault of the application's. Its handler finds the source instruction and goes on where it says. Without a source
+// instruction, which no code of the cache is without, the handler would find pc 0.
+void handle_synchronous(thread_data* thread, arrival& signal) {
   const application_action action = take_application_action(signal.signum());
   if (action.handler <= 1) {
     log_crash(thread, signal.frame->info, signal.context());
@@ -138,7 +141,7 @@ void handle_synchronous(thread_data* thread, const arrival& signal) {
 // The context is the application's, with a source address as its pc. If another thread has changed the action since the
 // signal arrived, there is no handler. The thread then goes on, and the kernel's default action follows once the signal
 // is unblocked.
-void run_handler(thread_data* thread, const arrival& signal) {
+void run_handler(thread_data* thread, arrival& signal) {
   const int signum = signal.signum();
   const application_action action = take_application_action(signum);
   if (action.handler > 1) return run_handler_of(thread, signal, action);
@@ -204,8 +207,17 @@ bool restore_application_context(thread_data* thread, mcontext_t& context, std::
   } else {
     undo_syscall(thread, context);
   }
+  end_interruption(thread);
   leave_syscall(thread);  // The handler is application code: the thread is not in its call any more.
   return true;
+}
+
+// The held signal's handler runs, and the application makes the call after it, as with SA_RESTART.
+void undo_call_in_turn(thread_data* thread, ucontext_t* ucontext) {
+  end_interruption(thread);
+  undo_syscall(thread, ucontext->uc_mcontext);
+  leave_syscall(thread);
+  context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
 }
 
 }  // namespace
@@ -219,6 +231,10 @@ void install_sigill_handler() {
 }
 
 void set_raise_trap(std::uint32_t* place) { a64_hvc(place, TRAP_RAISE); }
+
+bool raises_by_trap(const thread_data* thread) {
+  return a64_decode(reinterpret_cast<const std::uint32_t*>(thread->code_cache + stub_offset(reentry_raise))) == A64_HVC;
+}
 
 void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target) {
   mcontext_t& context = static_cast<ucontext_t*>(ucontext)->uc_mcontext;
@@ -243,18 +259,24 @@ void dispatch(thread_data* thread, arrival& signal) {
   const std::uint64_t pc = context.pc;
 
   if (is_process_ending(thread)) return lead_out(thread, signal, fault);
+  // First: the kernel may have merged it with an interruption.
   if (bool alone = false; signum == SIGILL && !fault && answer_visit(thread, signal.frame->info, &alone)) {
     trap_next_exit(thread, context);
     acknowledge_visit(thread);
     if (alone) return;
   }
-  if (fault && is_stub_point(thread, pc, reentry_raise)) return raise_at_return(context);
+  if (fault && is_stub_point(thread, pc, reentry_raise)) return raise_at_return(thread, ucontext);
+  if (is_interruption(thread, signum, &signal.frame->info)) {
+    if (interrupt_call(thread, ucontext)) undo_call_in_turn(thread, ucontext);
+    return;
+  }
   if (restore_application_context(thread, context, &signal.mask)) return run_handler(thread, signal);
   const std::uint64_t place = fragment_place(thread, context);
   if (is_in_code_range(thread, place)) {
     const std::int32_t id = exit_owner(thread, place);
     const bool in_exit = id >= 0 && place >= address_of(thread->metas[id].exit_code_addr);
     if (in_exit && fault && signum == SIGILL) return handle_trap(thread, ucontext, id);
+    if (!fault) note_progress(thread);
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
@@ -265,6 +287,7 @@ void dispatch(thread_data* thread, arrival& signal) {
     return set_kernel_action(signum, 0);
   }
   count_signal(thread, signal.frame->info);
+  if (signum != SIGILL) hold_others_back(thread, ucontext);
 }
 
 }  // namespace

@@ -25,6 +25,7 @@ void block_handled_signals();
 // Writes a trap in place of the call that raises a held signal, into a thread's copy of the stub text. The call is then
 // made in the trap's handler: a system call made by the stub itself would lose the application's SVE state.
 void set_raise_trap(std::uint32_t* place);
+bool raises_by_trap(const thread_data* thread);
 
 // Makes a context look like an exit that is about to enter the dispatcher with `target`.
 void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target);

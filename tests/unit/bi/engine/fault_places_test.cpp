@@ -16,6 +16,7 @@ namespace ceilmeter::test {
 SOURCE(loop_to_itself);
 SOURCE(copied_words);
 SOURCE(long_block);
+SOURCE(far_literal_x0);
 SOURCE(literal_q);
 SOURCE(literal_w5);
 
@@ -92,7 +93,18 @@ TEST_F(fault_places, a_literal_load_of_a_vector_gives_x0_and_sp_back) {
   EXPECT_EQ(context().sp, sp + 16);
 }
 
-TEST_F(fault_places, a_literal_load_of_a_general_register_has_borrowed_nothing) {
+TEST_F(fault_places, a_literal_load_of_a_general_register_in_another_page_gives_the_base_back) {
+  const std::int32_t id = scan_block(far_literal_x0);
+  constexpr std::uint32_t ldr_x0_x1 = 0xf9400020;
+  stack[64] = 0x7777;
+  const std::uint64_t sp = context().sp;
+  EXPECT_EQ(fault_at(find_word(id, ldr_x0_x1)), address_of(far_literal_x0));
+  EXPECT_EQ(context().regs[0], 0x100u);
+  EXPECT_EQ(context().regs[1], 0x7777u);
+  EXPECT_EQ(context().sp, sp + 16);
+}
+
+TEST_F(fault_places, a_literal_load_of_a_general_register_in_its_own_page_has_borrowed_nothing) {
   const std::int32_t id = scan_block(literal_w5);
   constexpr std::uint32_t ldr_w5_x5 = 0xb94000a5;  // ldr w5, [x5]
   const std::uint64_t sp = context().sp;

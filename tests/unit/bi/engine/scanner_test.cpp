@@ -17,6 +17,9 @@ SOURCE(branch_nv);
 SOURCE(cbnz_x0);
 SOURCE(cbz_w3);
 SOURCE(tbnz_bit_37);
+SOURCE(far_literal_w5);
+SOURCE(far_literal_x0);
+SOURCE(far_literals);
 SOURCE(literal_x0);
 SOURCE(literal_w5);
 SOURCE(literal_ldrsw);
@@ -185,6 +188,17 @@ TEST_F(scanned, a_literal_load_of_a_general_register_uses_it_as_base) {
   expect_words(body(literal_w5, false), joined({load_const(5, address_of(literals)), {ldr_w5_x5}}));
   constexpr std::uint32_t ldrsw_x5_x5 = 0xb98000a5;
   expect_words(body(literal_ldrsw, false), joined({load_const(5, address_of(literals)), {ldrsw_x5_x5}}));
+}
+
+TEST_F(scanned, a_literal_load_that_may_fault_leaves_its_register_alone_until_it_is_made) {
+  constexpr std::uint32_t push_x1 = 0xf81f0fe1;
+  constexpr std::uint32_t pop_x1 = 0xf84107e1;
+  constexpr std::uint32_t ldr_x0_x1 = 0xf9400020;
+  expect_words(body(far_literal_x0, false),
+               joined({{push_x1}, load_const(1, address_of(far_literals)), {ldr_x0_x1, pop_x1}}));
+  constexpr std::uint32_t ldr_w5_x0 = 0xb9400005;
+  expect_words(body(far_literal_w5, false),
+               joined({{PUSH_X0}, load_const(0, address_of(far_literals)), {ldr_w5_x0, POP_X0}}));
 }
 
 TEST_F(scanned, a_prefetch_and_vector_loads_spill_x0) {

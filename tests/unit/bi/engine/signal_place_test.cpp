@@ -24,9 +24,9 @@ class signal_place : public signals_fixture {
   }
   // The application's stack goes on where there is room for a signal's frame below.
   std::uint64_t* engine_syscall_frame() {
-    alignas(16) static std::uint64_t below[sizeof(made_frame) / 8 + 8];
+    alignas(16) static std::uint64_t application_words[sizeof(made_frame) / 8 + 8];
     std::uint64_t* frame = engine_frame(SYSCALL_FRAME_SIZE);
-    frame[(STUB_SIMD_REGS_SIZE + SYSCALL_APP_SP) / 8] = address_of(below + sizeof(made_frame) / 8);
+    frame[(STUB_SIMD_REGS_SIZE + SYSCALL_APP_SP) / 8] = address_of(application_words + sizeof(made_frame) / 8);
     return frame;
   }
 };

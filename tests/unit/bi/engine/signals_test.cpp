@@ -44,11 +44,13 @@ TEST_F(signals, one_in_a_linked_loop_ends_at_the_next_pass_through_the_exit_and_
   EXPECT_EQ(*exit, link);
   expect_at_dispatcher(address_of(loop_to_itself), sp);
 
-  std::uint64_t info[4] = {};
+  std::uint64_t area[REENTRY_SIZE / 8] = {};
+  std::uint64_t* const info = area + REENTRY_RESULT / 8;
   EXPECT_EQ(deliver_pending_signal(address_of(loop_to_itself), info), 1u);
-  EXPECT_EQ(info[0], static_cast<std::uint64_t>(getpid()));
-  EXPECT_EQ(info[1], static_cast<std::uint64_t>(gettid()));
-  EXPECT_EQ(info[2], static_cast<std::uint64_t>(SIGUSR1));
+  EXPECT_EQ(info[0], static_cast<std::uint64_t>(SIG_SETMASK));
+  EXPECT_EQ(info[1], address_of(&thread->application_mask));
+  EXPECT_EQ(info[2], 0u);
+  EXPECT_EQ(thread->held.raised.si_signo, SIGUSR1);
   EXPECT_EQ(thread->pending_signal_count, 0);
 
   // At the system call of cache_reentry_stub: the application's x2, x8, x0 and x1 on its stack, the target on the

@@ -86,6 +86,7 @@ source  prefixed_branch
         .inst   0x0420bc00      // movprfx z0, z0
         retab
 
+        .balign 256             // With its literals in one page.
 source  literal_x0
         ldr     x0, literals
         ret
@@ -112,6 +113,15 @@ source  literal_zero_register
         ret
 source  literals
         .quad   0x1122334455667788, 0x99aabbccddeeff00
+source  far_literal_x0
+        ldr     x0, far_literals
+        ret
+source  far_literal_w5
+        ldr     w5, far_literals
+        ret
+        .balign 4096
+source  far_literals
+        .quad   0x1122334455667788
 source  literal_unallocated
         .inst   0xdc000000
         ret

@@ -16,9 +16,11 @@
 #include "bi/code/code_cache.h"
 #include "bi/code/drop_range.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/signals/held_mask.h"
 #include "bi/signals/signal_delivery.h"
 #include "bi/signals/signal_stack.h"
 #include "bi/signals/signals.h"
+#include "bi/signals/turns.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
 
@@ -139,6 +141,12 @@ std::uint64_t hash_lookup_entry(const thread_data*, std::uint64_t) { return HASH
 
 void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
+// No signals are held back here, and no turns are given.
+std::uint64_t block_for_clone(thread_data*) { return block_all_signals(); }
+std::int64_t change_application_mask(thread_data*, const std::uint64_t*) { std::abort(); }
+void note_handler_return(thread_data*, std::uint64_t) {}
+bool begin_call_in_turn(thread_data*, std::uint64_t) { return false; }
+void end_interruption(thread_data*) {}
 bool has_to_visit_engine(thread_data*) { return false; }
 
 bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }

@@ -1,0 +1,115 @@
+// All of it runs on the thread itself. The timer's signal is SIGILL, which nobody ever blocks and which is the
+// engine's. Its action has SA_RESTART. So a call that the kernel would make again after a handler with SA_RESTART is
+// found at its SVC, and any other one has its EINTR already.
+#include "bi/signals/turns.h"
+
+#include <ucontext.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+#include "bi/code/code_cache.h"
+#include "bi/signals/exit_trap.h"
+#include "bi/signals/held_mask.h"
+#include "bi/signals/signal_delivery.h"
+#include "bi/signals/signal_place.h"
+#include "bi/signals/signals.h"
+#include "bi/code/stubs.h"
+
+namespace ceilmeter {
+
+namespace {
+
+// More than there are signals without a queue.
+constexpr std::uint32_t WITHOUT_A_TURN = 100;
+
+constexpr std::uint64_t NR_TIMER_CREATE = 107;
+constexpr std::uint64_t NR_TIMER_SETTIME = 110;
+constexpr std::uint64_t NR_TIMER_DELETE = 111;
+constexpr std::uint64_t NR_EXECVE = 221;
+constexpr std::uint64_t NR_EXECVEAT = 281;
+constexpr std::uint64_t NR_RT_SIGACTION = 134;
+
+constexpr long INTERRUPTION_NANOSECONDS = 1000000;
+
+bool restarts_calls(int signum) {
+  std::uint64_t action[4] = {};  // Handler, flags, restorer, mask.
+  raw_syscall(NR_RT_SIGACTION, static_cast<std::uint64_t>(signum), 0, address_of(action), KERNEL_SIGSET_SIZE);
+  return (action[1] & SA_RESTART) != 0;
+}
+
+}  // namespace
+
+void note_handler_return(thread_data* thread, std::uint64_t source) { thread->handler_return = source; }
+
+void note_progress(thread_data* thread) {
+  thread->handler_return = 0;
+  thread->deliveries_in_place = 0;
+}
+
+bool give_turn(thread_data* thread, std::uint64_t source, std::uint64_t entry) {
+  if (thread->has_turn != 0) {
+    thread->has_turn = 0;
+    return false;
+  }
+  if (thread->handler_return == 0 || thread->handler_return != source) {
+    thread->deliveries_in_place = 0;
+    return false;
+  }
+  thread->handler_return = 0;
+  if (thread->deliveries_in_place < WITHOUT_A_TURN) {
+    ++thread->deliveries_in_place;
+    return false;
+  }
+  if (!is_in_code_range(thread, entry)) return false;
+  const std::int32_t id = exit_owner(thread, entry);
+  if (id < 0) return false;
+  hold_all_back(thread);
+  trap_fragment_exit(thread, id, entry);
+  thread->has_turn = 1;
+  return true;
+}
+
+bool begin_call_in_turn(thread_data* thread, std::uint64_t number) {
+  // Another program would inherit the wider mask.
+  if (thread->has_turn == 0 || number == NR_EXECVE || number == NR_EXECVEAT) return false;
+  sigevent event{};
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = SIGILL;
+  event.sigev_value.sival_ptr = thread;
+  event._sigev_un._tid = thread->tid;
+  std::int32_t timer = 0;
+  if (raw_syscall(NR_TIMER_CREATE, CLOCK_MONOTONIC, address_of(&event), address_of(&timer)) != 0) return false;
+  const itimerspec often = {{0, INTERRUPTION_NANOSECONDS}, {0, INTERRUPTION_NANOSECONDS}};
+  thread->interrupter = static_cast<std::uint32_t>(timer) + 1;
+  thread->interruptions = 0;
+  raw_syscall(NR_TIMER_SETTIME, static_cast<std::uint64_t>(timer), 0, address_of(&often), 0);
+  return true;
+}
+
+void end_interruption(thread_data* thread) {
+  if (thread->interrupter == 0) return;
+  raw_syscall(NR_TIMER_DELETE, thread->interrupter - 1);
+  thread->interrupter = 0;
+}
+
+bool is_interruption(const thread_data* thread, int signum, const void* siginfo) {
+  const auto* info = static_cast<const siginfo_t*>(siginfo);
+  return signum == SIGILL && info->si_code == SI_TIMER && info->si_value.sival_ptr == thread;
+}
+
+bool interrupt_call(thread_data* thread, void* ucontext) {
+  mcontext_t& context = static_cast<ucontext_t*>(ucontext)->uc_mcontext;
+  const std::uint64_t behind = address_of(thread->code_cache) + stub_offset(syscall_return_point);
+  if (thread->interrupter == 0 || context.pc != behind - sizeof(std::uint32_t)) return false;
+  // The first one may have come before the call was made. By the second it has been.
+  if (++thread->interruptions < 2) return false;
+  const int signum = find_deliverable_signal(thread);
+  if (signum > 0 && restarts_calls(signum)) return true;
+  context.regs[0] = static_cast<std::uint64_t>(std::int64_t{-EINTR});
+  context.pc = behind;
+  return false;
+}
+
+}  // namespace ceilmeter

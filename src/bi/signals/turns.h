@@ -1,0 +1,38 @@
+// Progress under a flood of signals. A signal under the engine takes longer than natively. Where it takes longer than a
+// timer's period, the next one is there before the application has gone on by a single instruction, each time. So the
+// engine counts signals that are delivered at the very place that the last handler has returned to. From some number
+// on the application gets a turn between two of them: it runs one block, and makes the system call that stands in it.
+//
+// The number is higher than what programs collect while they block signals: those all arrive before the application
+// goes on, as natively.
+#pragma once
+
+#include <cstdint>
+
+#include "bi/mora.h"
+
+namespace ceilmeter {
+
+// A handler has returned to `source`.
+void note_handler_return(thread_data* thread, std::uint64_t source);
+
+// A signal has found the thread in the application's code.
+void note_progress(thread_data* thread);
+
+// A signal is about to be delivered before the application runs `source`, at the cache address `entry`. True if it has
+// to wait for the end of that block: its exit is trapped, and nothing else strikes before.
+bool give_turn(thread_data* thread, std::uint64_t source, std::uint64_t entry);
+
+// Whether the system call `number` is made in a turn, with signals held back. It may sleep, so a timer of the engine's
+// interrupts it over and over until end_interruption.
+bool begin_call_in_turn(thread_data* thread, std::uint64_t number);
+void end_interruption(thread_data* thread);
+
+// Whether a signal is of that timer.
+bool is_interruption(const thread_data* thread, int signum, const void* siginfo);
+
+// Such a signal has interrupted the call, and the kernel would make it again. True if it has to be undone, for a held
+// signal whose action has SA_RESTART. Otherwise the call has come back, with EINTR, or simply goes on.
+bool interrupt_call(thread_data* thread, void* ucontext);
+
+}  // namespace ceilmeter
