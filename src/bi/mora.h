@@ -198,7 +198,7 @@ struct thread_data {
   application_stack own_stack;       // The application's.
   application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
   std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
-  held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
+  held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
   // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
   std::uint64_t code_epoch;           // The epoch up to which this thread has dropped what others have dropped.
   std::uint64_t acknowledged_epoch;   // It begins no more blocks from before this one.

@@ -45,9 +45,7 @@ inline bool is_behind_code_epoch(const thread_data* thread) {
   // the drop.
   return std::atomic_ref(engine.code_epoch).load(std::memory_order_acquire) != thread->code_epoch;
 }
-inline bool follow_code_epoch(thread_data* thread) {
-  return is_behind_code_epoch(thread) && apply_code_epoch(thread);
-}
+inline bool follow_code_epoch(thread_data* thread) { return is_behind_code_epoch(thread) && apply_code_epoch(thread); }
 
 // Around the handling of a system call. In between the thread runs no application code and needs no signal.
 void enter_call(thread_data* thread);

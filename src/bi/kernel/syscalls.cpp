@@ -59,6 +59,7 @@ void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
   take_back_frame(thread, context);
   context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
   sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
+  return_to_mask(thread, context);
 }
 
 // The application closes descriptors by number, or puts its own in their places. The numbers may be those of the

@@ -18,6 +18,8 @@ namespace ceilmeter {
 
 namespace {
 
+constexpr std::uint64_t unblockable = signal_bit(SIGKILL) | signal_bit(SIGSTOP) | SIGILL_BIT;
+
 bool is_held_back(const thread_data* thread) {
   return std::atomic_ref(const_cast<thread_data*>(thread)->others_held_back).load(std::memory_order_relaxed) != 0;
 }
@@ -42,6 +44,14 @@ std::uint64_t mask_of(const ucontext_t* ucontext) {
 
 void set_mask(ucontext_t* ucontext, std::uint64_t mask) { std::memcpy(&ucontext->uc_sigmask, &mask, sizeof mask); }
 
+void hold_back(thread_data* thread, std::uint64_t signals) {
+  std::uint64_t before = 0;
+  raw_syscall(NR_RT_SIGPROCMASK, SIG_BLOCK, address_of(&signals), address_of(&before), KERNEL_SIGSET_SIZE);
+  if (is_held_back(thread)) return;
+  thread->application_mask = before;
+  set_held_back(thread, 1);
+}
+
 }  // namespace
 
 void hold_others_back(thread_data* thread, ucontext_t* ucontext) {
@@ -59,14 +69,9 @@ std::uint64_t application_mask(const thread_data* thread) {
   return is_held_back(thread) ? thread->application_mask : mask;
 }
 
-void hold_all_back(thread_data* thread) {
-  const std::uint64_t all = ~SIGILL_BIT;
-  std::uint64_t before = 0;
-  raw_syscall(NR_RT_SIGPROCMASK, SIG_SETMASK, address_of(&all), address_of(&before), KERNEL_SIGSET_SIZE);
-  if (is_held_back(thread)) return;
-  thread->application_mask = before;
-  set_held_back(thread, 1);
-}
+void hold_all_back(thread_data* thread) { hold_back(thread, ~SIGILL_BIT); }
+
+void hold_back_for_turn(thread_data* thread) { hold_back(thread, ~synchronous_signals()); }
 
 void end_holding_back(thread_data* thread) { set_held_back(thread, 0); }
 
@@ -92,8 +97,12 @@ std::uint64_t disclose_mask(thread_data* thread, ucontext_t* ucontext, std::uint
   return mask == wider ? thread->application_mask : mask;  // Else it is a call's own.
 }
 
+void return_to_mask(thread_data* thread, const ucontext_t* ucontext) {
+  block_all_signals();
+  if (is_held_back(thread)) thread->application_mask = mask_of(ucontext) & ~unblockable;
+}
+
 std::int64_t change_application_mask(thread_data* thread, const std::uint64_t* args) {
-  const std::uint64_t unblockable = signal_bit(SIGKILL) | signal_bit(SIGSTOP) | SIGILL_BIT;
   const std::uint64_t old = thread->application_mask;
   if (args[3] != KERNEL_SIGSET_SIZE) return -EINVAL;
   if (args[1] != 0) {

@@ -20,8 +20,12 @@ void hold_others_back(thread_data* thread, ucontext_t* ucontext);
 // The mask that the application has set. On the thread itself.
 std::uint64_t application_mask(const thread_data* thread);
 
-// Blocks everything but the engine's SIGILL, as if a signal had been counted just now.
+// Blocks everything but the engine's SIGILL, as if a signal had been counted just now. The application's code does not
+// run with that mask: a fault whose signal is blocked ends the process.
 void hold_all_back(thread_data* thread);
+
+// The same, for a piece of the application's code: the signals of faults stay as the application has them.
+void hold_back_for_turn(thread_data* thread);
 
 // The same mask stays, but the caller sees to it that the application's is put in force.
 void end_holding_back(thread_data* thread);
@@ -37,6 +41,11 @@ std::uint64_t block_for_clone(thread_data* thread);
 // frame has the application's mask. Gives the mask that is in force for the application, which is `mask` unless that is
 // the wider one.
 std::uint64_t disclose_mask(thread_data* thread, ucontext_t* ucontext, std::uint64_t mask);
+
+// A handler returns by rt_sigreturn: the kernel puts the mask of the frame with the context in force, and the application
+// knows that one from here on. Every signal is blocked until then. One that was counted in between would take the
+// handler's mask for the application's.
+void return_to_mask(thread_data* thread, const ucontext_t* ucontext);
 
 // rt_sigprocmask while others are held back: reads and changes the mask that the application knows. The result is the
 // kernel's.

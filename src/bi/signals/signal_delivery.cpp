@@ -69,6 +69,8 @@ int find_deliverable_signal(const thread_data* thread) {
   return -1;
 }
 
+std::uint64_t synchronous_signals() { return SYNCHRONOUS_SIGNALS >> 1; }  // As a mask signal n is bit n - 1.
+
 bool is_synchronous(int signum) { return signum < 32 && (SYNCHRONOUS_SIGNALS >> signum & 1) != 0; }
 
 void count_visit(thread_data* thread) {

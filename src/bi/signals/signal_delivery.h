@@ -9,7 +9,7 @@
 namespace ceilmeter {
 
 // A 64-bit mask as the kernel keeps it: signal n is bit n - 1.
-inline std::uint64_t signal_bit(int signum) { return std::uint64_t{1} << (signum - 1); }
+constexpr std::uint64_t signal_bit(int signum) { return std::uint64_t{1} << (signum - 1); }
 
 // Counts a signal, to be raised again on the thread's next way back into the cache. Called in the signal's handler.
 void count_signal(thread_data* thread, const siginfo_t& info);
@@ -32,5 +32,6 @@ std::uint64_t handled_signals();
 
 // Whether the kernel raises a signal for a fault of the running code: SIGILL, SIGTRAP, SIGBUS, SIGFPE, SIGSEGV, SIGSYS.
 bool is_synchronous(int signum);
+std::uint64_t synchronous_signals();
 
 }  // namespace ceilmeter

@@ -65,7 +65,7 @@ bool give_turn(thread_data* thread, std::uint64_t source, std::uint64_t entry) {
   if (!is_in_code_range(thread, entry)) return false;
   const std::int32_t id = exit_owner(thread, entry);
   if (id < 0) return false;
-  hold_all_back(thread);
+  hold_back_for_turn(thread);
   trap_fragment_exit(thread, id, entry);
   thread->has_turn = 1;
   return true;

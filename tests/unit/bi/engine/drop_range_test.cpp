@@ -56,6 +56,18 @@ TEST_F(dropped_ranges, a_block_whose_later_words_lie_in_the_range_goes_too) {
   EXPECT_TRUE(is_unscanned(id));
 }
 
+TEST_F(dropped_ranges, a_new_threads_block_goes_and_its_own_key_and_that_of_others_lead_where_they_led) {
+  thread->untouched_sp = 16;
+  const std::int32_t kept = scan_block(path_end);
+  thread->untouched_sp = 0;
+  const std::int32_t ordinary = scan_block(path_end);
+  EXPECT_TRUE(drop(path_end));
+  EXPECT_TRUE(is_unscanned(kept));
+  EXPECT_TRUE(is_unscanned(ordinary));
+  EXPECT_EQ(hash_lookup_entry(thread, address_of(path_end)), meta(ordinary).cache_entry);
+  EXPECT_EQ(hash_lookup_entry(thread, address_of(path_end) | 1), meta(kept).cache_entry);
+}
+
 TEST_F(dropped_ranges, a_range_of_many_pages_finds_its_blocks) {
   const std::int32_t id = scan_block(path_end);
   EXPECT_TRUE(drop_fragments(thread, address_of(path_end) - (std::uint64_t{1} << 32), address_of(path_end) + 4));

@@ -119,6 +119,38 @@ TEST_F(code_epoch, a_thread_that_runs_is_waited_for_until_it_acknowledges) {
   EXPECT_EQ(other->pending_signal_count, 0);
 }
 
+TEST_F(code_epoch, a_child_in_its_parents_memory_is_waited_for_though_its_parent_sleeps) {
+  thread_data* parent = nullptr;
+  allocate_thread_data(&parent);
+  enter_call(parent);
+  parent->vfork_child = other;
+  thread->next = parent;
+  drop(thread);
+  std::atomic<bool> settled{false};
+  std::thread waiting([&] {
+    settle_code_epoch(thread);
+    settled = true;
+  });
+  while (std::atomic_ref(other->visit_wanted).load() == 0) std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(settled);
+  EXPECT_EQ(parent->visit_wanted, 0u);
+  bool alone = false;
+  EXPECT_TRUE(answer_visit(other, visit(), &alone));
+  acknowledge_visit(other);
+  waiting.join();
+  EXPECT_TRUE(settled);
+  munmap(parent, sizeof(thread_data));
+}
+
+TEST_F(code_epoch, one_that_no_signal_reaches_is_not_waited_for) {
+  other->process = other->tid = 0x7fffffff;  // No process has this number.
+  drop(thread);
+  settle_code_epoch(thread);
+  EXPECT_EQ(other->visit_wanted, 0u);
+  EXPECT_EQ(engine.settled_code_epoch, engine.code_epoch);
+}
+
 TEST_F(code_epoch, what_is_settled_asks_nobody_again) {
   enter_call(other);
   drop(thread);

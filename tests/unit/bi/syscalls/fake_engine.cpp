@@ -143,6 +143,7 @@ void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
 // No signals are held back here, and no turns are given.
 std::uint64_t block_for_clone(thread_data*) { return block_all_signals(); }
+void return_to_mask(thread_data*, const ucontext_t*) {}
 std::int64_t change_application_mask(thread_data*, const std::uint64_t*) { std::abort(); }
 void note_handler_return(thread_data*, std::uint64_t) {}
 bool begin_call_in_turn(thread_data*, std::uint64_t) { return false; }
