@@ -86,6 +86,7 @@ RUNS = {
     ("tracer/ended", "raise", "15"): ["we're done; ending by signal: %d"],
     ("syscalls/exec_written_code",): ["mora: adding read permission to executable mapping at 0x%lx"],
     ("tracer/cache_flushes",): ["code cache full, flushing it"],
+    ("threads/below_stack",): ["a new thread's block, which is not linked; the next one: %d"],
 }
 
 # Why no run is made for a text.
@@ -109,6 +110,12 @@ WITHOUT_RUN = {
     "unknown trap code": UNIT_TEST,
     "synchronous signal outside the code cache": UNIT_TEST,
     "unhandled auxv entry type: %ld": UNIT_TEST,
+    "signal %d, SIG%s (code %d, address %p) at pc 0x%llx, %s": UNIT_TEST,
+    "thread %d: the newest fragment is %d, of source 0x%lx, %s": UNIT_TEST,
+    "%s %s": UNIT_TEST,  # The fragment behind such a signal.
+    "the records of the thread cannot be read any further": UNIT_TEST,
+    "the application enters streaming mode of the Scalable Matrix Extension (smstart at %p): it cannot be traced; "
+    "build it, or choose its libraries, without SME": UNIT_TEST,
     "unexpected return from elf_run": UNIT_TEST,
     "failed to add hash table entry for newly created stub basic block": OWN_DEFECT,
     "failed to add hash table entry for newly created basic block": OWN_DEFECT,
