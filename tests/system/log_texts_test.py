@@ -86,6 +86,8 @@ RUNS = {
     ("tracer/ended", "raise", "15"): ["we're done; ending by signal: %d"],
     ("syscalls/exec_written_code",): ["mora: adding read permission to executable mapping at 0x%lx"],
     ("tracer/cache_flushes",): ["code cache full, flushing it"],
+    ("hazards/flushed_code",): ["dropping block %d of 0x%lx", "dropping trace %d of 0x%lx"],
+    ("threads/below_stack",): ["a new thread's block, which is not linked; the next one: %d"],
 }
 
 # Why no run is made for a text.
@@ -107,8 +109,17 @@ WITHOUT_RUN = {
     "plugin %d added code for overridden instruction (%p)": UNIT_TEST,
     "plugin %d set replace_inst for a disallowed event (at %p)": UNIT_TEST,
     "unknown trap code": UNIT_TEST,
+    "more shared files are mapped than are kept": "a program would have to map a thousand files",
+    "the application signs return addresses with their place in the code (FEAT_PAuth_LR), which is not supported: "
+    "build it without": UNIT_TEST,
     "synchronous signal outside the code cache": UNIT_TEST,
     "unhandled auxv entry type: %ld": UNIT_TEST,
+    "signal %d, SIG%s (code %d, address %p) at pc 0x%llx, %s": UNIT_TEST,
+    "thread %d: the newest fragment is %d, of source 0x%lx, %s": UNIT_TEST,
+    "%s %s": UNIT_TEST,  # The fragment behind such a signal.
+    "the records of the thread cannot be read any further": UNIT_TEST,
+    "the application enters streaming mode of the Scalable Matrix Extension (smstart at %p): it cannot be traced; "
+    "build it, or choose its libraries, without SME": UNIT_TEST,
     "unexpected return from elf_run": UNIT_TEST,
     "failed to add hash table entry for newly created stub basic block": OWN_DEFECT,
     "failed to add hash table entry for newly created basic block": OWN_DEFECT,

@@ -29,8 +29,13 @@ struct source_window {
 // Before anything is asked or read of the word at `place`: who changes it afterwards finds the mark.
 void mark_before_load(source_window& window, const std::uint32_t* place);
 
-// The word at `place`, which lies at or behind window.first. All words up to it can be read.
-std::uint32_t word_at(source_window& window, const std::uint32_t* place);
+// The word at `place`, which lies at or behind window.first. All words up to it can be read. load_word does the work
+// for a word that is not there yet.
+std::uint32_t load_word(source_window& window, const std::uint32_t* place);
+inline std::uint32_t word_at(source_window& window, const std::uint32_t* place) {
+  const auto index = static_cast<std::size_t>(place - window.first);
+  return index < window.count ? window.kept[index] : load_word(window, place);
+}
 
 // Where the fragment at an address ends: at its branch, or before a word that cannot be part of it.
 struct fragment_end {

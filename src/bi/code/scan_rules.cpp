@@ -3,7 +3,6 @@
 #include "bi/code/scan_rules.h"
 
 #include <atomic>
-#include <iterator>
 
 #include "a64/classifier_rows.h"
 #include "bi/a64/a64.h"
@@ -183,36 +182,23 @@ void rewrite_address(scan_state& state) {
 
 namespace {
 
-struct unsupported_words {
-  std::uint32_t mask;
-  std::uint32_t value;
-  const char* what;
-};
-
-constexpr char SIGNED_WITH_PLACE[] =
-    "the application signs return addresses with their place in the code (FEAT_PAuth_LR), which is not supported: "
-    "build it without";
-
-constexpr unsupported_words unsupported[] = {
-    {0xfffffbff, 0xdac183fe, SIGNED_WITH_PLACE},  // pacnbiasppc, pacnbibsppc
-    {0xfffffbff, 0xdac1a3fe, SIGNED_WITH_PLACE},  // paciasppc, pacibsppc
-};
-
-// Before it goes wrong: one line for each kind.
-void warn_of_unsupported(std::uint32_t word) {
-  static std::atomic<bool> told[std::size(unsupported)];
-  for (std::size_t row = 0; row < std::size(unsupported); ++row) {
-    if ((word & unsupported[row].mask) != unsupported[row].value) continue;
-    // Relaxed: the flag guards nothing but the number of lines.
-    if (!told[row].exchange(true, std::memory_order_relaxed)) log(LEVEL_WARN, "%s", unsupported[row].what);
-  }
+// Once in the process, and before it goes wrong.
+void warn_of_signed_places(std::uint32_t word) {
+  const std::uint32_t any_key = word & ~std::uint32_t{0x400};
+  if (any_key != 0xdac183fe && any_key != 0xdac1a3fe) return;  // pacnbiasppc, pacnbibsppc; paciasppc, pacibsppc
+  static std::atomic<bool> told{false};
+  // Relaxed: the flag guards nothing but the number of lines.
+  if (told.exchange(true, std::memory_order_relaxed)) return;
+  log(LEVEL_WARN,
+      "the application signs return addresses with their place in the code (FEAT_PAuth_LR), which is not supported: "
+      "build it without");
 }
 
 }  // namespace
 
 void copy_unknown(scan_state& state) {
   const code_writer code{state.write};
-  warn_of_unsupported(state.word);
+  warn_of_signed_places(state.word);
   if (log_state::engine_log_level >= LEVEL_DEBUG) {
     log(LEVEL_DEBUG, "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s", A64_NOT_RECOGNISED, state.word,
         static_cast<const void*>(state.read), mnemonic_of(state.word));

@@ -51,12 +51,12 @@ TEST_F(last_words_death, a_fault_of_a_called_function_names_the_fragment_that_ha
 TEST_F(last_words_death, a_fault_that_no_fragment_has_called_names_the_newest_one) {
   const std::int32_t id = scan_block(loop_to_itself);
   EXPECT_DEATH(arrive(SIGBUS, &engine),
-               "at pc 0x.*the newest fragment is " + std::to_string(id) + ", .*MORA fatal synchronous");
+               "at pc 0x.*: the newest fragment is " + std::to_string(id) + ", .*MORA fatal synchronous");
 }
 
 TEST_F(last_words_death, a_fatal_line_is_preceded_by_the_newest_fragment) {
   const std::int32_t id = scan_block(one_ret);
-  EXPECT_DEATH(end_fatally(), "the newest fragment is " + std::to_string(id) +
+  EXPECT_DEATH(end_fatally(), ": the newest fragment is " + std::to_string(id) +
                                   ", of source 0x[0-9a-f]+, /.*/engine_test\\+0x.*" + "fragment " + std::to_string(id) +
                                   ": source .*MORA fatal the end\n");
 }
@@ -89,7 +89,7 @@ TEST_F(last_words_death, damaged_records_end_the_telling_and_the_fatal_line_foll
   const std::int32_t id = scan_block(one_ret);
   thread->metas[id].linked_from = reinterpret_cast<cc_link*>(8);
   EXPECT_EXIT(end_fatally(), testing::KilledBySignal(SIGABRT),
-              "the newest fragment is .*records of the thread cannot be read any further\n.*MORA fatal the end\n");
+              "the newest fragment is .*the records of the thread cannot be read any further\n.*MORA fatal the end\n");
 }
 
 TEST_F(last_words_death, damaged_records_end_the_telling_inside_a_handler_of_the_same_signal_too) {

@@ -1,7 +1,10 @@
 // The words that a translation takes: each is loaded once, and plug-ins see those that are translated. And the words
 // that begin a mode in which the engine cannot run.
+#include <gmock/gmock.h>
+
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 #include "bi/a64/a64.h"
 #include "bi/code/scan_ahead.h"
@@ -135,8 +138,24 @@ TEST_F(source_words_test, words_beyond_the_room_are_loaded_each_time) {
 
 TEST_F(source_words_test, the_start_of_streaming_mode_ends_the_process_with_a_line_that_says_so) {
   for (const std::uint32_t* word = source_streaming; word != source_not_streaming; ++word) {
-    EXPECT_DEATH(scanned(word), "streaming mode of the Scalable Matrix Extension");
+    EXPECT_DEATH(scanned(word), testing::HasSubstr("the application enters streaming mode of the Scalable Matrix "
+                                                   "Extension (smstart at "));
   }
+}
+
+TEST_F(source_words_test, signatures_of_return_addresses_with_their_place_are_copied_and_told_of_once) {
+  alignas(64) static const std::uint32_t signing[] = {0xdac1a3fe, 0xd65f03c0, 0xdac187fe, 0xd65f03c0};
+  testing::internal::CaptureStderr();
+  const words code = scanned(signing);
+  EXPECT_EQ(std::count(code.begin(), code.end(), signing[0]), 1);
+  scanned(signing + 2);
+  const std::string log = testing::internal::GetCapturedStderr();
+  const std::string line =
+      "the application signs return addresses with their place in the code (FEAT_PAuth_LR), which "
+      "is not supported: build it without";
+  const std::size_t first = log.find(line);
+  EXPECT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find(line, first + 1), std::string::npos) << "once";
 }
 
 TEST_F(source_words_test, other_switches_of_the_matrix_extension_are_copied) {
