@@ -42,9 +42,9 @@ std::uint64_t block_for_clone(thread_data* thread);
 // the wider one.
 std::uint64_t disclose_mask(thread_data* thread, ucontext_t* ucontext, std::uint64_t mask);
 
-// A handler returns by rt_sigreturn: the kernel puts the mask of the frame with the context in force, and the application
-// knows that one from here on. Every signal is blocked until then. One that was counted in between would take the
-// handler's mask for the application's.
+// A handler returns by rt_sigreturn: the kernel puts the mask of the frame with the context in force, and the
+// application knows that one from here on. Every signal is blocked until then. One that was counted in between would
+// take the handler's mask for the application's.
 void return_to_mask(thread_data* thread, const ucontext_t* ucontext);
 
 // rt_sigprocmask while others are held back: reads and changes the mask that the application knows. The result is the
