@@ -17,6 +17,7 @@
 #include "common/log.h"
 #include "finalizer.h"
 #include "interruption.h"
+#include "memory_reserve.h"
 #include "perfmon/perfmon.h"
 #include "perfmon/perfmon_utils.h"
 #include "perfmon/stale_counters.h"
@@ -220,6 +221,7 @@ void run_app_with_bintracer(collector_config& config, finish_function finish) {
         config.application.c_str(), rights.c_str());
   }
   hide_privileged_start(config.envp);
+  keep_memory_reserve();
   config.tracer = std::make_unique<bintracer_t>(finish, config.mode);
   config.tracer->collect(config.argc, config.argv, config.envp);
 }

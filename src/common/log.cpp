@@ -11,9 +11,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "common/file_pattern.h"
@@ -137,9 +139,21 @@ void read_module_levels() {
   log_state::engine_levels_differ = module_count != 0;
 }
 
-// A failed or short write is ignored: there is nowhere left to report it.
+// A failed or short write is ignored: there is nowhere left to report it. If nobody reads the log's pipe any more, the
+// kernel sends SIGPIPE to the writing thread. That would end a run for a line of its log, so the signal is taken back.
 void write_ignoring_result(int fd, const char* text, std::size_t length) {
-  [[maybe_unused]] const ssize_t written = ::write(fd, text, length);
+  sigset_t pipe_signal;
+  sigset_t pending;
+  sigset_t blocked;
+  sigemptyset(&pipe_signal);
+  sigaddset(&pipe_signal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe_signal, &blocked);
+  sigpending(&pending);
+  const bool is_the_applications = sigismember(&pending, SIGPIPE) == 1;
+  const ssize_t written = ::write(fd, text, length);
+  const timespec at_once{};
+  if (written < 0 && errno == EPIPE && !is_the_applications) sigtimedwait(&pipe_signal, nullptr, &at_once);
+  pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
 }
 
 // Moves a descriptor away from the small numbers. The application shares them: a script that opens its descriptor 3

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -106,6 +107,45 @@ TEST_F(log_test, engine_sources_follow_their_own_threshold) {
   log(LEVEL_WARN, "of the tool");
   log_of_engine(LEVEL_WARN, "of the engine");
   EXPECT_THAT(captured.lines(), ElementsAre("debug of the engine", "warn of the tool"));
+}
+
+// Writes a line into a pipe that nobody reads.
+void log_in_vain() {
+  std::array<int, 2> ends{};
+  if (pipe(ends.data()) != 0) std::abort();
+  close(ends[0]);
+  dup2(ends[1], STDERR_FILENO);
+  errno = EBADF;
+  log(LEVEL_WARN, "%s", "lost");
+}
+
+bool is_sigpipe_pending() {
+  sigset_t pending;
+  sigpending(&pending);
+  return sigismember(&pending, SIGPIPE) == 1;
+}
+
+TEST_F(log_test, a_pipe_without_a_reader_loses_the_line_and_not_the_run) {
+  EXPECT_EQ(status_of_child([] {
+              log_in_vain();
+              sigset_t blocked;
+              pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+              return errno == EBADF && !is_sigpipe_pending() && sigismember(&blocked, SIGPIPE) == 0 ? 7 : 1;
+            }),
+            7);
+}
+
+TEST_F(log_test, a_sigpipe_of_the_applications_stays_pending) {
+  EXPECT_EQ(status_of_child([] {
+              sigset_t pipe_signal;
+              sigemptyset(&pipe_signal);
+              sigaddset(&pipe_signal, SIGPIPE);
+              pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
+              raise(SIGPIPE);
+              log_in_vain();
+              return is_sigpipe_pending() ? 7 : 1;
+            }),
+            7);
 }
 
 TEST_F(log_test, long_message_is_cut_at_1024_bytes_ending_in_a_newline) {
