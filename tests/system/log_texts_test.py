@@ -78,7 +78,7 @@ RUNS = {
         "deferred scanning because of unknown instruction at: %p, type: %s",
         "trace fragment count limit, branch to: 0x%lx, written at: %p",
     ],
-    ("traces/bare_flush_while_built",): ["imap deleted: %lx %lx"],
+    ("traces/bare_flush_while_built",): ["dropping trace %d of 0x%lx"],
     ("flops/every_counted",): [
         "Copying it unmodified, but future problems are possible",
         "MORA: Unknown A64 instruction: %d (0x%x) at %p, %s",
@@ -86,7 +86,7 @@ RUNS = {
     ("tracer/ended", "raise", "15"): ["we're done; ending by signal: %d"],
     ("syscalls/exec_written_code",): ["mora: adding read permission to executable mapping at 0x%lx"],
     ("tracer/cache_flushes",): ["code cache full, flushing it"],
-    ("hazards/flushed_code",): ["dropping block %d of 0x%lx", "dropping trace %d of 0x%lx"],
+    ("hazards/flushed_code",): ["dropping block %d of 0x%lx", "imap deleted: %lx %lx"],
     ("threads/below_stack",): ["a new thread's block, which is not linked; the next one: %d"],
 }
 

@@ -64,7 +64,7 @@ application_action engine_action(int signum, const application_action& wanted) {
   action.handler = address_of(reinterpret_cast<const void*>(signal_entry_stub));
   action.flags = (wanted.flags & ~REPLACED_FLAGS) | ENGINE_FLAGS;
   action.mask = EVERY_SIGNAL;
-  if (wanted.handler <= 1) action.flags |= SA_RESTART;  // SIGILL, see turns.h.
+  if (signum == SIGILL && wanted.handler <= 1) action.flags |= SA_RESTART;  // See turns.h.
   return action;
 }
 

@@ -1,5 +1,5 @@
-// Paths during which the code cache is emptied, or something else comes between. For bare.S; each path_NAME(count) as
-// in paths.S, with the caller's stack for its own.
+// Paths during which code is dropped or the code cache emptied, or something else comes between. For bare.S; each
+// path_NAME(count) as in paths.S, with the caller's stack for its own.
         .text
 
         .macro  path name
@@ -19,26 +19,19 @@ path_\name:
         .equ    NR_GETPID, 172
         .equ    NR_GETPPID, 173
         .equ    NR_KILL, 129
-        .equ    NR_MUNMAP, 215
-        .equ    NR_MMAP, 222
+        .equ    NR_MPROTECT, 226
         .equ    SIGUSR1, 10
 
-// Every so many runs, from 240 to 275 of them, a page of code is unmapped, which empties the cache: at some time just
-// when the path's trace is made. The call stands in the trace's third fragment.
+// Every so many runs, from 240 to 275 of them, the page of the path is protected as it is, which drops what was made of
+// it: at some time just when the path's trace is made. The call stands in the trace's third fragment.
+        .balign 256                     // The path lies in one page.
 path flush_while_built
         mov     x20, x30
         mov     x19, #0
-        mov     x21, #240               // The runs up to the next unmapping.
-1:      mov     x0, #0
-        mov     x1, #4096
-        mov     x2, #5                  // PROT_READ | PROT_EXEC
-        mov     x3, #0x22               // MAP_PRIVATE | MAP_ANONYMOUS
-        mov     x4, #-1
-        mov     x5, #0
-        mov     x8, #NR_MMAP
-        svc     #0
-        mov     x23, x0
-        mov     x22, x21
+        mov     x21, #240               // The runs up to the next call.
+        adr     x23, 1f
+        and     x23, x23, #~0xfff
+1:      mov     x22, x21
 2:      step    1
         cbz     x22, 3f
         step    2
@@ -46,9 +39,10 @@ path flush_while_built
         step    3
         mov     x0, x23
         mov     x1, #4096
+        mov     x2, #5                  // PROT_READ | PROT_EXEC
         cmp     x22, #1
         mov     x8, #NR_GETPPID
-        mov     x9, #NR_MUNMAP
+        mov     x9, #NR_MPROTECT
         csel    x8, x9, x8, eq
         svc     #0
         cbz     x22, 3f
