@@ -68,7 +68,7 @@ static void load_nothing(void) {
 }
 
 int main(int argc, char** argv) {
-  const long period = argc > 1 ? atol(argv[1]) : 50;
+  const long period = argc > 1 ? atol(argv[1]) : 200;
   guard_begin();
   listen_to(SIGALRM, on_alarm);
   listen_to(SIGUSR1, on_other);
