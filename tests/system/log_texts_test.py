@@ -199,7 +199,7 @@ for run_words, run_texts in RUNS.items():
 # Warnings and last lines of the tool that no test tells by their words, and why.
 WITHOUT_TEST = {
     "incorrect log output": "nothing but a defect of the log's leads there",
-    "Cannot give up the rights that the tool's file lends": "the kernel would have to keep a process from giving up rights",
+    "Cannot give up the rights that the tool's file lends": "the kernel would have to refuse that",
     "by the cache sizes of this machine: %s": "what stands behind it is held by row_sizes_test",
     "%s": "the words are composed, and held where they are",
 }
