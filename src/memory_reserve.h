@@ -1,5 +1,5 @@
-// Room for the tracer's records in an application that has no memory left: it has lowered its limit (RLIMIT_AS), or used
-// it up. The application goes on where it natively would, and so its blocks are to be recorded.
+// Room for the tracer's records in an application that has no memory left: it has lowered its limit (RLIMIT_AS), or
+// used it up. The application goes on where it natively would, and so its blocks are to be recorded.
 #pragma once
 
 namespace ceilmeter {

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Every text that the engine logs, by a real run where one is possible; and every warning of the tool in the documents.
+"""Every text that the engine logs, by a real run where one is possible; and every warning of the tool in the tests and
+in the documents.
 
 log_texts_test.py SOURCE BUILD [EMULATOR WORD...]
 
@@ -197,6 +198,33 @@ def add_run(words, texts):
 
 for run_words, run_texts in RUNS.items():
     add_run(run_words, run_texts)
+
+
+# Warnings and last lines of the tool that no test tells by their words, and why.
+WITHOUT_TEST = {
+    "incorrect log output": "nothing but a defect of the log's leads there",
+    "Cannot give up the rights that the tool's file lends": "the kernel would have to refuse that",
+    "by the cache sizes of this machine: %s": "what stands behind it is held by row_sizes_test",
+    "%s": "the words are composed, and held where they are",
+}
+
+
+class tool_log_test(unittest.TestCase):
+    maxDiff = None
+
+    def test_every_warning_of_the_tool_stands_in_a_test(self):
+        folders = [(source / "tests").rglob(pattern) for pattern in ("*.cpp", "*.py", "*.h")]
+        tests = "".join(path.read_text(encoding="utf-8") for paths in folders for path in paths
+                        if path.name != os.path.basename(__file__))
+        tests = re.sub(r'"\s*\n\s*"', "", tests)
+        untold = set()
+        for level, text in texts_of("src/common", "src/perfmon", "src/benchmarks", "src/bintracer") | own_texts():
+            if level not in ("LEVEL_WARN", "LEVEL_FATAL"):
+                continue
+            words = [word.strip() for field in FIELD.split(text) for word in re.split("[:;(),]", field)]
+            if not any(len(word) >= 8 and word in tests for word in words):
+                untold.add(text)
+        self.assertEqual(sorted(untold), sorted(WITHOUT_TEST))
 
 
 # What no user can meet.
