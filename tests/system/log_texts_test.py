@@ -204,6 +204,8 @@ for run_words, run_texts in RUNS.items():
 WITHOUT_TEST = {
     "incorrect log output": "nothing but a defect of the log's leads there",
     "Cannot give up the rights that the tool's file lends": "the kernel would have to refuse that",
+    "%s has %s: under the tracer it runs with the rights of the caller alone": "what such a file lends is held by "
+                                                                               "privileges_test",
     "by the cache sizes of this machine: %s": "what stands behind it is held by row_sizes_test",
     "%s": "the words are composed, and held where they are",
 }
