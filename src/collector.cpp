@@ -185,8 +185,10 @@ collector_config::collector_config() = default;
 collector_config::~collector_config() = default;
 
 collector_config& process_config() {
-  static collector_config config;
-  return config;
+  // Never destroyed. A child that the application has forked under the tracer ends by exit as well, and would take the
+  // tracer apart, while a thread that the child does not have may hold the heap's lock for ever.
+  static auto* const config = new collector_config;
+  return *config;
 }
 
 std::uint64_t start_collect(collector_config& config, finish_function finish) {

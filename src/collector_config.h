@@ -47,7 +47,7 @@ struct collector_config {
   collector_config& operator=(const collector_config&) = delete;
 };
 
-// The record of this process, made at the first call; cleaned up when the process ends.
+// The record of this process, made at the first call and never destroyed.
 collector_config& process_config();
 
 }  // namespace ceilmeter

@@ -24,11 +24,9 @@ struct mapping_segment {
   std::string name;          // The file's path, empty if its descriptor had no name.
 };
 
+// Holds a lock, and so is neither copied nor moved.
 class mappings_t {
  public:
-  mappings_t() = default;
-  mappings_t(const mappings_t&) = delete;
-  mappings_t& operator=(const mappings_t&) = delete;
   ~mappings_t();
 
   // The path behind a descriptor, for mappings made of it later. Any thread.

@@ -150,42 +150,30 @@ mora_context* mora_add_plugin();
 // -3: there is no such event. -1: there is no such plug-in. -2: the plug-in already has a callback for the event.
 int mora_bind_event(mora_context* ctx, std::uint32_t event, mora_callback fn);
 
-inline int mora_on_pre_inst(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_PRE_INST, fn); }
-inline int mora_on_post_inst(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_POST_INST, fn); }
-inline int mora_on_pre_bb(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_PRE_BB, fn); }
-inline int mora_on_post_bb(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_POST_BB, fn); }
-inline int mora_on_pre_fragment(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_PRE_FRAGMENT, fn);
+// mora_on_X(ctx, fn) is mora_bind_event(ctx, MORA_X, fn).
+template <std::uint32_t event>
+int mora_bind(mora_context* ctx, mora_callback fn) {
+  return mora_bind_event(ctx, event, fn);
 }
-inline int mora_on_post_fragment(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_POST_FRAGMENT, fn);
-}
-inline int mora_on_pre_syscall(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_PRE_SYSCALL, fn);
-}
-inline int mora_on_post_syscall(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_POST_SYSCALL, fn);
-}
-inline int mora_on_thread_init(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_THREAD_INIT, fn);
-}
-inline int mora_on_thread_exit(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_THREAD_EXIT, fn);
-}
-inline int mora_on_pre_function(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_PRE_FUNCTION, fn);
-}
-inline int mora_on_post_function(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_POST_FUNCTION, fn);
-}
-inline int mora_on_exit(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_EXIT, fn); }
-inline int mora_on_vm_op(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_VM_OP, fn); }
-inline int mora_on_function_symbol(mora_context* ctx, mora_callback fn) {
-  return mora_bind_event(ctx, MORA_FUNCTION_SYMBOL, fn);
-}
-inline int mora_on_elf_load(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_ELF_LOAD, fn); }
-inline int mora_on_clone(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_CLONE, fn); }
-inline int mora_on_flush(mora_context* ctx, mora_callback fn) { return mora_bind_event(ctx, MORA_FLUSH, fn); }
+
+inline constexpr auto* mora_on_pre_inst = mora_bind<MORA_PRE_INST>;
+inline constexpr auto* mora_on_post_inst = mora_bind<MORA_POST_INST>;
+inline constexpr auto* mora_on_pre_bb = mora_bind<MORA_PRE_BB>;
+inline constexpr auto* mora_on_post_bb = mora_bind<MORA_POST_BB>;
+inline constexpr auto* mora_on_pre_fragment = mora_bind<MORA_PRE_FRAGMENT>;
+inline constexpr auto* mora_on_post_fragment = mora_bind<MORA_POST_FRAGMENT>;
+inline constexpr auto* mora_on_pre_syscall = mora_bind<MORA_PRE_SYSCALL>;
+inline constexpr auto* mora_on_post_syscall = mora_bind<MORA_POST_SYSCALL>;
+inline constexpr auto* mora_on_thread_init = mora_bind<MORA_THREAD_INIT>;
+inline constexpr auto* mora_on_thread_exit = mora_bind<MORA_THREAD_EXIT>;
+inline constexpr auto* mora_on_pre_function = mora_bind<MORA_PRE_FUNCTION>;
+inline constexpr auto* mora_on_post_function = mora_bind<MORA_POST_FUNCTION>;
+inline constexpr auto* mora_on_exit = mora_bind<MORA_EXIT>;
+inline constexpr auto* mora_on_vm_op = mora_bind<MORA_VM_OP>;
+inline constexpr auto* mora_on_function_symbol = mora_bind<MORA_FUNCTION_SYMBOL>;
+inline constexpr auto* mora_on_elf_load = mora_bind<MORA_ELF_LOAD>;
+inline constexpr auto* mora_on_clone = mora_bind<MORA_CLONE>;
+inline constexpr auto* mora_on_flush = mora_bind<MORA_FLUSH>;
 
 // A pointer of the plug-in's, one for all threads. -1 or null for a plug-in that is not registered.
 int mora_set_plugin_data(mora_context* ctx, void* data);

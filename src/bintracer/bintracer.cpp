@@ -56,7 +56,7 @@ bintracer_thread::~bintracer_thread() {
 
 bintracer_t::bintracer_t(exit_callback on_exit, std::uint32_t run_mode) : mode(run_mode) {
   log(LEVEL_INFO, "Launch bintracer_ctor");
-  register_callbacks(on_exit);
+  register_callbacks(*this, on_exit);
   watch_by_name("dummy_func_to_disable_roofline_events", {pre_dummy_func_cb, nullptr});
   if (mode == MODE_TOTAL) return;
   watch_by_name("start_perf_roofline_events", {pre_start_roofline_cb, nullptr});
@@ -103,6 +103,7 @@ bintracer_report bintracer_t::get_report() {
 }
 
 void bintracer_t::init_thread(bintracer_thread& thread) {
+  thread.tracer = this;
   // In region mode a thread counts nothing before it starts a region itself, even if its creator is in one.
   if (mode == MODE_TOTAL) thread.enable_basic_block_count = 1;
   thread.region = total_region_name;

@@ -4,8 +4,8 @@
 // the module files which of the counted blocks were floating-point work. Of code that the application has generated,
 // which is in no file, the instructions are kept.
 //
-// A region is a name that the application gives by start_perf_roofline_events, or "total". A process has one tracer. It
-// stands in the configuration record, where the callbacks find it.
+// A region is a name that the application gives by start_perf_roofline_events, or "total". A process has one tracer,
+// and the callbacks find it as their plug-in's data.
 #pragma once
 
 #include <atomic>
@@ -58,6 +58,8 @@ struct thread_info {
   std::vector<region_bbs> regions;
 };
 
+class bintracer_t;
+
 // A thread's data while it lives. It belongs to its thread alone. Only the thread's own code cache holds the addresses
 // of `enable_basic_block_count` and of the counters, so plain words are enough.
 struct bintracer_thread {
@@ -69,6 +71,7 @@ struct bintracer_thread {
   flat_table<std::uint64_t, bb_node*> bb_index;  // By start, the newest of those in bb_nodes.
   bb_record* current_bb = nullptr;               // The block under translation.
   thread_info* info = nullptr;
+  bintracer_t* tracer = nullptr;  // For the handlers of the region interface, which have no context.
 
   bintracer_thread() = default;
   bintracer_thread(const bintracer_thread&) = delete;

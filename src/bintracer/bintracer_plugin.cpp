@@ -35,7 +35,7 @@ constexpr std::uint64_t highest_mapped_address = ~std::uint64_t{0} - 100;
 bintracer_t::exit_callback run_at_exit = nullptr;
 pid_t tracer_process = 0;
 
-bintracer_t& tracer() { return *process_config().tracer; }
+bintracer_t& tracer_of(const mora_context* ctx) { return *static_cast<bintracer_t*>(mora_get_plugin_data(ctx)); }
 
 bintracer_thread& thread_of(const mora_context* ctx) {
   return *static_cast<bintracer_thread*>(mora_get_thread_data(ctx));
@@ -78,7 +78,7 @@ void keep_words(const mora_context* ctx, bb_record& block) {
   const std::uint32_t* words = mora_get_block_words(ctx);
   // So long a block that the engine has not kept it: what stands there now.
   if (words == nullptr) words = reinterpret_cast<const std::uint32_t*>(block.start);
-  block.code = tracer().keep_code(block.start, words, count);
+  block.code = tracer_of(ctx).keep_code(block.start, words, count);
 }
 
 // Whether a path as the kernel tells it is that of memory: of memfd_create, of a shared mapping without a file, of a
@@ -112,13 +112,13 @@ void emit_count_if_enabled(mora_context* ctx, const bb_record& record, const bin
 
 void start_roofline(const char* name, bintracer_thread* thread) {
   mora_enter_callback();
-  tracer().pre_start_roofline_handler(name, *thread);
+  thread->tracer->pre_start_roofline_handler(name, *thread);
   mora_leave_callback();
 }
 
 void stop_roofline(const char* name, bintracer_thread* thread) {
   mora_enter_callback();
-  tracer().pre_stop_roofline_handler(name, *thread);
+  thread->tracer->pre_stop_roofline_handler(name, *thread);
   mora_leave_callback();
 }
 
@@ -133,7 +133,7 @@ void emit_handler_call(mora_context* ctx, void (*handler)(const char*, bintracer
 }
 
 watch_callbacks watched_at(const mora_context* ctx) {
-  return tracer().find_watched_function(mora_get_source_addr(ctx));
+  return tracer_of(ctx).find_watched_function(mora_get_source_addr(ctx));
 }
 
 // Runs the function on a stack of its own, on this thread, and returns when the function does. The report needs more
@@ -159,13 +159,9 @@ void call_on_own_stack(void (*function)()) {
 
 int exit_cb(mora_context* ctx) {
   // A child that the application has forked ends through the engine as well. The result belongs to the process that was
-  // started: a child would overwrite it and print the closing lines into the application's output. The child's tracer
-  // is given up as it stands, because a thread that the child does not have may hold the heap's lock for ever.
-  if (getpid() != tracer_process) {
-    static_cast<void>(process_config().tracer.release());
-    return 0;
-  }
-  tracer().note_ending_signal(mora_get_ending_signal());
+  // started: a child would overwrite it and print the closing lines into the application's output.
+  if (getpid() != tracer_process) return 0;
+  tracer_of(ctx).note_ending_signal(mora_get_ending_signal());
   static std::uint64_t argument;
   argument = address_of(ctx);
   call_on_own_stack([] { run_at_exit(argument, 0); });
@@ -174,10 +170,11 @@ int exit_cb(mora_context* ctx) {
 
 }  // namespace
 
-void register_callbacks(bintracer_t::exit_callback on_exit) {
+void register_callbacks(bintracer_t& tracer, bintracer_t::exit_callback on_exit) {
   run_at_exit = on_exit;
   tracer_process = getpid();
   mora_context* plugin = mora_add_plugin();
+  mora_set_plugin_data(plugin, &tracer);
   function_watch_set_manual(1);
   mora_on_thread_init(plugin, thread_init_cb);
   mora_on_thread_exit(plugin, thread_exit_cb);
@@ -197,7 +194,7 @@ int thread_init_cb(mora_context* ctx) {
   if (mora_get_next_thread(ctx) == nullptr) mora_set_thread_data(ctx, new bintracer_thread);
   bintracer_thread& thread = thread_of(ctx);
   thread.tid = static_cast<std::uint32_t>(mora_get_thread_id(ctx));
-  tracer().init_thread(thread);
+  tracer_of(ctx).init_thread(thread);
   return 0;
 }
 
@@ -210,7 +207,7 @@ int clone_cb(mora_context* ctx) {
 
 int thread_exit_cb(mora_context* ctx) {
   bintracer_thread& thread = thread_of(ctx);
-  tracer().finish_thread(thread);
+  tracer_of(ctx).finish_thread(thread);
   delete &thread;
   return 0;
 }
@@ -221,13 +218,13 @@ int pre_bb_cb(mora_context* ctx) {
   log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
       start, static_cast<long>(thread.enable_basic_block_count));
   // A block that is translated anew, for instance after a flush of the code cache, keeps its counter.
-  const std::uint64_t segment = tracer().search_segment(start);
+  const std::uint64_t segment = tracer_of(ctx).search_segment(start);
   bb_node* const* newest = thread.bb_index.find(start);
   bb_record* known = newest != nullptr ? find_block(ctx, *newest, segment) : nullptr;
   thread.current_bb = known != nullptr ? known : add_block(thread, start, segment);
 
   mora_emit_save_regs(ctx, counter_registers);
-  if (tracer().get_mode() == MODE_TOTAL) {
+  if (tracer_of(ctx).get_mode() == MODE_TOTAL) {
     emit_count(ctx, *thread.current_bb);
   } else {
     emit_count_if_enabled(ctx, *thread.current_bb, thread);
@@ -258,7 +255,7 @@ int vm_op_cb(mora_context* ctx) {
     if (has_names) {
       std::string path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string();
       is_code_of_file = !is_memory(path);
-      tracer().register_fd_name(fd, std::move(path));
+      tracer_of(ctx).register_fd_name(fd, std::move(path));
     }
   }
   const std::uint64_t begin = mora_get_vm_addr(ctx);
@@ -267,9 +264,9 @@ int vm_op_cb(mora_context* ctx) {
   const std::uint64_t size = mora_get_vm_size(ctx);
   const std::uint64_t end = begin + size + (page - size % page) % page;
   if (is_code_of_file) {
-    tracer().register_mmap(begin, end, mora_get_vm_offset(ctx), prot, flags, fd);
+    tracer_of(ctx).register_mmap(begin, end, mora_get_vm_offset(ctx), prot, flags, fd);
   } else {
-    tracer().register_replaced(begin, end);
+    tracer_of(ctx).register_replaced(begin, end);
   }
   return 0;
 }
@@ -277,10 +274,10 @@ int vm_op_cb(mora_context* ctx) {
 int function_symbol_cb(mora_context* ctx) {
   const char* name = mora_get_symbol_name(ctx);
   if (std::strchr(name, '@') != nullptr) return 0;
-  const watch_callbacks* callbacks = tracer().find_named_callbacks(name);
+  const watch_callbacks* callbacks = tracer_of(ctx).find_named_callbacks(name);
   if (callbacks == nullptr) return 0;
   const std::uint64_t address = mora_get_symbol_address(ctx);
-  tracer().add_watched_function(address, *callbacks);
+  tracer_of(ctx).add_watched_function(address, *callbacks);
   function_watch_add(address);
   return 0;
 }

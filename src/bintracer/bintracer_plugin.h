@@ -1,7 +1,6 @@
 // The tracer's callbacks: what the engine calls while the application runs. Once per block and thread, at translation,
 // pre_bb_cb makes a record and writes a few instructions at the head of the block that add to its counter. Nothing else
-// happens per execution. The callbacks run on the application's threads and reach the one tracer through the
-// configuration record.
+// happens per execution. The callbacks run on the application's threads and find the one tracer as the plug-in's data.
 #pragma once
 
 #include "bi/plugin.h"
@@ -9,9 +8,9 @@
 
 namespace ceilmeter {
 
-// Adds the tracer's plug-in to the engine: all callbacks, the function watch in manual mode, and `on_exit` at the end.
-// Called by the constructor of bintracer_t, before the engine runs.
-void register_callbacks(bintracer_t::exit_callback on_exit);
+// Adds the tracer's plug-in to the engine: the tracer as its data, all callbacks, the function watch in manual mode,
+// and `on_exit` at the end. Called by the constructor of bintracer_t, before the engine runs.
+void register_callbacks(bintracer_t& tracer, bintracer_t::exit_callback on_exit);
 
 // What is done at the entry of the functions of the region interface. Each callback writes code into the entry block.
 // The code of the first one sets the application's flag that says that it runs under the tracer. The code of the others

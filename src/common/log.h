@@ -1,7 +1,7 @@
 // The one log of the process, shared by the tool's modules and the instrumentation engine. A line is built on the
 // caller's stack and leaves in a single write, so that any thread may log without a lock. There are two thresholds:
 // --log-level sets the one of the tool's sources, MORA_BI_LOG_LEVEL the one of the engine's; neither moves the other.
-// MORA_BI_LOG_MODULES gives single sources of the engine's a level of their own: "scanner=trace,dispatcher=debug".
+// MORA_BI_LOG_MODULES gives single units of the engine a level of their own: "scanner=trace,dispatcher=debug".
 //
 // A source file logs through a file-local object:
 //

@@ -26,6 +26,10 @@ json_status fail(json_document* document, const char* place, json_status status,
   return status;
 }
 
+json_status fail_at_end(json_document* document, const char* place) {
+  return fail(document, place, JSON_ERR_END, "Unexpected end of stream");
+}
+
 // The character classes of the C locale, whatever locale the process runs in.
 bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
@@ -174,18 +178,26 @@ json_status parse_member(json_document* document, json_token* child) {
   return parse_value(document, child);
 }
 
-// Parses one child at the cursor with `parse` and appends it. A child that fails is freed, and with it all that it
-// holds: only complete members stay.
-json_status parse_child(json_document* document, json_token* container,
+// Parses one child at *at with `parse`, appends it, and moves *at behind it and the white space that follows. A child
+// that fails is freed, and with it all that it holds: only complete members stay.
+json_status parse_child(json_document* document, json_token* container, const char** at,
                         json_status (*parse)(json_document*, json_token*)) {
+  document->cursor = *at;
   auto* child = static_cast<json_token*>(std::calloc(1, sizeof(json_token)));
-  if (child == nullptr) return fail(document, document->cursor, JSON_ERR_MEMORY, "No memory");
+  if (child == nullptr) return fail(document, *at, JSON_ERR_MEMORY, "No memory");
   const json_status status = parse(document, child);
   if (status != JSON_OK) {
     json_free(child);
     return status;
   }
   append_child(container, child);
+  *at = skip_space(document, document->cursor);
+  return JSON_OK;
+}
+
+// Moves the cursor behind the closing character at `at`.
+json_status end_container(json_document* document, const char* at) {
+  document->cursor = at + 1;
   return JSON_OK;
 }
 
@@ -195,21 +207,18 @@ json_status parse_object(json_document* document, json_token* object) {
   for (;;) {
     // Only an end of the text right behind the brace or a member's comma is reported as an end. Behind white space it
     // is reported like any other character that stands in the place of the quote. Arrays make no such difference.
-    if (*at == '\0') return fail(document, at, JSON_ERR_END, "Unexpected end of stream");
+    if (*at == '\0') return fail_at_end(document, at);
     at = skip_space_and_commas(document, at);
     if (*at == '}') break;
     if (*at != '"') return fail(document, at, JSON_ERR_OBJECT, "Expected ',' or '}' symbols");
-    document->cursor = at;
-    const json_status status = parse_child(document, object, parse_member);
+    const json_status status = parse_child(document, object, &at, parse_member);
     if (status != JSON_OK) return status;
-    at = skip_space(document, document->cursor);
-    if (*at == '\0') return fail(document, at, JSON_ERR_END, "Unexpected end of stream");
+    if (*at == '\0') return fail_at_end(document, at);
     if (*at == '}') break;
     if (*at != ',') return fail(document, at, JSON_ERR_OBJECT, "Expected ',' or '}' symbols");
     ++at;
   }
-  document->cursor = at + 1;
-  return JSON_OK;
+  return end_container(document, at);
 }
 
 json_status parse_array(json_document* document, json_token* array) {
@@ -217,19 +226,16 @@ json_status parse_array(json_document* document, json_token* array) {
   const char* at = document->cursor + 1;
   for (;;) {
     at = skip_space_and_commas(document, at);
-    if (*at == '\0') return fail(document, at, JSON_ERR_END, "Unexpected end of stream");
+    if (*at == '\0') return fail_at_end(document, at);
     if (*at == ']') break;
-    document->cursor = at;
-    const json_status status = parse_child(document, array, parse_value);
+    const json_status status = parse_child(document, array, &at, parse_value);
     if (status != JSON_OK) return status;
-    // Unlike in an object, an end of the text right behind a child is a fault of the array.
-    at = skip_space(document, document->cursor);
     if (*at == ']') break;
+    // Unlike in an object, an end of the text right behind a child is a fault of the array.
     if (*at != ',') return fail(document, at, JSON_ERR_ARRAY, "Expected ',' or ']' symbols");
     ++at;
   }
-  document->cursor = at + 1;
-  return JSON_OK;
+  return end_container(document, at);
 }
 
 json_status parse_value(json_document* document, json_token* token) {

@@ -15,30 +15,16 @@ namespace {
 // A JSON text that may stand inside of a <script> element, whatever it holds: no character of markup is left, and none
 // that ends a line in JavaScript.
 std::string json_text(std::string_view text) {
-  std::string json = "\"";
-  const std::string clean = clean_utf8(text);
-  for (std::size_t at = 0; at < clean.size(); ++at) {
-    const char c = clean[at];
-    switch (c) {
-      case '"': json += "\\\""; break;
-      case '\\': json += "\\\\"; break;
-      case '<': json += "\\u003c"; break;
-      case '>': json += "\\u003e"; break;
-      case '&': json += "\\u0026"; break;
-      case '\n': json += "\\n"; break;
-      case '\t': json += "\\t"; break;
-      case '\xE2':
-        if (clean.compare(at, 3, "\xE2\x80\xA8") == 0 || clean.compare(at, 3, "\xE2\x80\xA9") == 0) {
-          json += clean[at + 2] == '\xA8' ? "\\u2028" : "\\u2029";
-          at += 2;
-        } else {
-          json += c;
-        }
-        break;
-      default: json += c;
-    }
-  }
-  return json + "\"";
+  static constexpr std::array<escape_row, 9> rows = {{{"\"", "\\\""},
+                                                      {"\\", "\\\\"},
+                                                      {"<", "\\u003c"},
+                                                      {">", "\\u003e"},
+                                                      {"&", "\\u0026"},
+                                                      {"\n", "\\n"},
+                                                      {"\t", "\\t"},
+                                                      {"\xE2\x80\xA8", "\\u2028"},
+                                                      {"\xE2\x80\xA9", "\\u2029"}}};
+  return "\"" + escape(text, rows) + "\"";
 }
 
 template <typename List, typename Write>

@@ -1,6 +1,7 @@
 // Numbers come from std::to_chars, which knows no locale.
 #include "view/text.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -63,19 +64,28 @@ std::string clean_utf8(std::string_view bytes) {
   return clean;
 }
 
-std::string escape_xml(std::string_view text) {
+std::string escape(std::string_view text, std::span<const escape_row> rows) {
   std::string escaped;
-  for (const char c : clean_utf8(text)) {
-    switch (c) {
-      case '&': escaped += "&amp;"; break;
-      case '<': escaped += "&lt;"; break;
-      case '>': escaped += "&gt;"; break;
-      case '"': escaped += "&quot;"; break;
-      case '\'': escaped += "&#39;"; break;
-      default: escaped += c;
+  const std::string clean = clean_utf8(text);
+  for (std::string_view rest = clean; !rest.empty();) {
+    const auto row = std::find_if(rows.begin(), rows.end(), [rest](const escape_row& candidate) {
+      return candidate.sequence.front() == rest.front() && rest.starts_with(candidate.sequence);
+    });
+    if (row != rows.end()) {
+      escaped += row->replacement;
+      rest.remove_prefix(row->sequence.size());
+    } else {
+      escaped += rest.front();
+      rest.remove_prefix(1);
     }
   }
   return escaped;
+}
+
+std::string escape_xml(std::string_view text) {
+  static constexpr std::array<escape_row, 5> rows = {
+      {{"&", "&amp;"}, {"<", "&lt;"}, {">", "&gt;"}, {"\"", "&quot;"}, {"'", "&#39;"}}};
+  return escape(text, rows);
 }
 
 namespace {

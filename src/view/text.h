@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,15 @@ namespace ceilmeter::view {
 // Bytes that aren't UTF-8 become U+FFFD, one for each maximal part of a sequence; NUL and control characters other than
 // tab and newline too, since XML has no way to write them.
 std::string clean_utf8(std::string_view bytes);
+
+// What stands in an escaped text for one character or sequence of bytes.
+struct escape_row {
+  std::string_view sequence;  // Not empty.
+  std::string_view replacement;
+};
+
+// The text by clean_utf8, with each sequence of the rows replaced. The first row that fits is taken.
+std::string escape(std::string_view text, std::span<const escape_row> rows);
 
 // For XML and HTML, element text and quoted attributes: & < > " ' as references, the rest by clean_utf8.
 std::string escape_xml(std::string_view text);

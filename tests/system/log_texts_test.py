@@ -182,6 +182,29 @@ class engine_log_test(unittest.TestCase):
                 self.assertIn(words, tests)
 
 
+# Units of the engine's log that are not named as their source file, from the table in docs/engine.md.
+UNIT_ROW = re.compile(r"^\| ((?:`\w+`(?:, )?)+) \| `(\w+)` \|$", re.M)
+
+
+class log_unit_test(unittest.TestCase):
+    maxDiff = None
+
+    def test_each_source_of_the_engine_logs_by_its_own_name_or_by_that_of_the_table(self):
+        text = (source / "docs/engine.md").read_text(encoding="utf-8")
+        table = text[text.index("| Source | Unit of its lines |"):].split("\n\n")[0]
+        units = {name: unit for names, unit in UNIT_ROW.findall(table) for name in re.findall(r"\w+", names)}
+        self.assertTrue(units)
+        found, expected = {}, {}
+        for folder in ("src/bi", "src/elf"):
+            for path in (source / folder).rglob("*.cpp"):
+                name = re.search(r'engine_log log\{"([^"]*)"\}', path.read_text(encoding="utf-8"))
+                if name:
+                    found[path.stem] = name[1]
+                    expected[path.stem] = folder + "/" + units.get(path.stem, path.stem)
+        self.assertEqual(found, expected)
+        self.assertLessEqual(set(units), set(found))
+
+
 def add_run(words, texts):
     def test(self):
         process = subprocess.run([*emulator, os.path.join(programs, "mora_run"), os.path.join(programs, words[0]),

@@ -25,6 +25,8 @@
 // The flags that b.ne tests are set at the head of the pass: nothing in a body touches them. No BTI landing pads: the
 // property note is missing on purpose, and the linker then leaves the check off for the whole executable.
 
+#include "benchmarks/kernels/data_word.inc"
+
         .arch   armv8.2-a+fp16
 
         .text
@@ -38,16 +40,7 @@ flops_kernel_trampoline:
 
 // Opens a kernel: its data word, its address word, and the loop head at 1.
         .macro  begin_flops_kernel name, flops_per_iteration
-        .section .rodata
-        .p2align 3
-        .global \name\()_flops_per_iteration
-        .type   \name\()_flops_per_iteration, %object
-        .size   \name\()_flops_per_iteration, 8
-\name\()_flops_per_iteration:
-        .xword  \flops_per_iteration
-
-        .text
-        .p2align 6
+        data_word \name\()_flops_per_iteration, \flops_per_iteration
         .global \name
         .type   \name, %object
         .size   \name, 8

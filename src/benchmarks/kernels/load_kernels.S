@@ -21,20 +21,13 @@
 // Beside each kernel stands its data word, 64 bits in .rodata: the bytes that one pass touches. No BTI landing pads:
 // the property note is missing on purpose, and the linker then leaves the check off for the whole executable.
 
+#include "benchmarks/kernels/data_word.inc"
+
         .arch   armv8-a
 
 // Opens a kernel: its name, its data word, and the set-up in front of the loop head at 1.
         .macro  begin_load_kernel name, bytes
-        .section .rodata
-        .p2align 3
-        .global \name\()_bytes_per_iteration
-        .type   \name\()_bytes_per_iteration, %object
-        .size   \name\()_bytes_per_iteration, 8
-\name\()_bytes_per_iteration:
-        .xword  \bytes
-
-        .text
-        .p2align 6
+        data_word \name\()_bytes_per_iteration, \bytes
         .global \name
         .type   \name, %function
 \name:
@@ -55,16 +48,18 @@
         .size   \name, . - \name
         .endm
 
+// Four pair loads from offset \at of the pass on.
+        .macro  load_four_pairs at, a, b, c, d, e, f, g, h
+        ldp     \a, \b, [x12, #(\at)]
+        ldp     \c, \d, [x12, #(\at + 0x20)]
+        ldp     \e, \f, [x12, #(\at + 0x40)]
+        ldp     \g, \h, [x12, #(\at + 0x60)]
+        .endm
+
 // Eight pair loads. Overwrites v0-v7, v16-v23.
         begin_load_kernel cachebw_ldp_256, 256
-        ldp     q0, q1, [x12]
-        ldp     q2, q3, [x12, #0x20]
-        ldp     q4, q5, [x12, #0x40]
-        ldp     q6, q7, [x12, #0x60]
-        ldp     q23, q22, [x12, #0x80]
-        ldp     q21, q20, [x12, #0xa0]
-        ldp     q19, q18, [x12, #0xc0]
-        ldp     q17, q16, [x12, #0xe0]
+        load_four_pairs 0, q0, q1, q2, q3, q4, q5, q6, q7
+        load_four_pairs 0x80, q23, q22, q21, q20, q19, q18, q17, q16
         add     x12, x12, #0x100
         end_load_kernel cachebw_ldp_256
 
@@ -82,22 +77,10 @@
 
 // Sixteen pair loads. Overwrites v0-v31.
         begin_load_kernel cachebw_ldp_512, 512
-        ldp     q0, q1, [x12]
-        ldp     q2, q3, [x12, #0x20]
-        ldp     q4, q5, [x12, #0x40]
-        ldp     q6, q7, [x12, #0x60]
-        ldp     q8, q9, [x12, #0x80]
-        ldp     q10, q11, [x12, #0xa0]
-        ldp     q12, q13, [x12, #0xc0]
-        ldp     q14, q15, [x12, #0xe0]
-        ldp     q24, q25, [x12, #0x100]
-        ldp     q26, q27, [x12, #0x120]
-        ldp     q28, q29, [x12, #0x140]
-        ldp     q30, q31, [x12, #0x160]
-        ldp     q23, q22, [x12, #0x180]
-        ldp     q21, q20, [x12, #0x1a0]
-        ldp     q19, q18, [x12, #0x1c0]
-        ldp     q17, q16, [x12, #0x1e0]
+        load_four_pairs 0, q0, q1, q2, q3, q4, q5, q6, q7
+        load_four_pairs 0x80, q8, q9, q10, q11, q12, q13, q14, q15
+        load_four_pairs 0x100, q24, q25, q26, q27, q28, q29, q30, q31
+        load_four_pairs 0x180, q23, q22, q21, q20, q19, q18, q17, q16
         add     x12, x12, #0x200
         end_load_kernel cachebw_ldp_512
 
@@ -110,25 +93,23 @@
         add     x12, x12, #0x40
         end_load_kernel cachebw_ldr_64
 
+// A pair load from offset \at of the pass, and a store of its first register to the start of the pass.
+        .macro  load_and_store at, first, second
+        ldp     \first, \second, [x12, #(\at)]
+        str     \first, [x12]
+        .endm
+
 // Eight pair loads, each followed by a store of its first register to the start of the pass. The data word counts the
 // 256 bytes loaded and the 128 stored, the step is 256. Overwrites v0-v7, v16-v23 and the first 16 bytes of each pass.
         begin_load_kernel cachebw_ldp_str, 384
-        ldp     q0, q1, [x12]
-        str     q0, [x12]
-        ldp     q2, q3, [x12, #0x20]
-        str     q2, [x12]
-        ldp     q4, q5, [x12, #0x40]
-        str     q4, [x12]
-        ldp     q6, q7, [x12, #0x60]
-        str     q6, [x12]
-        ldp     q23, q22, [x12, #0x80]
-        str     q23, [x12]
-        ldp     q21, q20, [x12, #0xa0]
-        str     q21, [x12]
-        ldp     q19, q18, [x12, #0xc0]
-        str     q19, [x12]
-        ldp     q17, q16, [x12, #0xe0]
-        str     q17, [x12]
+        load_and_store 0, q0, q1
+        load_and_store 0x20, q2, q3
+        load_and_store 0x40, q4, q5
+        load_and_store 0x60, q6, q7
+        load_and_store 0x80, q23, q22
+        load_and_store 0xa0, q21, q20
+        load_and_store 0xc0, q19, q18
+        load_and_store 0xe0, q17, q16
         add     x12, x12, #0x100
         end_load_kernel cachebw_ldp_str
 

@@ -9,11 +9,7 @@
 
 namespace ceilmeter {
 
-// Register numbers. 31 is one or the other by the instruction and the operand's place.
-inline constexpr std::uint32_t X0 = 0;
-inline constexpr std::uint32_t X1 = 1;
-inline constexpr std::uint32_t X2 = 2;
-inline constexpr std::uint32_t LINK_REGISTER = 30;
+// Register number 31 is one or the other by the instruction and the operand's place.
 inline constexpr std::uint32_t SP = 31;
 inline constexpr std::uint32_t XZR = 31;
 

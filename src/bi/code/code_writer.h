@@ -259,15 +259,9 @@ struct code_writer {
   static constexpr std::uint32_t STP_SP_PRE_16 = 0xa9bf03e0;   // stp x0, x0, [sp, #-16]!
   static constexpr std::uint32_t LDP_SP_POST_16 = 0xa8c103e0;  // ldp x0, x0, [sp], #16
   // Fields of the load and store classes:
-  static constexpr std::uint32_t STORE = 0;
-  static constexpr std::uint32_t LOAD = 1;
-  static constexpr std::uint32_t LOAD_SIGNED = 2;  // Of 64 bits: PRFM.
-  static constexpr std::uint32_t LOAD_128 = 3;
-  static constexpr std::uint32_t SIZE_W = 2;
-  static constexpr std::uint32_t SIZE_X = 3;
-  static constexpr std::uint32_t PAIR_OF_X = 2;
-  static constexpr std::uint32_t UNSCALED = 0;
-  static constexpr std::uint32_t SIGNED_OFFSET = 2;
+  enum operation_field : std::uint32_t { STORE = 0, LOAD = 1, LOAD_SIGNED = 2, LOAD_128 = 3 };  // 2 of 64 bits: PRFM.
+  enum size_field : std::uint32_t { SIZE_W = 2, SIZE_X = 3, PAIR_OF_X = 2 };
+  enum mode_field : std::uint32_t { UNSCALED = 0, SIGNED_OFFSET = 2 };
 
   void put_unsigned(std::uint32_t size, std::uint32_t operation, std::uint32_t rt, offset_address place) const {
     a64_ldr_str_unsigned(cursor++, size, 0, operation, static_cast<std::uint32_t>(place.offset) >> size,

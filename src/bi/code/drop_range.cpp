@@ -24,7 +24,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/code_cache"};
+constexpr engine_log log{"src/bi/drop_range"};
 
 constexpr int PAGE_BITS = 12;
 constexpr std::int32_t CHAIN_END = -1;

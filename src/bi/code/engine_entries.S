@@ -5,13 +5,9 @@
 //
 // Each routine says which registers it takes, what it keeps and how its frame lies.
 #include "bi/code/stub_layout.h"
+#include "bi/code/stub_macros.inc"
 
         .text
-
-        .macro  global_label name
-        .globl  \name
-\name:
-        .endm
 
 // signal_entry_stub: the handler that the kernel calls for every signal that the engine or the application handles. On
 // the engine's signal stack, with every signal blocked.
@@ -39,11 +35,7 @@ global_label signal_entry_stub
 //   Frame, from sp up: x19, x20 0x00; x21, x22 0x10; ... x29, x30 0x50. Size 0x60.
 global_label thread_start_stub
         stp     x19, x20, [sp, #-0x60]!
-        stp     x21, x22, [sp, #0x10]
-        stp     x23, x24, [sp, #0x20]
-        stp     x25, x26, [sp, #0x30]
-        stp     x27, x28, [sp, #0x40]
-        stp     x29, x30, [sp, #0x50]
+        x_pairs stp, 19, "21, 22", "23, 24", "25, 26", "27, 28", "29, 30"
         mov     x1, sp
         sub     sp, sp, #SYSCALL_FRAME_SIZE
         b       thread_start
@@ -60,11 +52,7 @@ global_label leave_thread
         mov     x0, x1
         mov     x1, x2
         bl      settle_tid_words
-        ldp     x21, x22, [sp, #0x10]
-        ldp     x23, x24, [sp, #0x20]
-        ldp     x25, x26, [sp, #0x30]
-        ldp     x27, x28, [sp, #0x40]
-        ldp     x29, x30, [sp, #0x50]
+        x_pairs ldp, 19, "21, 22", "23, 24", "25, 26", "27, 28", "29, 30"
         ldp     x19, x20, [sp], #0x60
         mov     x0, #0
         ret
@@ -78,12 +66,7 @@ global_label leave_thread
 global_label start_in_cache
         mov     sp, x0
         add     x9, x0, #STUB_SIMD_REGS_SIZE
-        ldp     x19, x20, [x9, #SYSCALL_NZCV]
-        ldr     x21, [x9, #SYSCALL_FPSR]
-        ldp     x22, x23, [x9, #SYSCALL_X22]
-        ldp     x24, x25, [x9, #(SYSCALL_X22 + 0x10)]
-        ldp     x26, x27, [x9, #(SYSCALL_X22 + 0x20)]
-        ldr     x28, [x9, #(SYSCALL_X22 + 0x30)]
+        clone_state ld, x9
         msr     fpcr, x20
         msr     fpsr, x21
         br      x1

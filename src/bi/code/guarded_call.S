@@ -19,6 +19,8 @@
 // A signal that arrives meanwhile is only counted. The way back leads past cache_reentry_stub, straight into the
 // fragment, so the signal dispatcher traps the exit of that fragment. guarded_return_address tells it which fragment
 // that is. The word is 0 outside these stubs; inside it is 0 only where x30 itself is the address.
+#include "bi/code/stub_macros.inc"
+
         .text
         .balign 4
 
@@ -43,14 +45,9 @@
         mov     x10, sp
         mov     sp, x9
         stp     x1, x2, [sp, #-0xb0]!
-        stp     x3, x4, [sp, #0x10]
-        stp     x5, x6, [sp, #0x20]
+        x_pairs stp, 1, "3, 4", "5, 6"
         stp     x7, x10, [sp, #0x30]
-        stp     x11, x12, [sp, #0x40]
-        stp     x13, x14, [sp, #0x50]
-        stp     x15, x16, [sp, #0x60]
-        stp     x17, x18, [sp, #0x70]
-        stp     x19, x20, [sp, #0x80]
+        x_pairs stp, 3, "11, 12", "13, 14", "15, 16", "17, 18", "19, 20"
         str     x21, [sp, #0x90]
         stp     x29, x30, [sp, #0xa0]
         add     x29, sp, #0xa0
@@ -66,14 +63,9 @@
         msr     nzcv, x19
         ldp     x29, x30, [sp, #0xa0]
         ldr     x21, [sp, #0x90]
-        ldp     x19, x20, [sp, #0x80]
-        ldp     x17, x18, [sp, #0x70]
-        ldp     x15, x16, [sp, #0x60]
-        ldp     x13, x14, [sp, #0x50]
-        ldp     x11, x12, [sp, #0x40]
+        x_pairs ldp, 3, "19, 20", "17, 18", "15, 16", "13, 14", "11, 12"
         ldp     x7, x10, [sp, #0x30]
-        ldp     x5, x6, [sp, #0x20]
-        ldp     x3, x4, [sp, #0x10]
+        x_pairs ldp, 1, "5, 6", "3, 4"
         ldp     x1, x2, [sp]
         mov     sp, x10
         mrs     x9, tpidr_el0

@@ -16,7 +16,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/scanner"};
+constexpr engine_log log{"src/bi/scanner"};  // Not its own name: see the log's units in docs/engine.md.
 
 // How many of the words behind this one belong to the same instruction or sequence.
 int following_words(std::uint32_t word) {

@@ -15,7 +15,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/vm_ops"};
+constexpr engine_log log{"src/bi/shared_mappings"};
 
 struct shared_mapping {
   std::uint64_t start;

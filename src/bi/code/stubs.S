@@ -27,16 +27,12 @@
 // procedure-call standard. FPCR and FPSR stay as they are: the engine's code does not touch the rounding mode and
 // executes no floating-point arithmetic.
 #include "bi/code/stub_layout.h"
+#include "bi/code/stub_macros.inc"
 
         .text
         .balign 8
         .globl  stub_text
         .globl  stub_text_end
-
-        .macro  global_label name
-        .globl  \name
-\name:
-        .endm
 
 stub_text:
 
@@ -45,64 +41,24 @@ stub_text:
 //   +0x000 q0, q1 ... +0x1e0 q30, q31
 save_simd_regs:
         stp     q0, q1, [sp, #-STUB_SIMD_REGS_SIZE]!
-        stp     q2, q3, [sp, #0x20]
-        stp     q4, q5, [sp, #0x40]
-        stp     q6, q7, [sp, #0x60]
-        stp     q8, q9, [sp, #0x80]
-        stp     q10, q11, [sp, #0xa0]
-        stp     q12, q13, [sp, #0xc0]
-        stp     q14, q15, [sp, #0xe0]
-        stp     q16, q17, [sp, #0x100]
-        stp     q18, q19, [sp, #0x120]
-        stp     q20, q21, [sp, #0x140]
-        stp     q22, q23, [sp, #0x160]
-        stp     q24, q25, [sp, #0x180]
-        stp     q26, q27, [sp, #0x1a0]
-        stp     q28, q29, [sp, #0x1c0]
-        stp     q30, q31, [sp, #0x1e0]
+        q_pairs stp, "2, 3", "4, 5", "6, 7", "8, 9", "10, 11", "12, 13", "14, 15", "16, 17"
+        q_pairs stp, "18, 19", "20, 21", "22, 23", "24, 25", "26, 27", "28, 29", "30, 31"
         ret
 
 restore_simd_regs:
-        ldp     q30, q31, [sp, #0x1e0]
-        ldp     q28, q29, [sp, #0x1c0]
-        ldp     q26, q27, [sp, #0x1a0]
-        ldp     q24, q25, [sp, #0x180]
-        ldp     q22, q23, [sp, #0x160]
-        ldp     q20, q21, [sp, #0x140]
-        ldp     q18, q19, [sp, #0x120]
-        ldp     q16, q17, [sp, #0x100]
-        ldp     q14, q15, [sp, #0xe0]
-        ldp     q12, q13, [sp, #0xc0]
-        ldp     q10, q11, [sp, #0xa0]
-        ldp     q8, q9, [sp, #0x80]
-        ldp     q6, q7, [sp, #0x60]
-        ldp     q4, q5, [sp, #0x40]
-        ldp     q2, q3, [sp, #0x20]
+        q_pairs ldp, "30, 31", "28, 29", "26, 27", "24, 25", "22, 23", "20, 21", "18, 19"
+        q_pairs ldp, "16, 17", "14, 15", "12, 13", "10, 11", "8, 9", "6, 7", "4, 5", "2, 3"
         ldp     q0, q1, [sp], #STUB_SIMD_REGS_SIZE
         ret
 
 //   +0x00 x4, x5 ... +0x80 x20, x21
 save_int_regs:
         stp     x4, x5, [sp, #-STUB_INT_REGS_SIZE]!
-        stp     x6, x7, [sp, #0x10]
-        stp     x8, x9, [sp, #0x20]
-        stp     x10, x11, [sp, #0x30]
-        stp     x12, x13, [sp, #0x40]
-        stp     x14, x15, [sp, #0x50]
-        stp     x16, x17, [sp, #0x60]
-        stp     x18, x19, [sp, #0x70]
-        stp     x20, x21, [sp, #0x80]
+        x_pairs stp, 4, "6, 7", "8, 9", "10, 11", "12, 13", "14, 15", "16, 17", "18, 19", "20, 21"
         ret
 
 restore_int_regs:
-        ldp     x20, x21, [sp, #0x80]
-        ldp     x18, x19, [sp, #0x70]
-        ldp     x16, x17, [sp, #0x60]
-        ldp     x14, x15, [sp, #0x50]
-        ldp     x12, x13, [sp, #0x40]
-        ldp     x10, x11, [sp, #0x30]
-        ldp     x8, x9, [sp, #0x20]
-        ldp     x6, x7, [sp, #0x10]
+        x_pairs ldp, 4, "20, 21", "18, 19", "16, 17", "14, 15", "12, 13", "10, 11", "8, 9", "6, 7"
         ldp     x4, x5, [sp], #STUB_INT_REGS_SIZE
         ret
 
@@ -118,32 +74,18 @@ global_label save_vector_state
         b       save_simd_regs
         addvl   sp, sp, #-32
         addvl   sp, sp, #-3
-        .irp    n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        str     p\n, [sp, #\n, mul vl]
-        .endr
+        each_predicate str
         rdffr   p0.b
         str     p0, [sp, #16, mul vl]
-        .irp    n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        str     z\n, [sp, #(\n + 3), mul vl]
-        .endr
-        .irp    n, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31
-        str     z\n, [sp, #(\n + 3), mul vl]
-        .endr
+        each_vector str
         ret
 
 global_label restore_vector_state
         b       restore_simd_regs
         ldr     p0, [sp, #16, mul vl]
         wrffr   p0.b
-        .irp    n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        ldr     p\n, [sp, #\n, mul vl]
-        .endr
-        .irp    n, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15
-        ldr     z\n, [sp, #(\n + 3), mul vl]
-        .endr
-        .irp    n, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31
-        ldr     z\n, [sp, #(\n + 3), mul vl]
-        .endr
+        each_predicate ldr
+        each_vector ldr
         addvl   sp, sp, #31
         addvl   sp, sp, #4
         ret
@@ -411,12 +353,7 @@ global_label reentry_resume_branch
 // syscall_clone(number, args, next_inst, thread_data), which leaves the result in the save area.
 syscall_clone_in_engine:
         add     x1, sp, #STUB_SIMD_REGS_SIZE
-        stp     x19, x20, [x1, #SYSCALL_NZCV]
-        str     x21, [x1, #SYSCALL_FPSR]
-        stp     x22, x23, [x1, #SYSCALL_X22]
-        stp     x24, x25, [x1, #(SYSCALL_X22 + 0x10)]
-        stp     x26, x27, [x1, #(SYSCALL_X22 + 0x20)]
-        str     x28, [x1, #(SYSCALL_X22 + 0x30)]
+        clone_state st, x1
         ldr     x0, [x1, #SYSCALL_X8]
         ldr     x2, [x1, #SYSCALL_NEXT_SOURCE]
         ldr     x3, word_thread_data

@@ -16,7 +16,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/traces"};
+constexpr engine_log log{"src/bi/trace_check"};
 
 constexpr std::uint32_t HEAD_TRAP = 0xd4200000;  // brk #0
 constexpr std::int32_t ALWAYS_WHOLE = 64;        // Traces up to which the whole cache is looked through each time.

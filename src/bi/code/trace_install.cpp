@@ -36,7 +36,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/traces"};
+constexpr engine_log log{"src/bi/traces"};  // Not its own name: see the log's units in docs/engine.md.
 
 constexpr std::uint64_t TRAMPOLINE_ALIGNMENT = 16;
 constexpr int TRAMPOLINE_WORDS = 4;

@@ -8,7 +8,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/common"};  // The containers log as one unit.
+constexpr engine_log log{"src/bi/common"};  // Not its own name: see the log's units in docs/engine.md.
 
 }  // namespace
 

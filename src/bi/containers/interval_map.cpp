@@ -14,7 +14,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/common"};  // The containers log as one unit.
+constexpr engine_log log{"src/bi/common"};  // Not its own name: see the log's units in docs/engine.md.
 
 // A dead entry passes this test too, if the range encloses both its ends. The range then counts and swallows it.
 bool overlaps(const interval_entry& entry, std::uint64_t start, std::uint64_t end) {

@@ -54,40 +54,43 @@ void take_spare_streams() {
   spare.err = nullptr;
 }
 
-// The engine's locks, in the order in which they are taken where more than one is held.
-void lock_all() {
-  pthread_mutex_lock(&engine.thread_list_lock);
-  pthread_mutex_lock(&engine.signal_handlers_lock);
-  pthread_mutex_lock(&engine.brk_lock);
-  pthread_mutex_lock(&engine.mapping_lock);
-  pthread_rwlock_wrlock(&engine.callbacks_lock);
-  pthread_mutex_lock(&engine.function_watch_lock);
-  pthread_mutex_lock(&engine.exec_ranges.lock);
-  pthread_mutex_lock(&engine.code_epoch_lock);
+// Calls `act` with each of the engine's locks, in the order in which they are taken where more than one is held.
+template <typename action>
+void for_each_lock(action act) {
+  act(engine.thread_list_lock);
+  act(engine.signal_handlers_lock);
+  act(engine.brk_lock);
+  act(engine.mapping_lock);
+  act(engine.callbacks_lock);
+  act(engine.function_watch_lock);
+  act(engine.exec_ranges.lock);
+  act(engine.code_epoch_lock);
 }
 
-void unlock_all() {
-  pthread_mutex_unlock(&engine.code_epoch_lock);
-  pthread_mutex_unlock(&engine.exec_ranges.lock);
-  pthread_mutex_unlock(&engine.function_watch_lock);
-  pthread_rwlock_unlock(&engine.callbacks_lock);
-  pthread_mutex_unlock(&engine.mapping_lock);
-  pthread_mutex_unlock(&engine.brk_lock);
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
-  pthread_mutex_unlock(&engine.thread_list_lock);
-}
+struct take_lock {
+  void operator()(pthread_mutex_t& lock) const { pthread_mutex_lock(&lock); }
+  void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_wrlock(&lock); }
+};
 
+struct release_lock {
+  void operator()(pthread_mutex_t& lock) const { pthread_mutex_unlock(&lock); }
+  void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_unlock(&lock); }
+};
+
+struct renew_lock {
+  void operator()(pthread_mutex_t& lock) const { pthread_mutex_init(&lock, nullptr); }
+  void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_init(&lock, nullptr); }
+};
+
+void lock_all() { for_each_lock(take_lock{}); }
+
+void unlock_all() { for_each_lock(release_lock{}); }
+
+// In a child, where the thread that held a lock may not exist.
 void init_all_locks() {
-  pthread_mutex_init(&engine.thread_list_lock, nullptr);
-  pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
-  pthread_mutex_init(&engine.brk_lock, nullptr);
-  pthread_rwlock_init(&engine.callbacks_lock, nullptr);
-  pthread_mutex_init(&engine.function_watch_lock, nullptr);
-  pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
-  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
-  pthread_mutex_init(&engine.attached_segments.lock, nullptr);  // Used under mapping_lock alone.
-  pthread_mutex_init(&engine.mapping_lock, nullptr);
-  pthread_mutex_init(&spare.lock, nullptr);
+  for_each_lock(renew_lock{});
+  renew_lock{}(engine.attached_segments.lock);  // Used under mapping_lock alone.
+  renew_lock{}(spare.lock);
 }
 
 // Frees what the other threads of the parent have left in the copy of its memory.

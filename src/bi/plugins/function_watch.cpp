@@ -20,7 +20,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/plugin"};
+constexpr engine_log log{"src/bi/function_watch"};
 
 constexpr std::uint32_t RET_X30 = 0xd65f03c0;
 

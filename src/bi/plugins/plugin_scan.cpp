@@ -9,7 +9,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/plugin"};
+constexpr engine_log log{"src/bi/plugin_scan"};
 
 mora_context context_at(scan_state& state, mora_event event, const std::uint32_t* read_address, std::int32_t inst) {
   mora_context ctx{};

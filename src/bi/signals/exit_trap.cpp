@@ -15,7 +15,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr engine_log log{"src/bi/signals"};
+constexpr engine_log log{"src/bi/signals"};  // Not its own name: see the log's units in docs/engine.md.
 
 constexpr std::uint32_t BR_X0 = 0xd61f0000;  // br x0
 

@@ -3,6 +3,7 @@
 // found at its SVC, and any other one has its EINTR already.
 #include "bi/signals/turns.h"
 
+#include <sys/syscall.h>
 #include <ucontext.h>
 
 #include <cerrno>
@@ -24,18 +25,11 @@ namespace {
 // More than there are signals without a queue.
 constexpr std::uint32_t WITHOUT_A_TURN = 100;
 
-constexpr std::uint64_t NR_TIMER_CREATE = 107;
-constexpr std::uint64_t NR_TIMER_SETTIME = 110;
-constexpr std::uint64_t NR_TIMER_DELETE = 111;
-constexpr std::uint64_t NR_EXECVE = 221;
-constexpr std::uint64_t NR_EXECVEAT = 281;
-constexpr std::uint64_t NR_RT_SIGACTION = 134;
-
 constexpr long INTERRUPTION_NANOSECONDS = 1000000;
 
 bool restarts_calls(int signum) {
   std::uint64_t action[4] = {};  // Handler, flags, restorer, mask.
-  raw_syscall(NR_RT_SIGACTION, static_cast<std::uint64_t>(signum), 0, address_of(action), KERNEL_SIGSET_SIZE);
+  raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), 0, address_of(action), KERNEL_SIGSET_SIZE);
   return (action[1] & SA_RESTART) != 0;
 }
 
@@ -73,24 +67,24 @@ bool give_turn(thread_data* thread, std::uint64_t source, std::uint64_t entry) {
 
 bool begin_call_in_turn(thread_data* thread, std::uint64_t number) {
   // Another program would inherit the wider mask.
-  if (thread->has_turn == 0 || number == NR_EXECVE || number == NR_EXECVEAT) return false;
+  if (thread->has_turn == 0 || number == SYS_execve || number == SYS_execveat) return false;
   sigevent event{};
   event.sigev_notify = SIGEV_THREAD_ID;
   event.sigev_signo = SIGILL;
   event.sigev_value.sival_ptr = thread;
   event._sigev_un._tid = thread->tid;
   std::int32_t timer = 0;
-  if (raw_syscall(NR_TIMER_CREATE, CLOCK_MONOTONIC, address_of(&event), address_of(&timer)) != 0) return false;
+  if (raw_syscall(SYS_timer_create, CLOCK_MONOTONIC, address_of(&event), address_of(&timer)) != 0) return false;
   const itimerspec often = {{0, INTERRUPTION_NANOSECONDS}, {0, INTERRUPTION_NANOSECONDS}};
   thread->interrupter = static_cast<std::uint32_t>(timer) + 1;
   thread->interruptions = 0;
-  raw_syscall(NR_TIMER_SETTIME, static_cast<std::uint64_t>(timer), 0, address_of(&often), 0);
+  raw_syscall(SYS_timer_settime, static_cast<std::uint64_t>(timer), 0, address_of(&often), 0);
   return true;
 }
 
 void end_interruption(thread_data* thread) {
   if (thread->interrupter == 0) return;
-  raw_syscall(NR_TIMER_DELETE, thread->interrupter - 1);
+  raw_syscall(SYS_timer_delete, thread->interrupter - 1);
   thread->interrupter = 0;
 }
 

@@ -4,16 +4,9 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
 
 namespace ceilmeter {
-
-collector_config::collector_config() = default;
-collector_config::~collector_config() = default;
-
-collector_config& process_config() {
-  static collector_config config;
-  return config;
-}
 
 namespace test {
 
@@ -52,11 +45,12 @@ std::uint64_t note_finish(std::uint64_t, std::uint64_t) {
 }
 
 bintracer_t& start_tracer(std::uint32_t mode) {
-  process_config().tracer.reset();
+  static std::unique_ptr<bintracer_t> tracer;
+  tracer.reset();
   engine() = {};
   finishes() = {};
-  process_config().tracer = std::make_unique<bintracer_t>(note_finish, mode);
-  return *process_config().tracer;
+  tracer = std::make_unique<bintracer_t>(note_finish, mode);
+  return *tracer;
 }
 
 void fake_engine::deliver(mora_event event, thread_data& thread) {
@@ -134,6 +128,13 @@ int mora_bind_event(mora_context*, std::uint32_t event, mora_callback fn) {
   test::engine().calls.push_back("event " + std::to_string(event));
   return 0;
 }
+
+int mora_set_plugin_data(mora_context*, void* data) {
+  test::engine().plugin_data = data;
+  return 0;
+}
+
+void* mora_get_plugin_data(const mora_context*) { return test::engine().plugin_data; }
 
 int mora_set_thread_data(mora_context* ctx, void* data) {
   ctx->thread_data->plugin_data = data;

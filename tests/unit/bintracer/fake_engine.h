@@ -30,6 +30,7 @@ struct fake_engine {
   // The words of blocks, by their start. A block that is not here has zeros.
   std::map<std::uint64_t, std::vector<std::uint32_t>> memory;
   std::vector<std::uint32_t> block_words;  // Of the block that is delivered.
+  void* plugin_data = nullptr;             // Of the one plug-in.
   int plugins = 0;
   int run_calls = 0;
 
@@ -46,7 +47,7 @@ struct fake_engine {
 
 fake_engine& engine();
 
-// A tracer of this mode in the configuration record, and a fresh engine under it.
+// A tracer of this mode in the place of the one before, and a fresh engine under it.
 bintracer_t& start_tracer(std::uint32_t mode);
 
 // What the tracer's exit callback has been called with.

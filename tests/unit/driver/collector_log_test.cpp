@@ -109,6 +109,20 @@ std::vector<std::string> collectors_lines(const std::string& text) {
   return lines;
 }
 
+// A child that an application has forked under the tracer ends by exit. It must not take the tracer apart.
+TEST(process_config, is_not_destroyed_when_a_process_ends) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    // Runs after a destructor that the first call of process_config() would register.
+    std::atexit([] { _exit(process_config().output_file_path == std::string(100, 'x') ? 0 : 1); });
+    process_config().output_file_path = std::string(100, 'x');
+    std::exit(2);
+  }
+  int status = -1;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
 class collector_log : public ::testing::TestWithParam<row> {};
 
 // Each in a process of its own: the configuration is the process's.
