@@ -125,6 +125,26 @@ enum thread_status : std::int32_t {
   THREAD_ABANDONED = 2,   // Has ended itself in abandon_thread.
 };
 
+// A signal action as the application has set it, in the kernel's form.
+struct application_action {
+  std::uint64_t handler;
+  std::uint64_t flags;
+  std::uint64_t restorer;
+  std::uint64_t mask;
+};
+
+// Those of a child that has actions of its own in its parent's memory.
+struct action_table {
+  std::uint64_t handlers[SIGNAL_COUNT];
+  application_action actions[SIGNAL_COUNT];
+};
+
+// What the call that ends a thread pushes in place of the application's stack, and the stack pointer at that time.
+struct alignas(16) last_call_stack {
+  std::uint64_t pushed[4];
+  std::uint64_t stack_pointer;
+};
+
 // One per application thread. Each is a zeroed mapping of its own, so that emitted code can hold addresses of its
 // fields.
 struct thread_data {
@@ -187,12 +207,12 @@ struct thread_data {
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
   std::uint32_t scan_words[SCAN_WORDS];  // The source words of the fragment that is being scanned, see scan_ahead.h.
   std::uint64_t guarded_arguments[8];    // The application's x0 to x7 around a guarded call with values.
-  // Of a child in its parent's memory, see kernel/vfork.h. Its own handlers, unless the call shares them.
+  // Of a child in its parent's memory, see kernel/vfork.h. Its own signal actions, unless the call shares them.
   std::uint8_t is_vfork_child;
   thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
   std::uint8_t shares_descriptors;
-  std::uint64_t* own_handlers;
-  std::uint64_t own_handler_table[SIGNAL_COUNT];
+  action_table* own_actions;
+  action_table own_action_table;
   // Where signals find their stacks, see signal_stack.h and application_stack.h.
   std::uint8_t* signal_stack;        // The engine's own, with its guard page first.
   application_stack own_stack;       // The application's.
@@ -220,6 +240,7 @@ struct thread_data {
   std::uint32_t has_turn;             // One block runs, whatever is held.
   std::uint32_t interrupter;          // The timer of the call in the turn, counted from 1; 0: none.
   std::uint32_t interruptions;
+  last_call_stack last_call;
 };
 
 // Process-wide state, each part under the lock that is named with it.
@@ -274,7 +295,7 @@ inline bool plugins_listen() { return engine.plugin_count != 0 && is_calling_thr
 // The application's handlers as the calling thread's process has them. Under signal_handlers_lock.
 inline std::uint64_t* application_handlers() {
   const thread_data* thread = current_thread;
-  return thread != nullptr && thread->own_handlers != nullptr ? thread->own_handlers : engine.signal_handlers;
+  return thread != nullptr && thread->own_actions != nullptr ? thread->own_actions->handlers : engine.signal_handlers;
 }
 
 inline std::uint64_t address_of(const void* place) { return reinterpret_cast<std::uint64_t>(place); }

@@ -233,6 +233,10 @@ struct code_writer {
   void b_cond(std::uint32_t condition, code_label& to) const { b_cond(condition, next_address(to)); }
   void cbz(x_register rt, code_label& to) const { cbz(rt, next_address(to)); }
   void cbnz(x_register rt, code_label& to) const { cbnz(rt, next_address(to)); }
+  void cbnz_w(x_register rt, code_label& to) const {
+    const std::uint64_t target = next_address(to);
+    a64_cbnz_helper(cursor++, target, 0, rt.number);
+  }
   void tbz(x_register rt, std::uint32_t bit, code_label& to) const { tbz(rt, bit, next_address(to)); }
   void tbnz(x_register rt, std::uint32_t bit, code_label& to) const { tbnz(rt, bit, next_address(to)); }
 

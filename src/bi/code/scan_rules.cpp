@@ -9,6 +9,7 @@
 #include "bi/code/code_writer.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scan_ahead.h"
+#include "bi/code/scanner.h"
 #include "bi/code/source_map.h"
 #include "common/log.h"
 
@@ -77,11 +78,56 @@ std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int 
   return address_of(read) + static_cast<std::uint64_t>(a64_sign_extend(field, width) * 4);
 }
 
+namespace {
+
+// Whether the call may be the end of a thread: the fragment has loaded that number shortly before. What stands in
+// between does not matter, as the code looks again.
+bool may_end_thread(scan_state& state) {
+  constexpr std::ptrdiff_t looked_at = 16;
+  constexpr std::uint32_t movz_x8 = 0xd2800008 | NR_EXIT << 5;  // movz x8, #NR_EXIT
+  constexpr std::uint32_t movz_w8 = 0x52800008 | NR_EXIT << 5;  // movz w8, #NR_EXIT
+  const auto* first = reinterpret_cast<const std::uint32_t*>(state.thread->metas[state.bb_id].source_addr);
+  for (const std::uint32_t* read = state.read; read > first && state.read - read < looked_at;) {
+    const std::uint32_t word = word_at(state.source, --read);
+    if (word == movz_x8 || word == movz_w8) return true;
+  }
+  return false;
+}
+
+// For the call that ends a thread there is no stack any more: the application may have told others that it is free.
+// What the call pushes goes into the thread's record, and the stack pointer beside it. No other register than x8 can be
+// borrowed, as a plug-in may answer the call in the kernel's place.
+void push_for_last_call(scan_state& state) {
+  a64_reserve_block_space(state.thread, &state.write, &state.limit, LAST_CALL_SPACE);
+  const code_writer code{state.write};
+  code_label other_call;
+  code_label pushed;
+  code.sub(x8, x8, NR_EXIT);
+  code.cbnz_w(x8, other_call);
+  code.load_const(x8, address_of(&state.thread->last_call.stack_pointer));
+  code.stp(x29, x30, pre_index(x8, -16));
+  code.mov_from_sp(x29);
+  code.str(x29, at(x8, 16));
+  code.add(sp, x8, 0);
+  code.movz(x8, NR_EXIT);
+  code.b(pushed);
+  code.bind(other_call);
+  code.add(x8, x8, NR_EXIT);
+  code.push(x29, x30);
+  code.bind(pushed);
+}
+
+}  // namespace
+
 void rewrite_svc(scan_state& state) {
   const code_writer code{state.write};
   const std::uint32_t* next = state.read + 1;
   lower_sp(state);
-  code.push(x29, x30);
+  if (may_end_thread(state)) {
+    push_for_last_call(state);
+  } else {
+    code.push(x29, x30);
+  }
   code.load_const(x29, address_of(next));
   code.bl(state.thread->syscall_wrapper_addr);
   code.pop(x0, x1);

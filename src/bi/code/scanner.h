@@ -16,6 +16,8 @@ namespace ceilmeter {
 // Bytes that are kept free after every instruction for the largest exit, and before a register branch for its lookup.
 inline constexpr std::uint32_t EXIT_SPACE = 60;
 inline constexpr std::uint32_t REGISTER_BRANCH_SPACE = 88;
+// A system call that may be the end of its thread, with what follows it.
+inline constexpr std::uint32_t LAST_CALL_SPACE = 15 * 4 + EXIT_SPACE;
 inline constexpr std::uint32_t AUTHENTICATED_BRANCH_SPACE = REGISTER_BRANCH_SPACE + 8;
 // Before the exit of a CB<cc>: three reserved words, push, decision, and twice four words of a target, two of an index
 // and a branch.

@@ -49,6 +49,7 @@
 
 #define KERNEL_MASK_SIZE 8 /* bytes of a signal mask */
 
+#define NR_EXIT 0x5d
 #define NR_CLONE 0xdc
 #define NR_TGKILL 0x83
 #define NR_RT_SIGPROCMASK 0x87

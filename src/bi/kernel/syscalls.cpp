@@ -196,8 +196,10 @@ void finish_handled(std::uint64_t number, std::uint64_t* args, std::uint64_t nex
 extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                              thread_data* thread) {
   number = low_half(number);
-  args[SYSCALL_APP_SP / 8] +=
-      kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
+  // The call that ends a thread has its words in the record, see rewrite_svc.
+  std::uint64_t& stack_pointer = args[SYSCALL_APP_SP / 8];
+  if (stack_pointer == address_of(&thread->last_call.stack_pointer)) stack_pointer = thread->last_call.stack_pointer;
+  stack_pointer += kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
   log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
   // The first argument is all that a post-syscall callback gets to see: the result takes its place.
   if (plugins_listen()) thread->syscall_args = args[0];

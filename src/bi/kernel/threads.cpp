@@ -25,6 +25,7 @@
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/kernel/robust_list.h"
 #include "bi/kernel/vfork.h"
+#include "bi/kernel/vm_ops.h"
 #include "bi/signals/application_stack.h"
 #include "bi/signals/held_mask.h"
 #include "bi/signals/signal_stack.h"
@@ -276,7 +277,7 @@ void end_thread(thread_data* thread, std::int32_t status) {
   hand_over_held_signals(thread);
 
   const std::uint64_t engine_sp = thread->engine_sp;
-  if (thread->kept_stack.size != 0) raw_syscall(SYS_munmap, thread->kept_stack.start, thread->kept_stack.size);
+  if (thread->kept_stack.size != 0) unmap_kept_stack(thread->kept_stack);
   // Settle the list before the thread's joiner is told, as the kernel does; see robust_list.h. For the first thread the
   // kernel alone does it.
   if (engine_sp != 0) settle_robust_list(find_robust_list(), thread->tid);

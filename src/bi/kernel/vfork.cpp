@@ -49,10 +49,10 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
   if (child == nullptr) return -EAGAIN;
   child->is_vfork_child = 1;
   child->shares_descriptors = (flags & CLONE_FILES) != 0 ? 1 : 0;
-  child->own_handlers = thread->own_handlers;
+  child->own_actions = thread->own_actions;
   if ((flags & CLONE_SIGHAND) == 0) {
-    copy_actions(child->own_handler_table);
-    child->own_handlers = child->own_handler_table;
+    copy_actions(&child->own_action_table);
+    child->own_actions = &child->own_action_table;
   }
   child->tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
   child->own_stack = thread->own_stack;
@@ -89,9 +89,9 @@ void end_vfork_child(std::int32_t status) {
 }
 
 void become_process(thread_data* thread) {
-  if (thread->own_handlers != nullptr) {
-    take_copied_actions(thread->own_handlers);
-    thread->own_handlers = nullptr;
+  if (thread->own_actions != nullptr) {
+    take_copied_actions(thread->own_actions);
+    thread->own_actions = nullptr;
   }
   if (has_own_descriptors(thread)) forget_noted_files();
   thread->is_vfork_child = 0;

@@ -275,6 +275,14 @@ std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::ui
 
 }  // namespace
 
+void unmap_kept_stack(page_range kept) {
+  pthread_mutex_lock(&engine.mapping_lock);
+  begin_mapping_change();
+  raw_syscall(SYS_munmap, kept.start, kept.size);
+  end_mapping_change();
+  pthread_mutex_unlock(&engine.mapping_lock);
+}
+
 std::int64_t handle_mmap(const std::uint64_t* args) { return make_call(map_memory, args); }
 std::int64_t handle_mprotect(const std::uint64_t* args) { return make_call(protect_memory, args); }
 std::int64_t handle_munmap(const std::uint64_t* args) { return make_call(unmap_memory, args); }

@@ -31,12 +31,11 @@ application_action application_actions[SIGNAL_COUNT];
 
 constexpr std::uint64_t LAST_ACTION_WORD = sizeof(application_action) - sizeof(std::uint64_t);
 
-// The same of children in their parents' memory, whose actions are their own.
-application_action child_actions[SIGNAL_COUNT];
-
+// A child in its parent's memory has actions of its own, as other children of other threads have theirs.
 application_action& kept_action(int signum) {
-  const bool is_own = application_handlers() != engine.signal_handlers;
-  return is_own ? child_actions[signum] : application_actions[signum];
+  const thread_data* thread = current_thread;
+  const bool is_own = thread != nullptr && thread->own_actions != nullptr;
+  return is_own ? thread->own_actions->actions[signum] : application_actions[signum];
 }
 
 // The flags that the kernel does not get as the application has set them.
@@ -88,18 +87,18 @@ void set_default_action(int signum) {
 
 }  // namespace
 
-void copy_actions(std::uint64_t* handlers) {
+void copy_actions(action_table* table) {
   pthread_mutex_lock(&engine.signal_handlers_lock);
   for (int signum = 0; signum < SIGNAL_COUNT; ++signum) {
-    handlers[signum] = application_handlers()[signum];
-    child_actions[signum] = kept_action(signum);
+    table->handlers[signum] = application_handlers()[signum];
+    table->actions[signum] = kept_action(signum);
   }
   pthread_mutex_unlock(&engine.signal_handlers_lock);
 }
 
-void take_copied_actions(const std::uint64_t* handlers) {
-  std::memcpy(engine.signal_handlers, handlers, sizeof engine.signal_handlers);
-  std::memcpy(application_actions, child_actions, sizeof application_actions);
+void take_copied_actions(const action_table* table) {
+  std::memcpy(engine.signal_handlers, table->handlers, sizeof engine.signal_handlers);
+  std::memcpy(application_actions, table->actions, sizeof application_actions);
 }
 
 std::int64_t handle_rt_sigaction(const std::uint64_t* args) {

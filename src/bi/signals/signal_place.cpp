@@ -85,6 +85,31 @@ bool is_second_push_of_lookup(const thread_data* thread, std::uint64_t pc) {
   return pc == address_of(thread->metas[id].exit_code_addr + 1);
 }
 
+// The words that lower and raise the stack pointer around what the engine adds to a new thread's blocks.
+constexpr std::uint32_t LOWER_SP = 0xd10003ff | KEPT_BELOW_SP << 10;  // sub sp, sp, #KEPT_BELOW_SP
+constexpr std::uint32_t RAISE_SP = 0x910003ff | KEPT_BELOW_SP << 10;  // add sp, sp, #KEPT_BELOW_SP
+
+// Whether the word is the application's own: the last one of its source word's code.
+bool is_copy(const thread_data* thread, const std::uint32_t* place) {
+  const std::uint64_t source = source_of_cache_address(thread, address_of(place));
+  const std::uint32_t* next = next_fragment_word(thread, place);
+  const bool is_last = next == nullptr || source_of_cache_address(thread, address_of(next)) != source;
+  const auto* word = reinterpret_cast<const std::uint32_t*>(source);
+  return is_last && is_readable(word) && *word == *place;
+}
+
+// Whether the stack pointer is lowered where `pc` stands in a new thread's block. It is at the entry.
+bool has_lowered_sp(const thread_data* thread, std::uint64_t pc) {
+  const std::int32_t id = exit_owner(thread, pc);
+  if (!keeps_below_sp(thread) || id <= 0) return false;
+  bool is_lowered = true;
+  const auto* place = reinterpret_cast<const std::uint32_t*>(thread->metas[id].cache_entry);
+  for (; place != nullptr && address_of(place) != pc; place = next_fragment_word(thread, place)) {
+    if ((*place == LOWER_SP || *place == RAISE_SP) && !is_copy(thread, place)) is_lowered = *place == LOWER_SP;
+  }
+  return is_lowered;
+}
+
 }  // namespace
 
 bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8_t* place) {
@@ -188,9 +213,10 @@ bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
   const std::uint32_t borrowed = unreadable ? 0 : borrowed_register(reinterpret_cast<const std::uint32_t*>(source));
   if (loads && borrowed != NOTHING_BORROWED) {
     context.regs[borrowed] = *reinterpret_cast<const std::uint64_t*>(context.sp);
-    context.sp += 16 + (unreadable ? 0 : kept_below_sp(thread));
+    context.sp += 16;
   }
   if (is_second_push_of_lookup(thread, context.pc)) context.sp += 16;
+  if (has_lowered_sp(thread, context.pc)) context.sp += KEPT_BELOW_SP;
   context.pc = source;
   return true;
 }

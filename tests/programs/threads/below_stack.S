@@ -86,6 +86,31 @@ start_bare:
         .balign 8
 7:      .xword  0
 
+// long start_spinning(long flags, void *stack, int *tid, volatile int *words, const stack_t *signals): a thread that
+// uses no stack. It takes its signal stack, stores 1 in the first word and ends when the second one is set.
+        .globl  start_spinning
+start_spinning:
+        mov     x10, x3
+        mov     x11, x4
+        mov     x4, x2
+        mov     x2, #0
+        mov     x3, #0
+        mov     x8, #220
+        svc     #0
+        cbnz    x0, 9f
+        mov     x0, x11
+        mov     x1, #0
+        mov     x8, #132                // sigaltstack
+        svc     #0
+        mov     w9, #1
+        str     w9, [x10]
+1:      ldr     w9, [x10, #4]
+        cbz     w9, 1b
+        mov     x0, #0
+        mov     x8, #93
+        svc     #0
+9:      ret
+
 // [[noreturn]] void unmap_and_exit(void *memory, long size): gives its own stack back and ends the thread.
         .globl  unmap_and_exit
 unmap_and_exit:

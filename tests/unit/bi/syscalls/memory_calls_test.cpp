@@ -6,7 +6,9 @@
 
 #include <cerrno>
 
+#include "bi/code/readable_pages.h"
 #include "bi/code/translated_pages.h"
+#include "bi/kernel/vm_ops.h"
 #include "fake_engine.h"
 
 namespace ceilmeter::test {
@@ -72,6 +74,15 @@ TEST_F(memory_calls, the_known_range_is_of_whole_pages_of_64_kib) {
   EXPECT_EQ(known(address + 0x10000, 0x10000), 0);
   EXPECT_EQ(known(address, 0x10000), 1);
   munmap(room, 0x40000);
+}
+
+TEST_F(memory_calls, nobody_takes_the_rest_of_a_stack_for_readable_once_its_thread_has_ended) {
+  const std::uint64_t address = map(fake.page, PROT_READ | PROT_WRITE);
+  remember_readable(address, mapping_state());
+  ASSERT_TRUE(is_known_readable(address));
+  unmap_kept_stack({address, fake.page});
+  EXPECT_FALSE(is_known_readable(address));
+  EXPECT_EQ(msync(reinterpret_cast<void*>(address), fake.page, MS_ASYNC), -1);
 }
 
 TEST_F(memory_calls, the_arguments_keep_their_values) {

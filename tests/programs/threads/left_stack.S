@@ -1,0 +1,34 @@
+// What left_stack.c runs on a stack that it gives away.
+        .text
+        .balign 4
+
+// [[noreturn]] void leave_stack(const void *word): ends the thread with 64 bytes of a pattern below its stack pointer.
+        .globl  leave_stack
+leave_stack:
+        mov     x19, #0
+1:      add     x19, x19, #1
+        cmp     x19, #600
+        b.ne    1b
+        sub     x9, sp, #64
+        mov     x10, #0x5a5a
+        str     x10, [x0, #8]
+        mov     x8, #93
+        stp     x10, x10, [x9]
+        stp     x10, x10, [x9, #16]
+        stp     x10, x10, [x9, #32]
+        stp     x10, x10, [x9, #48]
+        str     x9, [x0]
+        mov     x0, #0
+        svc     #0
+        brk     #1
+
+// long call_between(long number): the number of a thread's end stands in x8 shortly before another call is made.
+        .globl  call_between
+call_between:
+        mov     x9, x0
+        mov     x8, #93
+        mov     x8, x9
+        svc     #0
+        ret
+
+        .section .note.GNU-stack, "", %progbits
