@@ -157,6 +157,12 @@ class flat_table {
     return insert_made(std::move(key), [&value]() -> Value&& { return std::move(value); });
   }
 
+  // The same with the value that `make` gives, which is called only if the key is new.
+  template <typename Make>
+  std::pair<Value*, bool> insert_by(Key key, Make make) {
+    return insert_made(std::move(key), make);
+  }
+
   // The value under `key`, a default one being inserted first if there is none.
   Value& find_or_insert(Key key) {
     return *insert_made(std::move(key), []() { return Value(); }).first;

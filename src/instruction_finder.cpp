@@ -1,6 +1,9 @@
-// Reads blocks from files. All blocks of a module share its stream, so each read seeks first.
+// Reads blocks from files. All blocks of a module share its stream, of which only the descriptor is read.
 #include "instruction_finder.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -24,25 +27,66 @@ instruction_finder::~instruction_finder() {
 
 bool instruction_finder::get_basic_block_instruction_code(std::uint32_t* buffer, const std::string& module,
                                                           std::uint64_t start_off, std::uint64_t end_off) {
+  const std::uint32_t* words = find_words(module, start_off, end_off);
+  if (words == nullptr) return false;
+  std::memcpy(buffer, words, (end_off - start_off) / instruction_size * instruction_size);
+  return true;
+}
+
+const std::uint32_t* instruction_finder::find_words(const std::string& module, std::uint64_t start_off,
+                                                    std::uint64_t end_off) {
   const std::size_t count = (end_off - start_off) / instruction_size;
   if (count > max_basic_block_size) {
     log(LEVEL_WARN, "Basic block length=%lu is more that max_basic_block_size=%lu\n", count, max_basic_block_size);
-    return false;
+    return nullptr;
   }
-  std::FILE* stream = open_file_impl(module);
-  if (stream == nullptr) return false;
-  if (std::fseek(stream, static_cast<long>(start_off), SEEK_SET) != 0) {
+  std::FILE* stream = last_stream;
+  if (stream == nullptr || module != last_module || mora_log_get_level() >= LEVEL_TRACE) {
+    stream = open_file_impl(module);
+    if (stream == nullptr) return nullptr;
+    last_module = module;
+    last_stream = stream;
+  }
+  const std::size_t place = start_off % window_step;
+  const window* found = read_window(stream, start_off - place, place + count * instruction_size);
+  if (found == nullptr) {
     log(LEVEL_WARN, "Failed to fseek on file %s\n%s\n", module.c_str(), std::strerror(errno));
-    return false;
+    return nullptr;
   }
-  const std::size_t got = std::fread(buffer, instruction_size, count, stream);
+  const std::size_t got = std::min(count, (std::max(found->size, place) - place) / instruction_size);
   if (got != count) {
-    // The stream's error flag is taken for an error number here, so the text is "Success" if the file was too short.
+    // Whether there was an error is taken for its number here, so the text is "Success" if the file was too short.
     log(LEVEL_WARN, "Failed to fread basic block in file %s, offset %ld, basic_block_size=%lu, ret=%lu, err=%s",
-        module.c_str(), static_cast<long>(start_off), count, got, std::strerror(std::ferror(stream)));
-    return false;
+        module.c_str(), static_cast<long>(start_off), count, got, std::strerror(found->has_failed ? 1 : 0));
+    return nullptr;
   }
-  return true;
+  return reinterpret_cast<const std::uint32_t*>(found->bytes + place);
+}
+
+const instruction_finder::window* instruction_finder::read_window(std::FILE* stream, std::uint64_t offset,
+                                                                  std::size_t size) {
+  const int fd = fileno(stream);
+  // Neighbours of one file and equal places of two files lie in different windows.
+  std::unique_ptr<window>& known = windows[(offset / window_step + static_cast<std::size_t>(fd) * 7) % window_count];
+  if (known == nullptr) {
+    known = std::unique_ptr<window>(new window);  // Not make_unique, which would write zeros over the bytes.
+  } else if (known->stream == stream && known->offset == offset && known->size >= size) {
+    return known.get();
+  }
+  known->stream = nullptr;
+  known->size = 0;
+  known->has_failed = false;
+  while (known->size < sizeof known->bytes) {
+    const ssize_t got = pread(fd, known->bytes + known->size, sizeof known->bytes - known->size,
+                              static_cast<off_t>(offset + known->size));
+    if (got < 0 && (errno == EINVAL || errno == ESPIPE)) return nullptr;  // No file has such an offset.
+    if (got < 0) known->has_failed = true;
+    if (got <= 0) break;
+    known->size += static_cast<std::size_t>(got);
+  }
+  known->stream = stream;
+  known->offset = offset;
+  return known.get();
 }
 
 std::FILE* instruction_finder::open_file_impl(const std::string& module) {

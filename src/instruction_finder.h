@@ -1,11 +1,16 @@
 // Reads the instruction words of a block from its module's file when the application has ended. It takes the code to be
 // what the file holds. Code that was made at run time has no file and never comes here.
+//
+// Blocks that run after each other mostly lie near each other. So a file is read in windows of a page and a little
+// more, and the latest windows are kept.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "flat_table.h"
 
@@ -28,6 +33,10 @@ class instruction_finder {
   bool get_basic_block_instruction_code(std::uint32_t* buffer, const std::string& module, std::uint64_t start_off,
                                         std::uint64_t end_off);
 
+  // The words between two offsets of the file `module`, as far as they are whole, under the same conditions. Null,
+  // after the same warnings, where there are none to be had. They hold until the next call.
+  const std::uint32_t* find_words(const std::string& module, std::uint64_t start_off, std::uint64_t end_off);
+
   // The stream of the file `module`, no matter by which name it was opened first. Null, after a warning, if it can't be
   // opened. A failure is not remembered: the next call tries again.
   std::FILE* open_file_impl(const std::string& module);
@@ -38,10 +47,27 @@ class instruction_finder {
     std::FILE* stream;
   };
 
+  static constexpr std::size_t window_step = 4096;
+  static constexpr std::size_t window_count = 64;
+  struct window {
+    std::FILE* stream = nullptr;
+    std::uint64_t offset = 0;  // In the file, a multiple of window_step.
+    std::size_t size = 0;      // Bytes that the file has had there.
+    bool has_failed = false;   // Reading has ended with an error, not with the end of the file.
+    // Of blocks that begin in the step, the longest ends here.
+    alignas(8) char bytes[window_step + max_basic_block_size * sizeof(std::uint32_t)];
+  };
+
+  // The window with the file's content from `offset` on, of at least `size` bytes if the file has them.
+  const window* read_window(std::FILE* stream, std::uint64_t offset, std::size_t size);
+
   flat_table<std::string, std::FILE*> open_files;  // By canonical path.
   // Resolved paths, by the names that led to them. Resolving a path takes a system call for each of its folders, and
   // the same few names are asked for tens of thousands of times.
   flat_table<std::string, resolved_name> resolved_names;
+  std::string last_module;                                     // The one of the latest call that has found its stream,
+  std::FILE* last_stream = nullptr;                            // which is this one.
+  std::vector<std::unique_ptr<window>> windows{window_count};  // By stream and offset; made when first needed.
 };
 
 }  // namespace ceilmeter

@@ -50,6 +50,9 @@ class mappings_t {
   // A copy of the record; all zero, with an empty name, for id 0. Any thread.
   static mapping_segment get_segment(std::uint64_t id);
 
+  // The record itself; null for id 0. It lives as long as the registry. Any thread.
+  static const mapping_segment* find_segment(std::uint64_t id) { return reinterpret_cast<const mapping_segment*>(id); }
+
  private:
   struct node {
     std::atomic<node*> next{nullptr};

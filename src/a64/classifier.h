@@ -1,7 +1,7 @@
 // What an A64 instruction word is, told from the word alone, over the whole instruction set: base A64, Advanced SIMD,
 // SVE and SME. Names are the architecture's, but loosely given: read classifier_rows.h before you trust one.
 //
-// Nothing here changes once the first call has built the search's index; everything may be called from any thread.
+// Nothing here ever changes; everything may be called from any thread.
 #pragma once
 
 #include <cstdint>

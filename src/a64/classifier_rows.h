@@ -29,6 +29,12 @@ extern const std::array<classifier_row, classifier_row_count> classifier_rows;
 // Indexed by mnemonic_id.
 extern const std::array<const char*, mnemonic_count> mnemonic_names;
 
+// Some bits of a word choose a bucket (see classifier.cpp). Bucket n has the rows at the positions
+// classifier_bucket_rows[classifier_bucket_first[n]] up to, without, that of the next bucket's first, in their order.
+constexpr std::size_t classifier_bucket_count = 1U << 13;
+extern const std::uint16_t classifier_bucket_first[];  // One more than there are buckets: the end of the last.
+extern const std::uint16_t classifier_bucket_rows[];
+
 // The first row that matches, or null. Both give the same answer for every word; the second compares with every row up
 // to the one that matches, and is what the first is tested against.
 const classifier_row* find_classifier_row(std::uint32_t word);

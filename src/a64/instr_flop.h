@@ -25,6 +25,14 @@ struct instr_flop {
   std::uint32_t multiplier;  // Operations on each: 2 for fused forms, FNMUL and reciprocal steps, 1 for all others.
 };
 
+// False for words that are neither work nor uncounted scalable work (scalable_work.h), told by a few instructions:
+// those of other encoding groups, which most words of a program are.
+constexpr bool may_be_arithmetic(std::uint32_t word) {
+  // Bits 28:25 choose the group: scalar floating point and Advanced SIMD (x111), SVE (0010), SME (0000, with others).
+  constexpr std::uint32_t groups = 1U << 0b0111 | 1U << 0b1111 | 1U << 0b0010 | 1U << 0b0000;
+  return (groups >> (word >> 25 & 0xf) & 1) != 0;
+}
+
 // Returns 0 and fills the record if the word is floating-point work; otherwise returns a non-zero value and leaves the
 // record as it was. The SVE and SME forms of FMLA, FMLS and FMUL set no multiplier: the record keeps the one of the
 // instruction before, and the caller of a first one must have put something there. This is settled: results are

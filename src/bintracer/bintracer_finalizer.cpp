@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 #include "a64/instr_flop.h"
@@ -49,13 +48,14 @@ std::uint64_t key_of(const bb_record& record) {
 
 // Adds the floating-point work of the words to the block's. `work` is the record of the whole block.
 void add_work(const std::uint32_t* words, std::size_t count, std::uint64_t offset, instr_flop& work,
-              basic_block_record& block, arithmetic_count& arithmetic) {
+              block_work& block) {
   for (std::size_t index = 0; index < count; ++index) {
+    if (!may_be_arithmetic(words[index])) continue;
     if (get_instr_flop(words[index], work) != 0) {
-      if (is_uncounted_scalable_work(words[index])) ++arithmetic.uncounted;
+      if (is_uncounted_scalable_work(words[index])) ++block.arithmetic.uncounted;
       continue;
     }
-    ++arithmetic.counted;
+    ++block.arithmetic.counted;
     log(LEVEL_TRACE, "instr_off=%lx, instr_flop.precision=%d, instr_flop.fclass=%d, instr_flop.count=%d",
         offset + index * instruction_size, static_cast<int>(work.precision), static_cast<int>(work.fclass),
         static_cast<int>(work.count));
@@ -73,9 +73,78 @@ instr_flop new_work() {
   return work;
 }
 
-void set_generated_block_flop(const generated_code& code, basic_block_record& block, arithmetic_count& arithmetic) {
+void count_generated_block(const generated_code& code, block_work& block) {
   instr_flop work = new_work();
-  add_work(code.words.data(), code.words.size(), code.start, work, block, arithmetic);
+  add_work(code.words.data(), code.words.size(), code.start, work, block);
+}
+
+// What is added to an address of the segment to have the offset in its file. Deliberately only the low half of the file
+// offset: results have always been so, and no module has code beyond 4 GiB.
+std::uint64_t to_file(const mapping_segment& segment) {
+  return static_cast<std::uint32_t>(segment.offset) - segment.begin;
+}
+
+// Reads the block's instructions. False if a part could not be read; the work of the parts before it stands.
+bool count_block_of_file(instruction_finder& finder, const mapping_segment& segment, const bb_record& record,
+                         block_work& block) {
+  instr_flop work = new_work();
+  const std::uint64_t start = record.start + to_file(segment);
+  const std::uint64_t end = record.end + to_file(segment);
+  const std::uint64_t partial_bb_num =
+      ((end - start) / instruction_size + max_basic_block_size - 1) / max_basic_block_size;
+  log(LEVEL_TRACE, "Read basic block from module %s, start_off=%lx, end_of=%lx, partial_bb_num=%ld",
+      segment.name.c_str(), start, end, static_cast<long>(partial_bb_num));
+  for (std::uint64_t part = 0; part < partial_bb_num; ++part) {
+    const std::uint64_t part_start = start + part_size * part;
+    const std::uint64_t partial_bb_size = std::min(part_size, end - part_start);
+    log(LEVEL_TRACE, "Read partial basic block start_off=%lx, partial_bb_size=%lx", part_start, partial_bb_size);
+    const std::uint32_t* words = finder.find_words(segment.name, part_start, part_start + partial_bb_size);
+    if (words == nullptr) {
+      log(LEVEL_WARN, "Failed to read basic block from module = %s, start_offset = %lx, end_offset = %lx",
+          segment.name.c_str(), start, end);
+      return false;
+    }
+    add_work(words, partial_bb_size / instruction_size, part_start, work, block);
+  }
+  return true;
+}
+
+// The work of the block, from the table or from its instructions. None if the block is of no known file.
+block_work find_or_count_work(instruction_finder& finder, const bb_record& record, block_work_table& known) {
+  if (!is_logged_in_detail()) {
+    if (const block_work* work = find_work(known, record)) return *work;
+  }
+  block_work work{record.end, record.map_seg_id, record.code, 0, 0, {}};
+  if (record.code != nullptr) {
+    count_generated_block(*record.code, work);
+  } else if (const mapping_segment* segment = mappings_t::find_segment(record.map_seg_id)) {
+    if (!count_block_of_file(finder, *segment, record, work)) {
+      work.arithmetic = {};
+      return work;
+    }
+  } else {
+    log(LEVEL_DEBUG, "Cant find mapping segment at %lx address\n", record.start);
+  }
+  // A block without arithmetic, as most are, is looked at again sooner than it is found in a table.
+  if (work.arithmetic.counted + work.arithmetic.uncounted != 0) known[record.start] = work;
+  return work;
+}
+
+// The block as the report shows it.
+basic_block_record block_of(const bb_record& record, const block_work& work) {
+  basic_block_record block;
+  block.start = record.start;
+  block.end = record.end;
+  const mapping_segment* segment = record.code == nullptr ? mappings_t::find_segment(record.map_seg_id) : nullptr;
+  if (segment == nullptr && record.code == nullptr) return block;
+  const std::uint64_t distance = segment != nullptr ? to_file(*segment) : 0;
+  block.dump_start = block.start + distance;
+  block.dump_end = block.end + distance;
+  block.flop = work.flop;
+  block.count = static_cast<std::int64_t>(record.count);
+  block.vector_length = work.vector_length;
+  block.module = segment != nullptr ? segment->name : generated_module_name;
+  return block;
 }
 
 void warn_of_uncounted(const arithmetic_count& executed) {
@@ -124,16 +193,13 @@ void thread_info_processing(instruction_finder& finder, bintracer_report& report
     bintracer_region& region = find_or_add_region(report.regions, counted.name);
     region.threads = region.name == total_region_name ? max_thread_count : tracer.max_active_threads(region.name);
     for (const bb_record& record : counted.bbs) {
-      basic_block_record block = calculate_bb_metrics(finder, record, known);
-      if (const block_work* work = find_work(known, record)) {
-        executed.counted += work->arithmetic.counted * record.count;
-        executed.uncounted += work->arithmetic.uncounted * record.count;
-      }
-      if (block.flop == 0) continue;
-      const std::int64_t count = block.count;
-      const auto [merged, is_new] = region.bbs.insert(key_of(record), std::move(block));
+      const block_work work = find_or_count_work(finder, record, known);
+      executed.counted += work.arithmetic.counted * record.count;
+      executed.uncounted += work.arithmetic.uncounted * record.count;
+      if (work.flop == 0) continue;
+      const auto [merged, is_new] = region.bbs.insert_by(key_of(record), [&] { return block_of(record, work); });
       // For a known block only the count is added. Everything else stays as the first thread has it.
-      if (!is_new) merged->count += count;
+      if (!is_new) merged->count += static_cast<std::int64_t>(record.count);
     }
     log(LEVEL_DEBUG, "%ld bbs collected for region %s", static_cast<long>(counted.bbs.size()), region.name.c_str());
     log(LEVEL_DEBUG, "%ld bbs with flop collected for region %s", static_cast<long>(region.bbs.size()),
@@ -142,36 +208,7 @@ void thread_info_processing(instruction_finder& finder, bintracer_report& report
 }
 
 basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_record& record, block_work_table& known) {
-  basic_block_record block;
-  block.start = record.start;
-  block.end = record.end;
-  const block_work* work = is_logged_in_detail() ? nullptr : find_work(known, record);
-  if (work != nullptr && work->flop == 0) return block;
-  const mapping_segment segment = mappings_t::get_segment(record.map_seg_id);
-  if (segment.begin == 0 && record.code == nullptr) {
-    log(LEVEL_DEBUG, "Cant find mapping segment at %lx address\n", block.start);
-    return block;
-  }
-  // Deliberately only the low half of the file offset: results have always been so, and no module has code beyond 4
-  // GiB.
-  const std::uint64_t to_file = record.code == nullptr ? static_cast<std::uint32_t>(segment.offset) - segment.begin : 0;
-  block.dump_start = block.start + to_file;
-  block.dump_end = block.end + to_file;
-  block.count = static_cast<std::int64_t>(record.count);
-  block.module = record.code == nullptr ? segment.name : generated_module_name;
-  if (work != nullptr) {
-    block.flop = work->flop;
-    block.vector_length = work->vector_length;
-    return block;
-  }
-  arithmetic_count arithmetic;
-  if (record.code != nullptr) {
-    set_generated_block_flop(*record.code, block, arithmetic);
-  } else if (!set_basic_block_flop(finder, block, arithmetic)) {
-    return block;
-  }
-  known[record.start] = {record.end, record.map_seg_id, record.code, block.flop, block.vector_length, arithmetic};
-  return block;
+  return block_of(record, find_or_count_work(finder, record, known));
 }
 
 void name_generated_code(bintracer_report& report, const perf_map& names) {
@@ -182,28 +219,6 @@ void name_generated_code(bintracer_report& report, const perf_map& names) {
       if (!name.empty()) block.module = std::move(name);
     }
   }
-}
-
-bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block, arithmetic_count& arithmetic) {
-  std::array<std::uint32_t, max_basic_block_size> buffer{};
-  instr_flop work = new_work();
-  const std::uint64_t partial_bb_num =
-      ((block.dump_end - block.dump_start) / instruction_size + max_basic_block_size - 1) / max_basic_block_size;
-  log(LEVEL_TRACE, "Read basic block from module %s, start_off=%lx, end_of=%lx, partial_bb_num=%ld",
-      block.module.c_str(), block.dump_start, block.dump_end, static_cast<long>(partial_bb_num));
-  for (std::uint64_t part = 0; part < partial_bb_num; ++part) {
-    const std::uint64_t part_start = block.dump_start + part_size * part;
-    const std::uint64_t partial_bb_size = std::min(part_size, block.dump_end - part_start);
-    log(LEVEL_TRACE, "Read partial basic block start_off=%lx, partial_bb_size=%lx", part_start, partial_bb_size);
-    if (!finder.get_basic_block_instruction_code(buffer.data(), block.module, part_start,
-                                                 part_start + partial_bb_size)) {
-      log(LEVEL_WARN, "Failed to read basic block from module = %s, start_offset = %lx, end_offset = %lx",
-          block.module.c_str(), block.dump_start, block.dump_end);
-      return false;
-    }
-    add_work(buffer.data(), partial_bb_size / instruction_size, part_start, work, block, arithmetic);
-  }
-  return true;
 }
 
 }  // namespace ceilmeter

@@ -29,8 +29,8 @@ struct arithmetic_count {
 
 // The floating-point work of a block, by its start. It is kept for the next thread or region that has run the block,
 // because all threads run mostly the same blocks. It holds for a block that also ends at the same place and comes from
-// the same segment, or has the same generated code. Blocks that could not be read are not kept, so each is tried, and
-// logged, again.
+// the same segment, or has the same generated code. Blocks without such work are not kept: to read one again costs no
+// more than to find it. Nor are those that could not be read, so each is tried, and logged, again.
 struct block_work {
   std::uint64_t end = 0;
   std::uint64_t map_seg_id = 0;
@@ -52,9 +52,5 @@ basic_block_record calculate_bb_metrics(instruction_finder& finder, const bb_rec
 
 // Gives blocks of generated code the names that the application has written down for it: in their `module`.
 void name_generated_code(bintracer_report& report, const perf_map& names);
-
-// Reads the block's instructions by its module and offsets, sets its `flop` and `vector_length` and adds to
-// `arithmetic`. False if a part could not be read; the work of the parts before it stands.
-bool set_basic_block_flop(instruction_finder& finder, basic_block_record& block, arithmetic_count& arithmetic);
 
 }  // namespace ceilmeter

@@ -13,6 +13,7 @@
 #include "a64/classifier.h"
 #include "a64/classifier_rows.h"
 #include "a64/flop_keys.h"
+#include "a64/scalable_work.h"
 #include "counted_by_hand.h"
 #include "support.h"
 
@@ -241,6 +242,33 @@ TEST(flop_table, counts_random_words_as_the_table_written_by_hand) {
     ASSERT_EQ(counted(word), expected) << hex(word) << ", seed " << seed;
   }
   EXPECT_GT(counting, 10'000) << "the random words hardly reach the counted encodings";
+}
+
+// A row fixes the bits that choose the encoding group, so that one word of it stands for all.
+TEST(instr_flop, words_of_every_row_that_counts_may_be_arithmetic_and_most_others_are_not) {
+  constexpr std::uint32_t group_bits = 0x1e000000;
+  int refused = 0;
+  for (const classifier_row& row : classifier_rows) {
+    const bool is_work = std::ranges::any_of(flop_keys, [&row](const flop_key& key) {
+      return key.form_id == row.form_id && key.format_id == row.format_id;
+    });
+    if (is_work || is_uncounted_scalable_work(row.value)) {
+      EXPECT_EQ(row.mask & group_bits, group_bits) << hex(row.value);
+      EXPECT_TRUE(may_be_arithmetic(row.value)) << hex(row.value);
+    }
+    if (!may_be_arithmetic(row.value)) ++refused;
+  }
+  EXPECT_GT(refused, 100);
+  EXPECT_FALSE(may_be_arithmetic(0xd503201f));  // nop
+  EXPECT_FALSE(may_be_arithmetic(0xf9400000));  // ldr x0, [x0]
+  EXPECT_FALSE(may_be_arithmetic(0x14000000));  // b .
+}
+
+// Scalable words are recognised by these bits alone, whatever row they have.
+TEST(instr_flop, all_scalable_words_may_be_arithmetic) {
+  for (const std::uint32_t word : {0x65c10000U, 0x04000000U, 0x80800000U, 0xa0000000U, 0xc1200000U}) {
+    EXPECT_TRUE(may_be_arithmetic(word)) << hex(word);
+  }
 }
 
 }  // namespace

@@ -163,6 +163,38 @@ TEST_F(finding_instructions, path_with_a_symbolic_link_and_its_target_share_one_
   EXPECT_EQ(finder.open_file_impl(folder / "./module"), finder.open_file_impl(module));
 }
 
+TEST_F(finding_instructions, words_are_the_files_wherever_blocks_lie) {
+  const std::size_t words = 300000;
+  const std::string first = make_module("first", words);
+  const std::string second = make_module("second", words / 2);
+  std::uint64_t place = 1;
+  for (int round = 0; round < 3000; ++round) {
+    place = place * 6364136223846793005 + 1442695040888963407;
+    const bool is_first = (place >> 61 & 1) != 0;
+    const std::uint64_t index = (place >> 20) % (words / 2 - 64);
+    ASSERT_TRUE(read(is_first ? first : second, 4 * index, 4 * index + 256)) << index;
+    ASSERT_EQ(buffer[0], 1000 + index);
+    ASSERT_EQ(buffer[63], 1063 + index);
+  }
+}
+
+TEST_F(finding_instructions, last_block_of_a_file_is_read_and_the_next_word_is_not) {
+  const std::string module = make_module("module", 1024 + 10);
+  ASSERT_TRUE(read(module, 4 * 1014, 4 * 1034));
+  EXPECT_EQ(words(20), counted_from(2014, 20));
+  const log_capture log(LEVEL_WARN);
+  EXPECT_FALSE(read(module, 4 * 1014, 4 * 1035));
+}
+
+// What is missing is looked for again in the file, not in what was read of it.
+TEST_F(finding_instructions, file_that_has_grown_is_read_further) {
+  const std::string module = make_module("module", 12);
+  ASSERT_TRUE(read(module, 0, 48));
+  make_module("module", 20);
+  ASSERT_TRUE(read(module, 40, 80));
+  EXPECT_EQ(words(10), counted_from(1010, 10));
+}
+
 TEST_F(finding_instructions, two_files_have_two_streams) {
   const std::string first = make_module("first", 10);
   const std::string second = make_module("second", 20);

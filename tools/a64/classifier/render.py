@@ -59,6 +59,53 @@ const std::array<flop_key, flop_key_count> flop_keys = {{"""]
     return "\n".join(lines)
 
 
+# The bits that choose a word's bucket: those that most rows fix and that divide the rows best. classifier.cpp has the
+# same function.
+KEY_BITS = 0xffe0a000
+BUCKETS = 1 << 13
+
+
+def bucket_of(word):
+    return (word >> 21) << 2 | (word >> 14 & 2) | (word >> 13 & 1)
+
+
+def buckets(rows):
+    """The positions of the rows that words of each bucket can match, ascending."""
+    found = [[] for _ in range(BUCKETS)]
+    for position, row in enumerate(rows):
+        open_bits = KEY_BITS & ~row.mask
+        filling = 0
+        while True:  # Every way to fill the key bits that the row leaves open.
+            found[bucket_of(row.value | filling)].append(position)
+            filling = (filling - open_bits) & open_bits
+            if filling == 0:
+                break
+    return found
+
+
+def number_table(name, numbers):
+    text = textwrap.wrap(" ".join(f"{number}," for number in numbers), 120, initial_indent="    ",
+                         subsequent_indent="    ")
+    return [f"const std::uint16_t {name}[] = {{", *text, "};", ""]
+
+
+def buckets_cpp(rows):
+    found = buckets(rows)
+    first = [0]
+    for positions in found:
+        first.append(first[-1] + len(positions))
+    lines = [HEAD + """\
+// The rows by buckets: where in classifier_bucket_rows each bucket begins, and the positions of its rows.
+#include "a64/classifier_rows.h"
+
+namespace ceilmeter {
+"""]
+    lines += number_table("classifier_bucket_first", first)
+    lines += number_table("classifier_bucket_rows", [position for positions in found for position in positions])
+    lines += ["}  // namespace ceilmeter", ""]
+    return "\n".join(lines)
+
+
 def files(rows, mnemonics, keys):
     return {"src/a64/classifier_rows.cpp": rows_cpp(rows), "src/a64/mnemonic_names.cpp": names_cpp(mnemonics),
-            "src/a64/flop_keys.cpp": keys_cpp(keys)}
+            "src/a64/classifier_buckets.cpp": buckets_cpp(rows), "src/a64/flop_keys.cpp": keys_cpp(keys)}
