@@ -158,14 +158,30 @@ std::uint64_t new_blocks(std::uint64_t rounds) {
   return sum;
 }
 
+// Each round says of a line that holds data only that its code is void, as a program does that writes code.
+std::uint64_t invalidations(std::uint64_t rounds) {
+  alignas(256) static std::uint8_t line[256];
+  std::uint64_t sum = 0;
+  asm volatile(
+      "1: ic ivau, %2\n"
+      "   add %0, %0, #1\n"
+      "   subs %1, %1, #1\n"
+      "   b.ne 1b\n"
+      : "+r"(sum), "+r"(rounds)
+      : "r"(line)
+      : "cc", "memory");
+  return sum;
+}
+
 struct loop {
   const char* name;
   std::uint64_t (*run)(std::uint64_t rounds);
 };
 
-constexpr loop loops[] = {{"straight", straight},         {"conditional", conditional}, {"calls", calls},
-                          {"indirect", indirect},         {"memory", memory},           {"unknown", unknown},
-                          {"system_calls", system_calls}, {"new_blocks", new_blocks}};
+constexpr loop loops[] = {
+    {"straight", straight},         {"conditional", conditional}, {"calls", calls},
+    {"indirect", indirect},         {"memory", memory},           {"unknown", unknown},
+    {"system_calls", system_calls}, {"new_blocks", new_blocks},   {"invalidations", invalidations}};
 
 }  // namespace
 

@@ -58,11 +58,10 @@ enum bb_exit_kind : std::uint32_t {
   EXIT_DIRECT = 3,      // B, BL.
   EXIT_REGISTER = 4,    // BR, BLR, RET, and those to signed addresses.
   EXIT_B_COND = 5,
-  EXIT_CBZ = 6,            // CBZ, CBNZ.
-  EXIT_TBZ = 7,            // TBZ, TBNZ.
-  EXIT_TRACE = 8,          // The trampoline of a trace's exit.
-  EXIT_COMPARE = 9,        // CB<cc>, CBB<cc>, CBH<cc>.
-  EXIT_INVALIDATION = 10,  // IC IVAU: the dispatcher drops a line's code and goes on behind it.
+  EXIT_CBZ = 6,      // CBZ, CBNZ.
+  EXIT_TBZ = 7,      // TBZ, TBNZ.
+  EXIT_TRACE = 8,    // The trampoline of a trace's exit.
+  EXIT_COMPARE = 9,  // CB<cc>, CBB<cc>, CBH<cc>.
 };
 
 // Values of bb_meta::link_state. A first link is 1 or 2. The value 4 is ORed in; it means one thing for a block and
@@ -220,11 +219,13 @@ struct thread_data {
   std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
   held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
   // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
-  std::uint64_t code_epoch;           // The epoch up to which this thread has dropped what others have dropped.
-  std::uint64_t acknowledged_epoch;   // It begins no more blocks from before this one.
-  std::uint32_t runs_call;            // It handles a system call, and looks at the epoch afterwards.
-  std::uint64_t invalidated_address;  // Of an IC IVAU, on the way to the dispatcher.
-  std::uint32_t visit_wanted;         // A signal is being sent to it that makes it look.
+  std::uint64_t code_epoch;          // The epoch up to which this thread has dropped what others have dropped.
+  std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
+  std::uint32_t runs_call;           // It handles a system call, and looks at the epoch afterwards.
+  // Of an IC IVAU, on its way to the dispatcher: the address, and then not 0. Rewritten code writes both.
+  std::uint64_t invalidated_address;
+  std::uint64_t invalidates;
+  std::uint32_t visit_wanted;  // A signal is being sent to it that makes it look.
   // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
   // one. 0: none, or not noted; -1: the last one.
   std::int32_t fragment_chains[FRAGMENT_CHAINS];

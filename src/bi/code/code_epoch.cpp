@@ -141,13 +141,18 @@ void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end) {
   apply_code_epoch(thread);
 }
 
-void invalidate_line(thread_data* thread, std::uint64_t address) {
+std::uint64_t invalidated_line_bytes() {
   // The smallest line of all instruction caches, in words, as a power of two: what the application is shown as well.
   static const std::uint64_t line = [] {
     std::uint64_t ctr = 0;
     asm("mrs %0, ctr_el0" : "=r"(ctr));
     return std::uint64_t{4} << (ctr & 15);
   }();
+  return line;
+}
+
+void invalidate_line(thread_data* thread, std::uint64_t address) {
+  const std::uint64_t line = invalidated_line_bytes();
   const std::uint64_t start = address & ~(line - 1);
   drop_code(thread, start, start + line);
   drop_aliases(thread, start, start + line);

@@ -33,8 +33,10 @@ void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end);
 // thread may need one before it comes to its next look at the epoch.
 void settle_code_epoch(thread_data* thread);
 
-// The application has invalidated the line of the address (IC IVAU). A line from which nothing was translated costs one
-// look.
+// The bytes of a line that IC IVAU invalidates.
+std::uint64_t invalidated_line_bytes();
+
+// The application has invalidated the line of the address (IC IVAU), and something was perhaps translated from it.
 void invalidate_line(thread_data* thread, std::uint64_t address);
 
 // Drops what other threads have dropped. Returns whether this thread had any of it; what the caller knows of fragments

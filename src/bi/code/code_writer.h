@@ -208,6 +208,10 @@ struct code_writer {
   }
   void and_(x_register rd, x_register rn, x_register rm) const { put_logical(0, rd, rn, rm); }
   void mov(x_register rd, x_register rm) const { put_logical(1, rd, xzr, rm); }
+  void lsr(x_register rd, x_register rn, x_register rm) const {
+    constexpr std::uint32_t lsrv = 9;
+    a64_two_sources(cursor++, 1, rm.number, lsrv, rn.number, rd.number);
+  }
   void mov_from_sp(x_or_sp rd) const { add(rd, sp, 0); }
   void movz(x_register rd, std::uint32_t imm16, std::uint32_t lsl = 0) const {
     a64_mov_wide(cursor++, 1, 2, lsl / 16, imm16, rd.number);
@@ -244,7 +248,9 @@ struct code_writer {
   void blr(x_register rn) const { a64_blr(cursor++, rn.number); }
   void ret(x_register rn = x30) const { a64_ret(cursor++, rn.number); }
 
-  // System registers and traps.
+  // System registers, barriers and traps.
+  void dmb_ish() const { word(0xd5033bbf); }    // dmb ish
+  void dmb_ishld() const { word(0xd50339bf); }  // dmb ishld
   void mrs(x_register rt, system_register from) const { put_system(1, rt, from); }
   void msr(system_register to, x_register rt) const { put_system(0, rt, to); }
   void svc(std::uint32_t imm16) const { a64_svc(cursor++, imm16); }

@@ -165,9 +165,9 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
     next_addr[1] = stripped;  // Held signals find it as their pc.
   }
   log(LEVEL_TRACE, "source block index: %d", source_index);
-  if (thread->metas[source_index].exit_kind == EXIT_INVALIDATION) {
+  if (thread->invalidates != 0) {
+    thread->invalidates = 0;
     invalidate_line(thread, without_tag(thread->invalidated_address));
-    source_index = 0;
   }
   if (follow_code_epoch(thread)) source_index = 0;  // The fragment that was left may be gone: it gets no link.
   if (keeps_below_sp(thread)) {

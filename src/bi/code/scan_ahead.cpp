@@ -72,7 +72,7 @@ fragment_end find_end(source_window& window, const std::uint32_t* read) {
   for (;; ++read) {
     if (begins_unreadable_page(read)) return {read, false};
     const std::uint32_t word = word_at(window, read);
-    if (is_invalidation(word)) return {read, false};
+    if (is_invalidation(word)) return {read, true};
     switch (const int inst = a64_decode(&word)) {
       case A64_CBZ:
       case A64_B_COND:

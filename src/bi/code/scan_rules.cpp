@@ -3,14 +3,17 @@
 #include "bi/code/scan_rules.h"
 
 #include <atomic>
+#include <cstddef>
 
 #include "a64/classifier_rows.h"
 #include "bi/a64/a64.h"
+#include "bi/code/code_epoch.h"
 #include "bi/code/code_writer.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scanner.h"
 #include "bi/code/source_map.h"
+#include "bi/code/translated_pages.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -135,6 +138,77 @@ void rewrite_svc(scan_state& state) {
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, next});
   state.bb_start = next;
   deliver_scan_event(state, {MORA_PRE_BB, MORA_NO_INST, true, nullptr});
+  raise_sp(state);
+}
+
+namespace {
+
+// Goes on to `marked` if something was translated from the line, or perhaps was, and to what follows if not. `a` and
+// `b` are free.
+void look_for_mark(const code_writer& code, x_register line, x_register a, x_register b, code_label& marked) {
+  constexpr std::uint64_t leaf_mask = ((std::uint64_t{1} << (TRANSLATED_ADDRESS_BITS - TRANSLATED_LEAF_BITS)) - 1)
+                                      << TRANSLATED_LEAF_BITS;
+  constexpr std::uint64_t page_mask = ((std::uint64_t{1} << (TRANSLATED_LEAF_BITS - TRANSLATED_PAGE_BITS)) - 1)
+                                      << TRANSLATED_PAGE_BITS;
+  constexpr int pointer_bits = 3;
+  code_label no_leaf;
+  static_assert(offsetof(translated_record, not_enough) == 0 && offsetof(translated_record, leaves) == 8);
+  code.load_const(a, address_of(&translated));
+  code.ldr(b, post_index(a, offsetof(translated_record, leaves)));
+  code.cbnz(b, marked);
+  code.and_(b, line, leaf_mask);
+  code.add(a, a, b, SHIFT_LSR, TRANSLATED_LEAF_BITS - pointer_bits);
+  code.ldr(a, at(a));
+  code.cbz(a, no_leaf);
+  code.and_(b, line, page_mask);
+  code.add(a, a, b, SHIFT_LSR, TRANSLATED_PAGE_BITS - pointer_bits);
+  code.ldr(a, at(a));
+  code.add(b, xzr, line, SHIFT_LSR, TRANSLATED_LINE_BITS);
+  code.lsr(a, a, b);
+  code.tbnz(a, 0, marked);
+  code.bind(no_leaf);
+}
+
+// The same where a drop has begun that not all threads have followed: it may be of this line, without its mark.
+void look_for_unsettled_drop(const code_writer& code, x_register a, x_register b, code_label& unsettled) {
+  constexpr std::int32_t settled =
+      offsetof(engine_globals, settled_code_epoch) - offsetof(engine_globals, begun_code_epoch);
+  code.dmb_ishld();  // Pairs with the release in clear_translated: who finds the mark gone finds that it has begun.
+  code.load_const(a, address_of(&engine.begun_code_epoch));
+  code.ldr(b, at(a));
+  code.ldr(a, at(a, settled));
+  code.sub(a, a, b);
+  code.cbnz(a, unsettled);
+}
+
+}  // namespace
+
+void put_invalidation(scan_state& state) {
+  const code_writer code{state.write};
+  const x_register line{state.word & 31};
+  const x_register a = line.number == x0.number ? x2 : x0;
+  const x_register b = line.number == x1.number ? x2 : x1;
+  code_label leave;
+  code_label done;
+  code.word(state.word);
+  lower_sp(state);
+  code.push(a, b);
+  code.dmb_ish();  // Pairs with the fence in mark_translated. The application has written its words before.
+  if (invalidated_line_bytes() <= TRANSLATED_LINE) {  // A larger one has several marks.
+    look_for_mark(code, line, a, b, leave);
+    look_for_unsettled_drop(code, a, b, leave);
+    code.b(done);
+  }
+  code.bind(leave);
+  static_assert(offsetof(thread_data, invalidates) == offsetof(thread_data, invalidated_address) + 8);
+  code.load_const(a, address_of(&state.thread->invalidated_address));
+  code.stp(line, a, at(a));
+  code.pop(a, b);
+  code.push(x0, x1);
+  constexpr std::int32_t not_to_be_linked = 0;
+  a64_branch_jump(state.thread, &state.write, address_of(state.read + 1), not_to_be_linked);
+  code.bind(done);
+  code.pop(a, b);
   raise_sp(state);
 }
 

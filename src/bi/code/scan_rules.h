@@ -20,6 +20,13 @@ void rewrite_svc(scan_state& state);
 // An access to the thread pointer becomes one to the application's value in the thread's record. Others are copied.
 void rewrite_system_register(scan_state& state);
 
+// IC IVAU says that what was fetched of a line is void. It is executed: another process may run the same memory. Then
+// comes a look at the record of what was translated (translated_pages.h). If that has nothing of the line, the
+// application goes on by the fragment's exit, which the caller writes. If it has, the thread goes to the dispatcher,
+// which drops the line's code, perhaps this very fragment, and goes on at the next word. No lock, no call: a program
+// that writes much code for the first time pays for the look alone.
+void put_invalidation(scan_state& state);
+
 // MSR of an immediate: copied. The start of streaming mode ends the process with a line that says so.
 void rewrite_state_switch(scan_state& state);
 

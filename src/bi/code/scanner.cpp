@@ -151,21 +151,11 @@ void rewrite_authenticated_branch(scan_state& state, const a64_authenticated_bra
   state.stop = true;
 }
 
-// IC IVAU says that what was fetched of a line is void. It is executed: another process may run the same memory. Then
-// the fragment ends: the dispatcher drops what was translated of the line, perhaps this very fragment, and goes on at
-// the next word.
+// IC IVAU ends the fragment; see put_invalidation.
 void rewrite_invalidation(scan_state& state) {
-  const code_writer code{state.write};
-  const std::uint64_t next = address_of(state.read + 1);
-  const x_register line{state.word & 31};
-  code.word(state.word);
-  begin_exit(state, EXIT_INVALIDATION, next, 0);
-  code.push(x0, x1);
-  const x_register place = line.number == x0.number ? x1 : x0;
-  code.load_const(place, address_of(&state.thread->invalidated_address));
-  code.str(line, at(place));
-  a64_branch_jump(state.thread, &state.write, next, state.bb_id);
-  state.stop = true;
+  reserve_space(state, INVALIDATION_SPACE + EXIT_SPACE);
+  put_invalidation(state);
+  put_direct_exit(state, address_of(state.read + 1));
 }
 
 // Ends the block before the word, which begins a block of its own. The exit is a direct branch to the word, and is

@@ -20,7 +20,7 @@ void forget_mapping(std::uint64_t start, std::uint64_t end);
 void move_mapping(std::uint64_t from, std::uint64_t old_size, std::uint64_t to, std::uint64_t new_size);
 
 // Drops, as drop_code does, what was translated from the pages of the range by their other mappings. While no two
-// mappings share a page, that is one look. No lock is held by the caller.
+// mappings share a page, that is one look; where nothing was translated, it takes no lock. The caller holds none.
 void drop_aliases(thread_data* thread, std::uint64_t start, std::uint64_t end);
 
 }  // namespace ceilmeter

@@ -177,7 +177,6 @@ bool check_trace_fragment(thread_data* thread, std::int32_t id) {
     return true;
   }
   check_inner_branches(thread, fragment, exit);
-  if (fragment.exit_kind == EXIT_INVALIDATION) return true;
   const bool follows_taken = (fragment.link_state & LINK_TAKEN_FIRST) != 0;
   const std::uint64_t path = follows_taken ? fragment.taken_source_addr : fragment.skipped_source_addr;
   if (is_conditional_exit(fragment.exit_kind)) {

@@ -185,7 +185,7 @@ bool extend_trace(thread_data* thread, std::uint32_t* write, std::uint64_t targe
   log(LEVEL_TRACE, "len: %ld", static_cast<long>(end - write + 1) * 4);
   *next_addr = address_of(end);
   trace.write = put_entry_snippet(end, write);
-  if (thread->metas[id].exit_kind == EXIT_REGISTER || thread->metas[id].exit_kind == EXIT_INVALIDATION) {
+  if (thread->metas[id].exit_kind == EXIT_REGISTER) {
     count_trace_event(trace_counts.ends_in_register_branch);
     install_trace(thread);
   }

@@ -12,10 +12,10 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr int ADDRESS_BITS = 48;  // Of the application's half. Higher addresses are not told apart.
-constexpr int LEAF_BITS = 30;
-constexpr int PAGE_BITS = 12;
-constexpr int LINE_BITS = 6;
+constexpr int ADDRESS_BITS = TRANSLATED_ADDRESS_BITS;
+constexpr int LEAF_BITS = TRANSLATED_LEAF_BITS;
+constexpr int PAGE_BITS = TRANSLATED_PAGE_BITS;
+constexpr int LINE_BITS = TRANSLATED_LINE_BITS;
 static_assert(TRANSLATED_LINE == std::uint64_t{1} << LINE_BITS);
 static_assert(PAGE_BITS - LINE_BITS == 6, "a page's lines are the bits of a word");
 
@@ -24,33 +24,30 @@ constexpr std::uint64_t LEAF = std::uint64_t{1} << LEAF_BITS;
 constexpr std::uint64_t PAGES_IN_LEAF = LEAF / PAGE;
 constexpr std::uint64_t BLOCK = 64 * PAGE;  // What a word of the summary stands for.
 
+// The lines come first: rewritten code knows them alone.
 struct translated_leaf {
-  std::uint64_t ever[PAGES_IN_LEAF / 64];
   std::uint64_t lines[PAGES_IN_LEAF];
+  std::uint64_t ever[PAGES_IN_LEAF / 64];
 };
-
-translated_leaf* leaves[std::uint64_t{1} << (ADDRESS_BITS - LEAF_BITS)];
-
-// Something was translated from an address beyond the table, or a leaf could not be mapped: each look finds a mark.
-std::uint32_t knows_nothing;
 
 bool is_beyond(std::uint64_t end) { return (end - 1) >> ADDRESS_BITS != 0; }
 
 translated_leaf* leaf_of(std::uint64_t address) {
   // Acquire: pairs with the exchange that publishes the leaf.
-  return std::atomic_ref(leaves[address >> LEAF_BITS]).load(std::memory_order_acquire);
+  std::uint64_t* lines = std::atomic_ref(translated.leaves[address >> LEAF_BITS]).load(std::memory_order_acquire);
+  return reinterpret_cast<translated_leaf*>(lines);
 }
 
 translated_leaf* make_leaf(std::uint64_t address) {
   void* memory = mmap(nullptr, sizeof(translated_leaf), PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (memory == MAP_FAILED) return nullptr;
-  translated_leaf* there = nullptr;
+  std::uint64_t* there = nullptr;
   auto* made = static_cast<translated_leaf*>(memory);
-  std::atomic_ref place(leaves[address >> LEAF_BITS]);
-  if (place.compare_exchange_strong(there, made, std::memory_order_acq_rel)) return made;
+  std::atomic_ref place(translated.leaves[address >> LEAF_BITS]);
+  if (place.compare_exchange_strong(there, made->lines, std::memory_order_acq_rel)) return made;
   munmap(memory, sizeof(translated_leaf));  // Another thread was first.
-  return there;
+  return reinterpret_cast<translated_leaf*>(there);
 }
 
 std::uint64_t page_index(std::uint64_t address) { return address >> PAGE_BITS & (PAGES_IN_LEAF - 1); }
@@ -70,15 +67,26 @@ void set_bits(std::uint64_t& word, std::uint64_t bits) {
 
 }  // namespace
 
+translated_record translated;
+
+void note_marks_are_not_enough(std::uint64_t why) {
+  // Relaxed: for marks, the fence of mark_translated follows; of an alias the writer of code learns behind the call.
+  std::atomic_ref(translated.not_enough).fetch_or(why, std::memory_order_relaxed);
+}
+
+bool marks_are_not_enough(std::uint64_t why) {
+  return (std::atomic_ref(translated.not_enough).load(std::memory_order_relaxed) & why) != 0;
+}
+
 void mark_translated(std::uint64_t start, std::uint64_t end) {
   if (is_beyond(end)) {
-    std::atomic_ref(knows_nothing).store(1, std::memory_order_relaxed);
+    note_marks_are_not_enough(MARKS_ARE_LOST);
   } else {
     for (std::uint64_t page = start & ~(PAGE - 1); page < end; page += PAGE) {
       translated_leaf* leaf = leaf_of(page);
       if (leaf == nullptr) leaf = make_leaf(page);
       if (leaf == nullptr) {
-        std::atomic_ref(knows_nothing).store(1, std::memory_order_relaxed);
+        note_marks_are_not_enough(MARKS_ARE_LOST);
         break;
       }
       set_bits(leaf->ever[page_index(page) / 64], std::uint64_t{1} << page_index(page) % 64);
@@ -90,7 +98,7 @@ void mark_translated(std::uint64_t start, std::uint64_t end) {
 
 bool has_translated(std::uint64_t start, std::uint64_t end) {
   std::atomic_thread_fence(std::memory_order_seq_cst);  // Pairs with the fence in mark_translated.
-  if (std::atomic_ref(knows_nothing).load(std::memory_order_relaxed) != 0) return true;
+  if (marks_are_not_enough(MARKS_ARE_LOST)) return true;
   if (start >= end || is_beyond(end)) return false;  // Nothing was translated beyond.
   for (std::uint64_t page = start & ~(PAGE - 1); page < end;) {
     translated_leaf* leaf = leaf_of(page);

@@ -54,13 +54,13 @@ std::uint32_t borrowed_register(const std::uint32_t* source) {
 }
 
 // A stub's first push on the application's stack has faulted. What its caller has pushed before is taken back.
-bool leave_stub_entry(const thread_data* thread, mcontext_t& context) {
+bool leave_stub_entry(thread_data* thread, mcontext_t& context) {
   const auto* pushed = reinterpret_cast<const std::uint64_t*>(context.sp);
   if (is_stub_point(thread, context.pc, dispatcher_entry_stub)) {
     // The branch has been made: the application stands where it leads, and pc has no tag. An IC IVAU that the
     // dispatcher has not heard of is made again.
-    const bool invalidates = thread->metas[context.regs[1]].exit_kind == EXIT_INVALIDATION;
-    context.pc = (context.regs[0] & ~TAG) - (invalidates ? sizeof(std::uint32_t) : 0);
+    context.pc = (context.regs[0] & ~TAG) - (thread->invalidates != 0 ? sizeof(std::uint32_t) : 0);
+    thread->invalidates = 0;
     context.regs[0] = pushed[0];
     context.regs[1] = pushed[1];
   } else if (is_stub_point(thread, context.pc, hot_counter_stub)) {
@@ -199,7 +199,7 @@ bool is_in_fault_block(const thread_data* thread, std::uint64_t pc) {
   return id > 0 && thread->metas[id].exit_kind == EXIT_NOT_SET;
 }
 
-bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
+bool restore_faulted_context(thread_data* thread, mcontext_t& context) {
   // The one place that writes to the application's stack while sp is the engine's.
   if (is_between(thread, context.pc, syscall_leave, cache_reentry_stub)) {
     context.sp = save_area(thread)[SYSCALL_APP_SP / 8];

@@ -52,7 +52,7 @@ void undo_syscall(thread_data* thread, mcontext_t& context);
 // registers that the rewritten code has borrowed. A fault of the engine's own push on the application's stack, at its
 // end, belongs to the instruction that the push is made for, or to the one that a branch has led to. Returns false and
 // changes nothing where no source instruction stands behind the fault, as in a stub.
-bool restore_faulted_context(const thread_data* thread, mcontext_t& context);
+bool restore_faulted_context(thread_data* thread, mcontext_t& context);
 
 // Whether the thread stands in a block for a place that cannot be executed.
 bool is_in_fault_block(const thread_data* thread, std::uint64_t pc);
