@@ -1,6 +1,6 @@
-// One thread patches a word that others are running, by the instructions that the architecture allows for that:
-// patched_code [ROUNDS]. The runners synchronise their contexts before each call, and see the patch that was made known
-// before, or a later one.
+// patched_code [ROUNDS]: one thread patches a word that other threads run, with the instructions that the architecture
+// allows for that. The other threads synchronise their contexts before each call. They must see the patch that was
+// published before the call, or a later one.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <stdbool.h>
