@@ -20,7 +20,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// Opens the fields of a roof that somebody else has made.
+// Makes the fields of a roof accessible that other code has made.
 struct open_frame : benchmark_std {
   static std::uint64_t iterations_of(benchmark_std& roof) { return roof.*(&open_frame::iterations); }
   static double duration_of(benchmark_std& roof) { return roof.*(&open_frame::duration); }
