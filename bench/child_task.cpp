@@ -1,4 +1,4 @@
-// A child sends its time and its result through a pipe; its peak of memory is what the kernel tells of it at its end.
+// A child sends its time and its result through a pipe. The kernel tells its peak of memory when it ends.
 #include "child_task.h"
 
 #include <sys/resource.h>
@@ -48,7 +48,7 @@ task_cost run_in_child(const std::function<std::uint64_t(stopwatch&)>& task) {
     result.seen = task(watch);
     result.seconds = watch.seconds();
     const bool sent = write(ends[1], &result, sizeof result) == static_cast<ssize_t>(sizeof result);
-    // Without destructors and without handlers: the work is over.
+    // The work is over: end without destructors and exit handlers.
     _exit(sent ? 0 : 1);
   }
   close(ends[1]);

@@ -1,5 +1,5 @@
-// One measured piece of work in a process of its own, so that the peak of memory is that of this work alone and each
-// repetition starts on a fresh heap. The parent must stay small: a child starts out with the parent's pages.
+// One measured piece of work in a process of its own. The peak of memory is then that of this work alone, and each
+// repetition starts on a fresh heap. The parent must stay small, because a child starts with the parent's pages.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ struct task_cost {
   std::uint64_t seen = 0;           // What the task returned.
 };
 
-// The clock of a task. It counts the processor's time, not the wall's: the machine may have other work.
+// The clock of a task. It counts processor time, not wall-clock time, because the machine may have other work.
 class stopwatch {
  public:
   void start();

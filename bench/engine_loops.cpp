@@ -1,5 +1,5 @@
-// Loops of one kind of code each, for engine_cost.py: what the engine does to it shows undiluted. A C library is below
-// them, so that the start is that of a real program.
+// Loops for engine_cost.py. Each loop has one kind of code, so that its cost under the engine shows alone. The program
+// links the C library, so that its start is that of a real program.
 //
 //   engine_loops KIND ROUNDS     prints a sum, so that a run under the engine can be compared
 #include <unistd.h>
@@ -28,7 +28,7 @@ std::uint64_t straight(std::uint64_t rounds) {
   return sum;
 }
 
-// Blocks of three or four instructions, with conditions of every kind that go one way as often as the other.
+// Blocks of three or four instructions. The conditions are of every kind and go either way equally often.
 std::uint64_t conditional(std::uint64_t rounds) {
   std::uint64_t sum = 1;
   asm volatile(
@@ -67,7 +67,7 @@ std::uint64_t calls(std::uint64_t rounds) {
   return sum;
 }
 
-// A branch through a table of four places, as an interpreter's or a switch's.
+// A branch through a table of four places, as in an interpreter or a switch.
 std::uint64_t indirect(std::uint64_t rounds) {
   std::uint64_t sum = 1;
   asm volatile(
@@ -110,7 +110,7 @@ std::uint64_t memory(std::uint64_t rounds) {
   return sum;
 }
 
-// Instructions that the engine's decoder does not know: each begins a block of its own. Wants a processor with SVE.
+// Instructions that the engine's decoder does not know. Each begins a block of its own. Needs a processor with SVE.
 std::uint64_t unknown(std::uint64_t rounds) {
   std::uint64_t sum = 1;
   asm volatile(
@@ -135,7 +135,7 @@ std::uint64_t system_calls(std::uint64_t rounds) {
   return sum;
 }
 
-// 20,000 blocks of six instructions that run once a round: scanning and linking, and little else.
+// 20,000 blocks of six instructions. Each runs once a round, so nearly all the cost is scanning and linking.
 std::uint64_t new_blocks(std::uint64_t rounds) {
   std::uint64_t sum = 1;
   asm volatile(

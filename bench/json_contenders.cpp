@@ -1,4 +1,4 @@
-// Each library does its ordinary thing with its ordinary calls: one call to parse, one to print with indentation.
+// Each library works with its ordinary calls: one to parse, one to print with indentation.
 #include "json_contenders.h"
 
 #include <cjson/cJSON.h>

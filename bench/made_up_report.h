@@ -11,7 +11,7 @@ namespace ceilmeter::bench {
 // `blocks` blocks, spread evenly over `regions` regions, and 13 roofs for each of the first `thread_counts` counts.
 collector_report made_up_report(std::uint64_t blocks, std::uint64_t regions, std::uint64_t thread_counts);
 
-// What a later run of the hardware counters alone would bring for these regions.
+// What a later run with the hardware counters alone would add for these regions.
 std::vector<perfmon_region> made_up_counters(std::uint64_t regions);
 
 }  // namespace ceilmeter::bench

@@ -1,12 +1,13 @@
-// How long the result file of a large application takes, and how much memory: the tool's own road (read, join, write),
-// and its JSON library beside two others on the same file in the same run.
+// Time and memory for the result file of a large application: the tool's own path (read, join, write), and its JSON
+// library beside two others on the same file in the same run.
 //
 //   report_bench [--blocks N] [--regions N] [--thread-counts N] [--repetitions N]
 //
-// Every figure is the median over the repetitions, which go round all tasks in turn, so that a slow stretch of the
-// machine falls on all. Memory is a child's largest resident set less that of a child that did only what stands before
-// the task: nothing for the road, loading the text for the libraries. So a print's or save's peak has the tree in it,
-// and a print's the new text; these differ in length, as cJSON puts a whole array on one line.
+// Every figure is the median over the repetitions. The repetitions go round all tasks in turn, so that a slow phase of
+// the machine affects all tasks. Memory is a child's largest resident set, less that of a child that did only what
+// precedes the task: nothing for the tool's path, loading the text for the libraries. So the peak of a print or a save
+// contains the tree, and that of a print contains the new text as well. The texts differ in length, because cJSON puts
+// a whole array on one line.
 #include <getopt.h>
 #include <unistd.h>
 
@@ -73,8 +74,8 @@ std::uint64_t blocks_of(const collector_report& report) {
   return count;
 }
 
-// The road of a run that adds counters to an earlier file, as far as `steps` steps: all blocks are read, copied into
-// the new regions, written.
+// The path of a run that adds counters to an earlier file, up to step `steps`: all blocks are read, copied into the new
+// regions, written.
 std::uint64_t road(const settings& chosen, const std::string& path, const std::string& output, int steps,
                    stopwatch& watch) {
   std::vector<perfmon_region> counters = made_up_counters(chosen.regions);
@@ -134,7 +135,7 @@ std::vector<task> make_tasks(const settings& chosen, const std::string& path, co
 
 void print_row(const task& row, std::int64_t baseline_kilobytes) {
   const auto seconds = median<double>(row.costs, &task_cost::seconds);
-  // The one task that is its own baseline shows 0.
+  // This task is its own baseline, so the difference would be 0.
   const auto kilobytes = median<std::int64_t>(row.costs, &task_cost::peak_kilobytes) - baseline_kilobytes;
   std::printf("%-18s %-10s %10.1f %10.1f\n", row.name.c_str(), row.subject.c_str(), seconds * 1e3,
               static_cast<double>(kilobytes) / 1024);

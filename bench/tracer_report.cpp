@@ -1,10 +1,10 @@
-// The time that the tracer's report takes after a run: so many threads that have all run the same blocks of real
+// The time that the tracer's report takes after a run in which many threads have all run the same blocks of real
 // modules.
 //
 //   tracer_report [--threads N] [--blocks N] MODULE...
 //
-// Blocks are cut from the modules' executable segments where instructions branch, as a run would find them, up to the
-// number asked for. No application runs: the records are made here as the tracer's callbacks would have left them.
+// The blocks are cut from the modules' executable segments at branch instructions, as a run would find them, up to the
+// number asked for. No application runs: this program makes the records that the tracer's callbacks would have left.
 #include <elf.h>
 
 #include <algorithm>
@@ -48,7 +48,7 @@ record record_at(const std::string& content, std::size_t offset) {
   return result;
 }
 
-// Maps the module's code behind `next_address` and cuts it into blocks.
+// Maps the module's code at `next_address` and cuts it into blocks.
 void add_module(const char* path, bintracer_t& tracer, std::uint64_t& next_address, std::vector<block>& blocks) {
   std::ifstream stream(path, std::ios::binary);
   const std::string content{std::istreambuf_iterator<char>(stream), {}};
@@ -84,7 +84,7 @@ int run(int argc, char** argv) {
   std::vector<block> blocks;
   std::uint64_t next_address = 0x400000;
   for (; word < argc; ++word) add_module(argv[word], tracer, next_address, blocks);
-  // Spread over all modules.
+  // The blocks are taken from all modules evenly.
   std::vector<block> chosen;
   const std::size_t wanted = std::min(block_count, blocks.size());
   for (std::size_t index = 0; index < wanted; ++index) chosen.push_back(blocks[index * blocks.size() / wanted]);

@@ -33,9 +33,12 @@ endif()
 add_library(ceilmeter_rules INTERFACE)
 target_include_directories(ceilmeter_rules INTERFACE "${PROJECT_SOURCE_DIR}/src")
 target_compile_definitions(ceilmeter_rules INTERFACE _GNU_SOURCE)
-target_compile_options(ceilmeter_rules INTERFACE
-  $<$<COMPILE_LANGUAGE:C,CXX>:-Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef -Wvla>
-  $<$<AND:$<COMPILE_LANGUAGE:C,CXX>,$<BOOL:${CEILMETER_WERROR}>>:-Werror>)
+# Also for what is compiled by a command, as code of the building machine in the middle of a build for AArch64.
+set(CEILMETER_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef -Wvla)
+if(CEILMETER_WERROR)
+  list(APPEND CEILMETER_WARNINGS -Werror)
+endif()
+target_compile_options(ceilmeter_rules INTERFACE "$<$<COMPILE_LANGUAGE:C,CXX>:${CEILMETER_WARNINGS}>")
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # GCC 12 reports overlaps inside std::string's own operator+ when it inlines it.
   target_compile_options(ceilmeter_rules INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)

@@ -56,9 +56,9 @@ roof_maker memory_roof(const char* name, std::uint64_t elements, bool useLocalNu
 
 }  // namespace
 
-roof_list machine_roofs() { return machine_roofs((getauxval(AT_HWCAP) & HWCAP_ASIMDHP) != 0); }
+roof_list full_roofs() { return full_roofs((getauxval(AT_HWCAP) & HWCAP_ASIMDHP) != 0); }
 
-roof_list machine_roofs(bool has_half_precision) {
+roof_list full_roofs(bool has_half_precision) {
   return {
       .measured_once =
           {

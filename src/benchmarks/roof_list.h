@@ -22,7 +22,10 @@ struct roof_list {
 // The thirteen roofs of the machine: eight floating-point throughputs, then L1 and L2, all measured once, then L3, DDR
 // and DDR on the local NUMA node. Each runs for one second. The two of half precision are 0, after one warning, where
 // the processor has no such arithmetic.
+roof_list full_roofs();
+roof_list full_roofs(bool has_half_precision);
+
+// Those that a run measures: full_roofs().
 roof_list machine_roofs();
-roof_list machine_roofs(bool has_half_precision);
 
 }  // namespace ceilmeter

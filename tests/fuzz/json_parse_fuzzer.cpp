@@ -13,8 +13,8 @@
 namespace ceilmeter {
 namespace {
 
-// The parser's recursion is bounded by nothing but the stack, and that is wanted: an overflow would be no finding.
-// Inputs that may nest deeper than this are left out. A sanitizer's stack frames of this depth fit a default stack.
+// Only the stack bounds the parser's recursion, and that is intended: an overflow would be no finding. Inputs that may
+// nest deeper than this are left out. A default stack has room for a sanitizer's frames of this depth.
 constexpr std::int64_t deepest_nesting = 1000;
 
 void require(bool holds, const char* what) {
@@ -123,7 +123,8 @@ void check_text(const std::string& text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // The library's texts end at their NUL.
   const std::string text(reinterpret_cast<const char*>(data), strnlen(reinterpret_cast<const char*>(data), size));
-  // No text nests deeper than it has opening brackets. Closing ones mustn't be counted: they may stand in strings.
+  // A text nests at most as deep as it has opening brackets. Closing brackets must not be counted, because they may
+  // stand in strings.
   const auto openings = std::count(text.begin(), text.end(), '[') + std::count(text.begin(), text.end(), '{');
   if (openings <= ceilmeter::deepest_nesting) ceilmeter::check_text(text);
   return 0;

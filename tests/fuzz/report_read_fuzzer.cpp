@@ -17,7 +17,7 @@
 namespace ceilmeter {
 namespace {
 
-// The parser's recursion is bounded by nothing but the stack, and that is wanted: deeper inputs are left out.
+// Only the stack bounds the parser's recursion, and that is intended. Deeper inputs are left out.
 constexpr std::int64_t deepest_nesting = 1000;
 
 void require(bool holds, const char* what) {
@@ -47,8 +47,8 @@ bool named(const json_token* token, const char* key) {
   return json_get_key(token) != nullptr && std::string(json_get_key(token)) == key;
 }
 
-// A block whose eighth field is no string ends the process, and that is wanted. Of duplicate keys all are looked at,
-// although the reader takes the first.
+// A block whose eighth field is no string ends the process, and that is intended. The check looks at all duplicate
+// keys, although the reader takes the first.
 bool has_block_without_module(const json_token* root) {
   for (const json_token* regions = json_first_child(root); regions != nullptr; regions = json_next_sibling(regions)) {
     if (!named(regions, "regions")) continue;
@@ -76,7 +76,7 @@ bool is_survivable(const std::string& text) {
   return survivable;
 }
 
-// Texts are written raw: these two characters make a file that reads otherwise or not at all.
+// The writer does not escape texts. With one of these two characters the file reads differently, or not at all.
 bool reads_back(const std::string& text) { return text.find_first_of("\"\\") == std::string::npos; }
 
 bool reads_back(const collector_report& report) {

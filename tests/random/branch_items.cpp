@@ -1,4 +1,4 @@
-// Items whose instructions depend on where they stand: all of what the engine rewrites but system calls.
+// Items whose instructions depend on their address: all that the engine rewrites, except system calls.
 #include "bi/a64/a64.h"
 #include "generator.h"
 
@@ -12,7 +12,7 @@ std::uint32_t back_by(std::int32_t words, std::uint32_t width) {
 
 }  // namespace
 
-// An item somewhat further on; finish_function cuts it to the function's end.
+// An item a little further on. finish_function limits it to the function's end.
 place generator::ahead() {
   const std::uint32_t distance = random_.one_in(4) ? 1 : random_.between(1, random_.one_in(8) ? 60 : 12);
   return {current_index_, static_cast<std::uint32_t>(current_->items.size()) - 1 + distance};
@@ -120,7 +120,7 @@ void generator::call_item() {
   done();
 }
 
-// Forwards, back, and out: both ways of every backward branch lead on.
+// A branch forwards, one back and one out. Both ways of every backward branch lead on.
 void generator::backward_item() {
   item& zigzag = start("backward branch");
   zigzag.add(a64_b, 0, 2);
@@ -144,7 +144,7 @@ void generator::backward_item() {
   done();
 }
 
-// Words in the middle of code that are none, as compilers' literals and tables are.
+// Words between instructions that are no instructions, like the literals and tables of compilers.
 void generator::island_item() {
   item& island = start("island");
   const std::uint32_t words = random_.between(1, 8);
@@ -171,7 +171,7 @@ void generator::literal_item() {
   done();
 }
 
-// Any offset, its limits included: the address is only a number.
+// Any offset, the limits included, because nothing is accessed at the address.
 void generator::address_item() {
   constexpr std::uint32_t limits[] = {0, 1, 0xfffff, 0x100000, 0x1fffff};
   const std::uint32_t offset = random_.one_in(4) ? random_.pick(limits) : random_.below(1u << 21);

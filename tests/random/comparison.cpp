@@ -1,6 +1,6 @@
-// Shrinking is a bisection over the items: ever smaller runs of them are replaced by NOPs while both executions still
-// differ, first with all addresses kept, then with the NOPs left out. A program that no longer ends natively as it
-// should is no candidate, so nothing need be known of what items need of each other.
+// Shrinking is a bisection over the items. Ever smaller runs of items are replaced by NOPs as long as the two
+// executions still differ, first with all addresses kept, then with the NOPs left out. A program that natively no
+// longer ends as it should is rejected, so the bisection needs to know nothing of what items require of each other.
 #include "comparison.h"
 
 #include <sys/wait.h>
@@ -58,7 +58,7 @@ class shrinker {
   void run() {
     change(item_state::KEPT, item_state::BLANK);
     change(item_state::BLANK, item_state::GONE);
-    // With other addresses more may be dispensable.
+    // With other addresses, more items may turn out to be dispensable.
     while (change(item_state::KEPT, item_state::GONE)) {
     }
   }
@@ -66,7 +66,7 @@ class shrinker {
   unsigned runs() const { return runs_; }
 
  private:
-  // Takes as many items as it can from one state to the other; whether there were any.
+  // Changes as many items as it can from one state to the other. True if it changed any.
   bool change(item_state from, item_state to) {
     bool changed = false;
     std::size_t length = items_in(from).size();

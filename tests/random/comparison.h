@@ -1,4 +1,4 @@
-// A program natively and under the engine: whether the two differ, how, and the least of it that still differs.
+// Runs a program natively and under the engine: whether the two differ, how, and the smallest part that still differs.
 #pragma once
 
 #include <string>
@@ -35,10 +35,10 @@ program shrink(const test_bed& bed, program made, unsigned* runs);
 // The items that are left, a line for each word: address, word, class, item.
 std::string list_items(const program& made);
 
-// The number of instructions of the items that are left, the program's beginning and end apart.
+// The number of instructions of the remaining items, without the program's beginning and end.
 std::size_t count_words(const program& made);
 
-// A case file: the program as it stands, words and all, with the listing as comments.
+// A case file: the program with all its words, and the listing as comments.
 std::string write_case(const program& made, const std::string& difference);
 // False if the text is no case file.
 bool read_case(const std::string& text, image* what);

@@ -8,12 +8,12 @@ namespace {
 
 constexpr std::uint32_t SP = 31;
 
-// Bases of accesses lie where the longest offset either way stays within memory.
+// A base lies so that the longest offset in either direction stays within the memory.
 constexpr std::uint64_t FIRST_BASE = MEMORY_OFFSET + 0x1000;
 constexpr std::uint32_t BASE_RANGE = 0x2000;
 static_assert(FIRST_BASE + BASE_RANGE + 4095 * 16 + 64 < MEMORY_END_OFFSET);
 
-// What every frame has free above sp.
+// The free room that every frame has above sp.
 constexpr std::uint32_t FRAME_FREE = 16;
 constexpr std::uint32_t FRAME_FREE_END = 0xe0;
 
@@ -113,7 +113,7 @@ void generator::memory_item() {
     std::uint64_t offset = random_.below(0x1000);
     const std::uint32_t option = has_field(row, "option") ? field_of(row, word, "option") : 3;
     if ((option & 4) != 0 && random_.one_in(2)) offset = 0 - (offset & 0xff);
-    // Of an index of 32 bits the rest is disregarded.
+    // Only the low 32 bits of such an index count.
     if ((option & 1) == 0) offset = (offset & 0xffffffff) | random_.next() << 32;
     access.add_constant(index, offset);
   } else if (use == row_use::STRUCTURE_POST && has_field(row, "Rm")) {
@@ -123,7 +123,7 @@ void generator::memory_item() {
   done();
 }
 
-// A load-exclusive and its store, until it succeeds; or a store without a load, which fails.
+// A load-exclusive and its store, repeated until the store succeeds; or a store without a load, which fails.
 void generator::exclusive_item() {
   const std::uint32_t pair = random_.below(2);
   const std::uint32_t size = pair != 0 ? random_.between(2, 3) : random_.below(4);
@@ -149,7 +149,7 @@ void generator::exclusive_item() {
   done();
 }
 
-// Stores some registers where nothing else is stored, so that values which do not live to the end are compared as well.
+// Stores some registers in a place of their own, so that values that do not live to the end are compared as well.
 void generator::record_item() {
   if (made_.records == MOST_RECORDS) return data_item();
   const std::uint64_t address = data_address(RECORD_OFFSET + RECORD_SIZE * made_.records++);
@@ -168,7 +168,7 @@ void generator::record_item() {
   done();
 }
 
-// Below sp an application keeps nothing, and sp is a multiple of 16 whenever memory is accessed by it.
+// An application keeps nothing below sp, and sp is a multiple of 16 whenever memory is accessed through it.
 void generator::stack_item() {
   item& stack = start("stack");
   const encoding& row = encodings_.rows[random_.pick(encodings_.of(row_use::VECTOR))];

@@ -1,5 +1,5 @@
-// Rows are chosen by group, and by name where a group holds what no comparison of two runs can hold: instructions whose
-// result is the process's secret (pointer authentication), or chance.
+// Rows are chosen by group. They are chosen by name where a group contains instructions whose result two runs need not
+// share: it depends on a secret of the process (pointer authentication), or on chance.
 #include "encodings.h"
 
 #include <algorithm>
@@ -70,7 +70,7 @@ constexpr group_use GROUPS[] = {
 // all of these. The stores of 64 bytes are for devices; read-check-write needs tables of the operating system's.
 const std::vector<const char*> REFUSED = {"PAC",   "AUT",  "IRG",   "WFE",   "WFI", "MSR_SI", "GCS", "CHKFEAT", "STSHH",
                                           "STCPH", "HINT", "LD64B", "ST64B", "RCW", "STG",    "LDG", "SHUH"};
-// Of SVE: the stack pointer as result; a first-fault register such as no load leaves behind.
+// Of SVE these are left out: the stack pointer as result, and a first-fault register that no load has left like this.
 const std::vector<const char*> REFUSED_SVE = {"addvl", "addpl", "addsvl", "addspl", "wrffr"};
 
 std::optional<row_use> use_of(const std::string& group, const std::string& name) {

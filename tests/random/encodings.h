@@ -1,5 +1,5 @@
-// The encodings that random programs are made of: rows of tools/a64/a64_encodings.tsv, the table behind decoder and
-// encoders, chosen by their groups. Which values of a row's fields a processor knows the table does not say, so each
+// The encodings of which random programs are made: rows of tools/a64/a64_encodings.tsv, the table behind decoder and
+// encoders, chosen by their groups. The table does not say which values of a row's fields a processor knows. So each
 // row gets a number of words with random fields, and a probe program tells which of them the processor executes.
 #pragma once
 
@@ -68,8 +68,8 @@ encoding_set read_encodings(const std::string& path);
 // probe. The words depend on nothing but the table and the count.
 void sample_words(encoding_set& set, std::uint32_t count);
 
-// All words in order, for the probe; and what it says of them in the same order, one letter each, '1' for words that it
-// could execute. False if the answer does not fit the question. Rows without a word left are not in by_use.
+// All words in order, for the probe. And the probe's answer in the same order: one letter each, '1' for words that it
+// could execute. False if the answer does not fit the question. Rows without a remaining word are not in by_use.
 std::vector<std::uint32_t> words_to_probe(const encoding_set& set);
 bool keep_executable(encoding_set& set, const std::string& verdicts);
 

@@ -1,5 +1,5 @@
-// A program's beginning, which gives every register a value of the seed's, and its end, which writes all of them and a
-// hash of memory to standard output.
+// A program's beginning, which gives every register a value from the seed, and its end, which writes all registers and
+// a hash of the memory to standard output.
 #include "bi/a64/a64.h"
 #include "generator.h"
 

@@ -20,7 +20,7 @@ constexpr std::uint32_t FRAME_SIZE = 0x130;
 constexpr std::uint32_t MINUS_FRAME = (0u - FRAME_SIZE / 8) & 0x7f;
 constexpr std::uint32_t SP = 31;
 
-// Where a program may stand: loading an address of it takes one, two or three instructions, with gaps.
+// Where a program may be linked. Loading an address takes one, two or three instructions, with gaps, depending on that.
 constexpr std::uint64_t BASES[] = {0x400000, 0x10000000, 0x1'0000'0000, 0x10'0040'0000, 0x12'3457'0000};
 
 }  // namespace
@@ -32,7 +32,7 @@ generator::generator(const encoding_set& encodings, std::uint64_t seed) : encodi
 }
 
 program generator::make() {
-  // As many programs between 1,000 and 2,000 instructions as between 5,000 and 10,000.
+  // Programs of 1,000 to 2,000 instructions are as frequent as programs of 5,000 to 10,000.
   std::uint32_t words = 1'000 << random_.below(4);
   words = std::min(9'900u, words + random_.below(words));
   const std::uint32_t functions = random_.below(1 + words / 400);
@@ -58,7 +58,7 @@ void generator::make_function(std::uint32_t words, std::uint64_t most_cost) {
   size_ = 0;
   item& entry = start("entry");
   entry.add(a64_ldp_stp, 2, 0, 3, 0, MINUS_FRAME, 30, SP, 29);  // stp x29, x30, [sp, #-0x130]!
-  // What was below sp before is nobody's; a frame that is read has to be written first.
+  // The words below sp had no defined content before, so a frame that is read has to be written first.
   for (std::uint32_t reg = 0; reg < 18; reg += 2) entry.add(a64_ldp_stp, 2, 1, 2, 0, 1 + reg, reg + 1, SP, reg);
   done();
 
@@ -95,7 +95,7 @@ void generator::make_main(std::uint32_t words) {
   finish_function(exit_item);
 }
 
-// Items until about so many words are written.
+// Adds items until about that many words are written.
 void generator::make_block(std::uint32_t words, std::uint32_t rounds, std::uint32_t depth) {
   const std::uint32_t end = size_ + words;
   while (size_ < end) {
@@ -110,7 +110,8 @@ void generator::make_block(std::uint32_t words, std::uint32_t rounds, std::uint3
   }
 }
 
-// Back to the top while the counter, or the flags of its subtraction, say so; by one of five kinds of branches.
+// Branches back to the top as long as the counter, or the flags of its subtraction, demand it, by one of five kinds of
+// branches.
 void generator::put_loop_branch(item& back, std::uint32_t kind, const place& top, std::uint32_t counter) {
   constexpr std::uint32_t gt = 12;
   constexpr std::uint32_t le = 13;
@@ -142,7 +143,7 @@ void generator::make_loop(std::uint32_t words, std::uint32_t rounds, std::uint32
     return;
   }
   const std::uint64_t slot = data_address(COUNTER_OFFSET + 8 * made_.counters++);
-  // Most loops are short; some go round often enough to be called hot.
+  // Most loops are short. Some run often enough to become hot.
   const auto most = static_cast<std::uint32_t>(std::min<std::uint64_t>(affordable, random_.one_in(8) ? 1'500 : 12));
   const std::uint32_t kind = random_.below(5);
   std::uint64_t count = random_.between(2, most);
@@ -163,7 +164,7 @@ void generator::make_loop(std::uint32_t words, std::uint32_t rounds, std::uint32
 
   make_block(words, rounds * rounds_inside, depth + 1);
 
-  // A branch from elsewhere may have come in with the counter at 0: all of these end then, too.
+  // A branch from elsewhere may have entered with the counter at 0. All of these loops end then, too.
   rounds_ = rounds * rounds_inside;
   const std::uint32_t base_2 = any_register();
   const std::uint32_t counter_2 = other_register({base_2});
@@ -211,14 +212,14 @@ void generator::make_item() {
   } else if (chance < 980) {
     stack_item();
   } else if (chance < 990 || made_.has_sve) {
-    // A system call gives up all of the vectors but their low 128 bits: programs that hold more than that make none.
+    // A system call preserves only the low 128 bits of vectors. So programs that hold more than that make none.
     exclusive_item();
   } else {
     syscall_item();
   }
 }
 
-// Branches that were to go beyond the function's end go to its exit instead; literals close the function.
+// Branches beyond the function's end are sent to its exit instead. The literals end the function.
 void generator::finish_function(std::uint32_t exit_item) {
   item& pool = start("literals");
   for (int i = 0; i < 32; ++i) pool.words.push_back(static_cast<std::uint32_t>(random_.next()));

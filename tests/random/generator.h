@@ -1,6 +1,6 @@
-// Makes a random program of a seed. Control only ever goes forwards, or back by a counter in memory that every way
-// round lowers, and functions call only functions made before them, so that every program ends whatever its registers
-// hold. No register is reserved: counters, return addresses and bases are loaded where they are used.
+// Makes a random program from a seed. Every program ends, whatever its registers hold: control goes forwards only, or
+// back by a counter in memory that every backward branch lowers, and functions call only functions that were made
+// before them. No register is reserved: counters, return addresses and bases are loaded where they are used.
 #pragma once
 
 #include <cstdint>

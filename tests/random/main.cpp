@@ -131,7 +131,7 @@ bool prepare(const options& chosen, encoding_set* set) {
          set->of(row_use::FLOATING).size() > 50 && set->of(row_use::OFFSET_12).size() > 10;
 }
 
-// Shrinks, tells and keeps a program that differs.
+// Shrinks a program that differs, reports it and keeps it.
 void report(const options& chosen, const program& made, const comparison& found) {
   std::printf("seed %" PRIu64 " differs\n%s", made.seed, describe_difference(found, made.has_sve).c_str());
   std::fflush(stdout);

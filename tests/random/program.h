@@ -27,7 +27,7 @@ constexpr std::uint32_t MOST_COUNTERS = 0x2000 / 8;
 constexpr std::uint32_t RECORD_SIZE = 96;
 constexpr std::uint32_t MOST_RECORDS = 0x10000 / RECORD_SIZE;
 
-// The start of an item.
+// The first word of an item.
 struct place {
   std::uint32_t function;
   std::uint32_t item;

@@ -18,7 +18,7 @@ class random_source {
     return z ^ z >> 31;
   }
 
-  // A number below the bound, which is not 0. The bias of the remainder is of no account here.
+  // A number below the bound, which is not 0. The bias of the remainder does not matter here.
   std::uint32_t below(std::uint32_t bound) { return static_cast<std::uint32_t>((next() >> 16) % bound); }
   std::uint32_t between(std::uint32_t low, std::uint32_t high) { return low + below(high - low + 1); }
   bool one_in(std::uint32_t n) { return below(n) == 0; }
@@ -32,7 +32,7 @@ class random_source {
     return list[below(N)];
   }
 
-  // A register's worth: all lengths are as likely, and so are small negative numbers.
+  // A value for a register. All lengths are equally likely, and small negative numbers as well.
   std::uint64_t value() {
     const std::uint64_t bits = next() >> below(64);
     return one_in(3) ? ~bits : bits;

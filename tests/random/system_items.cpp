@@ -118,7 +118,8 @@ void generator::syscall_item() {
     case 4: put_syscall(call, NR_GETUID); break;
     case 5: put_syscall(call, NR_FIRST_UNKNOWN + random_.below(1'000'000)); break;
     case 6:
-      // Another set of blocked signals, and which were blocked before. SIGILL is the engine's: it does not let it be.
+      // Sets another set of blocked signals and reads the one before. SIGILL is left out: the engine uses it and never
+      // lets it be blocked.
       load_base(call, 1, memory);
       call.add_constant(2, random_.value() & ~SIGILL_BIT);
       call.add(a64_ldr_str_unsigned, 3, 0, 0, 0, 1, 2);

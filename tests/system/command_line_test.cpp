@@ -16,7 +16,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-// Written down here once more, word for word: the text is part of the tool's face.
+// The usage text is written here once more, word for word, because it is part of the tool's interface.
 std::string usage_text() {
   return "usage: " + tool_path().string() + " <OPTIONS> [--] command-line [args]\n" +
          "OPTIONS:\n"
@@ -44,7 +44,7 @@ class command_line : public ::testing::Test {
     return run_process(words, options);
   }
 
-  // Standard error is the complaint and the single newline with which the log closes a run that does not start.
+  // Standard error has the complaint and the single newline with which the log ends a run that does not start.
   void expect_refusal(const std::vector<std::string>& words, const std::string& complaint) const {
     const process_result result = run(words);
     EXPECT_EQ(result.out, usage_text());
@@ -248,7 +248,7 @@ TEST_F(command_line, every_phase_value_and_its_complement_is_understood) {
                                                          {"~benchmarks", 3}, {"~full", 7}};
   for (const auto& [value, phase] : rows) {
     process_options how;
-    // The configuration is logged before anything runs, and the roofs, which take longer, are of no interest here.
+    // The configuration is logged before anything runs. The test does not wait for the roofs, which take longer.
     how.seconds_allowed = 4;
     const process_result result = run({"-l", "info", "-o", "r.json", "--phase=" + value, "/bin/true"}, how);
     EXPECT_THAT(result.err, HasSubstr("config phase = " + std::to_string(phase) + "\n")) << value;

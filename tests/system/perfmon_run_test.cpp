@@ -1,6 +1,6 @@
 // `ceilmeter --phase=perfmon` on real programs and a real kernel: closing lines, result file, log and status. The
-// emulated counter unit opens the tool's events but moves none of them, so that the byte metrics are 0 here and the
-// time is what can be checked; that counts arrive is shown with events of the tests' own.
+// emulated counter unit opens the tool's events but moves none of them, so the byte metrics are 0 here and only the
+// time can be checked. That counts reach the file is shown with events of the tests' own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -181,8 +181,8 @@ TEST_F(perfmon_run, group_holds_six_events_at_warn) {
   }
 }
 
-// The emulated unit has room for six, not for ten, and a kernel refuses to make a child that would inherit a group
-// which its unit cannot hold: from info on the extra four are closed again before the application starts.
+// The emulated unit has room for six counters, not for ten. A kernel refuses to make a child that would inherit a group
+// that its unit cannot hold. So from level info on, the extra four are closed again before the application starts.
 TEST_F(perfmon_run, of_ten_events_that_the_unit_cannot_hold_four_are_closed_and_the_application_runs) {
   for (const std::string level : {"info", "debug", "trace"}) {
     const process_result counted = run({"-l", level}, {"/bin/echo", "ran"});
@@ -214,7 +214,7 @@ TEST_F(perfmon_run, application_that_cannot_be_executed_is_reported_and_the_file
   const std::string path = (folder / "data").string();
   const process_result counted = run({}, {path});
   EXPECT_EQ(counted.out, lines_before(path) + lines_after());
-  // The bare newline is the child's last word to the log.
+  // The bare newline is the last thing that the child writes to the log.
   EXPECT_THAT(log_lines(counted.err), ElementsAre("Error: Failed to start " + path, "Permission denied", "",
                                                   "run_application warn Application exit status is 1!", ""));
   EXPECT_EQ(counted.status, 0);

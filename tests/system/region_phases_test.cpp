@@ -1,5 +1,5 @@
 // Region mode through both application phases, `--mode=region` with the tracer: the same marks give blocks and counters
-// by one name. The work inside the regions is fixed, and its floating-point operations are counted to the last one.
+// under one name. The work inside the regions is fixed, and its floating-point operations are counted exactly.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -58,7 +58,7 @@ class region_phases_test : public ::testing::Test {
     return {};
   }
 
-  // As the file has it: the operations of all blocks, each as often as it ran.
+  // As in the file: the sum over all blocks of operations times executions.
   std::uint64_t flop(const std::string& name) const {
     std::uint64_t sum = 0;
     for (const auto& [start, block] : region(name).bbs) sum += static_cast<std::uint64_t>(block.flop * block.count);
@@ -128,15 +128,15 @@ TEST_F(region_phases_test, under_the_tracer_no_counter_is_opened_and_the_applica
   EXPECT_THAT(done.out, Not(HasSubstr("ROOFLINE_EVENTS")));
   const std::string trace = content_of(calls);
   EXPECT_THAT(trace, Not(HasSubstr("perf_event_open(")));
-  // The tool itself: before and after the run it looks whether an earlier file can be read, it reads it, opens it to
-  // write over it, and makes one since there is none.
+  // The tool's own opens: before and after the run it checks whether an earlier file can be read, reads it, opens it to
+  // overwrite it, and creates one because there is none.
   std::size_t opened = 0;
   for (std::size_t at = 0; (at = trace.find(result().string(), at)) != std::string::npos; ++at) ++opened;
   EXPECT_EQ(opened, 5u) << trace;
 }
 
 TEST_F(region_phases_test, the_stencil_of_every_example_counts_its_operations_exactly) {
-  // On n by n points an application is one product a point and one sum a neighbour, the boundary having none.
+  // On n by n points an application costs one product a point and one sum a neighbour. The boundary has no neighbours.
   constexpr std::uint64_t n = 20;
   constexpr std::uint64_t iterations = 10;
   constexpr std::uint64_t expected = iterations * (n * n + 4 * n * n - 4 * n);
@@ -152,7 +152,7 @@ TEST_F(region_phases_test, the_stencil_of_every_example_counts_its_operations_ex
     std::vector<std::string> all = {tool_path().string(), "--mode=region", "--phase=bintracer", "-o",
                                     result().string()};
     all.insert(all.end(), words.begin(), words.end());
-    // So few iterations leave an error that the example itself calls a failure: 1.
+    // After so few iterations the error is one that the example itself calls a failure: status 1.
     EXPECT_EQ(run_process(all, {.environment = {{"OMP_NUM_THREADS", "2"}}}).status, 1);
     EXPECT_THAT(region_names(), UnorderedElementsAre("assembly", "stencil", "vectors"));
     EXPECT_EQ(flop("stencil"), expected);
@@ -226,21 +226,21 @@ TEST_F(region_phases_test, an_exit_inside_a_region_without_finalize_is_counted_b
   EXPECT_EQ(flop("r"), 10 * flop_of_one_round);
 }
 
-// The child has a region of its own and calls everything, in the middle of its parent's region.
+// The child marks a region of its own and calls all functions, while its parent is in a region.
 const std::vector<std::string> forked_inside_a_region = {"init",    "start=r",   "work=10", "(",
                                                          "start=c", "work=1000", "stop=c",  "finalize",
                                                          ")",       "work=5",    "stop=r",  "finalize"};
 
 TEST_F(region_phases_test, a_child_that_is_forked_inside_a_region_is_not_in_the_tracers_result) {
-  // The child's calls go to what the tracer has of it, which is thrown away, with or without a warning.
+  // The child's calls reach the child's copy of the tracer, which is thrown away, with or without a warning.
   run_script("bintracer", forked_inside_a_region);
   EXPECT_THAT(region_names(), ElementsAre("r"));
   EXPECT_EQ(flop("r"), 15 * flop_of_one_round);
 }
 
 TEST_F(region_phases_test, of_a_process_and_its_forked_child_the_last_to_finalize_has_its_counters_in_the_file) {
-  // The child is counted by its parent's group as well as by its own, which few counter units can do at once: the log
-  // may say so.
+  // Its parent's group counts the child as well as the child's own group. Few counter units can do both at once: the
+  // log may say so.
   run_script("perfmon", forked_inside_a_region);
   EXPECT_THAT(region_names(), ElementsAre("r"));
   EXPECT_GT(time("r"), 0u);

@@ -1,6 +1,6 @@
-// `ceilmeter --mode=region --phase=perfmon` on the examples and on programs that make every mistake with regions, on a
-// real kernel. The emulated counter unit opens the tool's events but moves none of them: what can be checked here are
-// the regions, their time and the log; that counts arrive is shown with events of the tests' own.
+// `ceilmeter --mode=region --phase=perfmon` on the examples, and on programs that make every mistake with regions, on a
+// real kernel. The emulated counter unit opens the tool's events but moves none of them, so only the regions, their
+// time and the log can be checked. That counts reach the file is shown with events of the tests' own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -159,7 +159,7 @@ TEST_F(region_run_test, start_without_init_is_counted_and_finalize_without_init_
 TEST_F(region_run_test, start_a_start_b_stop_b_stop_a_counts_both_and_b_within_a) {
   const process_result done = run_script(
       {"init", "start=A", "work=10000", "start=B", "work=10000", "stop=B", "work=10000", "stop=A", "finalize"});
-  // Two groups of six on one thread are more than most counter units hold: they take turns then, and the log says so.
+  // Two groups of six on one thread are more than most counter units hold. They then take turns, and the log says so.
   EXPECT_THAT(
       log_lines(done.err),
       Each(::testing::AnyOf("perfmon warn core counters have multiplexing!",
@@ -270,8 +270,8 @@ TEST_F(region_run_test, a_relative_result_path_follows_the_application_to_anothe
   EXPECT_THAT(content_of(folder / "app.roofline.json"), Not(HasSubstr("\"r\": {")));
 }
 
-// As with the group over the whole application, the kernel makes no thread for the owner of a group that its unit
-// cannot hold, and from info on there are ten counters in a group: those that do not fit are closed at the first start.
+// As with the group over the whole application, the kernel refuses to make a thread if the group of its owner does not
+// fit the unit. From level info on a group has ten counters; those that do not fit are closed at the first start.
 TEST_F(region_run_test, at_info_a_thread_is_made_after_the_first_start_although_ten_counters_do_not_fit) {
   const process_result done =
       run({"-o", result().string(), "--log-level=info", "--log-file", (folder / "log").string()},
@@ -282,7 +282,7 @@ TEST_F(region_run_test, at_info_a_thread_is_made_after_the_first_start_although_
   EXPECT_THAT(run_script({"init", "start=r", "[", "work=1", "]", "stop=r", "finalize"}).err, IsEmpty());
 }
 
-// The tool has opened the log before the application does, and writes on after it.
+// The tool has opened the log before the application does, and writes to it again afterwards.
 TEST_F(region_run_test, the_log_file_has_the_lines_of_tool_and_application) {
   const std::string log = (folder / "log").string();
   const process_result done = run({"-o", result().string(), "--log-level=info", "--log-file", log},

@@ -1,5 +1,5 @@
-// What a run makes of the result file that an earlier one left, by real runs against one file. The file's earlier
-// content is made by hand where no phase of this run could have left it.
+// What a run makes of the result file of an earlier run, by real runs against one file. Where no phase of this run
+// could have left the earlier content, it is made by hand.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -38,7 +38,7 @@ class result_join : public ::testing::Test {
     return region;
   }
 
-  // As a traced run with roofs for 1 and 3 threads would have left it.
+  // As if a traced run with roofs for 1 and 3 threads had left it.
   void leave_earlier_result(const std::vector<std::string>& names) const {
     collector_report report;
     for (const std::string& name : names) report.regions.push_back(region_with_blocks(name));

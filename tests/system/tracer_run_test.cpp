@@ -1,5 +1,5 @@
-// `ceilmeter --phase=bintracer` on real programs and a real kernel: output, status, log and result file. That the
-// counts are exact is shown by the tests of tracer/, against an independent count.
+// `ceilmeter --phase=bintracer` on real programs and a real kernel: output, status, log and result file. The tests of
+// tracer/ show that the counts are exact, by an independent count.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -73,7 +73,7 @@ TEST_F(tracer_run, work_and_threads_of_fixed_work_are_exact_from_2_to_32_threads
 TEST_F(tracer_run, block_of_the_application_is_tied_to_its_file) {
   run({}, {program("long_block")});
   const region_metric region = total();
-  // The loop is entered from above once, in a block that begins at the function, and from its end twice.
+  // The loop is entered once from above, in a block that begins at the function, and twice from its end.
   ASSERT_EQ(region.bbs.size(), 2U);
   std::int64_t count = 0;
   for (const auto& [start, block] : region.bbs) {

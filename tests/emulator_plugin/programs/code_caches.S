@@ -1,6 +1,5 @@
-// Maps what a code cache looks like, and runs code in it: a RET at its start 5 times, and 256 bytes behind that a loop
-// of
-// 100 rounds and a RET, 3 times. Then unmaps it, maps a page less at its place, and runs a RET there 7 times.
+// Maps memory of the size of a code cache, and runs code in it: a RET at its start 5 times, and at 256 bytes a loop of
+// 100 rounds and a RET, 3 times. Then unmaps it, maps one page less in its place, and runs a RET there 7 times.
 //   42 instructions before the first loop is entered; cache: 3 * (1 + 200 + 1); stubs: 5
         .global _start
 _start:

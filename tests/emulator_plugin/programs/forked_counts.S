@@ -1,5 +1,5 @@
-// 8 instructions before it is two processes, SVC included, and one behind it in both; then 3 in the child, and in the
-// parent 6 to wait and 3.
+// 8 instructions before the fork, its SVC included, and one behind it in both processes; then 3 in the child, and in
+// the parent 6 to wait and 3.
         .global _start
 _start:
         mov     x0, #17         // clone(SIGCHLD, 0, 0, 0, 0)

@@ -1,5 +1,5 @@
-// Exclusive pairs whose insides are known: 10 rounds of a pair with two instructions in between, of which every second
-// round makes a load and a store as well; a pair that CLREX gives up; a pair around cache maintenance.
+// Exclusive pairs whose content is known: 10 rounds of a pair with two instructions in between, of which every second
+// round also makes a load and a store; a pair that CLREX gives up; a pair around cache maintenance.
         .text
         .globl  _start
 _start:

@@ -23,8 +23,8 @@ std::uint64_t calls;
 std::uint64_t wrong_arguments;
 std::uint64_t call_with_signal;  // The number of the call that raises one; 0: none.
 
-// Whatever a C function may change: the registers that are not its caller's, the vector state with its status and its
-// mode, and the flags.
+// Changes whatever a C function may change: the caller-saved registers, the vector state with its status and mode, and
+// the flags.
 void spoil() {
   if (++calls == call_with_signal) syscall(SYS_tgkill, getpid(), gettid(), SIGUSR1);
   asm volatile(
@@ -87,8 +87,8 @@ std::uint64_t told_returns;
 std::uint64_t recursive_function;
 std::set<std::string> watched_names;
 
-// Those that look at their return address, or do not return the way they were called; and what runs before the library
-// can be called at all is not worth telling apart.
+// Leaves out functions that look at their return address or do not return in the usual way. What runs before the
+// library can be called at all is not told apart either.
 bool is_watchable(const char* name) {
   constexpr const char* parts[] = {"setjmp",  "longjmp", "context",    "exit",   "Exit",     "abort",
                                    "vfork",   "clone",   "start_main", "_start", "main",     "backtrace",

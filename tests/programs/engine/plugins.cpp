@@ -57,10 +57,10 @@ bool is_plausible(const mora_context* ctx) {
     case MORA_PRE_FRAGMENT:
       return mora_get_source_addr(ctx) != 0 && mora_get_inst(ctx) == -1 && mora_get_fragment_id(ctx) > 0;
     case MORA_POST_BB:
-      // At a system call one word further than at an exit.
+      // At a system call the end lies one word further than at an exit.
       return mora_get_end_addr(ctx) - mora_get_source_addr(ctx) <= 4;
     case MORA_POST_FRAGMENT: {
-      // A basic block, or a part of a trace, whose indices lie behind those of the blocks.
+      // A basic block, or a part of a trace. The indices of the latter lie behind those of the blocks.
       constexpr int first_of_traces = 55000;
       const bool in_trace = mora_get_fragment_id(ctx) >= first_of_traces;
       if (in_trace) ++trace_fragments;

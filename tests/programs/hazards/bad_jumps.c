@@ -1,5 +1,5 @@
-// Goes where there is no code: bad_jumps null|unmapped|unreadable|undefined|undefined_later [caught]. The signal's
-// default action ends the program, or a handler of its own leaves again and again by siglongjmp.
+// bad_jumps null|unmapped|unreadable|undefined|undefined_later [caught]: goes to where there is no code. The signal's
+// default action ends the program; with `caught`, the program's own handler leaves by siglongjmp, again and again.
 #include <setjmp.h>
 #include <signal.h>
 

@@ -1,5 +1,5 @@
-// What below_sp.c runs on the small stack. None of it uses the stack by itself: whatever changes below the stack
-// pointer is not the program's.
+// What below_sp.c runs on the small stack. None of this code uses the stack, so any change below the stack pointer is
+// not the program's.
         .text
         .balign 4
 

@@ -1,6 +1,6 @@
-// A stack with nothing but a pattern below its stack pointer: whatever runs there, at most 64 bytes of the pattern may
-// change. Light-weight threads have stacks of a few kibibytes; all below the stack pointer that they do not use
-// themselves is no one's.
+// A stack with nothing but a pattern below its stack pointer. Whatever runs there, at most 64 bytes of the pattern may
+// change. Light-weight threads have stacks of a few kibibytes, and nobody but the thread may use what lies below its
+// stack pointer.
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <sched.h>

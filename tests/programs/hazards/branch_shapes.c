@@ -1,5 +1,5 @@
-// Branches whose sides meet: to the next instruction, which makes both sides the same, and to themselves. A branch to
-// itself that is taken goes on until a signal's handler changes what it tests, or steps over it.
+// Branches with one target on both sides, which is the next instruction, and branches to themselves. A branch to itself
+// that is taken goes on until a signal's handler changes what it tests, or steps over it.
 #include <signal.h>
 #include <string.h>
 #include <sys/time.h>

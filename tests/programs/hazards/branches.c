@@ -1,5 +1,5 @@
-// Runs every conditional branch of branches.S on values that take it and values that do not, again and again, in both
-// orders: which side is reached first decides how the exit is linked.
+// Runs every conditional branch of branches.S on values that take it and on values that do not, again and again and in
+// both orders: the side that is reached first decides how the exit is linked.
 #include "../syscalls/check.h"
 
 enum { B_COND, COMPARE_32, COMPARE_64, TEST_BIT, ON_ZERO, KINDS };

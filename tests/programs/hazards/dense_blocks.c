@@ -1,5 +1,5 @@
-// Blocks of one instruction each, side by side up to a multiple of 2 MiB, at several such places: tables of blocks that
-// go by the low bits of an address meet their end here.
+// Blocks of one instruction each, side by side up to a multiple of 2 MiB, at several such places. Tables of blocks that
+// are indexed by the low bits of an address reach their end here.
 #include "written_code.h"
 
 enum { TWO_MIB = 2 << 20, BLOCKS = 40, PLACES = 5 };

@@ -1,5 +1,5 @@
-// Libraries loaded, run, unloaded, and others loaded after them: a kernel gives them the same address. Takes the folder
-// of the libraries, dl_one.so and dl_two.so.
+// Libraries are loaded, run and unloaded, and others loaded after them. The kernel gives them the same address. Takes
+// the folder of the libraries dl_one.so and dl_two.so.
 #include <dlfcn.h>
 #include <string.h>
 

@@ -1,4 +1,4 @@
-// A library of dl_cycle, built twice: the functions are alike but for the sum.
+// A library of dl_cycle, built twice. The functions of the two differ only in their sum.
 int calls;
 long work(long value);
 static long (*volatile next)(long);

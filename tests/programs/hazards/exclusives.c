@@ -1,6 +1,6 @@
-// Loops of exclusive loads and stores of every size, with branches and a call between the two, among four threads. A
-// block that has its exit inside such a pair goes through the engine the first times and loses the reservation: the
-// loop goes round again.
+// Loops of exclusive loads and stores of every size, with branches and a call between the two, on four threads. A block
+// whose exit lies inside such a pair goes through the engine the first times and loses the reservation; the loop then
+// goes round again.
 #include <pthread.h>
 #include <stdint.h>
 
@@ -40,7 +40,7 @@ static void add_one_each(void) {
                : "x8", "x9", "x10", "memory");
 }
 
-// The value goes up by 2 if it is even, by 1 otherwise: it stays even but for its first step.
+// The value grows by 2 if it is even and by 1 otherwise, so it stays even after its first step.
 static void add_with_branches(void) {
   asm volatile(
       "1: ldxr x8, [%0]\n tbz x8, #0, 2f\n b 3f\n2: add x8, x8, #1\n3: add x8, x8, #1\n"

@@ -17,7 +17,7 @@ tests:
         udf     #1
         end_test
 
-// Flags are N and C. Each skips the word behind it and comes to a block of its own.
+// The flags are N and C. Each branch skips the word behind it and comes to a block of its own.
         test    "conditions that hold"
         .irp    cond, ne, cs, mi, vc, hi, lt, le, al
         b.\cond 1f
@@ -84,7 +84,7 @@ tests:
         svc     #0
         end_test
 
-// 3000 rounds: every block's counter runs through several times.
+// 3000 rounds, so that the counter of every block runs down several times.
         test    "hot loop", 20, 0
         mov     x20, #3000
 1:      tbz     x20, #2, 2f

@@ -17,7 +17,7 @@ static char* code_at(long offset, const unsigned* words, size_t count) {
 
 static unsigned field(long value, int width, int shift) { return (unsigned)(value & ((1l << width) - 1)) << shift; }
 
-// A branch that is taken to where a function returns `number`. Behind the branch a 0 would be returned.
+// A taken branch to a place that returns `number`. If it is not taken, 0 is returned.
 static void branch(const char* name, unsigned word, int width, int shift, long offset) {
   static unsigned number;
   const unsigned there[] = {mov_w0(++number), RET};

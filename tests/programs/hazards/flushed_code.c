@@ -1,6 +1,6 @@
-// Code that is written over in place and made known by cache maintenance alone, without a system call: flushed_code
-// [ROUNDS]. In memory that is writable and executable; on the stack; in a ring of many small functions; by the block
-// that runs it next.
+// flushed_code [ROUNDS]: code that is overwritten in place and made visible by cache maintenance alone, without a
+// system call. In memory that is writable and executable; on the stack; in a ring of many small functions; and by the
+// block that runs it next.
 #include "written_code.h"
 
 enum { READ_WRITE_EXEC = PROT_READ | PROT_WRITE | PROT_EXEC };
@@ -53,8 +53,8 @@ static void ring(unsigned rounds) {
   CHECK(munmap(memory, SIZE) == 0);
 }
 
-// long change_itself(void): writes the word in w1 over the one that is to run behind the isb, and runs it; the block is
-// the same. Returns what the word has made of 0.
+// long change_itself(void): writes the word in w1 over the word behind the isb, which belongs to the same block, and
+// then runs it. Returns what that word has made of 0.
 static const unsigned change_itself[] = {
     0x52800000,  //  0: mov w0, #0
     0x10000102,  //  4: adr x2, 36

@@ -1,5 +1,5 @@
-// One source, linked in every way: static, static-pie, PIE, at fixed addresses. What differs between them at the start
-// is what it looks at: its own headers, relocations, ifuncs, constructors, thread-local words, exceptions.
+// One source, linked in every way: static, static-pie, PIE, at fixed addresses. The program looks at what these ways
+// start differently with: its own headers, relocations, ifuncs, constructors, thread-local words, exceptions.
 #include <elf.h>
 #include <link.h>
 #include <sys/auxv.h>

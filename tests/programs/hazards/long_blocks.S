@@ -75,7 +75,7 @@
         .balign 8
 two:    .xword  2
 
-// Blocks of all lengths around those that fill a piece: here any one of them could meet its end in a bad place.
+// Blocks of all lengths around those that fill a piece of the cache. Any of these lengths could end in a bad place.
         .macro  of_length count
         function length_\count
         plain   \count

@@ -1,6 +1,6 @@
-// Some 60,500 blocks, more than the code cache holds, in a row. long all_blocks(long value) returns value + 60500.
-// long linked_blocks(long value) goes through 54,000, which do fit, and links both sides of each: more links than are
-// kept.
+// Some 60,500 blocks in a row, more than the code cache holds. long all_blocks(long value) returns value + 60500. long
+// linked_blocks(long value) goes through 54,000 blocks, which do fit, and links both sides of each. These are more
+// links than the engine keeps.
         .text
         .globl  all_blocks
 all_blocks:

@@ -1,5 +1,5 @@
-// More blocks than the code cache holds, executed again and again: it is flushed while blocks are being made. And more
-// links between blocks than are kept.
+// Executes more blocks than the code cache holds, again and again, so the cache is flushed while blocks are being made.
+// There are also more links between blocks than the engine keeps.
 #include "../syscalls/check.h"
 
 long all_blocks(long value);

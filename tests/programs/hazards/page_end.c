@@ -1,5 +1,5 @@
-// Code at the very end of its mapping: a block that never gets to the unreadable page behind it, and one that goes on
-// across a boundary of pages into code of another mapping.
+// Code at the very end of its mapping: a block that never reaches the unreadable page behind it, and a block that goes
+// on across a page boundary into code of another mapping.
 #include "written_code.h"
 
 int main(void) {

@@ -93,8 +93,8 @@ static void many_pages(void) {  // More ranges of code than one would keep a lis
 }
 
 // long rewrite_and_call(void* page, long protection_size, unsigned long words, long rounds): makes `page_of_calls`
-// writable, writes the two words there, makes it executable, calls it directly, and begins anew with the first word's
-// number one higher. Returns the sum.
+// writable, writes the two words there, makes the page executable, calls it directly, and repeats this with the
+// immediate of the first word one higher. Returns the sum of the results.
 long rewrite_and_call(void* page, long size, unsigned long words, long rounds);
 extern char page_of_calls[];
 asm(".text\n.balign 4\n.globl rewrite_and_call\nrewrite_and_call:\n"

@@ -1,6 +1,6 @@
-// Branches to signed addresses, which they authenticate: each with every register for the target and all sorts of
-// registers for the modifier. The address is signed in the register and taken out of it at the target, so that a
-// register that the branch has changed, be it the modifier's, shows as a wrong word.
+// Branches to signed addresses, which they authenticate. Every register serves as the target, and all sorts of
+// registers as the modifier. The address is signed in the register and removed from it at the target, so a register
+// that the branch has changed, also the modifier's, shows as a wrong word.
 #include "state.inc"
 #define HWCAP_PACA (1 << 30)
         .arch   armv8.3-a

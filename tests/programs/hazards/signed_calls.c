@@ -1,6 +1,6 @@
-// Functions that a compiler has made with signed return addresses: what runs after such a return must still be
-// followed, its thread's variables be the right ones, and a return to a forged address end the process as it does
-// natively.
+// Functions that a compiler has made with signed return addresses. After such a return the engine must still follow the
+// code, thread-local variables must be those of the thread, and a return to a forged address must end the process as it
+// does natively.
 #include <asm/hwcap.h>
 #include <signal.h>
 #include <sys/auxv.h>

@@ -5,7 +5,7 @@ namespace {
 
 thread_local volatile int kept;
 
-// Out of the compiler's sight, so that each level has a return of its own.
+// Hidden from the compiler, so that each level has a return of its own.
 __attribute__((noinline)) int descend(int depth) {
   volatile int here = depth;
   return here == 0 ? 0 : descend(here - 1) + 1;

@@ -1,5 +1,5 @@
-// Runs the tests of an assembly file of state.inc, several times each, and compares the state of the machine after
-// each with the one before: only the words that a test names may differ, and have to be what it says.
+// Runs the tests of an assembly file of state.inc, several times each, and compares the machine's state before and
+// after each. Only the words that a test names may differ, and they must have the values that the test gives.
 #include <string.h>
 #include <sys/auxv.h>
 

@@ -1,4 +1,4 @@
-// Scalable vectors where the machine has them; the same printed where it has not.
+// Scalable vectors, on machines that have them. On other machines the program prints the same without them.
 #include <asm/hwcap.h>
 #include <string.h>
 #include <sys/auxv.h>

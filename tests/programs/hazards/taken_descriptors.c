@@ -1,5 +1,5 @@
-// The program takes descriptors by their numbers, and closes all from one number on: taken_descriptors FOLDER. They
-// stay its own when code is unmapped that was there before. FOLDER has the libraries of dl_cycle.
+// taken_descriptors FOLDER: the program takes descriptors by their numbers, and closes all descriptors from one number
+// on. Its descriptors stay its own when code is unmapped that was mapped before. FOLDER has the libraries of dl_cycle.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdio.h>

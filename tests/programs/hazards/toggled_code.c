@@ -1,6 +1,5 @@
-// Code that is made writable, changed and made executable again, many times: toggled_code [TOGGLES]. A loop that runs
-// often goes through two pages, of which one or the other changes, so that hot paths have parts that stay and parts
-// that go.
+// toggled_code [TOGGLES]: code is made writable, changed and made executable again, many times. A hot loop runs through
+// two pages, of which one or the other changes. So hot paths have parts that stay and parts that are dropped.
 #include "written_code.h"
 
 enum { LOOPS = 400, OTHERS = 16 };

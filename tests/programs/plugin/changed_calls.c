@@ -1,4 +1,4 @@
-// System calls whose results and arguments a plug-in may have changed. Tells what it got.
+// System calls whose results and arguments a plug-in may change. Prints what it got.
 #include <errno.h>
 #include <stdio.h>
 #include <sys/syscall.h>

@@ -1,5 +1,5 @@
-// Fills every register that code between two blocks could spoil, goes through a few blocks, and looks whether all is as
-// it was: the integer registers, the flags, the whole vector state, FPCR and FPSR. Tells which is not.
+// Fills every register that code between two blocks could spoil, goes through a few blocks, and checks that all are
+// unchanged: the integer registers, the flags, the whole vector state, FPCR and FPSR. Prints which ones are not.
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>

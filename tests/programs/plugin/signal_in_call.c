@@ -1,6 +1,7 @@
-// Asks the plug-in (getppid) for one signal that comes while a function of the plug-in's runs, and looks for it in a
-// loop that makes no system call. Its one block ends in a register branch, which finds its target in the cache each
-// time: nothing in it leads out of the cache. A loop of so many rounds without the signal has lost it.
+// Asks the plug-in, by getppid, for one signal that comes while a function of the plug-in runs, and waits for the
+// signal in a loop that makes no system call. The loop is one block that ends in a register branch. The branch finds
+// its target in the cache each time, so nothing in the loop leaves the cache. If the loop ends without the signal after
+// many rounds, the signal is lost.
 #include <signal.h>
 #include <stdio.h>
 #include <unistd.h>

@@ -26,7 +26,7 @@ static void tick(int number) {
 }
 
 static void overflow(int number, siginfo_t* info, void* context) {
-  char here;
+  char here = 0;
   (void)context;
   if (number == SIGSEGV && info->si_addr != NULL && is_on_stack(&here)) siglongjmp(out, 1);
   _exit(3);

@@ -1,5 +1,5 @@
-// Signals in calls that sleep: blocking_calls [ROUNDS]. pause, read with and without SA_RESTART, nanosleep, poll, a
-// semaphore, a condition, and sigsuspend in turn with another process, which loses no signal.
+// blocking_calls [ROUNDS]: signals in calls that sleep. pause, read with and without SA_RESTART, nanosleep, poll, a
+// semaphore, a condition, and sigsuspend in turn with another process. No signal is lost.
 #include <errno.h>
 #include <pthread.h>
 #include <semaphore.h>

@@ -1,5 +1,5 @@
-// {handler returns, siglongjmps} x {its signal blocked meanwhile, SA_NODEFER} x {timer, kill by this process, kill by
-// another}: combinations [ROUNDS]. Every signal of a kill is handled once, no more and no less.
+// combinations [ROUNDS]: {handler returns, siglongjmps} x {its signal blocked meanwhile, SA_NODEFER} x {timer, kill by
+// this process, kill by another}. Every signal of a kill is handled exactly once.
 #include <setjmp.h>
 #include <stdatomic.h>
 #include <sys/prctl.h>
@@ -26,7 +26,7 @@ static void set_period(long nanoseconds) {
 
 static void handle(int number) {
   ++depth;
-  // On a slow machine the program would never get on between two of them.
+  // With a shorter period a slow machine would never get on between two signals.
   if (atomic_fetch_add(handled, 1) % 20 == 19 && period != 0) set_period(period * 2);
   if (jumps && number == SIGUSR1) {
     depth = 0;  // All of them are left.
@@ -56,7 +56,7 @@ static void run(enum source source, int nodefer) {
   struct sigaction action = {.sa_flags = nodefer ? SA_NODEFER : 0};
   action.sa_handler = handle;
   CHECK(sigaction(SIGUSR1, &action, NULL) == 0);
-  // A timer's signal under the other one's name, for the same handler.
+  // A signal of the timer, sent under the number of the other one, for the same handler.
   struct sigevent event = {.sigev_notify = SIGEV_SIGNAL, .sigev_signo = SIGUSR1};
   period = 0;
   CHECK(timer_create(CLOCK_MONOTONIC, &event, &timer) == 0);

@@ -1,13 +1,13 @@
-// Lets signals arrive at one instruction after another of a program, stubs and engine included:
+// Delivers signals at one instruction after another of a program, stubs and engine included:
 //   every_instruction ONE|NESTED STEPS STRIDE [ENGINE] stepped_target
 //   every_instruction EACH STEPS STRIDE [ENGINE] PROGRAM [ARGUMENT]
-// ONE: the program goes from its getppid into a loop that only a signal ends. Where it comes by on its first STEPS
-// instructions is learned by single steps; then it is stopped at every STRIDE-th of these places, by a breakpoint, and
-// sent its signal there. NESTED: it is sent one signal in the loop, and a second one at the places that it comes by
-// from the first one's arrival on. EACH: for a program that does not come by the same places each time, though it does
-// the same; it is stepped to its STRIDE-th instruction after the getppid, twice as far the next time, and so on up to
-// STEPS, and sent its signal there. A signal that is lost is a hang. With EVERY_INSTRUCTION_TELLS in the environment
-// the number of places is told.
+// ONE: after its getppid the program goes into a loop that only a signal ends. Single steps find the places of its
+// first STEPS instructions. Then a breakpoint stops the program at every STRIDE-th of these places, and it is sent its
+// signal there. NESTED: the program is sent one signal in the loop, and a second one at the places that it passes from
+// the arrival of the first on. EACH: for a program that does the same each time but does not pass the same places. It
+// is stepped to its STRIDE-th instruction after the getppid, twice as far the next time, and so on up to STEPS, and is
+// sent its signal there. A lost signal shows as a hang. With EVERY_INSTRUCTION_TELLS in the environment the program
+// prints the number of places.
 #include <elf.h>
 #include <errno.h>
 #include <sched.h>
@@ -87,7 +87,8 @@ static int wait_for_stop(int options) {
 
 static void let_go(enum __ptrace_request way, int number) { CHECK(ptrace(way, child, NULL, (void*)(long)number) == 0); }
 
-// A breakpoint that has been hit, be it an older one that code was copied with, gives way to the word that was there.
+// The original word replaces a breakpoint that has been hit. It may be an older breakpoint that was copied along with
+// code.
 static void remove_breakpoint_at(unsigned long address) {
   if (word_at(address) != BREAKPOINT) return;
   for (int index = 0; index < place_count; ++index) {
@@ -142,7 +143,7 @@ static int learn(int steps, int stop) {
   return stop;
 }
 
-// Runs to the current place, if the program comes by, and sends the signal there.
+// Runs to the current place, and sends the signal there if the program passes it.
 static int send_at_place(int stop, int number) {
   places[current - places].word = word_at(current->address);
   set_word(current->address, BREAKPOINT);

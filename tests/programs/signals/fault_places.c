@@ -90,7 +90,7 @@ static void leave_call(int number, siginfo_t* info, void* context) {
   siglongjmp(out, 1);
 }
 
-// Code that returns its argument plus `number`, where nothing could be run before.
+// Code that returns its argument plus `number`, in memory that was not executable before.
 static void map_code(char* place, unsigned number) {
   CHECK(mprotect(place, (size_t)page, PROT_READ | PROT_WRITE) == 0);
   const uint32_t code[] = {0x91000000 | number << 10, 0xd65f03c0};  // add x0, x0, #number; ret

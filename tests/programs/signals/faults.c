@@ -1,6 +1,6 @@
-// Handlers of faults: faults [ROUNDS]. They jump out, or send the program on to another place; the registers that they
-// find are those of the fault. A division by zero is none. Faults' signals that somebody has sent are signals like
-// others.
+// faults [ROUNDS]: handlers of faults. They jump out, or send the program on to another place. The registers that they
+// find are those of the fault. A division by zero is no fault. A fault's signal that somebody has sent is a signal like
+// any other.
 #include <pthread.h>
 #include <setjmp.h>
 #include <stdatomic.h>
@@ -96,7 +96,7 @@ static void divide(void) {
 static const int numbers[] = {SIGSEGV, SIGBUS, SIGTRAP, SIGILL};
 static const char* const names[] = {"SIGSEGV", "SIGBUS", "SIGTRAP", "SIGILL"};
 
-// The same numbers, but sent: to a thread that computes, one after another.
+// The same signal numbers, but sent to a thread that computes, one after another.
 static atomic_int heard;
 static atomic_int computing;
 static void hear(int number, siginfo_t* info, void* context) {

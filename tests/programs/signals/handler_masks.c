@@ -1,5 +1,5 @@
-// What a handler blocks, and what its frame says was blocked before: handler_masks. In calls that wait with a mask of
-// their own, that mask is in force in the handler, and the thread's is in the frame.
+// handler_masks: what a handler blocks, and what its frame says was blocked before. Some calls wait with a mask of
+// their own. Then that mask is in force in the handler, and the thread's mask is in the frame.
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>

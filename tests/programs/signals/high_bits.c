@@ -1,5 +1,6 @@
-// Signals in loops whose branches test the high half of a register, or all of it: high_bits [ROUNDS]. Each loop is left
-// once a timer of 1 kHz has found it ten times; a branch that a signal has made go the wrong way ends it before.
+// high_bits [ROUNDS]: signals in loops whose branches test the high half of a register, or all of it. Each loop is left
+// once a timer of 1 kHz has interrupted it ten times. If a signal makes a branch go the wrong way, the loop ends before
+// that.
 #include "guard.h"
 
 #define TESTS_OF_BIT(what) what(31) what(32) what(33) what(37) what(47) what(62) what(63)

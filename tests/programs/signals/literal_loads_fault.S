@@ -1,5 +1,5 @@
-// Literal loads whose literals lie in a page of their own. Each function gives the register of its load a value before,
-// loads, and returns what it finds there.
+// Literal loads whose literals lie in a page of their own. Each function sets the register of its load to a value, does
+// the load, and returns the value that the register then has.
 #define LARGEST_PAGE 0x10000
 
         .text

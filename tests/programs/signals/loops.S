@@ -185,7 +185,7 @@ loop_\name\()_out:
         cbz     w2, 1b
         end_loop system_call
 
-// 400 instructions a pass: more than one block of the cache.
+// 400 instructions a pass, more than one block of the cache holds.
         loop    long_block
 1:      .rept   200
         add     x2, x2, #1

@@ -1,6 +1,6 @@
-// A signal that is not blocked while others are: neighbours [ROUNDS]. For each number a loop waits for that signal with
-// every other one blocked that may be. Then sigsuspend waits for a signal that has come right before, and a handler for
-// one that its own mask has blocked.
+// neighbours [ROUNDS]: a signal that is not blocked while others are. For each number, a loop waits for that signal
+// with every other one blocked that can be. Then a sigsuspend waits for a signal that has come just before, and a
+// handler waits for one that its own mask has blocked.
 #include <string.h>
 #include <time.h>
 
@@ -39,7 +39,8 @@ static int make_timer(int number, timer_t* timer) {
   return made;
 }
 
-// SIGTERM is blocked. SIGALRM comes in the loop or at its end, is blocked then, and is waited for.
+// SIGTERM is blocked. SIGALRM comes in the loop or at the end of it. If it comes at the end it is blocked by then, and
+// is waited for.
 static void wait_behind_a_loop(int round) {
   sigset_t term;
   sigset_t alarm_too;
@@ -66,7 +67,7 @@ static void on_second(int number) {
   second_come = 1;
 }
 
-// Runs with the second signal blocked, which comes at the same time as this one, and waits for it.
+// Runs with the second signal blocked. That signal comes at the same time as this one, and the handler waits for it.
 static void on_first(int number) {
   sigset_t none;
   sigemptyset(&none);

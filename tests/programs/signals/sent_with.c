@@ -1,6 +1,6 @@
-// What is sent with a signal reaches its handler: sent_with [ROUNDS]. In a loop of the program's own the handler finds
-// the code, the sender and the value that were sent: by another process, by another thread, by a timer, by the end of a
-// child. Queued signals come in their order, none is lost.
+// sent_with [ROUNDS]: what is sent with a signal reaches its handler. In a loop of the program's own, the handler finds
+// the code, the sender and the value of signals from another process, from another thread, from a timer, and from the
+// end of a child. Queued signals arrive in their order, and none is lost.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <string.h>
@@ -20,7 +20,7 @@ static void hear(int number, siginfo_t* info, void* context) {
   atomic_store(&seen_count, at + 1);
 }
 
-// No system call: the signals are counted and raised again.
+// The loop makes no system call, so the engine counts the signals and raises them again.
 static void compute_until(int count) {
   volatile unsigned long steps = 0;
   while (atomic_load(&seen_count) < count) ++steps;

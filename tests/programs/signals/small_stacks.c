@@ -1,5 +1,5 @@
-// Handlers with hardly any stack: small_stacks [BYTES]. On signal stacks of the smallest size that a frame fits, plus
-// BYTES, and a memory that faults below them; on the usual stack with as much; and where a frame does not fit.
+// small_stacks [BYTES]: handlers with hardly any stack. They run on signal stacks of the smallest size that a frame
+// fits plus BYTES, with memory below that faults; on the usual stack with as much room; and where a frame does not fit.
 #include <errno.h>
 #include <setjmp.h>
 #include <signal.h>
@@ -25,7 +25,7 @@ static volatile int on_it;
 
 static void note(int number) { seen = number; }
 
-// The lowest address of a stack of that size, which ends where the room begins to fault.
+// The lowest address of a stack of that size, which lies just above memory that faults.
 static size_t smallest(void) {
   const size_t told = getauxval(AT_MINSIGSTKSZ);
   return told > LEAST ? told : LEAST;
@@ -44,7 +44,7 @@ static void handle(int number, void (*handler)(int), int flags) {
   CHECK(sigaction(number, &action, NULL) == 0);
 }
 
-// The stack begins where writing faults, so that a byte too many is one.
+// The stack begins where writing faults, so that one byte too many shows.
 static void on_smallest(size_t more) {
   handle(SIGUSR1, note, SA_ONSTACK);
   set(room, smallest() + more);
@@ -120,7 +120,7 @@ static void status_of(const char* what, void (*body)(void)) {
          WIFSIGNALED(status) ? WTERMSIG(status) : 0);
 }
 
-// A stack whose lower part is gone by the time that the frame comes.
+// A stack whose lower part has been unmapped by the time the frame is written.
 static void lose_stack(void) {
   char* part = mmap(NULL, ROOM, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   CHECK(part != MAP_FAILED);
@@ -140,7 +140,7 @@ static void no_room_for_segv(void) {
   if (sigsetjmp(out, 1) == 0) *(volatile char*)(room - 1) = 1;
 }
 
-// SIGSEGV itself finds room: it goes to the usual stack, with the place of the lost signal.
+// SIGSEGV itself finds room: it goes to the usual stack, with the place at which the lost signal had arrived.
 static void told(int number, siginfo_t* info, void* context) {
   (void)context;
   printf("SIGSEGV in its place: %d, code %d, seen %d\n", number, info->si_code, seen);

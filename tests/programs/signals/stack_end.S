@@ -2,8 +2,8 @@
         .text
         .balign 4
 
-// long run_at(void *sp): 0x1234 if all went the right way. While it runs x1 is 0x101, x2 0x102, and so on up to x7; x0
-// counts the parts; x30 is what the newest call has left.
+// long run_at(void *sp): returns 0x1234 if everything went the right way. While it runs, x1 is 0x101, x2 is 0x102, and
+// so on up to x7; x0 counts the parts; x30 is what the latest call has left.
         .globl  run_at
         .globl  run_at_end
 run_at:
@@ -46,7 +46,7 @@ run_at:
         cmp     x0, #1
         b.lt    fail
         mov     x0, x10
-        // Often enough to be laid out as a trace.
+        // Runs often enough to be made into a trace.
         mov     x11, #600
 5:      subs    x11, x11, #1
         b.ne    5b

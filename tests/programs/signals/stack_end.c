@@ -1,6 +1,6 @@
-// Code that runs with its stack pointer at the very end of its stack, and needs no stack: stack_end [ROUNDS]. If it
-// faults all the same, the handler finds an instruction of that code and the registers that this code has there. It
-// gives the stack more room, and the code goes on.
+// stack_end [ROUNDS]: code runs with its stack pointer at the very end of its stack, and needs no stack. If that faults
+// all the same, the handler finds an instruction of that code, and the code's own registers. The handler extends the
+// stack, and the code goes on.
 #include <stdint.h>
 #include <stdlib.h>
 #include <ucontext.h>

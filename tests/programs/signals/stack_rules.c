@@ -1,5 +1,5 @@
-// The rules of sigaltstack, as the kernel of the machine has them: stack_rules. Prints what it is told in one case
-// after another, and where frames lie, so that the output of a run under the engine must be that of a native run.
+// stack_rules: the rules of sigaltstack, as the kernel of the machine has them. Prints what the kernel answers in one
+// case after another, and where frames lie. The output under the engine must be that of a native run.
 #include <errno.h>
 #include <sched.h>
 #include <setjmp.h>
@@ -23,7 +23,7 @@ static const int AUTODISARM = (int)(1U << 31);
 static char* stack;
 static char* other;
 
-// The call itself: a C library may look at the arguments first.
+// Makes the call directly, because a C library may check the arguments first.
 static int call(const void* wanted, void* old) { return syscall(SYS_sigaltstack, wanted, old) == 0 ? 0 : errno; }
 
 static const char* name_of(const void* place) {
@@ -166,7 +166,8 @@ static void edited(void) {
   }
 }
 
-// In a process of its own kind. The status tells: 1, 2 and 4 for what a child without a stack would say.
+// Runs in a child that clone makes with the flags of the case. The status adds up 1, 2 and 4 for what a child without a
+// signal stack reports: no address, no size, SS_DISABLE.
 static int in_process(void* nothing) {
   (void)nothing;
   stack_t now;
@@ -238,7 +239,7 @@ static void left(void) {
   tell("after jumps");
 }
 
-// A coroutine whose handler gives way to another one while it stands on the signal stack, and ends later.
+// A coroutine whose handler switches to another one while it runs on the signal stack, and ends later.
 static ucontext_t main_context;
 static ucontext_t handler_context;
 static ucontext_t coroutine;

@@ -1,6 +1,6 @@
-// What every_instruction stops and signals. Each round is one getppid, for the other side to find it by, and then a
-// loop without calls until its signals have been handled; the first one's handler waits for the second one if told to.
-// Ends with status 3 if one has come twice.
+// What every_instruction stops and signals. Each round makes one getppid, by which the other side finds the round, and
+// then runs a loop without calls until its signals have been handled. If told to, the handler of the first signal waits
+// for the second. Ends with status 3 if a signal was handled twice.
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>

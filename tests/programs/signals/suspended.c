@@ -1,5 +1,6 @@
-// A signal that comes while everything is being blocked: suspended [ROUNDS]. It is handled before it is blocked or in
-// the sigsuspend that follows, and never slept over. Another process sends one in each round, at about that moment.
+// suspended [ROUNDS]: a signal comes while everything is being blocked. It must be handled before the block is in force
+// or in the sigsuspend that follows; the sigsuspend must never sleep on. Another process sends one signal in each
+// round, at about that moment.
 #include <sched.h>
 #include <sys/prctl.h>
 

@@ -1,5 +1,5 @@
-// A timer whose signals take longer than its period: timer_flood [PERIOD_IN_MICROSECONDS]. Between two of them the
-// program still goes on: it computes, makes system calls, is woken from calls that sleep, and hears of SIGTERM.
+// timer_flood [PERIOD_IN_MICROSECONDS]: a timer whose signals take longer to handle than its period. The program still
+// goes on between two of them: it computes, makes system calls, is woken from calls that sleep, and receives SIGTERM.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -80,7 +80,7 @@ static void make_calls(void) {
   end_flood("it makes calls");
 }
 
-// A mask that is changed under the flood is the one that was asked for.
+// A mask that is set during the flood is the one that was asked for.
 static void change_masks(void) {
   start_flood(SA_RESTART);
   for (int round = 0; round < 20 || atomic_load(&ticks) < ENOUGH; ++round) {
@@ -172,7 +172,7 @@ static void start_threads(void) {
 
 static char* program;
 
-// What is started under the flood has the mask that this program has.
+// A program that is started during the flood has the mask of this program.
 static void spawn_programs(void) {
   start_flood(SA_RESTART);
   for (int round = 0; round < 3 || atomic_load(&ticks) < ENOUGH; ++round) {

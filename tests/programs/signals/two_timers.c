@@ -1,5 +1,5 @@
-// Two timers whose handlers interrupt each other, and a handler that faults: two_timers [PERIOD_IN_MICROSECONDS]. After
-// any number of signals each handler has returned to the mask that it has interrupted.
+// two_timers [PERIOD_IN_MICROSECONDS]: two timers whose handlers interrupt each other, and a handler that faults. After
+// any number of signals, each handler has returned to the mask that it interrupted.
 #include <signal.h>
 #include <stdatomic.h>
 #include <stdio.h>

@@ -1,4 +1,4 @@
-// The program break up and down: by its own call, with odd addresses, and as malloc uses it.
+// Moves the program break up and down: by its own call, with odd addresses, and as malloc does it.
 #include <stdint.h>
 #include <string.h>
 #include <unistd.h>

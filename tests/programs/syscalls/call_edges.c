@@ -1,5 +1,5 @@
-// Calls that the engine looks into, at the edges of what they take: every result and error is printed. call_edges ends
-// with another run of itself, which tells what it has inherited.
+// Calls that the engine looks into, at the limits of their arguments. Prints every result and error. At the end the
+// program executes itself once more, and that run tells what it has inherited.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -22,7 +22,7 @@ static void show(const char* what, long result) {
 }
 #define SHOW(call) (errno = 0, show(#call, (long)(call)))
 
-// Unseen by the compiler, which knows that nothing lies there.
+// Hidden from the compiler, which knows that nothing lies at that address.
 static void* at(volatile unsigned long address) { return (void*)address; }
 
 static volatile int handled;

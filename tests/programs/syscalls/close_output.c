@@ -1,4 +1,4 @@
-// Closes its standard descriptors, which succeeds, and ends in order. What it has to say it says before.
+// Closes its standard descriptors, which succeeds, and ends normally. It prints its results before.
 #include <unistd.h>
 
 #include "check.h"

@@ -1,5 +1,5 @@
-// A program finds the standard descriptors closed that whoever executes it has closed: each set of them, and again with
-// another file put into the place of standard output.
+// Whoever executes a program may have closed standard descriptors; the program must find them closed. Tried with each
+// set of them, and again with another file in the place of standard output.
 #include <fcntl.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -9,7 +9,7 @@
 
 enum { ALL = 8, REPLACED = 8 };
 
-// Which of the three are open, as bits: the status of the program that is executed.
+// Which of the three are open, as bits. It is the status of the executed program.
 static int open_ones(void) {
   int open_bits = 0;
   for (int fd = 0; fd < 3; ++fd) open_bits |= (fcntl(fd, F_GETFD) != -1) << fd;

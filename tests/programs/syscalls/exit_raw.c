@@ -1,4 +1,4 @@
-// The last thread ends by the exit call that ends one thread: exit_raw [threads]. The process's status is the call's.
+// exit_raw [threads]: the last thread ends by the exit call that ends one thread. The call's status is the process's.
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>

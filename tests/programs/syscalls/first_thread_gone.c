@@ -1,5 +1,5 @@
-// The first thread ends by pthread_exit. Others join it, go on, make more threads, and the last one's end is the
-// process's.
+// The first thread ends by pthread_exit. Other threads join it, go on, and make more threads. The end of the last
+// thread is the end of the process.
 #include <pthread.h>
 #include <unistd.h>
 

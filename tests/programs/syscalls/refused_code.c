@@ -1,6 +1,6 @@
-// Memory that is writable and executable is refused from the middle of the run on: refused_code mdwe|filter. By the
-// kernel's own switch, or by a filter of system calls, as a security module would. The program goes on: a new thread
-// runs, or its creation fails with EAGAIN, time and again; the threads there are go on; a child is forked.
+// refused_code mdwe|filter: from the middle of the run on, memory that is both writable and executable is refused, by
+// the kernel's own switch or by a filter of system calls, as a security module would do it. The program goes on. A new
+// thread runs, or its creation fails with EAGAIN, each time again; the existing threads go on; a child is forked.
 #include <errno.h>
 #include <linux/audit.h>
 #include <linux/filter.h>

@@ -1,6 +1,6 @@
-// A restartable sequence that a signal interrupts has to be begun again, or the kernel has to refuse its registration:
-// a program that counts on one and does not get it would lose its data. The C library must not have registered first
-// (GLIBC_TUNABLES=glibc.pthread.rseq=0).
+// A restartable sequence that a signal interrupts has to be begun again. If the kernel cannot do that, it has to refuse
+// the registration: a program that relies on the restart and does not get it would lose its data. The C library must
+// not have registered first (GLIBC_TUNABLES=glibc.pthread.rseq=0).
 #include <errno.h>
 #include <signal.h>
 #include <string.h>

@@ -1,6 +1,6 @@
-// long restartable_section(volatile unsigned long *rseq_cs, long spins): a restartable sequence that counts down. 0: it
-// came to its end; 1: it was interrupted, and the kernel sent the thread to the abort handler, which the signature
-// precedes.
+// long restartable_section(volatile unsigned long *rseq_cs, long spins): a restartable sequence that counts down.
+// Returns 0 if it came to its end. Returns 1 if it was interrupted, and the kernel sent the thread to the abort
+// handler, which the signature precedes.
         .text
         .globl  restartable_section
         .type   restartable_section, %function

@@ -1,4 +1,5 @@
-// A thread ends with robust mutexes held: whoever has joined it finds their owner dead at once. robust_mutex [ROUNDS]
+// robust_mutex [ROUNDS]: a thread ends while it holds robust mutexes. Whoever has joined the thread finds at once that
+// the mutexes' owner is dead.
 #include <errno.h>
 #include <pthread.h>
 

@@ -1,4 +1,5 @@
-// A change of the process's ids reaches every thread by a signal of the C library's own, wherever the thread is.
+// A change of the process's ids reaches every thread, wherever the thread is. The C library does it by a signal of its
+// own.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// Thread-local words, keys and their destructors: each thread finds its own.
+// Thread-local words, keys and their destructors: each thread finds its own values.
 #include <errno.h>
 #include <pthread.h>
 #include <stdatomic.h>

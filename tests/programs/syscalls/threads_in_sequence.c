@@ -1,5 +1,6 @@
-// One thread after another. The process's memory stays where the first hundred left it. (The user-mode emulator itself
-// grows by 280 KiB with every thread of any program; it has no robust lists, which tells it.)
+// One thread after another. The process's memory stays where it was after the first hundred threads. (The user-mode
+// emulator itself grows by 280 KiB with every thread of any program. The program recognises the emulator by its lack of
+// robust lists.)
 #include <errno.h>
 #include <pthread.h>
 #include <string.h>
@@ -11,7 +12,7 @@
 
 static void* work(void* argument) { return argument; }
 
-// Of memory that can be used: the heaps reserve address space by the 64 MiB.
+// Counts only memory that can be used: the heaps reserve address space in units of 64 MiB.
 static long mapped_kib(void) {
   long sum = 0;
   char line[512];
@@ -52,7 +53,8 @@ static void run(int count) {
 
 int main(int argc, char** argv) {
   const int count = count_or(argc, argv, 500);
-  // The kernel merges pages into huge ones when it finds the time, and counts what it adds: not what is measured here.
+  // The kernel merges pages into huge ones at times of its own choice, and counts what that adds. It is not measured
+  // here.
   prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
   run(100);
   const long mapped = mapped_kib();

@@ -1,5 +1,5 @@
-// What the parent of a child in its own memory sees: what the child has written, the error of a spawn, and its own
-// signal actions and descriptors as they were. Other threads go on while such a child runs.
+// What the parent of a child in the same memory sees: what the child has written, the error of a spawn, and its own
+// signal actions and descriptors unchanged. Other threads go on while such a child runs.
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>

@@ -1,5 +1,5 @@
-// System calls whose number and int arguments have something in the high halves of their registers: the kernel reads 32
-// bits. The last one ends the program.
+// System calls with something in the high halves of the registers that hold their number and their int arguments. The
+// kernel reads 32 bits. The last call ends the program.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>

@@ -15,7 +15,8 @@ static unsigned lock_word;
 static long guarded[8];
 static int has_lse;
 
-// The application's own loop: nothing may come between its two halves that takes the monitor away for ever.
+// The application's own loop. Nothing may be inserted between its two halves that loses the exclusive monitor each
+// time.
 static void add_exclusive(long* word, long value) {
   long old;
   int failed;

@@ -1,4 +1,4 @@
-// What below_stack.c needs without a stack.
+// The parts of below_stack.c that must do without a stack.
         .text
         .balign 4
 

@@ -1,6 +1,5 @@
-// Threads as language run times make them: one that finds its arguments below its stack pointer and all registers of
-// its parent, one that unmaps its own stack before it ends, and one that uses no stack and has none below its stack
-// pointer.
+// Threads as language run times make them. One finds its arguments below its stack pointer, and all registers of its
+// parent. Another unmaps its own stack before it ends. A third uses no stack and has none below its stack pointer.
 #include <linux/futex.h>
 #include <sched.h>
 #include <signal.h>
@@ -60,7 +59,7 @@ static void own_stack(void) {
   tid = 1;
   CHECK(clone(unmapping, stack + STACK_SIZE, FLAGS | CLONE_CHILD_CLEARTID, stack, NULL, NULL, &tid) > 0);
   wait_for_end();
-  // All of it is gone: the place can be had again.
+  // All of the stack is unmapped: its place can be mapped again.
   const int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE;
   void* again = mmap(stack, STACK_SIZE, PROT_READ | PROT_WRITE, flags, -1, 0);
   CHECK(again == stack);

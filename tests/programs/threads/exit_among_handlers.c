@@ -1,5 +1,6 @@
-// exit while other threads are in handlers of signals, asleep with every signal blocked, or in a handler that
-// interrupted such a sleep: exit_among_handlers [ROUNDS]. Each way in a process of its own; status 42, at once.
+// exit_among_handlers [ROUNDS]: exit while other threads are in signal handlers, asleep with every signal blocked, or
+// in a handler that interrupted such a sleep. Each case runs in a process of its own, which must end at once with
+// status 42.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <stdint.h>
@@ -77,8 +78,8 @@ static void in_child(void) {
     set_period(atomic_load(&period));
     usleep(5000);
   } else if (way == STORM) {
-    // Faster than an emulated processor handles them. Not in this thread, which would not come to its own exit
-    // natively.
+    // Faster than an emulated processor handles them. They are not for this thread, which would not reach its own exit
+    // even natively.
     sigset_t storm;
     sigemptyset(&storm);
     sigaddset(&storm, SIGUSR1);

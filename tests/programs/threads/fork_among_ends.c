@@ -1,5 +1,6 @@
-// Threads begin and end all the time while the first one forks: fork_among_ends [ROUNDS]. What a thread holds while it
-// begins or ends, a lock of the heap above all, must not be held for ever in a child, which starts threads of its own.
+// fork_among_ends [ROUNDS]: threads begin and end all the time while the first thread forks. A thread holds locks while
+// it begins or ends, above all a lock of the heap. None of them may stay locked in a child, which starts threads of its
+// own.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <stdint.h>

@@ -1,5 +1,5 @@
-// Several threads make processes at once: fork_storm [ROUNDS]. By fork, by vfork, by posix_spawn and by system; a child
-// of fork starts threads of its own, and one of a fork in a thread ends by the return of another.
+// fork_storm [ROUNDS]: several threads make processes at once, by fork, vfork, posix_spawn and system. A child of fork
+// starts threads of its own. A child that a thread has forked ends when another of its threads returns.
 #include <errno.h>
 #include <pthread.h>
 #include <spawn.h>

@@ -1,6 +1,6 @@
-// One thread changes code, another runs it, in turns: handed_code FOLDER [ROUNDS]. The order is made by memory alone,
-// by a flag or a mutex: the running thread makes no system call that would tell it of the change. FOLDER has the
-// libraries of ../hazards/dl_cycle.c.
+// handed_code FOLDER [ROUNDS]: one thread changes code and another runs it, in turns. Memory alone makes the order, by
+// a flag or a mutex: the running thread makes no system call that would tell it of the change. FOLDER has the libraries
+// of ../hazards/dl_cycle.c.
 #include <dlfcn.h>
 #include <pthread.h>
 #include <stdatomic.h>

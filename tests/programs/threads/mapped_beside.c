@@ -1,5 +1,5 @@
-// A thread that maps and unmaps plain memory all the time beside one that maps code, runs it and unmaps it:
-// mapped_beside [ROUNDS]. The kernel gives the place that one has left to the other. A third thread runs the code too.
+// mapped_beside [ROUNDS]: one thread maps and unmaps plain memory all the time, and another one maps code, runs it and
+// unmaps it. The kernel gives the place that one has left to the other. A third thread runs the code too.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <stdbool.h>

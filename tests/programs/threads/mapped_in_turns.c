@@ -1,5 +1,5 @@
-// Threads that map code, run it and unmap it all the time: the kernel gives the place that one has left to the next
-// one. Each piece of code returns a number of its own, and no thread may get another's.
+// Threads map code, run it and unmap it all the time. The kernel gives the place that one has left to the next one.
+// Each piece of code returns a number of its own, and no thread may get the number of another.
 #include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>

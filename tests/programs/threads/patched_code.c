@@ -1,10 +1,10 @@
-// One thread patches a word that others are running, by the instructions that the architecture allows for that:
-// patched_code [ROUNDS [unjudged]]. The runners synchronise their contexts before each call, and see the patch that was
-// made known before, or a later one.
+// patched_code [ROUNDS [unjudged]]: one thread patches a word that other threads run, with the instructions that the
+// architecture allows for that. The other threads synchronise their contexts before each call. They must see the patch
+// that was published before the call, or a later one.
 //
 // "unjudged" is for a native run under an emulator. A processor of the emulator that translates the word while another
-// writes it may keep the old translation until the next write. The run then has wrong calls for which the program and
-// the engine are not to blame, so they are not told.
+// writes it may keep the old translation until the next write. The run then has wrong calls for which neither the
+// program nor the engine is to blame, so they are not told.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <stdbool.h>

@@ -1,5 +1,5 @@
-// One thread writes code, others run it: published_code [ROUNDS]. Each round's code is new memory, made executable
-// before its address is published; what a thread sees of the address it also sees of the code.
+// published_code [ROUNDS]: one thread writes code, others run it. Each round's code is in new memory, which is made
+// executable before its address is published. A thread that sees the address must also see the code.
 #include <pthread.h>
 #include <sched.h>
 #include <stdatomic.h>

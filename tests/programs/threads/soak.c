@@ -18,7 +18,7 @@
 #include "guard.h"
 
 enum { MOST_THREADS = 200, AT_ONCE = 10, LEAST_ROUNDS = 5 };
-// The heaps of fifty threads settle over the first rounds; a thread that is lost costs more than all of this.
+// The heaps of fifty threads settle in the first rounds. A lost thread costs more than all of this.
 enum { KIB_FOR_SEQUENCE = 1024, KIB_FOR_ROUNDS = 4096 };
 
 static pthread_t threads[MOST_THREADS];
@@ -106,7 +106,7 @@ static void* live(void* argument) {
   const int number = (int)(intptr_t)argument;
   atomic_fetch_add(&started, 1);
   while (atomic_load(&started) < thread_count) work(100);
-  // Round about, so that each thread both sends and gets.
+  // Each thread signals the next one, so that each both sends and receives.
   CHECK(pthread_kill(threads[(number + 1) % thread_count], SIGUSR1) == 0);
   work(20000);
   CHECK(wait_for(make_child(number + 1)) == number + 1);

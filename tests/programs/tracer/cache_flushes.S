@@ -1,4 +1,4 @@
-// 60,000 blocks in a row, run three times: more than a code cache holds, so that every round flushes it.
+// 60,000 blocks in a row, run three times. A code cache holds fewer, so every round flushes it.
         .text
         .global main
 main:

@@ -1,5 +1,5 @@
-// THREADS pthreads that each do the same fixed work and are all alive when the first of them ends. What they wait with
-// differs from run to run, their arithmetic does not.
+// THREADS pthreads do the same fixed work and are all alive when the first of them ends. The instructions of their
+// waiting differ from run to run; their arithmetic does not.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <stdio.h>

@@ -1,5 +1,5 @@
-// Sleeps for as many seconds as its argument says, sets a timer of one second that nothing handles, and ends before it
-// is due: a process takes its timers with it.
+// Sleeps for as many seconds as its argument says, sets a timer of one second that nothing handles, and ends before the
+// timer is due. A process takes its timers with it when it ends.
 #include <stdlib.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// Opens files until it may open no more, and ends with all of them open: a process's end closes them.
+// Opens files until no more may be opened, and ends with all of them open. The end of the process closes them.
 #include <fcntl.h>
 #include <sys/resource.h>
 

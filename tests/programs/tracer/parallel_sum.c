@@ -1,6 +1,6 @@
-// An OpenMP loop with a static schedule on as many threads as OMP_NUM_THREADS says. Each thread has a part of its own
-// of the sum, and the first one adds them up: a reduction would add by compare-and-swap, and add again where two
-// threads meet.
+// An OpenMP loop with a static schedule on as many threads as OMP_NUM_THREADS says. Each thread has its own part of the
+// sum, and the first thread adds the parts up. A reduction would add by compare-and-swap, and would repeat the addition
+// where two threads meet.
 #include <omp.h>
 #include <stdio.h>
 

@@ -1,4 +1,5 @@
-// Fixed work in functions that return to signed addresses: half of it lies in the functions, half behind their returns.
+// Fixed work in functions that return to signed addresses. Half of the work lies in the functions, half behind their
+// returns.
 #include <stdio.h>
 
 static __attribute__((noinline)) double halved(double value) {

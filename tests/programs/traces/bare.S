@@ -1,5 +1,5 @@
-// Runs one path without a C library, so that the traces of the path are all that there are. PATH is the function, COUNT
-// its argument. Prints what it returns, 16 digits.
+// Runs one path without a C library, so that the program has no traces but those of the path. PATH is the function,
+// COUNT its argument. Prints the returned value in 16 digits.
         .text
         .globl  _start
 _start:

@@ -22,8 +22,9 @@ path_\name:
         .equ    NR_MPROTECT, 226
         .equ    SIGUSR1, 10
 
-// Every so many runs, from 240 to 275 of them, the page of the path is protected as it is, which drops what was made of
-// it: at some time just when the path's trace is made. The call stands in the trace's third fragment.
+// The path protects its own page, with the rights that it has, after 240 runs, then after 241 more, and so on up to
+// 275. Each time that drops the rewritten code of the page, once just while the path's trace is being made. The call
+// stands in the third fragment of the trace.
         .balign 256                     // The path lies in one page.
 path flush_while_built
         mov     x20, x30
@@ -55,8 +56,8 @@ path flush_while_built
 3:      mov     x0, x19
         ret     x20
 
-// A signal is handled in the middle of the path, and the handler becomes hot in the very run that the path's trace is
-// made in: its trace is begun while the other one is half made.
+// A signal is handled in the middle of the path, and its handler becomes hot in the very run in which the path's trace
+// is made. So the handler's trace is begun while the other is half made.
 path abandoned
         mov     x20, x30
         mov     x19, #0
@@ -103,7 +104,7 @@ path abandoned
 9:      mov     x8, #NR_RT_SIGRETURN
         svc     #0
 
-// More loops than the trace area holds, each hot: it is full in the middle, and emptied.
+// More hot loops than the trace area holds: it fills up in the middle of the run and is emptied.
 path area_full
         mov     x1, #0
         .rept   3400

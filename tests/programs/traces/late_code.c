@@ -1,6 +1,6 @@
-// Code that is written piece by piece, as a compiler at run time does it: a hot path's branch leads to a place where
-// there is no code before the path has run a thousand times. The rest of the page is made up of a word that no
-// processor executes.
+// Code that is written piece by piece, as a compiler at run time does it. A branch of a hot path leads to a place that
+// has no code until the path has run a thousand times. The rest of the page is filled with a word that no processor
+// executes.
 #include <stdint.h>
 #include <sys/mman.h>
 

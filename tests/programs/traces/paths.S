@@ -37,7 +37,7 @@ path pair
 2:      mov     x0, x1
         ret
 
-// `blocks` blocks in a row, left by branches of all three kinds, of which none is ever taken but the last.
+// `blocks` blocks in a row, left by branches of all three kinds. None of the branches is ever taken, except the last.
         .macro  row name, blocks
 path \name
         mov     x1, #0
@@ -132,7 +132,7 @@ path calls
         step    16
 4:      ret
 
-// The path of the outer loop comes to the inner one, which is a trace by then.
+// The path of the outer loop reaches the inner loop, which is already a trace by then.
 path nested
         mov     x1, #0
 1:      mov     x2, #5
@@ -146,7 +146,7 @@ path nested
 3:      mov     x0, x1
         ret
 
-// Which side is taken changes: every 8th time, every 64th time, and in the second half of 1024.
+// The side that is taken changes: every 8th time, every 64th time, and in the second half of 1024 times.
 path phases
         mov     x1, #0
 1:      tst     x0, #7
@@ -183,7 +183,7 @@ path empty_blocks
 5:      mov     x0, x1
         ret
 
-// Both sides of the branches at one address, and a condition that always holds.
+// Branches with both sides at one address, and a condition that always holds.
 path same_sides
         mov     x1, #0
 1:      step    1
@@ -198,7 +198,7 @@ path same_sides
         mov     x0, x1
         ret
 
-// x0, x1 and x30 tested, in their narrow forms too: what the exits' stubs push and load.
+// Tests x0, x1 and x30, in their narrow forms too, because the exits' stubs push and load these registers.
 path borrowed_registers
         mov     x3, x30
         mov     x2, x0
@@ -216,8 +216,9 @@ path borrowed_registers
 2:      eor     x0, x0, x1
         ret     x3
 
-// A loop's exit leads to a block that becomes hot later, when it has moved into a trace of its own: in reach of the
-// exit, or not. The first half of the runs stays in the loop, then `filler` takes up its part of the trace area.
+// The exit of a loop leads to a block that becomes hot later. By then the block has moved into a trace of its own, in
+// reach of the exit or not. The first half of the runs stays in the loop; then `filler` takes up its part of the trace
+// area.
         .macro  entered name, filler, kind
 path entered_\name
         mov     x2, x30
@@ -262,7 +263,7 @@ entered cbz_between, fill_48_kib, cbz
 entered cbz_far, fill_1100_kib, cbz
 entered condition_far, fill_1100_kib, condition
 
-// One long block behind an exit that cannot reach over it. Both leave x1 to x4 alone.
+// One long block behind an exit, which is too long for the exit to reach over. Both keep x1 to x4.
         .macro  fill kib, kind
         .balign 16
 2:      ret

@@ -1,4 +1,4 @@
-// The paths of paths.S, for programs that run many of them, and what makes them become traces anew.
+// The paths of paths.S, for programs that run many of them, and the means to have them made into traces again.
 #pragma once
 
 #include <sys/mman.h>
@@ -21,7 +21,7 @@ struct path {
 static const struct path paths[] = {EVERY_SHORT_PATH(PATH_ENTRY)};
 enum { PATHS = sizeof paths / sizeof *paths };
 
-// Code goes away, and with it the rewritten code of the calling thread: whatever it runs next is rewritten again.
+// Unmaps code, which drops all rewritten code of the calling thread: whatever it runs next is rewritten again.
 static inline void forget_rewritten_code(void) {
   void* page = mmap(NULL, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   CHECK(page != MAP_FAILED && munmap(page, 4096) == 0);

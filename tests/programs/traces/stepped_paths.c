@@ -1,6 +1,6 @@
-// What every_instruction steps through and signals while a trace is made: stepped_paths [NAME]. Each round brings the
-// path close to being hot, tells of it by one getppid, and then runs it until its signal has been handled. Ends with
-// status 3 if that has come twice, and with 4 if the path's result is another one.
+// stepped_paths [NAME]: what every_instruction steps through, and signals, while a trace is made. Each round runs the
+// path until it is almost hot, announces that by one getppid, and then runs it until its signal has been handled. Ends
+// with status 3 if a signal was handled twice, and with 4 if the path's result is wrong.
 #include <signal.h>
 #include <string.h>
 #include <unistd.h>

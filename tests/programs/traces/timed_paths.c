@@ -1,6 +1,6 @@
-// Signals while paths become traces: timed_paths [ROUNDS]. In each round every path is rewritten anew, and run with a
-// timer at 1 kHz and a second thread that sends one signal after another. A path's result is what it was without
-// signals, and each signal of the thread's is handled once.
+// timed_paths [ROUNDS]: signals while paths become traces. In each round every path is rewritten anew, and runs under a
+// timer at 1 kHz and a second thread that sends one signal after another. The path must return what it returns without
+// signals, and each signal of the thread must be handled exactly once.
 #include <pthread.h>
 #include <signal.h>
 

@@ -1,4 +1,4 @@
-// The child is the leader of a group of its own, so that what it has started can be ended with it.
+// The child leads a process group of its own, so that everything that it has started can be ended with it.
 #include "process.h"
 
 #include <fcntl.h>
@@ -25,7 +25,7 @@ namespace {
 using clock = std::chrono::steady_clock;
 
 [[noreturn]] void become(const std::vector<std::string>& words, const process_options& options, int out, int err) {
-  // A group of its own: when time is up, whatever the program has started ends with it.
+  // A group of its own: when the time is up, everything that the program has started ends with it.
   setpgid(0, 0);
   const int null = open("/dev/null", O_RDONLY);
   dup2(null, STDIN_FILENO);
@@ -46,7 +46,7 @@ using clock = std::chrono::steady_clock;
   _exit(127);
 }
 
-// Reads both pipes to their ends. False if time was up first.
+// Reads both pipes to their ends. False if the time was up first.
 bool drain(std::array<pollfd, 2>& pipes, std::array<std::string*, 2> texts, clock::time_point deadline) {
   std::array<char, 65536> buffer;
   while (pipes[0].fd >= 0 || pipes[1].fd >= 0) {

@@ -54,8 +54,8 @@ class temporary_folder {
   std::filesystem::path m_path;
 };
 
-// The log's lines as "module level message"; time, thread and line number, which no test can foresee, are left out.
-// Text that is no log line stands as it is.
+// The log's lines as "module level message". Time, thread and line number are left out, because a test cannot know
+// them. Text that is no log line stays as it is.
 std::vector<std::string> log_lines(const std::string& text);
 
 // Those of one level.

@@ -75,7 +75,7 @@ void fill_whole(register_file& registers) {
   }
 }
 
-// Fractions, so that a hundred passes neither overflow at once nor stand still.
+// Fractions, chosen so that a hundred passes neither overflow soon nor leave the values unchanged.
 template <typename Lane>
 void fill_fractions(register_file& registers) {
   for (int v = 0; v < 32; ++v) set_lane(registers, v, 0, static_cast<Lane>(0.001 * (v + 1)));
@@ -198,7 +198,7 @@ TEST_P(every_arithmetic_kernel, runs_on_infinities_and_nans) {
   EXPECT_EQ(registers.x[1], 0u);
 }
 
-// An object to enter the kernel by, with a field of the frame opened.
+// An object through which the kernel is entered. It makes a field of the frame accessible.
 struct open_flops : flops {
   using flops::duration;
   using flops::flops;

@@ -186,7 +186,7 @@ TEST_F(frame, with_a_negative_duration_does_not_sleep) {
 std::atomic<bool> held = false;
 std::atomic<bool> let_go = false;
 
-// The measuring thread is held in a signal handler while the state goes from waiting over running to stop.
+// A signal handler holds the measuring thread while the state goes from waiting over running to stop.
 TEST_F(frame, makes_no_call_on_a_thread_that_sees_the_stop_first) {
   if (under_thread_sanitizer) GTEST_SKIP() << "the sanitizer delivers a signal only where the thread blocks";
   held = false;
@@ -335,8 +335,8 @@ TEST_F(frame, logs_nothing_of_a_run_without_trouble) {
   EXPECT_TRUE(test::logged_lines().empty());
 }
 
-// Holds each thread in its preparation, asleep, until all have come so far: the frame's own waiting spins, and a
-// thousand spinning threads leave two processors no time to make the next one.
+// Holds each thread asleep in its preparation until all have reached it. The frame's own waiting spins, and a thousand
+// spinning threads leave two processors no time to make the next one.
 class many_threads : public counting_benchmark {
  public:
   using counting_benchmark::counting_benchmark;
@@ -371,7 +371,7 @@ TEST_F(frame, asks_for_processor_1023_by_its_number) {
   EXPECT_EQ(cpus_asked_for(), std::multiset<int>{1023});
 }
 
-// The same with as many threads: each one that is ready spins, and on two processors beside another load that can take
+// The same with as many threads, which spin once they are ready. On two processors, beside other load, that can take
 // minutes.
 TEST_F(frame, asks_for_no_processor_at_all_from_thread_1024_on) {
   if (std::getenv("CEILMETER_LONG") == nullptr) GTEST_SKIP() << "a thousand spinning threads: in the long run only";

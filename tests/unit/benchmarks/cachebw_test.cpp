@@ -133,7 +133,7 @@ TEST_F(bandwidth, hands_the_threads_own_buffer_to_the_kernel) {
 }
 
 TEST_F(bandwidth, is_measured_in_the_frame) {
-  // A machine that is busy with something else may leave the threads of a short box no time: a longer one then.
+  // On a busy machine the threads of a short box may get no time. The box is then made longer.
   std::uint64_t calls = 0;
   std::uint32_t result = 0;
   for (double seconds = 0.05; seconds < 10.0 && calls == 0; seconds *= 3) {

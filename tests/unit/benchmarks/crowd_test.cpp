@@ -1,6 +1,6 @@
-// The driver and the frame with thousands of real threads, once; the kernels do nothing. The preparation holds each
-// thread, asleep, until all are there: the frame's own waiting spins, and would leave a small machine no time to make
-// the next thread.
+// The driver and the frame with thousands of real threads, once. The kernels do nothing. The preparation holds each
+// thread asleep until all exist: the frame's own waiting spins, so a small machine would have no time to make the next
+// thread.
 #include <gtest/gtest.h>
 
 #include <atomic>

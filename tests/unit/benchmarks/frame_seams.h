@@ -1,6 +1,6 @@
-// What the frame asks of the operating system, in the hands of a test: the processors, pinning, sleep, clock, and the
-// making of threads. The linker redirects the calls (--wrap), or the executable's own definition stands before the C
-// library's. Everything goes to the real thing until a test says otherwise, and again after the test.
+// What the frame asks of the operating system, under a test's control: the processors, pinning, sleep, the clock, and
+// the making of threads. The linker redirects the calls (--wrap), or the executable's own definition takes precedence
+// over the C library's. Every call goes to the real function until a test says otherwise, and again after the test.
 #pragma once
 
 #include <sched.h>
@@ -29,7 +29,7 @@ struct frame_seams {
   static void reset();
 };
 
-// Puts the real things back, before and after a test.
+// Restores the real functions, before and after a test.
 struct frame_seams_guard {
   frame_seams_guard() { frame_seams::reset(); }
   ~frame_seams_guard() { frame_seams::reset(); }

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <stdexcept>
 
-// The buffer stands flush with one of the two guard pages; with both, if its size is a multiple of the page.
+// One end of the buffer touches one of the two guard pages; if its size is a multiple of the page, both ends do.
 enum class flush_with { lower_guard, upper_guard };
 
 class guarded_buffer {

@@ -38,7 +38,7 @@ void* __wrap_dlopen(const char* name, int flags) {
   return handle_opened;
 }
 
-// Prints, because the call that matters comes after main.
+// Prints, because the checked call comes after main.
 int __wrap_dlclose(void* handle) {
   if (handle == handle_opened) {
     const char text[] = "dlclose of libnuma\n";

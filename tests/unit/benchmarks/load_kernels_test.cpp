@@ -119,7 +119,7 @@ std::uint64_t fault_of(const kernel_facts& kernel, float* data, std::int32_t pas
   return fault_address;
 }
 
-// Shows as well that the guard pages of the other tests would catch a kernel that left its buffer.
+// Also shows that the guard pages of the other tests would catch a kernel that left its buffer.
 TEST_P(every_load_kernel, runs_off_the_end_of_a_buffer_that_is_no_multiple_of_its_step) {
   const kernel_facts& kernel = GetParam();
   const std::uint64_t bytes = 8192 - kernel.step / 2;

@@ -20,7 +20,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// Opens the fields of a roof that somebody else has made.
+// Makes the fields of a roof accessible that other code has made.
 struct open_frame : benchmark_std {
   static std::uint64_t iterations_of(benchmark_std& roof) { return roof.*(&open_frame::iterations); }
   static double duration_of(benchmark_std& roof) { return roof.*(&open_frame::duration); }
@@ -75,7 +75,7 @@ TEST(machine_roofs, that_are_measured_for_each_count_are_l3_and_memory_with_and_
 }
 
 TEST(machine_roofs, of_arithmetic_have_each_its_own_kernel_and_its_operations_per_pass) {
-  const made_roofs roofs = make_all(machine_roofs(true).measured_once);
+  const made_roofs roofs = make_all(full_roofs(true).measured_once);
   std::vector<const std::uint64_t*> kernels;
   std::vector<std::uint64_t> operations;
   for (std::size_t row = 0; row < 8; ++row) {
@@ -136,19 +136,19 @@ TEST(machine_roofs, run_for_one_second_with_the_threads_asked_for) {
 
 TEST(machine_roofs, without_half_precision_are_the_same_rows_and_warn_once) {
   testing::internal::CaptureStderr();
-  const roof_list list = machine_roofs(false);
+  const roof_list list = full_roofs(false);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   testing::internal::CaptureStderr();
   const std::vector<std::string> rows = describe(list.measured_once);
   const std::string line = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(rows, describe(machine_roofs(true).measured_once));
+  EXPECT_EQ(rows, describe(full_roofs(true).measured_once));
   EXPECT_THAT(line,
               testing::EndsWith(" MORA warn this processor has no half-precision arithmetic: its two roofs are 0\n"));
   EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1);
 }
 
 TEST(machine_roofs, of_half_precision_are_0_and_run_no_kernel_where_there_is_none) {
-  const made_roofs roofs = make_all(machine_roofs(false).measured_once);
+  const made_roofs roofs = make_all(full_roofs(false).measured_once);
   for (const std::size_t row : {0U, 5U}) {
     EXPECT_EQ(open_flops::kernel_of(*roofs[row]), 0U);  // A call would end the test.
     (*roofs[row])();

@@ -1,5 +1,5 @@
-// The driver's rules with a list of benchmarks that take no time: which is made with how many threads, when it lives,
-// and what the report says of it.
+// The driver's rules, with a list of benchmarks that take no time: which benchmark is made with how many threads, how
+// long it lives, and what the report says of it.
 #include "run_benchmarks.h"
 
 #include <gmock/gmock.h>
@@ -51,7 +51,7 @@ roof_maker fake(const std::string& name, std::uint32_t result, bool compute = tr
   return [=](std::uint32_t num_threads) { return std::make_unique<fake_roof>(name, num_threads, result, compute); };
 }
 
-// Its result is its thread count, so that a report tells with how many threads a roof was measured.
+// Its result is its thread count, so that a report shows with how many threads a roof was measured.
 roof_maker counting_fake(const std::string& name) {
   return [=](std::uint32_t num_threads) { return std::make_unique<fake_roof>(name, num_threads, num_threads, false); };
 }

@@ -56,7 +56,7 @@ TEST_F(tracer_finalizer, half_precision_counts_like_the_others) {
   EXPECT_EQ(metrics_of({fadd_half, fadd_half}).flop, 2);
 }
 
-// The multiplier of a scalable instruction is the one before it's: 2 times 2 and 4 times 2.
+// A scalable instruction has the multiplier of the instruction before it: 2 times 2 and 4 times 2.
 TEST_F(tracer_finalizer, scalable_multiply_add_takes_over_the_multiplier_of_the_instruction_before) {
   start(MODE_TOTAL);
   const basic_block_record block = metrics_of({fmla_two_doubles, sve_fmla_doubles});

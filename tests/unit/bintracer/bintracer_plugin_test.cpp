@@ -95,7 +95,7 @@ TEST_F(tracer_callbacks, exit_runs_what_the_tracer_was_made_with) {
   EXPECT_EQ(finishes().calls, 1);
 }
 
-// The child of a fork ends through the engine too, but the result is that of the process that was started.
+// The child of a fork also ends through the engine, but the result belongs to the process that was started.
 TEST_F(tracer_callbacks, exit_in_a_forked_child_runs_nothing) {
   start(MODE_TOTAL);
   const pid_t child = fork();

@@ -322,7 +322,7 @@ TEST_F(tracer_state, many_regions_keep_their_activity_apart) {
   EXPECT_EQ(tracer->max_active_threads("region 999"), 1U);
 }
 
-// More ends than beginnings leave a count below 0; nobody mistakes it for more threads than a system call can number.
+// If more threads end than begin, the count goes below 0. It is then cut to the 32 bits that a thread id has.
 TEST_F(tracer_state, count_of_threads_is_reduced_to_its_low_32_bits_before_it_becomes_the_highest) {
   start(MODE_TOTAL);
   bintracer_thread& thread = begin_thread(1);
@@ -334,7 +334,7 @@ TEST_F(tracer_state, count_of_threads_is_reduced_to_its_low_32_bits_before_it_be
                   "info finish_thread, max_thread_count is 1", "info finish_thread, max_thread_count is 4294967295"));
 }
 
-// The one report of a process: get_report keeps the note that it has run for the process's life.
+// A process has one report: get_report remembers for the process's life that it has run.
 TEST_F(tracer_state, second_report_is_empty_with_a_warning) {
   start(MODE_TOTAL);
   bintracer_thread& first = begin_thread(1);

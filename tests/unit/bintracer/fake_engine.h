@@ -1,5 +1,5 @@
-// What the tracer's tests have in the engine's place: it keeps what is registered, hands out contexts, and writes down
-// what the tracer has it emit, in words.
+// The engine's place in the tracer's tests. It keeps what is registered, makes contexts, and records in words what the
+// tracer emits.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace ceilmeter {
 
-// The engine's record of a thread is opaque to the tracer: here it is what the tests need.
+// The engine's record of a thread is opaque to the tracer. Here it has what the tests need.
 struct thread_data {
   void* plugin_data = nullptr;
   std::int32_t tid = 0;
@@ -37,7 +37,7 @@ struct fake_engine {
   // Delivers an event that carries nothing but the thread.
   void deliver(mora_event event, thread_data& thread);
   void deliver_clone(thread_data& parent, thread_data& child);
-  // As at the translation of a block; `emitted` holds what was written into it.
+  // Delivers the events of a block's translation. `emitted` holds what was written into the block.
   void deliver_block(thread_data& thread, std::uint64_t start, std::uint64_t end);
   void deliver_function(mora_event event, thread_data& thread, std::uint64_t address);
   void deliver_symbol(const char* name, std::uint64_t address);
@@ -50,7 +50,7 @@ fake_engine& engine();
 // A tracer of this mode in the place of the one before, and a fresh engine under it.
 bintracer_t& start_tracer(std::uint32_t mode);
 
-// What the tracer's exit callback has been called with.
+// The calls of the tracer's exit callback.
 struct finish_record {
   int calls = 0;
 };

@@ -54,7 +54,7 @@ class tracer_finalizer : public ::testing::Test {
     return *threads.back();
   }
 
-  // The thread runs the block of so many words so many times.
+  // Acts as if the thread had run a block of that many words that many times.
   void run(bintracer_thread& thread, std::uint64_t start, std::size_t words, std::uint64_t times) const {
     auto* node = new bb_node;
     node->next = thread.bb_nodes;
@@ -62,7 +62,7 @@ class tracer_finalizer : public ::testing::Test {
     thread.bb_nodes = node;
   }
 
-  // The thread runs a block of generated code, which begins at `start` with these words.
+  // Acts as if the thread had run a block of generated code that begins at `start` and has these words.
   void run_generated(bintracer_thread& thread, std::uint64_t start, const std::vector<std::uint32_t>& words,
                      std::uint64_t times) const {
     run(thread, start, words.size(), times);

@@ -26,8 +26,8 @@ std::string expanded(const char* pattern, std::size_t size = 4096) {
   return out.data();
 }
 
-// The rank is read once in a process. So each case of the next two runs in a child, and these two come before any other
-// test of this process.
+// A process reads the rank once. So each case of the next two tests runs in a child, and these tests come before any
+// other of this process.
 TEST(file_pattern_test, rank_comes_from_the_launchers_variables_in_order) {
   const auto rank_with = [](const std::vector<std::pair<const char*, const char*>>& variables) {
     return status_of_child([&variables] {

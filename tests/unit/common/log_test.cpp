@@ -1,5 +1,5 @@
-// The log's line, thresholds and destinations. The log is process-wide state, so that each test sets
-// back what it moved.
+// The log's line, thresholds and destinations. The log is process-wide state, so each test restores what it has
+// changed.
 #include "common/log.h"
 
 #include <fcntl.h>
@@ -64,7 +64,7 @@ class log_test : public ::testing::Test {
   const test::scratch_folder folder;
 };
 
-// Comes first: the rank is read once in a process.
+// The first test, because a process reads the rank once.
 TEST_F(log_test, log_file_option_expands_its_argument) {
   EXPECT_EQ(status_of_child([] {
               setenv("PMIX_RANK", "3", 1);
@@ -335,7 +335,7 @@ TEST_F(log_test, log_file_never_takes_the_place_of_a_closed_standard_stream) {
                 for (int fd = 0; fd <= STDERR_FILENO; ++fd) close(fd);
                 mora_log_set_file(path.c_str());
                 mora_log_init();
-                // What a program prints to a stream that its caller has closed is lost, and not the log's.
+                // If its caller has closed a stream, what a program prints to it is lost. It must not get into the log.
                 for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
                   if (fcntl(fd, F_GETFD) != -1) return 10 + fd;
                 }
@@ -355,7 +355,7 @@ TEST_F(log_test, log_file_leaves_the_small_descriptors_to_the_application) {
                 setrlimit(RLIMIT_NOFILE, &limits);
                 mora_log_set_file(path.c_str());
                 mora_log_init();
-                // As a script does that opens descriptors under numbers of its choice.
+                // As in a script that opens descriptors under numbers of its choice.
                 for (int fd = 3; fd < 200; ++fd) {
                   dup2(STDERR_FILENO, fd);
                   close(fd);

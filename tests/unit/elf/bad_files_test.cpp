@@ -13,14 +13,14 @@ constexpr std::uint64_t fixed = 0x1000000;
 
 class bad_file : public loader_fixture {
  protected:
-  // What a child that loads the file leaves: the line is compared as a whole, and nothing may stand beside it.
+  // The output of a child that loads the file. The line is compared as a whole, and there must be no other output.
   static child_outcome outcome_of_loading(const std::string& path) {
     return run_in_child([&] { load(path); });
   }
 
   static child_outcome refusal(const std::string& line) { return {1, "", line + "\n"}; }
 
-  // A file that loads, for a test to spoil.
+  // A valid file, which a test then spoils.
   static elf_image good_image(std::uint16_t type = ET_EXEC) {
     elf_image image(type, fixed);
     image.place(0x1000, "code");
@@ -245,7 +245,7 @@ TEST_F(bad_file, with_256_bytes_of_interpreter_path_is_refused) {
                              "Error: incorrect binary format, INTERP filename longer than the buffer");
 }
 
-// With 255 bytes the path is taken: it is the interpreter's file that is missing then.
+// A path of 255 bytes is accepted; then the interpreter's file is missing.
 TEST_F(bad_file, with_255_bytes_of_interpreter_path_is_looked_for) {
   const std::string path = "/" + std::string(253, 'i');
   expect_interpreter_refused(path, "Error: couldn't open file " + path);

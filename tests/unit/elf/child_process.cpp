@@ -67,8 +67,8 @@ child_outcome run_in_child(const std::function<void()>& work, unsigned seconds) 
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
     for (const int fd : {out[0], out[1], err[0], err[1]}) close(fd);
-    // A program with random headers may send signals and fault at will: not to its parents, without leaving a core, and
-    // not for longer than they live.
+    // A program with random headers may send signals and fault. It must not signal its parents, leave a core file, or
+    // outlive them.
     const rlimit no_core{0, 0};
     const rlimit processor{seconds, seconds};
     if (setpgid(0, 0) != 0 || setrlimit(RLIMIT_CORE, &no_core) != 0 || setrlimit(RLIMIT_CPU, &processor) != 0 ||
@@ -101,7 +101,7 @@ child_outcome run_natively(const std::vector<std::string>& words, const std::vec
   std::vector<std::string> command = {found_in_path("prlimit"), "--as=" + std::to_string(address_space_allowed)};
   std::istringstream emulator(CEILMETER_TEST_EMULATOR);
   std::string word;
-  // A machine that has no such emulator needs none, for what was built on another.
+  // If the machine has no such emulator, the build was made on another machine and needs none here.
   if (emulator >> word && !found_in_path(word).empty()) command.push_back(found_in_path(word));
   while (command.size() > 2 && emulator >> word) command.push_back(word);
   command.insert(command.end(), words.begin(), words.end());

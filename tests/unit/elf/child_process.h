@@ -1,4 +1,5 @@
-// Runs a function in a child process and keeps what it leaves, since a bad file ends the process that loads it.
+// Runs a function in a child process and keeps its output and status, because a bad file ends the process that loads
+// it.
 #pragma once
 
 #include <functional>
@@ -19,16 +20,16 @@ struct child_outcome {
 
 void PrintTo(const child_outcome& outcome, std::ostream* stream);
 
-// A child that returns from `work` ends with status 0. One that computes for longer than `seconds`, or is not at its
-// end after ten times as long, is killed: on a busy machine only the processor's time tells a hang from waiting for its
-// turn.
+// A child that returns from `work` ends with status 0. A child is killed if it computes for longer than `seconds`, or
+// has not ended after ten times as long. On a busy machine only the processor's time distinguishes a hang from waiting
+// for a turn.
 child_outcome run_in_child(const std::function<void()>& work, unsigned seconds = 20);
 
-// The address space that run_natively allows: more than any program here wants. An emulator, which keeps a record of
-// every page, would else fill the machine's memory for a program that reserves much.
+// The limit of the address space in run_natively, more than any program here needs. An emulator keeps a record of every
+// page, so without the limit a program that reserves much could fill the machine's memory.
 inline constexpr unsigned long long address_space_allowed = 16ULL << 30;
 
-// Runs the program `words[0]` natively, by way of the emulator that the build's tests run in if there is one.
+// Runs the program `words[0]` natively. If the build's tests run in an emulator, this program does too.
 child_outcome run_natively(const std::vector<std::string>& words, const std::vector<std::string>& environment,
                            unsigned seconds = 20);
 

@@ -1,5 +1,5 @@
-// The engine as the loader sees it, without an engine: what was reported is kept, the page size is the test's choice,
-// and the entry into the code cache comes back to the test.
+// Stand-ins for the engine's functions that the loader calls. They keep what is reported, use the page size that the
+// test chooses, and return from the entry into the code cache to the test.
 #pragma once
 
 #include <cstddef>

@@ -204,7 +204,7 @@ TEST_P(header_fuzz, ends_in_a_message_or_in_the_application) {
     overwrite_headers(path, file.content);
   }
   for (const auto& [text, count] : outcomes) std::printf("%5d %s\n", count, text.c_str());
-  // A batch that all goes one way tests nothing.
+  // A batch in which all variants end alike tests nothing.
   EXPECT_GT(outcomes["entered"], 12);
   EXPECT_LT(outcomes["entered"], 238);
 }

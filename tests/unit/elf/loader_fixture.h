@@ -34,7 +34,7 @@ class loader_fixture : public ::testing::Test {
   void SetUp() override { reset(); }
   void TearDown() override { reset(); }
 
-  // Fixed addresses serve one load after the other.
+  // Each load uses the same fixed addresses again.
   static void reset() {
     for (const vm_report& report : vm_reports) munmap(reinterpret_cast<void*>(report.addr), report.size);
     vm_reports.clear();

@@ -1,4 +1,4 @@
-// What load_elf maps, reports and hands on, on images built by hand so that every number is the test's own.
+// What load_elf maps, reports and returns. The images are built by hand, so that the test knows every number.
 #include "loader_fixture.h"
 
 #include "bi/kernel/syscalls.h"
@@ -344,7 +344,7 @@ TEST_F(loading, logs_every_program_header_at_level_trace) {
             "p_align: 0x17\nunhandled program header table entry type\n");
 }
 
-// A process may have no room left, or a file system may not allow what a segment asks for.
+// The process may have no room left, or the file system may not allow what a segment needs.
 TEST_F(loading, takes_no_notice_of_a_segment_that_cannot_be_mapped) {
   const std::string path = folder.write("application", two_segments(ET_EXEC, fixed).bytes());
   const child_outcome outcome = run_in_child([&] {

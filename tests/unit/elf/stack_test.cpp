@@ -275,7 +275,7 @@ TEST_F(application_stack, does_not_tell_of_shadow_call_stacks) {
   EXPECT_EQ(build("/app", {}).auxiliary.at(0), (std::pair<std::uint64_t, std::uint64_t>{AT_HWCAP, 0x2ffffffff}));
 }
 
-// Types that the application cannot be given unseen: unknown to this table, or meant for the tool alone.
+// Types that must not be passed to the application as they are: unknown to this table, or meant for the tool alone.
 TEST_F(application_stack, is_not_built_from_an_unknown_auxiliary_type) {
   for (const std::uint64_t type : {1, 2, 10, 15 + 3, 19, 20, 21, 22, 24, 32, 34, 40, 47, 50, 52, 1000}) {
     process_vectors fresh;

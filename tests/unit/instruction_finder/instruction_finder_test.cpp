@@ -104,7 +104,7 @@ TEST_F(finding_instructions, range_shorter_than_a_word_of_a_missing_file_fails) 
 TEST_F(finding_instructions, empty_module_name_fails_to_become_canonical) {
   const log_capture log(LEVEL_WARN);
   EXPECT_FALSE(read("", 0, 4));
-  // The second line is the library's word for it.
+  // The second line is the text that the C library has for the error.
   EXPECT_THAT(log.messages(), ElementsAre("warn Failed to make canonical from ", ::testing::_));
 }
 
@@ -205,7 +205,7 @@ TEST_F(finding_instructions, two_files_have_two_streams) {
 
 TEST_F(finding_instructions, failed_open_is_repeated_and_succeeds_when_the_file_is_there) {
   const std::string module = folder / "module";
-  // A socket's name is a canonical path that can't be opened, whoever tries.
+  // The name of a socket is a canonical path, but nobody can open it.
   std::filesystem::create_directory(folder / "away");
   ASSERT_EQ(mknod(module.c_str(), S_IFSOCK | 0600, 0), 0);
   {

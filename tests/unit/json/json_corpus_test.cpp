@@ -1,5 +1,5 @@
-// Every file of the corpus is parsed, printed, parsed again and compared. The files are valid documents in as many
-// styles as their authors could think of; none has a quote or a backslash within a text, which the writer can't write.
+// Every file of the corpus is parsed, printed, parsed again and compared. The files are valid documents in many styles.
+// None has a quote or a backslash within a text, because the writer can't write these.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -59,7 +59,7 @@ TEST_P(json_corpus, file_is_read_to_its_end) {
 TEST_P(json_corpus, file_cut_off_anywhere_leaves_a_tree_and_a_message) {
   const std::string text = content_of(GetParam());
   const auto end = text.find_last_not_of(" \t\n\v\f\r");
-  // All places of a small file, about 500 of a large one.
+  // All places of a small file, or about 500 places of a large one.
   for (std::size_t length = 0; length < end; length += 1 + end / 500) {
     const test::parsed parse(text.substr(0, length));
     ASSERT_NE(parse.status, JSON_OK) << "cut at " << length;

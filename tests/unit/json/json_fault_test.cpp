@@ -10,7 +10,7 @@ namespace {
 using test::message_of;
 using test::parsed;
 
-// One faulty text. In `text` the character '^' is taken out; it marks the place where the cursor stands afterwards.
+// One faulty text. A '^' in `text` is removed first; it marks where the cursor must stand afterwards.
 struct fault {
   const char* name;
   const char* text;

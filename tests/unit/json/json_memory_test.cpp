@@ -1,5 +1,5 @@
-// What the JSON library does when memory ends. The linker hands every malloc, calloc and free of this executable to the
-// functions below, which fail the n-th allocation on demand and count what is not yet freed.
+// What the JSON library does when memory runs out. The linker sends every malloc, calloc and free of this executable to
+// the functions below. They fail the n-th allocation on demand, and count what has not been freed.
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// What the JSON reader takes, and what it makes of it. Faults have a file of their own.
+// What the JSON reader accepts, and what it makes of it. json_fault_test.cpp has the faults.
 #include <clocale>
 #include <cstdint>
 #include <limits>

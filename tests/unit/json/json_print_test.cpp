@@ -1,5 +1,5 @@
-// The exact form of printed documents, and the three ways to print. A second printer, written for the tests in the
-// plainest way, says what a tree of any shape must look like.
+// The exact form of printed documents, and the three ways to print. A second printer, written for the tests as simply
+// as possible, gives the expected text for trees of any shape.
 #include <unistd.h>
 
 #include <cerrno>

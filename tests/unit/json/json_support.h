@@ -16,7 +16,7 @@ struct token_deleter {
 };
 using token_owner = std::unique_ptr<json_token, token_deleter>;
 
-// A parse of `text`, whatever its outcome. Keeps the text, so that positions can be told.
+// A parse of `text`, whether it succeeds or not. Keeps the text, so that positions in it can be given.
 struct parsed {
   std::string text;
   json_document* document = nullptr;
@@ -97,8 +97,8 @@ inline std::string printed(const json_token* token) {
   return copy;
 }
 
-// Whether two trees have the same shape, keys and values; says at which path they differ first. The roots' keys play
-// no part.
+// Whether two trees have the same shape, keys and values. If not, gives the path of the first difference. The roots'
+// keys are not compared.
 inline ::testing::AssertionResult same_tree(const json_token* left, const json_token* right,
                                             const std::string& path = "root") {
   if (json_get_type(left) != json_get_type(right)) {

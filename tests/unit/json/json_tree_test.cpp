@@ -1,4 +1,4 @@
-// Building, joining, walking and freeing of tokens. That nothing leaks or is freed twice is for the sanitizer to see.
+// Building, joining, walking and freeing of tokens. The sanitizers check that nothing leaks or is freed twice.
 #include <cstddef>
 #include <limits>
 #include <string>

@@ -1,4 +1,4 @@
-// What the registry makes of mappings that follow each other, judged by what is found at each address.
+// What the registry makes of successive mappings. The tests look up each address.
 #include "mappings.h"
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
-// All tables of the registry at once, by writers and readers on several threads. ThreadSanitizer judges the accesses,
-// the assertions judge what is found.
+// All tables of the registry at once, with writers and readers on several threads. ThreadSanitizer checks the accesses,
+// the assertions check what is found.
 #include <gtest/gtest.h>
 
 #include <cstdint>

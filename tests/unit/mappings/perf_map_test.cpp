@@ -1,4 +1,4 @@
-// The file in which a process names its generated code: what is read of it, and from whom.
+// The file in which a process names its generated code: what is read from it, and from whose files.
 #include "perf_map.h"
 
 #include <gtest/gtest.h>

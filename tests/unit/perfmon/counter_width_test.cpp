@@ -1,4 +1,5 @@
-// Groups that the counter unit cannot run, for units of every size in use: what is closed, what goes on, what is said.
+// Groups that the counter unit cannot run, for units of every size in use: what is closed, what stays open, and what is
+// logged.
 #include <cerrno>
 #include <thread>
 

@@ -101,7 +101,7 @@ long fake_kernel::perf_event_open(long number, const void* attr, long pid, long 
 
 int fake_kernel::ioctl(int fd, unsigned long request, unsigned long argument) {
   counter* counted = find(fd);
-  // The argument of the id request is an address, which no test can foresee.
+  // The argument of the id request is an address, which a test cannot know.
   record(request == PERF_EVENT_IOC_ID ? text_of("ioctl %d %lx", fd, request)
                                       : text_of("ioctl %d %lx %lx", fd, request, argument));
   if (counted == nullptr) {
@@ -166,8 +166,8 @@ bool fake_kernel::runs(int leader) {
   return width == 0 || open_members(leader) <= width;
 }
 
-// Zero pairs as yet, and both times. A group that does not run has a little running time nevertheless, as from the real
-// kernel; once it runs, both times go on from there.
+// The number of pairs, 0 so far, and both times. As from the real kernel, a group that does not run still has a little
+// running time. Once it runs, both times go on from there.
 std::vector<std::uint64_t> fake_kernel::times_of(int leader) {
   constexpr std::uint64_t attempts = 300;
   if (!runs(leader)) {
@@ -250,7 +250,7 @@ ssize_t __real_read(int fd, void* buffer, std::size_t size);
 int __real_close(int fd);
 int __real_clock_gettime(clockid_t clock, timespec* now);
 
-// Takes as many arguments as the call has: what lies behind them is the caller's stack.
+// Takes as many arguments as a call can have. Those that the call does not have are words of the caller's stack.
 long __wrap_syscall(long number, ...) {
   if (number == SYS_gettid) return __real_syscall(number);
   if (number != SYS_perf_event_open || fake_kernel::current() == nullptr) {
@@ -274,7 +274,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
   const unsigned long argument = va_arg(list, unsigned long);
   va_end(list);
   fake_kernel* kernel = fake_kernel::current();
-  // A number below 0 is nobody's descriptor: the request shows up in the record, and fails.
+  // A number below 0 is never a valid descriptor: the request is recorded, and fails.
   if (kernel != nullptr && (fd < 0 || kernel->owns(fd))) return kernel->ioctl(fd, request, argument);
   return __real_ioctl(fd, request, argument);
 }

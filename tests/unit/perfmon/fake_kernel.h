@@ -23,7 +23,7 @@ struct open_call {
   unsigned long flags = 0;
 };
 
-// One at a time. Counting threads have to have ended when it goes.
+// Only one may exist at a time. Counting threads must have ended when it is destroyed.
 class fake_kernel {
  public:
   enum class recording { on, off };
@@ -35,7 +35,7 @@ class fake_kernel {
   fake_kernel(const fake_kernel&) = delete;
   fake_kernel& operator=(const fake_kernel&) = delete;
 
-  // The script. To be written before the calls that it concerns.
+  // The script. Set it before the calls that it concerns.
   std::map<std::uint64_t, int> refused;               // Event code to errno of its open.
   std::optional<long> open_result;                    // What every open returns, in place of a new counter.
   int open_limit = 1 << 20;                           // Opens that succeed; EMFILE from there on.
@@ -45,8 +45,8 @@ class fake_kernel {
   int read_error = 0;                                 // errno of every read.
   std::uint64_t time_enabled = 100;
   std::uint64_t time_running = 100;
-  // Counters of the unit; 0: as many as are wanted. A larger group never runs. One that is opened to run at once is
-  // refused, one that is opened stopped is not.
+  // Counters of the unit; 0: no limit. A larger group never runs. If it is opened to run at once, the kernel refuses
+  // it; if it is opened stopped, the kernel accepts it.
   int width = 0;
   int starved_readings = 0;         // So many readings find that no group has run.
   std::vector<std::int64_t> clock;  // The next readings of the clock, in nanoseconds.

@@ -1,4 +1,4 @@
-// What becomes of the groups when counting is over: read, closed, summed up by region, timed, and turned into metrics.
+// The end of counting: groups are read, closed, summed up by region, timed, and turned into metrics.
 #include <algorithm>
 #include <cerrno>
 #include <thread>
@@ -234,7 +234,7 @@ TEST_F(perfmon_finalisation_test, a_region_all_of_whose_groups_failed_is_absent)
   counted.start_roofline_events("counted");
   counted.finalize_roofline_events();
   EXPECT_THAT(names(counted.get_roofline_events()), ElementsAre("counted"));
-  // Its list of intervals is there nevertheless, and is empty.
+  // Its list of intervals exists all the same, and is empty.
   EXPECT_THAT(counted.m_time_intervals_map.at("failed"), IsEmpty());
 }
 

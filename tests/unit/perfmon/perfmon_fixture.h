@@ -1,4 +1,4 @@
-// What the tests of class perfmon share: its inside made visible, and a fixture with a fake kernel and log.
+// What the tests of class perfmon share: access to its private parts, and a fixture with a fake kernel and a fake log.
 #pragma once
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
-// Many threads that start and stop many regions at once. The fake kernel orders nothing between threads here, so that
-// under ThreadSanitizer the object's own lock is what is tested; elsewhere the sums tell a lost record.
+// Many threads start and stop many regions at once. The fake kernel makes no order between threads here. So under
+// ThreadSanitizer the test checks the object's own lock; elsewhere the sums show a lost record.
 #include <atomic>
 #include <thread>
 
@@ -38,7 +38,7 @@ TEST_F(perfmon_threads_test, many_threads_start_and_stop_many_regions_at_once) {
   on_threads(thread_count, [&counted](int thread) {
     for (int round = 0; round < rounds; ++round) {
       for (int i = 0; i < region_count; ++i) {
-        // Every thread walks the regions from a place of its own, so that equal names meet and new ones grow the map.
+        // Every thread begins at another region, so that equal names meet and new names make the map grow.
         const std::string region = "region " + std::to_string((i + thread * 7) % region_count);
         counted.start_roofline_events(region);
         counted.stop_roofline_events(region);

@@ -36,7 +36,7 @@ class perfmon_utils_test : public ::testing::Test {
   fake_kernel kernel;
 };
 
-// Type in the low half of the first word, the size in its high half.
+// The low half of the first word is the type, the high half its size.
 constexpr std::uint64_t first_word(std::uint64_t type) { return type | std::uint64_t{112} << 32; }
 
 TEST_F(perfmon_utils_test, core_attribute_is_112_bytes_with_read_format_15_and_flags_200061_and_else_zero) {

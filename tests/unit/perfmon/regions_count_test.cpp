@@ -175,7 +175,7 @@ TEST_F(regions_count_test, names_with_blanks_of_4000_characters_and_beyond_ascii
 }
 
 TEST_F(regions_count_test, a_double_quote_in_a_name_makes_the_file_unreadable) {
-  // The file holds names as they are, for readers that look for them as they are; the header tells users.
+  // The file holds names unchanged, for readers that look for them. The header warns users.
   run_under_tool([] {
     start_perf_roofline_events("the \"hot\" loop");
     finalize_perf_roofline_events();
@@ -311,7 +311,7 @@ TEST_F(regions_count_test, sixteen_threads_in_changing_regions_lose_no_interval)
     std::vector<std::thread> threads;
     for (int n = 0; n < thread_count; ++n) {
       threads.emplace_back([&waiting, n] {
-        // The instance is made by whichever comes first.
+        // The first call makes the instance, whichever call that is.
         waiting.fetch_sub(1, std::memory_order_relaxed);
         while (waiting.load(std::memory_order_relaxed) != 0) std::this_thread::yield();
         const std::string own = "own " + std::to_string(n);

@@ -1,4 +1,4 @@
-// The processes of the region tests, and the tracer's part played by a wrapper.
+// The processes of the region tests. A wrapper plays the tracer's part.
 #include "regions_fixture.h"
 
 #include <stdlib.h>
@@ -47,7 +47,7 @@ process_traces regions_test::run(const std::function<void()>& application) {
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
     application();
-    // What is in the output now has been flushed by the application; the failed expectations come behind it.
+    // The application has flushed what is in the output now. The failed expectations are appended.
     const off_t end = lseek(STDOUT_FILENO, 0, SEEK_END);
     std::fflush(stdout);
     _exit(HasFailure() || lseek(STDOUT_FILENO, 0, SEEK_END) != end ? 1 : 0);

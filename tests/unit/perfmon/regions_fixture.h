@@ -1,5 +1,5 @@
 // What the tests of the region interface share. The interface keeps its state for the life of a process, so every run
-// of it gets a process of its own; the fake kernel counts in it, the log is the real one.
+// of it has a process of its own. The counters there are those of the fake kernel, and the log is the real one.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -56,7 +56,7 @@ class regions_test : public ::testing::Test {
   const scratch_folder folder_;
 };
 
-// As under the tracer: the entry of the function that the tracer watches stores 1, 64 bits wide.
+// Does what the tracer does: the entry of the function that the tracer watches stores 1, 64 bits wide.
 void act_as_tracer();
 // The argument of its last call.
 const void* address_of_flag();

@@ -1,4 +1,4 @@
-// Counters of an earlier run, told by what the result file was before the application ran.
+// Counters of an earlier run. They are recognised by comparing with the result file before the application ran.
 #include "perfmon/stale_counters.h"
 
 #include <gmock/gmock.h>

@@ -12,7 +12,7 @@
 
 namespace ceilmeter::test {
 
-// All that a file holds, from its start.
+// The whole content of a file.
 inline std::string content_of_descriptor(int fd) {
   std::string content;
   char buffer[4096];

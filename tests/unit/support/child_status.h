@@ -1,4 +1,4 @@
-// What a function does that must not happen in the test's own process.
+// Runs what must not happen in the test's own process.
 #pragma once
 
 #include <sys/wait.h>

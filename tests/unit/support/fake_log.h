@@ -16,7 +16,7 @@ struct logged_line {
   bool operator==(const logged_line&) const = default;
 };
 
-// Sets the threshold and forgets what was logged.
+// Sets the threshold and clears the log.
 void reset_log(int level);
 
 // Everything logged since, oldest first.

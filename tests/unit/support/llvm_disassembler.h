@@ -1,4 +1,4 @@
-// LLVM's disassembler of A64 words, which shares no table with what is tested against it.
+// LLVM's disassembler of A64 words. It shares no table with what is compared with it.
 #pragma once
 
 #include <llvm-c/Disassembler.h>

@@ -1,4 +1,4 @@
-// The log of a stretch of test, line by line. While one of these lives, the tool's level is the one asked for.
+// The log of a part of a test, line by line. While such an object lives, the tool's level is the requested one.
 #pragma once
 
 #include <sstream>

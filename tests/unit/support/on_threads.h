@@ -1,4 +1,4 @@
-// Work that meets itself.
+// Runs the same work on several threads at once.
 #pragma once
 
 #include <atomic>

@@ -1,4 +1,4 @@
-// A folder for a test's files, gone with the object.
+// A folder for a test's files. It is removed with the object.
 #pragma once
 
 #include <stdlib.h>

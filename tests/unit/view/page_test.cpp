@@ -1,4 +1,4 @@
-// The page as text: what it holds without a browser, and that nothing of a stranger's name gets out of its place.
+// The page as text: its content without a browser, and that names from strangers stay text wherever they stand.
 #include "view/page.h"
 
 #include <gmock/gmock.h>

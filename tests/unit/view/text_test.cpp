@@ -41,7 +41,7 @@ TEST(view_text, names_cannot_leave_an_element_or_an_attribute) {
 TEST(view_text, numbers_know_no_locale) {
   const char* old = std::setlocale(LC_ALL, nullptr);
   const std::string before = old != nullptr ? old : "C";
-  // Without a locale of a decimal comma on the machine the test still checks the plain one.
+  // If the machine has no locale with a decimal comma, the test still checks the plain locale.
   if (std::setlocale(LC_ALL, "de_DE.UTF-8") == nullptr) std::setlocale(LC_ALL, "");
   EXPECT_EQ(number(1234567.5), "1234567.5");
   EXPECT_EQ(number(0.1), "0.1");

@@ -27,8 +27,8 @@ int current_node() {
   return syscall(SYS_getcpu, nullptr, &node, nullptr) == 0 ? static_cast<int>(node) : -1;
 }
 
-// The nodes that hold the pages of a buffer; a negative number is the error of a page that could not be told. Only
-// pages that belong to the buffer as a whole: the heap's own words, in front of a block, are touched by whoever
+// The nodes that hold the pages of a buffer. A negative number is the error of a page whose node could not be found
+// out. Only pages that belong entirely to the buffer: the heap's own words in front of a block are touched by whoever
 // allocates it.
 std::set<int> nodes_of(float* data) {
   const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));

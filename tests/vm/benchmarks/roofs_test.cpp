@@ -90,8 +90,8 @@ TEST(roofs, of_a_set_of_0_alone_are_none_and_nothing_is_printed) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
-// The machine's list, but with kernel calls of a few microseconds to milliseconds, as they are on hardware: what an
-// emulator adds to the phase is then not the tail of a call that takes it seconds.
+// The machine's list, but with kernel calls of a few microseconds to milliseconds, as on hardware. Otherwise the phase
+// would end with a call that takes an emulator seconds.
 template <const load_kernel_text& text>
 void short_load(float* data, std::int32_t, std::uint64_t elements) {
   call_load_kernel<text>(data, 1000, elements);

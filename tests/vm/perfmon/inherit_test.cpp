@@ -1,4 +1,4 @@
-// Counters that follow what the counting thread starts: the way in which the whole application is counted.
+// Counters that follow what the counting thread starts. The whole application is counted in this way.
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,7 +26,8 @@ run_counts count_total(bool inherit, const std::function<void()>& work_of_child)
   const std::uint64_t self = faults_of_self();
   const std::uint64_t children = faults_of_children();
   fork_and_wait(work_of_child);
-  // From the outside in: a fault between the accounting and the stop would be counted and not accounted for.
+  // The calls nest from the outside in: a fault between the accounting and the stop would be counted but not accounted
+  // for.
   counted.stop("total");
   run_counts counts;
   counts.accounted_faults = faults_of_self() - self + faults_of_children() - children;
@@ -58,7 +59,7 @@ TEST(inherit_test, the_count_grows_by_the_childs_work) {
 TEST(inherit_test, the_cycles_and_the_task_clock_of_a_child_reach_the_parents_group) {
   run_counts less{~0ul, ~0ul, ~0ul, 0};
   run_counts more = less;
-  // The least of several rounds: whatever else the machine does only adds.
+  // The smallest of several rounds, because other work on the machine only adds.
   for (int round = 0; round < 4; ++round) {
     const run_counts small = count_total(true, [] { burn(20); });
     const run_counts large = count_total(true, [] { burn(80); });
@@ -95,7 +96,7 @@ TEST(inherit_test, the_descriptors_of_a_group_are_gone_in_an_executed_program) {
   const int before = open_descriptors();
   counted.start("total");
   ASSERT_EQ(open_descriptors(), before + 3);
-  // The shell sees what the child would have had, and the folder's own descriptor.
+  // The shell sees the descriptors that the child would have had, and the descriptor of the folder.
   const std::string command = "test $(ls /proc/self/fd | wc -l) -eq " + std::to_string(before + 1);
   const child_result shell = run_in_child([&command] { execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); });
   EXPECT_EQ(shell.exit_status, 0);
@@ -150,8 +151,8 @@ TEST(inherit_test, a_child_that_still_runs_is_in_the_reading) {
 }
 
 TEST(inherit_test, a_thread_started_inside_a_region_that_starts_it_too_is_counted_by_both_groups) {
-  // The first thread's counters follow the second thread, which has a group of its own as well. An application that
-  // wants every count once marks the region on its threads and not around their making.
+  // The first thread's counters also follow the second thread, which has a group of its own as well. An application
+  // that wants every count once marks the region on its threads, and does not make threads inside the region.
   vm_perfmon counted(true);
   counted.start("r");
   std::thread([&counted] {
@@ -167,8 +168,8 @@ TEST(inherit_test, a_thread_started_inside_a_region_that_starts_it_too_is_counte
 }
 
 TEST(inherit_test, a_thread_made_between_two_rounds_of_a_region_is_counted_by_its_makers_second_round) {
-  // The stopped counters follow the new thread as well, and the next start of its maker starts them there: what a
-  // thread that is in no region does counts for its maker's region.
+  // The stopped counters also follow the new thread, and the next start in the thread that made it starts them there.
+  // So the work of a thread that is in no region counts for the region of its maker.
   for (const bool made_before_the_first_start : {true, false}) {
     std::promise<void> go;
     std::thread worker;

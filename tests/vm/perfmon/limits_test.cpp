@@ -23,7 +23,7 @@ const std::string LIMIT_HINT =
     "warn Hit the upper limit of files it's allowed to open, usually 1,024. Please temporarily increase the limit to, "
     "for example, 2,048 files, with the command \"ulimit -n 2048\"";
 
-// Leaves the standard streams alone open and room for `limit` descriptors in all.
+// Leaves only the standard streams open, and room for `limit` descriptors in all.
 void limit_descriptors(rlim_t limit) {
   closefrom(STDERR_FILENO + 1);
   const rlimit value{limit, limit};

@@ -195,7 +195,7 @@ TEST(regions_test, of_the_ten_events_of_a_talkative_log_those_that_do_not_fit_ar
 }
 
 TEST(regions_test, metrics_whose_events_the_kernel_does_not_list_are_named) {
-  // In place of the machine's own units one that has all events but that of the last-level cache.
+  // Replaces the machine's own units by one that has all events except that of the last-level cache.
   const child_result child = run_in_child([] {
     ASSERT_EQ(unshare(CLONE_NEWNS), 0);
     ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
@@ -211,7 +211,7 @@ TEST(regions_test, metrics_whose_events_the_kernel_does_not_list_are_named) {
   });
   EXPECT_EQ(child.exit_status, 0);
   EXPECT_THAT(child.log, IsEmpty());
-  // Where the unit really counts, L3 traffic may be there all the same.
+  // Where the unit really counts, there may be L3 traffic all the same.
   if (!child.silent_metrics.empty()) {
     EXPECT_THAT(child.silent_metrics,
                 Each(::testing::StartsWith("warn l3_bytes is 0 in all regions: LL_CACHE (0x32) did not count, and the "
@@ -222,7 +222,7 @@ TEST(regions_test, metrics_whose_events_the_kernel_does_not_list_are_named) {
 
 TEST(regions_test,
      a_group_larger_than_any_counter_unit_opens_and_is_stopped_with_a_warning_so_that_a_child_can_be_made) {
-  // The kernel looks at the size of a group only when it is to run: members are created stopped.
+  // The kernel checks the size of a group only when the group is to run. Members are created stopped.
   const child_result child = run_in_child([] {
     perfmon_event_map events;
     for (int i = 0; i < 40; ++i) events[4].push_back({"CYCLES " + std::to_string(i), 0x11, -1});
@@ -247,7 +247,7 @@ TEST(regions_test, nested_regions_that_exceed_the_counter_unit_share_it_and_say_
   const child_result child = run_in_child([] {
     real_perfmon counted(true);
     for (const char* region : {"a", "b", "c"}) counted.start_roofline_events(region);
-    // Long enough for the kernel to hand the unit from group to group.
+    // Takes long enough for the kernel to hand the unit from group to group.
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
     while (std::chrono::steady_clock::now() < end) burn(1);
     for (const char* region : {"c", "b", "a"}) counted.stop_roofline_events(region);

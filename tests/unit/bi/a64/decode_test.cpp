@@ -1,5 +1,5 @@
-// The decision tree against the encoding table's rows, against the class table word by word, and by name where the
-// scanner's correctness hangs on it.
+// The decision tree, compared with the encoding table's rows, with the class table word by word, and by name where the
+// scanner's correctness depends on it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -75,7 +75,7 @@ TEST(a64_authenticated_branch, is_each_row_of_its_kind_and_no_other) {
     if (is_kind) ++told;
     for (int round = 0; round < 50; ++round) {
       const std::uint32_t word = row.value | (static_cast<std::uint32_t>(random()) & ~row.mask);
-      // RETAASPPCR leaves its register number 31 to RETAA, and the other key likewise.
+      // The word of RETAASPPCR with register number 31 is RETAA. The same holds for the other key.
       const bool is_one = is_kind || word == 0xd65f0bff || word == 0xd65f0fff;
       a64_authenticated_branch branch{};
       ASSERT_EQ(a64_authenticated_branch_decode(word, &branch), is_one) << row.name << ", " << hex(word);
@@ -185,7 +185,7 @@ TEST(a64_decode, tells_a_vector_shift_from_a_modified_immediate_by_immh) {
 }
 
 TEST(a64_decode, finds_every_row_that_depends_on_its_position_in_a_branch_class_or_not_at_all) {
-  // By the names of the encodings. CB<cc>, branches that authenticate and the like are in no class, as tested above.
+  // By the names of the encodings. CB<cc>, authenticated branches and the like are in no class; tests above hold that.
   const auto starts_with = [](const std::string& name, std::initializer_list<const char*> prefixes) {
     return std::any_of(prefixes.begin(), prefixes.end(),
                        [&](const char* prefix) { return name.rfind(prefix, 0) == 0; });

@@ -1,6 +1,6 @@
-// The decoder and the extractors against LLVM's disassembler, for the classes on which the engine acts or which it must
-// tell from those: branches, exceptions, hints and barriers, system registers, literal loads, ADR. What LLVM makes of a
-// word is compared by text, operands included.
+// Compares the decoder and the extractors with LLVM's disassembler. Covers the classes on which the engine acts and
+// those that it must tell from them: branches, exceptions, hints and barriers, system registers, literal loads, ADR.
+// Words are compared by LLVM's text, operands included.
 #include <gtest/gtest.h>
 
 #include <iostream>
@@ -95,7 +95,7 @@ int class_of_text(const std::string& text) {
   return found == BY_MNEMONIC.end() ? static_cast<int>(A64_NOT_RECOGNISED) : found->second;
 }
 
-// Words of a class that LLVM takes for none, or for a register that there is not.
+// Words of a class that LLVM does not take for an instruction, or that name a register that does not exist.
 bool is_known_hole(std::uint32_t word, int instruction, const std::string& text) {
   if (instruction == A64_LDR_LITERAL) {
     return (word & 0xff000000) == 0xdc000000 && text.empty();  // Unallocated, and the scanner's to name.
@@ -128,8 +128,8 @@ std::string literal_text(std::uint32_t word) {
   return opc == 3 ? target : (opc == 2 ? "ldrsw\t" : "ldr\t") + general(opc, rt) + target;
 }
 
-// What LLVM has to print for a word, by the extractor of its class; of PRFM only the end, as its operation has names.
-// Empty for classes whose operands have too many names.
+// The text that LLVM has to print for a word, from the extractor of the word's class. For PRFM only the end of the
+// text, because its operation has names. Empty for classes whose operands have too many names.
 std::string text_by_fields(std::uint32_t word, int instruction) {
   static const char* const CONDITIONS[] = {"eq", "ne", "hs", "lo", "mi", "pl", "vs", "vc",
                                            "hi", "ls", "ge", "lt", "gt", "le", "al", "nv"};

@@ -1,5 +1,5 @@
-// Every encoding of the architecture with the class that its words belong to by their group, not by their bits: what
-// the decoder is held against.
+// Every encoding of the architecture, with the class to which its words belong by their group and not by their bits.
+// The decoder is compared with these rows.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// The functions of the A64 family behind one signature each, indexed by the class's value; fields stand in an array in
+// The functions of the A64 family behind one signature each, indexed by the class's value. Fields stand in an array in
 // the order of the function's parameters.
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace ceilmeter {
 
-// The least that emit_X needs.
+// The smallest context that emit_X accepts.
 struct code_context {
   std::uint32_t* write_p;
 };

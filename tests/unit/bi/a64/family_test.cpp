@@ -1,5 +1,5 @@
-// Encoders, extractors and wrappers of every class, by the class table: which bits a field takes, what is cut off, what
-// comes back.
+// Encoders, extractors and wrappers of every class, from the class table: which bits a field takes, what is cut off,
+// and what is read back.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The constant loader and the branch helpers, word by word. Words to compare with are an assembler's.
+// The constant loader and the branch helpers, word by word. The expected words come from an assembler.
 #include "bi/a64/helpers.h"
 
 #include <gmock/gmock.h>
@@ -83,7 +83,7 @@ TEST(a64_push_x0_x1, writes_one_stp_and_moves_on) {
 class a64_branches : public ::testing::Test {
  protected:
   std::uint64_t here(std::int64_t offset) const { return address_of(code + 1) + static_cast<std::uint64_t>(offset); }
-  // The word between two that nobody may touch.
+  // The word between the two, which must not change.
   std::string word() const {
     EXPECT_EQ(code[0], 0x11111111u);
     EXPECT_EQ(code[2], 0x33333333u);
@@ -170,7 +170,7 @@ TEST_F(a64_branches, tbz_at_both_limits) {
   EXPECT_EQ(word(), "0xb703fff1");  // TBNZ x17, #32, .+0x7ffc
 }
 
-// By the words of an assembler.
+// The words come from an assembler.
 struct authenticated_row {
   std::uint32_t word;
   a64_authenticated_branch branch;

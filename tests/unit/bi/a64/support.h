@@ -16,7 +16,7 @@ inline std::string class_name(int value) {
   return value >= 0 && value < A64_NOT_RECOGNISED ? a64_classes[value].name : "not recognised";
 }
 
-// `usual` rounds, or `many` where the run was asked to be long.
+// `usual` rounds, or `many` if a long run was asked for.
 inline std::size_t rounds(std::size_t usual, std::size_t many) {
   return std::getenv("CEILMETER_LONG") != nullptr ? many : usual;
 }

@@ -17,7 +17,7 @@ struct bits {
   std::vector<std::uint32_t> out;
 };
 
-// One element more than may be written, to see that it stays.
+// One element more than may be written, which must stay unchanged.
 bits lowest(std::uint32_t mask, int n) {
   std::vector<std::uint32_t> out(static_cast<std::size_t>(n) + 1, 777);
   const int found = lowest_bits(mask, out.data(), n);

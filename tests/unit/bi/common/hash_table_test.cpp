@@ -21,7 +21,7 @@ using ::testing::Each;
 constexpr std::int32_t engine_size = 0x80009;
 using engine_table = sized_hash_table<engine_size>;
 
-// A key of the 17-slot table: `number` tells keys of one home apart.
+// A key of the table with 17 slots. `number` distinguishes keys of one home slot.
 constexpr std::uint64_t key_at_home(std::uint64_t home, std::uint64_t number = 1) { return (number * 8 + home) * 4; }
 
 class hash_table_test : public ::testing::Test {
@@ -247,7 +247,7 @@ TEST(hash_table_agreement_test, emitted_sequence_finds_what_hash_lookup_finds) {
   const auto large = std::make_unique<engine_table>();
   hash_init(&large->table, engine_size);
   std::vector<std::uint64_t> probes{0, 4, 0x1ffffc, 0x200000, ~std::uint64_t{3}};
-  // Clusters of one home, those at the last masked slot included, between single addresses all over.
+  // Clusters of keys with one home slot, also at the last masked slot, among single keys from the whole range.
   for (int cluster = 0; cluster < 300; ++cluster) {
     const std::uint64_t home = cluster % 3 == 0 ? 0x7ffff : random() % 0x80000;
     for (std::uint64_t number = 0; number < 8; ++number) {
@@ -267,7 +267,7 @@ TEST(hash_table_agreement_test, emitted_sequence_finds_what_hash_lookup_finds) {
   EXPECT_GT(hits, 1000U);
 }
 
-// A plain transcription: a list of optional pairs, searched from the home slot upwards.
+// A plain model: a list of optional pairs, searched from the home slot upwards.
 class hash_model {
  public:
   explicit hash_model(std::size_t size) : m_mask(size - 10), m_slots(size - 1) {}

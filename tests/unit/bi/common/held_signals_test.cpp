@@ -1,5 +1,5 @@
-// What was sent with signals that wait: kept in the order of arrival, for each number apart, and never mixed by a
-// signal that strikes in the middle.
+// What was sent with signals that wait. It is kept in the order of arrival, separately for each number, and a signal
+// that strikes in the middle never mixes it up.
 #include "bi/signals/held_signals.h"
 
 #include <gtest/gtest.h>
@@ -71,7 +71,8 @@ TEST_F(held_signals_test, refuse_what_there_is_no_record_for_and_lose_no_other) 
   EXPECT_TRUE(hold(SIGUSR1, 1000));
 }
 
-// A real signal of this thread, again and again at places that nobody chooses, while the thread takes what it holds.
+// A real signal of this thread strikes again and again at places that nobody chooses, while the thread takes what it
+// holds.
 held_signals* struck;
 std::atomic<int> strikes;
 

@@ -1,5 +1,6 @@
-// Random operations on the map of ranges against a model that keeps entries as objects of their own: there "the kept
-// entry" is an object and not an index, and a removal that moves it is told by its place in the list.
+// Random operations on the map of ranges, compared with a model whose entries are objects of their own. In the model
+// "the kept entry" is an object and not an index. The model knows from the entry's place in the list whether a removal
+// moves it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -122,7 +123,7 @@ void expect_same(const scratch_interval_map& scratch, const interval_model& mode
   }
 }
 
-// Rounds of `steps` operations, every second one on a map so small that it fills.
+// Rounds of `steps` operations. Every second round has a map so small that it fills up.
 void run_rounds(std::uint64_t rounds, int steps, bool with_files) {
   const scratch_descriptor file_a, file_b;
   std::uint64_t merged_away = 0, dead = 0, full = 0;

@@ -17,7 +17,7 @@
 
 namespace ceilmeter::test {
 
-// The descriptors that the process has open, the one of this very look excepted.
+// The descriptors that the process has open, except the one with which this function looks.
 inline std::set<int> open_descriptors() {
   std::set<int> result;
   DIR* directory = opendir("/proc/self/fd");
@@ -30,13 +30,13 @@ inline std::set<int> open_descriptors() {
   return result;
 }
 
-// What tells the file behind a descriptor from every other; 0 for a descriptor that is not open.
+// Identifies the file behind a descriptor; 0 for a descriptor that is not open.
 inline ino_t file_of(int fd) {
   struct stat status {};
   return fstat(fd, &status) == 0 ? status.st_ino : 0;
 }
 
-// A file of its own, without a name.
+// A new file without a name.
 class scratch_descriptor {
  public:
   scratch_descriptor() : m_fd(memfd_create("range", MFD_CLOEXEC)) {
@@ -76,7 +76,7 @@ class scratch_interval_map {
     }
     return result;
   }
-  // How many descriptors more are open than when the map was made.
+  // How many more descriptors are open than when the map was made.
   int opened() const { return static_cast<int>(open_descriptors().size()) - static_cast<int>(m_open_before.size()); }
 
   interval_map map{};

@@ -107,7 +107,7 @@ TEST_F(interval_map_test, range_that_bridges_two_merges_all_three_into_the_first
   add(0x2000, 0x3000, file_b.fd());
   add(0x9000, 0xa000, file_c.fd());
   add(0x800, 0x2800);
-  // The far entry, being the last, took the place of the removed one.
+  // The far entry was the last one, so it took the place of the removed one.
   EXPECT_THAT(ranges(), ElementsAre(range(0x9000, 0xa000), range(0, 0x3000)));
   EXPECT_EQ(file_of(map->entries[1].fd), file_of(file_b.fd()));
   EXPECT_EQ(file_of(map->entries[0].fd), file_of(file_c.fd()));
@@ -131,8 +131,8 @@ TEST_F(interval_map_test, kept_entry_is_widened_until_a_removal_moves_it) {
   add(0x1800, 0x1900);
   add(0x9000, 0xa000);
   add(0x800, 0x2800);
-  // The kept entry is the third. The second one's removal leaves it in its slot, the last then: it is widened to
-  // 0x3000. The first one's removal moves it, and the widening to 0 is lost.
+  // The kept entry is the third. The removal of the second leaves it in its slot, which is then the last: it is widened
+  // to 0x3000. The removal of the first moves it, so the widening to 0 is lost.
   EXPECT_THAT(ranges(), ElementsAre(range(0x800, 0x3000), range(0x9000, 0xa000)));
 }
 

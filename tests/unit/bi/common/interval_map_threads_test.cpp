@@ -1,4 +1,4 @@
-// The map of ranges under threads: every operation holds its lock throughout.
+// The map of ranges under threads. Every operation holds the map's lock from start to end.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The fixed pool of link records.
+// The pool of link records, whose size is fixed.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

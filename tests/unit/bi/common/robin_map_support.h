@@ -42,7 +42,7 @@ inline std::uint64_t value_at(const void* block) {
   return value;
 }
 
-// The `number`th key, from 0, of which the home in a map of 64 buckets is `home`.
+// The `number`th key, from 0, whose home is `home` in a map of 64 buckets.
 inline std::uint64_t key_with_home(std::uint32_t home, int number = 0) {
   robin_map map{};
   map.mask = 63;

@@ -1,5 +1,5 @@
-// The growing table, case by case: where records stand, what the order list says, when it grows. Expected homes come
-// from the mixing function computed in Python's unbounded integers; keys of chosen homes are looked for by trial.
+// The growing table, case by case: the places of records, the order list, and when it grows. The expected homes were
+// computed with the mixing function in Python's unbounded integers. Keys with a wanted home are found by trial.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

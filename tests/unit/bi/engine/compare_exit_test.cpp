@@ -1,4 +1,4 @@
-// Exits by compare and branch (CB<cc>), which are not inverted: their words as scanned, linked, trapped and in traces.
+// Exits by compare and branch (CB<cc>). They are not inverted. Their words as scanned, linked, trapped and in traces.
 #include <ucontext.h>
 
 #include <csignal>
@@ -55,7 +55,7 @@ class compare_exits : public trace_test {
     context().regs[1] = x1;
     return context().regs[0];
   }
-  // A path from compare_head by its taken side and back by compare_closes.
+  // A path that leaves compare_head by its taken side and returns by compare_closes.
   void build_trace() {
     head = block_of(compare_head);
     entry_of_trace = make_hot(head);

@@ -23,7 +23,7 @@ using core_death = engine_test;
 
 constexpr std::uint32_t ADD_X1_1 = 0x91000421;  // add x1, x1, #1
 
-// How many of the words ADD_X1_1 are passed from `at` to the first NOP, going where a branch leads.
+// How many of the words ADD_X1_1 are executed from `at` to the first NOP; branches are followed.
 std::size_t additions_on_the_way(const std::uint32_t* at) {
   std::size_t count = 0;
   for (std::size_t steps = 0; steps < 4000 && *at != NOP; ++steps) {

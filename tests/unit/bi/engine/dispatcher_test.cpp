@@ -252,7 +252,7 @@ TEST_F(dispatcher_links, the_longest_lookup_of_a_signed_address_fits_its_space) 
   std::uint32_t* write = block(id);
   std::uint32_t* const start = write;
   a64_branch_authenticated(thread, id, &write, reinterpret_cast<std::uint32_t*>(0x0000222233334440), {1, 0, 0, 31, 2});
-  // The index of a block takes one word, however high.
+  // A block's index always takes one word.
   EXPECT_LE(address_of(write) - address_of(start), AUTHENTICATED_BRANCH_SPACE);
 }
 

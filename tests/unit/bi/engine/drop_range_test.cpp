@@ -1,4 +1,4 @@
-// What goes when a range of source addresses is dropped, and what stays.
+// What is dropped with a range of source addresses, and what stays.
 #include "bi/code/drop_range.h"
 
 #include <sys/mman.h>

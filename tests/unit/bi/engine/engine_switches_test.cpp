@@ -1,4 +1,4 @@
-// The switches for developers: how they are read, and what the limits keep from being done.
+// The switches for developers: how they are read, and what their limits prevent.
 #include "bi/engine_switches.h"
 
 #include <cstdlib>

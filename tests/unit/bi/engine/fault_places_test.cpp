@@ -26,7 +26,7 @@ class fault_places : public signals_fixture {
  protected:
   fault_places() { engine.signal_handlers[SIGSEGV] = address_of(one_ret); }
 
-  // The first place of the block that has the word.
+  // The first place of that word in the block.
   const std::uint32_t* find_word(std::int32_t id, std::uint32_t word, int skip = 0) const {
     const std::uint32_t* place = block(id);
     const std::uint32_t* end = place + 4096;
@@ -158,7 +158,7 @@ TEST_F(fault_places_in_traces, each_fragment_counts_its_own_words_and_a_trampoli
     EXPECT_EQ(source_of_cache_address(thread, entry), record.source_addr) << id;
     // The next fragment has taken the place of a direct exit.
     if (exit_owner(thread, address_of(record.exit_code_addr)) != id) continue;
-    // The record counts one word behind the branch that the fragment ends in.
+    // The record counts one word more than the branch that ends the fragment.
     EXPECT_EQ(source_of_cache_address(thread, address_of(record.exit_code_addr)),
               record.source_addr + 4 * (record.source_words - std::uint64_t{2}))
         << id;

@@ -1,4 +1,4 @@
-// What a dumped fragment tells.
+// What the dump of a fragment shows.
 #include "bi/code/fragment_dump.h"
 
 #include <sys/mman.h>

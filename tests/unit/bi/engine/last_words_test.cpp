@@ -1,4 +1,4 @@
-// What a process that the engine ends by a fatal line tells before it.
+// What the engine tells before it ends the process by a fatal line.
 #include "bi/signals/last_words.h"
 
 #include <sys/mman.h>
@@ -84,7 +84,7 @@ TEST_F(last_words_death, a_fatal_line_of_the_tools_own_is_preceded_by_nothing) {
   EXPECT_DEATH(tool_log{"src/test"}(LEVEL_FATAL, "the end"), "^[^\n]*MORA fatal the end\n");
 }
 
-// The record of the newest fragment leads to memory that is not there.
+// The record of the newest fragment points to memory that is not mapped.
 TEST_F(last_words_death, damaged_records_end_the_telling_and_the_fatal_line_follows) {
   const std::int32_t id = scan_block(one_ret);
   thread->metas[id].linked_from = reinterpret_cast<cc_link*>(8);

@@ -59,7 +59,7 @@ using scanner_death = engine_test;
 
 class scanned : public engine_test {
  protected:
-  // The words of the block of `source` behind the entry word and, if it has one, the counter code.
+  // The words of the block of `source` behind the entry word and the counter code, if it has any.
   const std::uint32_t* body(const std::uint32_t* source, bool has_counter) {
     id = scan_block(source);
     EXPECT_EQ(*block(id), POP_X0_X1);

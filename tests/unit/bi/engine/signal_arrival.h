@@ -1,4 +1,4 @@
-// A signal frame as the kernel writes one, made up here, and its way through the engine's handler.
+// Builds a signal frame as the kernel writes one, and hands it to the engine's handler.
 #pragma once
 
 #include <ucontext.h>
@@ -16,7 +16,7 @@ struct made_frame {
   std::uint64_t record[2];
 };
 
-// The context and the siginfo afterwards are those of the frame that the thread returns from.
+// Afterwards the context and the siginfo are those of the frame from which the thread returns.
 inline void arrive_with(siginfo_t& info, ucontext_t& ucontext) {
   alignas(16) static made_frame made;
   std::memcpy(&made.frame.info, &info, sizeof info);

@@ -31,8 +31,8 @@ class signal_delivery : public signals_fixture {
     return before;
   }
 
-  // The signal that is raised; 0: none. It is pending and blocked, and the stub's next call, which would let it strike,
-  // puts the application's mask in force. Here it is taken from the kernel before that.
+  // The signal that is raised; 0: none. It is then pending and blocked. The stub's next call would put the
+  // application's mask in force and so let it strike; here it is taken from the kernel before that.
   int deliver() {
     if (deliver_pending_signal(address_of(one_ret), info) == 0) return 0;
     EXPECT_EQ(info[0], static_cast<std::uint64_t>(SIG_SETMASK));
@@ -78,7 +78,7 @@ TEST_F(signal_delivery, each_is_held_back_by_its_own_bit_of_the_mask_and_no_othe
     const int raised = held == 0 ? deliver() : held;
     set_mask(0);
     EXPECT_EQ(held == 0, was_blocked) << "signal " << signum;
-    // An emulator keeps two for itself.
+    // An emulator keeps two signals for itself.
     EXPECT_TRUE(raised == signum || !was_blocked) << "signal " << signum << ", raised " << raised;
     EXPECT_EQ(thread->pending_signals[signum], 0);
     thread->pending_signals[signum] = 0;

@@ -1,4 +1,4 @@
-// The application's frame of a signal: where it is put, what it says, and with what the handler begins.
+// The signal frame of the application: where it lies, what it contains, and the state in which the handler begins.
 #include "bi/signals/signal_frame.h"
 
 #include <asm/sigcontext.h>

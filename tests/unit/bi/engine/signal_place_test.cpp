@@ -1,4 +1,4 @@
-// Signals in the stubs: what is looked at again, and how a stub's frame is taken apart.
+// Signals in the stubs: which window a thread is sent back to, and how a stub's frame is undone.
 #include "bi/signals/signal_place.h"
 
 #include <cstring>
@@ -15,14 +15,14 @@ namespace {
 
 class signal_place : public signals_fixture {
  protected:
-  // A frame where the engine's stack of the thread begins, each word with a value of its own.
+  // A frame at the start of the thread's engine stack. Each word has a value of its own.
   std::uint64_t* engine_frame(std::size_t size) {
     alignas(16) static std::uint64_t engine_stack_words[256];
     for (std::size_t word = 0; word < std::size(engine_stack_words); ++word) engine_stack_words[word] = 0x5000 + word;
     *engine_stack_word(thread) = address_of(std::end(engine_stack_words));
     return std::end(engine_stack_words) - size / 8;
   }
-  // The application's stack goes on where there is room for a signal's frame below.
+  // The same for a system call. Below the application's stack pointer there is room for a signal's frame.
   std::uint64_t* engine_syscall_frame() {
     alignas(16) static std::uint64_t application_words[sizeof(made_frame) / 8 + 8];
     std::uint64_t* frame = engine_frame(SYSCALL_FRAME_SIZE);

@@ -1,4 +1,4 @@
-// A thread that signals find at places of the tests' choice, by contexts made up here.
+// A thread that receives signals at places of the test's choice, through contexts made up here.
 #pragma once
 
 #include <ucontext.h>
@@ -25,8 +25,8 @@ class signals_fixture : public engine_test {
   }
 
   mcontext_t& context() { return ucontext.uc_mcontext; }
-  // The source address of the handler that is entered; 0: the interrupted code goes on. SIGILL and SIGSEGV are faults
-  // unless `code` says that somebody has sent them. The context afterwards is the one that the handler finds.
+  // The source address of the handler that is entered; 0 if the interrupted code goes on. SIGILL and SIGSEGV are faults
+  // unless `code` says that somebody has sent them. Afterwards the context is the one that the handler finds.
   std::uint64_t arrive(int signum, const void* pc, int code = 1) {
     context().pc = address_of(pc);
     siginfo_t info{};
@@ -53,8 +53,8 @@ class signals_fixture : public engine_test {
     EXPECT_EQ(context().regs[1], 0u);  // No source, no link.
     EXPECT_EQ(context().sp, sp_before - 16);
   }
-  // The exit is linked at its taken side, trapped by a signal in the block's body and run into with the context as it
-  // is: where execution is led.
+  // Links the exit at its taken side, has a signal in the block's body trap it, and runs into the trap with the context
+  // as it is. Returns where execution continues.
   std::uint64_t through_trap(const std::uint32_t* source, std::uint64_t taken) {
     const std::int32_t id = scan_block(source);
     dispatched(taken, id);

@@ -53,8 +53,8 @@ TEST_F(signals, one_in_a_linked_loop_ends_at_the_next_pass_through_the_exit_and_
   EXPECT_EQ(thread->held.raised.si_signo, SIGUSR1);
   EXPECT_EQ(thread->pending_signal_count, 0);
 
-  // At the system call of cache_reentry_stub: the application's x2, x8, x0 and x1 on its stack, the target on the
-  // engine's.
+  // A thread at the system call of cache_reentry_stub: the application's x2, x8, x0 and x1 are on its stack, and the
+  // target is on the engine's.
   const std::uint64_t frame[] = {0xc2, 0xc8, 0xc0, 0xc1};
   std::copy(std::begin(frame), std::end(frame), stack + 34);
   context().sp = address_of(stack + 34);
@@ -108,7 +108,7 @@ TEST_F(signals, one_in_the_engine_is_only_counted) {
 }
 
 TEST_F(signals, one_in_a_continued_block_traps_the_exit_of_the_whole) {
-  // Five blocks long; the exit stands in the last one and belongs to the first one's record.
+  // Five blocks long. The exit stands in the last block and belongs to the record of the first.
   alignas(8) static std::uint32_t source[301];
   std::fill(std::begin(source), std::end(source) - 1, NOP);
   source[300] = 0x14000000;  // b to itself

@@ -1,4 +1,4 @@
-// The checker of the trace area finds what is put wrong by hand.
+// The checker of the trace area finds words and records that the test has spoilt.
 #include "bi/code/trace_check.h"
 
 #include "bi/a64/a64.h"

@@ -114,7 +114,7 @@ TEST_F(trace_signals, in_a_trampoline_the_exit_of_the_block_that_it_leads_to_is_
 }
 
 TEST_F(trace_signals, in_a_trampoline_that_leads_to_a_trace_the_exit_of_that_trace_is_trapped) {
-  // A trace whose head goes on into a second fragment, out of reach of the exit.
+  // A trace whose head continues in a second fragment, which is out of reach of the exit.
   thread->trace_write_cursor += 0x200000;
   const std::uint64_t second = make_hot(block_of(path_end));
   leave(exit_only);

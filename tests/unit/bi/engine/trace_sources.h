@@ -33,13 +33,13 @@ inline constexpr std::uint32_t BRK_0 = 0xd4200000;
 
 class trace_test : public engine_test {
  protected:
-  // Some paths here are none that the code could take: the tests call the checker where it has something to say.
+  // The checker is off, because the code could not take some of the paths here. Tests call it where they need it.
   trace_test() { trace_options = {false, TRACE_CHECK_NONE}; }
   std::uint32_t* at(std::uint64_t address) const { return reinterpret_cast<std::uint32_t*>(address); }
   std::uint32_t branch_word(const std::uint32_t* place, std::uint64_t to) const {
     return written(place, [to](std::uint32_t** write) { a64_branch((*write)++, to); })[0];
   }
-  // The block's counter has come to 0: the cache address to go on at.
+  // Acts as if the block's counter had come to 0. Returns the cache address at which to go on.
   std::uint64_t make_hot(std::int32_t bb_id) {
     std::uint64_t ret[2] = {};
     const std::uint64_t source = meta(bb_id).source_addr;
@@ -47,11 +47,11 @@ class trace_test : public engine_test {
     EXPECT_EQ(ret[1], source);
     return ret[0];
   }
-  // The newest fragment leaves by its stub.
+  // Lets the newest fragment leave by its stub.
   std::uint64_t leave(const std::uint32_t* target) {
     return dispatched(address_of(target), thread->active_trace.id - 1);
   }
-  // The block that the table has for the source, scanned now if there is none.
+  // The block that the table has for the source. If there is none, it is scanned.
   std::int32_t block_of(const std::uint32_t* source) {
     return cc_addr_to_bb_id(thread, lookup_or_scan(thread, address_of(source)));
   }

@@ -209,7 +209,7 @@ TEST_F(traces, a_side_that_is_reached_when_the_blocks_run_out_is_scanned_behind_
 }
 
 TEST_F(traces, no_word_of_an_exit_is_copied_into_a_trampoline) {
-  // The other side is a block that consists of its exit alone, which is linked later.
+  // The other side is a block that consists of its exit alone. It is linked later.
   scan_block(one_ret);
   make_hot(block_of(branch_both_kinds));
   leave(branch_both_kinds + 1);

@@ -138,7 +138,8 @@ bool is_guarded_stub(std::uint64_t address) {
 
 constexpr std::uint32_t BLR_X30 = 0xd63f03c0;  // blr x30
 
-// The stub keeps x1 to x7: at most 32 bytes of the application's stack are pushed here, and 16 more there.
+// The stub itself saves x1 to x7. The code here pushes at most 32 bytes onto the application's stack, and the stub 16
+// more.
 constexpr std::uint32_t PUSH_X8_X30 = 0xa9bf7be8;  // stp x8, x30, [sp, #-16]!
 constexpr std::uint32_t POP_X8_X30 = 0xa8c17be8;   // ldp x8, x30, [sp], #16
 

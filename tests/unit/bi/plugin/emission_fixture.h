@@ -29,7 +29,7 @@ inline words expected(const char* name) {
 
 class plugin_emission_test : public plugin_test {
  protected:
-  // What the service writes; empty if it refuses, in which case it may not have written either.
+  // What the service writes. Empty if it refuses; then it must not have written anything.
   words written(const std::function<int(mora_context*)>& emit) {
     ctx = scan_context();
     start = ctx.write_p;
@@ -52,7 +52,7 @@ inline std::uint64_t address_behind(const mora_context* c, std::int64_t offset) 
   return reinterpret_cast<std::uint64_t>(c->write_p) + static_cast<std::uint64_t>(offset);
 }
 
-// What guarded calls are to call; it is never run.
+// The function that guarded calls are to call. It is never run.
 inline void some_function(int, int) {}
 
 }  // namespace ceilmeter::test

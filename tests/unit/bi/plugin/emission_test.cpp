@@ -1,4 +1,4 @@
-// Each emission service against what an assembler makes of the same instructions, and its refusals: registers,
+// Each emission service, compared with what an assembler makes of the same instructions, and its refusals: registers,
 // constants, arithmetic, memory and masks, and what holds for every service. emission_branches_test.cpp has branches
 // and calls.
 #include <functional>
@@ -134,7 +134,7 @@ TEST_F(plugin_emission_test, masks_are_registers_or_logical_immediates) {
             expected("and_0x5555555555555555"));
 }
 
-// The architecture's reading of a logical immediate: 0 for fields that it leaves unallocated.
+// A logical immediate as the architecture reads it; 0 for fields that are unallocated.
 std::uint64_t decoded_mask(std::uint32_t n, std::uint32_t immr, std::uint32_t imms) {
   const std::uint32_t selector = n << 6 | (~imms & 0x3f);
   if (selector < 2) return 0;
@@ -170,7 +170,7 @@ TEST_F(plugin_emission_test, every_logical_immediate_is_encoded_as_what_the_arch
     ASSERT_EQ(opc, 0u);
     ASSERT_EQ(rn, 4u);
     ASSERT_EQ(rd, 3u);
-    // Every mask that differs from it in one bit, where that is none.
+    // Every mask that differs from this one in one bit and is not encodable.
     for (int bit = 0; bit < 64; bit += 7) {
       const std::uint64_t neighbour = mask ^ std::uint64_t{1} << bit;
       if (masks.count(neighbour) != 0) continue;
@@ -269,7 +269,7 @@ TEST_F(plugin_emission_test, code_that_meets_a_flush_goes_on_behind_a_branch) {
     last = ctx.write_p;
     ASSERT_EQ(mora_emit_mov(&ctx, 3, 4), 0);
   }
-  // The branch stands where the word that did not fit would have stood.
+  // The branch stands in the place of the word that did not fit.
   ASSERT_EQ(a64_decode(last), A64_B);
   std::uint32_t link = 0, imm26 = 0;
   a64_b_decode(last, &link, &imm26);

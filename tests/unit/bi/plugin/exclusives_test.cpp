@@ -1,5 +1,5 @@
-// Fragments that begin between a load-exclusive and its store-exclusive: what the engine and plug-ins insert for the
-// fragment's start stands behind the store.
+// Fragments that begin between a load-exclusive and its store-exclusive. What the engine and plug-ins insert at the
+// start of such a fragment must stand behind the store.
 #include <algorithm>
 
 #include "bi/a64/a64.h"
@@ -55,7 +55,7 @@ class exclusives_test : public plugin_test {
     log_state::engine_log_level = LEVEL_WARN;
   }
 
-  // The fragment's code, which fits one block.
+  // The fragment's code, which fits into one block of the cache.
   words scanned(const std::uint32_t* from) {
     bb_id = allocate_bb(thread);
     thread->metas[bb_id].source_addr = address_of(from);

@@ -45,7 +45,7 @@ class function_watch_test : public plugin_test {
     return static_cast<const function_watch*>(robin_map_lookup(&engine.function_watches, address_of(function)));
   }
 
-  // The code of the block at `from`, which fits one.
+  // The code of the block at `from`, which fits into one block of the cache.
   words scanned(const std::uint32_t* from) {
     const std::int32_t bb_id = allocate_bb(thread);
     last = block(bb_id);
@@ -225,7 +225,7 @@ TEST_F(function_watch_test, a_flush_for_another_function_under_the_same_record_k
   robin_map_remove(&engine.function_watches, address_of(source_plain));
   function_watch_add(address_of(function.data()));
 
-  // The lowest index that there is: the next block to be handed out after a flush.
+  // The lowest index of a block: the one that is handed out next after a flush.
   thread->next_block = stub_block_count();
   const std::int32_t bb_id = thread->next_block;
   scanned(function.data());

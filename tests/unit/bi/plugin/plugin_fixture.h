@@ -1,4 +1,5 @@
-// A thread of the engine's without an application: what plug-ins are told and what they write is looked at, not run.
+// A thread of the engine without an application. The tests look at what plug-ins are told and what they write; none of
+// it is run.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -49,7 +50,7 @@ class plugin_test : public testing::Test {
     return ctx;
   }
 
-  // Of a record that has no cache.
+  // The context of a record that has no cache.
   static void munmap_record(thread_data* record) {
     if (munmap(record, sizeof(thread_data)) != 0) throw std::runtime_error("cannot unmap a thread's record");
   }

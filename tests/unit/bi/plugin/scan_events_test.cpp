@@ -1,4 +1,4 @@
-// The events of a fragment under translation, in their order and with their fields, and what becomes of what plug-ins
+// The events of a fragment under translation, their order and their fields, and what becomes of the code that plug-ins
 // write.
 #include <algorithm>
 #include <cstdio>
@@ -64,7 +64,7 @@ class plugin_scan_test : public plugin_test {
     log_state::engine_log_level = LEVEL_WARN;
   }
 
-  // The fragment's code, which fits one block.
+  // The fragment's code, which fits into one block of the cache.
   words scanned(const std::uint32_t* from) {
     source = from;
     const std::int32_t bb_id = allocate_bb(thread);
@@ -294,7 +294,7 @@ TEST_F(plugin_scan_test, every_callback_that_may_write_finds_room) {
   }
   scanned(source_syscall);
   EXPECT_EQ(rooms.size(), 10u);
-  // The system call at each distance from the end of a block of the cache.
+  // A system call at each distance from the end of a block of the cache.
   for (int skipped = 0; skipped < 64; ++skipped) scanned(source_long + skipped);
   for (const std::ptrdiff_t room : rooms) EXPECT_GT(room, static_cast<std::ptrdiff_t>(MORA_CALLBACK_SPACE));
 }

@@ -1,5 +1,5 @@
-// The words that a translation takes: each is loaded once, and plug-ins see those that are translated. And the words
-// that begin a mode in which the engine cannot run.
+// The words that a translation reads. Each is loaded once, and plug-ins see the words that are translated. Also the
+// words that begin a mode in which the engine cannot run.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -26,7 +26,7 @@ namespace {
 using test::plugin_test;
 using test::words;
 
-// mov x5, #1 to #4; ret. And what they become: a return, and mov x6, #5 behind it.
+// mov x5, #1 to #4; ret. They are replaced by a return, and mov x6, #5 behind it.
 alignas(64) std::uint32_t changing[5];
 constexpr std::uint32_t MOV_X5_1 = 0xd2800025;
 constexpr std::uint32_t MOV_X6_5 = 0xd28000a6;

@@ -1,4 +1,4 @@
-// The functions of files that are built here, as plug-ins are told of them.
+// The functions of files that the tests build, as plug-ins are told of them.
 #include "elf/symbol_parser.h"
 
 #include <fcntl.h>

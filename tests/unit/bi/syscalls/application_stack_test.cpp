@@ -1,4 +1,4 @@
-// sigaltstack of the application: what is kept, what is told, and that the kernel keeps the engine's stack.
+// sigaltstack of the application: what is kept, what is reported, and that the kernel keeps the engine's signal stack.
 #include <sys/mman.h>
 #include <sys/syscall.h>
 
@@ -39,7 +39,7 @@ class application_stacks : public syscalls_test {
     EXPECT_EQ(handle_sigaltstack(thread, 0, address_of(&stack), sp), 0);
     return stack;
   }
-  // What the kernel itself answers, with the engine's stack in force again afterwards.
+  // What the kernel itself answers. Afterwards the engine's stack is in force again.
   std::int64_t kernels_answer(const stack_t& wanted) {
     const std::int64_t answer = raw_syscall(SYS_sigaltstack, address_of(&wanted));
     use_signal_stack(thread);

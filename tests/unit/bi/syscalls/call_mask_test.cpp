@@ -1,4 +1,4 @@
-// Calls with a signal mask of their own: the kernel never blocks SIGILL for one, and the application never finds out.
+// Calls with a signal mask of their own. The kernel never blocks SIGILL for one, and the application does not notice.
 #include "bi/kernel/call_mask.h"
 
 #include <sys/mman.h>

@@ -1,4 +1,4 @@
-// The way of a system call past the engine: what is made, what is handled, and how the thread's status tells.
+// The way of a system call past the engine: what is made, what is handled, and how the thread's status shows it.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -70,7 +70,7 @@ TEST_F(syscall_handlers, a_standard_descriptor_that_was_closed_is_closed_for_ano
   fcntl(1, F_SETFD, flags);
 }
 
-// What the application gets for a call that was made with this result.
+// What the application gets for a call whose result was this one.
 class closed_descriptors : public syscalls_test {
  protected:
   std::int64_t made(std::uint64_t number, const std::vector<std::uint64_t>& values, std::int64_t result) {
@@ -79,7 +79,7 @@ class closed_descriptors : public syscalls_test {
     syscall_handler_post(number, args, next_inst, thread);
     return static_cast<std::int64_t>(args[0]);
   }
-  // A pipe's end that can be told from anything else by its number of bytes to read.
+  // A pipe's end that is recognised by the number of bytes that can be read.
   static int new_pipe_end() {
     int ends[2] = {-1, -1};
     if (pipe(ends) != 0 || write(ends[1], "12345", 5) != 5) std::abort();
@@ -269,7 +269,7 @@ TEST_F(syscall_handlers, the_first_threads_id_word_is_the_kernels_matter) {
 }
 
 TEST_F(syscall_handlers, a_signal_return_is_led_to_the_dispatcher_with_the_address_that_it_returns_to) {
-  // As the kernel has it: the application's stack pointer stands at a siginfo, and the context follows.
+  // The layout is the kernel's: the application's stack pointer points at a siginfo, and the context follows.
   alignas(16) static std::uint8_t stack[sizeof(siginfo_t) + sizeof(ucontext_t)];
   auto* context = reinterpret_cast<ucontext_t*>(stack + sizeof(siginfo_t));
   context->uc_mcontext.pc = 0x5555123450;

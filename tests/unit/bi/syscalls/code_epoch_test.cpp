@@ -1,4 +1,4 @@
-// What threads tell each other of dropped code. The caches are stand-ins: a flush is counted.
+// What threads tell each other of dropped code. The caches are stand-ins that count flushes.
 #include "bi/code/code_epoch.h"
 
 #include <sys/mman.h>
@@ -29,7 +29,7 @@ class code_epoch : public syscalls_test {
     munmap(other, sizeof(thread_data));
   }
 
-  // Some code that was translated, by whichever thread.
+  // Some code that some thread has translated.
   static void drop(thread_data* by) {
     mark_translated(code, code + 4);
     drop_code(by, code, code + 4096);

@@ -1,4 +1,4 @@
-// What the handlers call of the engine, noted or answered as the test says; threads and memory are real.
+// What the handlers call of the engine. Calls are noted, or answered as the test says; threads and memory are real.
 #include "fake_engine.h"
 
 #include <sys/mman.h>
@@ -57,7 +57,7 @@ namespace {
 
 constexpr std::size_t STUBS_SIZE = 0x2000;
 
-// A copy of the stubs, by which a new thread leaves its parent's call.
+// A copy of the stubs, through which a new thread leaves its parent's call.
 std::uint8_t* make_stubs(const thread_data* record) {
   void* mapping = mmap(nullptr, STUBS_SIZE, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   auto* stubs = static_cast<std::uint8_t*>(mapping);
@@ -141,7 +141,7 @@ std::uint64_t hash_lookup_entry(const thread_data*, std::uint64_t) { return HASH
 
 void tell_plugins_of_mapped_file(std::int32_t, std::uint64_t) {}
 
-// No signals are held back here, and no turns are given.
+// No signals are held back here, and no thread waits for a turn.
 std::uint64_t block_for_clone(thread_data*) { return block_all_signals(); }
 void return_to_mask(thread_data*, const ucontext_t*) {}
 std::int64_t change_application_mask(thread_data*, const std::uint64_t*) { std::abort(); }

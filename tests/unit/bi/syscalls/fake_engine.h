@@ -12,7 +12,7 @@
 
 namespace ceilmeter::test {
 
-// What the stand-ins of mora_terminate and abandon_thread throw in place of ending something.
+// What the stand-ins of mora_terminate and abandon_thread throw instead of ending something.
 struct process_ended {
   std::int32_t status;
 };
@@ -42,16 +42,16 @@ struct fake_engine_state {
 };
 extern fake_engine_state fake;
 
-// Where the stand-in of lookup_or_scan finds the block of a source address.
+// The block that the stand-in of lookup_or_scan finds for a source address.
 constexpr std::uint64_t cache_of(std::uint64_t source) { return source + 0x10000000; }
 
-// A thread of the application's with the save area of a system call on its stack.
+// A thread of the application, with the save area of a system call on its stack.
 class syscalls_test : public testing::Test {
  protected:
   syscalls_test();
   ~syscalls_test() override;
 
-  // The call's arguments in the save area; the others are 0.
+  // Sets the call's arguments in the save area; the others are 0.
   std::uint64_t* with_args(const std::vector<std::uint64_t>& values);
   // syscall_handler_pre for a call that is expected to be handled: its result.
   std::int64_t handled(std::uint64_t number, const std::vector<std::uint64_t>& values);
@@ -60,14 +60,14 @@ class syscalls_test : public testing::Test {
 
   static constexpr std::uint64_t next_inst = 0x5555000040;
 
-  // The frame of the wrapper, q0 first, and behind it the application's stack.
+  // The wrapper's frame, which begins with q0, and behind it the application's stack.
   alignas(16) std::uint8_t frame[SYSCALL_FRAME_SIZE + 256];
   std::uint64_t* args;
   thread_data* thread;
 };
 
 bool is_readable_memory(std::uint64_t address);
-// "r--p" and so on of the mapping that holds the address; empty if none does.
+// The rights of the mapping that holds the address, such as "r--p"; empty if there is none.
 std::string permissions_at(std::uint64_t address);
 std::int64_t resident_kib();
 std::int64_t mapped_kib();  // Of memory that can be read: heaps reserve address space.

@@ -25,7 +25,7 @@ class fork_like_clone : public syscalls_test {
  protected:
   fork_like_clone() { thread->tls = 0x7777; }
 
-  // What the stub would hand to the kernel; the parent goes on as after a failed call.
+  // What the stub would hand to the kernel. The parent then goes on as after a failed call.
   void prepare(const std::vector<std::uint64_t>& values) {
     expect_made(SYS_clone, values);
     made_flags = args[0];
@@ -33,7 +33,7 @@ class fork_like_clone : public syscalls_test {
     args[0] = static_cast<std::uint64_t>(-EAGAIN);
     syscall_handler_post(SYS_clone, args, next_inst, thread);
   }
-  // A child made for real, through both handlers. Runs `check` in the child and returns its exit status.
+  // Makes a real child through both handlers. Runs `check` in the child and returns its exit status.
   template <typename checks>
   int run_child(const checks& check) {
     return run_child(check, [] {});
@@ -141,7 +141,7 @@ TEST_F(fork_like_clone, a_child_on_another_stack_goes_on_there_and_its_parent_wh
 TEST_F(fork_like_clone, signals_and_locks_are_held_over_the_call_and_given_back_after_it) {
   const std::uint64_t before = signal_mask();
   expect_made(SYS_clone, {SIGCHLD});
-  // Of the standard signals; the two that cannot be blocked aside. An emulator may keep a real-time one for itself.
+  // The standard signals, except the two that cannot be blocked. An emulator may keep a real-time one for itself.
   EXPECT_EQ((signal_mask() | 1u << (SIGKILL - 1) | 1u << (SIGSTOP - 1)) & 0x7fffffff, 0x7fffffffu);
   EXPECT_FALSE(is_free(&engine.thread_list_lock));
   EXPECT_FALSE(is_free(&engine.exec_ranges.lock));

@@ -26,7 +26,7 @@ class memory_calls : public syscalls_test {
     const auto at = static_cast<std::int64_t>(address);
     EXPECT_EQ(handled(SYS_mmap, {address, fake.page, prot, anonymous | MAP_FIXED, no_file, 0}), at);
   }
-  // Some thread has translated that many words from there on.
+  // Acts as a thread that has translated that many words from that address on.
   static void was_translated(std::uint64_t address, std::uint64_t words = 1) {
     mark_translated(address, address + words * 4);
   }

@@ -113,8 +113,8 @@ TEST_F(readlink_handler_test, a_thread_of_the_process_and_its_task_folder_name_t
   }
 }
 
-// What a call is made with when the application gives it `path`. In a child: the path that is remembered stays for the
-// process.
+// What a call is made with when the application gives it `path`. Runs in a child, because the process remembers the
+// path.
 class executable_path_test : public readlink_handler_test {
  protected:
   static constexpr std::uint64_t here = static_cast<std::uint64_t>(AT_FDCWD);
@@ -179,7 +179,7 @@ TEST_F(executable_path_test, other_paths_and_bad_ones_stay) {
   in_child([&] { return !is_replaced(SYS_openat, {here, 8, O_RDONLY}, 1); });
 }
 
-// Last of the file: the path that is remembered stays for the process, which the test's own child is.
+// Runs in a child of its own, because a process keeps the path that it has remembered.
 TEST_F(readlink_handler_test, the_path_is_that_of_the_start_however_the_application_moves) {
   const pid_t child = fork();
   if (child == 0) {

@@ -1,4 +1,4 @@
-// What the engine keeps of the application's memory.
+// What the engine records of the application's memory.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// What a thread that ends leaves of its robust mutexes.
+// What becomes of the robust mutexes of a thread that ends.
 #include "bi/kernel/robust_list.h"
 
 #include <gtest/gtest.h>

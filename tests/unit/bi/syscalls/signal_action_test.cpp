@@ -1,4 +1,4 @@
-// What the kernel has of the application's signal actions, and what the application reads back.
+// The signal actions of the application that the kernel has, and those that the application reads back.
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ constexpr std::uint64_t sigill_bit = 1u << (SIGILL - 1);
 
 class signal_actions : public syscalls_test {
  protected:
-  // Every signal that a test touches has its default action again afterwards.
+  // Afterwards every signal that a test touches has its default action again.
   ~signal_actions() override {
     for (const int signum : {SIGILL, SIGUSR1, SIGUSR2, SIGSEGV, SIGALRM}) {
       const raw_action standard{};
@@ -266,8 +266,8 @@ class signal_masks : public syscalls_test {
   std::uint64_t before = 0;
 };
 
-// Made by the wrapper, not here: a signal that was counted before the call has to be raised before it blocks that
-// signal. A sigsuspend behind it would sleep over the signal for ever.
+// The wrapper makes this call, not the handler: a signal that was counted before the call has to be raised before the
+// call blocks that signal. Otherwise a sigsuspend behind it would sleep over the signal for ever.
 TEST_F(signal_masks, a_mask_with_sigill_reaches_the_kernel_without_it_by_a_call_that_the_wrapper_makes) {
   const std::uint64_t usr1 = 1u << (SIGUSR1 - 1);
   for (const std::uint64_t how : {std::uint64_t{SIG_BLOCK}, std::uint64_t{SIG_SETMASK}}) {

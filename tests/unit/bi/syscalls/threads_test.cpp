@@ -1,4 +1,4 @@
-// Threads of the application's from clone to exit, for real: their first block is a stand-in that ends them.
+// Threads of the application, real ones, from clone to exit. A stand-in for their first block ends them.
 #include <linux/futex.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -69,7 +69,7 @@ class application_threads : public syscalls_test {
     syscall_clone(SYS_clone, args, next_inst, thread);
     return static_cast<std::int64_t>(args[0]);
   }
-  // As a C library joins: waits until the word is 0.
+  // Joins as a C library does: waits until the word is 0.
   void join() {
     for (std::int32_t value = 0; (value = std::atomic_ref(child_word).load()) != 0;) {
       const timespec second{5, 0};
@@ -170,7 +170,7 @@ TEST_F(application_threads, a_thread_is_listed_before_its_parent_goes_on) {
 }
 
 TEST_F(application_threads, the_applications_word_is_cleared_when_the_thread_has_left_the_applications_stack) {
-  // Each round unmaps the stack the moment that the word is 0: a thread that still stood on it would end the test.
+  // Each round unmaps the stack as soon as the word is 0. A thread that still ran on it would end the test.
   for (int round = 0; round < 200; ++round) {
     child_word = 1;
     ASSERT_GT(start(pthread_flags), 0);
@@ -204,7 +204,7 @@ TEST_F(application_threads, a_word_that_the_thread_names_later_is_cleared_and_th
   later = 99;
   fake.thread_body = [](const std::uint64_t*) {
     std::uint64_t set_args[26] = {address_of(&later)};
-    // The stub makes the call if it is told to.
+    // The stub makes the call if the handler tells it to.
     if (syscall_handler_pre(SYS_set_tid_address, set_args, 0, current_thread) != 0) {
       raw_syscall(SYS_set_tid_address, set_args[0]);
       syscall_handler_post(SYS_set_tid_address, set_args, 0, current_thread);

@@ -1,4 +1,5 @@
-// The shared record of what has been translated. Each test has a place of its own: the record is the process's.
+// The record of what has been translated, which all threads share. Each test uses a place of its own, because the
+// process has one record.
 #include "bi/code/translated_pages.h"
 
 #include <gtest/gtest.h>
