@@ -21,6 +21,8 @@ inline constexpr std::uint64_t TRANSLATED_LINE = 64;
 
 // Marks the lines of the range, and orders what is read of it from here on behind the marks.
 void mark_translated(std::uint64_t start, std::uint64_t end);
+// The same for the line that begins at an address.
+void mark_translated_line(std::uint64_t line);
 
 // Whether a line of the range is marked. The caller has changed the memory before.
 bool has_translated(std::uint64_t start, std::uint64_t end);
