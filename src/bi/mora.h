@@ -20,6 +20,7 @@
 #include "bi/containers/linked_pool.h"
 #include "bi/containers/robin_map.h"
 #include "bi/code/stub_layout.h"
+#include "bi/code/written_code.h"
 #include "bi/kernel/pages.h"
 
 namespace ceilmeter {
@@ -201,11 +202,13 @@ struct thread_data {
   std::int32_t traces_checked;  // How many indices traces had when the checker last looked at all of them.
   std::uint64_t trace_number;   // Of the trace begun last, among those of the process: see engine_switches.h.
   // Where in the cache the code of each source word begins, see source_map.h. In the fragment that is being scanned,
-  // the marks before source_marks_end are complete.
+  // no mark of an earlier one is left before source_marks_end.
   const std::uint32_t* source_marks_end;
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
-  std::uint32_t scan_words[SCAN_WORDS];  // The source words of the fragment that is being scanned, see scan_ahead.h.
-  std::uint64_t guarded_arguments[8];    // The application's x0 to x7 around a guarded call with values.
+  // The source words of the fragment that is being scanned, and the class of each, see scan_ahead.h.
+  std::uint32_t scan_words[SCAN_WORDS];
+  std::uint8_t scan_classes[SCAN_WORDS];
+  std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
   // Of a child in its parent's memory, see kernel/vfork.h. Its own signal actions, unless the call shares them.
   std::uint8_t is_vfork_child;
   thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
@@ -242,6 +245,7 @@ struct thread_data {
   std::uint32_t interrupter;          // The timer of the call in the turn, counted from 1; 0: none.
   std::uint32_t interruptions;
   last_call_stack last_call;
+  written_code written;  // Code that the instruction cache has to hear of before it runs.
 };
 
 // Process-wide state, each part under the lock that is named with it.

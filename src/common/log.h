@@ -41,6 +41,10 @@ extern bool engine_levels_differ;
 extern void (*before_engine_fatal)();
 }  // namespace log_state
 
+// For what every block passes: a call that the threshold suppresses still has its arguments put together, so the caller
+// asks first.
+inline bool engine_logs_traces() { return __builtin_expect(log_state::engine_log_level >= LEVEL_TRACE, 0) != 0; }
+
 // Where a log call stands. Made implicitly from the level at the call, so that line and function are the caller's.
 struct log_site {
   int level;

@@ -10,6 +10,10 @@ FIRST_LINES = """\
 // tools/a64/a64_encodings.LICENSE.txt.
 """
 
+# The decoder's table is indexed by the bits from this one up; its value for what they do not tell.
+TOP_BITS_LOW = 21
+BY_TREE = 255
+
 # The classes that have an emit_X: branches, traps, and the loads, stores, moves and arithmetic of general registers. A
 # plug-in that needs another one writes it by a64_X and moves write_p itself, or adds the class here.
 EMITTED = ("cbz", "b_cond", "hvc", "brk", "tbz", "b", "br", "blr", "ldp_stp", "ldr_str_imm9", "ldr_str_unsigned",
@@ -176,16 +180,26 @@ def branches(node, names, indent):
 def decode_cpp(classes):
     root = tree.build(tree.patterns_of(classes))
     depth, leaves = tree.steps(root)
+    table = tree.by_top_bits(root, TOP_BITS_LOW)
+    told = sum(value is not None for value in table)
     lines = [FIRST_LINES + f"""\
 //
-// The decision tree over single bits: at most {depth} comparisons to one of {leaves} leaves, no table, no loop. Where a
-// class's words are among another's, the leaf compares with the smaller class first.
+// The classes by the {32 - TOP_BITS_LOW} top bits of a word, which tell them for {told} of {len(table)} values.
+// For the others there is the decision tree over single bits: at most {depth} comparisons to one of {leaves} leaves.
+// Where a class's words are among another's, the leaf compares with the smaller class first.
 #include "bi/a64/a64.h"
 
 namespace ceilmeter {{
 
-a64_instruction a64_decode(const std::uint32_t* word_address) {{
-  const std::uint32_t word = *word_address;"""]
+static_assert(A64_TOP_BITS_LOW == {TOP_BITS_LOW} && A64_BY_TREE == {BY_TREE});
+
+const std::uint8_t a64_classes_by_top_bits[{len(table)}] = {{"""]
+    numbers = [str(BY_TREE if value is None else value) for value in table]
+    lines += ["    " + ", ".join(numbers[first:first + 16]) + "," for first in range(0, len(numbers), 16)]
+    lines += ["""\
+};
+
+a64_instruction a64_decode_by_tree(std::uint32_t word) {"""]
     lines += branches(root, names_by_value(classes), 1)
     lines += ["}", "", "}  // namespace ceilmeter", ""]
     return "\n".join(lines)

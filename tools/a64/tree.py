@@ -84,6 +84,28 @@ def build(patterns, tested=frozenset()):
     return Node(bit, build(zero, tested | {bit}), build(one, tested | {bit}))
 
 
+def outcomes(node, top, low):
+    """The values that words whose bits from `low` up are those of `top` can have; perhaps more than they do have."""
+    if isinstance(node, Node):
+        if node.bit >= low:
+            return outcomes(node.one if top >> node.bit & 1 else node.zero, top, low)
+        return outcomes(node.zero, top, low) | outcomes(node.one, top, low)
+    found = set()
+    for one in node.patterns:
+        if (top ^ one.base) & one.mask & ~((1 << low) - 1):
+            continue
+        found.add(one.value)
+        if not one.mask & ((1 << low) - 1):
+            return found
+    return found | {NOT_RECOGNISED}
+
+
+def by_top_bits(node, low):
+    """For each value of the bits from `low` up the one value of all such words; None: there are several."""
+    found = [outcomes(node, top << low, low) for top in range(1 << (32 - low))]
+    return [values.pop() if len(values) == 1 else None for values in found]
+
+
 def steps(node):
     """The most comparisons that a word passes, and the number of leaves."""
     if isinstance(node, Leaf):

@@ -18,7 +18,16 @@ namespace ceilmeter {
 // and pointer authentication outside the hint space (for its branches see helpers.h), and what has come to the
 // architecture in places of its own (compare-and-branch CB<cc>, memory tagging's loads and stores, LDAPR and its kind,
 // MOPS among them).
-a64_instruction a64_decode(const std::uint32_t* word_address);
+//
+// Most words are told by their top bits, the others by a decision tree.
+inline constexpr int A64_TOP_BITS_LOW = 21;
+inline constexpr std::uint8_t A64_BY_TREE = 255;
+extern const std::uint8_t a64_classes_by_top_bits[1 << (32 - A64_TOP_BITS_LOW)];
+a64_instruction a64_decode_by_tree(std::uint32_t word);
+inline a64_instruction a64_decode(const std::uint32_t* word_address) {
+  const std::uint8_t told = a64_classes_by_top_bits[*word_address >> A64_TOP_BITS_LOW];
+  return told != A64_BY_TREE ? static_cast<a64_instruction>(told) : a64_decode_by_tree(*word_address);
+}
 
 // Whether a class depends on its position: its instruction reads the program counter or leaves the straight path (CBZ,
 // B.cond, TBZ, B, BR, BLR, RET, load literal, ADR). False for what is not recognised, about which this says nothing.

@@ -17,9 +17,6 @@ static_assert(BRANCH_CLASSES ==
               (bit_of(A64_CBZ) | bit_of(A64_B_COND) | bit_of(A64_TBZ) | bit_of(A64_B) | bit_of(A64_BR) |
                bit_of(A64_BLR) | bit_of(A64_RET) | bit_of(A64_LDR_LITERAL) | bit_of(A64_ADR)));
 
-constexpr std::uint32_t MOVK = 3;
-constexpr std::uint32_t MOVZ = 2;
-
 // The offset from a word to an address, in words, with its sign.
 std::uint32_t word_offset(const std::uint32_t* from, std::uint64_t to) {
   const std::uint64_t offset = to - reinterpret_cast<std::uintptr_t>(from);
@@ -39,36 +36,17 @@ std::int64_t a64_sign_extend(std::uint64_t field, int width) {
   return static_cast<std::int64_t>((field - sign) ^ ~(sign - 1));
 }
 
-void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64_t value) {
-  a64_mov_wide((*write)++, 1, MOVZ, 0, static_cast<std::uint32_t>(value & 0xffff), reg);
-  for (std::uint32_t hw = 1; hw < 4; ++hw) {
-    const auto part = static_cast<std::uint32_t>((value >> (16 * hw)) & 0xffff);
-    if (part != 0) {
-      a64_mov_wide((*write)++, 1, MOVK, hw, part, reg);
-    }
-  }
-}
-
-void a64_push_x0_x1(std::uint32_t** write) {
-  constexpr std::uint32_t MINUS_16 = 0x7e;  // In units of 8 bytes, 7 bits wide.
-  a64_ldp_stp((*write)++, 2, 0, PRE_INDEX, 0, MINUS_16, 1, SP, 0);
-}
-
-void a64_b_to(std::uint32_t* from, std::uint64_t to, std::uint32_t link) { a64_b(from, link, word_offset(from, to)); }
-
-void a64_branch(std::uint32_t* from, std::uint64_t to) { a64_b_to(from, to, 0); }
-
-void a64_bl(std::uint32_t* from, std::uint64_t to) { a64_b_to(from, to, 1); }
-
 void a64_b_cond_to(std::uint32_t* from, std::uint64_t to, std::uint32_t cond) {
-  a64_b_cond(from, word_offset(from, to), cond);
+  constexpr std::uint32_t B_EQ = 0x54000000;  // b.eq .
+  *from = B_EQ | (word_offset(from, to) & 0x7ffff) << 5 | (cond & 15);
 }
 
 int a64_cbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t sf, std::uint32_t rt) {
   if (((to - reinterpret_cast<std::uintptr_t>(from)) & 3) != 0) {
     return -1;
   }
-  a64_cbz(from, sf, op, word_offset(from, to), rt);
+  constexpr std::uint32_t CBZ_W0 = 0x34000000;  // cbz w0, .
+  *from = CBZ_W0 | (sf & 1) << 31 | (op & 1) << 24 | (word_offset(from, to) & 0x7ffff) << 5 | (rt & 31);
   return 0;
 }
 
@@ -81,7 +59,9 @@ int a64_cbnz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std
 }
 
 void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t rt, std::uint32_t bit) {
-  a64_tbz(from, bit >> 5, op, bit & 0x1f, word_offset(from, to), rt);
+  constexpr std::uint32_t TBZ_W0 = 0x36000000;  // tbz w0, #0, .
+  *from = TBZ_W0 | (bit >> 5 & 1) << 31 | (op & 1) << 24 | (bit & 31) << 19 | (word_offset(from, to) & 0x3fff) << 5 |
+          (rt & 31);
 }
 
 bool a64_authenticated_branch_decode(std::uint32_t word, a64_authenticated_branch* out) {

@@ -19,15 +19,38 @@ inline constexpr std::uint32_t PRE_INDEX = 3;
 
 // Loads `value` into register `reg`: MOVZ of the low 16 bits, then MOVK for each higher 16 bits that are not zero. One
 // to four words, without padding; *write moves past them.
-void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64_t value);
+//
+// This and the next ones are written for every block, so they are whole words here and not calls of the encoders.
+inline void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64_t value) {
+  constexpr std::uint32_t MOVZ_X0 = 0xd2800000;  // movz x0, #0
+  constexpr std::uint32_t MOVK_X0 = 0xf2800000;  // movk x0, #0
+  constexpr int IMM16 = 5;
+  constexpr int HW = 21;
+  std::uint32_t* at = *write;
+  *at++ = MOVZ_X0 | static_cast<std::uint32_t>(value & 0xffff) << IMM16 | reg;
+  std::uint32_t next = MOVK_X0 | reg;
+  for (value >>= 16; value != 0; value >>= 16) {
+    next += std::uint32_t{1} << HW;
+    const auto part = static_cast<std::uint32_t>(value & 0xffff);
+    if (part != 0) *at++ = next | part << IMM16;
+  }
+  *write = at;
+}
 
 // STP x0, x1, [sp, #-16]!; *write moves past it.
-void a64_push_x0_x1(std::uint32_t** write);
+inline void a64_push_x0_x1(std::uint32_t** write) {
+  constexpr std::uint32_t PUSH_X0_X1 = 0xa9bf07e0;  // stp x0, x1, [sp, #-16]!
+  *(*write)++ = PUSH_X0_X1;
+}
 
 // B (link 0) or BL (link 1) to the address `to`, which is a multiple of 4.
-void a64_b_to(std::uint32_t* from, std::uint64_t to, std::uint32_t link);
-void a64_branch(std::uint32_t* from, std::uint64_t to);
-void a64_bl(std::uint32_t* from, std::uint64_t to);
+inline void a64_b_to(std::uint32_t* from, std::uint64_t to, std::uint32_t link) {
+  constexpr std::uint32_t B = 0x14000000;  // b .
+  const std::uint64_t offset = to - reinterpret_cast<std::uintptr_t>(from);
+  *from = B | link << 31 | (static_cast<std::uint32_t>(offset >> 2) & 0x3ffffff);
+}
+inline void a64_branch(std::uint32_t* from, std::uint64_t to) { a64_b_to(from, to, 0); }
+inline void a64_bl(std::uint32_t* from, std::uint64_t to) { a64_b_to(from, to, 1); }
 
 void a64_b_cond_to(std::uint32_t* from, std::uint64_t to, std::uint32_t cond);
 

@@ -87,7 +87,7 @@ void enter_block(thread_data* thread, std::uint64_t key, std::int32_t bb_id) {
 
 std::uint64_t make_stub_block(thread_data* thread, std::int32_t bb_id, std::uint64_t source) {
   const std::uint64_t address = address_of(block_address(thread, bb_id));
-  log(LEVEL_TRACE, "stub BB: 0x%lx", address);
+  if (engine_logs_traces()) log(LEVEL_TRACE, "stub BB: 0x%lx", address);
   auto* write = reinterpret_cast<std::uint32_t*>(address);
   begin_source_marks(thread, write);  // No word of it stands for a source word.
   bb_meta& meta = thread->metas[bb_id];
@@ -106,15 +106,17 @@ std::uint64_t make_stub_block(thread_data* thread, std::int32_t bb_id, std::uint
 }
 
 std::uint64_t lookup_or_stub(thread_data* thread, std::uint64_t source) {
-  log(LEVEL_TRACE, "stub (0x%lx)", source);
-  log(LEVEL_TRACE, "thread_data: %p", static_cast<void*>(thread));
+  if (engine_logs_traces()) {
+    log(LEVEL_TRACE, "stub (0x%lx)", source);
+    log(LEVEL_TRACE, "thread_data: %p", static_cast<void*>(thread));
+  }
   const std::uint64_t found = hash_lookup_entry(thread, source);
   if (found != HASH_MISS) return found;
   return stub_bb(thread, source);
 }
 
 std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id) {
-  log(LEVEL_TRACE, "scan(%p)", reinterpret_cast<void*>(source));
+  if (engine_logs_traces()) log(LEVEL_TRACE, "scan(%p)", reinterpret_cast<void*>(source));
   const bool is_new = bb_id == 0;
   // Blocks that lie close together at the end of the range of hashes can fill the table up to its last slot.
   const std::uint64_t key = block_key(thread, source);
@@ -142,13 +144,13 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
   // reserved earlier is continued where the free blocks begin now, which may be far from it; after a flush for a
   // function watch, that is right behind it.
   if (!is_new && !flushed) {
-    clear_instruction_cache(block, block + BB_SIZE);
-    clear_instruction_cache(block_address(thread, first_added), block_address(thread, thread->next_block));
+    note_written(thread, block, block + BB_SIZE);
+    note_written(thread, block_address(thread, first_added), block_address(thread, thread->next_block));
   } else if (thread->next_block >= bb_id) {
-    clear_instruction_cache(block, block + length);
+    note_written(thread, block, block + length);
   } else {
-    clear_instruction_cache(block, thread->code_cache + BB_AREA_SIZE);
-    clear_instruction_cache(block_address(thread, stub_block_count()), block_address(thread, thread->next_block));
+    note_written(thread, block, thread->code_cache + BB_AREA_SIZE);
+    note_written(thread, block_address(thread, stub_block_count()), block_address(thread, thread->next_block));
   }
   return address;
 }
@@ -170,7 +172,7 @@ std::uint64_t scan_reserved(thread_data* thread, std::uint64_t source, std::int3
 }  // namespace
 
 std::uint64_t _lookup_or_scan(thread_data* thread, std::uint64_t source, std::int32_t* out_cached) {
-  log(LEVEL_TRACE, "thread_data: %p", static_cast<void*>(thread));
+  if (engine_logs_traces()) log(LEVEL_TRACE, "thread_data: %p", static_cast<void*>(thread));
   std::uint64_t address = hash_lookup_entry(thread, block_key(thread, source));
   std::int32_t cached = 0;
   if (address == HASH_MISS) {
@@ -248,7 +250,7 @@ std::int32_t exit_owner(const thread_data* thread, std::uint64_t pc) {
 
 void record_cc_link(thread_data* thread, std::uint64_t from, std::uint64_t to) {
   const std::int32_t bb_id = cc_addr_to_bb_id(thread, to);
-  log(LEVEL_TRACE, "Linked 0x%lx (%d) from 0x%lx", to, bb_id, from);
+  if (engine_logs_traces()) log(LEVEL_TRACE, "Linked 0x%lx (%d) from 0x%lx", to, bb_id, from);
   if (bb_id < 0) return;
   cc_link* link = linked_pool_alloc(thread->cc_link_pool);
   link->word = from;

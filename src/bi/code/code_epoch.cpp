@@ -193,16 +193,8 @@ bool apply_code_epoch(thread_data* thread) {
   return dropped;
 }
 
-void enter_call(thread_data* thread) {
-  std::atomic_ref(thread->runs_call).store(1, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
-  // The signal is on its way, or the wish will be taken back: its sender waits for nobody in between.
+void wait_for_visit(thread_data* thread) {
   while (std::atomic_ref(thread->visit_wanted).load(std::memory_order_acquire) != 0) sched_yield();
-}
-
-void leave_call(thread_data* thread) {
-  std::atomic_ref(thread->runs_call).store(0, std::memory_order_relaxed);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
 bool answer_visit(thread_data* thread, const siginfo_t& info, bool* out_alone) {

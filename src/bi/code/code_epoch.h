@@ -50,8 +50,17 @@ inline bool is_behind_code_epoch(const thread_data* thread) {
 inline bool follow_code_epoch(thread_data* thread) { return is_behind_code_epoch(thread) && apply_code_epoch(thread); }
 
 // Around the handling of a system call. In between the thread runs no application code and needs no signal.
-void enter_call(thread_data* thread);
-void leave_call(thread_data* thread);
+void wait_for_visit(thread_data* thread);
+inline void enter_call(thread_data* thread) {
+  std::atomic_ref(thread->runs_call).store(1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  // The signal is on its way, or the wish will be taken back: its sender waits for nobody in between.
+  if (std::atomic_ref(thread->visit_wanted).load(std::memory_order_acquire) != 0) wait_for_visit(thread);
+}
+inline void leave_call(thread_data* thread) {
+  std::atomic_ref(thread->runs_call).store(0, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+}
 
 // In the handler of SIGILL. Whether the signal was sent by settle_code_epoch. `*out_alone` tells whether it was nothing
 // but that.

@@ -14,8 +14,7 @@ inline constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
 
 // Clears the instruction cache over words that this thread has just written and that no other thread runs. It ends with
 // the barriers behind which this thread fetches the new words. The caller says how the thread comes to run them.
-inline void clear_instruction_cache(const void* begin, const void* end) {
-  __builtin___clear_cache(static_cast<char*>(const_cast<void*>(begin)), static_cast<char*>(const_cast<void*>(end)));
-}
+// What is written in a visit to the engine that ends with one pass for all of it is noted instead (written_code.h).
+void clear_instruction_cache(const void* begin, const void* end);
 
 }  // namespace ceilmeter

@@ -9,9 +9,9 @@
 //   word 3   the rest of the exit stub               the push, and the rest of the exit stub
 //
 // A thread patches its own code only, and does so in the engine, outside the code that it patches. The instruction
-// cache is cleared over the words written before the thread goes back into the cache. The clearing ends with the
-// barriers and the context synchronisation that make the new words those that are fetched, and no other thread executes
-// them.
+// cache is cleared over the words written before the thread goes back into the cache, over all of a visit's at once
+// (written_code.h). The clearing ends with the barriers and the context synchronisation that make the new words those
+// that are fetched, and no other thread executes them.
 #include "bi/code/dispatcher.h"
 
 #include <cstring>
@@ -36,7 +36,7 @@ constexpr engine_log log{"src/bi/dispatcher"};
 
 void link_direct_exit(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
   a64_branch_and_link(thread, meta.exit_code_addr, entry);
-  clear_instruction_cache(meta.exit_code_addr, meta.exit_code_addr + 1);
+  note_written(thread, meta.exit_code_addr, meta.exit_code_addr + 1);
   meta.link_state = LINK_TAKEN_FIRST;
 }
 
@@ -46,7 +46,7 @@ void link_second_side(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
   if (meta.exit_kind == EXIT_COMPARE && (meta.link_state & LINK_TAKEN_FIRST) != 0) place = meta.exit_code_addr + 1;
   meta.link_state |= LINK_BOTH;
   a64_branch_and_link(thread, place, entry);
-  clear_instruction_cache(place, place + 1);
+  note_written(thread, place, place + 1);
 }
 
 // `other` is the entry of the other side's fragment, or HASH_MISS: that side then goes on to the exit stub.
@@ -63,7 +63,7 @@ void link_first_side_of_compare(thread_data* thread, bb_meta& meta, bool taken, 
   } else if (taken) {
     a64_branch(other_place, address_of(exit + 3));
   }
-  clear_instruction_cache(exit, exit + 3);
+  note_written(thread, exit, exit + 3);
 }
 
 void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
@@ -82,7 +82,7 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
     a64_branch_and_link(thread, write++, other + ENTRY_WORD_SIZE);
     meta.link_state |= LINK_BOTH;
   }
-  clear_instruction_cache(meta.exit_code_addr, write);
+  note_written(thread, meta.exit_code_addr, write);
 }
 
 // What a lookup pushes at most: x0 and x1, and x2.
@@ -119,7 +119,7 @@ void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code
 }
 
 std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
-  if (log_state::engine_log_level < LEVEL_TRACE) return lookup_or_scan(thread, target);
+  if (!engine_logs_traces()) return lookup_or_scan(thread, target);
   std::int32_t cached = 0;
   const std::uint64_t found = _lookup_or_scan(thread, target, &cached);
   if (cached != 0) {
@@ -156,15 +156,23 @@ bool still_keeps_below_sp(thread_data* thread, std::uint64_t* next_addr) {
   return false;
 }
 
-}  // namespace
+// The exit of the block leads to the fragment at `entry`, behind its entry word, from now on.
+void link_exit(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
+  if (meta.exit_kind == EXIT_DIRECT) {
+    link_direct_exit(thread, meta, entry);
+  } else if (meta.link_state != LINK_NONE) {
+    link_second_side(thread, meta, entry);
+  } else {
+    link_first_side(thread, meta, target, entry);
+  }
+}
 
-extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr,
-                           thread_data* thread) {
+void dispatch(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr, thread_data* thread) {
   if (const std::uint64_t stripped = without_tag(target); stripped != target) {
     target = stripped;
     next_addr[1] = stripped;  // Held signals find it as their pc.
   }
-  log(LEVEL_TRACE, "source block index: %d", source_index);
+  if (engine_logs_traces()) log(LEVEL_TRACE, "source block index: %d", source_index);
   if (thread->invalidates != 0) {
     thread->invalidates = 0;
     invalidate_line(thread, without_tag(thread->invalidated_address));
@@ -182,8 +190,10 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
   }
   bb_meta& meta = thread->metas[source_index];
   const std::uint32_t exit_kind = meta.exit_kind;  // Read now: the search below may flush it away.
-  log(LEVEL_TRACE, "reached the dispatcher, target: 0x%lx, ret: %p, src: %d thr: %p", target,
-      static_cast<void*>(next_addr), source_index, static_cast<void*>(thread));
+  if (engine_logs_traces()) {
+    log(LEVEL_TRACE, "reached the dispatcher, target: 0x%lx, ret: %p, src: %d thr: %p", target,
+        static_cast<void*>(next_addr), source_index, static_cast<void*>(thread));
+  }
   thread->flush_seen = 0;
   if (!has_links_to_spare(thread->cc_link_pool, 2)) flush_code_cache(thread);  // One call may need two.
   const std::uint64_t found = find_block(thread, target, source_index);
@@ -193,22 +203,17 @@ extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std:
   std::uint64_t number = 0;
   if (!may_link(&number)) return;
 
-  const std::uint64_t entry = found + ENTRY_WORD_SIZE;
-  switch (exit_kind) {
-    case EXIT_DIRECT: link_direct_exit(thread, meta, entry); break;
-    case EXIT_B_COND:
-    case EXIT_CBZ:
-    case EXIT_TBZ:
-    case EXIT_COMPARE:
-      if (meta.link_state != LINK_NONE) {
-        link_second_side(thread, meta, entry);
-      } else {
-        link_first_side(thread, meta, target, entry);
-      }
-      break;
-    default: break;
-  }
+  link_exit(thread, meta, target, found + ENTRY_WORD_SIZE);
   if (number != 0) note_link(thread, source_index, number);
+}
+
+}  // namespace
+
+extern "C" void dispatcher(std::uint64_t target, std::int32_t source_index, std::uint64_t* next_addr,
+                           thread_data* thread) {
+  begin_deferring(thread->written);
+  dispatch(target, source_index, next_addr, thread);
+  finish_written(thread->written);
 }
 
 bool has_links_to_spare(linked_pool* pool, std::uint32_t count) {

@@ -126,30 +126,17 @@ std::uint32_t log2_of_bytes(std::uint32_t width) { return width == 8 ? 0 : width
 
 }  // namespace
 
-bool is_conditional_exit(std::uint32_t kind) {
-  return kind == EXIT_B_COND || kind == EXIT_CBZ || kind == EXIT_TBZ || kind == EXIT_COMPARE;
-}
-
-bool is_direct_exit(std::uint32_t kind) { return kind == EXIT_DIRECT || is_conditional_exit(kind); }
-
 bool decode_exit_branch(std::uint32_t word, exit_branch* out) {
-  std::uint32_t offset = 0;
-  std::uint32_t condition = 0;
-  std::uint32_t reg = 0;
-  std::uint32_t high = 0;
-  std::uint32_t low = 0;
+  // Bit 24 of CBZ and TBZ is the sense. The class is known, so the fields are a shift each.
+  const std::uint32_t sense = word >> 24 & 1;
+  const std::uint32_t reg = word & REGISTER_MASK;
   switch (a64_decode(&word)) {
-    case A64_B_COND:
-      a64_b_cond_decode(&word, &offset, &condition);
-      *out = {.kind = EXIT_B_COND, .condition = condition};
-      return true;
+    case A64_B_COND: *out = {.kind = EXIT_B_COND, .condition = word & 15}; return true;
     case A64_CBZ:
-      a64_cbz_decode(&word, &high, &condition, &offset, &reg);
-      *out = {.kind = EXIT_CBZ, .condition = condition, .reg = reg, .width = high != 0 ? 64U : 32U};
+      *out = {.kind = EXIT_CBZ, .condition = sense, .reg = reg, .width = word >> 31 != 0 ? 64U : 32U};
       return true;
     case A64_TBZ:
-      a64_tbz_decode(&word, &high, &condition, &low, &offset, &reg);
-      *out = {.kind = EXIT_TBZ, .condition = condition, .reg = reg, .bit = high << 5 | low};
+      *out = {.kind = EXIT_TBZ, .condition = sense, .reg = reg, .bit = (word >> 26 & 0x20) | (word >> 19 & 0x1f)};
       return true;
     case A64_NOT_RECOGNISED: return decode_compare(word, out);
     default: return false;

@@ -41,10 +41,12 @@ struct exit_branch {
 };
 
 // Whether a fragment with an exit of this kind (bb_exit_kind) ends in a conditional branch.
-bool is_conditional_exit(std::uint32_t kind);
+inline bool is_conditional_exit(std::uint32_t kind) {
+  return kind == EXIT_B_COND || kind == EXIT_CBZ || kind == EXIT_TBZ || kind == EXIT_COMPARE;
+}
 
 // Whether it ends in a branch that can be linked: a conditional one, B or BL.
-bool is_direct_exit(std::uint32_t kind);
+inline bool is_direct_exit(std::uint32_t kind) { return kind == EXIT_DIRECT || is_conditional_exit(kind); }
 
 // False for a word that is no conditional branch, with *out as it was. B.cond with AL or NV is one, and always taken.
 bool decode_exit_branch(std::uint32_t word, exit_branch* out);

@@ -1,6 +1,8 @@
 // Reads source words without writing any code.
 #include "bi/code/scan_ahead.h"
 
+#include <array>
+
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/exit_branch.h"
@@ -42,11 +44,9 @@ bool is_first_of_its_block(std::uint32_t word, int inst) {
   return is_vector != 0 && opc == 3;
 }
 
-void mark_before_load(source_window& window, const std::uint32_t* place) {
-  const std::uint64_t line = address_of(place) & ~(TRANSLATED_LINE - 1);
-  if (!window.is_translated || line == window.marked_line) return;
-  mark_translated(line, line + TRANSLATED_LINE);
+void mark_line_before_load(source_window& window, std::uint64_t line) {
   window.marked_line = line;
+  mark_translated_line(line);
 }
 
 namespace {
@@ -68,25 +68,98 @@ std::uint32_t load_word(source_window& window, const std::uint32_t* place) {
   return window.kept[index];
 }
 
+namespace {
+
+// The classes of words that may end a fragment or tell something else of it, see find_end.
+constexpr std::array<bool, A64_NOT_RECOGNISED + 1> SAYS_MORE = [] {
+  std::array<bool, A64_NOT_RECOGNISED + 1> says{};
+  for (const int inst : {A64_CBZ, A64_B_COND, A64_TBZ, A64_B, A64_BR, A64_BLR, A64_RET, A64_NOT_RECOGNISED, A64_SYS,
+                         A64_LDX_STX, A64_LDR_LITERAL, A64_MSR_IMM, A64_MRS_MSR}) {
+    says[static_cast<std::size_t>(inst)] = true;
+  }
+  return says;
+}();
+
+bool has_place(const source_window& window, const std::uint32_t* place) {
+  return window.classes != nullptr && static_cast<std::size_t>(place - window.first) < window.room;
+}
+
+bool is_loaded(const source_window& window, const std::uint32_t* place) {
+  return static_cast<std::size_t>(place - window.first) < window.count;
+}
+
+// Loads and decodes the words from `read` on, which can be read, one behind the other, up to and with one that says
+// more than that the code goes on, or to the next page's first word, which is left. Returns that place. Nothing is done
+// for a window without classes, or for a place that is not the next one to be loaded.
+const std::uint32_t* load_plain_words(source_window& window, const std::uint32_t* read) {
+  if (window.classes == nullptr || read != window.first + window.count) return read;
+  static_assert(SMALLEST_PAGE % TRANSLATED_LINE == 0);
+  const std::uint32_t* const first = read;
+  bool is_plain = true;
+  std::size_t index = window.count;
+  mark_before_load(window, read);
+  for (; is_plain && index < window.room; ++read) {
+    if (address_of(read) % TRANSLATED_LINE == 0) {
+      if (address_of(read) % SMALLEST_PAGE == 0 && read != first) break;
+      mark_before_load(window, read);
+    }
+    const std::uint32_t word = __atomic_load_n(read, __ATOMIC_RELAXED);  // As in load_behind_mark.
+    const int inst = a64_decode(&word);
+    window.kept[index] = word;
+    window.classes[index] = static_cast<std::uint8_t>(inst);
+    ++index;
+    is_plain = !SAYS_MORE[static_cast<std::size_t>(inst)];
+  }
+  window.count = index;
+  return is_plain ? read : read - 1;
+}
+static_assert(A64_NOT_RECOGNISED <= 0xff);
+
+int class_at(const source_window& window, const std::uint32_t* place, std::uint32_t word) {
+  const bool is_known = window.classes != nullptr && is_loaded(window, place);
+  return is_known ? int{window.classes[place - window.first]} : a64_decode(&word);
+}
+
+}  // namespace
+
 fragment_end find_end(source_window& window, const std::uint32_t* read) {
+  fragment_end end{};
   for (;; ++read) {
-    if (begins_unreadable_page(read)) return {read, false};
+    end.word = read;
+    if (begins_unreadable_page(read)) return end;
+    while (has_place(window, read) && !is_loaded(window, read)) {
+      read = load_plain_words(window, read);
+      end.word = read;
+      if (!is_loaded(window, read) && begins_unreadable_page(read)) return end;
+    }
     const std::uint32_t word = word_at(window, read);
-    if (is_invalidation(word)) return {read, true};
-    switch (const int inst = a64_decode(&word)) {
+    switch (const int inst = class_at(window, read, word)) {
       case A64_CBZ:
       case A64_B_COND:
       case A64_TBZ:
-      case A64_B: return {read, true};
+      case A64_B:
+        end.is_direct_branch = true;
+        end.is_inside = true;
+        return end;
       case A64_BR:
       case A64_BLR:
-      case A64_RET: return {read, false};
+      case A64_RET: end.is_inside = true; return end;
       case A64_NOT_RECOGNISED:  // A branch without a class, or a word that begins its own block.
-        return {read, is_compare_and_branch(word)};
+        end.is_direct_branch = is_compare_and_branch(word);
+        end.is_inside = is_branch_without_class(word);
+        return end;
+      case A64_SYS:
+        if (!is_invalidation(word)) break;
+        end.is_direct_branch = true;  // To the word behind it.
+        end.is_inside = true;
+        return end;
+      case A64_LDX_STX:
+        if (is_store_exclusive(word)) end.has_store_exclusive = true;
+        break;
       case A64_LDR_LITERAL:
       case A64_MSR_IMM:
       case A64_MRS_MSR:
-        if (is_first_of_its_block(word, inst)) return {read, false};
+        if (is_first_of_its_block(word, inst)) return end;
         break;
       default: break;
     }
@@ -97,24 +170,9 @@ namespace {
 
 constexpr int FURTHEST_STORE = 32;  // Words from the fragment's first.
 
-// Branches, exceptions and system instructions have these bits. Only the system instructions let the code go on.
-bool leaves_by_top_bits(std::uint32_t word) { return (word >> 26 & 7) == 5 && word >> 22 != 0x354; }
-
-// By a look at few bits of each word: nearly all fragments hold no such store, and each one asks.
-bool may_hold_store_exclusive(source_window& window, const std::uint32_t* read) {
-  for (const std::uint32_t* end = read + FURTHEST_STORE; read != end; ++read) {
-    if (begins_unreadable_page(read)) return false;
-    const std::uint32_t word = word_at(window, read);
-    if (is_store_exclusive(word)) return true;
-    if (leaves_by_top_bits(word)) return false;
-  }
-  return false;
-}
-
 }  // namespace
 
 bool begins_between_exclusives(source_window& window, const std::uint32_t* read) {
-  if (!may_hold_store_exclusive(window, read)) return false;
   for (const std::uint32_t* end = read + FURTHEST_STORE; read != end; ++read) {
     if (begins_unreadable_page(read)) return false;
     const std::uint32_t word = word_at(window, read);

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "bi/a64/a64.h"
+#include "bi/code/translated_pages.h"
 #include "bi/mora.h"
 
 namespace ceilmeter {
@@ -19,15 +20,20 @@ namespace ceilmeter {
 struct source_window {
   const std::uint32_t* first;
   std::uint32_t* kept = nullptr;
-  std::size_t room = 0;   // Words.
-  std::size_t count = 0;  // How many are there.
+  std::size_t room = 0;             // Words.
+  std::uint8_t* classes = nullptr;  // Room for as many: what find_end has decoded the words as. Null: not kept.
+  std::size_t count = 0;            // How many are there.
   // Whether what is loaded will be translated. Its lines are then marked (translated_pages.h) before they are loaded.
   bool is_translated = true;
   std::uint64_t marked_line = 0;  // The last one.
 };
 
 // Before anything is asked or read of the word at `place`: who changes it afterwards finds the mark.
-void mark_before_load(source_window& window, const std::uint32_t* place);
+void mark_line_before_load(source_window& window, std::uint64_t line);
+inline void mark_before_load(source_window& window, const std::uint32_t* place) {
+  const std::uint64_t line = address_of(place) & ~(TRANSLATED_LINE - 1);
+  if (window.is_translated && line != window.marked_line) mark_line_before_load(window, line);
+}
 
 // The word at `place`, which lies at or behind window.first. All words up to it can be read. load_word does the work
 // for a word that is not there yet.
@@ -40,7 +46,9 @@ inline std::uint32_t word_at(source_window& window, const std::uint32_t* place) 
 // Where the fragment at an address ends: at its branch, or before a word that cannot be part of it.
 struct fragment_end {
   const std::uint32_t* word;
-  bool is_direct_branch;  // The fragment can become the head of a trace.
+  bool is_direct_branch;     // The fragment can become the head of a trace.
+  bool is_inside;            // The word is a branch of the fragment's.
+  bool has_store_exclusive;  // Before it.
 };
 
 // SVC does not end a fragment.
@@ -68,12 +76,13 @@ inline bool is_invalidation(std::uint32_t word) { return (word & ~std::uint32_t{
 // Whether the word can be read.
 bool is_readable(const std::uint32_t* word);
 
+// A page is at least 4 KiB. On a kernel with larger pages some questions are superfluous.
+inline constexpr std::uint64_t SMALLEST_PAGE = 4096;
+
 // Whether a page begins with this word and cannot be read. A scan can run past the end of a mapping, for instance
 // behind an SVC that does not return. The application never executes the word there.
 inline bool begins_unreadable_page(const std::uint32_t* word) {
-  // A page is at least 4 KiB. On a kernel with larger pages some of these questions are superfluous.
-  constexpr std::uint64_t smallest_page = 4096;
-  return address_of(word) % smallest_page == 0 && !is_readable(word);
+  return address_of(word) % SMALLEST_PAGE == 0 && !is_readable(word);
 }
 
 // A branch that compares a register and is in no class of the decoder (CB<cc> and its kin).

@@ -1,6 +1,9 @@
 // The walk over source words, and the exits that end a fragment. The other rules stand in scan_rules.cpp.
 #include "bi/code/scanner.h"
 
+#include <algorithm>
+#include <array>
+
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/code_cache.h"
@@ -25,7 +28,11 @@ constexpr std::uint64_t TWO_NOPS = NOP | std::uint64_t{NOP} << 32;
 
 bb_meta& meta_of(scan_state& state) { return state.thread->metas[state.bb_id]; }
 
+// What a fragment of a trace leaves free besides.
+std::uint32_t end_space(const scan_state& state) { return state.type == FRAGMENT_BLOCK ? 0 : TRACE_END_SPACE; }
+
 void reserve_space(scan_state& state, std::uint32_t size) {
+  if (address_of(state.limit) > address_of(state.write) + size + end_space(state)) return;
   a64_reserve_block_space(state.thread, &state.write, &state.limit, size);
 }
 
@@ -73,7 +80,9 @@ void begin_conditional_exit(scan_state& state, const exit_branch& branch, std::u
 }
 
 void a64_branch_jump_cond(scan_state& state, std::uint64_t target, std::uint32_t cond) {
-  log(LEVEL_TRACE, "A64 branch: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+  if (engine_logs_traces()) {
+    log(LEVEL_TRACE, "A64 branch: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+  }
   exit_branch branch = {.kind = EXIT_B_COND, .condition = cond};
   begin_conditional_exit(state, branch, target);
   put_two_reserved_words(state);
@@ -90,7 +99,9 @@ void a64_branch_jump_cond(scan_state& state, std::uint64_t target, std::uint32_t
 
 // CBZ, CBNZ, TBZ, TBNZ.
 void a64_branch_imm_reg(scan_state& state, exit_branch branch, std::uint64_t target) {
-  log(LEVEL_TRACE, "A64 [c/t](n)bz: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+  if (engine_logs_traces()) {
+    log(LEVEL_TRACE, "A64 [c/t](n)bz: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+  }
   begin_conditional_exit(state, branch, target);
   put_two_reserved_words(state);
   a64_push_x0_x1(&state.write);
@@ -184,11 +195,26 @@ void rewrite_unknown(scan_state& state) {
   }
 }
 
-void rewrite(scan_state& state, int inst) {
+void put_system_instruction(scan_state& state) {
   if (is_invalidation(state.word)) {
     rewrite_invalidation(state);
-    return;
+  } else {
+    *state.write++ = state.word;
   }
+}
+
+// The classes of which no word is rewritten, see rewrite.
+constexpr std::array<bool, A64_NOT_RECOGNISED + 1> copied_classes = [] {
+  std::array<bool, A64_NOT_RECOGNISED + 1> copied{};
+  copied.fill(true);
+  for (const int inst : {A64_CBZ, A64_TBZ, A64_B_COND, A64_SVC, A64_MRS_MSR, A64_B, A64_BR, A64_BLR, A64_RET,
+                         A64_LDR_LITERAL, A64_ADR, A64_NOT_RECOGNISED, A64_MSR_IMM, A64_SYS}) {
+    copied[static_cast<std::size_t>(inst)] = false;
+  }
+  return copied;
+}();
+
+void rewrite(scan_state& state, int inst) {
   switch (inst) {
     case A64_CBZ:
     case A64_TBZ:
@@ -203,6 +229,7 @@ void rewrite(scan_state& state, int inst) {
     case A64_ADR: rewrite_address(state); break;
     case A64_NOT_RECOGNISED: rewrite_unknown(state); break;
     case A64_MSR_IMM: rewrite_state_switch(state); break;
+    case A64_SYS: put_system_instruction(state); break;
     default: *state.write++ = state.word; break;
   }
 }
@@ -215,10 +242,9 @@ void log_word(const scan_state& state, int inst) {
   log(LEVEL_TRACE, "  instruction word: 0x%x", state.word);
 }
 
-void scan_word(scan_state& state) {
+void scan_word(scan_state& state, int inst) {
   const std::uint32_t* const read = state.read;
-  const int inst = a64_decode(&state.word);
-  if (log_state::engine_log_level >= LEVEL_TRACE) log_word(state, inst);
+  if (engine_logs_traces()) log_word(state, inst);
   mark_source(state.thread, state.write, MARK_SOURCE);
   const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
   if (state.read != read) state.word = word_at(state.source, state.read);  // A plug-in has gone elsewhere.
@@ -257,9 +283,42 @@ void deliver_late_start(scan_state& state, const std::uint32_t* first) {
   raise_sp(state);
 }
 
-void scan_words(scan_state& state) {
+// Whether nobody hears of single instructions: neither plug-ins nor the log.
+bool copies_unseen(const scan_state& state) {
+  return !hears_of_words(state) && !engine_logs_traces() && !state.starts_behind_store;
+}
+
+// Copies words that stay as they are, as far as they lie one behind the other and leave room for an exit behind each:
+// `known` words of the fragment from the window's first have been looked at. What scan_word does with such words, in
+// one go.
+void copy_words(scan_state& state, std::size_t known) {
+  const auto first = static_cast<std::size_t>(state.read - state.source.first);
+  const std::uint64_t needed = address_of(state.write) + EXIT_SPACE + end_space(state);
+  if (address_of(state.limit) <= needed + sizeof(std::uint32_t)) return;
+  const std::size_t room = (address_of(state.limit) - needed) / sizeof(std::uint32_t) - 1;
+  const std::size_t end = std::min(known, first + room);
+  std::size_t index = first;
+  for (std::uint32_t* write = state.write; index < end && copied_classes[state.source.classes[index]]; ++index) {
+    *write++ = state.source.kept[index];
+  }
+  mark_source_words(state.thread, state.write, index - first);
+  state.write += index - first;
+  state.read += index - first;
+}
+
+// `known`: how many words of the fragment have been looked at already. They can be read, and none but the first begins
+// a block of its own.
+void scan_words(scan_state& state, std::size_t known) {
   const std::uint32_t* const first = state.read;
+  const bool copies = copies_unseen(state);
   while (!state.stop) {
+    if (copies && state.thread->return_watch.count == 0) copy_words(state, known);
+    if (const auto index = static_cast<std::size_t>(state.read - first); index < known) {
+      state.word = state.source.kept[index];
+      scan_word(state, state.source.classes[index]);
+      if (state.starts_behind_store) deliver_late_start(state, first);
+      continue;
+    }
     if (state.read != first && begins_unreadable_page(state.read)) {
       end_before_this_word(state);
       continue;
@@ -268,7 +327,7 @@ void scan_words(scan_state& state) {
     if (state.read != first && begins_its_own_block(state.word)) {
       leave_to_its_own_block(state);  // Before its events: plug-ins are told of the word in the block that it begins.
     } else {
-      scan_word(state);
+      scan_word(state, a64_decode(&state.word));
       if (state.starts_behind_store) deliver_late_start(state, first);
     }
   }
@@ -280,13 +339,13 @@ struct counter_words {
 };
 
 // The code in front of the fragment's first word.
-counter_words put_start(scan_state& state, const std::uint32_t* first) {
+counter_words put_start(scan_state& state, const std::uint32_t* first, const fragment_end& end) {
   counter_words counter{};
   // The code at a watched function's entry has to see the registers as they are there.
-  state.starts_behind_store = begins_between_exclusives(state.source, first) && !is_watched_function(first);
+  state.starts_behind_store =
+      end.has_store_exclusive && begins_between_exclusives(state.source, first) && !is_watched_function(first);
   if (!state.starts_behind_store) {
-    const bool counts =
-        state.type == FRAGMENT_BLOCK && !keeps_below_sp(state.thread) && find_end(state.source, first).is_direct_branch;
+    const bool counts = state.type == FRAGMENT_BLOCK && !keeps_below_sp(state.thread) && end.is_direct_branch;
     if (counts) {
       counter.first = state.write;
       put_hot_counter(state);
@@ -317,7 +376,7 @@ void clear_exit(bb_meta& meta, std::uint32_t* cache_end) {
 }  // namespace
 
 void a64_branch_jump(thread_data* thread, std::uint32_t** write, std::uint64_t target, std::int32_t bb_id) {
-  log(LEVEL_TRACE, "A64 branch target: 0x%lx", target);
+  if (engine_logs_traces()) log(LEVEL_TRACE, "A64 branch target: 0x%lx", target);
   const code_writer code{*write};
   code.load_const(x0, target);
   code.load_const(x1, static_cast<std::uint64_t>(bb_id));
@@ -363,7 +422,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   state.bb_start = read_address;
   state.write = start;
   state.limit = cache_end;
-  state.source = {read_address, thread->scan_words, SCAN_WORDS};
+  state.source = {read_address, thread->scan_words, SCAN_WORDS, thread->scan_classes};
   bb_meta& meta = meta_of(state);
   if (type == FRAGMENT_BLOCK) {
     state.limit = start + BB_SIZE / sizeof(std::uint32_t);
@@ -384,8 +443,10 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
     end_source_marks(thread, state.write);
     return static_cast<std::uint32_t>(state.write - start) * 4;
   }
-  const counter_words counter = put_start(state, read_address);
-  scan_words(state);
+  const fragment_end end = find_end(state.source, read_address);
+  const counter_words counter = put_start(state, read_address, end);
+  const auto known = static_cast<std::size_t>(end.word - read_address) + (end.is_inside ? 1 : 0);
+  scan_words(state, std::min(known, SCAN_WORDS));
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
   meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;

@@ -1,5 +1,7 @@
 #include "bi/code/source_map.h"
 
+#include <algorithm>
+
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
 
@@ -35,13 +37,21 @@ source_mark mark_of(const thread_data* thread, const std::uint32_t* place) {
   return static_cast<source_mark>(word >> (index % SOURCE_MARKS_PER_WORD * MARK_BITS) & MARK_MASK);
 }
 
-// Clears the marks that an earlier fragment has left. Outside a scan no fragment has begun, so there is nothing to
-// clear.
+// Clears the marks that an earlier fragment has left, all those of a word at once. What stands behind the fragment that
+// is being scanned, up to the end of that word, belongs to no other: a block takes whole words, and traces are made one
+// behind the other. `place` may be the end of the cache.
 void clear_up_to(thread_data* thread, const std::uint32_t* place) {
-  if (!is_marked(thread, thread->source_marks_end) || !is_marked(thread, place)) thread->source_marks_end = place;
-  for (; thread->source_marks_end < place; ++thread->source_marks_end) {
-    set_mark(thread, thread->source_marks_end, MARK_SAME);
+  while (thread->source_marks_end < place) {
+    thread->source_marks[index_of(thread, thread->source_marks_end) / SOURCE_MARKS_PER_WORD] = 0;
+    thread->source_marks_end += SOURCE_MARKS_PER_WORD;
   }
+}
+static_assert(BB_SIZE % (SOURCE_MARKS_PER_WORD * sizeof(std::uint32_t)) == 0, "a block's marks are whole words");
+static_assert(CODE_CACHE_SIZE % (SOURCE_MARKS_PER_WORD * sizeof(std::uint32_t)) == 0);
+
+// Outside a scan no fragment has begun, so there is nothing to clear.
+bool has_begun(const thread_data* thread) {
+  return index_of(thread, thread->source_marks_end) <= CODE_CACHE_SIZE / sizeof(std::uint32_t);
 }
 
 const std::uint32_t* target_of_branch(const std::uint32_t* place) {
@@ -53,23 +63,50 @@ const std::uint32_t* target_of_branch(const std::uint32_t* place) {
 
 }  // namespace
 
-void begin_source_marks(thread_data* thread, const std::uint32_t* place) { thread->source_marks_end = place; }
+void begin_source_marks(thread_data* thread, const std::uint32_t* place) {
+  thread->source_marks_end = place;
+  if (!is_marked(thread, place)) return;
+  const std::size_t index = index_of(thread, place);
+  const std::size_t before = index % SOURCE_MARKS_PER_WORD;  // Of the fragment in front of this one.
+  thread->source_marks[index / SOURCE_MARKS_PER_WORD] &= (std::uint64_t{1} << before * MARK_BITS) - 1;
+  thread->source_marks_end = place + (SOURCE_MARKS_PER_WORD - before);
+}
 
 void mark_source(thread_data* thread, const std::uint32_t* place, source_mark mark) {
-  clear_up_to(thread, place);
+  if (!is_marked(thread, place)) return;
+  if (!has_begun(thread)) begin_source_marks(thread, place);
+  clear_up_to(thread, place + 1);
   set_mark(thread, place, mark);
-  thread->source_marks_end = place + 1;
+}
+
+void mark_source_words(thread_data* thread, const std::uint32_t* place, std::size_t count) {
+  static_assert(MARK_SOURCE == 1);
+  constexpr std::uint64_t all = ~std::uint64_t{0} / MARK_MASK;  // MARK_SOURCE in each place.
+  if (count == 0 || !is_marked(thread, place + count - 1)) return;
+  clear_up_to(thread, place + count);
+  std::size_t index = index_of(thread, place);
+  const std::size_t end = index + count;
+  while (index < end) {
+    const std::size_t first = index % SOURCE_MARKS_PER_WORD;
+    const std::size_t here = std::min(SOURCE_MARKS_PER_WORD - first, end - index);
+    const std::uint64_t mask = ~std::uint64_t{0} >> (64 - here * MARK_BITS) << first * MARK_BITS;
+    std::uint64_t& word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
+    word = (word & ~mask) | (all & mask);
+    index += here;
+  }
 }
 
 void continue_source_marks(thread_data* thread, const std::uint32_t* place, const std::uint32_t* next) {
   // If nothing was written since the last mark, that mark is for the first word in the new block.
-  const source_mark pending = thread->source_marks_end == place + 1 ? mark_of(thread, place) : MARK_SAME;
+  const source_mark pending = place < thread->source_marks_end ? mark_of(thread, place) : MARK_SAME;
   mark_source(thread, place, MARK_CONTINUED);
-  thread->source_marks_end = next;
+  begin_source_marks(thread, next);
   if (pending != MARK_SAME) mark_source(thread, next, pending);
 }
 
-void end_source_marks(thread_data* thread, const std::uint32_t* place) { clear_up_to(thread, place); }
+void end_source_marks(thread_data* thread, const std::uint32_t* place) {
+  if (has_begun(thread)) clear_up_to(thread, place);
+}
 
 std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t pc) {
   const std::int32_t id = exit_owner(thread, pc);

@@ -10,6 +10,7 @@
 // fragment that it has interrupted, which was complete before it ran.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "bi/mora.h"
@@ -29,6 +30,10 @@ void begin_source_marks(thread_data* thread, const std::uint32_t* place);
 // Marks the word at `place`; those written since the mark before it stand for the same as that one. A second mark of
 // one place replaces the first. `place` lies in the fragment that was begun.
 void mark_source(thread_data* thread, const std::uint32_t* place, source_mark mark);
+
+// The same, with MARK_SOURCE, for `count` words one behind the other, each of which was copied from a source word. A
+// fragment has been begun.
+void mark_source_words(thread_data* thread, const std::uint32_t* place, std::size_t count);
 
 // The fragment goes on at `next`, by the branch at `place`.
 void continue_source_marks(thread_data* thread, const std::uint32_t* place, const std::uint32_t* next);

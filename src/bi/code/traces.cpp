@@ -18,8 +18,8 @@
 // target is reached. This also holds if a signal's handler runs in between: interrupted code resumes by its source
 // address, in a block. The unfinished trace is then given up when the next head becomes hot.
 //
-// The instruction cache is cleared over each piece as it is written. The thread that writes it is the thread that runs
-// it, on its way back from the engine into the cache.
+// The instruction cache is cleared over the pieces that a visit to the engine has written at its end (written_code.h).
+// The thread that writes them is the thread that runs them, on its way back from the engine into the cache.
 #include "bi/code/traces.h"
 
 #include <atomic>
@@ -66,7 +66,7 @@ std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_ty
   const std::uint32_t length = scan_fragment(thread, reinterpret_cast<const std::uint32_t*>(source), id, type, write);
   if (thread->trace_fragment_overflow != 0) return write;
   std::uint32_t* end = write + length / 4;
-  clear_instruction_cache(write, end);
+  note_written(thread, write, end);
   return end;
 }
 
@@ -119,7 +119,7 @@ std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index,
   // the application would hang in it.
   if (trace.exit_count >= MAX_TRACE_EXITS) log(LEVEL_FATAL, "trace %d has more exits than fragments", trace.id);
   trace.exits[trace.exit_count++] = {address_of(last), found + ENTRY_WORD_SIZE, source_index};
-  clear_instruction_cache(first, last + 1);
+  note_written(thread, first, last + 1);
   return last + 1;
 }
 
@@ -136,7 +136,7 @@ bool exits_reach(const trace_state& trace, const std::uint32_t* end) {
 void close_trace(thread_data* thread, std::int32_t source_index, std::uint32_t* write, std::uint64_t entry,
                  std::uint64_t* next_addr) {
   a64_branch_and_link(thread, write, entry + ENTRY_WORD_SIZE);
-  clear_instruction_cache(write, write + 1);
+  note_written(thread, write, write + 1);
   thread->active_trace.write = write + 1;
   thread->metas[source_index].link_state |= LINK_CLOSES_TRACE;
   install_trace(thread);
@@ -159,10 +159,10 @@ void close_in_block(thread_data* thread, std::int32_t source_index, std::uint32_
 
 // Writes LDP x0, x1 and a branch to the fragment, behind the fragment. The dispatcher leaves both registers on the
 // stack. The fragment itself has no entry word to pop them, because later runs fall into it.
-std::uint32_t* put_entry_snippet(std::uint32_t* at, const std::uint32_t* fragment) {
+std::uint32_t* put_entry_snippet(thread_data* thread, std::uint32_t* at, const std::uint32_t* fragment) {
   at[0] = POP_X0_X1;
   a64_branch(at + 1, address_of(fragment));
-  clear_instruction_cache(at, at + 2);
+  note_written(thread, at, at + 2);
   return at + 2;
 }
 
@@ -184,7 +184,7 @@ bool extend_trace(thread_data* thread, std::uint32_t* write, std::uint64_t targe
   ++thread->trace_fragment_count;
   log(LEVEL_TRACE, "len: %ld", static_cast<long>(end - write + 1) * 4);
   *next_addr = address_of(end);
-  trace.write = put_entry_snippet(end, write);
+  trace.write = put_entry_snippet(thread, end, write);
   if (thread->metas[id].exit_kind == EXIT_REGISTER) {
     count_trace_event(trace_counts.ends_in_register_branch);
     install_trace(thread);
@@ -219,20 +219,8 @@ std::uint64_t find_trace(thread_data* thread, std::uint64_t target) {
   return found != HASH_MISS && is_in_traces(thread, found) ? found : HASH_MISS;
 }
 
-}  // namespace
-
-void count_trace_event(std::uint64_t& number, std::uint64_t by) {
-  std::atomic_ref(number).fetch_add(by, std::memory_order_relaxed);  // No other data depends on the number.
-}
-
-void raise_trace_record(std::uint64_t& number, std::uint64_t value) {
-  std::atomic_ref record(number);
-  std::uint64_t seen = record.load(std::memory_order_relaxed);
-  while (seen < value && !record.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
-  }
-}
-
-extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std::uint64_t* ret) {
+// The hot block becomes the head of a trace, if it can. ret[0] receives the place to go on at.
+void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* ret) {
   thread->trace_fragment_count = 0;
   const bb_meta& head = thread->metas[source_index];
   const std::uint64_t source = head.source_addr;
@@ -291,6 +279,25 @@ extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std
     trace.id = thread->trace_id;
     go_on_in_block(thread, source, ret);
   }
+}
+
+}  // namespace
+
+void count_trace_event(std::uint64_t& number, std::uint64_t by) {
+  std::atomic_ref(number).fetch_add(by, std::memory_order_relaxed);  // No other data depends on the number.
+}
+
+void raise_trace_record(std::uint64_t& number, std::uint64_t value) {
+  std::atomic_ref record(number);
+  std::uint64_t seen = record.load(std::memory_order_relaxed);
+  while (seen < value && !record.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
+  }
+}
+
+extern "C" void create_trace(thread_data* thread, std::int32_t source_index, std::uint64_t* ret) {
+  begin_deferring(thread->written);
+  make_head(thread, source_index, ret);
+  finish_written(thread->written);
 }
 
 void trace_dispatcher(std::uint64_t target, std::uint64_t* next_addr, std::int32_t source_index, thread_data* thread) {

@@ -96,6 +96,18 @@ void mark_translated(std::uint64_t start, std::uint64_t end) {
   std::atomic_thread_fence(std::memory_order_seq_cst);  // Pairs with the fence in has_translated.
 }
 
+void mark_translated_line(std::uint64_t line) {
+  translated_leaf* leaf = is_beyond(line + TRANSLATED_LINE) ? nullptr : leaf_of(line);
+  if (leaf == nullptr) {
+    mark_translated(line, line + TRANSLATED_LINE);
+    return;
+  }
+  const std::uint64_t index = page_index(line);
+  set_bits(leaf->ever[index / 64], std::uint64_t{1} << index % 64);
+  set_bits(leaf->lines[index], std::uint64_t{1} << (line >> LINE_BITS) % 64);
+  std::atomic_thread_fence(std::memory_order_seq_cst);  // As in mark_translated.
+}
+
 bool has_translated(std::uint64_t start, std::uint64_t end) {
   std::atomic_thread_fence(std::memory_order_seq_cst);  // Pairs with the fence in mark_translated.
   if (marks_are_not_enough(MARKS_ARE_LOST)) return true;

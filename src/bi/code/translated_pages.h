@@ -43,6 +43,8 @@ bool marks_are_not_enough(std::uint64_t why);
 
 // Marks the lines of the range, and orders what is read of it from here on behind the marks.
 void mark_translated(std::uint64_t start, std::uint64_t end);
+// The same for the line that begins at an address.
+void mark_translated_line(std::uint64_t line);
 
 // Whether a line of the range is marked. The caller has changed the memory before.
 bool has_translated(std::uint64_t start, std::uint64_t end);

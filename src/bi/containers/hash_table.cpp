@@ -23,25 +23,6 @@ void hash_init(hash_table* table, std::int32_t size) {
   }
 }
 
-std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key) {
-  const hash_entry* entries = hash_entries(table);
-  const std::int32_t last = table->size - 1;
-  for (std::int32_t index = hash_home(table, key); index < last; ++index) {
-    // Test for the empty slot first, as emitted code does. In the other order key 0 would be found in an empty slot.
-    if (entries[index].key == 0) return HASH_MISS;
-    if (entries[index].key == key) return entries[index].value;
-  }
-  return HASH_MISS;
-}
-
-bool hash_has_room(const hash_table* table, std::uint64_t key) {
-  const hash_entry* entries = hash_entries(table);
-  const std::int32_t last = table->size - 1;
-  std::int32_t index = hash_home(table, key);
-  while (index < last && entries[index].key != 0 && entries[index].key != key) ++index;
-  return index < last;
-}
-
 bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value) {
   hash_entry* entries = hash_entries(table);
   std::int32_t index = hash_home(table, key);

@@ -64,11 +64,25 @@ inline std::int32_t hash_home(const hash_table* table, std::uint64_t key) {
 void hash_init(hash_table* table, std::int32_t size);
 
 // The value stored with `key`, or HASH_MISS. Key 0 is always a miss.
-std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key);
+inline std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key) {
+  const hash_entry* entry = hash_entries(table) + hash_home(table, key);
+  const hash_entry* const last = hash_entries(table) + (table->size - 1);
+  for (; entry < last; ++entry) {
+    // Test for the empty slot first, as emitted code does. In the other order key 0 would be found in an empty slot.
+    if (entry->key == 0) return HASH_MISS;
+    if (entry->key == key) return entry->value;
+  }
+  return HASH_MISS;
+}
 
 // Whether hash_add would find a place for `key`. It would not if every slot from the home slot to the table's end is
 // taken.
-bool hash_has_room(const hash_table* table, std::uint64_t key);
+inline bool hash_has_room(const hash_table* table, std::uint64_t key) {
+  const hash_entry* entry = hash_entries(table) + hash_home(table, key);
+  const hash_entry* const last = hash_entries(table) + (table->size - 1);
+  while (entry < last && entry->key != 0 && entry->key != key) ++entry;
+  return entry < last;
+}
 
 // Stores the pair; a key that is there gets the new value. Returns true. A run of occupied slots that reaches the
 // table's end is fatal: a table without room for a block would scan that block again at each visit.

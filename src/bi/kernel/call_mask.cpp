@@ -10,25 +10,13 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr std::uint32_t SYS_EPOLL_PWAIT2 = 441;  // Younger than some C libraries' headers.
-
-// Where a call has its mask. Some have it behind an address and a size, in a record of their own.
-struct mask_place {
-  std::uint32_t argument;
-  bool is_pair;
-};
-
-bool find_mask(std::uint64_t number, mask_place* place) {
-  switch (number) {
-    case SYS_rt_sigsuspend: *place = {0, false}; return true;
-    case SYS_rt_sigprocmask: *place = {1, false}; return true;
-    case SYS_ppoll: *place = {3, false}; return true;
-    case SYS_epoll_pwait:
-    case SYS_EPOLL_PWAIT2: *place = {4, false}; return true;
-    case SYS_pselect6:
-    case SYS_io_pgetevents: *place = {5, true}; return true;
-    default: return false;
+bool find_mask(std::uint64_t number, mask_place* out) {
+  for (const mask_place& place : mask_places) {
+    if (place.number != number) continue;
+    *out = place;
+    return true;
   }
+  return false;
 }
 
 }  // namespace
@@ -58,8 +46,7 @@ void replace_call_mask(thread_data* thread, std::uint64_t number, std::uint64_t*
   args[place.argument] = place.is_pair ? address_of(thread->call_mask_pair) : thread->call_mask_pair[0];
 }
 
-void restore_argument(thread_data* thread, std::uint64_t* registers, std::uint32_t first) {
-  if (thread->replaced_argument == 0) return;
+void restore_replaced_argument(thread_data* thread, std::uint64_t* registers, std::uint32_t first) {
   const std::uint32_t argument = thread->replaced_argument - 1;
   thread->replaced_argument = 0;
   if (argument >= first) registers[argument] = thread->replaced_original;

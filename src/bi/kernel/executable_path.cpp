@@ -25,8 +25,6 @@ namespace ceilmeter {
 namespace {
 
 // Younger than some C libraries' headers.
-constexpr std::uint64_t SYS_OPENAT2 = 437;
-constexpr std::uint64_t SYS_FACCESSAT2 = 439;
 
 // Written while the process has one thread, see remember_application_path.
 char application_path[PATH_MAX];
@@ -104,29 +102,6 @@ bool names_executable(std::uint64_t path) {
   char name[NAME_SIZE];
   return copy_path(path, name) && is_executable_name(name);
 }
-
-// Where a call has its path, and what makes it mean the link in place of the file: flags in an argument, or in a record
-// that an argument points to.
-constexpr std::uint32_t NO_FLAGS = ~std::uint32_t{0};
-
-struct path_place {
-  std::uint64_t number;
-  std::uint32_t path;
-  std::uint32_t flags;
-  std::uint64_t means_link;
-};
-
-constexpr path_place path_places[] = {
-    {SYS_statfs, 0, NO_FLAGS, 0},
-    {SYS_faccessat, 1, NO_FLAGS, 0},
-    {SYS_openat, 1, 2, O_NOFOLLOW},
-    {SYS_newfstatat, 1, 3, AT_SYMLINK_NOFOLLOW},
-    {SYS_execve, 0, NO_FLAGS, 0},
-    {SYS_execveat, 1, 4, AT_SYMLINK_NOFOLLOW},
-    {SYS_statx, 1, 2, AT_SYMLINK_NOFOLLOW},
-    {SYS_OPENAT2, 1, NO_FLAGS, 0},
-    {SYS_FACCESSAT2, 1, 3, AT_SYMLINK_NOFOLLOW},
-};
 
 // openat2 has its flags in a record: the flags of an open, the mode, and how the path is to be resolved. A call that
 // restricts the resolution is the kernel's to judge.

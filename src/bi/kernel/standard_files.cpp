@@ -12,11 +12,9 @@
 
 namespace ceilmeter {
 
-namespace {
-
-// Bit n: descriptor n was closed and has not been opened since. Threads that open at once may both find a bit set: the
-// one that clears it has the number.
 std::atomic<std::uint32_t> closed_standard_files{0};
+
+namespace {
 
 // The closed numbers that a call's new descriptor may take, as bits; 0 of calls that return no new descriptor.
 std::uint32_t numbers_for(std::uint64_t number, const std::uint64_t* args) {
@@ -73,8 +71,7 @@ void close_noted_files() {
 
 void forget_noted_files() { closed_standard_files.store(0, std::memory_order_relaxed); }
 
-std::int64_t settle_descriptor(std::uint64_t number, const std::uint64_t* args, std::int64_t result) {
-  if (closed_standard_files.load(std::memory_order_relaxed) == 0 || result < 0) return result;
+std::int64_t settle_among_closed(std::uint64_t number, const std::uint64_t* args, std::int64_t result) {
   if (number == SYS_dup3) {
     if (result <= STDERR_FILENO) {
       closed_standard_files.fetch_and(~(std::uint32_t{1} << result), std::memory_order_relaxed);

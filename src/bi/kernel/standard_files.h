@@ -5,9 +5,14 @@
 // finds the descriptor closed.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace ceilmeter {
+
+// Bit n: descriptor n was closed and has not been opened since. Threads that open at once may both find a bit set: the
+// one that clears it has the number.
+extern std::atomic<std::uint32_t> closed_standard_files;
 
 // If the descriptor is a standard one, notes its close and returns true: the close is not made.
 bool note_close(std::uint32_t fd);
@@ -20,6 +25,10 @@ void forget_noted_files();
 
 // After a call that was made: returns the result that the application gets. If a standard descriptor was closed and the
 // new descriptor would have got its number natively, the new descriptor moves to the lowest such number.
-std::int64_t settle_descriptor(std::uint64_t number, const std::uint64_t* args, std::int64_t result);
+std::int64_t settle_among_closed(std::uint64_t number, const std::uint64_t* args, std::int64_t result);
+inline std::int64_t settle_descriptor(std::uint64_t number, const std::uint64_t* args, std::int64_t result) {
+  if (closed_standard_files.load(std::memory_order_relaxed) == 0 || result < 0) return result;
+  return settle_among_closed(number, args, result);
+}
 
 }  // namespace ceilmeter

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -100,6 +101,19 @@ bool is_descriptor_call(std::uint64_t number) {
 // a return would not find its call there. The answer is that of a kernel without such stacks.
 bool concerns_shadow_stacks(std::uint32_t operation) { return operation >= 74 && operation <= 76; }
 
+// The calls that may have an argument replaced, a bit for each number.
+constexpr std::size_t CALL_NUMBERS = 512;
+constexpr std::array<std::uint64_t, CALL_NUMBERS / 64> calls_with_replacement = [] {
+  std::array<std::uint64_t, CALL_NUMBERS / 64> found{};
+  for (const mask_place& place : mask_places) found[place.number / 64] |= std::uint64_t{1} << place.number % 64;
+  for (const path_place& place : path_places) found[place.number / 64] |= std::uint64_t{1} << place.number % 64;
+  return found;
+}();
+
+bool may_replace_argument(std::uint64_t number) {
+  return number < CALL_NUMBERS && (calls_with_replacement[number / 64] >> number % 64 & 1) != 0;
+}
+
 // In the order of the numbers.
 call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_data* thread, std::int64_t* result) {
   if (has_own_descriptors(thread) && is_descriptor_call(number)) return call_action::MAKE;
@@ -153,8 +167,10 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_dat
       return call_action::HANDLED;
     case SYS_CLOSE_RANGE: return handle_close_range(args, result);
     default:
-      replace_call_mask(thread, number, args);
-      replace_executable_path(thread, number, args);
+      if (may_replace_argument(number)) {
+        replace_call_mask(thread, number, args);
+        replace_executable_path(thread, number, args);
+      }
       return call_action::MAKE;
   }
 }
@@ -200,7 +216,7 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   std::uint64_t& stack_pointer = args[SYSCALL_APP_SP / 8];
   if (stack_pointer == address_of(&thread->last_call.stack_pointer)) stack_pointer = thread->last_call.stack_pointer;
   stack_pointer += kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
-  log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
+  if (engine_logs_traces()) log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
   // The first argument is all that a post-syscall callback gets to see: the result takes its place.
   if (plugins_listen()) thread->syscall_args = args[0];
   std::uint64_t result = 0;
@@ -280,7 +296,7 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
 extern "C" void syscall_handler_post(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                      thread_data* thread) {
   number = low_half(number);
-  log(LEVEL_TRACE, "syscall post %ld", static_cast<long>(number));
+  if (engine_logs_traces()) log(LEVEL_TRACE, "syscall post %ld", static_cast<long>(number));
   if (number == SYS_clone) {
     log(LEVEL_TRACE, "r0 (tid): %ld", static_cast<long>(args[0]));
     finish_fork(thread, args);  // First: locks and signals are held back until then.

@@ -101,6 +101,11 @@ struct scan_event {
 // What deliver_scan_event does if there are plug-ins.
 bool scan_for_plugins(scan_state& state, const scan_event& what);
 
+// Whether plug-ins want to hear of single instructions of this scan, those of a watched function's return left aside.
+inline bool hears_of_words(const scan_state& /*state*/) {
+  return plugins_listen() && (is_event_bound(MORA_PRE_INST) || is_event_bound(MORA_POST_INST));
+}
+
 // Tells plug-ins of the event and puts their code at the scan's cursor, with the function events of the block and the
 // code of its watches. MORA_PRE_BB is about state.bb_start, every other event about state.read. True if a plug-in has
 // taken the instruction over. A plug-in may also end the fragment (state.stop).

@@ -82,8 +82,7 @@ bool begin_call_in_turn(thread_data* thread, std::uint64_t number) {
   return true;
 }
 
-void end_interruption(thread_data* thread) {
-  if (thread->interrupter == 0) return;
+void delete_interrupter(thread_data* thread) {
   raw_syscall(SYS_timer_delete, thread->interrupter - 1);
   thread->interrupter = 0;
 }

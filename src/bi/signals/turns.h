@@ -26,7 +26,10 @@ bool give_turn(thread_data* thread, std::uint64_t source, std::uint64_t entry);
 // Whether the system call `number` is made in a turn, with signals held back. It may sleep, so a timer of the engine's
 // interrupts it over and over until end_interruption.
 bool begin_call_in_turn(thread_data* thread, std::uint64_t number);
-void end_interruption(thread_data* thread);
+void delete_interrupter(thread_data* thread);
+inline void end_interruption(thread_data* thread) {
+  if (thread->interrupter != 0) delete_interrupter(thread);
+}
 
 // Whether a signal is of that timer.
 bool is_interruption(const thread_data* thread, int signum, const void* siginfo);

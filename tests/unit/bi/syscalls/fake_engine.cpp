@@ -147,7 +147,7 @@ void return_to_mask(thread_data*, const ucontext_t*) {}
 std::int64_t change_application_mask(thread_data*, const std::uint64_t*) { std::abort(); }
 void note_handler_return(thread_data*, std::uint64_t) {}
 bool begin_call_in_turn(thread_data*, std::uint64_t) { return false; }
-void end_interruption(thread_data*) {}
+void delete_interrupter(thread_data*) {}
 bool has_to_visit_engine(thread_data*) { return false; }
 
 bool has_deliverable_signal(thread_data*) { return fake.signal_is_deliverable; }
