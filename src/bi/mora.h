@@ -355,8 +355,9 @@ inline std::uint64_t engine_stack(const thread_data* thread) { return *engine_st
 inline constexpr std::uint32_t KEPT_BELOW_SP = 512;
 inline bool keeps_below_sp(const thread_data* thread) { return thread->untouched_sp != 0; }
 inline std::uint64_t kept_below_sp(const thread_data* thread) { return keeps_below_sp(thread) ? KEPT_BELOW_SP : 0; }
+inline std::uint64_t new_thread_key(std::uint64_t source) { return source | 1; }
 inline std::uint64_t block_key(const thread_data* thread, std::uint64_t source) {
-  return keeps_below_sp(thread) ? source | 1 : source;
+  return keeps_below_sp(thread) ? new_thread_key(source) : source;
 }
 
 // Unmaps a record with its code cache and link pool.

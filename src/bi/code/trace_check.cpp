@@ -242,6 +242,8 @@ void check_linked_sides(thread_data* thread, const bb_meta& block) {
 void check_block(thread_data* thread, std::int32_t id) {
   const bb_meta& block = thread->metas[id];
   if (!is_direct_exit(block.exit_kind) || block.parent_block != 0) return;
+  // A new thread's block has a key of its own and no links. What replaces the block of the plain key leaves it alone.
+  if (hash_lookup_entry(thread, new_thread_key(block.source_addr)) == block.cache_entry) return;
   const std::uint64_t found = hash_lookup_entry(thread, block.source_addr);
   if (is_in_traces(thread, found)) {
     demand(words_at(block.cache_entry)[1] == HEAD_TRAP, "a replaced block has no trap", block.cache_entry, found);

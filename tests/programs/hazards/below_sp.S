@@ -114,12 +114,17 @@ clone_call:
         svc     #0
 1:      ret
 
-// A function that a plug-in may watch, many times: long region(const long *).
+// Functions that plug-ins may watch, many times: long region(const long *). The marks of a region have the names that
+// the tracer looks for; here they do nothing.
         .globl  region
 region:
         mov     x15, x30
         mov     x9, #300
-1:      bl      region_part
+1:      adr     x0, region_name
+        bl      start_perf_roofline_events
+        bl      region_part
+        adr     x0, region_name
+        bl      stop_perf_roofline_events
         subs    x9, x9, #1
         b.ne    1b
         mov     x30, x15
@@ -128,8 +133,22 @@ region:
         .globl  region_part
         .type   region_part, %function
 region_part:
+        fadd    d17, d17, d16
         add     x11, x11, #1
         ret
         .size   region_part, . - region_part
+        .globl  start_perf_roofline_events
+        .type   start_perf_roofline_events, %function
+start_perf_roofline_events:
+        ret
+        .size   start_perf_roofline_events, . - start_perf_roofline_events
+        .globl  stop_perf_roofline_events
+        .type   stop_perf_roofline_events, %function
+stop_perf_roofline_events:
+        ret
+        .size   stop_perf_roofline_events, . - stop_perf_roofline_events
+region_name:
+        .asciz  "small stack"
+        .balign 4
 
         .section .note.GNU-stack, "", %progbits

@@ -15,7 +15,7 @@ enum { CHILDREN = 2 };
 static volatile struct {
   int set;
   int wrong[CHILDREN];
-}* shared;
+} * shared;
 
 static const int masked[CHILDREN] = {SIGHUP, SIGTERM};
 

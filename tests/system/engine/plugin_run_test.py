@@ -122,6 +122,11 @@ class GuardedCalls(unittest.TestCase):
         self.assertEqual(output, "done\n")
         self.assertGreater(account["calls"], 1000)
 
+    def test_so_it_is_with_counters_in_the_blocks_and_with_watched_functions(self):
+        for plugin in ("instructions", "watched_entries", "watched_returns"):
+            with self.subTest(plugin=plugin):
+                self.assertEqual(run(plugin, program("hazards/below_sp"))[0], "done\n")
+
     def test_calls_at_every_block_leave_libraries_unharmed(self):
         output, _ = run("blocks_called", program("plugin/recursion"))
         self.assertEqual(output, native(program("plugin/recursion")))
