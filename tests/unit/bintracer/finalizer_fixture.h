@@ -56,17 +56,14 @@ class tracer_finalizer : public ::testing::Test {
 
   // The thread runs the block of so many words so many times.
   void run(bintracer_thread& thread, std::uint64_t start, std::size_t words, std::uint64_t times) const {
-    auto* node = new bb_node;
-    node->next = thread.bb_nodes;
-    node->record = {times, start, start + words * 4, tracer->search_segment(start)};
-    thread.bb_nodes = node;
+    thread.blocks.add(start).record = {times, start, start + words * 4, tracer->search_segment(start)};
   }
 
   // The thread runs a block of generated code, which begins at `start` with these words.
   void run_generated(bintracer_thread& thread, std::uint64_t start, const std::vector<std::uint32_t>& words,
                      std::uint64_t times) const {
     run(thread, start, words.size(), times);
-    thread.bb_nodes->record.code = tracer->keep_code(start, words.data(), words.size());
+    thread.blocks.find(start)->record.code = tracer->keep_code(start, words.data(), words.size());
   }
 
   basic_block_record metrics_of(const std::vector<std::uint32_t>& words) {
