@@ -11,6 +11,7 @@ namespace ceilmeter {
 namespace {
 
 constexpr std::size_t first_piece = std::size_t{64} << 10;
+constexpr std::size_t guard = std::size_t{64} << 10;
 constexpr std::size_t largest_piece = std::size_t{1} << 20;
 // Where the kernel has no memory for a piece, the heap may: the tool has set some aside there.
 constexpr std::size_t piece_of_heap = std::size_t{4} << 10;
@@ -22,16 +23,22 @@ block_store::~block_store() {
   while (newest_piece != nullptr) {
     piece* old = std::exchange(newest_piece, newest_piece->older);
     if (old->is_mapped) {
-      munmap(old, old->bytes);
+      munmap(old, old->bytes + guard);
     } else {
       ::operator delete(old);
     }
   }
 }
 
+// Above a mapped piece lies memory that nobody may touch. The application's stack may end right there, and what runs
+// over its end must fault, not change counters.
 block_store::piece* block_store::make_piece(std::size_t bytes) {
-  void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  const bool is_mapped = memory != MAP_FAILED;
+  void* memory = mmap(nullptr, bytes + guard, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  bool is_mapped = memory != MAP_FAILED;
+  if (is_mapped && mprotect(memory, bytes, PROT_READ | PROT_WRITE) != 0) {
+    munmap(memory, bytes + guard);
+    is_mapped = false;
+  }
   if (!is_mapped) {
     bytes = piece_of_heap;
     memory = ::operator new(bytes);

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <vector>
 
@@ -63,6 +65,20 @@ TEST(block_store, hundred_thousand_blocks_stay_where_they_are_and_come_newest_fi
   std::uint64_t expected = count;
   store.for_each([&expected](const bb_record& record) { ASSERT_EQ(record.count, --expected); });
   EXPECT_EQ(expected, 0U);
+}
+
+// The application's stack may lie there.
+TEST(block_store, memory_above_the_blocks_cannot_be_written) {
+  block_store store;
+  char* const first = reinterpret_cast<char*>(&store.add(0x1000));
+  char* const end = first + 0x10000 - reinterpret_cast<std::uintptr_t>(first) % 0x1000;
+  int pipe_ends[2];
+  ASSERT_EQ(pipe(pipe_ends), 0);
+  ASSERT_EQ(write(pipe_ends[1], "a", 1), 1);
+  EXPECT_EQ(read(pipe_ends[0], end, 1), -1);  // The kernel finds out without a fault.
+  EXPECT_EQ(errno, EFAULT);
+  close(pipe_ends[0]);
+  close(pipe_ends[1]);
 }
 
 // An application may have used up, or given away, the memory that the kernel lets it have. The heap may have a rest.
