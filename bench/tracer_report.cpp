@@ -93,10 +93,7 @@ int run(int argc, char** argv) {
     bintracer_thread thread;
     tracer.init_thread(thread);
     for (const block& at : chosen) {
-      auto* node = new bb_node;
-      node->next = thread.bb_nodes;
-      node->record = {number + 1, at.start, at.end, tracer.search_segment(at.start)};
-      thread.bb_nodes = node;
+      thread.blocks.add(at.start).record = {number + 1, at.start, at.end, tracer.search_segment(at.start)};
     }
     tracer.finish_thread(thread);
   }

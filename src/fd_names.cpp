@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <new>
 #include <utility>
 
 #include "flat_table.h"
@@ -33,7 +34,8 @@ std::uint8_t partial_of(std::uint64_t hash) {
 void fd_name_table::lock_line::lock() const {
   for (int spins = 0;; ++spins) {
     // Acquire: pairs with the release in unlock.
-    if (taken.load(std::memory_order_relaxed) == 0 && taken.exchange(1, std::memory_order_acquire) == 0) return;
+    const std::atomic_ref word(taken);
+    if (word.load(std::memory_order_relaxed) == 0 && word.exchange(1, std::memory_order_acquire) == 0) return;
     if (spins >= spins_before_yield) sched_yield();  // The holder may be waiting for this processor.
   }
 }
@@ -99,9 +101,15 @@ class fd_name_table::all_locked {
 };
 
 fd_name_table::fd_name_table()
-    : m_locks(lock_count),
+    : m_lock_memory(std::calloc(lock_count + 1, sizeof(lock_line))),
+      m_locks(nullptr),
       m_log2_buckets(static_cast<std::size_t>(std::countr_zero(first_bucket_count))),
-      m_buckets(first_bucket_count) {}
+      m_buckets(first_bucket_count) {
+  void* lines = m_lock_memory.get();
+  std::size_t room = (lock_count + 1) * sizeof(lock_line);
+  if (lines == nullptr) throw std::bad_alloc();
+  m_locks = static_cast<lock_line*>(std::align(alignof(lock_line), lock_count * sizeof(lock_line), lines, room));
+}
 
 void fd_name_table::insert_or_assign(std::int32_t fd, std::string name) {
   auto owned = std::make_unique<std::string>(std::move(name));

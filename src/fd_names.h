@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,10 +42,13 @@ class fd_name_table {
     std::unique_ptr<std::string> name[slots_per_bucket];
   };
   struct alignas(64) lock_line {
-    mutable std::atomic<std::uint32_t> taken{0};
+    mutable std::uint32_t taken;  // 0 or 1.
 
     void lock() const;
-    void unlock() const { taken.store(0, std::memory_order_release); }
+    void unlock() const { std::atomic_ref(taken).store(0, std::memory_order_release); }
+  };
+  struct frees {
+    void operator()(void* memory) const { std::free(memory); }
   };
   // The candidate buckets of one key.
   struct place {
@@ -67,7 +71,10 @@ class fd_name_table {
   bool displace(const place& where);
   void grow(all_locked& locked);
 
-  std::vector<lock_line> m_locks;
+  // From calloc, whose zeros cost nothing until they are looked at: most programs meet a few descriptors only, and the
+  // locks are 4 MiB. m_locks is the first whole line in it.
+  std::unique_ptr<void, frees> m_lock_memory;
+  lock_line* m_locks;
   std::atomic<std::size_t> m_log2_buckets;
   std::vector<bucket> m_buckets;
 };

@@ -2,6 +2,7 @@
 // until something is mapped over it, because the code that ran there did come from it.
 #include "mappings.h"
 
+#include <algorithm>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -80,6 +81,7 @@ void mappings_t::register_mmap(std::uint64_t begin, std::uint64_t end, std::uint
   // Only mappings that begin at or behind `begin` were looked at. An older one that reaches in from below stays as it
   // is, and search_segment finds the new one first.
   segments.emplace_hint(it, begin, segment);
+  changes.fetch_add(1, std::memory_order_release);
 }
 
 // Segments do not overlap, except that an older one may reach into a newer one from below.
@@ -106,21 +108,31 @@ void mappings_t::register_replaced(std::uint64_t begin, std::uint64_t end) {
       break;
     }
   }
+  changes.fetch_add(1, std::memory_order_release);
 }
 
 std::uint64_t mappings_t::search_segment(std::uint64_t address) const {
+  recent_segment none;
+  return search_segment_anew(address, none);
+}
+
+std::uint64_t mappings_t::search_segment_anew(std::uint64_t address, recent_segment& recent) const {
   const std::shared_lock lock(segments_lock);
-  auto it = segments.upper_bound(address);
-  if (it == segments.begin()) {
+  const auto next = segments.upper_bound(address);
+  if (next == segments.begin()) {
     log(LEVEL_DEBUG, "addr=%lx is lower that any mapping", address);
     return 0;
   }
-  --it;
+  const auto it = std::prev(next);
   if (it->second->end <= address) {
     log(LEVEL_DEBUG, "addr=%lx is outside of mapping with end = %lx", address, it->second->end);
     return 0;
   }
-  return id_of(it->second);
+  recent.begin = it->first;
+  recent.end = next != segments.end() ? std::min(it->second->end, next->first) : it->second->end;
+  recent.id = id_of(it->second);
+  recent.changes = changes.load(std::memory_order_relaxed);
+  return recent.id;
 }
 
 mapping_segment mappings_t::get_segment(std::uint64_t id) {

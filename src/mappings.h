@@ -24,6 +24,15 @@ struct mapping_segment {
   std::string name;          // The file's path, empty if its descriptor had no name.
 };
 
+// What a look-up has found, for the next one of the same thread. Blocks that are translated one after the other mostly
+// lie in one segment.
+struct recent_segment {
+  std::uint64_t begin = 0;  // The addresses that the segment holds.
+  std::uint64_t end = 0;
+  std::uint64_t id = 0;
+  std::uint64_t changes = 0;  // Of the registry, when it was looked up.
+};
+
 // Holds a lock, and so is neither copied nor moved.
 class mappings_t {
  public:
@@ -47,6 +56,14 @@ class mappings_t {
   // The id of the segment that holds `address` now; 0 for none. Any thread; look-ups do not wait for each other.
   std::uint64_t search_segment(std::uint64_t address) const;
 
+  // The same, by way of what the thread's last look-up has found: without a lock if that still holds the address.
+  std::uint64_t search_segment(std::uint64_t address, recent_segment& recent) const {
+    // Acquire: pairs with the release of a change, so that the mapping whose code the caller has met is known.
+    const bool is_known =
+        address - recent.begin < recent.end - recent.begin && recent.changes == changes.load(std::memory_order_acquire);
+    return is_known ? recent.id : search_segment_anew(address, recent);
+  }
+
   // A copy of the record; all zero, with an empty name, for id 0. Any thread.
   static mapping_segment get_segment(std::uint64_t id);
 
@@ -62,12 +79,15 @@ class mappings_t {
   // Whether a segment reaches into [begin, end), under the lock.
   bool is_overlapped(std::uint64_t begin, std::uint64_t end) const;
 
+  std::uint64_t search_segment_anew(std::uint64_t address, recent_segment& recent) const;
+
   // Makes a record and enters it in all_segments. No lock is needed.
   const mapping_segment* make_segment(mapping_segment segment);
 
   fd_name_table fd_names;
   std::map<std::uint64_t, const mapping_segment*> segments;
   mutable std::shared_mutex segments_lock;  // Guards `segments`.
+  std::atomic<std::uint64_t> changes{0};    // Of `segments`. Goes up under the lock.
   std::atomic<node*> all_segments{nullptr};
   std::atomic<std::atomic<node*>*> all_segments_tail{&all_segments};  // The last `next` word.
 };

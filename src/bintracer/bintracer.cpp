@@ -23,8 +23,6 @@ namespace {
 
 constexpr tool_log log{"src/bintracer/bintracer"};
 
-constexpr std::size_t first_flush_room = 16;
-
 void raise_to(std::atomic<std::uint64_t>& maximum, std::uint64_t value) {
   std::uint64_t seen = maximum.load(std::memory_order_relaxed);
   while (seen < value && !maximum.compare_exchange_weak(seen, value, std::memory_order_relaxed)) {
@@ -49,10 +47,6 @@ void add_record(std::vector<bb_record>& bbs, const bb_record& record) {
 }
 
 }  // namespace
-
-bintracer_thread::~bintracer_thread() {
-  while (bb_nodes != nullptr) delete std::exchange(bb_nodes, bb_nodes->next);
-}
 
 bintracer_t::bintracer_t(exit_callback on_exit, std::uint32_t run_mode) : mode(run_mode) {
   log(LEVEL_INFO, "Launch bintracer_ctor");
@@ -126,14 +120,16 @@ void bintracer_t::finish_thread(bintracer_thread& thread) {
 }
 
 void bintracer_t::flush_counters(bintracer_thread& thread) {
+  std::size_t count = 0;
+  thread.blocks.for_each([&count](const bb_record& record) { count += record.count != 0 ? 1 : 0; });
+  if (count == 0) return;
   std::vector<bb_record> counted;
-  counted.reserve(first_flush_room);
-  for (bb_node* node = thread.bb_nodes; node != nullptr; node = node->next) {
-    if (node->record.count == 0) continue;
-    counted.push_back(node->record);
-    node->record.count = 0;
-  }
-  if (counted.empty()) return;
+  counted.reserve(count);
+  thread.blocks.for_each([&counted](bb_record& record) {
+    if (record.count == 0) return;
+    counted.push_back(record);
+    record.count = 0;
+  });
   region_bbs* region = find_region(thread.info->regions, thread.region);
   if (region == nullptr) {
     thread.info->regions.push_back({thread.region, std::move(counted)});

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "flat_table.h"
+#include "bintracer/block_store.h"
 #include "bintracer/generated_code.h"
 #include "mappings.h"
 #include "report.h"
@@ -24,26 +25,6 @@
 namespace ceilmeter {
 
 struct mora_context;
-
-// A block that a thread has translated. Emitted code holds the address of `count`, so a record never moves and is freed
-// with its thread only. Results are made of copies.
-struct bb_record {
-  std::uint64_t count = 0;       // Executions since the last flush of the thread's counters.
-  std::uint64_t start = 0;       // Application address of the first instruction.
-  std::uint64_t end = 0;         // Behind the last one, as last translated.
-  std::uint64_t map_seg_id = 0;  // The mapping segment that held `start` when the block was first seen; 0: none.
-  // Where there is none: the block's instructions.
-  const generated_code* code = nullptr;
-};
-
-// Whether both count the same block. Generated code that was written over at the same address is another block.
-inline bool is_same_block(const bb_record& a, const bb_record& b) { return a.start == b.start && a.code == b.code; }
-
-struct bb_node {
-  bb_node* next = nullptr;
-  bb_record record;
-  bb_node* older = nullptr;  // The block of the same start that the thread has translated before.
-};
 
 // What was counted in one region by one thread. A block is in `bbs` once.
 struct region_bbs {
@@ -65,18 +46,13 @@ class bintracer_t;
 struct bintracer_thread {
   std::uint32_t parent_tid = 0;  // For whoever looks at it in a debugger.
   std::uint32_t tid = 0;
-  std::string region;                            // "total" when the thread is in none.
-  std::uint64_t enable_basic_block_count = 0;    // 0 or 1: what an execution of a block adds to its counter.
-  bb_node* bb_nodes = nullptr;                   // Every block that the thread has translated, newest first. Owned.
-  flat_table<std::uint64_t, bb_node*> bb_index;  // By start, the newest of those in bb_nodes.
-  bb_record* current_bb = nullptr;               // The block under translation.
+  std::string region;                          // "total" when the thread is in none.
+  std::uint64_t enable_basic_block_count = 0;  // 0 or 1: what an execution of a block adds to its counter.
+  block_store blocks;                          // Every block that the thread has translated.
+  bb_record* current_bb = nullptr;             // The block under translation.
+  recent_segment segment;                      // Of the latest block of a file.
   thread_info* info = nullptr;
   bintracer_t* tracer = nullptr;  // For the handlers of the region interface, which have no context.
-
-  bintracer_thread() = default;
-  bintracer_thread(const bintracer_thread&) = delete;
-  bintracer_thread& operator=(const bintracer_thread&) = delete;
-  ~bintracer_thread();
 };
 
 // What to do at a watched function. Called while the function's entry is translated; `post` is the other member.

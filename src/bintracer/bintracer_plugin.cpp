@@ -59,16 +59,10 @@ bb_record* find_block(const mora_context* ctx, bb_node* newest, std::uint64_t se
 }
 
 bb_record* add_block(bintracer_thread& thread, std::uint64_t start, std::uint64_t segment) {
-  auto* node = new bb_node;
-  node->next = thread.bb_nodes;
-  thread.bb_nodes = node;
-  bb_node*& newest = thread.bb_index[start];
-  node->older = newest;
-  newest = node;
-  node->record.map_seg_id = segment;
-  log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, node->record.map_seg_id);
-  node->record.start = start;
-  return &node->record;
+  bb_record& record = thread.blocks.add(start).record;
+  record.map_seg_id = segment;
+  log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, segment);
+  return &record;
 }
 
 // Of a block without a file, what has been translated.
@@ -90,17 +84,60 @@ bool is_memory(const std::string& path) {
   return false;
 }
 
+// The words of the counter where ADRP reaches it.
+constexpr std::uint32_t push_x20_x21 = 0xa9bf57f4;  // stp x20, x21, [sp, #-16]!
+constexpr std::uint32_t pop_x20_x21 = 0xa8c157f4;   // ldp x20, x21, [sp], #16
+constexpr std::uint32_t adrp_x21 = 0x90000015;      // adrp x21, .
+constexpr std::uint32_t ldr_x20_x21 = 0xf94002b4;   // ldr x20, [x21]
+constexpr std::uint32_t str_x20_x21 = 0xf90002b4;   // str x20, [x21]
+constexpr std::uint32_t add_1_to_x20 = 0x91000694;  // add x20, x20, #1
+
+constexpr std::uint64_t page_size = 4096;  // Of ADRP, whatever the kernel's are.
+
+// Pages from that of an ADRP to that of an address; it reaches 2^20 in either direction.
+std::int64_t pages_between(const std::uint32_t* from, std::uint64_t to) {
+  return static_cast<std::int64_t>(to / page_size) - static_cast<std::int64_t>(address_of(from) / page_size);
+}
+bool adrp_reaches(std::int64_t pages) { return pages >= -(1 << 20) && pages < 1 << 20; }
+
+// The ADRP with its distance filled in, and a load or store of eight bytes with the place in the page.
+std::uint32_t with_pages(std::uint32_t adrp, std::int64_t pages) {
+  const auto bits = static_cast<std::uint32_t>(pages);
+  return adrp | (bits & 3) << 29 | (bits >> 2 & 0x7ffff) << 5;
+}
+std::uint32_t with_place_in_page(std::uint32_t access, std::uint64_t address) {
+  return access | static_cast<std::uint32_t>(address % page_size / sizeof(std::uint64_t)) << 10;
+}
+
 // count += 1. The whole run is one region, so there is no condition.
 void emit_count(mora_context* ctx, const bb_record& record) {
-  mora_emit_load_const(ctx, x21, address_of(&record.count));
+  const std::uint64_t counter = address_of(&record.count);
+  constexpr std::uint32_t words = 6;
+  if (mora_reserve_space(ctx, words * sizeof(std::uint32_t)) != 0) return;
+  std::uint32_t* write = ctx->write_p;
+  const std::int64_t pages = pages_between(write + 1, counter);
+  if (adrp_reaches(pages)) {
+    *write++ = push_x20_x21;
+    *write++ = with_pages(adrp_x21, pages);
+    *write++ = with_place_in_page(ldr_x20_x21, counter);
+    *write++ = add_1_to_x20;
+    *write++ = with_place_in_page(str_x20_x21, counter);
+    *write++ = pop_x20_x21;
+    mora_set_cc_addr(ctx, write);
+    return;
+  }
+  mora_emit_save_regs(ctx, counter_registers);
+  mora_emit_load_const(ctx, x21, counter);
   mora_emit_ldr(ctx, x20, x21);
   mora_emit_add_imm(ctx, x20, x20, 1);
   mora_emit_str(ctx, x20, x21);
+  mora_emit_restore_regs(ctx, counter_registers);
 }
 
 // count += enable. This always runs, with 0 outside of regions. So entering or leaving a region translates nothing
 // anew, and a block that was translated outside of one counts inside.
 void emit_count_if_enabled(mora_context* ctx, const bb_record& record, const bintracer_thread& thread) {
+  mora_emit_save_regs(ctx, counter_registers);
   mora_emit_load_const(ctx, x20, address_of(&record.count));
   mora_emit_load_const(ctx, x21, address_of(&thread.enable_basic_block_count));
   mora_emit_ldr(ctx, x20, x20);
@@ -108,6 +145,7 @@ void emit_count_if_enabled(mora_context* ctx, const bb_record& record, const bin
   mora_emit_add_reg(ctx, x20, x20, static_cast<std::int32_t>(x21));
   mora_emit_load_const(ctx, x21, address_of(&record.count));
   mora_emit_str(ctx, x20, x21);
+  mora_emit_restore_regs(ctx, counter_registers);
 }
 
 void start_roofline(const char* name, bintracer_thread* thread) {
@@ -218,18 +256,15 @@ int pre_bb_cb(mora_context* ctx) {
   log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
       start, static_cast<long>(thread.enable_basic_block_count));
   // A block that is translated anew, for instance after a flush of the code cache, keeps its counter.
-  const std::uint64_t segment = tracer_of(ctx).search_segment(start);
-  bb_node* const* newest = thread.bb_index.find(start);
-  bb_record* known = newest != nullptr ? find_block(ctx, *newest, segment) : nullptr;
+  bintracer_t& of_process = tracer_of(ctx);
+  const std::uint64_t segment = of_process.search_segment(start, thread.segment);
+  bb_record* known = find_block(ctx, thread.blocks.find(start), segment);
   thread.current_bb = known != nullptr ? known : add_block(thread, start, segment);
-
-  mora_emit_save_regs(ctx, counter_registers);
-  if (tracer_of(ctx).get_mode() == MODE_TOTAL) {
+  if (of_process.get_mode() == MODE_TOTAL) {
     emit_count(ctx, *thread.current_bb);
   } else {
     emit_count_if_enabled(ctx, *thread.current_bb, thread);
   }
-  mora_emit_restore_regs(ctx, counter_registers);
   return 0;
 }
 

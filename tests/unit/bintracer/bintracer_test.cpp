@@ -34,16 +34,12 @@ class tracer_state : public ::testing::Test {
 
   // The thread runs the block so many times.
   static void run(bintracer_thread& thread, std::uint64_t start, std::uint64_t times, std::uint64_t end = 0) {
-    bb_node* const* known = thread.bb_index.find(start);
+    bb_node* known = thread.blocks.find(start);
     if (known == nullptr) {
-      auto* node = new bb_node;
-      node->next = thread.bb_nodes;
-      node->record.start = start;
-      node->record.end = end != 0 ? end : start + 8;
-      thread.bb_nodes = node;
-      known = thread.bb_index.insert(start, node).first;
+      known = &thread.blocks.add(start);
+      known->record.end = end != 0 ? end : start + 8;
     }
-    (*known)->record.count += times * thread.enable_basic_block_count;
+    known->record.count += times * thread.enable_basic_block_count;
   }
 
   // "region: start*count ..." of one thread's results.
@@ -231,8 +227,8 @@ TEST_F(tracer_state, two_records_of_one_start_become_one_that_keeps_the_first_on
   tracer->pre_start_roofline_handler("A", thread);
   run(thread, 0x1000, 3, 0x1010);
   tracer->pre_stop_roofline_handler("A", thread);
-  thread.bb_nodes->record.end = 0x1040;
-  thread.bb_nodes->record.map_seg_id = 99;
+  thread.blocks.find(0x1000)->record.end = 0x1040;
+  thread.blocks.find(0x1000)->record.map_seg_id = 99;
   tracer->pre_start_roofline_handler("A", thread);
   run(thread, 0x1000, 3);
   tracer->pre_stop_roofline_handler("A", thread);

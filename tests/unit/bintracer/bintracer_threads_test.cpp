@@ -21,9 +21,7 @@ TEST(tracer_under_threads, starts_and_stops_of_shared_and_own_regions_are_all_co
     bintracer_thread thread;
     thread.tid = static_cast<std::uint32_t>(number);
     tracer.init_thread(thread);
-    auto* node = new bb_node;
-    node->record.start = 0x1000;
-    thread.bb_nodes = node;
+    bb_node* node = &thread.blocks.add(0x1000);
     for (int round = 0; round < rounds; ++round) {
       const std::string own = "own " + std::to_string(number) + " " + std::to_string(round);
       for (const std::string& name : {std::string("shared"), own}) {

@@ -73,7 +73,12 @@ void fake_engine::deliver_block(thread_data& thread, std::uint64_t start, std::u
   mora_context ctx{};
   ctx.thread_data = &thread;
   ctx.read_address = reinterpret_cast<const std::uint32_t*>(start);
+  // Half the address space away from what programs have mapped. Nobody writes there: the services write words down.
+  std::uint32_t* const nowhere = reinterpret_cast<std::uint32_t*>(std::uint64_t{1} << 62);
+  ctx.write_p = code != nullptr ? code : nowhere;
+  const std::uint32_t* const begin = ctx.write_p;
   call(MORA_PRE_BB, ctx);
+  words.assign(begin, static_cast<const std::uint32_t*>(ctx.write_p));
   ctx.end_address = reinterpret_cast<const std::uint32_t*>(end);
   call(MORA_POST_BB, ctx);
 }
@@ -169,6 +174,8 @@ std::uint32_t function_watch_set_manual(std::uint32_t flag) {
   test::engine().calls.push_back("manual " + std::to_string(flag));
   return 0;
 }
+
+int mora_reserve_space(mora_context*, std::uint32_t) { return 0; }
 
 int mora_emit_save_regs(mora_context*, std::uint32_t mask) {
   test::emit("save %x", mask);

@@ -33,6 +33,9 @@ struct fake_engine {
   void* plugin_data = nullptr;             // Of the one plug-in.
   int plugins = 0;
   int run_calls = 0;
+  // Where a block's code is written, of room for a page. Null: nowhere near anything else.
+  std::uint32_t* code = nullptr;
+  std::vector<std::uint32_t> words;  // What was written there by itself, not by a service.
 
   // Delivers an event that carries nothing but the thread.
   void deliver(mora_event event, thread_data& thread);

@@ -56,17 +56,14 @@ class tracer_finalizer : public ::testing::Test {
 
   // Acts as if the thread had run a block of that many words that many times.
   void run(bintracer_thread& thread, std::uint64_t start, std::size_t words, std::uint64_t times) const {
-    auto* node = new bb_node;
-    node->next = thread.bb_nodes;
-    node->record = {times, start, start + words * 4, tracer->search_segment(start)};
-    thread.bb_nodes = node;
+    thread.blocks.add(start).record = {times, start, start + words * 4, tracer->search_segment(start)};
   }
 
   // Acts as if the thread had run a block of generated code that begins at `start` and has these words.
   void run_generated(bintracer_thread& thread, std::uint64_t start, const std::vector<std::uint32_t>& words,
                      std::uint64_t times) const {
     run(thread, start, words.size(), times);
-    thread.bb_nodes->record.code = tracer->keep_code(start, words.data(), words.size());
+    thread.blocks.find(start)->record.code = tracer->keep_code(start, words.data(), words.size());
   }
 
   basic_block_record metrics_of(const std::vector<std::uint32_t>& words) {

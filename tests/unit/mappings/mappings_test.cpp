@@ -28,7 +28,13 @@ class mapping_registry : public ::testing::Test {
   }
 
   // "begin-end+offset name" of the segment that holds `address` now; "none" if there is none.
-  std::string at(std::uint64_t address) const { return text_of(registry.search_segment(address)); }
+  // It is asked for with and without the help of the look-up before.
+  std::string at(std::uint64_t address) {
+    const std::uint64_t id = registry.search_segment(address);
+    EXPECT_EQ(registry.search_segment(address, recent), id) << std::hex << address;
+    EXPECT_EQ(registry.search_segment(address, recent), id) << std::hex << address;
+    return text_of(id);
+  }
 
   static std::string text_of(std::uint64_t id) {
     if (id == 0) return "none";
@@ -39,6 +45,7 @@ class mapping_registry : public ::testing::Test {
   }
 
   mappings_t registry;
+  recent_segment recent;
 };
 
 TEST_F(mapping_registry, empty_map_holds_no_address) {
