@@ -71,7 +71,7 @@ static struct processor {
   byte_array* bytes;
   atomic_bool stale;
   uint64_t space, thread;
-  uint64_t synchronised, barrier; /* When the last of each was. */
+  uint64_t synchronised, barrier;                                         /* When the last of each was. */
   struct line cleaned[MAX_PENDING_LINES], invalidated[MAX_PENDING_LINES]; /* Since the last DSB. */
   unsigned cleaned_count, invalidated_count;
 } processors[MAX_PROCESSORS];
@@ -265,7 +265,8 @@ static void on_call(unsigned number, void* data) {
   refresh(processor);
   const uint64_t call = read_register(processor, 8) & 0xffffffff;
   const bool is_fork = call == CLONE && (read_register(processor, 0) & SHARES_MEMORY) == 0;
-  const bool is_map = call == MAP && read_register(processor, 1) == CACHE_SIZE && (read_register(processor, 2) & 7) == 7;
+  const bool is_map =
+      call == MAP && read_register(processor, 1) == CACHE_SIZE && (read_register(processor, 2) & 7) == 7;
   if (!is_fork && !is_map) return;
   uint64_t sp = is_fork ? read_register(processor, 1) : 0;
   if (sp == 0) sp = read_register(processor, SP);

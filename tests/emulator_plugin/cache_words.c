@@ -5,7 +5,13 @@
 
 #include "cache_coherence.h"
 
-enum { PAGE_SHIFT = 12, PAGE_WORDS = (1 << PAGE_SHIFT) / 4, MAX_PAGES = 1 << 18, MAX_SPACES = 1 << 16, MAX_CACHES = 4096 };
+enum {
+  PAGE_SHIFT = 12,
+  PAGE_WORDS = (1 << PAGE_SHIFT) / 4,
+  MAX_PAGES = 1 << 18,
+  MAX_SPACES = 1 << 16,
+  MAX_CACHES = 4096
+};
 
 static struct page {
   uint64_t space, number; /* Both 0 in a place that is free. */
@@ -28,7 +34,9 @@ static void fail(const char* what) {
   exit(2);
 }
 
-static size_t hash(uint64_t a, uint64_t b) { return (size_t)((a * 0x9e3779b97f4a7c15u ^ b * 0xc2b2ae3d27d4eb4fu) >> 29); }
+static size_t hash(uint64_t a, uint64_t b) {
+  return (size_t)((a * 0x9e3779b97f4a7c15u ^ b * 0xc2b2ae3d27d4eb4fu) >> 29);
+}
 
 void prepare_words(void) {
   const size_t bytes = (size_t)1 << (48 - PAGE_SHIFT - 3);
@@ -125,7 +133,8 @@ void add_transition(struct tally* tally, uint64_t offset, uint32_t old, uint32_t
 
 static void print_transitions(FILE* file, unsigned number, const struct tally* tally) {
   static const char* const parts[] = {"stubs", "blocks", "traces"};
-  static const char* const classes[] = {"nop", "b", "bl", "conditional", "trap", "register_branch", "push", "pop", "other"};
+  static const char* const classes[] = {"nop",  "b",   "bl",   "conditional", "trap", "register_branch",
+                                        "push", "pop", "other"};
   for (unsigned place = 0; place < CACHE_PARTS * WORD_CLASSES * WORD_CLASSES; ++place) {
     const unsigned part = place / (WORD_CLASSES * WORD_CLASSES);
     const unsigned from = place / WORD_CLASSES % WORD_CLASSES, to = place % WORD_CLASSES;
@@ -137,15 +146,14 @@ static void print_transitions(FILE* file, unsigned number, const struct tally* t
 }
 
 void print_tally(FILE* file, unsigned number, const struct tally* tally) {
-  static const char* const faults[] = {[STORED] = "not_cleaned",
-                                       [CLEANING] = "no_barrier_behind_clean",
-                                       [CLEANED] = "not_invalidated",
-                                       [INVALIDATING] = "no_barrier_behind_invalidation",
-                                       [COMPLETE] = "not_synchronised",
-                                       [FOREIGN] = "foreign"};
+  static const char* const faults[] = {
+      [STORED] = "not_cleaned",        [CLEANING] = "no_barrier_behind_clean",
+      [CLEANED] = "not_invalidated",   [INVALIDATING] = "no_barrier_behind_invalidation",
+      [COMPLETE] = "not_synchronised", [FOREIGN] = "foreign"};
   if (tally->stores + tally->checks == 0) return;
   fprintf(file, "run %u caches %lu forks %lu stores %lu cleans %lu invalidations %lu barriers %lu checks %lu\n", number,
-          tally->caches, tally->forks, tally->stores, tally->cleans, tally->invalidations, tally->barriers, tally->checks);
+          tally->caches, tally->forks, tally->stores, tally->cleans, tally->invalidations, tally->barriers,
+          tally->checks);
   for (unsigned kind = STORED; kind < FAULT_KINDS; ++kind) {
     if (tally->faults[kind].count == 0) continue;
     fprintf(file, "fault %u %s %lu %#lx %08x\n", number, faults[kind], tally->faults[kind].count,

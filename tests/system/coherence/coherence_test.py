@@ -5,7 +5,8 @@ coherence_test.py [--long] BUILD PLUGIN NM    --long runs the engine's lists, an
                                               that leaves its words as they are
 
 No word that the engine has written may be executed before it was made executable step by step (see
-../../emulator_plugin/README.md). Engines that leave out a step have to be found: a check that cannot fail shows nothing.
+../../emulator_plugin/README.md). Engines that leave out a step have to be found: a check that cannot fail shows
+nothing.
 """
 import os
 import sys
