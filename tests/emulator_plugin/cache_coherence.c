@@ -17,7 +17,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
+#include <unistd.h>
 
 #include "cache_coherence.h"
 
@@ -102,7 +102,7 @@ static atomic_uint run;
 
 static void fail(const char* what) {
   fprintf(stderr, "cache_coherence: %s\n", what);
-  exit(2);
+  _exit(2);
 }
 
 static uint64_t read_register(struct processor* processor, unsigned number) {
@@ -157,7 +157,8 @@ static void on_store(unsigned number, uint32_t info, uint64_t address, void* dat
   const uint64_t end = address + (1u << qemu_plugin_mem_size_shift(info));
   pthread_mutex_lock(&lock);
   const uint64_t time = ++now;
-  for (uint64_t place = address & ~3ull; place < end; place += 4) {
+  const uint64_t cache = cache_of(processor->space, address);
+  for (uint64_t place = address & ~3ull; cache != 0 && place < end; place += 4) {
     struct word* word = word_at(processor->space, place, true);
     word->state = STORED;
     word->by = (uint8_t)number;
@@ -179,7 +180,7 @@ static void on_clean(unsigned number, void* data) {
   if (!is_watched(address)) return;
   refresh(processor);
   pthread_mutex_lock(&lock);
-  ++tallies[run].cleans;
+  if (cache_of(processor->space, address) != 0) ++tallies[run].cleans;
   for (uint64_t place = address; place < address + LINE_SIZE; place += 4) {
     struct word* word = word_at(processor->space, place, false);
     if (word == NULL || word->state != STORED) continue;
@@ -198,7 +199,7 @@ static void on_invalidation(unsigned number, void* data) {
   if (!is_watched(address)) return;
   refresh(processor);
   pthread_mutex_lock(&lock);
-  ++tallies[run].invalidations;
+  if (cache_of(processor->space, address) != 0) ++tallies[run].invalidations;
   for (uint64_t place = address; place < address + LINE_SIZE; place += 4) {
     struct word* word = word_at(processor->space, place, false);
     if (word == NULL || word->state != CLEANED) continue;
@@ -245,28 +246,34 @@ static void on_synchronisation(unsigned number, void* data) {
 static void check_word(struct tally* tally, const struct processor* processor, uint64_t address, uint32_t value) {
   struct word* word = word_at(processor->space, address, false);
   if (word == NULL || word->state == NEVER_STORED) return;
+  const uint64_t offset = address - cache_of(processor->space, address);
   ++tally->checks;
   if (word->state != COMPLETE) {
     add_fault(tally, word->state, address, value);
   } else if (processor->synchronised < word->time) {
     add_fault(tally, COMPLETE, address, value);
   }
-  if (word->writer != processor->thread) add_fault(tally, FOREIGN, address - cache_of(address), value);
+  if (word->writer != processor->thread) add_fault(tally, FOREIGN, offset, value);
   if (word->was_executed && word->value != value) {
-    add_transition(tally, address - cache_of(address), word->value, value);
+    add_transition(tally, offset, word->value, value);
   }
   word->was_executed = true;
   word->value = value;
 }
 
 static void on_call(unsigned number, void* data) {
-  enum { CLONE = 220, MAP = 222, SHARES_MEMORY = 0x100 };
+  enum { UNMAP = 215, CLONE = 220, MAP = 222, SHARES_MEMORY = 0x100 };
   struct processor* processor = &processors[number];
   refresh(processor);
   const uint64_t call = read_register(processor, 8) & 0xffffffff;
   const bool is_fork = call == CLONE && (read_register(processor, 0) & SHARES_MEMORY) == 0;
   const bool is_map =
       call == MAP && read_register(processor, 1) == CACHE_SIZE && (read_register(processor, 2) & 7) == 7;
+  if (call == UNMAP && read_register(processor, 1) == CACHE_SIZE) {
+    pthread_mutex_lock(&lock);
+    forget_cache(processor->space, read_register(processor, 0));
+    pthread_mutex_unlock(&lock);
+  }
   if (!is_fork && !is_map) return;
   uint64_t sp = is_fork ? read_register(processor, 1) : 0;
   if (sp == 0) sp = read_register(processor, SP);
@@ -288,7 +295,7 @@ static void find_return(struct processor* processor, uint64_t address) {
     calls[index] = calls[call_count - 1];
     --call_count;
     if (call.is_fork) {
-      processor->space = renew_space(processor->space);
+      processor->space = renew_space(processor->space, call.space);
       for (unsigned other = 0; other < MAX_PROCESSORS; ++other) processors[other].stale = true;
       ++tallies[run].forks;
     } else if ((int64_t)result > 0) {

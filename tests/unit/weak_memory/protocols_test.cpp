@@ -20,11 +20,10 @@ TEST(protocols, a_thread_that_leaves_a_call_does_not_miss_the_end) {
   enum { IN_CALL, RUNNING };
   const auto missed = [](bool thread_fences, bool ender_fences) {
     const path leaving = with_fence(thread().store(STATUS, RUNNING), thread_fences, SEQ_CST).load(0, EXIT_FLAG);
-    const path ending = with_fence(thread().exchange(1, EXIT_FLAG, 1, SEQ_CST), ender_fences, SEQ_CST)
-                            .load(0, STATUS, ACQUIRE);
-    return can_end({{leaving}, {ending}}, [](const outcome& end) {
-      return end.registers[0][0] == 0 && end.registers[1][0] == IN_CALL;
-    });
+    const path ending =
+        with_fence(thread().exchange(1, EXIT_FLAG, 1, SEQ_CST), ender_fences, SEQ_CST).load(0, STATUS, ACQUIRE);
+    return can_end({{leaving}, {ending}},
+                   [](const outcome& end) { return end.registers[0][0] == 0 && end.registers[1][0] == IN_CALL; });
   };
   EXPECT_FALSE(missed(true, true));
   EXPECT_TRUE(missed(false, true));
@@ -184,7 +183,8 @@ TEST(protocols, a_parent_goes_on_behind_its_childs_start) {
   EXPECT_TRUE(bad(RELEASE, RELAXED));
 }
 
-// threads.cpp thread_start (enters the list under its lock) | mora.cpp mora_terminate (sets the flag, then takes the lock)
+// threads.cpp thread_start (enters the list under its lock) | mora.cpp mora_terminate (sets the flag, then takes the
+// lock)
 TEST(protocols, a_thread_that_starts_while_the_process_ends_is_listed_or_finds_the_flag) {
   enum { LOCK, LIST, EXIT_FLAG };
   const auto lost = [](bool starter_locks, bool ender_locks) {
@@ -216,8 +216,8 @@ TEST(protocols, a_page_is_known_readable_only_while_mappings_stay) {
       asking.push_back(thread().load(0, STATE, look).when_equal(0, asked_at).load(1, MAPPED).when_equal(1, 1));
       asking.back().load(2, STATE, look).when_equal(2, in(0));
     }
-    return can_end({{unmapping}, asking},
-                   [](const outcome& end) { return end.registers[1][2] == 4; }, {{STATE, 2}, {MAPPED, 1}});
+    return can_end({{unmapping}, asking}, [](const outcome& end) { return end.registers[1][2] == 4; },
+                   {{STATE, 2}, {MAPPED, 1}});
   };
   EXPECT_FALSE(mistaken(ACQ_REL, ACQUIRE));
   EXPECT_TRUE(mistaken(RELAXED, ACQUIRE));

@@ -15,9 +15,7 @@ constexpr std::size_t MOST_EVENTS = 24;
 bool is_load(const event& e) { return e.kind == LOAD || e.kind == EXCLUSIVE_LOAD; }
 bool is_store(const event& e) { return e.kind == STORE || e.kind == EXCLUSIVE_STORE; }
 bool is_access(const event& e) { return is_load(e) || is_store(e); }
-bool acquires(const event& e) {
-  return is_load(e) && (e.order == ACQUIRE || e.order == ACQ_REL || e.order == SEQ_CST);
-}
+bool acquires(const event& e) { return is_load(e) && (e.order == ACQUIRE || e.order == ACQ_REL || e.order == SEQ_CST); }
 bool releases(const event& e) {
   return is_store(e) && (e.order == RELEASE || e.order == ACQ_REL || e.order == SEQ_CST);
 }
@@ -136,7 +134,8 @@ class explorer {
     const auto location = static_cast<std::size_t>(e.location);
     switch (e.kind) {
       case FENCE: return true;
-      case BRANCH: return (registers[static_cast<std::size_t>(e.tested)] == evaluate(e.operand, registers)) == e.is_equal;
+      case BRANCH:
+        return (registers[static_cast<std::size_t>(e.tested)] == evaluate(e.operand, registers)) == e.is_equal;
       case LOAD:
       case EXCLUSIVE_LOAD: {
         const event* own = own_store(thread, index, now);

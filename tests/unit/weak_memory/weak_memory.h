@@ -2,13 +2,15 @@
 // stores and fences; the explorer runs every order in which a processor may let them take effect, and tells whether an
 // outcome is possible.
 //
-// The model is Arm's, put operationally. Memory is one: a store becomes visible to all other threads at once. A thread's
-// events take effect in any order that keeps, for an earlier and a later one:
+// The model is Arm's, put operationally. Memory is one: a store becomes visible to all other threads at once. A
+// thread's events take effect in any order that keeps, for an earlier and a later one:
 //   - accesses to one location, but for a load behind a store: it may read the store's value before others do
-//   - an acquiring load, and everything behind it; everything before a releasing store, and the store; a releasing store
+//   - an acquiring load, and everything behind it; everything before a releasing store, and the store; a releasing
+//   store
 //     and a sequentially consistent load
 //   - what a barrier orders
-//   - a load, and a store of what it has read; a load, and a store behind a branch that it decides; a load, and an access
+//   - a load, and a store of what it has read; a load, and a store behind a branch that it decides; a load, and an
+//   access
 //     to an address that it has read
 //   - the two halves of an atomic operation, with no other store to its location in between
 // A branch orders no loads: they are done in advance. Two loads of one location are kept in order, and so is a load
@@ -48,8 +50,8 @@ struct event {
   int address_source = -1;  // The register that the address was computed from.
 };
 
-// One way through a thread's program. A program with branches has several: each assumes which way they go. Each load has
-// a register of its own.
+// One way through a thread's program. A program with branches has several: each assumes which way they go. Each load
+// has a register of its own.
 class path {
  public:
   path& load(int target, int location, memory_order order = RELAXED);

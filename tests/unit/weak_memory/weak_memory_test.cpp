@@ -30,8 +30,8 @@ TEST(weak_memory, a_message_may_be_ordered_by_fences_and_by_an_address_and_not_b
   EXPECT_FALSE(can_end({{writer}, {thread().load(0, Y).load_through(0, 1, X)}}, missed));
   EXPECT_TRUE(can_end({{writer}, {thread().load(0, Y).when_equal(0, 1).load(1, X)}}, missed));
   // An acquire fence orders no stores.
-  EXPECT_TRUE(can_end({{thread().store(X, 1).fence(ACQUIRE).store(Y, 1)}, {thread().load(0, Y, ACQUIRE).load(1, X)}},
-                      missed));
+  EXPECT_TRUE(
+      can_end({{thread().store(X, 1).fence(ACQUIRE).store(Y, 1)}, {thread().load(0, Y, ACQUIRE).load(1, X)}}, missed));
 }
 
 bool both_miss(const path& one, const path& other) {
@@ -53,7 +53,8 @@ TEST(weak_memory, stores_are_buffered_unless_both_sides_have_a_full_fence_or_are
   EXPECT_TRUE(both_miss(fenced(X, Y, SEQ_CST), side(Y, X, RELAXED)));
   EXPECT_TRUE(both_miss(fenced(X, Y, ACQUIRE), fenced(Y, X, ACQUIRE)));
   // The store of an exchange may come after a later load.
-  EXPECT_TRUE(both_miss(thread().exchange(1, X, 1, ACQ_REL).load(0, Y), thread().exchange(1, Y, 1, ACQ_REL).load(0, X)));
+  EXPECT_TRUE(
+      both_miss(thread().exchange(1, X, 1, ACQ_REL).load(0, Y), thread().exchange(1, Y, 1, ACQ_REL).load(0, X)));
 }
 
 TEST(weak_memory, a_load_may_follow_a_later_store_unless_the_store_depends_on_it) {
@@ -109,7 +110,8 @@ TEST(weak_memory, a_thread_reads_its_own_store_before_others_do) {
 TEST(weak_memory, one_place_never_goes_back) {
   EXPECT_FALSE(can_end({{thread().store(X, 1)}, {thread().load(0, X).load(1, X)}},
                        [](const outcome& end) { return end.registers[1][0] == 1 && end.registers[1][1] == 0; }));
-  EXPECT_FALSE(can_end({{thread().store(X, 1).load(0, X)}}, [](const outcome& end) { return end.registers[0][0] == 0; }));
+  EXPECT_FALSE(
+      can_end({{thread().store(X, 1).load(0, X)}}, [](const outcome& end) { return end.registers[0][0] == 0; }));
 }
 
 TEST(weak_memory, atomic_operations_lose_nothing_and_others_do) {
