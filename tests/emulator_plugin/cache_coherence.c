@@ -95,6 +95,7 @@ static struct call {
 static atomic_uint call_count;
 
 static const char* path;
+static uint64_t line_size = 64;
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER; /* Guards all but what one processor has alone. */
 static atomic_uint_least64_t now = 1;
 static struct tally tallies[MAX_RUNS];
@@ -176,12 +177,12 @@ static void keep_line(struct line* lines, unsigned* count, struct line line) {
 
 static void on_clean(unsigned number, void* data) {
   struct processor* processor = &processors[number];
-  const uint64_t address = read_register(processor, (unsigned)(uintptr_t)data) & ~(uint64_t)(LINE_SIZE - 1);
+  const uint64_t address = read_register(processor, (unsigned)(uintptr_t)data) & ~(line_size - 1);
   if (!is_watched(address)) return;
   refresh(processor);
   pthread_mutex_lock(&lock);
   if (cache_of(processor->space, address) != 0) ++tallies[run].cleans;
-  for (uint64_t place = address; place < address + LINE_SIZE; place += 4) {
+  for (uint64_t place = address; place < address + line_size; place += 4) {
     struct word* word = word_at(processor->space, place, false);
     if (word == NULL || word->state != STORED) continue;
     /* A store of this processor comes before; one of another's only if that one has waited for it. */
@@ -195,12 +196,12 @@ static void on_clean(unsigned number, void* data) {
 
 static void on_invalidation(unsigned number, void* data) {
   struct processor* processor = &processors[number];
-  const uint64_t address = read_register(processor, (unsigned)(uintptr_t)data) & ~(uint64_t)(LINE_SIZE - 1);
+  const uint64_t address = read_register(processor, (unsigned)(uintptr_t)data) & ~(line_size - 1);
   if (!is_watched(address)) return;
   refresh(processor);
   pthread_mutex_lock(&lock);
   if (cache_of(processor->space, address) != 0) ++tallies[run].invalidations;
-  for (uint64_t place = address; place < address + LINE_SIZE; place += 4) {
+  for (uint64_t place = address; place < address + line_size; place += 4) {
     struct word* word = word_at(processor->space, place, false);
     if (word == NULL || word->state != CLEANED) continue;
     word->state = INVALIDATING;
@@ -213,7 +214,7 @@ static void on_invalidation(unsigned number, void* data) {
 /* Moves the words of `lines` that processor `number` has brought into state `from` on. */
 static void complete(unsigned number, const struct line* lines, unsigned* count, enum state from, enum state to) {
   for (unsigned index = 0; index < *count; ++index) {
-    for (uint64_t place = lines[index].address; place < lines[index].address + LINE_SIZE; place += 4) {
+    for (uint64_t place = lines[index].address; place < lines[index].address + line_size; place += 4) {
       struct word* word = word_at(lines[index].space, place, false);
       if (word == NULL || word->state != from || word->by != number) continue;
       word->state = (uint8_t)to;
@@ -404,8 +405,12 @@ static void on_end(qemu_plugin_id_t id, void* data) {
 
 int qemu_plugin_install(qemu_plugin_id_t id, const void* info, int argc, char** argv) {
   (void)info;
-  if (argc != 1 || strncmp(argv[0], "account=", 8) != 0) fail("one option is expected: account=FILE");
-  path = strdup(argv[0] + 8);
+  for (int index = 0; index < argc; ++index) {
+    if (strncmp(argv[index], "account=", 8) == 0) path = strdup(argv[index] + 8);
+    if (strncmp(argv[index], "line=", 5) == 0) line_size = strtoul(argv[index] + 5, NULL, 10);
+  }
+  if (path == NULL) fail("an option is expected: account=FILE");
+  if (line_size < 4 || line_size > 2048 || (line_size & (line_size - 1)) != 0) fail("line=BYTES: a power of two");
   prepare_words();
   qemu_plugin_register_vcpu_init_cb(id, on_processor);
   qemu_plugin_register_vcpu_tb_trans_cb(id, on_translation);

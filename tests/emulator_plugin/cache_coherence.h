@@ -10,8 +10,7 @@
 enum {
   MAX_PROCESSORS = 8,
   MAX_RUNS = 512,
-  MAX_PENDING_LINES = 1 << 19,
-  LINE_SIZE = 64,
+  MAX_PENDING_LINES = 1 << 22,
   CACHE_SIZE = 16 << 20, /* Of the engine's code cache, which is one mapping of its own. */
   STUBS_END = 6 * 256,   /* The parts of a code cache: stubs, blocks, traces. */
   BLOCKS_END = 55000 * 256,
