@@ -17,7 +17,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
+#include <unistd.h>
 
 #include "cache_coherence.h"
 
@@ -71,7 +71,7 @@ static struct processor {
   byte_array* bytes;
   atomic_bool stale;
   uint64_t space, thread;
-  uint64_t synchronised, barrier; /* When the last of each was. */
+  uint64_t synchronised, barrier;                                         /* When the last of each was. */
   struct line cleaned[MAX_PENDING_LINES], invalidated[MAX_PENDING_LINES]; /* Since the last DSB. */
   unsigned cleaned_count, invalidated_count;
 } processors[MAX_PROCESSORS];
@@ -95,6 +95,7 @@ static struct call {
 static atomic_uint call_count;
 
 static const char* path;
+static uint64_t line_size = 64;
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER; /* Guards all but what one processor has alone. */
 static atomic_uint_least64_t now = 1;
 static struct tally tallies[MAX_RUNS];
@@ -102,7 +103,7 @@ static atomic_uint run;
 
 static void fail(const char* what) {
   fprintf(stderr, "cache_coherence: %s\n", what);
-  exit(2);
+  _exit(2);
 }
 
 static uint64_t read_register(struct processor* processor, unsigned number) {
@@ -157,7 +158,8 @@ static void on_store(unsigned number, uint32_t info, uint64_t address, void* dat
   const uint64_t end = address + (1u << qemu_plugin_mem_size_shift(info));
   pthread_mutex_lock(&lock);
   const uint64_t time = ++now;
-  for (uint64_t place = address & ~3ull; place < end; place += 4) {
+  const uint64_t cache = cache_of(processor->space, address);
+  for (uint64_t place = address & ~3ull; cache != 0 && place < end; place += 4) {
     struct word* word = word_at(processor->space, place, true);
     word->state = STORED;
     word->by = (uint8_t)number;
@@ -175,12 +177,12 @@ static void keep_line(struct line* lines, unsigned* count, struct line line) {
 
 static void on_clean(unsigned number, void* data) {
   struct processor* processor = &processors[number];
-  const uint64_t address = read_register(processor, (unsigned)(uintptr_t)data) & ~(uint64_t)(LINE_SIZE - 1);
+  const uint64_t address = read_register(processor, (unsigned)(uintptr_t)data) & ~(line_size - 1);
   if (!is_watched(address)) return;
   refresh(processor);
   pthread_mutex_lock(&lock);
-  ++tallies[run].cleans;
-  for (uint64_t place = address; place < address + LINE_SIZE; place += 4) {
+  if (cache_of(processor->space, address) != 0) ++tallies[run].cleans;
+  for (uint64_t place = address; place < address + line_size; place += 4) {
     struct word* word = word_at(processor->space, place, false);
     if (word == NULL || word->state != STORED) continue;
     /* A store of this processor comes before; one of another's only if that one has waited for it. */
@@ -194,12 +196,12 @@ static void on_clean(unsigned number, void* data) {
 
 static void on_invalidation(unsigned number, void* data) {
   struct processor* processor = &processors[number];
-  const uint64_t address = read_register(processor, (unsigned)(uintptr_t)data) & ~(uint64_t)(LINE_SIZE - 1);
+  const uint64_t address = read_register(processor, (unsigned)(uintptr_t)data) & ~(line_size - 1);
   if (!is_watched(address)) return;
   refresh(processor);
   pthread_mutex_lock(&lock);
-  ++tallies[run].invalidations;
-  for (uint64_t place = address; place < address + LINE_SIZE; place += 4) {
+  if (cache_of(processor->space, address) != 0) ++tallies[run].invalidations;
+  for (uint64_t place = address; place < address + line_size; place += 4) {
     struct word* word = word_at(processor->space, place, false);
     if (word == NULL || word->state != CLEANED) continue;
     word->state = INVALIDATING;
@@ -212,7 +214,7 @@ static void on_invalidation(unsigned number, void* data) {
 /* Moves the words of `lines` that processor `number` has brought into state `from` on. */
 static void complete(unsigned number, const struct line* lines, unsigned* count, enum state from, enum state to) {
   for (unsigned index = 0; index < *count; ++index) {
-    for (uint64_t place = lines[index].address; place < lines[index].address + LINE_SIZE; place += 4) {
+    for (uint64_t place = lines[index].address; place < lines[index].address + line_size; place += 4) {
       struct word* word = word_at(lines[index].space, place, false);
       if (word == NULL || word->state != from || word->by != number) continue;
       word->state = (uint8_t)to;
@@ -245,27 +247,34 @@ static void on_synchronisation(unsigned number, void* data) {
 static void check_word(struct tally* tally, const struct processor* processor, uint64_t address, uint32_t value) {
   struct word* word = word_at(processor->space, address, false);
   if (word == NULL || word->state == NEVER_STORED) return;
+  const uint64_t offset = address - cache_of(processor->space, address);
   ++tally->checks;
   if (word->state != COMPLETE) {
     add_fault(tally, word->state, address, value);
   } else if (processor->synchronised < word->time) {
     add_fault(tally, COMPLETE, address, value);
   }
-  if (word->writer != processor->thread) add_fault(tally, FOREIGN, address - cache_of(address), value);
+  if (word->writer != processor->thread) add_fault(tally, FOREIGN, offset, value);
   if (word->was_executed && word->value != value) {
-    add_transition(tally, address - cache_of(address), word->value, value);
+    add_transition(tally, offset, word->value, value);
   }
   word->was_executed = true;
   word->value = value;
 }
 
 static void on_call(unsigned number, void* data) {
-  enum { CLONE = 220, MAP = 222, SHARES_MEMORY = 0x100 };
+  enum { UNMAP = 215, CLONE = 220, MAP = 222, SHARES_MEMORY = 0x100 };
   struct processor* processor = &processors[number];
   refresh(processor);
   const uint64_t call = read_register(processor, 8) & 0xffffffff;
   const bool is_fork = call == CLONE && (read_register(processor, 0) & SHARES_MEMORY) == 0;
-  const bool is_map = call == MAP && read_register(processor, 1) == CACHE_SIZE && (read_register(processor, 2) & 7) == 7;
+  const bool is_map =
+      call == MAP && read_register(processor, 1) == CACHE_SIZE && (read_register(processor, 2) & 7) == 7;
+  if (call == UNMAP && read_register(processor, 1) == CACHE_SIZE) {
+    pthread_mutex_lock(&lock);
+    forget_cache(processor->space, read_register(processor, 0));
+    pthread_mutex_unlock(&lock);
+  }
   if (!is_fork && !is_map) return;
   uint64_t sp = is_fork ? read_register(processor, 1) : 0;
   if (sp == 0) sp = read_register(processor, SP);
@@ -287,7 +296,7 @@ static void find_return(struct processor* processor, uint64_t address) {
     calls[index] = calls[call_count - 1];
     --call_count;
     if (call.is_fork) {
-      processor->space = renew_space(processor->space);
+      processor->space = renew_space(processor->space, call.space);
       for (unsigned other = 0; other < MAX_PROCESSORS; ++other) processors[other].stale = true;
       ++tallies[run].forks;
     } else if ((int64_t)result > 0) {
@@ -396,8 +405,12 @@ static void on_end(qemu_plugin_id_t id, void* data) {
 
 int qemu_plugin_install(qemu_plugin_id_t id, const void* info, int argc, char** argv) {
   (void)info;
-  if (argc != 1 || strncmp(argv[0], "account=", 8) != 0) fail("one option is expected: account=FILE");
-  path = strdup(argv[0] + 8);
+  for (int index = 0; index < argc; ++index) {
+    if (strncmp(argv[index], "account=", 8) == 0) path = strdup(argv[index] + 8);
+    if (strncmp(argv[index], "line=", 5) == 0) line_size = strtoul(argv[index] + 5, NULL, 10);
+  }
+  if (path == NULL) fail("an option is expected: account=FILE");
+  if (line_size < 4 || line_size > 2048 || (line_size & (line_size - 1)) != 0) fail("line=BYTES: a power of two");
   prepare_words();
   qemu_plugin_register_vcpu_init_cb(id, on_processor);
   qemu_plugin_register_vcpu_tb_trans_cb(id, on_translation);

@@ -10,8 +10,7 @@
 enum {
   MAX_PROCESSORS = 8,
   MAX_RUNS = 512,
-  MAX_PENDING_LINES = 1 << 19,
-  LINE_SIZE = 64,
+  MAX_PENDING_LINES = 1 << 22,
   CACHE_SIZE = 16 << 20, /* Of the engine's code cache, which is one mapping of its own. */
   STUBS_END = 6 * 256,   /* The parts of a code cache: stubs, blocks, traces. */
   BLOCKS_END = 55000 * 256,
@@ -55,14 +54,18 @@ struct tally {
 
 void prepare_words(void);
 
-/* The number of the address space with this translation table, and a fresh one for a table that was used before. */
+/* The number of the address space with this translation table, and a fresh one for a table that may have been another's
+   before: that of a child, with its parent's code caches. */
 uint64_t space_of(uint64_t table);
-uint64_t renew_space(uint64_t space);
+uint64_t renew_space(uint64_t space, uint64_t parent);
 
-/* Notes a new code cache, which has not been stored to. */
+/* Notes a new code cache, which has not been stored to, and one that is unmapped. */
 void watch_cache(uint64_t space, uint64_t address);
+void forget_cache(uint64_t space, uint64_t address);
+
+/* Whether there is a code cache at the address in some space, and where the one of this space begins: 0 for none. */
 bool is_watched(uint64_t address);
-uint64_t cache_of(uint64_t address);
+uint64_t cache_of(uint64_t space, uint64_t address);
 
 /* NULL for a word whose page was not stored to, unless it is to be made. */
 struct word* word_at(uint64_t space, uint64_t address, bool make);

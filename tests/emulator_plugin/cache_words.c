@@ -2,10 +2,18 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include "cache_coherence.h"
 
-enum { PAGE_SHIFT = 12, PAGE_WORDS = (1 << PAGE_SHIFT) / 4, MAX_PAGES = 1 << 18, MAX_SPACES = 1 << 16, MAX_CACHES = 4096 };
+enum {
+  PAGE_SHIFT = 12,
+  SLOT_SHIFT = 24,
+  PAGE_WORDS = (1 << PAGE_SHIFT) / 4,
+  MAX_PAGES = 1 << 18,
+  MAX_SPACES = 1 << 16,
+  MAX_CACHES = 4096
+};
 
 static struct page {
   uint64_t space, number; /* Both 0 in a place that is free. */
@@ -19,16 +27,20 @@ static struct {
 static size_t space_count;
 static uint64_t last_space;
 
-static uint64_t caches[MAX_CACHES];
+/* A code cache stands in the places of both stretches of its own size that it touches. Open addressing; what is
+   unmapped leaves a place with a space of 0 and a stretch that is not. */
+static struct { uint64_t space, slot, address; } caches[MAX_CACHES];
 static size_t cache_count;
 static uint8_t* watched; /* A bit for each page of 48 bits of address, of all spaces together. */
 
 static void fail(const char* what) {
   fprintf(stderr, "cache_coherence: %s\n", what);
-  exit(2);
+  _exit(2);
 }
 
-static size_t hash(uint64_t a, uint64_t b) { return (size_t)((a * 0x9e3779b97f4a7c15u ^ b * 0xc2b2ae3d27d4eb4fu) >> 29); }
+static size_t hash(uint64_t a, uint64_t b) {
+  return (size_t)((a * 0x9e3779b97f4a7c15u ^ b * 0xc2b2ae3d27d4eb4fu) >> 29);
+}
 
 void prepare_words(void) {
   const size_t bytes = (size_t)1 << (48 - PAGE_SHIFT - 3);
@@ -50,33 +62,61 @@ static size_t place_of_table(uint64_t table) {
 
 uint64_t space_of(uint64_t table) { return spaces[place_of_table(table)].space; }
 
-uint64_t renew_space(uint64_t space) {
-  for (size_t place = 0; place < MAX_SPACES; ++place) {
-    if (spaces[place].table != 0 && spaces[place].space == space) return spaces[place].space = ++last_space;
+static void enter_cache(uint64_t space, uint64_t address) {
+  for (uint64_t slot = address >> SLOT_SHIFT; slot <= (address + CACHE_SIZE - 1) >> SLOT_SHIFT; ++slot) {
+    size_t place = hash(space, slot) % MAX_CACHES;
+    while (caches[place].slot != 0 && caches[place].space != 0) place = (place + 1) % MAX_CACHES;
+    if (++cache_count > MAX_CACHES / 2) fail("too many code caches");
+    caches[place].space = space;
+    caches[place].slot = slot;
+    caches[place].address = address;
   }
-  fail("an address space is not known");
-  return 0;
+}
+
+uint64_t renew_space(uint64_t space, uint64_t parent) {
+  const uint64_t fresh = ++last_space;
+  size_t place = 0;
+  while (place < MAX_SPACES && (spaces[place].table == 0 || spaces[place].space != space)) ++place;
+  if (place == MAX_SPACES) fail("an address space is not known");
+  spaces[place].space = fresh;
+  static uint64_t found[MAX_CACHES];
+  size_t count = 0;
+  for (size_t index = 0; index < MAX_CACHES; ++index) {
+    const bool is_first = caches[index].slot == caches[index].address >> SLOT_SHIFT;
+    if (caches[index].space == parent && caches[index].slot != 0 && is_first) found[count++] = caches[index].address;
+  }
+  while (count > 0) enter_cache(fresh, found[--count]);
+  return fresh;
 }
 
 static bool is_bit(uint64_t number) { return (watched[number >> 3] >> (number & 7) & 1) != 0; }
 
 bool is_watched(uint64_t address) { return address >> 48 == 0 && is_bit(address >> PAGE_SHIFT); }
 
-uint64_t cache_of(uint64_t address) {
-  for (size_t index = cache_count; index-- > 0;) {
-    if (address - caches[index] < CACHE_SIZE) return caches[index];
+uint64_t cache_of(uint64_t space, uint64_t address) {
+  const uint64_t slot = address >> SLOT_SHIFT;
+  for (size_t place = hash(space, slot) % MAX_CACHES; caches[place].slot != 0; place = (place + 1) % MAX_CACHES) {
+    if (caches[place].space != space || caches[place].slot != slot) continue;
+    if (address - caches[place].address < CACHE_SIZE) return caches[place].address;
   }
   return 0;
 }
 
 void watch_cache(uint64_t space, uint64_t address) {
-  if (cache_count == MAX_CACHES) fail("too many code caches");
-  caches[cache_count++] = address;
+  enter_cache(space, address);
   for (uint64_t place = address; place < address + CACHE_SIZE; place += (uint64_t)1 << PAGE_SHIFT) {
     const uint64_t number = place >> PAGE_SHIFT;
     watched[number >> 3] |= (uint8_t)(1u << (number & 7));
     struct word* first = word_at(space, place, false);
     if (first != NULL) memset(first, 0, PAGE_WORDS * sizeof *first);
+  }
+}
+
+void forget_cache(uint64_t space, uint64_t address) {
+  for (size_t place = 0; place < MAX_CACHES; ++place) {
+    if (caches[place].space != space || caches[place].address != address) continue;
+    caches[place].space = 0;
+    --cache_count;
   }
 }
 
@@ -125,7 +165,8 @@ void add_transition(struct tally* tally, uint64_t offset, uint32_t old, uint32_t
 
 static void print_transitions(FILE* file, unsigned number, const struct tally* tally) {
   static const char* const parts[] = {"stubs", "blocks", "traces"};
-  static const char* const classes[] = {"nop", "b", "bl", "conditional", "trap", "register_branch", "push", "pop", "other"};
+  static const char* const classes[] = {"nop",  "b",   "bl",   "conditional", "trap", "register_branch",
+                                        "push", "pop", "other"};
   for (unsigned place = 0; place < CACHE_PARTS * WORD_CLASSES * WORD_CLASSES; ++place) {
     const unsigned part = place / (WORD_CLASSES * WORD_CLASSES);
     const unsigned from = place / WORD_CLASSES % WORD_CLASSES, to = place % WORD_CLASSES;
@@ -137,15 +178,14 @@ static void print_transitions(FILE* file, unsigned number, const struct tally* t
 }
 
 void print_tally(FILE* file, unsigned number, const struct tally* tally) {
-  static const char* const faults[] = {[STORED] = "not_cleaned",
-                                       [CLEANING] = "no_barrier_behind_clean",
-                                       [CLEANED] = "not_invalidated",
-                                       [INVALIDATING] = "no_barrier_behind_invalidation",
-                                       [COMPLETE] = "not_synchronised",
-                                       [FOREIGN] = "foreign"};
+  static const char* const faults[] = {
+      [STORED] = "not_cleaned",        [CLEANING] = "no_barrier_behind_clean",
+      [CLEANED] = "not_invalidated",   [INVALIDATING] = "no_barrier_behind_invalidation",
+      [COMPLETE] = "not_synchronised", [FOREIGN] = "foreign"};
   if (tally->stores + tally->checks == 0) return;
   fprintf(file, "run %u caches %lu forks %lu stores %lu cleans %lu invalidations %lu barriers %lu checks %lu\n", number,
-          tally->caches, tally->forks, tally->stores, tally->cleans, tally->invalidations, tally->barriers, tally->checks);
+          tally->caches, tally->forks, tally->stores, tally->cleans, tally->invalidations, tally->barriers,
+          tally->checks);
   for (unsigned kind = STORED; kind < FAULT_KINDS; ++kind) {
     if (tally->faults[kind].count == 0) continue;
     fprintf(file, "fault %u %s %lu %#lx %08x\n", number, faults[kind], tally->faults[kind].count,

@@ -48,7 +48,7 @@ bool drop_up_to(thread_data* thread, std::uint64_t epoch) {
     const std::uint64_t start = std::atomic_ref(range_of(missed).start).load(std::memory_order_relaxed);
     const std::uint64_t end = std::atomic_ref(range_of(missed).end).load(std::memory_order_relaxed);
     // The place may have been written for a later epoch meanwhile. That one has begun before: the fence orders the look
-    // behind the loads, and the lock has ordered the writes.
+    // behind the loads, and pairs with the one in drop_code.
     std::atomic_thread_fence(std::memory_order_acquire);
     const std::uint64_t begun = std::atomic_ref(engine.begun_code_epoch).load(std::memory_order_relaxed);
     if (begun - missed >= KEPT_EPOCHS) {
@@ -132,6 +132,8 @@ void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end) {
   // Release, in there: who finds the marks gone finds that an epoch has begun. Marks that are set from here on stay, as
   // what they stand for may be translated behind the drop.
   clear_translated(start, end);
+  // Who finds the place written for this epoch finds that it has begun (drop_up_to).
+  std::atomic_thread_fence(std::memory_order_release);
   dropped_range& range = range_of(epoch);
   std::atomic_ref(range.start).store(start, std::memory_order_relaxed);
   std::atomic_ref(range.end).store(end, std::memory_order_relaxed);

@@ -127,6 +127,9 @@ bool has_translated(std::uint64_t start, std::uint64_t end) {
     if ((marks & touched_lines(page, start, end)) != 0) return true;
     page += PAGE;
   }
+  // A mark may be gone because another thread has dropped the code. Pairs with the release in clear_translated: the
+  // epoch that the caller looks at next is that one, or a later one.
+  std::atomic_thread_fence(std::memory_order_acquire);
   return false;
 }
 

@@ -21,9 +21,10 @@ static int does(const char* step) { return strcmp(left_out, step) != 0; }
 static void write_code(uint32_t* code, uint32_t value) {
   code[0] = 0x52800000 | value << 5;  // mov w0, #value
   code[1] = 0xd65f03c0;               // ret
-  if (does("clean")) __asm__ volatile("dc cvau, %0" ::"r"(code) : "memory");
+  // Both words, whatever the size of a line.
+  if (does("clean")) __asm__ volatile("dc cvau, %0\n\tdc cvau, %1" ::"r"(code), "r"(code + 1) : "memory");
   if (does("first_barrier")) __asm__ volatile("dsb ish" ::: "memory");
-  if (does("invalidation")) __asm__ volatile("ic ivau, %0" ::"r"(code) : "memory");
+  if (does("invalidation")) __asm__ volatile("ic ivau, %0\n\tic ivau, %1" ::"r"(code), "r"(code + 1) : "memory");
   if (does("second_barrier")) __asm__ volatile("dsb ish" ::: "memory");
   if (does("synchronisation")) __asm__ volatile("isb" ::: "memory");
 }

@@ -67,7 +67,7 @@ class Machine:
             for line in lines:
                 file.write("\t".join(line) + "\n")
         command = [os.path.join(SOURCE, "tools/vm/run"), "--build", self.build, "--share", f"mutants={self.folder}",
-                   "--plugin", f"{self.plugin},account={account}", "--cpu", "cortex-a72", "--cpus", str(self.cpus),
+                   "--plugin", f"{self.plugin},account={account},line=4", "--cpu", "cortex-a72", "--cpus", str(self.cpus),
                    "--timeout", str(self.seconds), "--", "/src/tests/system/coherence/run_marked",
                    "/build/tests/emulator_plugin/mark_run", "/mutants/plan"]
         result = subprocess.run(command, capture_output=True, text=True, check=False)
@@ -126,13 +126,12 @@ def userland():
 # The steps of the library's routine that makes written code executable, and the words that are left out for each.
 STEPS = {"clean": 0xd50b7b20, "first_barrier": 0xd5033b9f, "invalidation": 0xd50b7520, "second_barrier": 0xd5033b9f,
          "synchronisation": 0xd5033fdf}
+ALL_STEPS = "all_steps"
 
 
-def libraries_without(step, folder, nm):
-    """A folder, as the machine names it, with the C compiler's library whose routine leaves out a step."""
-    path = os.path.join(userland(), "usr/lib/aarch64-linux-gnu/libgcc_s.so.1")
+def routine_of(image, nm, path):
+    """The addresses of the routine's words."""
     symbol = re.search(r"^([0-9a-f]+) [0-9a-f]+ . __clear_cache\b", output_of(nm, "-D", "-S", path), re.MULTILINE)
-    image = Image(path)
     begin = int(symbol[1], 16)
     word = image.word(begin)
     if word >> 26 == 5:  # A branch to where the routine is.
@@ -140,12 +139,32 @@ def libraries_without(step, folder, nm):
     end = begin
     while image.word(end) != STEPS["synchronisation"]:
         end += 4
-    is_operand = 31 if step in ("clean", "invalidation") else 0
-    places = [address for address in range(begin, end + 4, 4) if image.word(address) & ~is_operand == STEPS[step]]
-    expected = 2 if step.endswith("_barrier") else 1
+    return range(begin, end + 4, 4)
+
+
+def only_place(places, expected, what):
     if len(places) != expected:
-        raise AssertionError(f"{path}: {len(places)} places for {step}, not {expected}")
-    image.put(places[-1] if step == "second_barrier" else places[0], NOP)
+        raise AssertionError(f"{len(places)} places for {what} in the C compiler's library, not {expected}")
+    return places
+
+
+def libraries(step, folder, nm):
+    """A folder, as the machine names it, with the C compiler's library: its routine leaves out a step.
+
+    In all of them a line is one word. So words that were forgotten are not made executable with their neighbours.
+    """
+    path = os.path.join(userland(), "usr/lib/aarch64-linux-gnu/libgcc_s.so.1")
+    image = Image(path)
+    routine = routine_of(image, nm, path)
+    # lsl line, word_size, logarithm_of_words
+    for place in only_place([at for at in routine if image.word(at) & 0xffe0fc00 == 0x1ac02000], 2, "a line's size"):
+        word = image.word(place)
+        image.put(place, 0x2a0003e0 | (word >> 5 & 31) << 16 | word & 31)  # mov line, word_size
+    if step != ALL_STEPS:
+        operand = 31 if step in ("clean", "invalidation") else 0
+        places = [at for at in routine if image.word(at) & ~operand == STEPS[step]]
+        only_place(places, 2 if step.endswith("_barrier") else 1, step)
+        image.put(places[-1] if step == "second_barrier" else places[0], NOP)
     image.write(os.path.join(folder, step, "libgcc_s.so.1"))
     return f"/mutants/{step}"
 
