@@ -49,7 +49,7 @@ fpsimd_context* fpsimd_record(mcontext_t& context) {
 
 // The register that the code of the source word has pushed when it makes its access, or NOTHING_BORROWED.
 std::uint32_t borrowed_register(const std::uint32_t* source) {
-  if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return NOTHING_BORROWED;
+  if (!is_source_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return NOTHING_BORROWED;
   return borrowed_by_literal_load(source, *source);
 }
 
