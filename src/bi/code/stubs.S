@@ -166,8 +166,8 @@ global_label hot_counter_return
         blr     x3
         b       dispatcher_leave
 
-// Calls the function in the data word \word as (number, args, next_inst, thread_data), by the save area of a system call
-// that lies behind q0 to q31 at sp.
+// Calls the function in the data word \word as (number, args, next_inst, thread_data), from the save area of a system
+// call, which lies behind q0 to q31 at sp.
         .macro  call_with_save_area word
         ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
         add     x1, sp, #STUB_SIMD_REGS_SIZE

@@ -169,7 +169,7 @@ void undo_syscall(thread_data* thread, mcontext_t& context) {
 }
 
 bool is_in_fault_block(const thread_data* thread, std::uint64_t pc) {
-  if (!is_in_code_range(thread, pc)) return false;
+  if (!is_code_address(thread, pc)) return false;
   const std::int32_t id = exit_owner(thread, pc);
   return id > 0 && thread->metas[id].exit_kind == EXIT_NOT_SET;
 }
@@ -179,7 +179,7 @@ bool restore_faulted_context(const thread_data* thread, mcontext_t& context) {
   if (is_between(thread, context.pc, syscall_leave, cache_reentry_stub)) {
     context.sp = save_area(thread)[SYSCALL_APP_SP / 8];
   }
-  if (!is_in_code_range(thread, context.pc)) return leave_stub_entry(thread, context);
+  if (!is_code_address(thread, context.pc)) return leave_stub_entry(thread, context);
   const std::uint64_t source = source_of_cache_address(thread, context.pc);
   if (source == 0) return false;
   // The accesses of both rules are the only loads of this kind in their code; their pushes are of another.
