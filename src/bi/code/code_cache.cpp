@@ -212,6 +212,10 @@ bool is_in_traces(const thread_data* thread, std::uint64_t address) {
   return is_cache_address(thread, address) && address >= address_of(thread->code_cache) + BB_AREA_SIZE;
 }
 
+bool is_in_blocks(const thread_data* thread, std::uint64_t address) {
+  return is_cache_address(thread, address) && !is_in_traces(thread, address);
+}
+
 std::int32_t cc_addr_to_bb_id(const thread_data* thread, std::uint64_t address) {
   const std::uint64_t begin = address_of(thread->code_cache);
   // The bound is inclusive: the first address past the area counts as index BB_COUNT, that of the first trace fragment.

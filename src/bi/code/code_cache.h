@@ -41,10 +41,12 @@ std::uint64_t lookup_or_scan(thread_data* thread, std::uint64_t source);
 // The entry table alone; HASH_MISS if it is not there.
 std::uint64_t hash_lookup_entry(const thread_data* thread, std::uint64_t source);
 
-// Where an address lies: anywhere in the thread's code cache, behind its stubs, or in the trace area.
+// Where an address lies: anywhere in the thread's code cache, in a fragment (behind the stub text, rounded up to a
+// block), in the trace area, or in the cache before that area.
 bool is_cache_address(const thread_data* thread, std::uint64_t address);
 bool is_code_address(const thread_data* thread, std::uint64_t address);
 bool is_in_traces(const thread_data* thread, std::uint64_t address);
+bool is_in_blocks(const thread_data* thread, std::uint64_t address);
 
 // The index of the block that an address of the basic-block area lies in, its upper bound included; -1 elsewhere.
 std::int32_t cc_addr_to_bb_id(const thread_data* thread, std::uint64_t address);

@@ -14,7 +14,7 @@
 namespace ceilmeter {
 
 // The eight bytes that hold the word must not reach into the next page.
-bool is_readable(const std::uint32_t* word) {
+bool is_source_readable(const std::uint32_t* word) {
   const std::uint64_t bytes = address_of(word) & ~std::uint64_t{7};
   if (is_known_readable(bytes)) return true;
   const std::uint64_t asked_at = mapping_state();
@@ -209,7 +209,7 @@ bool begins_between_exclusives(source_window& window, const std::uint32_t* read)
 }
 
 std::uint64_t count_source_words(const std::uint32_t* read_address) {
-  if (!is_readable(read_address)) return 0;
+  if (!is_source_readable(read_address)) return 0;
   // A word that begins its own block does not end the fragment that begins with it.
   source_window window{read_address};
   window.is_translated = false;

@@ -74,7 +74,7 @@ bool begins_between_exclusives(source_window& window, const std::uint32_t* read)
 inline bool is_invalidation(std::uint32_t word) { return (word & ~std::uint32_t{31}) == 0xd50b7520; }
 
 // Whether the word can be read.
-bool is_readable(const std::uint32_t* word);
+bool is_source_readable(const std::uint32_t* word);
 
 // A page is at least 4 KiB. On a kernel with larger pages some questions are superfluous.
 inline constexpr std::uint64_t SMALLEST_PAGE = 4096;
@@ -82,7 +82,7 @@ inline constexpr std::uint64_t SMALLEST_PAGE = 4096;
 // Whether a page begins with this word and cannot be read. A scan can run past the end of a mapping, for instance
 // behind an SVC that does not return. The application never executes the word there.
 inline bool begins_unreadable_page(const std::uint32_t* word) {
-  return address_of(word) % SMALLEST_PAGE == 0 && !is_readable(word);
+  return address_of(word) % SMALLEST_PAGE == 0 && !is_source_readable(word);
 }
 
 // A branch that compares a register and is in no class of the decoder (CB<cc> and its kin).

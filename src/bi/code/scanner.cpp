@@ -436,7 +436,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   begin_source_marks(thread, start);
 
   mark_before_load(state.source, read_address);  // Before the question: who maps something there finds the mark.
-  if (!is_readable(read_address)) {
+  if (!is_source_readable(read_address)) {
     raise_sp(state);
     put_fault(state);
     meta.source_words = 1;

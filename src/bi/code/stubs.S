@@ -166,6 +166,17 @@ global_label hot_counter_return
         blr     x3
         b       dispatcher_leave
 
+// Calls the function in the data word \word as (number, args, next_inst, thread_data), from the save area of a system
+// call, which lies behind q0 to q31 at sp.
+        .macro  call_with_save_area word
+        ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
+        add     x1, sp, #STUB_SIMD_REGS_SIZE
+        ldr     x2, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_NEXT_SOURCE)]
+        ldr     x3, word_thread_data
+        ldr     x9, \word
+        blr     x9
+        .endm
+
 // syscall_wrapper: called by BL from a rewritten SVC.
 //   x29   source address of the next instruction; the application's x29 and x30 are on the stack
 //   x30   cache address of the rest of the block
@@ -229,12 +240,7 @@ global_label syscall_return_point
         ldr     x1, word_engine_stack
         sub     sp, x1, #SYSCALL_FRAME_SIZE
         str     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X0)]
-        ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
-        add     x1, sp, #STUB_SIMD_REGS_SIZE
-        ldr     x2, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_NEXT_SOURCE)]
-        ldr     x3, word_thread_data
-        ldr     x9, word_syscall_handler_post
-        blr     x9
+        call_with_save_area word_syscall_handler_post
 // A new thread begins here, on a copy of its parent's frame, see start_in_cache.
 global_label syscall_leave
         bl      restore_simd_regs
@@ -365,12 +371,7 @@ syscall_clone_in_engine:
 // thread_data). If a signal is to be raised, the function changes the two return addresses so that the call is made
 // anew afterwards, and returns 0. Otherwise it returns 1 more than the number of signals that have to wait on.
 syscall_with_held_signals:
-        ldr     x0, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_X8)]
-        add     x1, sp, #STUB_SIMD_REGS_SIZE
-        ldr     x2, [sp, #(STUB_SIMD_REGS_SIZE + SYSCALL_NEXT_SOURCE)]
-        ldr     x3, word_thread_data
-        ldr     x9, word_syscall_held_signals
-        blr     x9
+        call_with_save_area word_syscall_held_signals
         cbz     x0, syscall_leave
         sub     w10, w0, #1
         b       syscall_restart_window

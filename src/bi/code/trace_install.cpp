@@ -43,10 +43,6 @@ constexpr int TRAMPOLINE_WORDS = 4;
 constexpr int COPIED_WORDS = 2;
 static_assert(TRACE_TRAMPOLINE_SPACE >= MAX_TRACE_EXITS * TRAMPOLINE_WORDS * 4 + TRAMPOLINE_ALIGNMENT);
 
-bool is_in_blocks(const thread_data* thread, std::uint64_t address) {
-  return is_cache_address(thread, address) && !is_in_traces(thread, address);
-}
-
 // Leads the trampoline of another trace's exit to the new trace.
 void move_trampoline(thread_data* thread, std::uint64_t tramp, std::uint64_t to) {
   bb_meta& record = thread->metas[addr_to_fragment_id(thread, tramp)];

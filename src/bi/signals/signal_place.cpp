@@ -49,7 +49,7 @@ fpsimd_context* fpsimd_record(mcontext_t& context) {
 
 // The register that the code of the source word has pushed when it makes its access, or NOTHING_BORROWED.
 std::uint32_t borrowed_register(const std::uint32_t* source) {
-  if (!is_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return NOTHING_BORROWED;
+  if (!is_source_readable(source) || a64_decode(source) != A64_LDR_LITERAL) return NOTHING_BORROWED;
   return borrowed_by_literal_load(source, *source);
 }
 
@@ -194,7 +194,7 @@ void undo_syscall(thread_data* thread, mcontext_t& context) {
 }
 
 bool is_in_fault_block(const thread_data* thread, std::uint64_t pc) {
-  if (!is_in_code_range(thread, pc)) return false;
+  if (!is_code_address(thread, pc)) return false;
   const std::int32_t id = exit_owner(thread, pc);
   return id > 0 && thread->metas[id].exit_kind == EXIT_NOT_SET;
 }
@@ -204,7 +204,7 @@ bool restore_faulted_context(thread_data* thread, mcontext_t& context) {
   if (is_between(thread, context.pc, syscall_leave, cache_reentry_stub)) {
     context.sp = save_area(thread)[SYSCALL_APP_SP / 8];
   }
-  if (!is_in_code_range(thread, context.pc)) return leave_stub_entry(thread, context);
+  if (!is_code_address(thread, context.pc)) return leave_stub_entry(thread, context);
   const std::uint64_t source = source_of_cache_address(thread, context.pc);
   if (source == 0) return false;
   // The accesses of both rules are the only loads of this kind in their code; their pushes are of another.

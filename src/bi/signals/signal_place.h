@@ -11,12 +11,6 @@
 
 namespace ceilmeter {
 
-// In fragments: from the end of the stub text, rounded up to a block, to the end of the code cache.
-inline bool is_in_code_range(const thread_data* thread, std::uint64_t pc) { return is_code_address(thread, pc); }
-
-// Anywhere in the cache. In the stub text, only an access to the application's stack can fault.
-inline bool is_in_cache(const thread_data* thread, std::uint64_t pc) { return is_cache_address(thread, pc); }
-
 // At a label of the thread's copy of the stub text.
 bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8_t* place);
 

@@ -161,7 +161,7 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
   std::memcpy(&mask, &ucontext->uc_sigmask, sizeof mask);
   mask |= handled_signals();
   std::memcpy(&ucontext->uc_sigmask, &mask, sizeof mask);
-  if (is_in_code_range(thread, pc)) {
+  if (is_code_address(thread, pc)) {
     const std::int32_t id = exit_owner(thread, pc);
     // In the exit nothing of the application's state matters any more.
     if (id >= 0 && pc >= address_of(thread->metas[id].exit_code_addr)) abandon_thread(thread);
@@ -173,7 +173,7 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
 // Another thread has dropped code. This one goes on to the end of its basic block, and from there to the engine.
 void trap_next_exit(thread_data* thread, const mcontext_t& context) {
   const std::uint64_t place = fragment_place(thread, context);
-  if (!is_in_code_range(thread, place)) return;
+  if (!is_code_address(thread, place)) return;
   if (const std::int32_t id = exit_owner(thread, place); id >= 0) trap_fragment_exit(thread, id, place);
 }
 
@@ -187,7 +187,7 @@ void lead_out(thread_data* thread, const arrival& signal, bool fault) {
   if (!fault && is_second_request(signal.frame->info)) return raise_default(signal.signum());
   ucontext_t* ucontext = &signal.frame->ucontext;
   // A thread that has faulted, or stands at a trap of the engine's own, would do so again for ever.
-  if (fault && is_in_cache(thread, ucontext->uc_mcontext.pc)) abandon_thread(thread);
+  if (fault && is_cache_address(thread, ucontext->uc_mcontext.pc)) abandon_thread(thread);
   if (fault) end_by_fault(thread, signal);
   stop_for_exit(thread, ucontext);
 }
@@ -272,7 +272,7 @@ void dispatch(thread_data* thread, arrival& signal) {
   }
   if (restore_application_context(thread, context, &signal.mask)) return run_handler(thread, signal);
   const std::uint64_t place = fragment_place(thread, context);
-  if (is_in_code_range(thread, place)) {
+  if (is_code_address(thread, place)) {
     const std::int32_t id = exit_owner(thread, place);
     const bool in_exit = id >= 0 && place >= address_of(thread->metas[id].exit_code_addr);
     if (in_exit && fault && signum == SIGILL) return handle_trap(thread, ucontext, id);
@@ -280,7 +280,8 @@ void dispatch(thread_data* thread, arrival& signal) {
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
-    if (is_in_cache(thread, pc)) return handle_synchronous(thread, signal);
+    // In the stub text, only an access to the application's stack can fault.
+    if (is_cache_address(thread, pc)) return handle_synchronous(thread, signal);
     // Nothing can be delivered from here. Without the engine's care for the end the kernel would have ended the
     // process.
     if (!is_caught_default(signum)) end_by_fault(thread, signal);

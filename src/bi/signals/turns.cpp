@@ -56,7 +56,7 @@ bool give_turn(thread_data* thread, std::uint64_t source, std::uint64_t entry) {
     ++thread->deliveries_in_place;
     return false;
   }
-  if (!is_in_code_range(thread, entry)) return false;
+  if (!is_code_address(thread, entry)) return false;
   const std::int32_t id = exit_owner(thread, entry);
   if (id < 0) return false;
   hold_back_for_turn(thread);
