@@ -41,7 +41,7 @@ const std::uint32_t* instruction_finder::find_words(const std::string& module, s
     return nullptr;
   }
   std::FILE* stream = last_stream;
-  if (stream == nullptr || module != last_module || mora_log_get_level() >= LEVEL_TRACE) {
+  if (stream == nullptr || module != last_module || tool_logs_traces()) {
     stream = open_file_impl(module);
     if (stream == nullptr) return nullptr;
     last_module = module;

@@ -30,6 +30,10 @@ struct mora_context;
 struct region_bbs {
   std::string name;
   std::vector<bb_record> bbs;
+  // Where in `bbs` each block is, for a region that the thread has left more than once and that has many. The first
+  // `placed` of them are entered.
+  flat_table<std::uint64_t, std::uint32_t> places;
+  std::size_t placed = 0;
 };
 
 // What a thread leaves behind. `regions` is in order of first flush.

@@ -61,7 +61,7 @@ bb_record* find_block(const mora_context* ctx, bb_node* newest, std::uint64_t se
 bb_record* add_block(bintracer_thread& thread, std::uint64_t start, std::uint64_t segment) {
   bb_record& record = thread.blocks.add(start).record;
   record.map_seg_id = segment;
-  log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, segment);
+  if (tool_logs_traces()) log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, segment);
   return &record;
 }
 
@@ -256,8 +256,10 @@ int thread_exit_cb(mora_context* ctx) {
 int pre_bb_cb(mora_context* ctx) {
   bintracer_thread& thread = thread_of(ctx);
   const std::uint64_t start = mora_get_source_addr(ctx);
-  log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
-      start, static_cast<long>(thread.enable_basic_block_count));
+  if (tool_logs_traces()) {
+    log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
+        start, static_cast<long>(thread.enable_basic_block_count));
+  }
   // A block that is translated anew, for instance after a flush of the code cache, keeps its counter.
   bintracer_t& of_process = tracer();
   const std::uint64_t segment = of_process.search_segment(start, thread.segment);
@@ -275,8 +277,10 @@ int post_bb_cb(mora_context* ctx) {
   bintracer_thread& thread = thread_of(ctx);
   thread.current_bb->end = mora_get_end_addr(ctx);
   if (thread.current_bb->map_seg_id == 0) keep_words(ctx, *thread.current_bb);
-  log(LEVEL_TRACE, "post_bb_cb: region is %s, bb start=%lx, bb end=%lx", thread.region.c_str(),
-      thread.current_bb->start, thread.current_bb->end);
+  if (tool_logs_traces()) {
+    log(LEVEL_TRACE, "post_bb_cb: region is %s, bb start=%lx, bb end=%lx", thread.region.c_str(),
+        thread.current_bb->start, thread.current_bb->end);
+  }
   return 0;
 }
 
