@@ -90,6 +90,12 @@ bool count_block_of_file(instruction_finder& finder, const mapping_segment& segm
   instr_flop work = new_work();
   const std::uint64_t start = record.start + to_file(segment);
   const std::uint64_t end = record.end + to_file(segment);
+  if (!is_logged_in_detail()) {
+    if (const std::uint32_t* words = finder.words_at_hand(&segment, start, end)) {
+      add_work(words, (end - start) / instruction_size, start, work, block);
+      return true;
+    }
+  }
   const std::uint64_t partial_bb_num =
       ((end - start) / instruction_size + max_basic_block_size - 1) / max_basic_block_size;
   if (is_logged_in_detail()) {
@@ -102,7 +108,7 @@ bool count_block_of_file(instruction_finder& finder, const mapping_segment& segm
     if (is_logged_in_detail()) {
       log(LEVEL_TRACE, "Read partial basic block start_off=%lx, partial_bb_size=%lx", part_start, partial_bb_size);
     }
-    const std::uint32_t* words = finder.find_words(segment.name, part_start, part_start + partial_bb_size);
+    const std::uint32_t* words = finder.find_words(segment.name, part_start, part_start + partial_bb_size, &segment);
     if (words == nullptr) {
       log(LEVEL_WARN, "Failed to read basic block from module = %s, start_offset = %lx, end_offset = %lx",
           segment.name.c_str(), start, end);
