@@ -34,14 +34,15 @@ bool instruction_finder::get_basic_block_instruction_code(std::uint32_t* buffer,
 }
 
 const std::uint32_t* instruction_finder::find_words(const std::string& module, std::uint64_t start_off,
-                                                    std::uint64_t end_off) {
+                                                    std::uint64_t end_off, const void* file) {
+  hand = {};
   const std::size_t count = (end_off - start_off) / instruction_size;
   if (count > max_basic_block_size) {
     log(LEVEL_WARN, "Basic block length=%lu is more that max_basic_block_size=%lu\n", count, max_basic_block_size);
     return nullptr;
   }
   std::FILE* stream = last_stream;
-  if (stream == nullptr || module != last_module || mora_log_get_level() >= LEVEL_TRACE) {
+  if (stream == nullptr || module != last_module || tool_logs_traces()) {
     stream = open_file_impl(module);
     if (stream == nullptr) return nullptr;
     last_module = module;
@@ -59,6 +60,9 @@ const std::uint32_t* instruction_finder::find_words(const std::string& module, s
     log(LEVEL_WARN, "Failed to fread basic block in file %s, offset %ld, basic_block_size=%lu, ret=%lu, err=%s",
         module.c_str(), static_cast<long>(start_off), count, got, std::strerror(found->has_failed ? 1 : 0));
     return nullptr;
+  }
+  if (file != nullptr) {
+    hand = {file, found->offset, found->size, reinterpret_cast<const std::uint32_t*>(found->bytes)};
   }
   return reinterpret_cast<const std::uint32_t*>(found->bytes + place);
 }

@@ -34,8 +34,20 @@ class instruction_finder {
                                         std::uint64_t end_off);
 
   // The words between two offsets of the file `module`, as far as they are whole, under the same conditions. Null,
-  // after the same warnings, where there are none to be had. They hold until the next call.
-  const std::uint32_t* find_words(const std::string& module, std::uint64_t start_off, std::uint64_t end_off);
+  // after the same warnings, where there are none to be had. They hold until the next call. `file` is what the caller
+  // tells files apart by, for words_at_hand.
+  const std::uint32_t* find_words(const std::string& module, std::uint64_t start_off, std::uint64_t end_off,
+                                  const void* file = nullptr);
+
+  // The same words, however many, if the last call of find_words was for the same `file`, not null, and has read them
+  // by the way. Null otherwise, without a warning.
+  const std::uint32_t* words_at_hand(const void* file, std::uint64_t start_off, std::uint64_t end_off) const {
+    const std::uint64_t from = start_off - hand.offset;
+    const std::uint64_t to = end_off - hand.offset;
+    return file != nullptr && file == hand.file && from <= to && to <= hand.size
+               ? hand.words + from / sizeof(std::uint32_t)
+               : nullptr;
+  }
 
   // The stream of the file `module`, no matter by which name it was opened first. Null, after a warning, if it can't be
   // opened. A failure is not remembered: the next call tries again.
@@ -58,6 +70,14 @@ class instruction_finder {
     alignas(8) char bytes[window_step + max_basic_block_size * sizeof(std::uint32_t)];
   };
 
+  // What of its last window find_words has at hand. Empty: nothing.
+  struct window_at_hand {
+    const void* file = nullptr;
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;
+    const std::uint32_t* words = nullptr;
+  };
+
   // The window with the file's content from `offset` on, of at least `size` bytes if the file has them.
   const window* read_window(std::FILE* stream, std::uint64_t offset, std::size_t size);
 
@@ -65,8 +85,9 @@ class instruction_finder {
   // Resolved paths, by the names that led to them. Resolving a path takes a system call for each of its folders, and
   // the same few names are asked for tens of thousands of times.
   flat_table<std::string, resolved_name> resolved_names;
-  std::string last_module;                                     // The one of the latest call that has found its stream,
-  std::FILE* last_stream = nullptr;                            // which is this one.
+  std::string last_module;           // The one of the latest call that has found its stream,
+  std::FILE* last_stream = nullptr;  // which is this one.
+  window_at_hand hand;
   std::vector<std::unique_ptr<window>> windows{window_count};  // By stream and offset; made when first needed.
 };
 

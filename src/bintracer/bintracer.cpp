@@ -1,8 +1,8 @@
 // The tracer's state and the handlers that change it. Nothing here runs per execution of a block. A flush of the
-// counters costs one pass over the thread's blocks and, for each that was counted, a linear search in the region's
-// vector.
+// counters costs two passes over the thread's blocks and, for each that was counted, a look-up in the region's table.
 #include "bintracer/bintracer.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -36,14 +36,36 @@ region_bbs* find_region(std::vector<region_bbs>& regions, const std::string& nam
   return nullptr;
 }
 
-// If there is a record of the same block, only its count grows: it keeps its end.
-void add_record(std::vector<bb_record>& bbs, const bb_record& record) {
-  for (bb_record& known : bbs) {
-    if (!is_same_block(known, record)) continue;
-    known.count += record.count;
-    return;
+// Of different blocks it may be the same, but hardly ever is.
+std::uint64_t place_key(const bb_record& record) {
+  return record.start ^ reinterpret_cast<std::uint64_t>(record.code) << 16;
+}
+
+bb_record* find_linearly(std::vector<bb_record>& bbs, const bb_record& record) {
+  const auto known =
+      std::find_if(bbs.begin(), bbs.end(), [&](const bb_record& one) { return is_same_block(one, record); });
+  return known != bbs.end() ? &*known : nullptr;
+}
+
+bb_record* find_record(region_bbs& region, const bb_record& record) {
+  constexpr std::size_t few = 32;
+  if (region.bbs.size() < few) return find_linearly(region.bbs, record);
+  for (; region.placed < region.bbs.size(); ++region.placed) {
+    region.places.insert(place_key(region.bbs[region.placed]), static_cast<std::uint32_t>(region.placed));
   }
-  bbs.push_back(record);
+  const std::uint32_t* place = region.places.find(place_key(record));
+  if (place == nullptr) return nullptr;
+  bb_record& found = region.bbs[*place];
+  return is_same_block(found, record) ? &found : find_linearly(region.bbs, record);
+}
+
+// If there is a record of the same block, only its count grows: it keeps its end.
+void add_record(region_bbs& region, const bb_record& record) {
+  if (bb_record* known = find_record(region, record)) {
+    known->count += record.count;
+  } else {
+    region.bbs.push_back(record);
+  }
 }
 
 }  // namespace
@@ -62,6 +84,7 @@ bintracer_t::~bintracer_t() {
 }
 
 void bintracer_t::watch_by_name(std::string name, watch_callbacks callbacks) {
+  named_letters |= std::uint64_t{1} << (name.c_str()[0] & 63);
   if (!named_callbacks.insert(std::move(name), callbacks).second) {
     throw std::runtime_error("register callback on one name was called twice\n");
   }
@@ -132,10 +155,10 @@ void bintracer_t::flush_counters(bintracer_thread& thread) {
   });
   region_bbs* region = find_region(thread.info->regions, thread.region);
   if (region == nullptr) {
-    thread.info->regions.push_back({thread.region, std::move(counted)});
+    thread.info->regions.push_back({thread.region, std::move(counted), {}, 0});
     return;
   }
-  for (const bb_record& record : counted) add_record(region->bbs, record);
+  for (const bb_record& record : counted) add_record(*region, record);
 }
 
 void bintracer_t::pre_start_roofline_handler(const char* name, bintracer_thread& thread) {

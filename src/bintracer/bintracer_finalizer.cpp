@@ -31,7 +31,7 @@ bintracer_region& find_or_add_region(std::vector<bintracer_region>& regions, con
 }
 
 // The most detailed log names every instruction of every thread's blocks. Then no block may be skipped as known.
-bool is_logged_in_detail() { return mora_log_get_level() >= LEVEL_TRACE; }
+bool is_logged_in_detail() { return tool_logs_traces(); }
 
 // Null if the block is not known, or if the known one that begins there is another block.
 const block_work* find_work(const block_work_table& known, const bb_record& record) {
@@ -90,15 +90,25 @@ bool count_block_of_file(instruction_finder& finder, const mapping_segment& segm
   instr_flop work = new_work();
   const std::uint64_t start = record.start + to_file(segment);
   const std::uint64_t end = record.end + to_file(segment);
+  if (!is_logged_in_detail()) {
+    if (const std::uint32_t* words = finder.words_at_hand(&segment, start, end)) {
+      add_work(words, (end - start) / instruction_size, start, work, block);
+      return true;
+    }
+  }
   const std::uint64_t partial_bb_num =
       ((end - start) / instruction_size + max_basic_block_size - 1) / max_basic_block_size;
-  log(LEVEL_TRACE, "Read basic block from module %s, start_off=%lx, end_of=%lx, partial_bb_num=%ld",
-      segment.name.c_str(), start, end, static_cast<long>(partial_bb_num));
+  if (is_logged_in_detail()) {
+    log(LEVEL_TRACE, "Read basic block from module %s, start_off=%lx, end_of=%lx, partial_bb_num=%ld",
+        segment.name.c_str(), start, end, static_cast<long>(partial_bb_num));
+  }
   for (std::uint64_t part = 0; part < partial_bb_num; ++part) {
     const std::uint64_t part_start = start + part_size * part;
     const std::uint64_t partial_bb_size = std::min(part_size, end - part_start);
-    log(LEVEL_TRACE, "Read partial basic block start_off=%lx, partial_bb_size=%lx", part_start, partial_bb_size);
-    const std::uint32_t* words = finder.find_words(segment.name, part_start, part_start + partial_bb_size);
+    if (is_logged_in_detail()) {
+      log(LEVEL_TRACE, "Read partial basic block start_off=%lx, partial_bb_size=%lx", part_start, partial_bb_size);
+    }
+    const std::uint32_t* words = finder.find_words(segment.name, part_start, part_start + partial_bb_size, &segment);
     if (words == nullptr) {
       log(LEVEL_WARN, "Failed to read basic block from module = %s, start_offset = %lx, end_offset = %lx",
           segment.name.c_str(), start, end);

@@ -61,7 +61,7 @@ bb_record* find_block(const mora_context* ctx, bb_node* newest, std::uint64_t se
 bb_record* add_block(bintracer_thread& thread, std::uint64_t start, std::uint64_t segment) {
   bb_record& record = thread.blocks.add(start).record;
   record.map_seg_id = segment;
-  log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, segment);
+  if (tool_logs_traces()) log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, segment);
   return &record;
 }
 
@@ -87,7 +87,7 @@ bool is_memory(const std::string& path) {
 // The words of the counter where ADRP reaches it.
 constexpr std::uint32_t push_x20_x21 = 0xa9bf57f4;  // stp x20, x21, [sp, #-16]!
 constexpr std::uint32_t pop_x20_x21 = 0xa8c157f4;   // ldp x20, x21, [sp], #16
-constexpr std::uint32_t adrp_x21 = 0x90000015;      // adrp x21, .
+constexpr std::uint32_t adrp_x0 = 0x90000000;       // adrp x0, .
 constexpr std::uint32_t ldr_x20_x21 = 0xf94002b4;   // ldr x20, [x21]
 constexpr std::uint32_t str_x20_x21 = 0xf90002b4;   // str x20, [x21]
 constexpr std::uint32_t add_1_to_x20 = 0x91000694;  // add x20, x20, #1
@@ -118,7 +118,7 @@ void emit_count(mora_context* ctx, const bb_record& record) {
   const std::int64_t pages = pages_between(write + 1, counter);
   if (adrp_reaches(pages)) {
     *write++ = push_x20_x21;
-    *write++ = with_pages(adrp_x21, pages);
+    *write++ = with_pages(adrp_x0 | x21, pages);
     *write++ = with_place_in_page(ldr_x20_x21, counter);
     *write++ = add_1_to_x20;
     *write++ = with_place_in_page(str_x20_x21, counter);
@@ -134,17 +134,35 @@ void emit_count(mora_context* ctx, const bb_record& record) {
   mora_emit_restore_regs(ctx, counter_registers);
 }
 
+// How a word is reached behind emit_address.
+struct word_access {
+  std::uint32_t reg;  // Holds the address, or that of its page.
+  std::uint32_t offset;
+};
+// The address of a word into a register, by ADRP where it reaches.
+word_access emit_address(mora_context* ctx, std::uint32_t reg, std::uint64_t address) {
+  if (mora_reserve_space(ctx, sizeof(std::uint32_t)) != 0) return {reg, 0};
+  const std::int64_t pages = pages_between(ctx->write_p, address);
+  if (!adrp_reaches(pages)) {
+    mora_emit_load_const(ctx, reg, address);
+    return {reg, 0};
+  }
+  *ctx->write_p = with_pages(adrp_x0 | reg, pages);
+  mora_set_cc_addr(ctx, ctx->write_p + 1);
+  return {reg, static_cast<std::uint32_t>(address % page_size)};
+}
+
 // count += enable. This always runs, with 0 outside of regions. So entering or leaving a region translates nothing
 // anew, and a block that was translated outside of one counts inside.
 void emit_count_if_enabled(mora_context* ctx, const bb_record& record, const bintracer_thread& thread) {
   mora_emit_save_regs(ctx, counter_registers);
-  mora_emit_load_const(ctx, x20, address_of(&record.count));
-  mora_emit_load_const(ctx, x21, address_of(&thread.enable_basic_block_count));
-  mora_emit_ldr(ctx, x20, x20);
-  mora_emit_ldr(ctx, x21, x21);
+  const word_access counter = emit_address(ctx, x20, address_of(&record.count));
+  const word_access enable = emit_address(ctx, x21, address_of(&thread.enable_basic_block_count));
+  mora_emit_ldr_offset(ctx, x20, counter.reg, counter.offset);
+  mora_emit_ldr_offset(ctx, x21, enable.reg, enable.offset);
   mora_emit_add_reg(ctx, x20, x20, static_cast<std::int32_t>(x21));
-  mora_emit_load_const(ctx, x21, address_of(&record.count));
-  mora_emit_str(ctx, x20, x21);
+  const word_access again = emit_address(ctx, x21, address_of(&record.count));
+  mora_emit_str_offset(ctx, x20, again.reg, again.offset);
   mora_emit_restore_regs(ctx, counter_registers);
 }
 
@@ -253,8 +271,10 @@ int thread_exit_cb(mora_context* ctx) {
 int pre_bb_cb(mora_context* ctx) {
   bintracer_thread& thread = thread_of(ctx);
   const std::uint64_t start = mora_get_source_addr(ctx);
-  log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
-      start, static_cast<long>(thread.enable_basic_block_count));
+  if (tool_logs_traces()) {
+    log(LEVEL_TRACE, "pre_bb_cb: region is %s, bb start %lx, enable_basic_block_count = %ld", thread.region.c_str(),
+        start, static_cast<long>(thread.enable_basic_block_count));
+  }
   // A block that is translated anew, for instance after a flush of the code cache, keeps its counter.
   bintracer_t& of_process = tracer_of(ctx);
   const std::uint64_t segment = of_process.search_segment(start, thread.segment);
@@ -272,8 +292,10 @@ int post_bb_cb(mora_context* ctx) {
   bintracer_thread& thread = thread_of(ctx);
   thread.current_bb->end = mora_get_end_addr(ctx);
   if (thread.current_bb->map_seg_id == 0) keep_words(ctx, *thread.current_bb);
-  log(LEVEL_TRACE, "post_bb_cb: region is %s, bb start=%lx, bb end=%lx", thread.region.c_str(),
-      thread.current_bb->start, thread.current_bb->end);
+  if (tool_logs_traces()) {
+    log(LEVEL_TRACE, "post_bb_cb: region is %s, bb start=%lx, bb end=%lx", thread.region.c_str(),
+        thread.current_bb->start, thread.current_bb->end);
+  }
   return 0;
 }
 
@@ -307,10 +329,11 @@ int vm_op_cb(mora_context* ctx) {
 }
 
 int function_symbol_cb(mora_context* ctx) {
+  // Libraries have thousands of symbols: the tests that most of them fail come first.
   const char* name = mora_get_symbol_name(ctx);
-  if (std::strchr(name, '@') != nullptr) return 0;
+  if (!tracer_of(ctx).may_be_named(name)) return 0;
   const watch_callbacks* callbacks = tracer_of(ctx).find_named_callbacks(name);
-  if (callbacks == nullptr) return 0;
+  if (callbacks == nullptr || std::strchr(name, '@') != nullptr) return 0;
   const std::uint64_t address = mora_get_symbol_address(ctx);
   tracer_of(ctx).add_watched_function(address, *callbacks);
   function_watch_add(address);

@@ -85,6 +85,10 @@ struct tool_log {
   }
 };
 
+// For what every block passes: a call that the threshold suppresses still has its arguments put together, so the caller
+// asks first.
+inline bool tool_logs_traces() { return __builtin_expect(log_state::log_level >= LEVEL_TRACE, 0) != 0; }
+
 // The same for one source file of the engine, under the engine's threshold.
 struct engine_log {
   const char* file;

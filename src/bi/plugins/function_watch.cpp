@@ -4,6 +4,7 @@
 #include <libelf.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "bi/a64/a64.h"
@@ -25,6 +26,8 @@ constexpr engine_log log{"src/bi/function_watch"};
 constexpr std::uint32_t RET_X30 = 0xd65f03c0;
 
 std::uint64_t watch_of_function(std::uint64_t function) {
+  // A watch is added before its function first runs, on whatever thread. Without any there is nothing to wait for.
+  if (std::atomic_ref(engine.function_watches.count).load(std::memory_order_relaxed) == 0) return 0;
   pthread_mutex_lock(&engine.function_watch_lock);
   const void* watch = robin_map_lookup(&engine.function_watches, function);
   pthread_mutex_unlock(&engine.function_watch_lock);

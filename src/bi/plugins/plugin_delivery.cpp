@@ -14,8 +14,8 @@ mora_context context_of(thread_data* thread, mora_event event) {
 
 }  // namespace
 
-bool is_event_bound(mora_event event) {
-  for (std::uint32_t plugin = 0; plugin < registered_plugins(); ++plugin) {
+bool is_event_bound_by_later_plugin(mora_event event) {
+  for (std::uint32_t plugin = 1; plugin < registered_plugins(); ++plugin) {
     if (engine.plugins[plugin][event] != 0) return true;
   }
   return false;

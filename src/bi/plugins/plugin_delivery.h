@@ -16,8 +16,12 @@ inline std::uint32_t registered_plugins() {
   return std::min(engine.plugin_count, static_cast<std::uint32_t>(MAX_PLUGINS));
 }
 
-// Whether any plug-in has a callback for the event.
-bool is_event_bound(mora_event event);
+// Whether any plug-in has a callback for the event; mostly there is one plug-in.
+bool is_event_bound_by_later_plugin(mora_event event);
+inline bool is_event_bound(mora_event event) {
+  if (engine.plugin_count == 0) return false;
+  return engine.plugins[0][event] != 0 || (engine.plugin_count > 1 && is_event_bound_by_later_plugin(event));
+}
 
 // Calls every plug-in that has a callback for the context's event, in order of their numbers. For events without code.
 void mora_deliver_event(mora_context* ctx);
@@ -110,6 +114,9 @@ inline bool hears_of_words(const scan_state& /*state*/) {
 // code of its watches. MORA_PRE_BB is about state.bb_start, every other event about state.read. True if a plug-in has
 // taken the instruction over. A plug-in may also end the fragment (state.stop).
 inline bool deliver_scan_event(scan_state& state, const scan_event& what) {
+  const bool may_be_watched =
+      what.event == MORA_PRE_BB || (what.event == MORA_PRE_INST && state.thread->return_watch.count != 0);
+  if (!may_be_watched && !is_event_bound(what.event)) return false;  // Most instructions: no call.
   return plugins_listen() && scan_for_plugins(state, what);
 }
 

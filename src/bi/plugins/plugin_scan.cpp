@@ -30,6 +30,8 @@ mora_context context_at(scan_state& state, mora_event event, const std::uint32_t
 }
 
 void reserve_space(scan_state& state, std::uint32_t size) {
+  // Mostly there is room.
+  if (state.type == FRAGMENT_BLOCK && address_of(state.limit) > address_of(state.write) + size) return;
   a64_reserve_block_space(state.thread, &state.write, &state.limit, size);
 }
 
@@ -100,9 +102,6 @@ const std::uint32_t* mora_get_block_words(const mora_context* ctx) {
 
 bool scan_for_plugins(scan_state& state, const scan_event& what) {
   const bool is_bound = is_event_bound(what.event);
-  const bool may_be_watched =
-      what.event == MORA_PRE_BB || (what.event == MORA_PRE_INST && state.thread->return_watch.count != 0);
-  if (!is_bound && !may_be_watched) return false;  // Most instructions: no lock.
   const std::uint32_t*& read_address = what.event == MORA_PRE_BB ? state.bb_start : state.read;
   mora_enter_callback();
   if (what.event == MORA_PRE_BB) put_function_entry(state, read_address);

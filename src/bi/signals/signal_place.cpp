@@ -95,7 +95,7 @@ bool is_copy(const thread_data* thread, const std::uint32_t* place) {
   const std::uint32_t* next = next_fragment_word(thread, place);
   const bool is_last = next == nullptr || source_of_cache_address(thread, address_of(next)) != source;
   const auto* word = reinterpret_cast<const std::uint32_t*>(source);
-  return is_last && is_readable(word) && *word == *place;
+  return is_last && is_source_readable(word) && *word == *place;
 }
 
 // Whether the stack pointer is lowered where `pc` stands in a new thread's block. It is at the entry.

@@ -153,6 +153,32 @@ TEST_F(tracer_callbacks, region_mode_adds_the_threads_enable_word) {
                                             "str x20, [x21]", "restore 300000"));
 }
 
+// The words of the counter's page stand between what the services write.
+TEST_F(tracer_callbacks, region_mode_reaches_a_counter_near_the_code_by_adrp) {
+  start(MODE_REGION);
+  void* const page = mmap(nullptr, 0x1000, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(page, MAP_FAILED);
+  engine().code = static_cast<std::uint32_t*>(page);
+  engine().deliver_block(first, 0x5000, 0x5010);
+  const std::vector<std::uint32_t>& words = engine().words;
+  ASSERT_GE(words.size(), 2U);
+  EXPECT_EQ(words.front() & 0x9f00001f, 0x90000014U);  // adrp x20, ...
+  EXPECT_EQ(words.back() & 0x9f00001f, 0x90000015U);   // adrp x21, ...
+  const std::uint64_t counter = reinterpret_cast<std::uint64_t>(&block(first, 0x5000).count);
+  for (const std::uint32_t* place : {engine().code, engine().code + words.size() - 1}) {
+    const std::uint64_t field = (*place >> 5 & 0x7ffff) << 2 | (*place >> 29 & 3);
+    const auto pages = static_cast<std::int64_t>(field << 43) >> 43;
+    const std::uint64_t from = reinterpret_cast<std::uint64_t>(place) & ~std::uint64_t{0xfff};
+    EXPECT_EQ(from + static_cast<std::uint64_t>(pages * 4096), counter & ~std::uint64_t{0xfff});
+  }
+  const std::string offset = std::to_string(counter % 4096);
+  ASSERT_NE(offset, "0");
+  EXPECT_THAT(engine().emitted, ::testing::Contains("ldr x20, [x20, #" + offset + "]"));
+  EXPECT_THAT(engine().emitted, ::testing::Contains("add x20, x20, x21"));
+  EXPECT_THAT(engine().emitted, ::testing::Contains("str x20, [x21, #" + offset + "]"));
+  munmap(page, 0x1000);
+}
+
 TEST_F(tracer_callbacks, counter_is_the_first_word_of_a_record_of_five) {
   EXPECT_EQ(sizeof(bb_record), 40U);
   EXPECT_EQ(offsetof(bb_record, count), 0U);

@@ -239,6 +239,42 @@ TEST_F(tracer_state, two_records_of_one_start_become_one_that_keeps_the_first_on
   EXPECT_EQ(thread.info->regions[0].bbs[0].map_seg_id, 0U);
 }
 
+// More blocks than are searched one by one, new ones and known ones in each round.
+TEST_F(tracer_state, region_of_many_blocks_that_is_left_often_has_each_block_once_with_its_sum) {
+  start(MODE_REGION);
+  bintracer_thread& thread = begin_thread(1);
+  constexpr std::uint64_t rounds = 30;
+  for (std::uint64_t round = 1; round <= rounds; ++round) {
+    tracer->pre_start_roofline_handler("A", thread);
+    for (std::uint64_t block = 0; block < round * 5; ++block) run(thread, 0x1000 + 4 * block, round);
+    tracer->pre_stop_roofline_handler("A", thread);
+  }
+  ASSERT_THAT(thread.info->regions, SizeIs(1));
+  const std::vector<bb_record>& bbs = thread.info->regions[0].bbs;
+  ASSERT_THAT(bbs, SizeIs(5 * rounds));
+  for (const bb_record& record : bbs) {
+    const std::uint64_t first_round = (record.start - 0x1000) / 4 / 5 + 1;
+    EXPECT_EQ(record.count, rounds * (rounds + 1) / 2 - first_round * (first_round - 1) / 2)
+        << std::hex << record.start;
+  }
+}
+
+TEST_F(tracer_state, generated_code_of_one_start_stays_apart_in_a_region_that_is_left_often) {
+  start(MODE_REGION);
+  bintracer_thread& thread = begin_thread(1);
+  for (std::uint64_t block = 0; block < 40; ++block) {
+    const auto word = static_cast<std::uint32_t>(block);
+    thread.blocks.add(0x1000).record.code = tracer->keep_code(0x1000, &word, 1);
+  }
+  for (int round = 0; round < 3; ++round) {
+    tracer->pre_start_roofline_handler("A", thread);
+    thread.blocks.for_each([](bb_record& record) { record.count = record.code->version; });
+    tracer->pre_stop_roofline_handler("A", thread);
+  }
+  ASSERT_THAT(thread.info->regions[0].bbs, SizeIs(40));
+  for (const bb_record& record : thread.info->regions[0].bbs) EXPECT_EQ(record.count, 3 * record.code->version);
+}
+
 TEST_F(tracer_state, start_inside_a_region_gives_all_since_the_first_start_to_the_second_name) {
   start(MODE_REGION);
   bintracer_thread& thread = begin_thread(1);

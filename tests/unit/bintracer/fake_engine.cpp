@@ -192,6 +192,18 @@ int mora_emit_load_const(mora_context*, std::uint32_t reg, std::uint64_t value) 
   return 0;
 }
 
+int mora_emit_ldr_offset(mora_context* ctx, std::uint32_t rt, std::uint32_t rn, std::uint32_t imm) {
+  if (imm == 0) return mora_emit_ldr(ctx, rt, rn);
+  test::emit("ldr x%u, [x%u, #%u]", rt, rn, imm);
+  return 0;
+}
+
+int mora_emit_str_offset(mora_context* ctx, std::uint32_t rt, std::uint32_t rn, std::uint32_t imm) {
+  if (imm == 0) return mora_emit_str(ctx, rt, rn);
+  test::emit("str x%u, [x%u, #%u]", rt, rn, imm);
+  return 0;
+}
+
 int mora_emit_ldr(mora_context*, std::uint32_t rt, std::uint32_t rn) {
   test::emit("ldr x%u, [x%u]", rt, rn);
   return 0;

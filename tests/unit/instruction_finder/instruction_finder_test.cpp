@@ -186,6 +186,34 @@ TEST_F(finding_instructions, last_block_of_a_file_is_read_and_the_next_word_is_n
   EXPECT_FALSE(read(module, 4 * 1014, 4 * 1035));
 }
 
+TEST_F(finding_instructions, words_beside_those_of_the_last_call_are_at_hand) {
+  const std::string module = make_module("module", 5000);
+  const int file = 0;
+  const int other = 0;
+  EXPECT_EQ(finder.words_at_hand(&file, 8192, 8200), nullptr);
+  ASSERT_NE(finder.find_words(module, 8192 + 40, 8192 + 48, &file), nullptr);
+  const std::uint32_t* words = finder.words_at_hand(&file, 8192, 8192 + 4096);
+  ASSERT_NE(words, nullptr);
+  EXPECT_EQ(words[0], 1000U + 2048);
+  EXPECT_EQ(words[1023], 1000U + 2048 + 1023);
+  EXPECT_EQ(*finder.words_at_hand(&file, 8192 + 400, 8192 + 404), 1000U + 2048 + 100);
+  EXPECT_EQ(finder.words_at_hand(&file, 8188, 8200), nullptr) << "begins in front of them";
+  EXPECT_EQ(finder.words_at_hand(&file, 8192, 8192 + 4096 + 260), nullptr) << "ends behind them";
+  EXPECT_EQ(finder.words_at_hand(&file, 8200, 8196), nullptr) << "ends in front of its start";
+  EXPECT_EQ(finder.words_at_hand(&other, 8192, 8200), nullptr);
+  ASSERT_NE(finder.find_words(module, 0, 8), nullptr);
+  EXPECT_EQ(finder.words_at_hand(&file, 8192, 8200), nullptr) << "the last call was for another";
+  EXPECT_EQ(finder.words_at_hand(nullptr, 0, 8), nullptr);
+}
+
+TEST_F(finding_instructions, nothing_behind_the_end_of_a_file_is_at_hand) {
+  const std::string module = make_module("module", 12);
+  const int file = 0;
+  ASSERT_NE(finder.find_words(module, 0, 8, &file), nullptr);
+  EXPECT_NE(finder.words_at_hand(&file, 0, 48), nullptr);
+  EXPECT_EQ(finder.words_at_hand(&file, 0, 52), nullptr);
+}
+
 // What is missing is looked for again in the file, not in what was read of it.
 TEST_F(finding_instructions, file_that_has_grown_is_read_further) {
   const std::string module = make_module("module", 12);
