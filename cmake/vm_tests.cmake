@@ -11,8 +11,8 @@
 # COST is about how long it takes on an idle host. ctest starts the costly ones first, so that none is left to run alone
 # at the end.
 function(ceilmeter_vm_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA;ZOO;SINGLE_STEPS" "NAME;CPUS;CPU;MEMORY;PAGES;PARANOID;TIMEOUT;COST;BUSY_PROCESSORS"
-    "LABELS;COMMAND")
+  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA;ZOO;SINGLE_STEPS"
+    "NAME;CPUS;CPU;MEMORY;PAGES;PARANOID;TIMEOUT;COST;BUSY_PROCESSORS" "LABELS;COMMAND")
   if(arg_UNPARSED_ARGUMENTS OR NOT arg_NAME OR NOT arg_COMMAND)
     message(FATAL_ERROR "ceilmeter_vm_test wants NAME and COMMAND, and knows no '${arg_UNPARSED_ARGUMENTS}'")
   endif()
