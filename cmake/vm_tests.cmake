@@ -1,8 +1,8 @@
 # ceilmeter_vm_test: a ctest that runs its command on a real arm64 kernel in a virtual machine (tools/vm/run). Paths in
 # COMMAND are the machine's: this build tree is /build, the source tree /src, both read-only.
 
-# ceilmeter_vm_test(NAME name [CPUS n] [MEMORY megabytes] [NUMA] [ZOO] [PARANOID n] [TIMEOUT seconds] [COST seconds]
-#   [BUSY_PROCESSORS n] [LABELS label...] COMMAND command [argument...])
+# ceilmeter_vm_test(NAME name [CPUS n] [MEMORY megabytes] [PAGES kib] [NUMA] [ZOO] [SINGLE_STEPS] [PARANOID n]
+#   [TIMEOUT seconds] [COST seconds] [BUSY_PROCESSORS n] [LABELS label...] COMMAND command [argument...])
 # registers aarch64.vm.<name>. The machine's own bound is TIMEOUT (default 300); ctest's lies beyond it, so that a hang
 # ends with the console's tail in the log.
 # BUSY_PROCESSORS tells ctest how many of the host's processors the test keeps busy. Most run one program after another
@@ -11,8 +11,8 @@
 # COST is about how long it takes on an idle host. ctest starts the costly ones first, so that none is left to run alone
 # at the end.
 function(ceilmeter_vm_test)
-  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA;ZOO" "NAME;CPUS;CPU;MEMORY;PARANOID;TIMEOUT;COST;BUSY_PROCESSORS"
-    "LABELS;COMMAND")
+  cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA;ZOO;SINGLE_STEPS"
+    "NAME;CPUS;CPU;MEMORY;PAGES;PARANOID;TIMEOUT;COST;BUSY_PROCESSORS" "LABELS;COMMAND")
   if(arg_UNPARSED_ARGUMENTS OR NOT arg_NAME OR NOT arg_COMMAND)
     message(FATAL_ERROR "ceilmeter_vm_test wants NAME and COMMAND, and knows no '${arg_UNPARSED_ARGUMENTS}'")
   endif()
@@ -21,7 +21,7 @@ function(ceilmeter_vm_test)
     set(timeout "${arg_TIMEOUT}")
   endif()
   set(options --build "${CMAKE_BINARY_DIR}" --timeout "${timeout}")
-  foreach(option CPUS CPU MEMORY PARANOID)
+  foreach(option CPUS CPU MEMORY PAGES PARANOID)
     if(DEFINED arg_${option})
       string(TOLOWER "--${option}" word)
       list(APPEND options "${word}" "${arg_${option}}")
@@ -32,6 +32,9 @@ function(ceilmeter_vm_test)
   endif()
   if(arg_ZOO)
     list(APPEND options --zoo)
+  endif()
+  if(arg_SINGLE_STEPS)
+    list(APPEND options --single-steps)
   endif()
   set(test "aarch64.vm.${arg_NAME}")
   add_test(NAME "${test}" COMMAND "${PROJECT_SOURCE_DIR}/tools/vm/run" ${options} -- ${arg_COMMAND})

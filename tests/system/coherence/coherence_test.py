@@ -1,8 +1,10 @@
 #!/usr/bin/python3
 """The engine on a processor whose instruction cache is not coherent with its data cache.
 
-coherence_test.py [--long] BUILD PLUGIN NM    --long runs the engine's lists, and an engine for each place in its code
-                                              that leaves its words as they are
+coherence_test.py BUILD PLUGIN NM [LISTS|PLACES OBJDUMP ADDR2LINE OBJCOPY]
+
+Without a further word, a short list; LISTS, the engine's lists; PLACES, an engine for each function that writes code,
+which leaves what that function writes as it is.
 
 No word that the engine has written may be executed before it was made executable step by step (see
 ../../emulator_plugin/README.md). Engines that leave out a step have to be found: a check that cannot fail shows
@@ -16,8 +18,9 @@ import unittest
 import machine
 from machine import ENGINE, Line, Machine, NO_LIBRARIES
 
-LONG = "--long" in sys.argv
-BUILD, PLUGIN, NM = [word for word in sys.argv[1:] if word != "--long"]
+BUILD, PLUGIN, NM = sys.argv[1:4]
+KIND = sys.argv[4] if len(sys.argv) > 4 else "Coherence"
+PROGRAM = os.path.join(BUILD, "tests/programs/mora_run")
 
 STUBS_END = 6 * 256  # The stubs of a new thread's cache are the only words that another thread writes.
 
@@ -86,5 +89,42 @@ class Coherence(unittest.TestCase):
                 self.assertGreater(run.faults[KNOWN_FAULTS[step]].count, FEWEST_FAULTS)
 
 
+class Lists(unittest.TestCase):
+    """The lists of ../engine, each program once or in few rounds."""
+
+    NAMES = ("hazards", "traces", "syscalls", "threads", "threads_stress", "signals_stress", "timed_traces_stress")
+
+    def test_the_engine_makes_executable_what_it_has_written_in_all_lists(self):
+        with tempfile.TemporaryDirectory() as folder:
+            libraries = machine.libraries(machine.ALL_STEPS, folder, NM)
+            for name in self.NAMES:
+                lines = [Line(ENGINE, libraries, command) for command in machine.read_list(f"{name}.txt", "engine")]
+                for run in Machine(BUILD, PLUGIN, folder, seconds=7200).run(lines):
+                    with self.subTest(command=run.line.command):
+                        self.assertGreater(run.counts["checks"], 300)
+                        self.assertEqual(unsound(run), {})
+                        self.assertFalse([words for words in run.transitions if words[0] == "stubs"])
+
+
+class Places(unittest.TestCase):
+    """An engine for each function."""
+
+    def test_each_place_that_leaves_its_words_as_they_are_is_found(self):
+        objdump, addr2line, objcopy = sys.argv[5:8]
+        sites = machine.call_sites(PROGRAM, objdump, addr2line)
+        commands = dict(line.split("|", 1) for line in machine.read_list("places.txt"))
+        self.assertEqual(sorted(sites), sorted(commands), "places.txt has a line for each")
+        with tempfile.TemporaryDirectory() as folder:
+            libraries = machine.libraries(machine.ALL_STEPS, folder, NM)
+            lines = {function: Line(machine.engine_without(function, sites[function], PROGRAM, folder, objcopy),
+                                    libraries, command)
+                     for function, command in commands.items() if not command.startswith("- ")}
+            runs = Machine(BUILD, PLUGIN, folder).run(list(lines.values()))
+            for function, run in zip(lines, runs):
+                with self.subTest(function=function):
+                    self.assertEqual(run.status, 0, "the emulator itself forgives it")
+                    self.assertIn("not_cleaned", unsound(run))
+
+
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1], verbosity=2)
+    unittest.main(argv=sys.argv[:1], defaultTest=KIND.capitalize(), verbosity=2)

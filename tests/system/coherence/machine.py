@@ -1,4 +1,4 @@
-"""The virtual machine with the plug-in that judges written code, and engines that leave out a step.
+"""The virtual machine with the plug-in that judges written code, and engines and libraries that leave out a step.
 
 A plan is a list of lines; each has an engine, the folder of the libraries that it is to find before the system's, and a
 command as in the lists of ../engine. The plug-in's account is kept apart by line.
@@ -6,7 +6,6 @@ command as in the lists of ../engine. The plug-in's account is kept apart by lin
 import collections
 import os
 import re
-import shutil
 import struct
 import subprocess
 import sys
@@ -67,8 +66,8 @@ class Machine:
             for line in lines:
                 file.write("\t".join(line) + "\n")
         command = [os.path.join(SOURCE, "tools/vm/run"), "--build", self.build, "--share", f"mutants={self.folder}",
-                   "--plugin", f"{self.plugin},account={account},line=4", "--cpu", "cortex-a72", "--cpus", str(self.cpus),
-                   "--timeout", str(self.seconds), "--", "/src/tests/system/coherence/run_marked",
+                   "--plugin", f"{self.plugin},account={account},line=4", "--cpu", "cortex-a72", "--cpus",
+                   str(self.cpus), "--timeout", str(self.seconds), "--", "/src/tests/system/coherence/run_marked",
                    "/build/tests/emulator_plugin/mark_run", "/mutants/plan"]
         result = subprocess.run(command, capture_output=True, text=True, check=False)
         sys.stderr.write(result.stderr)
@@ -169,32 +168,27 @@ def libraries(step, folder, nm):
     return f"/mutants/{step}"
 
 
-Site = collections.namedtuple("Site", "address function place is_call")
-
-
 def call_sites(engine, objdump, addr2line):
-    """Each place where the engine has written words made executable, by the function that its source names."""
-    sites = []
+    """The places where the engine makes written words executable, by the function that its source names: addresses and
+    whether each is a call; else it is a jump to the library."""
+    sites = collections.defaultdict(list)
     for line in output_of(objdump, "-d", "--no-show-raw-insn", engine).splitlines():
         match = re.match(r"\s*([0-9a-f]+):\s+(bl?)\s.*<__clear_cache@plt>", line)
         if not match:
             continue
         frames = output_of(addr2line, "-s", "-f", "-i", "-C", "-e", engine, match[1]).splitlines()
-        names = [name.split("(")[0].split("::")[-1] for name in frames[::2]]
-        place = frames[3].split(" ")[0]
-        sites.append(Site(int(match[1], 16), names[1], place, match[2] == "bl"))
+        function = frames[2].split("(")[0].split("::")[-1]  # The first is the one that calls the library.
+        sites[function].append((int(match[1], 16), match[2] == "bl"))
     return sites
 
 
-def engine_without(site, engine, folder, objcopy):
-    """The engine, as the machine names it, that leaves one place as the data cache has it."""
-    name = f"{site.function}_{site.address:x}"
-    path = os.path.join(folder, name)
+def engine_without(function, sites, engine, folder, objcopy):
+    """The engine, as the machine names it, that leaves what the function writes as it is."""
     stripped = os.path.join(folder, "stripped")
     if not os.path.exists(stripped):
         subprocess.run([objcopy, "--strip-debug", engine, stripped], check=True)
-        shutil.copymode(engine, stripped)
     image = Image(stripped)
-    image.put(site.address, NOP if site.is_call else RET)
-    image.write(path)
-    return f"/mutants/{name}"
+    for address, is_call in sites:
+        image.put(address, NOP if is_call else RET)
+    image.write(os.path.join(folder, function))
+    return f"/mutants/{function}"
