@@ -23,14 +23,6 @@
 
 namespace ceilmeter {
 
-collector_config::collector_config() = default;
-collector_config::~collector_config() = default;
-
-collector_config& process_config() {
-  static collector_config config;
-  return config;
-}
-
 namespace {
 
 struct block {
@@ -107,8 +99,7 @@ int run(int argc, char** argv) {
   for (const bintracer_region& region : report.regions) counted += region.bbs.size();
   std::printf(
       "%zu threads with %zu blocks each: %zu blocks with floating-point work, get_report took %.3f s, %.3f s of them "
-      "on "
-      "a processor\n",
+      "on a processor\n",
       thread_count, chosen.size(), counted, seconds.count(), busy);
   return 0;
 }

@@ -116,7 +116,7 @@ std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t p
     // A trampoline copies the words before its rejoin address. A place has the same distance to the end of the copies
     // as its original has to that address.
     const std::uint64_t left = address_of(meta.exit_code_addr) - pc;
-    return pc > address_of(meta.exit_code_addr) ? 0 : source_of_cache_address(thread, meta.taken_source_addr - left);
+    return pc > address_of(meta.exit_code_addr) ? 0 : source_of_cache_address(thread, meta.rejoin_cache_addr - left);
   }
   const auto* end = reinterpret_cast<const std::uint32_t*>(pc);
   std::uint64_t source = meta.source_addr;
