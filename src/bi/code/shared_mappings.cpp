@@ -107,7 +107,7 @@ void move_mapping(std::uint64_t from, std::uint64_t old_size, std::uint64_t to, 
 
 void drop_aliases(thread_data* thread, std::uint64_t start, std::uint64_t end) {
   if (std::atomic_ref(has_aliases).load(std::memory_order_relaxed) == 0) return;
-  pthread_mutex_lock(&engine.mapping_lock);
+  owned_lock_take(&engine.mapping_lock);
   for (std::size_t index = 0; index < mapping_count; ++index) {
     const shared_mapping& mapping = mappings[index];
     if (mapping.start > start || mapping.end < end) continue;
@@ -119,7 +119,7 @@ void drop_aliases(thread_data* thread, std::uint64_t start, std::uint64_t end) {
       if (alias_start < alias_end) drop_code(thread, alias_start, alias_end);
     }
   }
-  pthread_mutex_unlock(&engine.mapping_lock);
+  owned_lock_leave(&engine.mapping_lock);
 }
 
 }  // namespace ceilmeter

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "bi/code/code_epoch.h"
+#include "bi/kernel/checked_copy.h"
 #include "bi/kernel/ending_threads.h"
 #include "bi/signals/held_mask.h"
 #include "bi/plugins/plugin_delivery.h"
@@ -56,39 +57,52 @@ void take_spare_streams() {
 
 // The engine's locks, in the order in which they are taken where more than one is held.
 void lock_all() {
-  pthread_mutex_lock(&engine.thread_list_lock);
-  pthread_mutex_lock(&engine.signal_handlers_lock);
-  pthread_mutex_lock(&engine.brk_lock);
-  pthread_mutex_lock(&engine.mapping_lock);
+  owned_lock_take(&engine.thread_list_lock);
+  owned_lock_take(&engine.signal_handlers_lock);
+  owned_lock_take(&engine.brk_lock);
+  owned_lock_take(&engine.mapping_lock);
   pthread_rwlock_wrlock(&engine.callbacks_lock);
-  pthread_mutex_lock(&engine.function_watch_lock);
-  pthread_mutex_lock(&engine.exec_ranges.lock);
-  pthread_mutex_lock(&engine.code_epoch_lock);
+  owned_lock_take(&engine.function_watch_lock);
+  owned_lock_take(&engine.exec_ranges.lock);
+  owned_lock_take(&engine.code_epoch_lock);
 }
 
 void unlock_all() {
-  pthread_mutex_unlock(&engine.code_epoch_lock);
-  pthread_mutex_unlock(&engine.exec_ranges.lock);
-  pthread_mutex_unlock(&engine.function_watch_lock);
+  owned_lock_leave(&engine.code_epoch_lock);
+  owned_lock_leave(&engine.exec_ranges.lock);
+  owned_lock_leave(&engine.function_watch_lock);
   pthread_rwlock_unlock(&engine.callbacks_lock);
-  pthread_mutex_unlock(&engine.mapping_lock);
-  pthread_mutex_unlock(&engine.brk_lock);
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
-  pthread_mutex_unlock(&engine.thread_list_lock);
+  owned_lock_leave(&engine.mapping_lock);
+  owned_lock_leave(&engine.brk_lock);
+  owned_lock_leave(&engine.signal_handlers_lock);
+  owned_lock_leave(&engine.thread_list_lock);
 }
 
 void init_all_locks() {
-  pthread_mutex_init(&engine.thread_list_lock, nullptr);
-  pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
-  pthread_mutex_init(&engine.brk_lock, nullptr);
+  owned_lock_init(&engine.thread_list_lock);
+  owned_lock_init(&engine.signal_handlers_lock);
+  owned_lock_init(&engine.brk_lock);
   pthread_rwlock_init(&engine.callbacks_lock, nullptr);
-  pthread_mutex_init(&engine.function_watch_lock, nullptr);
-  pthread_mutex_init(&engine.exec_ranges.lock, nullptr);
-  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
-  pthread_mutex_init(&engine.attached_segments.lock, nullptr);  // Used under mapping_lock alone.
-  pthread_mutex_init(&engine.mapping_lock, nullptr);
+  owned_lock_init(&engine.function_watch_lock);
+  owned_lock_init(&engine.exec_ranges.lock);
+  owned_lock_init(&engine.code_epoch_lock);
+  owned_lock_init(&engine.attached_segments.lock);  // Used under mapping_lock alone.
+  owned_lock_init(&engine.mapping_lock);
   pthread_mutex_init(&spare.lock, nullptr);
 }
+
+}  // namespace
+
+void break_locks_of(std::int32_t tid) {
+  const auto owner = static_cast<std::uint32_t>(tid);
+  owned_lock* const locks[] = {&engine.thread_list_lock,       &engine.signal_handlers_lock, &engine.brk_lock,
+                               &engine.mapping_lock,           &engine.function_watch_lock,  &engine.exec_ranges.lock,
+                               &engine.attached_segments.lock, &engine.code_epoch_lock};
+  for (owned_lock* lock : locks) owned_lock_break(lock, owner);
+  break_copy_lock(owner);
+}
+
+namespace {
 
 // Frees what the other threads of the parent have left in the copy of its memory.
 void free_other_threads(const thread_data* survivor) {
@@ -157,6 +171,7 @@ void finish_fork(thread_data* thread, std::uint64_t* args) {
 }
 
 void reinit_after_fork(thread_data* thread) {
+  set_lock_owner(static_cast<std::uint32_t>(gettid()));
   init_all_locks();
   if (thread->is_vfork_child != 0) become_process(thread);
   std::atomic_ref(engine.exit_flag).store(0, std::memory_order_relaxed);  // The parent's end is not the child's.
