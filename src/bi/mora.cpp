@@ -2,6 +2,7 @@
 #include "bi/mora.h"
 
 #include <asm/hwcap.h>
+#include <malloc.h>
 #include <sys/auxv.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -55,6 +56,14 @@ void take_small_pages(void* mapping, std::size_t size) {
   if (engine.thread_list != nullptr) madvise(mapping, size, MADV_NOHUGEPAGE);
 }
 
+// The C library gives a thread a heap of its own when it first uses one, and reserves 64 MiB of address space for it,
+// which count under a limit (ulimit -v). The engine's threads use the heap as they begin and end and seldom in between.
+void use_one_heap() {
+#ifdef M_ARENA_MAX
+  mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 // The word at `place` of the stub text in a thread's copy.
 void set_stub_word(thread_data* thread, const std::uint8_t* place, const void* value) {
   const std::uint64_t word = address_of(value);
@@ -106,6 +115,7 @@ int mora_run(int argc, char** argv, char** envp) {
     log(LEVEL_WARN, "missing command line arguments");
     std::exit(EXIT_FAILURE);
   }
+  use_one_heap();
   read_engine_switches();
   engine.argc = argc;
   engine.argv = argv;
