@@ -2,6 +2,7 @@
 #include "bi/mora.h"
 
 #include <asm/hwcap.h>
+#include <malloc.h>
 #include <sys/auxv.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -55,6 +56,14 @@ void take_small_pages(void* mapping, std::size_t size) {
   if (engine.thread_list != nullptr) madvise(mapping, size, MADV_NOHUGEPAGE);
 }
 
+// The C library gives a thread a heap of its own when it first uses one, and reserves 64 MiB of address space for it,
+// which count under a limit (ulimit -v). The engine's threads use the heap as they begin and end and seldom in between.
+void use_one_heap() {
+#ifdef M_ARENA_MAX
+  mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 // The word at `place` of the stub text in a thread's copy.
 void set_stub_word(thread_data* thread, const std::uint8_t* place, const void* value) {
   const std::uint64_t word = address_of(value);
@@ -84,7 +93,7 @@ bool any_other_running(const thread_data* self, const visitor& visit) {
 
 // Maps one page, with the end of the image as a hint. The program break begins where the kernel puts it.
 void make_program_break() {
-  pthread_mutex_init(&engine.brk_lock, nullptr);
+  owned_lock_init(&engine.brk_lock);
   const std::size_t page = page_size();
   void* start = mmap(reinterpret_cast<void*>(engine.brk), page, PROT_READ | PROT_WRITE, anonymous, -1, 0);
   engine.brk = address_of(start);
@@ -106,19 +115,20 @@ int mora_run(int argc, char** argv, char** envp) {
     log(LEVEL_WARN, "missing command line arguments");
     std::exit(EXIT_FAILURE);
   }
+  use_one_heap();
   read_engine_switches();
   engine.argc = argc;
   engine.argv = argv;
-  pthread_mutex_init(&engine.thread_list_lock, nullptr);
+  owned_lock_init(&engine.thread_list_lock);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
   interval_map_init(&engine.attached_segments, EXEC_RANGES_CAPACITY);
-  pthread_mutex_init(&engine.mapping_lock, nullptr);
-  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
-  pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
+  owned_lock_init(&engine.mapping_lock);
+  owned_lock_init(&engine.code_epoch_lock);
+  owned_lock_init(&engine.signal_handlers_lock);
   install_sigill_handler();
   install_last_words();
   pthread_rwlock_init(&engine.callbacks_lock, nullptr);
-  pthread_mutex_init(&engine.function_watch_lock, nullptr);
+  owned_lock_init(&engine.function_watch_lock);
   robin_map_init(&engine.function_watches, sizeof(function_watch));
 
   thread_data* thread = nullptr;
@@ -240,16 +250,16 @@ void init_thread(thread_data* thread) {
 }
 
 void register_thread(thread_data* thread, bool lock_held) {
-  if (!lock_held) pthread_mutex_lock(&engine.thread_list_lock);
+  if (!lock_held) owned_lock_take(&engine.thread_list_lock);
   thread->next = engine.thread_list;
   engine.thread_list = thread;
   deliver_thread_init(thread);
-  if (!lock_held) pthread_mutex_unlock(&engine.thread_list_lock);
+  if (!lock_held) owned_lock_leave(&engine.thread_list_lock);
 }
 
 int unregister_thread(thread_data* thread, bool lock_held) {
   int result = -1;
-  if (!lock_held) pthread_mutex_lock(&engine.thread_list_lock);
+  if (!lock_held) owned_lock_take(&engine.thread_list_lock);
   for (thread_data** link = &engine.thread_list; *link != nullptr; link = &(*link)->next) {
     if (*link != thread) continue;
     *link = thread->next;
@@ -257,7 +267,7 @@ int unregister_thread(thread_data* thread, bool lock_held) {
     result = 0;
     break;
   }
-  if (!lock_held) pthread_mutex_unlock(&engine.thread_list_lock);
+  if (!lock_held) owned_lock_leave(&engine.thread_list_lock);
   return result;
 }
 
@@ -266,14 +276,14 @@ namespace {
 // Returns when the calling thread is the last one, all events but MORA_EXIT are delivered, and nobody else ends the
 // process. `signum` is the signal that ends it; 0: none does.
 void begin_end(thread_data* thread, std::int32_t signum) {
-  pthread_mutex_lock(&engine.thread_list_lock);
+  owned_lock_take(&engine.thread_list_lock);
   const pid_t process = getpid();
   if (std::atomic_ref(engine.exit_flag).load(std::memory_order_relaxed) == 0 && signum != 0) note_ending_signal(signum);
   // Pairs with the loads in signal_dispatcher, deliver_pending_signal and syscall_handler_post: a thread that the
   // signal below reaches must find the flag set.
   if (std::atomic_ref(engine.exit_flag).exchange(1, std::memory_order_seq_cst) != 0) {
     // Another thread ends the process already and waits for this one. Two such threads would wait for each other.
-    pthread_mutex_unlock(&engine.thread_list_lock);
+    owned_lock_leave(&engine.thread_list_lock);
     abandon_thread(thread);
   }
   // Pairs with the fence in syscall_handler_post, between its store of the status and its load of the flag: a thread
@@ -288,15 +298,15 @@ void begin_end(thread_data* thread, std::int32_t signum) {
     any_other_running(thread, [process](const thread_data* other) {
       raw_syscall(NR_TGKILL, static_cast<std::uint64_t>(process), static_cast<std::uint64_t>(other->tid), SIGILL);
     });
-    pthread_mutex_unlock(&engine.thread_list_lock);
+    owned_lock_leave(&engine.thread_list_lock);
     usleep(pause);
     pause = std::min(2 * pause, longest_pause);
-    pthread_mutex_lock(&engine.thread_list_lock);
+    owned_lock_take(&engine.thread_list_lock);
     if (engine.thread_list == nullptr) break;
   } while (any_other_running(thread, [](const thread_data*) {}));
 
   for (thread_data* listed = engine.thread_list; listed != nullptr; listed = listed->next) deliver_thread_exit(listed);
-  pthread_mutex_unlock(&engine.thread_list_lock);
+  owned_lock_leave(&engine.thread_list_lock);
 }
 
 }  // namespace

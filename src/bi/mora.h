@@ -18,6 +18,7 @@
 #include "bi/signals/held_signals.h"
 #include "bi/containers/interval_map.h"
 #include "bi/containers/linked_pool.h"
+#include "bi/containers/owned_lock.h"
 #include "bi/containers/robin_map.h"
 #include "bi/code/stub_layout.h"
 #include "bi/code/written_code.h"
@@ -254,23 +255,23 @@ struct engine_globals {
   char** argv;
   interval_map exec_ranges;  // Executable ranges, each with a duplicate of its descriptor. Has its own lock.
   std::uint64_t signal_handlers[SIGNAL_COUNT];  // The application's handlers. Under the next lock.
-  pthread_mutex_t signal_handlers_lock;
+  owned_lock signal_handlers_lock;
   std::uint64_t brk;  // The emulated program break and its first value. Under the next lock.
   std::uint64_t initial_brk;
-  pthread_mutex_t brk_lock;
+  owned_lock brk_lock;
   thread_data* thread_list;  // Under the next lock.
-  pthread_mutex_t thread_list_lock;
+  owned_lock thread_list_lock;
   std::uint32_t exit_flag;  // Set to 1 once, by mora_terminate; read without a lock by every thread.
   std::uint32_t plugin_count;
   std::uint64_t plugins[MAX_PLUGINS][PLUGIN_SLOTS];  // Slots 1 to 18: callbacks by event; 19: the plug-in's data.
   // Plug-ins' code runs with this lock shared. A fork holds it alone, so that the child finds plug-ins' data and the
   // heap as they are between two callbacks. Taken after brk_lock and before function_watch_lock.
   pthread_rwlock_t callbacks_lock;
-  pthread_mutex_t function_watch_lock;
+  owned_lock function_watch_lock;
   robin_map function_watches;  // Function address to its record. Under function_watch_lock.
   // Held over a call that changes the application's mappings, and over what the engine notes of it. Taken after
   // brk_lock and before callbacks_lock.
-  pthread_mutex_t mapping_lock;
+  owned_lock mapping_lock;
   interval_map attached_segments;  // Shared memory segments (shmat), each from its address to its end.
   // See signals/ending_signals.h. The process that catches ending signals, set before there is a second thread; 0:
   // none does.
@@ -281,7 +282,7 @@ struct engine_globals {
   std::uint64_t begun_code_epoch;  // One ahead of code_epoch while a drop is being noted.
   std::uint64_t code_epoch;
   std::uint64_t settled_code_epoch;
-  pthread_mutex_t code_epoch_lock;  // Held while a drop is noted. Taken last.
+  owned_lock code_epoch_lock;  // Held while a drop is noted. Taken last.
 };
 
 extern engine_globals engine;

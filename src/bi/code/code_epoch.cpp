@@ -108,7 +108,7 @@ void want_visit(thread_data* thread, std::uint64_t epoch) {
 // Whether another thread is behind the epoch. `first`: each of them is also asked to come.
 bool others_are_behind(const thread_data* self, std::uint64_t epoch, bool first) {
   bool behind = false;
-  pthread_mutex_lock(&engine.thread_list_lock);
+  owned_lock_take(&engine.thread_list_lock);
   for (thread_data* listed = engine.thread_list; listed != nullptr; listed = listed->next) {
     for (thread_data* thread = listed; thread != nullptr; thread = thread->vfork_child) {
       if (thread == self || !is_behind(thread, epoch)) continue;
@@ -116,7 +116,7 @@ bool others_are_behind(const thread_data* self, std::uint64_t epoch, bool first)
       if (first) want_visit(thread, epoch);
     }
   }
-  pthread_mutex_unlock(&engine.thread_list_lock);
+  owned_lock_leave(&engine.thread_list_lock);
   return behind;
 }
 
@@ -126,7 +126,7 @@ bool is_ending() { return std::atomic_ref(engine.exit_flag).load(std::memory_ord
 
 void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end) {
   if (!has_translated(start, end)) return;
-  pthread_mutex_lock(&engine.code_epoch_lock);
+  owned_lock_take(&engine.code_epoch_lock);
   const std::uint64_t epoch = current_epoch() + 1;
   std::atomic_ref(engine.begun_code_epoch).store(epoch, std::memory_order_relaxed);
   // Release, in there: who finds the marks gone finds that an epoch has begun. Marks that are set from here on stay, as
@@ -139,7 +139,7 @@ void drop_code(thread_data* thread, std::uint64_t start, std::uint64_t end) {
   std::atomic_ref(range.end).store(end, std::memory_order_relaxed);
   // Release: pairs with the acquire in follow_code_epoch.
   std::atomic_ref(engine.code_epoch).store(epoch, std::memory_order_release);
-  pthread_mutex_unlock(&engine.code_epoch_lock);
+  owned_lock_leave(&engine.code_epoch_lock);
   apply_code_epoch(thread);
 }
 

@@ -186,12 +186,12 @@ void move_mapping(std::uint64_t from, std::uint64_t old_size, std::uint64_t to, 
 
 void drop_aliases(thread_data* thread, std::uint64_t start, std::uint64_t end) {
   if (!marks_are_not_enough(MARKS_HAVE_ALIASES) || has_no_translated_alias(start, end)) return;
-  pthread_mutex_lock(&engine.mapping_lock);
+  owned_lock_take(&engine.mapping_lock);
   for_each_alias(start, end, [&](std::uint64_t alias_start, std::uint64_t alias_end) {
     drop_code(thread, alias_start, alias_end);
     return false;
   });
-  pthread_mutex_unlock(&engine.mapping_lock);
+  owned_lock_leave(&engine.mapping_lock);
 }
 
 }  // namespace ceilmeter

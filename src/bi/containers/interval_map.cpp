@@ -96,28 +96,22 @@ int interval_map_init(interval_map* map, std::int64_t capacity) {
   if (capacity < 0) return -1;
   map->entries = static_cast<interval_entry*>(std::calloc(static_cast<std::size_t>(capacity), sizeof(interval_entry)));
   if (map->entries == nullptr) return -1;
-  if (pthread_mutex_init(&map->lock, nullptr) != 0) {
-    std::free(map->entries);
-    map->entries = nullptr;
-    return -1;
-  }
+  owned_lock_init(&map->lock);
   return 0;
 }
 
 int interval_map_add(interval_map* map, std::uint64_t start, std::uint64_t end, std::int32_t fd) {
   if (start >= end) return -1;
   const std::int32_t duplicate = duplicate_descriptor(fd);
-  if (pthread_mutex_lock(&map->lock) != 0) {
-    close_descriptor(duplicate);
-    return -1;
-  }
+  owned_lock_take(&map->lock);
   add_range(map, start, end, duplicate);
-  pthread_mutex_unlock(&map->lock);
+  owned_lock_leave(&map->lock);
   return 0;
 }
 
 std::int64_t interval_map_delete(interval_map* map, std::uint64_t start, std::uint64_t end) {
-  if (start >= end || pthread_mutex_lock(&map->lock) != 0) return -1;
+  if (start >= end) return -1;
+  owned_lock_take(&map->lock);
   std::int64_t touched = 0;
   for (std::int64_t index = map->count - 1; index >= 0; --index) {
     if (!overlaps(map->entries[index], start, end)) continue;
@@ -128,36 +122,38 @@ std::int64_t interval_map_delete(interval_map* map, std::uint64_t start, std::ui
     log(LEVEL_TRACE, "imap deleted: %lx %lx", start, end);
     interval_map_print(map);
   }
-  pthread_mutex_unlock(&map->lock);
+  owned_lock_leave(&map->lock);
   return touched;
 }
 
 std::int64_t interval_map_overlapping(interval_map* map, std::uint64_t start, std::uint64_t end) {
-  if (start >= end || pthread_mutex_lock(&map->lock) != 0) return -1;
+  if (start >= end) return -1;
+  owned_lock_take(&map->lock);
   const std::int64_t found = std::count_if(map->entries, map->entries + map->count,
                                            [=](const interval_entry& entry) { return overlaps(entry, start, end); });
-  pthread_mutex_unlock(&map->lock);
+  owned_lock_leave(&map->lock);
   return found;
 }
 
 void interval_map_forget_descriptors(interval_map* map, std::uint32_t first, std::uint32_t last) {
-  if (pthread_mutex_lock(&map->lock) != 0) return;
+  owned_lock_take(&map->lock);
   for (std::int64_t index = 0; index < map->count; ++index) {
     std::int32_t& fd = map->entries[index].fd;
     if (fd >= 0 && static_cast<std::uint32_t>(fd) >= first && static_cast<std::uint32_t>(fd) <= last) fd = -1;
   }
-  pthread_mutex_unlock(&map->lock);
+  owned_lock_leave(&map->lock);
 }
 
 bool interval_map_is_full(interval_map* map) {
-  if (pthread_mutex_lock(&map->lock) != 0) return true;
+  owned_lock_take(&map->lock);
   const bool full = map->count >= map->capacity;
-  pthread_mutex_unlock(&map->lock);
+  owned_lock_leave(&map->lock);
   return full;
 }
 
 int interval_map_search(interval_map* map, std::uint64_t address, interval_entry* out) {
-  if (out == nullptr || pthread_mutex_lock(&map->lock) != 0) return -1;
+  if (out == nullptr) return -1;
+  owned_lock_take(&map->lock);
   int found = 0;
   for (std::int64_t index = map->count - 1; index >= 0 && found == 0; --index) {
     const interval_entry& entry = map->entries[index];
@@ -166,7 +162,7 @@ int interval_map_search(interval_map* map, std::uint64_t address, interval_entry
       found = 1;
     }
   }
-  pthread_mutex_unlock(&map->lock);
+  owned_lock_leave(&map->lock);
   return found;
 }
 

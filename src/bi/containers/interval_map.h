@@ -5,9 +5,9 @@
 // never overlap each other, because an added range swallows those that it overlaps.
 #pragma once
 
-#include <pthread.h>
-
 #include <cstdint>
+
+#include "bi/containers/owned_lock.h"
 
 namespace ceilmeter {
 
@@ -20,16 +20,16 @@ struct interval_entry {
 struct interval_map {
   std::int64_t capacity;
   std::int64_t count;
-  pthread_mutex_t lock;
+  owned_lock lock;
   interval_entry* entries;  // `capacity` entries on the heap, `count` of them in use, in no order.
 };
 
-// Returns 0, or -1 if the array cannot be allocated or the lock fails. The map may not move afterwards.
+// Returns 0, or -1 if the array cannot be allocated. The map may not move afterwards.
 int interval_map_init(interval_map* map, std::int64_t capacity);
 
 // Adds [start, end) with a duplicate of `fd`; the caller keeps its own. Ranges that it overlaps become one with it, and
 // the union keeps the descriptor of one of them. A full map drops the range without an error. Returns 0, or -1 if
-// `start` is not below `end` or the lock fails; then no descriptor is duplicated.
+// `start` is not below `end`; then no descriptor is duplicated.
 int interval_map_add(interval_map* map, std::uint64_t start, std::uint64_t end, std::int32_t fd);
 
 // Takes [start, end) out of the map. An entry that loses its middle becomes two with a descriptor each. Returns the

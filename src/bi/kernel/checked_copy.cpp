@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "bi/containers/owned_lock.h"
 #include "bi/kernel/checked_copy_offsets.h"
 
 namespace ceilmeter {
@@ -36,7 +37,7 @@ void checked_copy_default_action(int signal, siginfo_t* info, void* context);
 
 namespace {
 
-pthread_mutex_t copy_lock = PTHREAD_MUTEX_INITIALIZER;
+owned_lock copy_lock{};
 
 // Pairs with the load in checked_copy_handler.
 void note_old_handler(const struct sigaction& action) {
@@ -83,10 +84,12 @@ extern "C" void checked_copy_default_action(int signal, siginfo_t* info, void*) 
 }
 
 int checked_copy(void* destination, const void* source, std::size_t size) {
-  if (pthread_mutex_lock(&copy_lock) != 0) return -1;
+  owned_lock_take(&copy_lock);
   const int result = copy_with_handler(destination, source, size);
-  pthread_mutex_unlock(&copy_lock);
+  owned_lock_leave(&copy_lock);
   return result;
 }
+
+void break_copy_lock(std::uint32_t tid) { owned_lock_break(&copy_lock, tid); }
 
 }  // namespace ceilmeter

@@ -20,6 +20,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace ceilmeter {
 
@@ -32,5 +33,8 @@ extern "C" int byte_copy(void* destination, const void* source, std::size_t size
 // and not in a child that was forked while another thread was in it. An access beyond the end of a mapped file is a
 // SIGBUS, which the copy does not survive.
 int checked_copy(void* destination, const void* source, std::size_t size);
+
+// Frees the copies' lock if the thread, which is gone, has it.
+void break_copy_lock(std::uint32_t tid);
 
 }  // namespace ceilmeter

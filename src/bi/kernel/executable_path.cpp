@@ -132,9 +132,9 @@ std::int64_t readlink_handler(const char* path, char* buffer, std::uint64_t size
   // As from the kernel there is no terminator, and nothing is written behind the path. The kernel reports memory that
   // cannot be written. checked_copy replaces the action of SIGSEGV for its time; the lock keeps a fork from copying
   // that.
-  pthread_mutex_lock(&engine.signal_handlers_lock);
+  owned_lock_take(&engine.signal_handlers_lock);
   const int failure = checked_copy(buffer, application, length);
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  owned_lock_leave(&engine.signal_handlers_lock);
   return failure == 0 ? static_cast<std::int64_t>(length) : -1;
 }
 

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "bi/code/code_epoch.h"
+#include "bi/kernel/checked_copy.h"
 #include "bi/kernel/ending_threads.h"
 #include "bi/signals/held_mask.h"
 #include "bi/plugins/plugin_delivery.h"
@@ -68,18 +69,25 @@ void for_each_lock(action act) {
 }
 
 struct take_lock {
-  void operator()(pthread_mutex_t& lock) const { pthread_mutex_lock(&lock); }
+  void operator()(owned_lock& lock) const { owned_lock_take(&lock); }
   void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_wrlock(&lock); }
 };
 
 struct release_lock {
-  void operator()(pthread_mutex_t& lock) const { pthread_mutex_unlock(&lock); }
+  void operator()(owned_lock& lock) const { owned_lock_leave(&lock); }
   void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_unlock(&lock); }
 };
 
 struct renew_lock {
-  void operator()(pthread_mutex_t& lock) const { pthread_mutex_init(&lock, nullptr); }
+  void operator()(owned_lock& lock) const { owned_lock_init(&lock); }
   void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_init(&lock, nullptr); }
+};
+
+// Breaks a lock of a thread that is gone. Of callbacks_lock that thread had a share at most, and nobody can tell.
+struct break_lock_of {
+  std::uint32_t owner;
+  void operator()(owned_lock& lock) const { owned_lock_break(&lock, owner); }
+  void operator()(pthread_rwlock_t& /*lock*/) const {}
 };
 
 void lock_all() { for_each_lock(take_lock{}); }
@@ -90,8 +98,19 @@ void unlock_all() { for_each_lock(release_lock{}); }
 void init_all_locks() {
   for_each_lock(renew_lock{});
   renew_lock{}(engine.attached_segments.lock);  // Used under mapping_lock alone.
-  renew_lock{}(spare.lock);
+  pthread_mutex_init(&spare.lock, nullptr);
 }
+
+}  // namespace
+
+void break_locks_of(std::int32_t tid) {
+  const break_lock_of act = {static_cast<std::uint32_t>(tid)};
+  for_each_lock(act);
+  act(engine.attached_segments.lock);
+  break_copy_lock(act.owner);
+}
+
+namespace {
 
 // Frees what the other threads of the parent have left in the copy of its memory.
 void free_other_threads(const thread_data* survivor) {
@@ -160,6 +179,7 @@ void finish_fork(thread_data* thread, std::uint64_t* args) {
 }
 
 void reinit_after_fork(thread_data* thread) {
+  set_lock_owner(static_cast<std::uint32_t>(gettid()));
   init_all_locks();
   if (thread->is_vfork_child != 0) become_process(thread);
   std::atomic_ref(engine.exit_flag).store(0, std::memory_order_relaxed);  // The parent's end is not the child's.

@@ -17,4 +17,7 @@ void finish_fork(thread_data* thread, std::uint64_t* args);
 // Makes the calling thread, which `thread` describes, the only one that the engine of a new process knows.
 void reinit_after_fork(thread_data* thread);
 
+// Frees the engine's locks that a child in the caller's memory had when it was killed.
+void break_locks_of(std::int32_t tid);
+
 }  // namespace ceilmeter

@@ -88,9 +88,9 @@ int create_pthread(thread_data* child) {
 
 int start_pthread(thread_data* child) {
   static bool made_one = false;  // Under signal_handlers_lock.
-  pthread_mutex_lock(&engine.signal_handlers_lock);
+  owned_lock_take(&engine.signal_handlers_lock);
   if (made_one) {
-    pthread_mutex_unlock(&engine.signal_handlers_lock);
+    owned_lock_leave(&engine.signal_handlers_lock);
     return create_pthread(child);
   }
   // Keep what the application has set. The lock keeps it from setting anything else meanwhile.
@@ -99,7 +99,7 @@ int start_pthread(thread_data* child) {
   const int error = create_pthread(child);
   write_internal_actions(actions);
   made_one = true;
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  owned_lock_leave(&engine.signal_handlers_lock);
   return error;
 }
 
@@ -229,6 +229,7 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   thread->engine_sp = engine_sp;
   use_engine_stack(thread, engine_sp);
   thread->tid = gettid();
+  set_lock_owner(static_cast<std::uint32_t>(thread->tid));
   thread->process = getpid();
   forget_ending_thread(thread->tid);
   if ((args[0] & CLONE_PARENT_SETTID) != 0) store_tid(args[2], thread->tid);
@@ -244,10 +245,10 @@ extern "C" void thread_start(thread_data* thread, std::uint64_t engine_sp) {
   // thread and end the process. Do not enter it if the process is ending: mora_terminate may already have looked
   // through the list.
   enter_call(thread);  // With all signals blocked nobody may wait for it.
-  pthread_mutex_lock(&engine.thread_list_lock);
+  owned_lock_take(&engine.thread_list_lock);
   const bool too_late = is_ending();
   if (!too_late) register_thread(thread, true);
-  pthread_mutex_unlock(&engine.thread_list_lock);
+  owned_lock_leave(&engine.thread_list_lock);
 
   // Release: pairs with the acquire in mora_create_thread. After this store `args` and set_tid, which lie on the
   // parent's engine stack, are gone.
@@ -264,16 +265,16 @@ void end_thread(thread_data* thread, std::int32_t status) {
   if (thread->is_vfork_child != 0) end_vfork_child(status);  // It has this one thread.
   // Block all signals: the record goes away below, and a signal must not find the thread without one.
   const std::uint64_t mask = block_all_signals();
-  pthread_mutex_lock(&engine.thread_list_lock);
+  owned_lock_take(&engine.thread_list_lock);
   if (engine.thread_list == thread && thread->next == nullptr) {
     // The end of the last thread is the end of the process. It goes the engine's way, with its events, as in
     // exit_group.
-    pthread_mutex_unlock(&engine.thread_list_lock);
+    owned_lock_leave(&engine.thread_list_lock);
     restore_signal_mask(mask);
     mora_terminate(thread, status);
   }
   unregister_thread(thread, true);
-  pthread_mutex_unlock(&engine.thread_list_lock);
+  owned_lock_leave(&engine.thread_list_lock);
   hand_over_held_signals(thread);
 
   const std::uint64_t engine_sp = thread->engine_sp;

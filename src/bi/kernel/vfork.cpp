@@ -10,6 +10,7 @@
 
 #include "bi/code/code_epoch.h"
 #include "bi/code/stubs.h"
+#include "bi/kernel/fork.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/kernel/syscalls.h"
 #include "bi/kernel/threads.h"
@@ -23,9 +24,9 @@ namespace {
 
 // So that others find its epoch.
 void note_vfork_child(thread_data* thread, thread_data* child) {
-  pthread_mutex_lock(&engine.thread_list_lock);
+  owned_lock_take(&engine.thread_list_lock);
   thread->vfork_child = child;
-  pthread_mutex_unlock(&engine.thread_list_lock);
+  owned_lock_leave(&engine.thread_list_lock);
 }
 
 }  // namespace
@@ -36,6 +37,7 @@ extern "C" void vfork_child_start(thread_data* child, std::uint64_t engine_stack
   use_signal_stack(child);
   use_engine_stack(child, engine_stack_top);
   child->tid = gettid();
+  set_lock_owner(static_cast<std::uint32_t>(child->tid));
   child->process = child->tid;
   copy_parent_frame(child, child->clone_args);
   if (has_own_descriptors(child)) close_noted_files();
@@ -72,6 +74,8 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
   // The register with the thread pointer is the tool's C library's, in the child too.
   const std::int64_t result = clone_in_memory(flags & ~std::uint64_t{CLONE_SETTLS}, args[2], args[4], child);
   current_thread = thread;
+  set_lock_owner(static_cast<std::uint32_t>(thread->tid));
+  if (child->tid != 0) break_locks_of(child->tid);  // It may have been killed in the engine.
   guarded_return_address = 0;
   guarded_engine_stack = engine_stack(thread);
   leave_syscall(thread);

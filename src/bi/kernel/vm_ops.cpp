@@ -48,7 +48,7 @@ std::uint64_t kernel_protection(std::uint64_t address, std::uint64_t prot) {
 }
 
 void remove_function_watches(std::uint64_t start, std::uint64_t end) {
-  pthread_mutex_lock(&engine.function_watch_lock);
+  owned_lock_take(&engine.function_watch_lock);
   robin_map* watches = &engine.function_watches;
   for (robin_bucket* bucket = robin_map_oldest(watches); bucket != nullptr;) {
     if (bucket->key >= start && bucket->key < end) {
@@ -58,7 +58,7 @@ void remove_function_watches(std::uint64_t start, std::uint64_t end) {
       bucket = robin_map_newer(watches, bucket);
     }
   }
-  pthread_mutex_unlock(&engine.function_watch_lock);
+  owned_lock_leave(&engine.function_watch_lock);
 }
 
 // Whatever the memory was and becomes: what has been translated of it is dropped. It may be other code when it is next
@@ -120,23 +120,23 @@ std::uint64_t brk_handler(std::uint64_t addr) {
   const std::uint64_t current = brk.load(std::memory_order_relaxed);
   if (addr == 0 || addr == current) return current;
 
-  pthread_mutex_lock(&engine.brk_lock);
+  owned_lock_take(&engine.brk_lock);
   // Keep the first page, whatever is asked for: there has to be something to grow from.
   if (addr >= engine.initial_brk + page_size()) {
     const std::uint64_t old_size = brk.load(std::memory_order_relaxed) - engine.initial_brk;
     const std::uint64_t new_size = addr - engine.initial_brk;
-    pthread_mutex_lock(&engine.mapping_lock);
+    owned_lock_take(&engine.mapping_lock);
     begin_mapping_change();
     const std::int64_t moved = raw_syscall(SYS_mremap, engine.initial_brk, old_size, new_size, 0);
     end_mapping_change();
-    pthread_mutex_unlock(&engine.mapping_lock);
+    owned_lock_leave(&engine.mapping_lock);
     if (moved == static_cast<std::int64_t>(engine.initial_brk)) {
       report_vm_op(VM_MAP, engine.initial_brk, new_size, PROT_READ | PROT_WRITE, BREAK_FLAGS, NO_FILE, 0, 0, 0);
       brk.store(addr, std::memory_order_relaxed);
     }
   }
   const std::uint64_t result = brk.load(std::memory_order_relaxed);
-  pthread_mutex_unlock(&engine.brk_lock);
+  owned_lock_leave(&engine.brk_lock);
   return result;
 }
 
@@ -262,11 +262,11 @@ std::int64_t detach_segment(const std::uint64_t* args) {
 // Holds mapping_lock over a call and over what the engine notes of it. Without the lock a range that one thread has
 // just unmapped may be mapped by another one and noted as code, before the first thread removes its note.
 std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::uint64_t* args) {
-  pthread_mutex_lock(&engine.mapping_lock);
+  owned_lock_take(&engine.mapping_lock);
   begin_mapping_change();
   const std::int64_t result = call(args);
   end_mapping_change();
-  pthread_mutex_unlock(&engine.mapping_lock);
+  owned_lock_leave(&engine.mapping_lock);
   // Without the lock. Also for what another call has dropped and not settled yet: this call's memory may be what that
   // one has unmapped, and what the application puts there must not meet a thread with the old code.
   settle_code_epoch(current_thread);
@@ -276,11 +276,11 @@ std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::ui
 }  // namespace
 
 void unmap_kept_stack(page_range kept) {
-  pthread_mutex_lock(&engine.mapping_lock);
+  owned_lock_take(&engine.mapping_lock);
   begin_mapping_change();
   raw_syscall(SYS_munmap, kept.start, kept.size);
   end_mapping_change();
-  pthread_mutex_unlock(&engine.mapping_lock);
+  owned_lock_leave(&engine.mapping_lock);
 }
 
 std::int64_t handle_mmap(const std::uint64_t* args) { return make_call(map_memory, args); }

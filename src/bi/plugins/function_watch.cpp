@@ -28,9 +28,9 @@ constexpr std::uint32_t RET_X30 = 0xd65f03c0;
 std::uint64_t watch_of_function(std::uint64_t function) {
   // A watch is added before its function first runs, on whatever thread. Without any there is nothing to wait for.
   if (std::atomic_ref(engine.function_watches.count).load(std::memory_order_relaxed) == 0) return 0;
-  pthread_mutex_lock(&engine.function_watch_lock);
+  owned_lock_take(&engine.function_watch_lock);
   const void* watch = robin_map_lookup(&engine.function_watches, function);
-  pthread_mutex_unlock(&engine.function_watch_lock);
+  owned_lock_leave(&engine.function_watch_lock);
   return address_of(watch);
 }
 
@@ -96,12 +96,12 @@ int function_watch_add_named(std::uint64_t address, const char* name) {
   record.code = RET_X30;
   if (name != nullptr) std::strncpy(record.name, name, sizeof record.name - 1);
 
-  pthread_mutex_lock(&engine.function_watch_lock);
+  owned_lock_take(&engine.function_watch_lock);
   void* stored = nullptr;
   const robin_insert_result result = robin_map_insert(&engine.function_watches, address, &record, &stored);
   if (result == ROBIN_FAILED) log(LEVEL_FATAL, "no memory left for the watch of the function at 0x%lx", address);
   ++static_cast<function_watch*>(stored)->refcount;
-  pthread_mutex_unlock(&engine.function_watch_lock);
+  owned_lock_leave(&engine.function_watch_lock);
   return result == ROBIN_ADDED ? 1 : 0;
 }
 

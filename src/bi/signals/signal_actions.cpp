@@ -88,12 +88,12 @@ void set_default_action(int signum) {
 }  // namespace
 
 void copy_actions(action_table* table) {
-  pthread_mutex_lock(&engine.signal_handlers_lock);
+  owned_lock_take(&engine.signal_handlers_lock);
   for (int signum = 0; signum < SIGNAL_COUNT; ++signum) {
     table->handlers[signum] = application_handlers()[signum];
     table->actions[signum] = kept_action(signum);
   }
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  owned_lock_leave(&engine.signal_handlers_lock);
 }
 
 void take_copied_actions(const action_table* table) {
@@ -115,7 +115,7 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   }
 
   // One lock over the call and the table: the table and the kernel always agree.
-  pthread_mutex_lock(&engine.signal_handlers_lock);
+  owned_lock_take(&engine.signal_handlers_lock);
   const std::int64_t result = raw_syscall(SYS_rt_sigaction, args[0], act != 0 ? address_of(&action) : 0,
                                           oldact != 0 ? address_of(&old) : 0, args[3]);
   if (result == 0) {
@@ -126,7 +126,7 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
       kept_action(signum) = wanted;
     }
   }
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  owned_lock_leave(&engine.signal_handlers_lock);
   if (result != 0 || oldact == 0) return result;
   // As in the kernel, the new action is in force even if the old one cannot be written.
   if (!is_writable(oldact) || !is_writable(oldact + LAST_ACTION_WORD)) return -EFAULT;
@@ -135,7 +135,7 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
 }
 
 application_action take_application_action(int signum) {
-  pthread_mutex_lock(&engine.signal_handlers_lock);
+  owned_lock_take(&engine.signal_handlers_lock);
   application_action& kept = kept_action(signum);
   application_action action = kept;
   action.handler = application_handlers()[signum];
@@ -144,7 +144,7 @@ application_action take_application_action(int signum) {
     std::atomic_ref(application_handlers()[signum]).store(0, std::memory_order_relaxed);
     if (signum != SIGILL) set_default_action(signum);
   }
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  owned_lock_leave(&engine.signal_handlers_lock);
   return action;
 }
 
@@ -155,12 +155,12 @@ void set_engine_action(int signum) {
 }
 
 void catch_default_action(int signum) {
-  pthread_mutex_lock(&engine.signal_handlers_lock);
+  owned_lock_take(&engine.signal_handlers_lock);
   application_action now{};
   const std::int64_t result =
       raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), 0, address_of(&now), KERNEL_SIGSET_SIZE);
   if (result == 0 && now.handler == 0) set_default_action(signum);
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  owned_lock_leave(&engine.signal_handlers_lock);
 }
 
 }  // namespace ceilmeter

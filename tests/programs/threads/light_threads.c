@@ -16,7 +16,16 @@
 
 #include "syscalls/check.h"
 
-enum { LIGHT = 200, WORKERS = 3, TURNS = 20, STACK = 4096, LEFT = 416, GAP = 65536, FRAME_WORDS = 20, PLACE_OF_X30 = 11 };
+enum {
+  LIGHT = 200,
+  WORKERS = 3,
+  TURNS = 20,
+  STACK = 4096,
+  LEFT = 416,
+  GAP = 65536,
+  FRAME_WORDS = 20,
+  PLACE_OF_X30 = 11
+};
 
 void switch_stack(void** from, void* to);
 

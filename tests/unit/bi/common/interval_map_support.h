@@ -63,7 +63,6 @@ class scratch_interval_map {
     for (const int fd : open_descriptors()) {
       if (m_open_before.count(fd) == 0) close(fd);
     }
-    pthread_mutex_destroy(&map.lock);
     std::free(map.entries);
   }
   scratch_interval_map(const scratch_interval_map&) = delete;

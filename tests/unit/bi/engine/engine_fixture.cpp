@@ -17,12 +17,12 @@ word_list joined(const std::vector<word_list>& parts) {
 
 engine_test::engine_test() {
   engine = {};
-  pthread_mutex_init(&engine.thread_list_lock, nullptr);
-  pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
-  pthread_mutex_init(&engine.brk_lock, nullptr);
-  pthread_mutex_init(&engine.function_watch_lock, nullptr);
+  owned_lock_init(&engine.thread_list_lock);
+  owned_lock_init(&engine.signal_handlers_lock);
+  owned_lock_init(&engine.brk_lock);
+  owned_lock_init(&engine.function_watch_lock);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
-  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
+  owned_lock_init(&engine.code_epoch_lock);
   robin_map_init(&engine.function_watches, 264);
   if (!allocate_thread_data(&thread)) throw std::bad_alloc();
   current_thread = thread;

@@ -92,7 +92,7 @@ TEST_F(function_watch_test, of_a_long_name_255_bytes_are_kept) {
 
 TEST_F(function_watch_test, unmapping_its_address_ends_a_watch) {
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
-  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
+  owned_lock_init(&engine.code_epoch_lock);
   function_watch_add(0x10000);
   function_watch_add(0x20000);
   report_vm_op(VM_UNMAP, 0x10000, 0x1000, 0, 0, -1, 0, 0, 0);

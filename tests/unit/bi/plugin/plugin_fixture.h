@@ -23,8 +23,8 @@ class plugin_test : public testing::Test {
  protected:
   plugin_test() {
     engine = {};
-    pthread_mutex_init(&engine.thread_list_lock, nullptr);
-    pthread_mutex_init(&engine.function_watch_lock, nullptr);
+    owned_lock_init(&engine.thread_list_lock);
+    owned_lock_init(&engine.function_watch_lock);
     robin_map_init(&engine.function_watches, sizeof(function_watch));
     if (!allocate_thread_data(&thread)) throw std::runtime_error("no memory for a thread");
     current_thread = thread;

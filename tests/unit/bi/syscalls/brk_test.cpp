@@ -28,15 +28,15 @@ class brk_handler_test : public syscalls_test {
 };
 
 TEST_F(brk_handler_test, zero_asks_for_the_break_without_the_lock) {
-  pthread_mutex_lock(&engine.brk_lock);
+  owned_lock_take(&engine.brk_lock);
   EXPECT_EQ(brk_handler(0), initial + page);
-  pthread_mutex_unlock(&engine.brk_lock);
+  owned_lock_leave(&engine.brk_lock);
 }
 
 TEST_F(brk_handler_test, the_break_itself_is_returned_without_the_lock) {
-  pthread_mutex_lock(&engine.brk_lock);
+  owned_lock_take(&engine.brk_lock);
   EXPECT_EQ(brk_handler(initial + page), initial + page);
-  pthread_mutex_unlock(&engine.brk_lock);
+  owned_lock_leave(&engine.brk_lock);
 }
 
 TEST_F(brk_handler_test, a_higher_address_grows_the_break_by_zeroed_memory) {

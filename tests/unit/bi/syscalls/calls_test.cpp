@@ -258,8 +258,8 @@ TEST_F(syscall_handlers, the_last_threads_exit_ends_the_process) {
   } catch (const process_ended& end) {
     EXPECT_EQ(end.status, 3);
   }
-  EXPECT_EQ(pthread_mutex_trylock(&engine.thread_list_lock), 0);
-  pthread_mutex_unlock(&engine.thread_list_lock);
+  EXPECT_TRUE(owned_lock_try(&engine.thread_list_lock));
+  owned_lock_leave(&engine.thread_list_lock);
 }
 
 TEST_F(syscall_handlers, the_first_threads_id_word_is_the_kernels_matter) {

@@ -102,21 +102,21 @@ void free_thread_data(thread_data* thread) {
 }
 
 void register_thread(thread_data* thread, bool lock_held) {
-  if (!lock_held) pthread_mutex_lock(&engine.thread_list_lock);
+  if (!lock_held) owned_lock_take(&engine.thread_list_lock);
   thread->next = engine.thread_list;
   engine.thread_list = thread;
   ++fake.threads_registered;
-  if (!lock_held) pthread_mutex_unlock(&engine.thread_list_lock);
+  if (!lock_held) owned_lock_leave(&engine.thread_list_lock);
 }
 
 int unregister_thread(thread_data* thread, bool lock_held) {
-  if (!lock_held) pthread_mutex_lock(&engine.thread_list_lock);
+  if (!lock_held) owned_lock_take(&engine.thread_list_lock);
   for (thread_data** link = &engine.thread_list; *link != nullptr; link = &(*link)->next) {
     if (*link != thread) continue;
     *link = thread->next;
     break;
   }
-  if (!lock_held) pthread_mutex_unlock(&engine.thread_list_lock);
+  if (!lock_held) owned_lock_leave(&engine.thread_list_lock);
   return 0;
 }
 
@@ -178,14 +178,14 @@ syscalls_test::syscalls_test()
   fake = {};
   fake.page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   engine = {};
-  pthread_mutex_init(&engine.thread_list_lock, nullptr);
-  pthread_mutex_init(&engine.signal_handlers_lock, nullptr);
-  pthread_mutex_init(&engine.brk_lock, nullptr);
-  pthread_mutex_init(&engine.function_watch_lock, nullptr);
+  owned_lock_init(&engine.thread_list_lock);
+  owned_lock_init(&engine.signal_handlers_lock);
+  owned_lock_init(&engine.brk_lock);
+  owned_lock_init(&engine.function_watch_lock);
   interval_map_init(&engine.exec_ranges, EXEC_RANGES_CAPACITY);
-  pthread_mutex_init(&engine.code_epoch_lock, nullptr);
+  owned_lock_init(&engine.code_epoch_lock);
   interval_map_init(&engine.attached_segments, EXEC_RANGES_CAPACITY);
-  pthread_mutex_init(&engine.mapping_lock, nullptr);
+  owned_lock_init(&engine.mapping_lock);
   robin_map_init(&engine.function_watches, 264);
   allocate_thread_data(&thread);
   map_signal_stack(thread);

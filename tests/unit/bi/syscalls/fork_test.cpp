@@ -56,9 +56,9 @@ class fork_like_clone : public syscalls_test {
     raw_syscall(SYS_rt_sigprocmask, SIG_BLOCK, 0, address_of(&mask), 8);
     return mask;
   }
-  static bool is_free(pthread_mutex_t* lock) {
-    if (pthread_mutex_trylock(lock) != 0) return false;
-    pthread_mutex_unlock(lock);
+  static bool is_free(owned_lock* lock) {
+    if (!owned_lock_try(lock)) return false;
+    owned_lock_leave(lock);
     return true;
   }
   static bool all_locks_are_free() {

@@ -91,8 +91,8 @@ TEST_F(readlink_handler_test, a_buffer_that_cannot_be_written_is_left_to_the_ker
   EXPECT_EQ(readlink_handler("/proc/self/exe", pages + page, 100), -1);
   EXPECT_EQ(readlink_handler("/proc/self/exe", pages + page - 2, 100), -1);
   EXPECT_EQ(readlink_handler("/proc/self/exe", nullptr, 100), -1);
-  EXPECT_EQ(pthread_mutex_trylock(&engine.signal_handlers_lock), 0);
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  EXPECT_TRUE(owned_lock_try(&engine.signal_handlers_lock));
+  owned_lock_leave(&engine.signal_handlers_lock);
   munmap(pages, 2 * page);
 }
 

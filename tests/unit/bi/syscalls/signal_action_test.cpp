@@ -242,14 +242,14 @@ TEST_F(signal_actions, an_address_that_cannot_be_used_is_a_fault_of_the_call) {
 }
 
 TEST_F(signal_actions, the_action_is_set_under_the_lock) {
-  pthread_mutex_lock(&engine.signal_handlers_lock);
+  owned_lock_take(&engine.signal_handlers_lock);
   std::thread other([this] {
     const raw_action action{handler, 0, 0, 0};
     set(SIGUSR1, &action);
   });
   usleep(50000);
   EXPECT_EQ(in_kernel(SIGUSR1).handler, 0u);
-  pthread_mutex_unlock(&engine.signal_handlers_lock);
+  owned_lock_leave(&engine.signal_handlers_lock);
   other.join();
   EXPECT_EQ(in_kernel(SIGUSR1).handler, entry());
 }
