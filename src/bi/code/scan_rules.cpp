@@ -356,7 +356,7 @@ void put_hot_counter(scan_state& state) {
 }
 
 const char* mnemonic_of(std::uint32_t word) {
-  const classifier_row* row = find_classifier_row_linearly(word);
+  const classifier_row* row = find_classifier_row(word);
   return row != nullptr ? mnemonic_names[row->mnemonic_id] : "unknown";
 }
 

@@ -58,8 +58,7 @@ void mark_inserted_code(scan_state& state);
 // The address that an offset field of a source word, in words, refers to.
 std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int width);
 
-// The mnemonic of a word, for the log. The search goes row by row: the classifier's index lies on the heap, and the
-// child of a fork must not touch the heap.
+// The mnemonic of a word, for the log. Touches no heap, as the child of a fork must not.
 const char* mnemonic_of(std::uint32_t word);
 
 }  // namespace ceilmeter

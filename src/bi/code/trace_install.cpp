@@ -133,7 +133,7 @@ void move_links(thread_data* thread, const bb_meta& head) {
 bool is_copyable(const std::uint32_t* word, const bb_meta& owner) {
   if (word >= owner.exit_code_addr && word < owner.exit_code_addr + 3) return false;
   const int inst = a64_decode(word);
-  return inst != A64_HVC && inst != A64_BRK && inst != A64_ADR && !a64_is_branch_class(inst);
+  return inst != A64_HVC && inst != A64_BRK && !a64_is_branch_class(inst);
 }
 
 // Writes the trampoline of one exit. Returns the word behind it.
