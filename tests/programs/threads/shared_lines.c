@@ -1,6 +1,6 @@
 // Two threads write functions that share a line of memory, and each has a thread of its own that runs what it has
-// written: shared_lines [ROUNDS]. One thread's IC IVAU may find that the other's has just begun to drop the line's code.
-// When it is done, its function is new all the same.
+// written: shared_lines [ROUNDS]. One thread's IC IVAU may find that the other's has just begun to drop the line's
+// code. When it is done, its function is new all the same.
 #include <pthread.h>
 #include <stdatomic.h>
 #include <stdbool.h>
