@@ -44,7 +44,8 @@ inline constexpr std::size_t TRACE_HIGH_WATER = 0xfff800;    // No trace begins 
 inline constexpr std::int32_t TRACE_ID_HIGH_WATER = 114950;  // No trace begins with an index from here up.
 inline constexpr std::int64_t EXEC_RANGES_CAPACITY = 512;
 inline constexpr std::size_t FRAGMENT_CHAINS = 4096;
-inline constexpr int SIGNAL_COUNT = 65;                   // Signal numbers from 1; 0 is unused.
+inline constexpr int SIGNAL_COUNT = 65;  // Signal numbers from 1; 0 is unused.
+inline constexpr std::size_t DELIVERY_PLACES = 16;
 inline constexpr std::size_t SCAN_WORDS = 16384;          // How many source words of a fragment are kept.
 inline constexpr std::size_t SOURCE_MARKS_PER_WORD = 32;  // Two bits for each word of the code cache.
 
@@ -118,6 +119,13 @@ struct trace_state {
   std::uint32_t active;
   std::uint32_t exit_count;
   trace_exit exits[MAX_TRACE_EXITS];
+};
+
+// Where signals have found the application, see signals/turns.h.
+struct delivery_place {
+  std::uint64_t source;
+  std::uint64_t sp;
+  std::uint64_t signals;  // Which were delivered there.
 };
 
 enum thread_status : std::int32_t {
@@ -242,8 +250,10 @@ struct thread_data {
   // Progress under a flood of signals, see turns.h.
   std::uint64_t handler_return;       // Where the last handler has returned to; 0: the application has gone on since.
   std::uint32_t deliveries_in_place;  // How many signals in a row have found the application where the last left it.
-  std::uint32_t has_turn;             // One block runs, whatever is held.
-  std::uint32_t interrupter;          // The timer of the call in the turn, counted from 1; 0: none.
+  delivery_place delivery_places[DELIVERY_PLACES];
+  std::uint32_t next_delivery_place;
+  std::uint32_t has_turn;     // One block runs, whatever is held.
+  std::uint32_t interrupter;  // The timer of the call in the turn, counted from 1; 0: none.
   std::uint32_t interruptions;
   last_call_stack last_call;
   written_code written;  // Code that the instruction cache has to hear of before it runs.

@@ -51,6 +51,11 @@ void forget_held_signals(held_signals& held) {
   for (held_signal& record : held.records) release(record, FREE);
 }
 
+const siginfo_t* find_held_signal(held_signals& held, int signum) {
+  const held_signal* record = longest_waiting(held, signum);
+  return record == nullptr ? nullptr : &record->info;
+}
+
 void take_held_signal(held_signals& held, int signum, int pid, unsigned uid) {
   // Only the thread itself empties records, so that the one found stays as it is.
   held_signal* record = longest_waiting(held, signum);

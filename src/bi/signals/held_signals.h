@@ -43,6 +43,9 @@ bool hold_signal(held_signals& held, const siginfo_t& info);
 // one of tgkill, sent by this process `pid` of user `uid`. On the thread's own way back into the cache.
 void take_held_signal(held_signals& held, int signum, int pid, unsigned uid);
 
+// What was sent with that signal; null if it has no record. Valid until it is taken.
+const siginfo_t* find_held_signal(held_signals& held, int signum);
+
 // Empties all records, as in the child of a fork, which starts without pending signals. No signal may strike meanwhile.
 void forget_held_signals(held_signals& held);
 

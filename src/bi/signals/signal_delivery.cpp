@@ -22,6 +22,7 @@ namespace {
 
 // From the result area of deliver_pending_signal, in words, to the cache address that the thread is on its way to.
 constexpr std::ptrdiff_t REENTRY_CACHE_ADDRESS = (REENTRY_NEXT - REENTRY_RESULT) / 8;
+constexpr std::ptrdiff_t REENTRY_STACK_POINTER = (REENTRY_APP_SP - REENTRY_RESULT) / 8;  // And to its stack pointer.
 
 constexpr std::uint32_t SYNCHRONOUS_SIGNALS = 0x800009b0;
 
@@ -85,6 +86,10 @@ bool has_to_visit_engine(thread_data* thread) {
 }
 
 void count_signal(thread_data* thread, const siginfo_t& info) {
+  // A signal without a queue that is pending merges with the next one, as in the kernel. Else a timer that is faster
+  // than its handler would leave ever more of them behind.
+  const bool is_pending = std::atomic_ref(thread->pending_signals[info.si_signo]).load(std::memory_order_relaxed) != 0;
+  if (is_pending && info.si_signo < FIRST_QUEUED_SIGNAL) return;
   hold_signal(thread->held, info);  // Before it is counted: who takes it off its counter looks for the record.
   std::atomic_ref(thread->pending_signals[info.si_signo]).fetch_add(1, std::memory_order_relaxed);
   count_visit(thread);
@@ -126,7 +131,8 @@ extern "C" std::uint64_t deliver_pending_signal(std::uint64_t source, std::uint6
   // Read the sum before the counters. If a signal comes in between, the stub then asks again.
   const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const int signum = find_deliverable_signal(thread);
-  if (signum < 0 || give_turn(thread, source, info[REENTRY_CACHE_ADDRESS])) {
+  const application_place place = {source, info[REENTRY_STACK_POINTER], info[REENTRY_CACHE_ADDRESS]};
+  if (signum < 0 || give_turn(thread, signum, find_held_signal(thread->held, signum), place)) {
     if (signum < 0) let_through(thread);
     info[0] = static_cast<std::uint64_t>(judged);
     return 0;

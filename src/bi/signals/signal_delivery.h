@@ -11,6 +11,9 @@ namespace ceilmeter {
 // A 64-bit mask as the kernel keeps it: signal n is bit n - 1.
 constexpr std::uint64_t signal_bit(int signum) { return std::uint64_t{1} << (signum - 1); }
 
+// From here on each signal that is sent arrives. One below that is pending merges with the next of its number.
+inline constexpr int FIRST_QUEUED_SIGNAL = 32;
+
 // Counts a signal, to be raised again on the thread's next way back into the cache. Called in the signal's handler.
 void count_signal(thread_data* thread, const siginfo_t& info);
 

@@ -5,6 +5,7 @@
 
 #include <sys/syscall.h>
 #include <ucontext.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -33,6 +34,38 @@ bool restarts_calls(int signum) {
   return (action[1] & SA_RESTART) != 0;
 }
 
+// The record of the place's level of the stack. A level that is not known takes the place of the oldest one.
+delivery_place& kept_place(thread_data* thread, const application_place& place) {
+  for (delivery_place& kept : thread->delivery_places) {
+    if (kept.sp == place.sp) return kept;
+  }
+  return thread->delivery_places[thread->next_delivery_place++ % DELIVERY_PLACES];
+}
+
+// The application has come to the place by itself.
+void begin_deliveries(thread_data* thread, int signum, const application_place& place) {
+  kept_place(thread, place) = {place.source, place.sp, signal_bit(signum)};
+}
+
+// Whether the signal was delivered at this place since the application has come to it.
+bool is_delivered_again(thread_data* thread, int signum, const application_place& place) {
+  delivery_place& kept = kept_place(thread, place);
+  if (kept.source != place.source || kept.sp != place.sp) {
+    kept = {place.source, place.sp, 0};
+  }
+  const bool again = (kept.signals & signal_bit(signum)) != 0;
+  kept.signals |= signal_bit(signum);
+  return again;
+}
+
+// Of a timer, the kernel or another process, and without a queue: the program cannot know when it comes, and where it
+// comes twice, the second one was sent after the first was delivered.
+bool comes_by_itself(const siginfo_t& sent) {
+  if (sent.si_signo >= FIRST_QUEUED_SIGNAL) return false;
+  const bool has_sender = sent.si_code == SI_USER || sent.si_code == SI_QUEUE || sent.si_code == SI_TKILL;
+  return has_sender ? sent.si_pid != getpid() : sent.si_code == SI_TIMER || sent.si_code == SI_KERNEL;
+}
+
 }  // namespace
 
 void note_handler_return(thread_data* thread, std::uint64_t source) { thread->handler_return = source; }
@@ -42,25 +75,26 @@ void note_progress(thread_data* thread) {
   thread->deliveries_in_place = 0;
 }
 
-bool give_turn(thread_data* thread, std::uint64_t source, std::uint64_t entry) {
-  if (thread->has_turn != 0) {
-    thread->has_turn = 0;
-    return false;
-  }
-  if (thread->handler_return == 0 || thread->handler_return != source) {
-    thread->deliveries_in_place = 0;
+bool give_turn(thread_data* thread, int signum, const siginfo_t* sent, const application_place& place) {
+  const bool had_turn = thread->has_turn != 0;
+  thread->has_turn = 0;
+  // Where a handler has returned in its turn, the code that it has interrupted has had none.
+  if (thread->handler_return == 0 || thread->handler_return != place.source) {
+    if (!had_turn) thread->deliveries_in_place = 0;
+    begin_deliveries(thread, signum, place);
     return false;
   }
   thread->handler_return = 0;
-  if (thread->deliveries_in_place < WITHOUT_A_TURN) {
+  const bool comes_again = is_delivered_again(thread, signum, place) && sent != nullptr && comes_by_itself(*sent);
+  if (!comes_again && thread->deliveries_in_place < WITHOUT_A_TURN) {
     ++thread->deliveries_in_place;
     return false;
   }
-  if (!is_code_address(thread, entry)) return false;
-  const std::int32_t id = exit_owner(thread, entry);
+  if (!is_code_address(thread, place.cache)) return false;
+  const std::int32_t id = exit_owner(thread, place.cache);
   if (id < 0) return false;
   hold_back_for_turn(thread);
-  trap_fragment_exit(thread, id, entry);
+  trap_fragment_exit(thread, id, place.cache);
   thread->has_turn = 1;
   return true;
 }

@@ -5,8 +5,8 @@
 //   version 1   again, 300 times
 //   a function in memory that is mapped twice, for writing and for running: 2 additions on two lanes, 500 times
 //   a function in the place of a library that has been unmapped: 1 division, 200 times
-//
-// Memory is never writable and executable at once.
+//   a function in memory that is writable and executable at once, written over in place: 2 additions on two lanes 60
+//   times, 3 multiply-adds 30 times, the additions 40 times
 //
 // generated_code [places | names]    prints where the functions are; "names" also writes them to the process's perf map
 #define _GNU_SOURCE
@@ -53,6 +53,11 @@ static void write_code(void* place, const uint32_t* words, size_t size) {
   __builtin___clear_cache((char*)place, (char*)place + size);
 }
 
+static void write_over(void* place, const uint32_t* words, size_t size) {
+  memcpy(place, words, size);
+  __builtin___clear_cache((char*)place, (char*)place + size);
+}
+
 static double call(void* place, int times) {
   double sum = 0;
   for (int round = 0; round < times; ++round) sum = ((function)place)(sum, 1.0);
@@ -94,7 +99,19 @@ int main(int argc, char** argv) {
   CHECK(call(again, 200) == 0);
   name(again, sizeof quotient, "a quotient");
 
+  char* open_code = mmap(NULL, page, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  CHECK(open_code != MAP_FAILED);
+  write_over(open_code, lanes, sizeof lanes);
+  CHECK(call(open_code, 60) == 120);
+  write_over(open_code, version_1, sizeof version_1);
+  CHECK(call(open_code, 30) == 90);
+  write_over(open_code, lanes, sizeof lanes);
+  CHECK(call(open_code, 40) == 80);
+
   if (names != NULL) fclose(names);
-  if (argc > 1) printf("%lx %lx %lx\n", (unsigned long)code, (unsigned long)twin, (unsigned long)again);
+  if (argc > 1) {
+    printf("%lx %lx %lx %lx\n", (unsigned long)code, (unsigned long)twin, (unsigned long)again,
+           (unsigned long)open_code);
+  }
   return 0;
 }

@@ -37,7 +37,7 @@ class GeneratedCode(unittest.TestCase):
         return places, sorted(block for block in blocks if any(0 <= block[0] - place < 64 for place in places))
 
     def expected(self, places, names):
-        code, twin, again = places
+        code, twin, again, in_place = places
         blocks = [
             # Version 1, as both of its calls; version 2 up to its loop's branch, its loop, and what both share: no
             # block of the same instructions.
@@ -46,6 +46,9 @@ class GeneratedCode(unittest.TestCase):
             [code + 16, code + 28, code + 16, code + 28, 1, 40, 1, names[0]],
             [twin, twin + 12, twin, twin + 12, 4, 500, 2, names[1]],
             [again, again + 8, again, again + 8, 1, 200, 1, names[2]],
+            # Written over twice: the first version comes back.
+            [in_place, in_place + 12, in_place, in_place + 12, 4, 100, 2, "[generated]"],
+            [in_place, in_place + 16, in_place, in_place + 16, 6, 30, 1, "[generated]"],
         ]
         return sorted(blocks)
 

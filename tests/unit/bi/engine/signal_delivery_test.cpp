@@ -182,29 +182,97 @@ TEST_F(signal_delivery, a_handler_returns_to_the_mask_of_its_frame_whatever_is_h
   EXPECT_NE(in_between & signal_bit(SIGUSR2), 0u) << "nothing strikes before the kernel restores the frame";
 }
 
-TEST_F(signal_delivery, a_flood_at_one_place_gives_the_application_a_turn_of_one_block) {
-  const std::int32_t id = scan_block(loop_to_itself);
-  dispatched(address_of(loop_to_itself), id);
-  const std::uint64_t source = address_of(loop_to_itself);
-  frame[REENTRY_NEXT / 8] = address_of(block(id));
-  int delivered = 0;
-  for (bool waits = false; !waits && delivered < 1000; ++delivered) {
-    note_handler_return(thread, source);
-    waits = give_turn(thread, source, address_of(block(id)));
+class floods : public signal_delivery {
+ protected:
+  void SetUp() override {
+    signal_delivery::SetUp();
+    id = scan_block(loop_to_itself);
+    dispatched(address_of(loop_to_itself), id);
+    frame[REENTRY_NEXT / 8] = address_of(block(id));
   }
+
+  // Whether the signal, which has found the place where the last handler has returned to, waits for a turn.
+  bool waits_behind_handler(int signum, const siginfo_t* sent, std::uint64_t sp = 0x8000) {
+    note_handler_return(thread, address_of(loop_to_itself));
+    return waits(signum, sent, sp);
+  }
+  bool waits(int signum, const siginfo_t* sent, std::uint64_t sp = 0x8000) {
+    return give_turn(thread, signum, sent, {address_of(loop_to_itself), sp, address_of(block(id))});
+  }
+
+  static siginfo_t sent_by(int signum, int code, pid_t sender) {
+    siginfo_t info{};
+    info.si_signo = signum;
+    info.si_code = code;
+    info.si_pid = sender;
+    return info;
+  }
+
+  std::int32_t id = 0;
+};
+
+TEST_F(floods, a_signal_without_a_queue_that_waits_merges_with_the_next_of_its_number) {
+  const siginfo_t first = sent_by(SIGALRM, SI_KERNEL, 1);
+  const siginfo_t second = sent_by(SIGALRM, SI_KERNEL, 2);
+  count_signal(thread, first);
+  count_signal(thread, second);
+  EXPECT_EQ(thread->pending_signals[SIGALRM], 1);
+  EXPECT_EQ(thread->pending_signal_count, 1);
+  EXPECT_EQ(find_held_signal(thread->held, SIGALRM)->si_pid, 1);
+  const siginfo_t queued = sent_by(40, SI_QUEUE, 3);
+  count_signal(thread, queued);
+  count_signal(thread, queued);
+  EXPECT_EQ(thread->pending_signals[40], 2);
+}
+
+TEST_F(floods, a_handlers_return_is_no_turn_of_the_code_that_it_has_interrupted) {
+  const siginfo_t alarm = sent_by(SIGALRM, SI_KERNEL, 0);
+  EXPECT_FALSE(waits(SIGALRM, &alarm));
+  thread->has_turn = 1;  // The handler returns in it.
+  EXPECT_TRUE(waits_behind_handler(SIGALRM, &alarm));
+}
+
+TEST_F(floods, a_flood_at_one_place_gives_the_application_a_turn_of_one_block) {
+  int delivered = 0;
+  for (bool waiting = false; !waiting && delivered < 1000; ++delivered) waiting = waits_behind_handler(40, nullptr);
   EXPECT_GT(delivered, 65);  // All that there are may come at once.
   EXPECT_LT(delivered, 1000);
   EXPECT_EQ(*meta(id).exit_code_addr, HVC_149);
   const std::uint64_t held_back = set_mask(0);
   EXPECT_EQ(held_back & (SIGILL_BIT | signal_bit(SIGSEGV) | signal_bit(SIGFPE)), 0u) << "the block may fault";
   EXPECT_EQ(~held_back & (signal_bit(SIGALRM) | signal_bit(SIGTERM) | signal_bit(40)), 0u);
-  EXPECT_FALSE(give_turn(thread, source, address_of(block(id)))) << "the end of the block";
-  note_handler_return(thread, source);
-  EXPECT_TRUE(give_turn(thread, source, address_of(block(id)))) << "the flood goes on";
-  give_turn(thread, source, address_of(block(id)));
+  EXPECT_FALSE(waits(40, nullptr)) << "the end of the block";
+  EXPECT_TRUE(waits_behind_handler(40, nullptr)) << "the flood goes on";
+  waits(40, nullptr);
   note_progress(thread);
-  note_handler_return(thread, source);
-  EXPECT_FALSE(give_turn(thread, source, address_of(block(id)))) << "the flood is over";
+  EXPECT_FALSE(waits_behind_handler(40, nullptr)) << "the flood is over";
+}
+
+TEST_F(floods, a_timers_signal_that_comes_again_at_its_place_waits_for_a_turn_at_once) {
+  const siginfo_t alarm = sent_by(SIGALRM, SI_KERNEL, 0);
+  const siginfo_t timer = sent_by(SIGUSR1, SI_TIMER, 0);
+  const siginfo_t neighbour = sent_by(SIGUSR2, SI_USER, getpid() + 1);
+  EXPECT_FALSE(waits(SIGALRM, &alarm));
+  EXPECT_FALSE(waits_behind_handler(SIGUSR1, &timer)) << "another signal, which may have come with the first";
+  EXPECT_FALSE(waits_behind_handler(SIGUSR2, &neighbour));
+  // The handlers are interrupted by floods of their own.
+  EXPECT_FALSE(waits(SIGALRM, &alarm, 0x7000));
+  note_progress(thread);
+  EXPECT_TRUE(waits_behind_handler(SIGUSR1, &timer));
+  EXPECT_FALSE(waits(SIGUSR1, &timer)) << "the end of the block";
+  EXPECT_TRUE(waits_behind_handler(SIGUSR1, &timer)) << "the next block";
+  waits(SIGUSR1, &timer);
+  EXPECT_FALSE(waits_behind_handler(SIGUSR2, &neighbour));
+  EXPECT_TRUE(waits_behind_handler(SIGUSR2, &neighbour));
+}
+
+TEST_F(floods, what_the_process_sends_itself_and_what_is_queued_arrives_before_the_application_goes_on) {
+  const siginfo_t raised = sent_by(SIGUSR1, SI_TKILL, getpid());
+  const siginfo_t queued = sent_by(40, SI_QUEUE, getpid() + 1);
+  for (int round = 0; round < 40; ++round) {
+    EXPECT_FALSE(waits_behind_handler(SIGUSR1, &raised));
+    EXPECT_FALSE(waits_behind_handler(40, &queued));
+  }
 }
 
 }  // namespace
