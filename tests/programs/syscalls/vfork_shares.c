@@ -77,6 +77,7 @@ static void children_of_children(void) {
 
 // Signal actions and descriptors are the child's own.
 static void the_rest_is_not_shared(void) {
+  handled = 0;
   CHECK(signal(SIGUSR1, handle) != SIG_ERR);
   int ends[2];
   CHECK(pipe(ends) == 0);
