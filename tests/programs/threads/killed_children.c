@@ -15,7 +15,7 @@
 static volatile struct {
   int pid;
   int ended;
-}* shared;
+} * shared;
 
 static void handle(int number) { (void)number; }
 
