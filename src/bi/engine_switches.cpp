@@ -82,12 +82,9 @@ void note_installed_trace(thread_data* thread, std::int32_t first) {
   for (std::int32_t id = first; id < thread->trace_id; ++id) log_fragment(thread, id);
 }
 
-bool may_link(std::uint64_t* number) {
-  *number = 0;
-  const debug_switches& options = debug_options;
-  if (options.max_links == NO_LIMIT && options.dump_link == 0 && options.exit_linked == nullptr) return true;
+bool may_link_numbered(std::uint64_t* number) {
   *number = next_number(exits_linked);
-  return *number <= options.max_links;
+  return *number <= debug_options.max_links;
 }
 
 void note_link(thread_data* thread, std::int32_t bb_id, std::uint64_t number) {

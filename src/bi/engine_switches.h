@@ -47,7 +47,13 @@ void note_installed_trace(thread_data* thread, std::int32_t first);
 
 // A thread wants to link an exit of the block. *number receives the next number of the process, or 0 if nobody counts;
 // false: it may not.
-bool may_link(std::uint64_t* number);
+bool may_link_numbered(std::uint64_t* number);
+inline bool may_link(std::uint64_t* number) {
+  *number = 0;
+  const debug_switches& options = debug_options;
+  if (options.max_links == NO_LIMIT && options.dump_link == 0 && options.exit_linked == nullptr) return true;
+  return may_link_numbered(number);
+}
 
 // The exit with that number is linked; the block is one of the thread.
 void note_link(thread_data* thread, std::int32_t bb_id, std::uint64_t number);

@@ -34,6 +34,11 @@ inline a64_instruction a64_decode(const std::uint32_t* word_address) {
 bool a64_is_branch_class(int instruction);
 
 // A field of `width` bits, 1 to 64, as the signed number that it stands for.
-std::int64_t a64_sign_extend(std::uint64_t field, int width);
+inline std::int64_t a64_sign_extend(std::uint64_t field, int width) {
+  const std::uint64_t sign = std::uint64_t{1} << (width - 1);
+  // Less the sign's weight, the field's upper half keeps its value and the lower half goes below zero; exchanging all
+  // bits from the sign upwards swaps the two.
+  return static_cast<std::int64_t>((field - sign) ^ ~(sign - 1));
+}
 
 }  // namespace ceilmeter

@@ -17,37 +17,10 @@ static_assert(BRANCH_CLASSES ==
               (bit_of(A64_CBZ) | bit_of(A64_B_COND) | bit_of(A64_TBZ) | bit_of(A64_B) | bit_of(A64_BR) |
                bit_of(A64_BLR) | bit_of(A64_RET) | bit_of(A64_LDR_LITERAL) | bit_of(A64_ADR)));
 
-// The offset from a word to an address, in words, with its sign.
-std::uint32_t word_offset(const std::uint32_t* from, std::uint64_t to) {
-  const std::uint64_t offset = to - reinterpret_cast<std::uintptr_t>(from);
-  return static_cast<std::uint32_t>(static_cast<std::int64_t>(offset) >> 2);
-}
-
 }  // namespace
 
 bool a64_is_branch_class(int instruction) {
   return instruction >= 0 && instruction <= LAST_BRANCH_CLASS && ((BRANCH_CLASSES >> instruction) & 1) != 0;
-}
-
-std::int64_t a64_sign_extend(std::uint64_t field, int width) {
-  const std::uint64_t sign = std::uint64_t{1} << (width - 1);
-  // Less the sign's weight, the field's upper half keeps its value and the lower half goes below zero; exchanging all
-  // bits from the sign upwards swaps the two.
-  return static_cast<std::int64_t>((field - sign) ^ ~(sign - 1));
-}
-
-void a64_b_cond_to(std::uint32_t* from, std::uint64_t to, std::uint32_t cond) {
-  constexpr std::uint32_t B_EQ = 0x54000000;  // b.eq .
-  *from = B_EQ | (word_offset(from, to) & 0x7ffff) << 5 | (cond & 15);
-}
-
-int a64_cbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t sf, std::uint32_t rt) {
-  if (((to - reinterpret_cast<std::uintptr_t>(from)) & 3) != 0) {
-    return -1;
-  }
-  constexpr std::uint32_t CBZ_W0 = 0x34000000;  // cbz w0, .
-  *from = CBZ_W0 | (sf & 1) << 31 | (op & 1) << 24 | (word_offset(from, to) & 0x7ffff) << 5 | (rt & 31);
-  return 0;
 }
 
 int a64_cbz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std::uint32_t rt) {
@@ -56,12 +29,6 @@ int a64_cbz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std:
 
 int a64_cbnz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std::uint32_t rt) {
   return a64_cbz_to(from, 1, to, sf, rt);
-}
-
-void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t rt, std::uint32_t bit) {
-  constexpr std::uint32_t TBZ_W0 = 0x36000000;  // tbz w0, #0, .
-  *from = TBZ_W0 | (bit >> 5 & 1) << 31 | (op & 1) << 24 | (bit & 31) << 19 | (word_offset(from, to) & 0x3fff) << 5 |
-          (rt & 31);
 }
 
 bool a64_authenticated_branch_decode(std::uint32_t word, a64_authenticated_branch* out) {

@@ -43,25 +43,42 @@ inline void a64_push_x0_x1(std::uint32_t** write) {
   *(*write)++ = PUSH_X0_X1;
 }
 
+// The offset from a word to an address, in words, with its sign.
+inline std::uint32_t a64_word_offset(const std::uint32_t* from, std::uint64_t to) {
+  const std::uint64_t offset = to - reinterpret_cast<std::uintptr_t>(from);
+  return static_cast<std::uint32_t>(static_cast<std::int64_t>(offset) >> 2);
+}
+
 // B (link 0) or BL (link 1) to the address `to`, which is a multiple of 4.
 inline void a64_b_to(std::uint32_t* from, std::uint64_t to, std::uint32_t link) {
   constexpr std::uint32_t B = 0x14000000;  // b .
-  const std::uint64_t offset = to - reinterpret_cast<std::uintptr_t>(from);
-  *from = B | link << 31 | (static_cast<std::uint32_t>(offset >> 2) & 0x3ffffff);
+  *from = B | link << 31 | (a64_word_offset(from, to) & 0x3ffffff);
 }
 inline void a64_branch(std::uint32_t* from, std::uint64_t to) { a64_b_to(from, to, 0); }
 inline void a64_bl(std::uint32_t* from, std::uint64_t to) { a64_b_to(from, to, 1); }
 
-void a64_b_cond_to(std::uint32_t* from, std::uint64_t to, std::uint32_t cond);
+inline void a64_b_cond_to(std::uint32_t* from, std::uint64_t to, std::uint32_t cond) {
+  constexpr std::uint32_t B_EQ = 0x54000000;  // b.eq .
+  *from = B_EQ | (a64_word_offset(from, to) & 0x7ffff) << 5 | (cond & 15);
+}
 
 // CBZ (op 0) or CBNZ (op 1) of register rt, 64 bits of it with sf 1. 0, or -1 with nothing written if the offset is not
 // a multiple of 4.
-int a64_cbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t sf, std::uint32_t rt);
+inline int a64_cbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t sf, std::uint32_t rt) {
+  constexpr std::uint32_t CBZ_W0 = 0x34000000;  // cbz w0, .
+  if (((to - reinterpret_cast<std::uintptr_t>(from)) & 3) != 0) return -1;
+  *from = CBZ_W0 | (sf & 1) << 31 | (op & 1) << 24 | (a64_word_offset(from, to) & 0x7ffff) << 5 | (rt & 31);
+  return 0;
+}
 int a64_cbz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std::uint32_t rt);
 int a64_cbnz_helper(std::uint32_t* from, std::uint64_t to, std::uint32_t sf, std::uint32_t rt);
 
 // TBZ (op 0) or TBNZ (op 1) of one bit, 0 to 63, of register rt.
-void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t rt, std::uint32_t bit);
+inline void a64_tbz_to(std::uint32_t* from, std::uint32_t op, std::uint64_t to, std::uint32_t rt, std::uint32_t bit) {
+  constexpr std::uint32_t TBZ_W0 = 0x36000000;  // tbz w0, #0, .
+  *from = TBZ_W0 | (bit >> 5 & 1) << 31 | (op & 1) << 24 | (bit & 31) << 19 |
+          (a64_word_offset(from, to) & 0x3fff) << 5 | (rt & 31);
+}
 
 // A branch to a signed address that it authenticates: BRAA, BLRAA, RETAA and the like, which are in no class of the
 // family. Those whose modifier is a place in the code (RETAASPPC) are not among them.

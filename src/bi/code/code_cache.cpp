@@ -144,13 +144,13 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
   // reserved earlier is continued where the free blocks begin now, which may be far from it; after a flush for a
   // function watch, that is right behind it.
   if (!is_new && !flushed) {
-    note_written(thread, block, block + BB_SIZE);
-    note_written(thread, block_address(thread, first_added), block_address(thread, thread->next_block));
+    note_written(thread->written, block, block + BB_SIZE);
+    note_written(thread->written, block_address(thread, first_added), block_address(thread, thread->next_block));
   } else if (thread->next_block >= bb_id) {
-    note_written(thread, block, block + length);
+    note_written(thread->written, block, block + length);
   } else {
-    note_written(thread, block, thread->code_cache + BB_AREA_SIZE);
-    note_written(thread, block_address(thread, stub_block_count()), block_address(thread, thread->next_block));
+    note_written(thread->written, block, thread->code_cache + BB_AREA_SIZE);
+    note_written(thread->written, block_address(thread, stub_block_count()), block_address(thread, thread->next_block));
   }
   return address;
 }

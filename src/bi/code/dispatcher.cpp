@@ -36,7 +36,7 @@ constexpr engine_log log{"src/bi/dispatcher"};
 
 void link_direct_exit(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
   a64_branch_and_link(thread, meta.exit_code_addr, entry);
-  note_written(thread, meta.exit_code_addr, meta.exit_code_addr + 1);
+  note_written(thread->written, meta.exit_code_addr, meta.exit_code_addr + 1);
   meta.link_state = LINK_TAKEN_FIRST;
 }
 
@@ -46,7 +46,7 @@ void link_second_side(thread_data* thread, bb_meta& meta, std::uint64_t entry) {
   if (meta.exit_kind == EXIT_COMPARE && (meta.link_state & LINK_TAKEN_FIRST) != 0) place = meta.exit_code_addr + 1;
   meta.link_state |= LINK_BOTH;
   a64_branch_and_link(thread, place, entry);
-  note_written(thread, place, place + 1);
+  note_written(thread->written, place, place + 1);
 }
 
 // `other` is the entry of the other side's fragment, or HASH_MISS: that side then goes on to the exit stub.
@@ -63,7 +63,7 @@ void link_first_side_of_compare(thread_data* thread, bb_meta& meta, bool taken, 
   } else if (taken) {
     a64_branch(other_place, address_of(exit + 3));
   }
-  note_written(thread, exit, exit + 3);
+  note_written(thread->written, exit, exit + 3);
 }
 
 void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
@@ -82,7 +82,7 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
     a64_branch_and_link(thread, write++, other + ENTRY_WORD_SIZE);
     meta.link_state |= LINK_BOTH;
   }
-  note_written(thread, meta.exit_code_addr, write);
+  note_written(thread->written, meta.exit_code_addr, write);
 }
 
 // What a lookup pushes at most: x0 and x1, and x2.

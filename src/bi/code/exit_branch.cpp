@@ -210,6 +210,10 @@ branch_offset_field find_branch_offset(std::uint32_t word) {
 }
 
 std::uint64_t branch_destination(std::uint32_t word, const std::uint32_t* place) {
+  // B.cond, CBZ and CBNZ, which most fragments end in.
+  if ((word & 0xff000000) == 0x54000000 || (word & 0x7e000000) == 0x34000000) {
+    return address_of(place) + static_cast<std::uint64_t>(a64_sign_extend(word >> 5 & 0x7ffff, 19) * 4);
+  }
   const branch_offset_field field = find_branch_offset(word);
   const std::uint32_t offset = word >> field.lowest_bit & ((std::uint32_t{1} << field.width) - 1);
   return address_of(place) + static_cast<std::uint64_t>(a64_sign_extend(offset, field.width) * 4);

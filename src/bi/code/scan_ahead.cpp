@@ -1,8 +1,6 @@
 // Reads source words without writing any code.
 #include "bi/code/scan_ahead.h"
 
-#include <array>
-
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/exit_branch.h"
@@ -73,10 +71,7 @@ namespace {
 // The classes of words that may end a fragment or tell something else of it, see find_end.
 constexpr std::array<bool, A64_NOT_RECOGNISED + 1> SAYS_MORE = [] {
   std::array<bool, A64_NOT_RECOGNISED + 1> says{};
-  for (const int inst : {A64_CBZ, A64_B_COND, A64_TBZ, A64_B, A64_BR, A64_BLR, A64_RET, A64_NOT_RECOGNISED, A64_SYS,
-                         A64_LDX_STX, A64_LDR_LITERAL, A64_MSR_IMM, A64_MRS_MSR}) {
-    says[static_cast<std::size_t>(inst)] = true;
-  }
+  for (std::size_t inst = 0; inst < says.size(); ++inst) says[inst] = !copied_classes[inst] || inst == A64_LDX_STX;
   return says;
 }();
 
@@ -110,8 +105,10 @@ const std::uint32_t* load_plain_words(source_window& window, const std::uint32_t
     ++index;
     is_plain = !SAYS_MORE[static_cast<std::size_t>(inst)];
   }
+  const std::size_t plain = is_plain ? index : index - 1;
+  if (window.plain == window.count) window.plain = plain;
   window.count = index;
-  return is_plain ? read : read - 1;
+  return window.first + plain;
 }
 static_assert(A64_NOT_RECOGNISED <= 0xff);
 

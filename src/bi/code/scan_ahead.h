@@ -6,6 +6,7 @@
 // a word is translated as what it was or as what it has become, and never as a mixture of both.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -15,6 +16,17 @@
 
 namespace ceilmeter {
 
+// The classes of which the scanner rewrites no word.
+inline constexpr std::array<bool, A64_NOT_RECOGNISED + 1> copied_classes = [] {
+  std::array<bool, A64_NOT_RECOGNISED + 1> copied{};
+  copied.fill(true);
+  for (const int inst : {A64_CBZ, A64_TBZ, A64_B_COND, A64_SVC, A64_MRS_MSR, A64_B, A64_BR, A64_BLR, A64_RET,
+                         A64_LDR_LITERAL, A64_ADR, A64_NOT_RECOGNISED, A64_MSR_IMM, A64_SYS}) {
+    copied[static_cast<std::size_t>(inst)] = false;
+  }
+  return copied;
+}();
+
 // The source words of a fragment that have been loaded, one behind the other from `first` on. Words behind the room for
 // them are loaded each time.
 struct source_window {
@@ -23,6 +35,7 @@ struct source_window {
   std::size_t room = 0;             // Words.
   std::uint8_t* classes = nullptr;  // Room for as many: what find_end has decoded the words as. Null: not kept.
   std::size_t count = 0;            // How many are there.
+  std::size_t plain = 0;  // How many of the first are of copied_classes, as far as find_end has gone on to count them.
   // Whether what is loaded will be translated. Its lines are then marked (translated_pages.h) before they are loaded.
   bool is_translated = true;
   std::uint64_t marked_line = 0;  // The last one.

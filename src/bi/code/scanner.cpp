@@ -2,7 +2,7 @@
 #include "bi/code/scanner.h"
 
 #include <algorithm>
-#include <array>
+#include <cstring>
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
@@ -203,17 +203,7 @@ void put_system_instruction(scan_state& state) {
   }
 }
 
-// The classes of which no word is rewritten, see rewrite.
-constexpr std::array<bool, A64_NOT_RECOGNISED + 1> copied_classes = [] {
-  std::array<bool, A64_NOT_RECOGNISED + 1> copied{};
-  copied.fill(true);
-  for (const int inst : {A64_CBZ, A64_TBZ, A64_B_COND, A64_SVC, A64_MRS_MSR, A64_B, A64_BR, A64_BLR, A64_RET,
-                         A64_LDR_LITERAL, A64_ADR, A64_NOT_RECOGNISED, A64_MSR_IMM, A64_SYS}) {
-    copied[static_cast<std::size_t>(inst)] = false;
-  }
-  return copied;
-}();
-
+// What is copied by its class (copied_classes) has no case here.
 void rewrite(scan_state& state, int inst) {
   switch (inst) {
     case A64_CBZ:
@@ -298,11 +288,15 @@ void copy_words(scan_state& state, std::size_t known) {
   const std::size_t room = (address_of(state.limit) - needed) / sizeof(std::uint32_t) - 1;
   const std::size_t end = std::min(known, first + room);
   std::size_t index = first;
-  for (std::uint32_t* write = state.write; index < end && copied_classes[state.source.classes[index]]; ++index) {
-    *write++ = state.source.kept[index];
+  std::uint32_t* write = state.write;
+  if (const std::size_t plain = std::min(end, state.source.plain); plain > index) {
+    std::memcpy(write, state.source.kept + index, (plain - index) * sizeof *write);
+    write += plain - index;
+    index = plain;
   }
+  for (; index < end && copied_classes[state.source.classes[index]]; ++index) *write++ = state.source.kept[index];
   mark_source_words(state.thread, state.write, index - first);
-  state.write += index - first;
+  state.write = write;
   state.read += index - first;
 }
 

@@ -55,7 +55,7 @@ void move_trampoline(thread_data* thread, std::uint64_t tramp, std::uint64_t to)
   a64_branch(words + 2, to);
   record.exit_code_addr = words + 2;
   record.rejoin_cache_addr = to;
-  note_written(thread, words, words + 3);
+  note_written(thread->written, words, words + 3);
   count_trace_event(trace_counts.moved_trampolines);
 }
 
@@ -124,7 +124,7 @@ void move_links(thread_data* thread, const bb_meta& head) {
     } else {
       patch_block_branch(thread, place, head.cache_entry + ENTRY_WORD_SIZE, to);
     }
-    note_written(thread, place, place + 1);
+    note_written(thread->written, place, place + 1);
   }
 }
 
@@ -156,7 +156,7 @@ std::uint32_t* make_trampoline(thread_data* thread, const trace_exit& exit, std:
   a64_branch(write++, address_of(from));
   // Always four words: move_trampoline may write as many here later.
   while (write < tramp + TRAMPOLINE_WORDS) *write++ = NOP;
-  note_written(thread, tramp, write);
+  note_written(thread->written, tramp, write);
   count_trace_event(trace_counts.trampolines);
   return write;
 }
@@ -184,7 +184,7 @@ std::uint32_t* patch_exits(thread_data* thread) {
       }
     }
     *place = redirected_branch(*place, place, to);
-    note_written(thread, place, place + 1);
+    note_written(thread->written, place, place + 1);
   }
   return next;
 }
@@ -194,7 +194,7 @@ std::uint32_t* patch_exits(thread_data* thread) {
 void bar_head(thread_data* thread, const bb_meta& head) {
   auto* word = reinterpret_cast<std::uint32_t*>(head.cache_entry + ENTRY_WORD_SIZE);
   a64_brk(word, 0);
-  note_written(thread, word, word + 1);
+  note_written(thread->written, word, word + 1);
 }
 
 }  // namespace

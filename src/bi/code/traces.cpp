@@ -66,7 +66,7 @@ std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_ty
   const std::uint32_t length = scan_fragment(thread, reinterpret_cast<const std::uint32_t*>(source), id, type, write);
   if (thread->trace_fragment_overflow != 0) return write;
   std::uint32_t* end = write + length / 4;
-  note_written(thread, write, end);
+  note_written(thread->written, write, end);
   return end;
 }
 
@@ -119,7 +119,7 @@ std::uint32_t* set_up_trace_exit(thread_data* thread, std::int32_t source_index,
   // the application would hang in it.
   if (trace.exit_count >= MAX_TRACE_EXITS) log(LEVEL_FATAL, "trace %d has more exits than fragments", trace.id);
   trace.exits[trace.exit_count++] = {address_of(last), found + ENTRY_WORD_SIZE, source_index};
-  note_written(thread, first, last + 1);
+  note_written(thread->written, first, last + 1);
   return last + 1;
 }
 
@@ -136,7 +136,7 @@ bool exits_reach(const trace_state& trace, const std::uint32_t* end) {
 void close_trace(thread_data* thread, std::int32_t source_index, std::uint32_t* write, std::uint64_t entry,
                  std::uint64_t* next_addr) {
   a64_branch_and_link(thread, write, entry + ENTRY_WORD_SIZE);
-  note_written(thread, write, write + 1);
+  note_written(thread->written, write, write + 1);
   thread->active_trace.write = write + 1;
   thread->metas[source_index].link_state |= LINK_CLOSES_TRACE;
   install_trace(thread);
@@ -162,7 +162,7 @@ void close_in_block(thread_data* thread, std::int32_t source_index, std::uint32_
 std::uint32_t* put_entry_snippet(thread_data* thread, std::uint32_t* at, const std::uint32_t* fragment) {
   at[0] = POP_X0_X1;
   a64_branch(at + 1, address_of(fragment));
-  note_written(thread, at, at + 2);
+  note_written(thread->written, at, at + 2);
   return at + 2;
 }
 

@@ -65,18 +65,13 @@ void clear_instruction_cache(const void* begin, const void* end) {
   maintain(&range, 1);
 }
 
-void note_written(thread_data* thread, const void* begin, const void* end) {
-  written_code& written = thread->written;
-  if (written.defers == 0) {
-    clear_instruction_cache(begin, end);
-    return;
-  }
-  if (written.count == written_code::MOST) maintain_written(written);
-  written_range& range = written.ranges[written.count++];
-  range = {address_of(begin), address_of(end)};
+void maintain_at_once(written_code& written, const void* begin, const void* end) {
+  maintain_written(written);
+  clear_instruction_cache(begin, end);
 }
 
 void maintain_written(written_code& written) {
+  if (written.count == 0) return;
   maintain(written.ranges, written.count);
   written.count = 0;
 }

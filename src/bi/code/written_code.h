@@ -26,8 +26,6 @@
 
 namespace ceilmeter {
 
-struct thread_data;
-
 struct written_range {
   std::uint64_t begin;
   std::uint64_t end;
@@ -41,14 +39,24 @@ struct written_code {
   written_range ranges[MOST];
 };
 
+// All of them are given the thread's record of what was written.
+void maintain_written(written_code& written);
+void maintain_at_once(written_code& written, const void* begin, const void* end);
+
 // Notes words that the thread has written into its cache, or maintains the caches over them at once if the thread does
 // not defer.
-void note_written(thread_data* thread, const void* begin, const void* end);
+inline void note_written(written_code& written, const void* begin, const void* end) {
+  if (written.defers == 0 || written.count == written_code::MOST) {
+    maintain_at_once(written, begin, end);
+    return;
+  }
+  written_range& range = written.ranges[written.count++];
+  range = {reinterpret_cast<std::uint64_t>(begin), reinterpret_cast<std::uint64_t>(end)};
+}
 
 // Around a visit. The second function maintains the caches over what was noted. It comes before the way back into the
-// cache. Both are given the thread's record of what was written.
+// cache.
 inline void begin_deferring(written_code& written) { written.defers = 1; }
-void maintain_written(written_code& written);
 inline void finish_written(written_code& written) {
   written.defers = 0;
   if (written.count != 0) maintain_written(written);

@@ -23,18 +23,7 @@ void hash_init(hash_table* table, std::int32_t size) {
   }
 }
 
-bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value) {
-  hash_entry* entries = hash_entries(table);
-  std::int32_t index = hash_home(table, key);
-  while (entries[index].key != 0 && entries[index].key != key) {
-    ++index;
-    if (index == table->size - 1) log(LEVEL_FATAL, "hash table index overflow");
-    ++table->collisions;
-  }
-  if (entries[index].key == 0) ++table->count;
-  entries[index] = {key, value};
-  return true;
-}
+void refuse_full_table() { log(LEVEL_FATAL, "hash table index overflow"); }
 
 void hash_delete(hash_table* table, std::uint64_t key) {
   hash_entry* entries = hash_entries(table);

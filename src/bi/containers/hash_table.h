@@ -86,7 +86,18 @@ inline bool hash_has_room(const hash_table* table, std::uint64_t key) {
 
 // Stores the pair; a key that is there gets the new value. Returns true. A run of occupied slots that reaches the
 // table's end is fatal: a table without room for a block would scan that block again at each visit.
-bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value);
+void refuse_full_table();
+inline bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value) {
+  hash_entry* entry = hash_entries(table) + hash_home(table, key);
+  const hash_entry* const last = hash_entries(table) + (table->size - 1);
+  while (entry->key != 0 && entry->key != key) {
+    if (++entry == last) refuse_full_table();
+    ++table->collisions;
+  }
+  if (entry->key == 0) ++table->count;
+  *entry = {key, value};
+  return true;
+}
 
 // Empties the slot of `key`, if it finds the slot. Not for the engine's own paths: its probe differs from hash_add's
 // (see the definition), and an emptied slot cuts the probes that led over it.

@@ -41,6 +41,18 @@ void linked_pool_init(linked_pool* pool, std::uint32_t capacity);
 void linked_pool_init_zeroed(linked_pool* pool, std::uint32_t capacity);
 
 // A record with `next` null and `word` as it was, or null when all have been handed out.
-linked_record* linked_pool_alloc(linked_pool* pool);
+inline linked_record* linked_pool_alloc(linked_pool* pool) {
+  linked_record* record = pool->free_head;
+  if (record == nullptr) return nullptr;
+  linked_record* following = record + 1;
+  if (record->next != nullptr) {
+    pool->free_head = record->next;
+  } else {
+    // Either the last record, or one that was never threaded. After such a record the free ones lie next to each other.
+    pool->free_head = following != linked_pool_records(pool) + pool->capacity ? following : nullptr;
+  }
+  record->next = nullptr;
+  return record;
+}
 
 }  // namespace ceilmeter

@@ -185,7 +185,9 @@ void return_behind_drops(thread_data* thread, std::uint64_t* args, std::uint64_t
 
 }  // namespace
 
-void leave_syscall(thread_data* thread) {
+namespace {
+
+inline void come_back(thread_data* thread) {
   // This thread stores its status and then loads the flag; mora_terminate stores the flag and then loads the status.
   // The fence here and the one there forbid that both loads see the old values, which would let this thread run on in
   // the cache while the process is torn down: either it finds the flag, or mora_terminate finds it running and goes on
@@ -194,6 +196,10 @@ void leave_syscall(thread_data* thread) {
   leave_call(thread);  // Its fence serves both.
   if (is_process_ending(thread)) abandon_thread(thread);
 }
+
+}  // namespace
+
+void leave_syscall(thread_data* thread) { come_back(thread); }
 
 namespace {
 
@@ -247,7 +253,7 @@ namespace {
 // args[0] is the result.
 void finish_call(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread) {
   restore_argument(thread, args, 1);
-  leave_syscall(thread);
+  come_back(thread);
   if (!has_own_descriptors(thread)) {
     args[0] = static_cast<std::uint64_t>(settle_descriptor(number, args, static_cast<std::int64_t>(args[0])));
   }
