@@ -69,11 +69,15 @@ std::uint32_t load_word(source_window& window, const std::uint32_t* place) {
 namespace {
 
 // The classes of words that may end a fragment or tell something else of it, see find_end.
-constexpr std::array<bool, A64_NOT_RECOGNISED + 1> SAYS_MORE = [] {
-  std::array<bool, A64_NOT_RECOGNISED + 1> says{};
+using class_flags = std::array<bool, A64_NOT_RECOGNISED + 1>;
+
+constexpr class_flags classes_that_say_more() {
+  class_flags says{};
   for (std::size_t inst = 0; inst < says.size(); ++inst) says[inst] = !copied_classes[inst] || inst == A64_LDX_STX;
   return says;
-}();
+}
+
+constexpr class_flags SAYS_MORE = classes_that_say_more();
 
 bool has_place(const source_window& window, const std::uint32_t* place) {
   return window.classes != nullptr && static_cast<std::size_t>(place - window.first) < window.room;
