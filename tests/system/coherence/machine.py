@@ -116,6 +116,12 @@ def output_of(*command):
     return subprocess.run(command, check=True, capture_output=True, text=True).stdout
 
 
+def has_emulator():
+    """Whether there is an emulator for the plug-in, fetched if need be. Where there is none, the fetch says why."""
+    return subprocess.run([os.path.join(SOURCE, "tools/vm/emulator/fetch")], stdout=subprocess.DEVNULL,
+                          check=False).returncode == 0
+
+
 def userland():
     """The folder of the machine's userland, fetched if it is missing."""
     subprocess.run([os.path.join(SOURCE, "tools/vm/fetch")], check=True)
