@@ -237,7 +237,7 @@ struct thread_data {
   // Of an IC IVAU, on its way to the dispatcher: the address, and then not 0. Rewritten code writes both.
   std::uint64_t invalidated_address;
   std::uint64_t invalidates;
-  std::uint32_t visit_wanted;  // A signal is being sent to it that makes it look.
+  std::uint32_t visit_wanted;  // Not 0: a signal is being sent to it, or has been, that makes it look.
   // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
   // one. 0: none, or not noted; -1: the last one.
   std::int32_t fragment_chains[FRAGMENT_CHAINS];

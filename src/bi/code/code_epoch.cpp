@@ -22,10 +22,16 @@
 #include "bi/code/shared_mappings.h"
 #include "bi/code/stubs.h"
 #include "bi/code/translated_pages.h"
+#include "bi/kernel/call_mask.h"
 
 namespace ceilmeter {
 
 namespace {
+
+// What visit_wanted says besides 0. The signal is about to be sent; it has been sent. Only then can it have been merged
+// with another one.
+constexpr std::uint32_t VISIT_WANTED = 1;
+constexpr std::uint32_t VISIT_SENT = 2;
 
 // No signal has number 0: its counter counts the visits that the thread owes.
 constexpr int VISITS = 0;
@@ -83,7 +89,7 @@ bool is_behind(thread_data* thread, std::uint64_t epoch) {
 // The caller holds thread_list_lock, so that one thread at a time sets the wish.
 void want_visit(thread_data* thread, std::uint64_t epoch) {
   std::atomic_ref wanted(thread->visit_wanted);
-  if (wanted.exchange(1, std::memory_order_seq_cst) != 0) return;  // The signal is on its way.
+  if (wanted.fetch_or(VISIT_WANTED, std::memory_order_seq_cst) != 0) return;  // The signal is on its way.
   std::atomic_thread_fence(std::memory_order_seq_cst);
   if (is_in_call(thread)) {
     wanted.store(0, std::memory_order_release);
@@ -97,6 +103,9 @@ void want_visit(thread_data* thread, std::uint64_t epoch) {
   // A child in its parent's memory is a process of its own, and asks its parent's threads as well.
   if (raw_syscall(SYS_rt_tgsigqueueinfo, static_cast<std::uint64_t>(thread->process),
                   static_cast<std::uint64_t>(thread->tid), SIGILL, address_of(&info)) == 0) {
+    // Unless it is answered already. Release: pairs with the loads in visit_was_merged.
+    std::uint32_t unanswered = VISIT_WANTED;
+    wanted.compare_exchange_strong(unanswered, VISIT_WANTED | VISIT_SENT, std::memory_order_release);
     return;
   }
   // A child that has ended, or has become another user, cannot be asked. Nobody waits for it; the latter looks at the
@@ -199,11 +208,23 @@ void wait_for_visit(thread_data* thread) {
   while (std::atomic_ref(thread->visit_wanted).load(std::memory_order_acquire) != 0) sched_yield();
 }
 
-bool answer_visit(thread_data* thread, const siginfo_t& info, bool* out_alone) {
-  // Acquire: pairs with the exchange in want_visit; the epoch read next is that of the wish, or a later one.
+bool is_visit(const siginfo_t& info) { return info.si_code == SI_QUEUE && info.si_value.sival_ptr == &engine; }
+
+bool visit_was_merged(thread_data* thread) {
+  const std::atomic_ref wanted(thread->visit_wanted);
+  // Its sender waits for nobody in between.
+  while (wanted.load(std::memory_order_acquire) == VISIT_WANTED) sched_yield();
+  if (wanted.load(std::memory_order_acquire) == 0) return false;
+  // SIGILL is blocked in its handler: a visit that was not merged is pending, and comes behind this signal. To answer
+  // it now would let its signal strike later, in a system call of the application's.
+  std::uint64_t pending = 0;
+  raw_syscall(SYS_rt_sigpending, address_of(&pending), sizeof pending);
+  return (pending & SIGILL_BIT) == 0;
+}
+
+bool answer_visit(thread_data* thread) {
+  // Acquire: pairs with the RMW in want_visit; the epoch read next is that of the wish, or a later one.
   if (std::atomic_ref(thread->visit_wanted).exchange(0, std::memory_order_acq_rel) == 0) return false;
-  // The signal may be one of the application's that the kernel has merged this one with.
-  *out_alone = info.si_code == SI_QUEUE && info.si_value.sival_ptr == &engine;
   std::atomic_ref(thread->pending_signals[VISITS]).fetch_add(1, std::memory_order_relaxed);
   std::atomic_ref(thread->pending_signal_count).fetch_add(1, std::memory_order_relaxed);
   return true;

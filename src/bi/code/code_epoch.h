@@ -62,9 +62,15 @@ inline void leave_call(thread_data* thread) {
   std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
-// In the handler of SIGILL. Whether the signal was sent by settle_code_epoch. `*out_alone` tells whether it was nothing
-// but that.
-bool answer_visit(thread_data* thread, const siginfo_t& info, bool* out_alone);
+// In the handler of SIGILL. Whether the signal was sent by settle_code_epoch.
+bool is_visit(const siginfo_t& info);
+
+// Whether the kernel has merged such a signal with the one that is being handled, be it of a trap, of a timer or of the
+// application's: of one number it keeps one at a time.
+bool visit_was_merged(thread_data* thread);
+
+// Counts the visit that the thread owes then. False if nobody wants one.
+bool answer_visit(thread_data* thread);
 
 // Then, when the thread's next exit is trapped: whoever waits for it may go on.
 void acknowledge_visit(thread_data* thread);

@@ -259,11 +259,14 @@ void dispatch(thread_data* thread, arrival& signal) {
   const std::uint64_t pc = context.pc;
 
   if (is_process_ending(thread)) return lead_out(thread, signal, fault);
-  // First: the kernel may have merged it with an interruption.
-  if (bool alone = false; signum == SIGILL && !fault && answer_visit(thread, signal.frame->info, &alone)) {
-    trap_next_exit(thread, context);
-    acknowledge_visit(thread);
-    if (alone) return;
+  // First: the kernel may have merged it with a trap or an interruption.
+  const bool visits = signum == SIGILL && is_visit(signal.frame->info);
+  if (visits || (signum == SIGILL && visit_was_merged(thread))) {
+    if (answer_visit(thread)) {
+      if (!fault) trap_next_exit(thread, context);  // A fault or a trap leads to the engine by itself.
+      acknowledge_visit(thread);
+    }
+    if (visits) return;
   }
   if (fault && is_stub_point(thread, pc, reentry_raise)) return raise_at_return(thread, ucontext);
   if (is_interruption(thread, signum, &signal.frame->info)) {

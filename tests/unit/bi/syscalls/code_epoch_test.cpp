@@ -107,9 +107,7 @@ TEST_F(code_epoch, a_thread_that_runs_is_waited_for_until_it_acknowledges) {
   while (std::atomic_ref(other->visit_wanted).load() == 0) std::this_thread::yield();
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_FALSE(settled);
-  bool alone = false;
-  EXPECT_TRUE(answer_visit(other, visit(), &alone));
-  EXPECT_TRUE(alone);
+  EXPECT_TRUE(answer_visit(other));
   EXPECT_FALSE(settled);
   acknowledge_visit(other);
   waiting.join();
@@ -135,8 +133,7 @@ TEST_F(code_epoch, a_child_in_its_parents_memory_is_waited_for_though_its_parent
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_FALSE(settled);
   EXPECT_EQ(parent->visit_wanted, 0u);
-  bool alone = false;
-  EXPECT_TRUE(answer_visit(other, visit(), &alone));
+  EXPECT_TRUE(answer_visit(other));
   acknowledge_visit(other);
   waiting.join();
   EXPECT_TRUE(settled);
@@ -161,18 +158,41 @@ TEST_F(code_epoch, what_is_settled_asks_nobody_again) {
 }
 
 TEST_F(code_epoch, a_signal_that_nobody_asked_for_is_no_visit) {
-  bool alone = false;
-  EXPECT_FALSE(answer_visit(thread, visit(), &alone));
+  EXPECT_FALSE(answer_visit(thread));
+  EXPECT_FALSE(visit_was_merged(thread));
   EXPECT_EQ(thread->pending_signal_count, 0);
 }
 
-TEST_F(code_epoch, a_signal_of_the_applications_that_a_visit_was_merged_with_is_not_swallowed) {
-  thread->visit_wanted = 1;
+TEST_F(code_epoch, a_visit_tells_itself_from_other_signals_of_its_number) {
   siginfo_t info = visit();
+  EXPECT_TRUE(is_visit(info));
   info.si_code = SI_TKILL;
-  bool alone = true;
-  EXPECT_TRUE(answer_visit(thread, info, &alone));
-  EXPECT_FALSE(alone);
+  EXPECT_FALSE(is_visit(info));
+}
+
+// The test's own process has the engine's state: the visit is a real signal, which stays pending while it is blocked.
+TEST_F(code_epoch, a_visit_whose_signal_was_merged_with_another_one_is_found) {
+  sigset_t sigill;
+  sigemptyset(&sigill);
+  sigaddset(&sigill, SIGILL);
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &sigill, &before);
+  other->process = getpid();
+  other->tid = gettid();
+  drop(thread);
+  std::thread waiting([&] { settle_code_epoch(thread); });
+  EXPECT_FALSE(visit_was_merged(other));  // Whether it is wanted yet or not.
+  while (std::atomic_ref(other->visit_wanted).load() == 0) std::this_thread::yield();
+  EXPECT_FALSE(visit_was_merged(other)) << "its signal is still to come";
+  siginfo_t taken{};
+  EXPECT_EQ(sigwaitinfo(&sigill, &taken), SIGILL);
+  EXPECT_TRUE(is_visit(taken));
+  EXPECT_TRUE(visit_was_merged(other)) << "no signal is pending, and nobody has answered";
+  EXPECT_TRUE(answer_visit(other));
+  EXPECT_FALSE(visit_was_merged(other));
+  acknowledge_visit(other);
+  waiting.join();
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 TEST_F(code_epoch, a_call_begins_when_the_signal_that_is_on_its_way_has_come) {
@@ -184,8 +204,7 @@ TEST_F(code_epoch, a_call_begins_when_the_signal_that_is_on_its_way_has_come) {
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_FALSE(entered);
-  bool alone = false;
-  EXPECT_TRUE(answer_visit(thread, visit(), &alone));
+  EXPECT_TRUE(answer_visit(thread));
   entering.join();
   EXPECT_EQ(thread->runs_call, 1u);
 }
