@@ -66,15 +66,13 @@ bool drop_up_to(thread_data* thread, std::uint64_t epoch) {
   return dropped;
 }
 
+// Never goes back: the handler of a visit may have acknowledged a later epoch in the middle of apply_code_epoch, or the
+// thread itself while another one acknowledges in its place. Two threads that wait for each other's acknowledgement
+// would wait for ever if one was taken back.
 void acknowledge(thread_data* thread, std::uint64_t epoch) {
-  // Release: pairs with the load in is_behind. By then the thread's exit is trapped.
-  std::atomic_ref(thread->acknowledged_epoch).store(epoch, std::memory_order_release);
-}
-
-// In place of a thread that is not reached. Its own acknowledgement may be of a later epoch.
-void acknowledge_for(thread_data* thread, std::uint64_t epoch) {
   std::atomic_ref acknowledged(thread->acknowledged_epoch);
   std::uint64_t before = acknowledged.load(std::memory_order_relaxed);
+  // Release: pairs with the load in is_behind. By then the thread's exit is trapped.
   while (before < epoch && !acknowledged.compare_exchange_weak(before, epoch, std::memory_order_release)) {
   }
 }
@@ -111,7 +109,7 @@ void want_visit(thread_data* thread, std::uint64_t epoch) {
   // A child that has ended, or has become another user, cannot be asked. Nobody waits for it; the latter looks at the
   // epoch where it comes to the engine by itself.
   wanted.store(0, std::memory_order_release);
-  acknowledge_for(thread, epoch);
+  acknowledge(thread, epoch);
 }
 
 // Whether another thread is behind the epoch. `first`: each of them is also asked to come.

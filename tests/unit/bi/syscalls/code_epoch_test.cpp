@@ -163,6 +163,13 @@ TEST_F(code_epoch, a_signal_that_nobody_asked_for_is_no_visit) {
   EXPECT_EQ(thread->pending_signal_count, 0);
 }
 
+TEST_F(code_epoch, an_acknowledgement_is_never_taken_back) {
+  drop(thread);
+  std::atomic_ref(other->acknowledged_epoch).store(engine.code_epoch + 1);  // The handler saw a later drop begin.
+  EXPECT_TRUE(apply_code_epoch(other));
+  EXPECT_EQ(other->acknowledged_epoch, engine.code_epoch + 1);
+}
+
 TEST_F(code_epoch, a_visit_tells_itself_from_other_signals_of_its_number) {
   siginfo_t info = visit();
   EXPECT_TRUE(is_visit(info));
