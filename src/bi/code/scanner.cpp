@@ -289,11 +289,10 @@ void copy_words(scan_state& state, std::size_t known) {
   const std::size_t end = std::min(known, first + room);
   std::size_t index = first;
   std::uint32_t* write = state.write;
-  if (const std::size_t plain = std::min(end, state.source.plain); plain > index) {
-    std::memcpy(write, state.source.kept + index, (plain - index) * sizeof *write);
-    write += plain - index;
-    index = plain;
-  }
+  // Each word by a store of its own: memcpy may use scalable vectors, and after such a store the emulator of a machine
+  // still runs what it has translated of the words before. A processor would not, behind the maintenance.
+  const std::size_t plain = std::min(end, state.source.plain);
+  for (; index < plain; ++index) __atomic_store_n(write++, state.source.kept[index], __ATOMIC_RELAXED);
   for (; index < end && copied_classes[state.source.classes[index]]; ++index) *write++ = state.source.kept[index];
   mark_source_words(state.thread, state.write, index - first);
   state.write = write;
