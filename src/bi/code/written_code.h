@@ -1,8 +1,8 @@
 // What a thread has written into its code cache, and the instruction cache has not heard of yet.
 //
 // A visit to the engine may write several pieces: a block, a link to it, a trace's exits. Each would need a maintenance
-// of its own, whose instructions all processors take part in. Instead a visit that defers notes the pieces and does one
-// for all of them at its end.
+// of its own. Instead a visit that defers notes the pieces and maintains all of them at its end, each by a call of the
+// compiler's routine.
 //
 //   who                         may see a piece                                  what comes before
 //   this thread's fetches       when the visit is over and the stub leaves for   finish_written, which ends with the
