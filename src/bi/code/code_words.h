@@ -14,7 +14,7 @@ inline constexpr std::uint64_t ENTRY_WORD_SIZE = 4;
 
 // Clears the instruction cache over words that this thread has just written and that no other thread runs. It ends with
 // the barriers behind which this thread fetches the new words. The caller says how the thread comes to run them.
-// What is written in a visit to the engine that ends with one pass for all of it is noted instead (written_code.h).
+// What is written in a visit to the engine that ends with the clearing of all of it is noted instead (written_code.h).
 void clear_instruction_cache(const void* begin, const void* end);
 
 }  // namespace ceilmeter

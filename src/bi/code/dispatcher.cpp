@@ -9,7 +9,7 @@
 //   word 3   the rest of the exit stub               the push, and the rest of the exit stub
 //
 // A thread patches its own code only, and does so in the engine, outside the code that it patches. The instruction
-// cache is cleared over the words written before the thread goes back into the cache, over all of a visit's at once
+// cache is cleared over the words written before the thread goes back into the cache, at the end of the visit
 // (written_code.h). The clearing ends with the barriers and the context synchronisation that make the new words those
 // that are fetched, and no other thread executes them.
 #include "bi/code/dispatcher.h"
