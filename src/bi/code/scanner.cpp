@@ -2,7 +2,6 @@
 #include "bi/code/scanner.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
