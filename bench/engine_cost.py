@@ -24,8 +24,9 @@ and all else, the result file included, in "engine". --traces tells whether hot 
 engine can be told to leave: with "both" each program is run once without and once with them, and a table at the end has
 the two side by side. --hot prints the N functions that most engine instructions were spent in. --branches counts taken
 branches too, at half the pace, and ends with a table of them: those of the native run, and those that rewritten code
-takes. --json writes the figures as a list of objects. PATTERN chooses lines of the list by a regular expression. Status
-1 if a run's output or status is not that of the native run, or a count cannot be right.
+takes. Where the list has both NAME_short and NAME_long, a table at the end has their difference. --json writes the
+figures as a list of objects. PATTERN chooses lines of the list by a regular expression. Status 1 if a run's output or
+status is not that of the native run, or a count cannot be right.
 """
 import argparse
 import bisect
@@ -118,7 +119,9 @@ class Counter:
                        "PYTHONPYCACHEPREFIX": "/nowhere"}
         if not traces:
             environment["MORA_RUN_TRACES"] = "off"
-        variables = {"RUN": " ".join(command), "ROOT": self.root, "PROGRAMS": self.programs, "LISTS": self.lists}
+        emulate = self.emulator + (f" -L {self.root}" if self.root else "")
+        variables = {"RUN": " ".join(command), "EMULATE": emulate, "ROOT": self.root, "PROGRAMS": self.programs,
+                     "LISTS": self.lists}
         assignments = "".join(f"{name}={shlex.quote(value)}; " for name, value in variables.items())
         folder = os.path.join(scratch, "work")
         shutil.rmtree(folder, ignore_errors=True)
@@ -248,6 +251,19 @@ def print_comparison(rows):
               f"{on['engine_run']:>16,}{on['ratio']:>7.2f}{change:>+9.1%}{'  worse' if change > 0.02 else ''}")
 
 
+def print_steady(rows):
+    """The loops alone of the programs that are in the list with few rounds and with many."""
+    named = {(row["program"], row["traces"]): row for row in rows}
+    pairs = [(row, named.get((row["program"].removesuffix("_long") + "_short", row["traces"]))) for row in rows
+             if row["program"].endswith("_long")]
+    pairs = [(many, few) for many, few in pairs if few]
+    if pairs:
+        print(f"\n{'the loop alone':<14}{'native':>14}{'engine run':>15}{'ratio':>7}{'blocks':>8}")
+    for many, few in pairs:
+        native, run, blocks = (many[name] - few[name] for name in ("native", "engine_run", "blocks"))
+        print(f"{many['program'].removesuffix('_long'):<14}{native:>14,}{run:>15,}{run / native:>7.2f}{blocks:>8,}")
+
+
 def print_branches(rows, modes):
     """The taken branches of rewritten code beside the native ones, for each way that traces were."""
     headings = {False: "without traces", True: "with traces"}
@@ -299,6 +315,7 @@ def main():
             print(f"engine_cost: {error}", file=sys.stderr)
     if arguments.traces == "both":
         print_comparison(rows)
+    print_steady(rows)
     if arguments.branches:
         print_branches(rows, modes)
     if arguments.json:
