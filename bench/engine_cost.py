@@ -9,11 +9,11 @@ Runs each program of a list natively and under the bare engine, and prints what 
   native      instructions of the native run
   engine run  instructions of the run under the engine, and their ratio to the native ones, split into
     cache     rewritten code: the code caches without the stubs at their start; x is its ratio to the native count
-    counters  of the stubs, the one that counts how often a block runs
+    counters  the stub that counts how often a block runs
     switches  the other stubs, which save and restore state on the way into the engine and back
     engine    everything else: the engine's C++ and the libraries that it uses
-  start       of the last, what ran before the first rewritten instruction
-  blocks      blocks scanned; dispatch, how often the dispatcher was asked; flushes, how often the cache was emptied
+  start       the part of "engine" that ran before the first rewritten instruction
+  blocks      how many blocks were scanned; dispatch, calls of the dispatcher; flushes, how often the cache was emptied
   per block   switches and engine, without the start, over blocks scanned. System calls are in it, so that it tells the
               work per block only of programs that make few
 
@@ -42,17 +42,17 @@ import tempfile
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 TOP = os.path.dirname(HERE)
-# The functions that are counted by their first instruction.
+# The plug-in counts calls of these functions by their first instruction.
 SCAN, FLUSH, DISPATCH = "ceilmeter::scan_fragment", "ceilmeter::flush_code_cache", "dispatcher"
-# The stub text, and in it the stub that counts, which lies between two others.
+# Symbols: the stub text, and in it the counter stub, which ends where the next stub begins.
 STUB_TEXT, STUB_TEXT_END, BLOCK = "stub_text", "stub_text_end", 256
 COUNTER_STUB, COUNTER_STUB_END = "hot_counter_stub", "syscall_wrapper"
 
-# What the tool prints in its bintracer phase, in front of what the program prints and behind it.
+# In its bintracer phase the tool prints these lines before and behind the program's own output.
 OPENING_LINES = re.compile(rb"CEILMETER: Start collection for .*\nCEILMETER: Launch application to do .*\n")
 CLOSING_LINES = re.compile(rb"CEILMETER: Processing all collected data\nCEILMETER: Result is captured at .*\n"
                            rb'CEILMETER: Run "ceilview .*\n')
-KINDS = ("other", "cache", "stubs")  # Of code, to the plug-in.
+KINDS = ("other", "cache", "stubs")  # The kinds of code that the plug-in tells apart.
 
 
 class CountError(Exception):
@@ -67,7 +67,7 @@ def symbols_of(nm, path, *options):
 
 
 def without_lines_of_the_tool(output):
-    """What the program has printed. The closing lines stand right behind it, also where it does not end a line."""
+    """Returns what the program has printed. If that does not end a line, the closing lines follow on the same line."""
     for pattern in (OPENING_LINES, CLOSING_LINES):
         output = pattern.sub(b"", output, count=1)
     return output
@@ -242,7 +242,7 @@ def print_row(row):
 
 
 def print_comparison(rows):
-    """The runs without and with traces, side by side. One that costs more with them is marked."""
+    """Prints the runs without and with traces side by side, and marks a program that costs more with traces."""
     print(f"\n{'program':<14}{'native':>14}{'without traces':>16}{'ratio':>7}{'with traces':>16}{'ratio':>7}"
           f"{'change':>9}")
     for off, on in zip(rows[::2], rows[1::2]):

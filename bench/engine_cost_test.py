@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""engine_cost.py counts what it says, shown on loops whose instructions are known.
+"""Tests engine_cost.py on loops whose number of instructions is known.
 
 engine_cost_test.py BUILD NM
 """
@@ -51,7 +51,7 @@ class EngineCost(unittest.TestCase):
 
     def test_thousand_rounds_of_forty_instructions_are_forty_thousand_more(self):
         more = self.rows["straight_2000"]["native"] - self.rows["straight_1000"]["native"]
-        self.assertAlmostEqual(more, 40000, delta=200)  # The output and its printing differ a little.
+        self.assertAlmostEqual(more, 40000, delta=200)  # The printed numbers differ a little.
 
     def test_rewritten_code_runs_the_loops_instructions_too(self):
         more = self.rows["straight_2000"]["cache"] - self.rows["straight_1000"]["cache"]
@@ -88,8 +88,8 @@ class EngineCost(unittest.TestCase):
         self.assertEqual((status, messages), (0, ""))
         more = traced["straight_2000"]["cache"] - traced["straight_1000"]["cache"]
         bare = self.rows["straight_2000"]["cache"] - self.rows["straight_1000"]["cache"]
-        self.assertGreaterEqual((more - bare) / 1000, 4)  # It counts: a load, an addition, a store and the address.
-        self.assertLess((more - bare) / 1000, 12.5)  # The printing of another number differs a little.
+        self.assertGreaterEqual((more - bare) / 1000, 4)  # Load, addition, store and address of the counter.
+        self.assertLess((more - bare) / 1000, 12.5)  # The printed numbers differ a little.
 
     def test_the_tools_lines_are_taken_out_of_output_that_ends_within_a_line(self):
         own = b"CEILMETER: is a word of the program's\n\xff\x00 and no end of line"

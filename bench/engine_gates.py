@@ -10,11 +10,11 @@ from. PATTERN chooses programs by a regular expression. Takes less than a minute
 
 The figures are instructions, and do not depend on the machine or on what else it does:
 
-  start      before the first rewritten instruction
-  work       of the engine and its stubs behind that, system calls and ending included; without counters
+  start      what runs before the first rewritten instruction
+  work       the engine and its stubs after the start, without counters; system calls and the end are included
   blocks     blocks scanned
   per_block  work over blocks
-  counters   of the stub that counts how often a block runs
+  counters   the stub that counts how often a block runs
   cache      rewritten code
 """
 import argparse
@@ -29,7 +29,8 @@ import engine_cost  # noqa: E402 (it lies beside this file and in no package)
 TABLE = os.path.join(engine_cost.HERE, "engine_gates.txt")
 FIGURES = ("start", "work", "blocks", "per_block", "counters", "cache")
 LIMIT = 0.03
-SLACK = 30  # Instructions. Process ids and addresses differ in their digits, which moves small figures.
+# Instructions. Process ids and addresses have more or fewer digits from run to run, which moves small figures.
+SLACK = 30
 COMMAND = "bench/engine_gates.py --renew"
 
 
@@ -59,7 +60,7 @@ def figures_of(row):
 
 
 def differences(name, kept, found):
-    """(line to print, whether it is beyond the limit) for each figure that is another."""
+    """(line to print, whether it is beyond the limit) for each figure that differs from the table's."""
     for figure in FIGURES:
         old, new = kept[figure], found[figure]
         if old != new:

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""How long programs take under the engine and under the tool's tracer, beside Valgrind's time for doing nothing with
-them.
+"""Times programs under the engine and under the tool's tracer. For comparison it times them under the tool of Valgrind
+that does nothing.
 
 engine_time.py [--build DIR] [--runs N] [--cpus N] [--list FILE] [--zoo] [PATTERN]
 

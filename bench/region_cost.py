@@ -18,7 +18,7 @@ import tempfile
 
 TOP = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 FEW, MANY = 200, 1200
-# The loop of one pair in the script's own code is in the figures: a call of the work, and the script's three calls.
+# The figures contain the script's own loop of one pair: a call of the work, and the script's three calls.
 WORK = 3  # fmadd, subs, b.ne
 
 

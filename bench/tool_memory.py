@@ -44,8 +44,8 @@ LOG_LINE = re.compile(r"\[(\d+\.\d+):(\d+)\] +(\S+?):\d+ +MORA info (.*)")
 
 
 def finishing_seconds(log):
-    """From the end of the last thread to the last line. Both are the work of the thread that has ended the application;
-    children that the application has forked write to the same log."""
+    """Returns the seconds from the end of the last thread to the last line. Both lines have the number of the thread
+    that ended the application: children that the application has forked write to the same log."""
     with open(log, encoding="utf-8", errors="replace") as file:
         lines = [match for match in map(LOG_LINE.match, file) if match]
     ends = [line for line in lines if line[3] == "collector" and line[4].startswith("Finishing collection for ")]
@@ -74,7 +74,7 @@ class Bench:
         run = shlex.join([self.helper, figures, *prefix])
         variables = {**self.variables, "RUN": run}
         assignments = "".join(f"{name}={shlex.quote(value)}; " for name, value in variables.items())
-        # RUN is words, as a line has it unquoted.
+        # A line has $RUN unquoted, so RUN may be several words.
         done = subprocess.run(["sh", "-c", assignments + line], cwd=scratch, stdin=subprocess.DEVNULL, check=False,
                               capture_output=True, timeout=1800,
                               env={"PATH": os.environ["PATH"], "LC_ALL": "C", "PYTHONHASHSEED": "0",
@@ -108,7 +108,7 @@ class Bench:
 
     def peak_of_phase(self, *words):
         with tempfile.TemporaryDirectory() as scratch:
-            # A warning that this machine's counters lack an event says nothing about memory.
+            # This machine's counters may lack an event. The tool's warning of that has nothing to do with memory.
             line = "$RUN " + shlex.join([self.tool, "-l", "fatal", "-o", os.path.join(scratch, "result.json"), *words])
             status, _, peak, seconds = self.run(line, scratch)
         if status != 0:

@@ -1,4 +1,5 @@
-# What an installed libroofline_events brings along: header, pkg-config file and CMake package, all movable as a whole.
+# An installed libroofline_events comes with its header, a pkg-config file and a CMake package. All of it can be moved
+# as a whole.
 include(CMakePackageConfigHelpers)
 
 set(regions_package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/roofline_events")
@@ -21,7 +22,7 @@ install(FILES "${PROJECT_BINARY_DIR}/generated/roofline_events-config.cmake"
   "${PROJECT_BINARY_DIR}/generated/roofline_events-config-version.cmake"
   DESTINATION "${regions_package_folder}" COMPONENT roofline_events)
 
-# pkg-config finds the prefix from where its own file lies.
+# pkg-config derives the prefix from the place of the .pc file.
 file(RELATIVE_PATH regions_pc_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" regions_pc_prefix "${regions_pc_prefix}")
 configure_file("${PROJECT_SOURCE_DIR}/cmake/roofline_events.pc.in"

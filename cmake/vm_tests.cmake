@@ -3,12 +3,12 @@
 
 # ceilmeter_vm_test(NAME name [CPUS n] [MEMORY megabytes] [PAGES kib] [NUMA] [ZOO] [SINGLE_STEPS] [PARANOID n]
 #   [TIMEOUT seconds] [COST seconds] [BUSY_PROCESSORS n] [LABELS label...] COMMAND command [argument...])
-# registers aarch64.vm.<name>. The machine's own bound is TIMEOUT (default 300); ctest's lies beyond it, so that a hang
-# ends with the console's tail in the log.
-# BUSY_PROCESSORS tells ctest how many of the host's processors the test keeps busy. Most run one program after another
-# and keep one busy, however many the machine has: two such tests run side by side. Where CPUS is given, threads meet,
-# and the default is 2.
-# COST is about how long it takes on an idle host. ctest starts the costly ones first, so that none is left to run alone
+# registers aarch64.vm.<name>. TIMEOUT (default 300) bounds the machine's run. ctest's own limit is longer, so that
+# after a hang the log still gets the end of the console.
+# BUSY_PROCESSORS tells ctest how many of the host's processors the test keeps busy. Most tests run one
+# program after another and keep one processor busy, however many the machine has, so two of them run side by side. A
+# test with CPUS has threads that run at once, and its default is 2.
+# COST is about how long the test takes on an idle host. ctest starts costly tests first, so that no long one runs alone
 # at the end.
 function(ceilmeter_vm_test)
   cmake_parse_arguments(PARSE_ARGV 0 arg "NUMA;ZOO;SINGLE_STEPS"

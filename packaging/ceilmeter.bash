@@ -1,14 +1,14 @@
 # Completion of ceilmeter's command line for bash. Needs no other package; with bash-completion the words behind the
 # application are completed as the application's own.
 
-# Words in COMPREPLY that begin with $1, of those that follow.
+# Puts into COMPREPLY those of the words $2... that begin with $1.
 _ceilmeter_words() {
   local word=$1
   shift
   mapfile -t COMPREPLY < <(compgen -W "$*" -- "$word")
 }
 
-# Files that begin with $1, of which $2 (executable) keeps folders and programs.
+# Puts files that begin with $1 into COMPREPLY. With $2 "executable" only folders and programs are kept.
 _ceilmeter_files() {
   local file
   COMPREPLY=()
@@ -20,7 +20,7 @@ _ceilmeter_files() {
   compopt -o filenames 2> /dev/null
 }
 
-# The values of option $1 that begin with $2.
+# Puts the values of option $1 that begin with $2 into COMPREPLY.
 _ceilmeter_values() {
   case $1 in
     --mode) _ceilmeter_words "$2" total region ;;
@@ -38,7 +38,7 @@ _ceilmeter_values() {
 }
 
 _ceilmeter() {
-  # bash has split at "=", which is put together again; starts[i] is where words[i] begins in COMP_WORDS.
+  # bash has split words at "="; they are put together again. starts[i] is where words[i] begins in COMP_WORDS.
   local -a words=() starts=()
   local at join=
   for ((at = 1; at <= COMP_CWORD; ++at)); do
@@ -53,7 +53,7 @@ _ceilmeter() {
   done
   COMPREPLY=()
 
-  # What stands before the word in hand: an option that waits for its value, or the application already.
+  # Looks at the words before the current one: is the last an option that waits for its value, or has the application come?
   local last=$((${#words[@]} - 1)) waiting='' closed=''
   local word=${words[last]}
   for ((at = 0; at < last; ++at)); do
@@ -85,7 +85,7 @@ _ceilmeter() {
     _ceilmeter_values "$waiting" "$word"
   elif [[ -z $closed && $word == --*=* ]]; then
     _ceilmeter_values "${word%%=*}" "${word#*=}"
-    # Where "=" does not break words, bash replaces the whole of it.
+    # If "=" does not break words, bash replaces the whole word, so the option has to be in front again.
     if [[ $COMP_WORDBREAKS != *=* ]]; then
       COMPREPLY=("${COMPREPLY[@]/#/${word%%=*}=}")
     fi
@@ -98,7 +98,7 @@ _ceilmeter() {
   fi
 }
 
-# The application's own words; $1 is where it stands in COMP_WORDS.
+# Completes the words of the application, which is word $1 of COMP_WORDS.
 _ceilmeter_application() {
   if declare -F _command_offset > /dev/null; then
     _command_offset "$1"

@@ -1,13 +1,13 @@
 # Completion of ceilview's command line for bash. Needs no other package.
 
-# Words in COMPREPLY that begin with $1, of those that follow.
+# Puts into COMPREPLY those of the words $2... that begin with $1.
 _ceilview_words() {
   local word=$1
   shift
   mapfile -t COMPREPLY < <(compgen -W "$*" -- "$word")
 }
 
-# Files that begin with $1; of $2 ("json" or "folder") folders and what fits it.
+# Puts files that begin with $1 into COMPREPLY. $2 "folder" keeps only folders, "json" folders and JSON files.
 _ceilview_files() {
   local file
   COMPREPLY=()
@@ -19,7 +19,7 @@ _ceilview_files() {
   compopt -o filenames 2> /dev/null
 }
 
-# The values of option $1 that begin with $2.
+# Puts the values of option $1 that begin with $2 into COMPREPLY.
 _ceilview_values() {
   case $1 in
     --level) _ceilview_words "$2" L1 L2 L3 DDR ;;
@@ -32,7 +32,7 @@ _ceilview_values() {
 }
 
 _ceilview() {
-  # bash has split at "=", which is put together again.
+  # bash has split words at "="; they are put together again.
   local -a words=()
   local at join=
   for ((at = 1; at <= COMP_CWORD; ++at)); do
@@ -46,7 +46,7 @@ _ceilview() {
   done
   COMPREPLY=()
 
-  # Whether the word in hand is the value of the one before it, and whether options have ended.
+  # Is the current word the value of the option before it, and have the options ended?
   local last=$((${#words[@]} - 1)) waiting='' closed=''
   local word=${words[last]}
   for ((at = 0; at < last; ++at)); do
@@ -65,7 +65,7 @@ _ceilview() {
     _ceilview_values "$waiting" "$word"
   elif [[ -z $closed && $word == --*=* ]]; then
     _ceilview_values "${word%%=*}" "${word#*=}"
-    # Where "=" does not break words, bash replaces the whole of it, and does not see that it ends with a folder.
+    # If "=" does not break words, bash replaces the whole word, and does not see that it ends with a folder.
     if [[ $COMP_WORDBREAKS != *=* ]]; then
       if [[ ${#COMPREPLY[@]} -eq 1 && -d ${COMPREPLY[0]} ]]; then
         COMPREPLY[0]+=/

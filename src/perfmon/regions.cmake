@@ -25,8 +25,8 @@ set_target_properties(roofline_events_objects PROPERTIES
   POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INTERPROCEDURAL_OPTIMIZATION
     OFF)
 
-# The tracer finds a function at the symbol's value past the mapping it stands in, which is right only where the
-# executable segment begins at virtual address 0. GNU ld and LLVM's lld each need a word of their own for that.
+# The tracer takes a function's address to be the start of its mapping plus the symbol's value. That is right only if
+# the executable segment begins at virtual address 0. GNU ld and LLVM's lld need different options for that.
 include(CheckLinkerFlag)
 set(CEILMETER_TRACEABLE_LINK_OPTIONS -Wl,-z,noseparate-code)
 check_linker_flag(CXX -Wl,--no-rosegment CEILMETER_LINKER_HAS_NO_ROSEGMENT)
@@ -46,8 +46,8 @@ set_target_properties(roofline_events PROPERTIES
   SOVERSION 0 LINKER_LANGUAGE CXX LINK_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/roofline_events.map"
   LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}")
 
-# One object in the archive, in which everything but the five functions is local. Section groups are dissolved first: a
-# group of which another object brings a copy would be thrown away, with the local names still pointing to it.
+# The archive has one object, in which everything but the five functions is local. Section groups are dissolved first.
+# The linker drops a group if another object has the same one, and the local names would then point to nothing.
 set(archive "${PROJECT_BINARY_DIR}/libroofline_events.a")
 set(joined "${CMAKE_CURRENT_BINARY_DIR}/roofline_events.o")
 add_custom_command(OUTPUT "${archive}"

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The runner of random programs against stand-ins for the engine: right ones pass, wrong ones are found and shrunk.
+"""Tests the runner of random programs with stand-ins for the engine. Right ones pass, wrong ones are found and shrunk.
 
     runner_test.py RUNNER TABLE PROBE [EMULATOR WORD...]
 """
@@ -33,7 +33,7 @@ class Runner(unittest.TestCase):
         self.folder = pathlib.Path(folder.name)
 
     def find(self, defect, seeds=("1", "1"), seconds="300"):
-        """What the runner says of an engine with the defect; it must have found and shrunk it."""
+        """Returns what the runner prints for an engine with the defect, which it must have found and shrunk."""
         done = call("--keep", str(self.folder), *seeds, defect=defect, seconds=seconds)
         self.assertEqual(done.returncode, 1, done.stdout)
         self.assertRegex(done.stdout, r"seed \d+ differs\n", done.stdout)

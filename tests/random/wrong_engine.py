@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Stands in for the engine in the runner's own tests, and is wrong on purpose.
+"""A stand-in for the engine in the runner's own tests, which is wrong on purpose.
 
     wrong_engine.py DEFECT EMULATOR... PROGRAM
 
@@ -17,16 +17,16 @@ import time
 
 NOP = 0xD503201F
 
-# What words of the program become.
+# The changes that a defect makes to words of the program.
 REWRITES = {
     "none": lambda word: word,
     # The condition of CSEL, CSINC, CSINV and CSNEG inverted.
     "condition": lambda word: word ^ 1 << 12 if word & 0x1FE00000 == 0x1A800000 else word,
-    # Conditions 14 and 15 taken for inversions of each other.
+    # Conditions 14 and 15 are taken for inversions of each other.
     "always": lambda word: NOP if word & 0xFF00000E == 0x5400000E else word,
-    # BLR as BR: the link register stays.
+    # BLR becomes BR, which does not write the link register.
     "link": lambda word: word & ~(1 << 21) if word & 0xFFFFFC1F == 0xD63F0000 else word,
-    # Reads of flags give another register's.
+    # Reads of the flags read another register.
     "flags": lambda word: 0xD53B4420 | word & 31 if word & 0xFFFFFFE0 == 0xD53B4200 else word,
 }
 

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The tool is an AArch64 executable, not relocatable, at its fixed base, dynamically linked.
+"""Checks that the tool is a dynamically linked AArch64 executable, not relocatable, at its fixed base.
 
 executable_form_test.py TOOL BASE    Reads the file's headers itself: 64-bit little-endian ELF.
 """

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Every text that the engine logs, by a real run where one is possible; and every warning of the tool in the tests and
-in the documents.
+"""Checks that each text of the engine's log is in the table below, and makes a real run for it where one is possible.
+Checks that each warning of the tool stands in a test and in the documents.
 
 log_texts_test.py SOURCE BUILD [EMULATOR WORD...]
 
-A text that is new, gone or changed has to be entered here.
+If you add, remove or change a text, change the table.
 """
 import os
 import pathlib
@@ -16,13 +16,13 @@ import unittest
 source = pathlib.Path(sys.argv[1])
 programs = os.path.join(sys.argv[2], "tests/programs")
 emulator = sys.argv[3:]
-SECONDS = 900  # A guard against a hang.
+SECONDS = 900  # A run that takes longer hangs.
 LITERAL = r'"(?:[^"\\]|\\.)*"'
 CALL = re.compile(r"\b\w*log\(\s*\{?\s*(LEVEL_\w+)[^;\"]*?(?:\"\w+\"\}\s*)?,\s*"
                   r"((?:" + LITERAL + r"\s*)+)(?!\s*\})", re.S)
 FIELD = re.compile(r"%[-#0-9l*z.]*[a-zA-Z]|%%")
 
-# The words of a run under the bare engine, and the texts that its log has.
+# Command lines of runs under the bare engine, each with the texts that its log must have.
 RUNS = {
     ("tracer/fixed_work", "2"): [
         "*thread_data in dispatcher at: %p",
@@ -91,7 +91,7 @@ RUNS = {
     ("threads/below_stack",): ["a new thread's block, which is not linked; the next one: %d"],
 }
 
-# Why no run is made for a text.
+# The reasons for which a text has no run.
 UNIT_TEST = "a unit test brings it about"
 OWN_DEFECT = "nothing but a defect of the engine leads there"
 NO_MEMORY = "memory would have to end at one place, and an emulator knows no limit of address space"
@@ -159,7 +159,7 @@ def texts_of(*folders):
 
 
 def pattern_of(text):
-    """The line of the log that the text makes."""
+    """A regular expression for log lines that the text makes."""
     fields = FIELD.split(text)
     return re.compile(rb"MORA \w+ " + b".*".join(re.escape(field.encode()) for field in fields) + rb"$", re.M)
 
@@ -225,7 +225,7 @@ for run_words, run_texts in RUNS.items():
     add_run(run_words, run_texts)
 
 
-# Warnings and last lines of the tool that no test tells by their words, and why.
+# Warnings and last lines of the tool whose words stand in no test, and the reasons.
 WITHOUT_TEST = {
     "incorrect log output": "nothing but a defect of the log's leads there",
     "Cannot give up the rights that the tool's file lends": "the kernel would have to refuse that",
@@ -254,7 +254,7 @@ class tool_log_test(unittest.TestCase):
         self.assertEqual(sorted(untold), sorted(WITHOUT_TEST))
 
 
-# What no user can meet.
+# Warnings that no user can meet, so the documents do not have them.
 UNDOCUMENTED = {
     "Bintracer's get_report method was called early, it is forbidden to call this method twice",
     "Error when run mora_run\n",
@@ -281,7 +281,7 @@ class documents_test(unittest.TestCase):
 
 
 def own_texts():
-    """Those of the files that lie in src itself."""
+    """Those texts whose source lies in src itself."""
     found = set()
     for path in (source / "src").glob("*.cpp"):
         for level, literals in CALL.findall(path.read_text(encoding="utf-8")):

@@ -33,7 +33,7 @@ def options_of_lines(lines):
 readme = read("README.md")
 table = re.search(r"(^\|.*\n)+", readme[readme.index(synopsis):], re.MULTILINE)[0]
 rows = [line for line in table.splitlines() if line.startswith("| `-")]
-# A tag of the man page's list stands on the line behind .TP; "\\-" is a dash there.
+# In the man page an entry's title stands on the line behind .TP, and a dash is written "\\-".
 man_page = read(f"packaging/{name}.1.in").replace("\\-", "-")
 section = man_page[man_page.index(".SH OPTIONS"):]
 tags = re.findall(r"^\.TP\n(.*)$", section[:section.index(".SH", 1)], re.MULTILINE)

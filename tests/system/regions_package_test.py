@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""The installed region library, used as an application's developer would: by its CMake package, by pkg-config, shared
-and static, linked by GNU ld and by LLVM's lld.
+"""Tests the installed region library as the developer of an application uses it: by its CMake package, by pkg-config,
+shared and static, linked by GNU ld and by LLVM's lld.
 
 regions_package_test.py CMAKE BUILD SOURCE CC OPTION... -- EMULATOR...
     CMAKE, BUILD, SOURCE   the cmake program, the build tree to install from, the source tree
@@ -48,7 +48,7 @@ class elf_file:
                 yield self.image[strings + name : end].decode(), info, value, index
 
     def functions_that_the_tracer_finds(self):
-        """Names of those functions whose value past the executable mapping is where they really are."""
+        """Names of the functions that really lie at the start of the executable mapping plus the symbol's value."""
         if self.kind != self.ET_EXEC:
             executable = [one for one in self.segments if one[0] == self.PT_LOAD and one[1] & self.PF_X]
             if len(executable) != 1 or executable[0][3] != 0:
@@ -123,7 +123,7 @@ class regions_package_test(unittest.TestCase):
         run([shutil.which("aarch64-linux-gnu-strip") or "strip", program])
 
     def check_programs(self, folder):
-        """Outside the tool the programs compute what the unmarked one does, and print nothing else."""
+        """Outside the tool the marked programs print what the unmarked one prints, and nothing else."""
         expected, _ = run_program([f"{folder}/solver", "40", "100"])
         self.assertRegex(expected, r"^points 1600, residual \S+, largest error \S+\n$")
         for program in REGION_PROGRAMS:
@@ -182,7 +182,7 @@ class regions_package_test(unittest.TestCase):
         self.check_marks_in_programs(self.examples("lld", static=True))
 
     def test_without_the_packages_options_lld_hides_the_functions_from_the_tracer(self):
-        # What the walk-through warns of; should it ever pass, the options are no longer needed.
+        # The walk-through warns of this failure. If the link ever succeeds, the options are no longer needed.
         program = f"{self.folder}/hidden"
         run([compiler, "-pie", *self.use_lld, f"-I{self.prefix}/include", f"{source}/examples/solver_regions.c",
              f"{self.libraries}/libroofline_events.a", "-lstdc++", "-lm", "-o", program])

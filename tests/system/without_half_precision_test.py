@@ -1,4 +1,4 @@
-"""The roofs on a processor without half precision: the tool under user-mode emulation of a Cortex-A72."""
+"""Tests the roofs on a processor without half precision, an emulated Cortex-A72."""
 
 import json
 import os

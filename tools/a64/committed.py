@@ -1,4 +1,4 @@
-"""What the two generators do with what they have made: committed files are written, or compared."""
+"""Writes the files that the two generators make, or compares them with the committed ones."""
 
 import argparse
 import difflib

@@ -8,7 +8,7 @@ from dataclasses import dataclass
 
 from model import NOT_RECOGNISED
 
-# Tested on every way: where both are 0 stand SVE, SME and what is reserved.
+# Every path tests these two bits: if both are 0, the word is SVE, SME or reserved.
 FIRST_BITS = (28, 27)
 
 # The bits by which the architecture divides its encoding space come next, in this order, wherever they divide; below

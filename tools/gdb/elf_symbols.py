@@ -11,7 +11,7 @@ def _rows(data, form, begin, size, count):
 
 
 def _virtual_address(data, offset):
-    """Of a byte of the file, as its program headers map it; None if they do not."""
+    """The address at which the program headers map a byte of the file; None if they do not."""
     begin, = struct.unpack_from("<Q", data, 32)
     size, count = struct.unpack_from("<HH", data, 54)
     for kind, _, file_offset, address, _, file_size, _, _ in _rows(data, "<IIQQQQQQ", begin, size, count):

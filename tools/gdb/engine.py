@@ -22,7 +22,7 @@ def _place(argument):
 
 
 def _describe(address):
-    """The engine's words for the place. Called through a type of its own: a release build has no debug information."""
+    """The engine's description of the place. The cast gives gdb the type: a release build has no debug information."""
     function = f"((const char *(*)(unsigned long)) describe_place)({address:#x})"
     return gdb.parse_and_eval(function).string()
 

@@ -2,8 +2,8 @@
 // where it runs, rewrites what does, and ends a fragment at the first instruction that transfers control. It knows
 // nothing of linking. It only reserves the words that the dispatcher turns into links.
 //
-// The scanner runs on the application's thread and stack, takes no lock, and writes only to the thread's own cache. The
-// caller clears the instruction cache over what was written.
+// The scanner runs on the application's thread and the engine's stack, takes no lock, and writes only to the thread's
+// own cache. The caller clears the instruction cache over what was written.
 #pragma once
 
 #include <cstdint>

@@ -7,9 +7,9 @@ Without a further word, a short list; LISTS, the engine's lists; PLACES, an engi
 which leaves what that function writes as it is.
 Status 77, which is a skipped test, where there is no emulator whose plug-ins can read registers.
 
-No word that the engine has written may be executed before it was made executable step by step (see
-../../emulator_plugin/README.md). Engines that leave out a step have to be found: a check that cannot fail shows
-nothing.
+A word that the engine has written must be made executable step by step before it is executed (see
+../../emulator_plugin/README.md). The tests also run engines that leave out a step, and fail if the plug-in does not
+report them.
 """
 import os
 import sys
@@ -26,23 +26,23 @@ PROGRAM = os.path.join(BUILD, "tests/programs/mora_run")
 SKIPPED = 77  # What CTest takes for a skipped test.
 STUBS_END = 6 * 256  # The stubs of a new thread's cache are the only words that another thread writes.
 
-# What a program does that leaves out a step, and what the plug-in calls it. A line that is invalidated before its clean
-# is complete has not been invalidated.
+# The step that a program leaves out, and the plug-in's name for the fault. If a line is invalidated before its clean is
+# complete, the plug-in takes it as not invalidated.
 KNOWN_FAULTS = {"none": None, "clean": "not_cleaned", "first_barrier": "not_invalidated",
                 "invalidation": "not_invalidated", "second_barrier": "no_barrier_behind_invalidation",
                 "synchronisation": "not_synchronised", "forked": None}
-# A word is stored 200 times by these; an interrupt may synchronise the context now and then.
+# These programs store a word 200 times. Now and then an interrupt synchronises the context, and no fault is seen.
 FEWEST_FAULTS = 300
 
 
 def unsound(run):
-    """The faults of a run that ought to have none: all but words of stubs, which the new thread's parent writes."""
+    """Faults that an engine must not have. Words of a new thread's stubs are foreign: its parent has written them."""
     return {kind: fault for kind, fault in run.faults.items()
             if kind != "foreign" or fault.address >= STUBS_END}
 
 
 class Coherence(unittest.TestCase):
-    """One machine runs everything; its account is looked at line by line."""
+    """One boot of the machine runs all lines. The tests look at its account line by line."""
     maxDiff = None
 
     @classmethod

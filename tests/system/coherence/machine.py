@@ -20,7 +20,7 @@ Fault = collections.namedtuple("Fault", "count address word")
 
 
 class Run:
-    """What a line did: its status, the plug-in's counts, faults by kind, transitions by part and classes."""
+    """The outcome of a line: its status, and the plug-in's counts, faults by kind, transitions by part and classes."""
 
     def __init__(self, line):
         self.line = line
@@ -117,7 +117,7 @@ def output_of(*command):
 
 
 def has_emulator():
-    """Whether there is an emulator for the plug-in, fetched if need be. Where there is none, the fetch says why."""
+    """Whether there is an emulator for the plug-in. A missing one is fetched; if that fails, the fetch says why."""
     return subprocess.run([os.path.join(SOURCE, "tools/vm/emulator/fetch")], stdout=subprocess.DEVNULL,
                           check=False).returncode == 0
 
@@ -139,7 +139,7 @@ def routine_of(image, nm, path):
     symbol = re.search(r"^([0-9a-f]+) [0-9a-f]+ . __clear_cache\b", output_of(nm, "-D", "-S", path), re.MULTILINE)
     begin = int(symbol[1], 16)
     word = image.word(begin)
-    if word >> 26 == 5:  # A branch to where the routine is.
+    if word >> 26 == 5:  # Encodes a branch to the routine.
         begin += ((word & 0x3ffffff ^ 0x2000000) - 0x2000000) * 4
     end = begin
     while image.word(end) != STEPS["synchronisation"]:
@@ -156,7 +156,7 @@ def only_place(places, expected, what):
 def libraries(step, folder, nm):
     """A folder, as the machine names it, with the C compiler's library: its routine leaves out a step.
 
-    In all of them a line is one word. So words that were forgotten are not made executable with their neighbours.
+    In each of these routines a line has one word, so that a forgotten word is not made executable with its neighbours.
     """
     path = os.path.join(userland(), "usr/lib/aarch64-linux-gnu/libgcc_s.so.1")
     image = Image(path)
@@ -189,7 +189,7 @@ def call_sites(engine, objdump, addr2line):
 
 
 def engine_without(function, sites, engine, folder, objcopy):
-    """The engine, as the machine names it, that leaves what the function writes as it is."""
+    """Makes an engine that does not make executable what the function writes. Returns its path in the machine."""
     stripped = os.path.join(folder, "stripped")
     if not os.path.exists(stripped):
         subprocess.run([objcopy, "--strip-debug", engine, stripped], check=True)

@@ -11,7 +11,7 @@ import unittest
 
 TOOL, PROGRAMS, *EMULATOR = sys.argv[1:]
 ENGINE = [*EMULATOR, f"{PROGRAMS}/mora_run"]
-PROGRAM = f"{PROGRAMS}/traces/bare_phases"  # It has five traces.
+PROGRAM = f"{PROGRAMS}/traces/bare_phases"  # The program has five traces.
 
 
 def bisect(*arguments, **settings):
@@ -25,7 +25,7 @@ class Bisect(unittest.TestCase):
         status, output = bisect(MORA_RUN_BREAK_TRACE="3")
         self.assertEqual(status, 0, output)
         self.assertIn("the program goes wrong with trace 3:", output)
-        # The first source word, in whose place the BRK stands, is on the other side of the line.
+        # The BRK stands in the place of the first source word, which the line's other half shows.
         self.assertRegex(output, r"d4200000 brk .* \| ")
         self.assertRegex(output, r"fragment \d+: source 0x[0-9a-f]+")
 

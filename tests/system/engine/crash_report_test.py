@@ -54,7 +54,7 @@ class CrashReport(unittest.TestCase):
         self.assertEqual(os.path.realpath(module), os.path.realpath(CRASH))
         self.assertEqual(elf_symbols.function_at(CRASH, int(offset, 16))[0], "store_to_nowhere")
         self.assertRegex(text, rf"fragment {fragment}: source 0x[0-9a-f]+, \d+ words seen")
-        # The word that has faulted, and the source word beside it.
+        # The line of the dump shows the word that has faulted, and the source word beside it.
         self.assertRegex(text, rf" {cache} [0-9a-f]{{8}} str .*\| {source} [0-9a-f]{{8}} str")
 
     def test_a_jump_to_where_nothing_is_names_the_place(self):
@@ -86,11 +86,11 @@ class CrashReport(unittest.TestCase):
         self.assertRegex(text, r" b9000001 str w1, \[x0\] .*\| 0x[0-9a-f]+ b9000001 str w1, \[x0\]\n")
         # The source's return is an exit of several words in the cache.
         self.assertRegex(text, r" a9bf07e0 stp x0, x1, \[sp, #-16\]! .*\| 0x[0-9a-f]+ d65f03c0 ret\n")
-        # A branch has the place that it leads to, and the fragment of the place.
+        # A dumped branch names its target, and the fragment that the target lies in.
         branch = re.search(r" [0-9a-f]{8} cbz x1, (0x[0-9a-f]+) (\(\d+\)) ", text)
         self.assertIsNotNone(branch, text)
         self.assertIn(f" {branch[1]} {branch[2]} ", " ".join("\n".join(lines).split()))
-        # All other lines are as they were.
+        # The tool leaves all other lines as they are.
         same = [[line for line in side if " |" not in line] for side in (lines, shown)]
         self.assertEqual(*same)
 

@@ -19,8 +19,7 @@ DEBUGGER = shutil.which("gdb-multiarch") or "gdb"
 
 
 def debug(*commands):
-    """(what the debugger prints, what the process writes to its standard error) of a session that begins at the
-    fault."""
+    """Runs a session that begins at the fault. Returns (output of the debugger, standard error of the process)."""
     with tempfile.TemporaryDirectory() as scratch:
         stub, errors = f"{scratch}/stub", f"{scratch}/errors"
         debugger = [DEBUGGER, "-nx", "-batch", "-ex", "set sysroot", "-ex", f"file {COMMAND[0]}",

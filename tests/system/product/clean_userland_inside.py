@@ -11,7 +11,7 @@ import unittest
 
 from emulated_counters import without_silent_metrics
 
-SECONDS = 200  # A guard against a hang.
+SECONDS = 200  # A run that takes longer hangs.
 TRIAD = "/build/tests/programs/workloads/triad"
 
 
@@ -20,8 +20,7 @@ def run(words):
 
 
 def files_below(folder):
-    """The files of one file system: what is mounted in it, as /proc with its ever changing processes, is no part of
-    it."""
+    """The files of one file system. What is mounted in it is left out, such as /proc, whose processes change."""
     found = set()
     for root, folders, names in os.walk(folder):
         folders[:] = [name for name in folders if not os.path.ismount(os.path.join(root, name))]
@@ -36,12 +35,12 @@ class clean_userland(unittest.TestCase):
         subprocess.run(["mount", "--bind", "/proc", f"{self.root}/proc"], check=True)
         self.addCleanup(subprocess.run, ["umount", f"{self.root}/proc"], check=True)
         shutil.copy(TRIAD, f"{self.root}/triad")
-        shutil.copy("/run/busybox", f"{self.root}/usr/bin/busybox")  # Static; as good as a userland's own programs.
+        shutil.copy("/run/busybox", f"{self.root}/usr/bin/busybox")  # It is static.
         self.deb, = glob.glob("/packages/*.deb")
         self.version = re.search(r"_([0-9.]+)_", self.deb)[1]
 
     def in_root(self, *words):
-        """What a program gives that is run with the clean root as its root."""
+        """Runs a program with the clean root as its root."""
         return without_silent_metrics(run(["chroot", self.root, *words]))
 
     def dpkg(self, *words):
@@ -66,7 +65,7 @@ class clean_userland(unittest.TestCase):
 
     def test_deb_is_installed_runs_and_is_removed_without_a_trace(self):
         before = files_below(self.root)
-        # A process that starts meanwhile, as the kernel's own threads do at times, is none of the package's traces.
+        # A new process changes /proc, as the kernel's own threads do at times. It is not a trace of the package.
         bystander = subprocess.Popen(["sleep", str(SECONDS)])
         self.addCleanup(bystander.wait)
         self.addCleanup(bystander.kill)
@@ -76,7 +75,7 @@ class clean_userland(unittest.TestCase):
         self.assertIn("Status: install ok installed\n", status)
         listed = set(self.dpkg("--listfiles", "ceilmeter").stdout.split())
         self.assertLessEqual({"/usr/bin/ceilmeter", "/usr/share/man/man1/ceilmeter.1"}, listed)
-        # The application brings nothing along: the region library it is linked with is the installed one.
+        # The application has no region library of its own, so it runs with the installed one.
         linked = self.in_root("/lib/ld-linux-aarch64.so.1", "--list", "/triad").stdout
         self.assertRegex(linked, r"libroofline_events\.so\.0 => (/usr)?/lib/libroofline_events\.so\.0 ")
         self.check_tool("/usr/bin/ceilmeter")

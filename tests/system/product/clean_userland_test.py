@@ -21,7 +21,7 @@ def output(words):
 
 
 def arm64_package(name):
-    """NAME, or NAME:arm64 where that is how this machine's dpkg tells it from its own."""
+    """The package's name for dpkg: NAME, or NAME:arm64 on a machine of another architecture."""
     return name if output(["dpkg", "--print-architecture"]).strip() == "arm64" else f"{name}:arm64"
 
 

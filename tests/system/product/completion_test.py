@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""The completion of the command lines, as a user at a terminal meets it: an interactive bash that has read the files,
-keys typed into it, and what then stands in its line.
+"""Tests the completion of the command lines in an interactive bash that has read the completion files. The tests type
+keys into it and look at its line.
 
 completion_test.py SOURCE CEILMETER CEILVIEW EMULATOR...
 """
@@ -18,7 +18,7 @@ import unittest
 source, tool, viewer, *emulator = sys.argv[1:]
 completion = os.path.join(source, "packaging/ceilmeter.bash")
 viewer_completion = os.path.join(source, "packaging/ceilview.bash")
-SECONDS = 60  # A guard against a hang.
+SECONDS = 60  # A run that takes longer hangs.
 SHOW_LINE = "\x18p"  # Control-X p, bound below.
 
 
@@ -33,7 +33,7 @@ class shell:
             os.execvp("bash", ["bash", "--norc", "--noprofile", "-i"])
         for line in ("bind 'set bell-style none'", "bind 'set completion-query-items 0'",
                      "bind 'set page-completions off'",
-                     # The line in hand between two marks.
+                     # Control-X p prints the current line between two marks.
                      r"""bind -x '"\C-xp": printf "<%s>\n" "$READLINE_LINE"'""",
                      *before, f"source '{completion}'; source '{viewer_completion}'", "printf '<%s>\\n' ready"):
             os.write(self.terminal, line.encode() + b"\n")
@@ -41,7 +41,7 @@ class shell:
         self.wait_for(rb"<(ready)>")
 
     def wait_for(self, pattern):
-        """The last match in what the shell has printed; it is forgotten."""
+        """Waits for a match in what the shell prints, returns the last one, and forgets the output so far."""
         deadline = time.monotonic() + SECONDS
         while not re.search(pattern, self.seen):
             if not select.select([self.terminal], [], [], max(0, deadline - time.monotonic()))[0]:
@@ -54,7 +54,7 @@ class shell:
     def line_after(self, keys):
         os.write(self.terminal, (keys + SHOW_LINE).encode())
         line = self.wait_for(rb"<([^>]*)>\r?\n")
-        os.write(self.terminal, b"\x15")  # Control-U: an empty line again.
+        os.write(self.terminal, b"\x15")  # Control-U empties the line.
         return line
 
     def close(self):
@@ -133,7 +133,7 @@ class completion_test(unittest.TestCase):
         self.check("ceilmeter -- solver no\t", "ceilmeter -- solver notes.md ")
 
     def test_words_behind_the_application_are_left_to_the_general_completion_where_there_is_one(self):
-        # As bash-completion defines it: $1 is where the command stands in COMP_WORDS.
+        # bash-completion's function of this name, in small: $1 is the place of the command in COMP_WORDS.
         for words, place in ((["--mode", "=", "total", "app", "x"], 4), (["-o", "r", "--", "app", "x"], 4),
                              (["app", "x"], 1)):
             script = (f"source '{completion}'; _command_offset() {{ printf 'from %s' \"$1\"; }}; "
@@ -167,7 +167,7 @@ class completion_test(unittest.TestCase):
 
 
 class completion_without_breaks_at_equals_signs_test(completion_test):
-    """Some users take "=" out of the characters that part words."""
+    """Some users remove "=" from the characters that break words."""
 
     before = ('COMP_WORDBREAKS="${COMP_WORDBREAKS//=}"',)
 

@@ -1,4 +1,4 @@
-"""The emulated counter unit has none of the tool's events, which the tool says in a warning for each metric."""
+"""Removes the warnings that an emulated counter unit causes: it has none of the events of the tool's metrics."""
 
 import re
 
@@ -10,6 +10,6 @@ def without_silent_lines(text):
 
 
 def without_silent_metrics(done):
-    """A completed process whose standard error lacks these warnings."""
+    """Returns the completed process without these warnings in its standard error."""
     done.stderr = without_silent_lines(done.stderr)
     return done

@@ -17,12 +17,12 @@ import unittest
 from emulated_counters import without_silent_metrics
 
 tool = sys.argv.pop(1)
-SECONDS = 600  # A guard against a hang.
+SECONDS = 600  # A run that takes longer hangs.
 PHASES = ("perfmon", "bintracer")
-# What strace says of a call that opens a file: process, arguments from the path on, result.
+# A line of strace for a call that opens a file: process, arguments from the path on, result.
 OPENED = re.compile(r'^(\d+) +(?:openat\([^,]+, |open\(|creat\()"([^"]*)"(.*)\) = (-?\d+)')
 
-# What the log says of a result file that cannot be written: its path, the copy's path, the reason.
+# The log's line for a result file that cannot be written: its path, the copy's path, the reason.
 COPY_LINES = re.compile(r"\[[^]]*\] +result_keeper:\d+ +MORA warn "
                         r"Report cannot be written to (.*), a copy is saved as (.*)\n"
                         r"\[[^]]*\] +collector:\d+ +MORA fatal Error when trying to write report:\n(.*)\n\Z")
@@ -64,14 +64,15 @@ class file_system_test(unittest.TestCase):
     def test_every_file_that_the_tool_opens_is_closed_on_exec(self):
         for phase in PHASES:
             opened = self.opened_files(phase)
-            # The tool's process is the first one; under the tracer the application is in it, and opens as it likes.
+            # The tool's process is the first one. Under the tracer it is also the application, which opens files
+            # without O_CLOEXEC.
             tools_own = [one for one in opened if one[0] == opened[0][0]]
             self.assertTrue(any(path.endswith("/result.json") for _, path, _ in tools_own))
             self.assertEqual([one for one in tools_own if "O_CLOEXEC" not in one[2]], [], phase)
 
     def test_children_inherit_the_standard_descriptors_alone(self):
         for phase in PHASES:
-            # The list's own descriptor is the fourth.
+            # The fourth descriptor is the one that the listing itself has opened.
             done = self.run_tool([f"--phase={phase}", "-o", "result.json", "--log-file=tool.log"],
                                  ["/bin/bash", "-c", "/bin/ls /proc/self/fd; true"])
             self.assertEqual(done.returncode, 0)

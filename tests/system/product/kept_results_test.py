@@ -1,6 +1,7 @@
 #!/usr/bin/python3
-"""Whatever happens at the end of a run, what was measured is kept: limits and state that a traced application leaves,
-an end in a later phase, and a caller that ignores its children; and the application has no more rights than its user.
+"""Tests that measured results are kept, however a run ends: with the limits and state that a traced application leaves,
+in a later phase, or under a caller that ignores its children. Tests that the application has no more rights than its
+user.
 
 kept_results_test.py BUILD [TEST...]
 """
@@ -22,7 +23,7 @@ from emulated_counters import without_silent_lines, without_silent_metrics
 build = sys.argv.pop(1)
 tool = os.path.join(build, "ceilmeter")
 programs = os.path.join(build, "tests/programs/workloads")
-SECONDS = 600  # A guard against a hang.
+SECONDS = 600  # A run that takes longer hangs.
 USER = 1000
 LOG_TEXT = re.compile(r"^\[[^]]*\] +(\w+):\d+ +MORA (.*)$", re.M)
 CAPABILITIES = re.compile(r"^Cap(?:Prm|Eff|Amb):\s*([0-9a-f]+)$", re.M)
@@ -151,7 +152,7 @@ class kept_results_test(unittest.TestCase):
 
     def test_damaged_earlier_file_does_not_end_a_full_run_that_replaces_it(self):
         with open(self.result, "w", encoding="utf-8") as file:
-            file.write('{"regions": {"total": {"bbs": [["1", "2", "3", "4", 5, 6, 7, 8]]}}}')  # The last is no text.
+            file.write('{"regions": {"total": {"bbs": [["1", "2", "3", "4", 5, 6, 7, 8]]}}}')  # The last is not a text.
         done = self.run_tool(["--phase=full"], ["/bin/true"])
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         self.assertEqual(len(self.report()["roofs"]), 13)
@@ -199,7 +200,7 @@ class kept_results_test(unittest.TestCase):
         self.assertEqual(LOG_TEXT.findall(done.stderr), [("run_application", "warn Application exit status is 3!")])
 
     def privileged_tool(self):
-        """A copy of the tool that lends an ordinary user the right to open counters, and a second one of root's."""
+        """Makes a copy of the tool that lends an ordinary user the right to open counters, and a right of root's."""
         counting = os.path.join(self.folder, "counting")
         shutil.copy(tool, counting)
         # Version 2 with the effective bit, then permitted and inheritable of the lower word and of the upper one:

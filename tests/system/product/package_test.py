@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""What is installed and what the packages hold: files, modes, owners, control fields, and that all of it tells one
-version. That the packages work where nothing else is installed is the matter of clean_userland_test.py.
+"""Tests what is installed and what the packages hold: files, modes, owners, control fields, and one version in all of
+them. clean_userland_test.py tests that the packages work where nothing else is installed.
 
 package_test.py CMAKE BUILD SOURCE LIBDIR -- EMULATOR...
     LIBDIR   where libraries go below a prefix
@@ -17,7 +17,7 @@ import unittest
 cmake, build, source, libdir, *emulator = sys.argv[1:]
 emulator = emulator[emulator.index("--") + 1:]
 cpack = os.path.join(os.path.dirname(cmake), "cpack")
-SECONDS = 600  # A guard against a hang.
+SECONDS = 600  # A run that takes longer hangs.
 
 
 def cached(name):
@@ -58,7 +58,7 @@ def files_below(folder):
 
 
 def members(archive, prefix):
-    """{path below the prefix: member} of what is no folder."""
+    """{path below the prefix: member} of all members but folders."""
     return {os.path.relpath(os.path.normpath(one.name), prefix): one for one in archive if not one.isdir()}
 
 
@@ -121,7 +121,7 @@ class package_test(unittest.TestCase):
         for file in (*PROGRAMS, f"{libdir}/libroofline_events.so.0"):
             text = run(["readelf", "-dVW", f"{self.tree}/usr/{file}"])
             libraries = re.findall(r"\(NEEDED\).*\[(.*)\]", text)
-            # The library's version needs: each file, and behind it the versions.
+            # The symbol versions that the library needs: each file, followed by its versions.
             for library, versions in re.findall(r"File: (\S+) .*\n((?:.* Name: .*\n?)*)", text):
                 needed.setdefault(library, set()).update(re.findall(r"Name: (\S+)", versions))
             for library in libraries:

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Every phase value in both modes, on no file and on an earlier one: what a user sees and what the file then holds.
+"""Runs every phase value in both modes, without an earlier file and with one, and checks the messages and the file.
 
 phases_and_modes_test.py TOOL PROGRAM [TEST...]
 
@@ -18,7 +18,7 @@ from emulated_counters import without_silent_metrics
 
 tool, program = sys.argv[1:3]
 del sys.argv[1:3]
-SECONDS = 600  # A guard against a hang.
+SECONDS = 600  # A run that takes longer hangs.
 PERFMON, BINTRACER, BENCHMARKS = 1, 2, 4
 PHASES = {"perfmon": 1, "bintracer": 2, "benchmarks": 4, "full": 7,
           "~perfmon": 6, "~bintracer": 5, "~benchmarks": 3, "~full": 7}
@@ -26,8 +26,8 @@ METRICS = ["l1_bytes", "l2_bytes", "l3_bytes", "ddr_bytes", "time"]
 ROOFS = ["f16x8-FADD/FSUB", "f32x4-FADD/FSUB", "f64x2-FADD/FSUB", "f32x4-FMLA/FMLS", "f64x2-FMLA/FMLS",
          "f16x8-FMLA/FMLS", "Scalar(SP)-FMADD", "Scalar(DP)-FMADD", "L1", "L2", "L3", "DDR", "DDR Numa-local"]
 BB_KEYS = ["start", "end", "dump_start", "dump_end", "flop", "count", "vector_length", "module"]
-STATUS = 3  # Of the application.
-ROUNDS = 500  # Of two operations, in the region.
+STATUS = 3  # The application's exit status.
+ROUNDS = 500  # Each does two operations in the region.
 OPTION_THREADS = 2
 OLD_BLOCK = ["4000", "4020", "0", "20", 6, 100, 4, "/usr/bin/earlier"]
 OLD_METRIC = 77
@@ -43,13 +43,13 @@ def earlier_file(names):
 
 
 def emulated():
-    """Whether the processor is the emulator's own: it names no maker."""
+    """Whether the processor is an emulated one, whose implementer is 0."""
     with open("/proc/cpuinfo", encoding="ascii") as file:
         return re.search(r"^CPU implementer\s*: 0x00$", file.read(), re.M) is not None
 
 
 def log_text(err):
-    """The lines without time, thread and line number."""
+    """The log's lines without time, thread and line number."""
     lines = []
     for line in err.splitlines():
         match = LOG_LINE.match(line)
@@ -104,7 +104,7 @@ class phases_and_modes_test(unittest.TestCase):
         metrics = {name: region[name] for name in METRICS if name in region}
         if bits & PERFMON:
             self.assertEqual(sorted(metrics), sorted(METRICS))
-            if emulated():  # Such a processor counts none of the events.
+            if emulated():  # An emulated processor counts none of the events.
                 self.assertEqual([metrics[name] for name in METRICS[:4]], [0, 0, 0, 0])
             self.assertGreater(metrics["time"], 0)
             self.assertNotEqual(metrics["time"], OLD_METRIC)

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""How far the roofs are, on a terminal; and that nothing of it is anywhere else.
+"""Tests the line that says how far the roofs are: it appears on a terminal and nowhere else.
 
 roofs_progress_test.py TOOL
 
@@ -15,8 +15,8 @@ import unittest
 
 command = sys.argv[1:]
 del sys.argv[1:]
-SECONDS = 300  # A guard against a hang.
-# A sequence that clears the line, the text, and the cursor back at the start.
+SECONDS = 300  # A run that takes longer hangs.
+# The sequence that clears the line, the text, and a return of the cursor to the start.
 SHOWN = re.compile(r"\r\x1b\[K(?:(CEILMETER: [^\r]*)\r)?")
 ROOF = re.compile(r"CEILMETER: roof (\d+) of 13, (\S.*), about \d+ s left")
 
@@ -30,7 +30,7 @@ class roofs_progress_test(unittest.TestCase):
         self.folder = folder.name
 
     def measure(self, terminal_as_error):
-        """Standard output, and what stands on standard error."""
+        """Runs the tool with standard error on a terminal or a pipe. Returns both outputs."""
         own, other = pty.openpty() if terminal_as_error else os.pipe()
         with subprocess.Popen([*command, "--phase=benchmarks", "--benchmarks_num_threads=1", "-o",
                                os.path.join(self.folder, "r.json")], stdout=subprocess.PIPE, stderr=other,
@@ -41,7 +41,7 @@ class roofs_progress_test(unittest.TestCase):
             while True:
                 try:
                     piece = os.read(own, 4096)
-                except OSError:  # A terminal whose other end is closed.
+                except OSError:  # The other end of the terminal is closed.
                     break
                 if not piece:
                     break

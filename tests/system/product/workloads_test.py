@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Real applications through both application phases, in both modes: what the user sees, what the file holds, and what
-becomes of an earlier result file when the application does not end well.
+"""Runs real applications in both modes, with both phases that run the application. Tests what the user sees, what the
+file holds, and what becomes of an earlier result file if the application ends badly.
 
 workloads_test.py BUILD [TEST...]
 
@@ -22,7 +22,7 @@ from emulated_counters import without_silent_lines, without_silent_metrics
 build = sys.argv.pop(1)
 tool = os.path.join(build, "ceilmeter")
 programs = os.path.join(build, "tests/programs/workloads")
-SECONDS = 900  # A guard against a hang.
+SECONDS = 900  # A run that takes longer hangs.
 BOTH = "~benchmarks"  # Both phases that run the application.
 METRICS = ["l1_bytes", "l2_bytes", "l3_bytes", "ddr_bytes", "time"]
 TOOL_LINE = re.compile(r"^(CEILMETER: .*|ROOFLINE_EVENTS are initialized\.)\n", re.M)
@@ -88,7 +88,7 @@ class workload(unittest.TestCase):
 
 
 class applications_test(workload):
-    """What runs to its end."""
+    """Applications that run to their end."""
 
     def check_operations(self, application, name, flop, total_threads, region_threads=None):
         """In region mode the operations are exactly `flop`; the whole application may add some of its own."""
@@ -153,7 +153,7 @@ class applications_test(workload):
 
 
 class endings_test(workload):
-    """What does not end well, and what is stopped."""
+    """Applications that end badly or are stopped."""
 
     def check_stopped_by(self, number, err):
         self.assertRegex(err, f"^[^\n]* +collector:[0-9]+ +MORA warn Stopped by signal {int(number)} "
@@ -199,7 +199,7 @@ class endings_test(workload):
         self.assertEqual(self.report(), EARLIER)
 
     def start(self, phase, how):
-        """The running tool, when its application has begun to go on for ever. Its process group is its own."""
+        """The tool, started in a process group of its own, when its application has begun an endless loop."""
         process = subprocess.Popen(self.words("total", phase, [program("ends"), how]), stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE, text=True, cwd=self.folder, start_new_session=True,
                                    stdin=subprocess.DEVNULL)
@@ -244,7 +244,7 @@ class endings_test(workload):
             process, _ = self.start(phase, "never")
             os.killpg(process.pid, signal.SIGINT)
             self.check_stopped_run(process, signal.SIGINT)
-            # Both pipes have ended: nobody of the group still holds them.
+            # Both pipes have ended, so no process of the group still holds them.
 
     def test_interrupt_from_a_real_keyboard_reaches_the_application_once(self):
         self.leave_earlier_file()
@@ -260,7 +260,7 @@ class endings_test(workload):
         while True:
             try:
                 seen += os.read(terminal, 1000)
-            except OSError:  # The other end is closed.
+            except OSError:  # The pipe's reading end is closed.
                 break
         self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), -signal.SIGINT)
         self.assertEqual(seen.count(b"caught"), 1, seen)

@@ -20,13 +20,13 @@ import subprocess
 import sys
 import tempfile
 
-RUN_LIMIT = 600  # Seconds for a line; a guard against a hang.
+RUN_LIMIT = 600  # A line that takes longer hangs.
 TOOL_LINES = re.compile(rb'CEILMETER: (?:Start collection for|Launch application to do binary instrumentation of'
                         rb'|Processing all collected data|Result is captured at|Run "ceilview)[^\n]*\n')
 
 
 def run_traced():
-    """compare_traced.py --traced TOOL FOLDER PROGRAM...: one traced program in the place of the program itself."""
+    """compare_traced.py --traced TOOL FOLDER PROGRAM...: this process becomes the tool, which traces the program."""
     tool, folder, words = sys.argv[2], sys.argv[3], sys.argv[4:]
     emulator = shlex.split(os.environ.get("CEILMETER_EMULATOR", ""))
     handle, result = tempfile.mkstemp(dir=folder, suffix=".json")
@@ -50,7 +50,7 @@ def run_traced():
 def run_line(line, run_words, work, environment):
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir()
-    # Into files: a pipe would end only when everything that the line has left running has ended.
+    # The outputs go to files. A pipe would end only when all processes that the line has left running have ended.
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
         try:
             status = subprocess.run(["sh", "-c", line], cwd=work, stdin=subprocess.DEVNULL, stdout=out, stderr=err,

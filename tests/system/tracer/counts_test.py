@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The tracer's count of floating-point operations against one made outside of it.
+"""Compares the tracer's count of floating-point operations with a count by the emulator's plug-in.
 
 counts_test.py [option...] TOOLS PROGRAM [ARGUMENT...]
 
@@ -23,7 +23,7 @@ import subprocess
 import sys
 import tempfile
 
-RUN_LIMIT = 900  # Seconds; a guard against a hang.
+RUN_LIMIT = 900  # Seconds. A run that takes longer hangs.
 
 
 def run(command, folder, environment):

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What comes between the load and the store of an exclusive pair, natively and under the engine and the tracer.
+"""Tests what comes between the load and the store of an exclusive pair, natively, under the engine and the tracer.
 
 exclusives_test.py BUILD PLUGIN EMULATOR...    PLUGIN is the emulator's plug-in that watches exclusive pairs.
 
@@ -19,7 +19,7 @@ import unittest
 BUILD, PLUGIN = sys.argv[1:3]
 EMULATOR = [*sys.argv[3:], "-cpu", "cortex-a72"]
 FOLDER = os.path.join(BUILD, "tests/programs/exclusives")
-RUN_LIMIT = 300  # Seconds; a guard against a hang.
+RUN_LIMIT = 300  # Seconds. A run that takes longer hangs.
 
 Pair = collections.namedtuple("Pair", "load store rounds touched late instructions loads stores maintenance")
 
@@ -67,7 +67,7 @@ class ExclusivePairs(unittest.TestCase):
                 self.assertGreater(watched.rounds(), fewest)
                 late = [pair for pair in watched.pairs if pair.late]
                 self.assertFalse(late, f"{len(late)} of {len(watched.pairs)} pairs are touched again and again")
-                # Each was touched once, when the engine made the way from the one block to the other.
+                # Each pair was touched once, when the dispatcher linked its two blocks.
                 self.assertTrue([pair for pair in watched.pairs if pair.touched])
 
     def test_pairs_of_all_widths_that_fail_and_succeed(self):

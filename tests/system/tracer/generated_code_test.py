@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Generated code in the result: which blocks there are, with which work, how often, and under which name.
+"""Tests the blocks of generated code in the result: their work, their counts and their names.
 
 generated_code_test.py TOOL PROGRAM EMULATOR...
 """
@@ -46,7 +46,7 @@ class GeneratedCode(unittest.TestCase):
             [code + 16, code + 28, code + 16, code + 28, 1, 40, 1, names[0]],
             [twin, twin + 12, twin, twin + 12, 4, 500, 2, names[1]],
             [again, again + 8, again, again + 8, 1, 200, 1, names[2]],
-            # Written over twice: the first version comes back.
+            # The code is written over twice, and the first version comes back.
             [in_place, in_place + 12, in_place, in_place + 12, 4, 100, 2, "[generated]"],
             [in_place, in_place + 16, in_place, in_place + 16, 6, 30, 1, "[generated]"],
         ]

@@ -16,7 +16,7 @@ emulator = sys.argv[2:]
 tool = os.path.join(build, "ceilmeter")
 program = os.path.join(build, "tests/programs/tracer/scalable_work")
 NO_SVE = 77
-SECONDS = 300  # A guard against a hang.
+SECONDS = 300  # A run that takes longer hangs.
 WARNING = re.compile(r"MORA warn (\d+) scalable floating-point instructions \(SVE, SME\) were executed and not "
                      r"counted, ([\d.]+) % of all floating-point instructions")
 

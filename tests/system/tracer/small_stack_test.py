@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""What the tracer adds to a program writes at most 64 bytes below the stack pointer: with its counters and with the
-marks of a region, on processors with scalable vectors and without.
+"""Tests that the code which the tracer adds to a program writes at most 64 bytes below the stack pointer: its counters
+and the marks of a region, on processors with scalable vectors and without.
 
 small_stack_test.py BUILD [EMULATOR WORD...]
 """
@@ -16,8 +16,8 @@ emulator = sys.argv[2:]
 tool = os.path.join(build, "ceilmeter")
 program = os.path.join(build, "tests/programs/hazards/below_sp")
 MODELS = [[], ["-cpu", "neoverse-n1"], ["-cpu", "a64fx"]] if emulator else [[]]
-SECONDS = 300  # A guard against a hang.
-OPERATIONS = 300  # One in each round of the region.
+SECONDS = 300  # A run that takes longer hangs.
+OPERATIONS = 300  # One operation in each round of the region.
 
 
 class small_stack_test(unittest.TestCase):
@@ -29,7 +29,7 @@ class small_stack_test(unittest.TestCase):
                 done = subprocess.run(words, capture_output=True, text=True, stdin=subprocess.DEVNULL,
                                       timeout=SECONDS, check=False)
                 self.assertEqual(done.returncode, 0, done.stderr)
-                # The program names each part that has changed more.
+                # The program prints each part of its code that has changed more than that.
                 told = [line for line in done.stdout.splitlines() if not line.startswith("CEILMETER")]
                 self.assertEqual(told, ["done"])
                 with open(result, encoding="utf-8") as file:

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""ceilview from outside: every status with its message, what is written and what is left alone, and the wrong inputs of
-people who meet it for the first time.
+"""Tests the program ceilview: every status with its message, the files that it writes, those that it leaves alone, and
+wrong inputs of first-time users.
 
 program_test.py SOURCE EMULATOR... CEILVIEW
 """
@@ -17,9 +17,9 @@ import tempfile
 import unittest
 
 source, *command = sys.argv[1:]
-command[0] = shutil.which(command[0])  # A test takes PATH away.
+command[0] = shutil.which(command[0])  # An absolute path, because one test removes PATH.
 results = os.path.join(source, "tests/unit/view/results")
-SECONDS = 600  # A guard against a hang.
+SECONDS = 600  # A run that takes longer hangs.
 SMALL = {"regions": {"total": {"flop": 100, "threads": 1, "bbs": [["0", "8", "0", "8", 4, 25, 2, "/home/user/app"]],
                                "l1_bytes": 400, "l2_bytes": 300, "l3_bytes": 200, "ddr_bytes": 100, "time": 1000}},
          "bb_keys": ["start", "end", "dump_start", "dump_end", "flop", "count", "vector_length", "module"],
@@ -301,7 +301,7 @@ class program_test(unittest.TestCase):
         self.assertEqual(self.run_it("bad.json", "-o", "app.html")[0], 2)
         self.assertEqual(self.read("app.html"), before)
 
-    # Odd figures in a well-formed file: shown as what they are, never a crash and never a number made up.
+    # Odd figures in a well-formed file are shown as they are. They cause no crash, and no number is made up.
 
     def odd(self, **changes):
         region = {**SMALL["regions"]["total"], **changes}

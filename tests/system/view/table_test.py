@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""`ceilview --table` on fixed result files: the whole text byte for byte, what is computed by hand beside it, and what
-is left open.
+"""Tests `ceilview --table` on fixed result files: the whole text byte for byte, figures that are computed by hand, and
+cells that stay empty.
 
 table_test.py SOURCE EMULATOR... CEILVIEW
 """
@@ -32,7 +32,7 @@ def rows_of(text):
     for line in lines[1:]:
         if line.lstrip().startswith("roofs of"):
             break
-        # Two blanks or more part the columns, one stands inside of them.
+        # Two blanks or more separate columns; a single one belongs to a column's text.
         cells = re.split(r" {2,}", line.strip())
         rows[cells[0]] = dict(zip(HEADER, cells))
     return rows
@@ -127,7 +127,7 @@ class table_test(unittest.TestCase):
 
         self.assertEqual(limit((2, 100, 1), (8, 24, 2)), ("Scalar(DP)-FMADD", "3.27 %"))
         self.assertEqual(limit((2, 100, 1), (8, 26, 2)), ("f64x2-FMLA/FMLS", "1.7 %"))
-        # Of equal shares the wider one.
+        # If shares are equal, the wider one counts.
         self.assertEqual(limit((2, 100, 1), (8, 25, 2)), ("f64x2-FMLA/FMLS", "1.67 %"))
         self.assertEqual(limit((16, 100, 16)), ("f16x8-FMLA/FMLS", "1.67 %"))
         self.assertEqual(limit((400, 1, 4))[0], "L1", "no such roof in the file")

@@ -63,7 +63,9 @@ int __wrap_nanosleep(const timespec* wanted, timespec* left) {
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
   if (frame_seams::get().before_clock) frame_seams::get().before_clock();
-  return __real_clock_gettime(clock, now);
+  const int result = __real_clock_gettime(clock, now);
+  if (frame_seams::get().after_clock) frame_seams::get().after_clock();
+  return result;
 }
 
 // The standard library asks the C library through these two.
@@ -82,3 +84,5 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 }
 
 }  // extern "C"
+
+int frame_seams::real_sleep(const timespec& wanted, timespec* left) { return __real_nanosleep(&wanted, left); }

@@ -23,10 +23,12 @@ struct frame_seams {
   std::optional<int> threads_to_allow;                   // The creation of a thread beyond these fails.
   std::function<int(const timespec&, timespec*)> sleep;  // Instead of nanosleep: a result, errno set if it is -1.
   std::function<void()> before_clock;                    // Called before each reading of the clock.
+  std::function<void()> after_clock;                     // Called behind each reading of the clock.
 
   static frame_seams& get();
   static std::vector<affinity_call> affinity_calls();  // So far, in any order.
   static void reset();
+  static int real_sleep(const timespec& wanted, timespec* left);  // nanosleep itself.
 };
 
 // Restores the real functions, before and after a test.

@@ -12,7 +12,7 @@ import sys
 from disassembly import ElfFile, disassemble
 
 BRANCHES = re.compile(r"(b\.\w+|b|cbz|cbnz|tbz|tbnz) ")
-# What neither reads nor writes memory nor leaves the loop.
+# Instructions that do not access memory and do not leave the loop.
 REGISTER_ONLY = re.compile(r"(mov|add|cmp|nop|sub|subs)\b")
 
 

@@ -19,7 +19,7 @@ def main():
     for path in source.iterdir():
         if path.is_file():
             shutil.copy2(path, work)
-    # Installing again what is there takes time; the lock file says what has to be there.
+    # Installing takes time, so it is left out if the lock file has not changed since.
     lock = (source / "package-lock.json").read_text(encoding="utf-8")
     stamp = work / "installed.json"
     if not stamp.exists() or stamp.read_text(encoding="utf-8") != lock:

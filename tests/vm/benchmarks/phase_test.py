@@ -17,7 +17,7 @@ ROOFS = [
     ("Scalar(SP)-FMADD", "GFLOPS", True), ("Scalar(DP)-FMADD", "GFLOPS", True), ("L1", "GB/s", False),
     ("L2", "GB/s", False), ("L3", "GB/s", False), ("DDR", "GB/s", False), ("DDR Numa-local", "GB/s", False)]
 
-# What an earlier run has left: two regions, and roofs of another machine.
+# The result of an earlier run: two regions, and roofs of another machine.
 EARLIER = {
     "regions": {
         "copy": {"flop": 0, "threads": 1, "bbs": [], "l1_bytes": 11, "l2_bytes": 12, "l3_bytes": 13, "ddr_bytes": 14,

@@ -107,7 +107,7 @@ def select(encodings, rules, mnemonics):
 
 
 def scalable_page(one):
-    """SVE and SME: the name's operands are the page, what follows them tells its classes apart."""
+    """SVE and SME: the operands in the name give the page, and what follows them gives the class."""
     rest = one.name[len(one.mnemonic) + 1:]
     split = (re.fullmatch(r"(.*)_([sd]_(?:x32|64)_(?:un)?scaled|\dx\d_16)", rest)
              or re.fullmatch(r"(z_az)_(.*)", rest) or re.fullmatch(r"(.*)_([^_]*)", rest))
@@ -115,7 +115,7 @@ def scalable_page(one):
 
 
 def vector_page(one, of_mnemonic):
-    """Advanced SIMD arithmetic: what sets a mnemonic's pages apart."""
+    """Advanced SIMD arithmetic: the part of the name that tells a mnemonic's pages apart."""
     mnemonic, name, group = one.mnemonic, one.name, one.class_name
     if "elem" in group or name == "FCMLA_advsimd_elt":
         return "advsimd_elt"
