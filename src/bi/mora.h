@@ -191,7 +191,7 @@ struct thread_data {
   std::int32_t pending_signals[SIGNAL_COUNT];  // By number; 0: visits that others have asked for (code_epoch.h).
   std::int32_t pending_signal_count;           // Their sum; the reentry stub reads it on every way back into the cache.
   std::uint64_t engine_sp;                     // Stack pointer at the thread's start, to leave it by.
-  robin_map return_watch;                      // For post-function events.
+  robin_map return_watch;                      // For post-function events; without buckets until the first.
   std::uint64_t syscall_args;                  // The first argument of the call, for the post-syscall callback.
   std::uint64_t* return_stack_top;
   std::uint64_t return_stack[RETURN_STACK_SIZE];
