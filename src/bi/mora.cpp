@@ -225,7 +225,6 @@ const char* try_init_thread(thread_data* thread) {
   thread->entry_table.table.size = ENTRY_TABLE_SIZE;
   linked_pool_init_zeroed(thread->cc_link_pool, LINK_POOL_CAPACITY);
   start_without_fragments(thread);
-  robin_map_init(&thread->return_watch, sizeof(return_watch));
   copy_stubs(thread);
   if (trace_options.hot_mark != 0) {
     std::memset(thread->exit_counters, trace_options.hot_mark, sizeof thread->exit_counters);

@@ -164,6 +164,22 @@ struct thread_data {
   std::uint64_t dispatcher_stub_addr;  // Cache addresses of this thread's copies of stubs.
   std::uint64_t syscall_wrapper_addr;
   std::uint8_t* code_cache;
+  // What each system call looks at stands in front of the tables, where an offset fits the instruction.
+  last_call_stack last_call;
+  // A new thread has not moved its stack pointer from this address yet; 0: it has. See keeps_below_sp.
+  std::uint64_t untouched_sp;
+  // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
+  std::uint64_t code_epoch;          // The epoch up to which this thread has dropped what others have dropped.
+  std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
+  std::uint32_t runs_call;           // It handles a system call, and looks at the epoch afterwards.
+  std::uint32_t visit_wanted;        // Not 0: a signal is being sent to it, or has been, that makes it look.
+  std::uint32_t replaced_argument;   // The number, counted from 1, of the one that the kernel gets another of; 0: none.
+  std::uint32_t interrupter;         // The timer of a call in a turn, counted from 1, see turns.h; 0: none.
+  // Of a child in its parent's memory, see kernel/vfork.h. Its own signal actions, unless the call shares them.
+  std::uint8_t is_vfork_child;
+  std::uint8_t shares_descriptors;
+  action_table* own_actions;
+  thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
   bb_meta metas[BB_META_COUNT];
   sized_hash_table<ENTRY_TABLE_SIZE> entry_table;  // Source address to cache address.
   std::uint8_t exit_counters[BB_COUNT];            // Hotness of each basic block.
@@ -178,12 +194,10 @@ struct thread_data {
   void* plugin_thread_data[MAX_PLUGINS];
   std::uint64_t clone_resume_addr;  // Source address where a new thread starts.
   std::int32_t tid;
-  std::int32_t process;       // The id of the process that it belongs to.
-  std::int32_t* set_tid;      // The parent's word that receives the child's thread id.
-  std::uint64_t* clone_args;  // The parent's save area.
-  std::uint64_t child_stack;  // The application's stack of a new thread.
-  // A new thread has not moved its stack pointer from this address yet; 0: it has. See keeps_below_sp.
-  std::uint64_t untouched_sp;
+  std::int32_t process;            // The id of the process that it belongs to.
+  std::int32_t* set_tid;           // The parent's word that receives the child's thread id.
+  std::uint64_t* clone_args;       // The parent's save area.
+  std::uint64_t child_stack;       // The application's stack of a new thread.
   std::uint32_t untouched_visits;  // How often the dispatcher has found it so.
   page_range kept_stack;           // What a thread that has unmapped its own stack still stands on, see handle_munmap.
   std::uint64_t clone_x3;          // What the parent had in x3; `clone_args` has the new thread's TLS there.
@@ -191,7 +205,7 @@ struct thread_data {
   std::int32_t pending_signals[SIGNAL_COUNT];  // By number; 0: visits that others have asked for (code_epoch.h).
   std::int32_t pending_signal_count;           // Their sum; the reentry stub reads it on every way back into the cache.
   std::uint64_t engine_sp;                     // Stack pointer at the thread's start, to leave it by.
-  robin_map return_watch;                      // For post-function events.
+  robin_map return_watch;                      // For post-function events; without buckets until the first.
   std::uint64_t syscall_args;                  // The first argument of the call, for the post-syscall callback.
   std::uint64_t* return_stack_top;
   std::uint64_t return_stack[RETURN_STACK_SIZE];
@@ -204,7 +218,6 @@ struct thread_data {
   std::uint64_t call_mask;
   std::uint64_t call_mask_pair[2];  // Address and size of it, for calls that want both.
   std::uint64_t replaced_original;  // The application's argument, a mask or a path, while the kernel gets another.
-  std::uint32_t replaced_argument;  // Its number, counted from 1; 0: none has been replaced.
   // The trace fragment that is being scanned: where it begins, and whether it has outgrown the trace area.
   std::uint32_t* trace_fragment_start;
   std::uint32_t trace_fragment_overflow;
@@ -218,26 +231,16 @@ struct thread_data {
   std::uint32_t scan_words[SCAN_WORDS];
   std::uint8_t scan_classes[SCAN_WORDS];
   std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
-  // Of a child in its parent's memory, see kernel/vfork.h. Its own signal actions, unless the call shares them.
-  std::uint8_t is_vfork_child;
-  thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
-  std::uint8_t shares_descriptors;
-  action_table* own_actions;
-  action_table own_action_table;
+  action_table own_action_table;       // Of a child in its parent's memory.
   // Where signals find their stacks, see signal_stack.h and application_stack.h.
   std::uint8_t* signal_stack;        // The engine's own, with its guard page first.
   application_stack own_stack;       // The application's.
   application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
   std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
   held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
-  // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
-  std::uint64_t code_epoch;          // The epoch up to which this thread has dropped what others have dropped.
-  std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
-  std::uint32_t runs_call;           // It handles a system call, and looks at the epoch afterwards.
   // Of an IC IVAU, on its way to the dispatcher: the address, and then not 0. Rewritten code writes both.
   std::uint64_t invalidated_address;
   std::uint64_t invalidates;
-  std::uint32_t visit_wanted;  // Not 0: a signal is being sent to it, or has been, that makes it look.
   // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
   // one. 0: none, or not noted; -1: the last one.
   std::int32_t fragment_chains[FRAGMENT_CHAINS];
@@ -252,10 +255,8 @@ struct thread_data {
   std::uint32_t deliveries_in_place;  // How many signals in a row have found the application where the last left it.
   delivery_place delivery_places[DELIVERY_PLACES];
   std::uint32_t next_delivery_place;
-  std::uint32_t has_turn;     // One block runs, whatever is held.
-  std::uint32_t interrupter;  // The timer of the call in the turn, counted from 1; 0: none.
+  std::uint32_t has_turn;  // One block runs, whatever is held.
   std::uint32_t interruptions;
-  last_call_stack last_call;
   written_code written;  // Code that the instruction cache has to hear of before it runs.
 };
 

@@ -83,18 +83,31 @@ std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int 
 
 namespace {
 
-// Whether the call may be the end of a thread: the fragment has loaded that number shortly before. What stands in
-// between does not matter, as the code looks again.
+// Whether the word may write x8: its lowest bits name that register, or it loads a pair whose second one it is. True of
+// some words that do not.
+bool may_write_x8(std::uint32_t word) {
+  constexpr std::uint32_t register_mask = 31;
+  constexpr std::uint32_t pair_mask = 0x3e000000;
+  constexpr std::uint32_t pair_class = 0x28000000;
+  constexpr int second_shift = 10;
+  const bool second_of_pair = (word & pair_mask) == pair_class && (word >> second_shift & register_mask) == 8;
+  return (word & register_mask) == 8 || second_of_pair;
+}
+
+// Whether the call may be the end of a thread: the fragment does not load another number before it. That the number is
+// loaded by the fragment before, or by another instruction than MOVZ, is seldom: the C library's syscall() does it.
 bool may_end_thread(scan_state& state) {
   constexpr std::ptrdiff_t looked_at = 16;
-  constexpr std::uint32_t movz_x8 = 0xd2800008 | NR_EXIT << 5;  // movz x8, #NR_EXIT
-  constexpr std::uint32_t movz_w8 = 0x52800008 | NR_EXIT << 5;  // movz w8, #NR_EXIT
+  constexpr std::uint32_t size_bit = 0x80000000;
+  constexpr std::uint32_t number_mask = 0x1fffe0;
+  constexpr std::uint32_t movz_w8 = 0x52800008;
   const auto* first = reinterpret_cast<const std::uint32_t*>(state.thread->metas[state.bb_id].source_addr);
   for (const std::uint32_t* read = state.read; read > first && state.read - read < looked_at;) {
     const std::uint32_t word = word_at(state.source, --read);
-    if (word == movz_x8 || word == movz_w8) return true;
+    if ((word & ~(size_bit | number_mask)) == movz_w8) return (word & number_mask) == NR_EXIT << 5;
+    if (may_write_x8(word)) return true;
   }
-  return false;
+  return true;
 }
 
 // For the call that ends a thread there is no stack any more: the application may have told others that it is free.

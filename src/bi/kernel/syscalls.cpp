@@ -194,7 +194,8 @@ inline void come_back(thread_data* thread) {
   // sending signals until it has ended. Without fences a machine may keep both stores back until after the loads.
   std::atomic_ref(thread->status).store(THREAD_RUNNING, std::memory_order_relaxed);
   leave_call(thread);  // Its fence serves both.
-  if (is_process_ending(thread)) abandon_thread(thread);
+  const bool may_end = std::atomic_ref(engine.exit_flag).load(std::memory_order_seq_cst) != 0;
+  if (may_end && is_process_ending(thread)) abandon_thread(thread);
 }
 
 }  // namespace

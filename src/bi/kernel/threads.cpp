@@ -170,11 +170,11 @@ void restore_signal_mask(std::uint64_t mask) {
 thread_data* make_thread_record() {
   static std::atomic<bool> was_refused{false};
   thread_data* record = nullptr;
-  mora_enter_callback();  // Part of a record is on the heap, and a fork's child must not find that locked.
+  // A new record has nothing on the heap and takes no lock: its maker may be a child in its parent's memory, which may
+  // be killed here.
   const char* missing = allocate_thread_data(&record) ? try_init_thread(record) : "thread data";
   const int error = errno;
   if (missing != nullptr && record != nullptr) free_thread_data(record);
-  mora_leave_callback();
   if (missing == nullptr) return record;
   // Relaxed: the flag guards nothing but the number of lines.
   if (!was_refused.exchange(true, std::memory_order_relaxed)) {

@@ -81,9 +81,7 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
   leave_syscall(thread);
   note_vfork_child(thread, nullptr);
   const std::uint64_t mask = child->saved_signal_mask;
-  mora_enter_callback();  // Part of a record is on the heap.
-  free_thread_data(child);
-  mora_leave_callback();
+  free_thread_data(child);  // It has heard of no watched function: nothing of it is on the heap.
   restore_signal_mask(mask);
   return result;
 }

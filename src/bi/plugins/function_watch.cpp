@@ -75,6 +75,17 @@ void skip_entry_code(const return_watch& watch) {
   clear_instruction_cache(word, word + 1);
 }
 
+// The map's buckets are on the heap. A thread that meets no watched function, as a child in its parent's memory never
+// does, has none.
+robin_insert_result note_return(thread_data* thread, std::uint64_t watch, const return_watch& entry, void** value) {
+  mora_enter_callback();
+  robin_map& map = thread->return_watch;
+  const bool is_there = map.buckets != nullptr || robin_map_init(&map, sizeof(return_watch));
+  const robin_insert_result result = is_there ? robin_map_insert(&map, watch, &entry, value) : ROBIN_FAILED;
+  mora_leave_callback();
+  return result;
+}
+
 void reserve_exit_space(scan_state& state) {
   a64_reserve_block_space(state.thread, &state.write, &state.limit, EXIT_SPACE);
 }
@@ -133,7 +144,7 @@ void put_function_entry(scan_state& state, const std::uint32_t* read_address) {
 
   return_watch entry = {function, 0, 0};
   void* value = nullptr;
-  const robin_insert_result result = robin_map_insert(&state.thread->return_watch, watch, &entry, &value);
+  const robin_insert_result result = note_return(state.thread, watch, entry, &value);
   if (result == ROBIN_FAILED) return;
   // The record served another function before, which has been unmapped since, and the block that was made of the record
   // served it too.

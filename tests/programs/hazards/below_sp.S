@@ -101,6 +101,51 @@ system_call:
         svc     #0
         ret
 
+// A system call whose number stands beside it, as compilers write it.
+        .globl  getppid_call
+getppid_call:
+        mov     x8, #173
+        svc     #0
+        ret
+
+// Code that was translated is made known again, and a line that never was code: long invalidate(const long *).
+        .globl  invalidate
+invalidate:
+        mov     x9, #5
+1:      adr     x10, 2f
+        ic      ivau, x10
+        dsb     ish
+        isb
+        ic      ivau, x0
+        dsb     ish
+        isb
+        b       2f
+        .balign 64
+2:      subs    x9, x9, #1
+        b.ne    1b
+        mov     x0, #0
+        ret
+
+// A load that faults. The handler goes on behind it.
+        .globl  faulting_load
+faulting_load:
+        mov     x9, #8
+        mov     x0, #1
+        ldr     x0, [x9]
+        ret
+
+// Goes round until the word at x0 is not 0, by links and, where it is long, in a trace.
+        .globl  wait_for_word
+wait_for_word:
+        ldr     w9, [x0]
+        cbnz    w9, 2f
+        tbz     x9, #3, 1f
+        brk     #1
+1:      adr     x10, wait_for_word
+        br      x10
+2:      mov     x0, #0
+        ret
+
 // A clone whose child ends at once, with the status 0. Arguments as above.
         .globl  clone_call
 clone_call:

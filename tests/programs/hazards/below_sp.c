@@ -7,10 +7,14 @@
 #include <signal.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/shm.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include "../syscalls/check.h"
@@ -25,6 +29,10 @@ long hot_calls(const long*);
 long system_call(const long*);
 long clone_call(const long*);
 long region(const long*);
+long getppid_call(const long*);
+long invalidate(const long*);
+long faulting_load(const long*);
+long wait_for_word(const long*);
 
 static unsigned char* memory;
 
@@ -94,6 +102,57 @@ static void file_calls(void) {
   CHECK(call("clone3", 435, 0, 0, 0, 0, 0, 0) < 0);
 }
 
+// What the engine answers by itself, or with an argument of its own.
+static void other_calls(void) {
+  CHECK(run("a call with its number", getppid_call, NULL) == getppid());
+  long words[8] = {0};
+  CHECK(call("sigaltstack", SYS_sigaltstack, 0, (long)words, 0, 0, 0, 0) == 0);
+  CHECK(call("set_tid_address", SYS_set_tid_address, (long)words, 0, 0, 0, 0, 0) == gettid());
+  const long memory_id = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+  const long attached = call("shmat", SYS_shmat, memory_id, 0, 0, 0, 0, 0);
+  CHECK(attached > 0);
+  CHECK(call("shmdt", SYS_shmdt, attached, 0, 0, 0, 0, 0) == 0);
+  CHECK(shmctl((int)memory_id, IPC_RMID, NULL) == 0);
+  call("membarrier", SYS_membarrier, 0, 0, 0, 0, 0, 0);
+  call("close_range", 436, 900, 1000, 0, 0, 0, 0);
+  CHECK(call("prctl of shadow stacks", SYS_prctl, 74, 0, 0, 0, 0, 0) < 0);
+  call("rseq", SYS_rseq, 0, 0, 0, 0, 0, 0);
+  unsigned long mask = 1UL << (SIGILL - 1);
+  const struct timespec short_time = {0, 1000};
+  CHECK(call("ppoll with a mask", SYS_ppoll, 0, 0, (long)&short_time, (long)&mask, 8, 0) == 0);
+  CHECK(call("faccessat", SYS_faccessat, AT_FDCWD, (long)"/proc/self/exe", R_OK, 0, 0, 0) == 0);
+  words[0] = 0;
+  CHECK(run("invalidated code", invalidate, words) == 0);
+}
+
+static volatile int handled;
+
+static void handle_elsewhere(int number, siginfo_t* info, void* context) {
+  (void)info;
+  if (number == SIGSEGV) ((ucontext_t*)context)->uc_mcontext.pc += 4;
+  handled = 1;
+}
+
+// Handlers that run on a signal stack: of a signal at the end of a call, of a fault, and of one that comes in between.
+static void signals_elsewhere(void) {
+  static char elsewhere[65536] __attribute__((aligned(16)));
+  const stack_t stack = {.ss_sp = elsewhere, .ss_size = sizeof elsewhere};
+  CHECK(sigaltstack(&stack, NULL) == 0);
+  struct sigaction action = {.sa_sigaction = handle_elsewhere, .sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART};
+  CHECK(sigaction(SIGUSR2, &action, NULL) == 0 && sigaction(SIGSEGV, &action, NULL) == 0);
+  CHECK(sigaction(SIGALRM, &action, NULL) == 0);
+  for (int round = 0; round < 3; ++round) {
+    handled = 0;
+    CHECK(call("a handled signal", SYS_tgkill, getpid(), gettid(), SIGUSR2, 0, 0, 0) == 0 && handled);
+    handled = 0;
+    CHECK(run("a fault", faulting_load, NULL) == 1 && handled);
+    handled = 0;
+    const struct itimerval soon = {{0, 0}, {0, 20000}};
+    CHECK(setitimer(ITIMER_REAL, &soon, NULL) == 0);
+    CHECK(run("a timer's signal", wait_for_word, (const long*)&handled) == 0);
+  }
+}
+
 static void clones(void) {
   const long fork[WORDS] = {SYS_clone, SIGCHLD};
   int status = -1;
@@ -125,6 +184,8 @@ int main(void) {
   memory_calls();
   signal_calls();
   file_calls();
+  other_calls();
+  signals_elsewhere();
   clones();
   puts("done");
   return 0;

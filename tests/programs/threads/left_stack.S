@@ -22,6 +22,45 @@ leave_stack:
         svc     #0
         brk     #1
 
+// [[noreturn]] void leave_stack_later(uint64_t *words): the same, and the number of the call is there long before the
+// fragment of the SVC.
+        .globl  leave_stack_later
+leave_stack_later:
+        mov     x8, #93
+        mov     x19, #0
+1:      add     x19, x19, #1
+        cmp     x19, #600
+        b.ne    1b
+        sub     x9, sp, #64
+        mov     x10, #0x5a5a
+        str     x10, [x0, #8]
+        stp     x10, x10, [x9]
+        stp     x10, x10, [x9, #16]
+        stp     x10, x10, [x9, #32]
+        stp     x10, x10, [x9, #48]
+        str     x9, [x0]
+        mov     x0, #0
+        svc     #0
+        brk     #1
+
+// [[noreturn]] void leave_stack_by_function(uint64_t *words): the same, and the number comes from another register.
+        .globl  leave_stack_by_function
+leave_stack_by_function:
+        mov     x7, #93
+        b       1f
+1:      sub     x9, sp, #64
+        mov     x10, #0x5a5a
+        str     x10, [x0, #8]
+        mov     x8, x7
+        stp     x10, x10, [x9]
+        stp     x10, x10, [x9, #16]
+        stp     x10, x10, [x9, #32]
+        stp     x10, x10, [x9, #48]
+        str     x9, [x0]
+        mov     x0, #0
+        svc     #0
+        brk     #1
+
 // long call_between(long number): the number of a thread's end stands in x8 shortly before another call is made.
         .globl  call_between
 call_between:

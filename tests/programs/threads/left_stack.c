@@ -14,15 +14,21 @@ enum {
   FLAGS = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM | CLONE_CHILD_CLEARTID
 };
 
-_Noreturn void leave_stack(uint64_t* words);
+typedef void leaving_function(uint64_t* words);
+leaving_function leave_stack, leave_stack_later, leave_stack_by_function;
 long call_between(long number);
 
 static int tid;
 static uint64_t left[2];  // Where the pattern begins, and its word.
 
-static int leaving(void* words) { leave_stack(words); }
+static leaving_function* leave;
+static int leaving(void* words) {
+  leave(words);
+  return 1;
+}
 
-int main(void) {
+static void end_threads(const char* name, leaving_function* function) {
+  leave = function;
   unsigned char* stack = mmap(NULL, STACK_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   CHECK(stack != MAP_FAILED);
   for (int round = 0; round < 20; ++round) {
@@ -33,9 +39,15 @@ int main(void) {
     }
     int changed = 0;
     for (int index = 0; index < WORDS; ++index) changed += ((uint64_t*)left[0])[index] != left[1];
-    if (changed != 0) printf("round %d: %d words of the stack have changed\n", round, changed);
+    if (changed != 0) printf("%s, round %d: %d words of the stack have changed\n", name, round, changed);
     CHECK(call_between(SYS_getpid) == getpid());
   }
+}
+
+int main(void) {
+  end_threads("number beside the call", leave_stack);
+  end_threads("number long before", leave_stack_later);
+  end_threads("number from a register", leave_stack_by_function);
   puts("every stack is as it was left");
   return 0;
 }

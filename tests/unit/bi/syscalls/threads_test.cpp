@@ -265,6 +265,17 @@ TEST_F(application_threads, a_thread_without_memory_is_an_error_of_the_call_and_
   EXPECT_NE(lines.find("ulimit -v"), std::string::npos) << lines;
 }
 
+TEST_F(application_threads, making_a_record_touches_no_lock_that_its_maker_could_die_with) {
+  pthread_rwlock_init(&engine.callbacks_lock, nullptr);
+  ASSERT_EQ(pthread_rwlock_wrlock(&engine.callbacks_lock), 0);
+  thread_data* record = make_thread_record();
+  ASSERT_NE(record, nullptr);
+  // A share would be refused to the thread that has the lock alone, and giving it back would have freed the lock.
+  EXPECT_EQ(pthread_rwlock_tryrdlock(&engine.callbacks_lock), EBUSY);
+  pthread_rwlock_unlock(&engine.callbacks_lock);
+  free_thread_data(record);
+}
+
 TEST_F(application_threads, a_thread_that_would_share_no_memory_or_handlers_is_refused_as_by_the_kernel) {
   EXPECT_EQ(start(CLONE_THREAD), -EINVAL);
   EXPECT_EQ(start(pthread_flags & ~std::uint64_t{CLONE_VM}), -EINVAL);
