@@ -164,6 +164,7 @@ static void on_store(unsigned number, uint32_t info, uint64_t address, void* dat
     word->state = STORED;
     word->by = (uint8_t)number;
     word->time = time;
+    word->stored = time;
     word->writer = processor->thread;
     ++tallies[run].stores;
   }
@@ -244,6 +245,19 @@ static void on_synchronisation(unsigned number, void* data) {
   processors[number].synchronised = ++now;
 }
 
+/* Whether the word at `address`, which was stored since it was last seen, was stored alone or with few neighbours. */
+static enum way way_of(uint64_t space, uint64_t address, const struct word* changed) {
+  unsigned length = 1;
+  for (int direction = -4; direction <= 4; direction += 8) {
+    for (uint64_t place = address + (uint64_t)direction; length <= LONGEST_PATCH; place += (uint64_t)direction) {
+      const struct word* word = word_at(space, place, false);
+      if (word == NULL || word->stored <= changed->seen) break;
+      ++length;
+    }
+  }
+  return length <= LONGEST_PATCH ? PATCHED : ANEW;
+}
+
 static void check_word(struct tally* tally, const struct processor* processor, uint64_t address, uint32_t value) {
   struct word* word = word_at(processor->space, address, false);
   if (word == NULL || word->state == NEVER_STORED) return;
@@ -256,9 +270,10 @@ static void check_word(struct tally* tally, const struct processor* processor, u
   }
   if (word->writer != processor->thread) add_fault(tally, FOREIGN, offset, value);
   if (word->was_executed && word->value != value) {
-    add_transition(tally, offset, word->value, value);
+    add_transition(tally, offset, way_of(processor->space, address, word), word->value, value);
   }
   word->was_executed = true;
+  word->seen = now;
   word->value = value;
 }
 

@@ -25,6 +25,8 @@ enum state { NEVER_STORED, STORED, CLEANING, CLEANED, INVALIDATING, COMPLETE, FO
 
 struct word {
   uint64_t time;   /* When it was stored, or became COMPLETE. */
+  uint64_t stored; /* When it was stored. */
+  uint64_t seen;   /* When it was last looked at because it was executed. */
   uint64_t writer; /* The thread, by its thread pointer. */
   uint32_t value;  /* As it was last executed. */
   uint8_t state, by;
@@ -38,6 +40,10 @@ struct line {
 enum word_class { NOP_WORD, B_WORD, BL_WORD, CONDITIONAL, TRAP, REGISTER_BRANCH, PUSH, POP, OTHER, WORD_CLASSES };
 enum cache_part { STUBS, BLOCKS, TRACES, CACHE_PARTS };
 
+/* A word is patched alone or with few neighbours; a fragment that is written anew is longer. */
+enum way { PATCHED, ANEW, WAYS };
+enum { LONGEST_PATCH = 3 };
+
 /* What one run of a program did: words stored and checked, lines maintained, faults and transitions. */
 struct tally {
   uint64_t caches, forks, stores, cleans, invalidations, barriers, checks;
@@ -49,7 +55,7 @@ struct tally {
   struct {
     uint64_t count;
     uint32_t old, new; /* Of the first. */
-  } transitions[CACHE_PARTS][WORD_CLASSES][WORD_CLASSES];
+  } transitions[CACHE_PARTS][WAYS][WORD_CLASSES][WORD_CLASSES];
 };
 
 void prepare_words(void);
@@ -71,5 +77,5 @@ uint64_t cache_of(uint64_t space, uint64_t address);
 struct word* word_at(uint64_t space, uint64_t address, bool make);
 
 void add_fault(struct tally* tally, enum state kind, uint64_t address, uint32_t value);
-void add_transition(struct tally* tally, uint64_t offset, uint32_t old, uint32_t value);
+void add_transition(struct tally* tally, uint64_t offset, enum way way, uint32_t old, uint32_t value);
 void print_tally(FILE* file, unsigned number, const struct tally* tally);

@@ -155,25 +155,27 @@ void add_fault(struct tally* tally, enum state kind, uint64_t address, uint32_t 
   if (kind == FOREIGN && address > tally->highest_foreign) tally->highest_foreign = address;
 }
 
-void add_transition(struct tally* tally, uint64_t offset, uint32_t old, uint32_t value) {
+void add_transition(struct tally* tally, uint64_t offset, enum way way, uint32_t old, uint32_t value) {
   const enum word_class from = class_of(old), to = class_of(value);
   const enum cache_part part = offset < STUBS_END ? STUBS : offset < BLOCKS_END ? BLOCKS : TRACES;
-  if (tally->transitions[part][from][to].count++ != 0) return;
-  tally->transitions[part][from][to].old = old;
-  tally->transitions[part][from][to].new = value;
+  if (tally->transitions[part][way][from][to].count++ != 0) return;
+  tally->transitions[part][way][from][to].old = old;
+  tally->transitions[part][way][from][to].new = value;
 }
 
 static void print_transitions(FILE* file, unsigned number, const struct tally* tally) {
   static const char* const parts[] = {"stubs", "blocks", "traces"};
+  static const char* const ways[] = {"patched", "anew"};
   static const char* const classes[] = {"nop",  "b",   "bl",   "conditional", "trap", "register_branch",
                                         "push", "pop", "other"};
-  for (unsigned place = 0; place < CACHE_PARTS * WORD_CLASSES * WORD_CLASSES; ++place) {
-    const unsigned part = place / (WORD_CLASSES * WORD_CLASSES);
+  for (unsigned place = 0; place < CACHE_PARTS * WAYS * WORD_CLASSES * WORD_CLASSES; ++place) {
+    const unsigned part = place / (WAYS * WORD_CLASSES * WORD_CLASSES);
+    const unsigned way = place / (WORD_CLASSES * WORD_CLASSES) % WAYS;
     const unsigned from = place / WORD_CLASSES % WORD_CLASSES, to = place % WORD_CLASSES;
-    if (tally->transitions[part][from][to].count == 0) continue;
-    fprintf(file, "transition %u %s %s %s %lu %08x %08x\n", number, parts[part], classes[from], classes[to],
-            tally->transitions[part][from][to].count, tally->transitions[part][from][to].old,
-            tally->transitions[part][from][to].new);
+    if (tally->transitions[part][way][from][to].count == 0) continue;
+    fprintf(file, "transition %u %s %s %s %s %lu %08x %08x\n", number, parts[part], ways[way], classes[from],
+            classes[to], tally->transitions[part][way][from][to].count, tally->transitions[part][way][from][to].old,
+            tally->transitions[part][way][from][to].new);
   }
 }
 

@@ -101,7 +101,7 @@ std::uint64_t make_stub_block(thread_data* thread, std::int32_t bb_id, std::uint
   a64_push_x0_x1(&write);
   a64_branch_jump(thread, &write, source, bb_id);
   end_source_marks(thread, write);
-  clear_instruction_cache(reinterpret_cast<std::uint32_t*>(address), write);
+  note_written(thread->written, reinterpret_cast<std::uint32_t*>(address), write);
   return address;
 }
 

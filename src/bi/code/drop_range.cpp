@@ -1,8 +1,8 @@
 // Fragments are found by their source page: each is a member of one chain, that of the page of its first word. Few
 // reach into another page. The chain of a page is also that of other pages.
 //
-// The instruction cache is cleared over each word written. The thread comes to run it by its way back into the cache,
-// from the engine code that has written it.
+// The caches are maintained over all words written when the range is done, or with the rest of the visit that drops it.
+// The thread comes to run them by its way back into the cache, from the engine code that has written them.
 #include "bi/code/drop_range.h"
 
 #include <algorithm>
@@ -57,7 +57,7 @@ void lead_to_block(thread_data* thread, bb_meta& trampoline, std::uint64_t to) {
   a64_branch_and_link(thread, words + 2, to);
   trampoline.exit_code_addr = words + 2;
   trampoline.rejoin_cache_addr = to;
-  clear_instruction_cache(words, words + 3);
+  note_written(thread->written, words, words + 3);
 }
 
 // Whether it does so already.
@@ -97,7 +97,7 @@ void lead_links_back(thread_data* thread, bb_meta& block, const bb_meta& trace) 
       continue;
     }
     *word = redirected_branch(*word, place, to);
-    clear_instruction_cache(place, place + 1);
+    note_written(thread->written, place, place + 1);
     slot = &(*slot)->next;
   }
 }
@@ -120,7 +120,7 @@ bool drop_trace(thread_data* thread, std::int32_t id) {
   lead_links_back(thread, thread->metas[block], thread->metas[id]);
   auto* word = reinterpret_cast<std::uint32_t*>(thread->metas[id].cache_entry + ENTRY_WORD_SIZE);
   a64_branch_and_link(thread, word, thread->metas[block].cache_entry + ENTRY_WORD_SIZE);
-  clear_instruction_cache(word, word + 1);
+  note_written(thread->written, word, word + 1);
   // Nothing leads to its other fragments and to its trampolines any more.
   std::int32_t dead = id;
   do thread->metas[dead++].source_words = 0;
@@ -194,10 +194,7 @@ bool drop_chains(thread_data* thread, drop_state& drop) {
   return true;
 }
 
-}  // namespace
-
-bool drop_fragments(thread_data* thread, std::uint64_t start, std::uint64_t end) {
-  if (start >= end) return false;
+bool drop_range(thread_data* thread, std::uint64_t start, std::uint64_t end) {
   drop_state drop = {start, end, false};
   drop_unfinished_trace(thread, start, end);
   if (!drop_chains(thread, drop)) {
@@ -209,6 +206,17 @@ bool drop_fragments(thread_data* thread, std::uint64_t start, std::uint64_t end)
     forget_function_entries(thread);
   }
   return drop.found;
+}
+
+}  // namespace
+
+bool drop_fragments(thread_data* thread, std::uint64_t start, std::uint64_t end) {
+  if (start >= end) return false;
+  if (thread->written.defers != 0) return drop_range(thread, start, end);
+  begin_deferring(thread->written);
+  const bool found = drop_range(thread, start, end);
+  finish_written(thread->written);
+  return found;
 }
 
 void note_fragment(thread_data* thread, std::int32_t id) {

@@ -1,8 +1,8 @@
 // What a thread has written into its code cache, and the instruction cache has not heard of yet.
 //
 // A visit to the engine may write several pieces: a block, a link to it, a trace's exits. Each would need a maintenance
-// of its own. Instead a visit that defers notes the pieces and maintains all of them at its end, each by a call of the
-// compiler's routine.
+// of its own, with two barriers that wait for all processors. Instead a visit that defers notes the pieces and
+// maintains all of them in one pass at its end.
 //
 //   who                         may see a piece                                  what comes before
 //   this thread's fetches       when the visit is over and the stub leaves for   finish_written, which ends with the
@@ -18,7 +18,11 @@
 //                               visit that defers makes
 //
 // So it does not matter in which order the pieces are written, or that a link is written before its target has been
-// maintained: nothing is fetched from either before the end of the visit.
+// maintained: nothing is fetched from either before the end of the visit. What a visit maintains early, because it has
+// written more pieces than are kept, is maintained early and no worse for it.
+//
+// Each place that writes code calls note_written or clear_instruction_cache by itself. Neither is inline: the test of
+// the places takes such calls out, one place at a time (tests/system/coherence).
 #pragma once
 
 #include <cstddef>
@@ -39,20 +43,12 @@ struct written_code {
   written_range ranges[MOST];
 };
 
-// All of them are given the thread's record of what was written.
-void maintain_written(written_code& written);
-void maintain_at_once(written_code& written, const void* begin, const void* end);
-
 // Notes words that the thread has written into its cache, or maintains the caches over them at once if the thread does
-// not defer.
-inline void note_written(written_code& written, const void* begin, const void* end) {
-  if (written.defers == 0 || written.count == written_code::MOST) {
-    maintain_at_once(written, begin, end);
-    return;
-  }
-  written_range& range = written.ranges[written.count++];
-  range = {reinterpret_cast<std::uint64_t>(begin), reinterpret_cast<std::uint64_t>(end)};
-}
+// not defer. `written` is the thread's record.
+void note_written(written_code& written, const void* begin, const void* end);
+
+// Maintains the caches over all that was noted.
+void maintain_written(written_code& written);
 
 // Around a visit. The second function maintains the caches over what was noted. It comes before the way back into the
 // cache.

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The engine on a processor whose instruction cache is not coherent with its data cache.
 
-coherence_test.py BUILD PLUGIN NM [LISTS|PLACES OBJDUMP ADDR2LINE OBJCOPY]
+coherence_test.py BUILD PLUGIN NM OBJCOPY [LISTS|PLACES OBJDUMP ADDR2LINE]
 
 Without a further word, a short list; LISTS, the engine's lists; PLACES, an engine for each function that writes code,
 which leaves what that function writes as it is.
@@ -17,10 +17,10 @@ import tempfile
 import unittest
 
 import machine
-from machine import ENGINE, Line, Machine, NO_LIBRARIES
+from machine import Engines, Line, Machine
 
-BUILD, PLUGIN, NM = sys.argv[1:4]
-KIND = sys.argv[4] if len(sys.argv) > 4 else "Coherence"
+BUILD, PLUGIN, NM, OBJCOPY = sys.argv[1:5]
+KIND = sys.argv[5] if len(sys.argv) > 5 else "Coherence"
 PROGRAM = os.path.join(BUILD, "tests/programs/mora_run")
 
 SKIPPED = 77  # What CTest takes for a skipped test.
@@ -48,12 +48,12 @@ class Coherence(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         with tempfile.TemporaryDirectory() as folder:
-            programs = {step: Line("-", NO_LIBRARIES, f"/build/tests/emulator_plugin/unclean_code {step}")
-                        for step in KNOWN_FAULTS}
-            libraries = machine.libraries(machine.ALL_STEPS, folder, NM)
-            sound = [Line(ENGINE, libraries, command) for command in machine.read_list("short.txt")]
-            mutants = {step: Line(ENGINE, machine.libraries(step, folder, NM),
-                                  "$RUN $PROGRAMS/hazards/branch_shapes") for step in machine.STEPS}
+            programs = {step: Line("-", f"/build/tests/emulator_plugin/unclean_code {step}") for step in KNOWN_FAULTS}
+            engines = Engines(PROGRAM, folder, NM, OBJCOPY)
+            engine = engines.with_all_steps()
+            sound = [Line(engine, command) for command in machine.read_list("short.txt")]
+            mutants = {step: Line(engines.without_step(step), "$RUN $PROGRAMS/hazards/branch_shapes")
+                       for step in machine.STEPS}
             lines = [*programs.values(), *sound, *mutants.values()]
             runs = iter(Machine(BUILD, PLUGIN, folder).run(lines))
             cls.programs = {step: next(runs) for step in programs}
@@ -98,9 +98,9 @@ class Lists(unittest.TestCase):
 
     def test_the_engine_makes_executable_what_it_has_written_in_all_lists(self):
         with tempfile.TemporaryDirectory() as folder:
-            libraries = machine.libraries(machine.ALL_STEPS, folder, NM)
+            engine = Engines(PROGRAM, folder, NM, OBJCOPY).with_all_steps()
             for name in self.NAMES:
-                lines = [Line(ENGINE, libraries, command) for command in machine.read_list(f"{name}.txt", "engine")]
+                lines = [Line(engine, command) for command in machine.read_list(f"{name}.txt", "engine")]
                 for run in Machine(BUILD, PLUGIN, folder, seconds=7200).run(lines):
                     with self.subTest(command=run.line.command):
                         self.assertGreater(run.counts["checks"], 300)
@@ -112,14 +112,13 @@ class Places(unittest.TestCase):
     """An engine for each function."""
 
     def test_each_place_that_leaves_its_words_as_they_are_is_found(self):
-        objdump, addr2line, objcopy = sys.argv[5:8]
+        objdump, addr2line = sys.argv[6:8]
         sites = machine.call_sites(PROGRAM, objdump, addr2line)
         commands = dict(line.split("|", 1) for line in machine.read_list("places.txt"))
         self.assertEqual(sorted(sites), sorted(commands), "places.txt has a line for each")
         with tempfile.TemporaryDirectory() as folder:
-            libraries = machine.libraries(machine.ALL_STEPS, folder, NM)
-            lines = {function: Line(machine.engine_without(function, sites[function], PROGRAM, folder, objcopy),
-                                    libraries, command)
+            engines = Engines(PROGRAM, folder, NM, OBJCOPY)
+            lines = {function: Line(engines.without_place(function, sites[function]), command)
                      for function, command in commands.items() if not command.startswith("- ")}
             runs = Machine(BUILD, PLUGIN, folder).run(list(lines.values()))
             for function, run in zip(lines, runs):

@@ -1,9 +1,10 @@
-"""The virtual machine with the plug-in that judges written code, and engines and libraries that leave out a step.
+"""The virtual machine with the plug-in that judges written code, and engines that leave out a step.
 
-A plan is a list of lines; each has an engine, the folder of the libraries that it is to find before the system's, and a
-command as in the lists of ../engine. The plug-in's account is kept apart by line.
+A plan is a list of lines; each has an engine and a command as in the lists of ../engine. The plug-in's account is kept
+apart by line.
 """
 import collections
+import glob
 import os
 import re
 import struct
@@ -12,15 +13,15 @@ import sys
 
 SOURCE = os.path.realpath(os.path.join(os.path.dirname(__file__), "../../.."))
 ENGINE = "/build/tests/programs/mora_run"
-NO_LIBRARIES = "-"
 NOP, RET = 0xd503201f, 0xd65f03c0
 
-Line = collections.namedtuple("Line", "engine libraries command")
+Line = collections.namedtuple("Line", "engine command")
 Fault = collections.namedtuple("Fault", "count address word")
 
 
 class Run:
-    """The outcome of a line: its status, and the plug-in's counts, faults by kind, transitions by part and classes."""
+    """The outcome of a line: its status, and the plug-in's counts, faults by kind, transitions by part, way and classes.
+    """
 
     def __init__(self, line):
         self.line = line
@@ -30,7 +31,7 @@ class Run:
         self.transitions = collections.Counter()
 
     def text(self):
-        return f"{self.line.command} [{self.line.engine} {self.line.libraries}]: status {self.status}, {self.faults}"
+        return f"{self.line.command} [{self.line.engine}]: status {self.status}, {self.faults}"
 
 
 def read_list(name, folder="coherence"):
@@ -51,7 +52,7 @@ def read_account(path, runs):
             elif kind == "fault":
                 run.faults[words[0]] = Fault(int(words[1]), int(words[2], 16), int(words[3], 16))
             else:
-                run.transitions[tuple(words[:3])] += int(words[3])
+                run.transitions[tuple(words[:4])] += int(words[4])
 
 
 class Machine:
@@ -122,79 +123,89 @@ def has_emulator():
                           check=False).returncode == 0
 
 
-def userland():
-    """The folder of the machine's userland, fetched if it is missing."""
-    subprocess.run([os.path.join(SOURCE, "tools/vm/fetch")], check=True)
-    return output_of("bash", "-c", f". '{SOURCE}/tools/vm/common.sh'; printf %s \"$vm_userland\"")
+def symbol(nm, path, name):
+    """The address of a symbol, and its size."""
+    match = re.search(rf"^([0-9a-f]+) ([0-9a-f]+) . {name}$", output_of(nm, "-S", path), re.MULTILINE)
+    return int(match[1], 16), int(match[2], 16)
 
 
-# The steps of the library's routine that makes written code executable, and the words that are left out for each.
+# The steps of the engine's routine that makes written code executable, and the words that are left out for each.
 STEPS = {"clean": 0xd50b7b20, "first_barrier": 0xd5033b9f, "invalidation": 0xd50b7520, "second_barrier": 0xd5033b9f,
          "synchronisation": 0xd5033fdf}
 ALL_STEPS = "all_steps"
 
 
-def routine_of(image, nm, path):
-    """The addresses of the routine's words."""
-    symbol = re.search(r"^([0-9a-f]+) [0-9a-f]+ . __clear_cache\b", output_of(nm, "-D", "-S", path), re.MULTILINE)
-    begin = int(symbol[1], 16)
-    word = image.word(begin)
-    if word >> 26 == 5:  # Encodes a branch to the routine.
-        begin += ((word & 0x3ffffff ^ 0x2000000) - 0x2000000) * 4
-    end = begin
-    while image.word(end) != STEPS["synchronisation"]:
-        end += 4
-    return range(begin, end + 4, 4)
-
-
 def only_place(places, expected, what):
     if len(places) != expected:
-        raise AssertionError(f"{len(places)} places for {what} in the C compiler's library, not {expected}")
+        raise AssertionError(f"{len(places)} places for {what} in the engine, not {expected}")
     return places
 
 
-def libraries(step, folder, nm):
-    """A folder, as the machine names it, with the C compiler's library: its routine leaves out a step.
+class Engines:
+    """Copies of the engine, as the machine names them, in a folder that the machine sees as /mutants.
 
     In each of these routines a line has one word, so that a forgotten word is not made executable with its neighbours.
     """
-    path = os.path.join(userland(), "usr/lib/aarch64-linux-gnu/libgcc_s.so.1")
-    image = Image(path)
-    routine = routine_of(image, nm, path)
-    # lsl line, word_size, logarithm_of_words
-    for place in only_place([at for at in routine if image.word(at) & 0xffe0fc00 == 0x1ac02000], 2, "a line's size"):
-        word = image.word(place)
-        image.put(place, 0x2a0003e0 | (word >> 5 & 31) << 16 | word & 31)  # mov line, word_size
-    if step != ALL_STEPS:
+
+    def __init__(self, program, folder, nm, objcopy):
+        self.program, self.folder = program, folder
+        self.stripped = os.path.join(folder, "stripped")
+        subprocess.run([objcopy, "--strip-debug", program, self.stripped], check=True)
+        begin, size = symbol(nm, program, "maintain_caches")
+        self.routine = range(begin, begin + size, 4)
+
+    def image(self):
+        image = Image(self.stripped)
+        # lsl line, four, logarithm
+        sizes = [at for at in self.routine if image.word(at) & 0xffe0fc00 == 0x1ac02000]
+        for place in only_place(sizes, 2, "a line's size"):
+            word = image.word(place)
+            image.put(place, 0x2a0003e0 | (word >> 5 & 31) << 16 | word & 31)  # mov line, four
+        return image
+
+    def write(self, image, name):
+        image.write(os.path.join(self.folder, name))
+        return f"/mutants/{name}"
+
+    def with_all_steps(self):
+        return self.write(self.image(), ALL_STEPS)
+
+    def without_step(self, step):
+        image = self.image()
         operand = 31 if step in ("clean", "invalidation") else 0
-        places = [at for at in routine if image.word(at) & ~operand == STEPS[step]]
+        places = [at for at in self.routine if image.word(at) & ~operand == STEPS[step]]
         only_place(places, 2 if step.endswith("_barrier") else 1, step)
         image.put(places[-1] if step == "second_barrier" else places[0], NOP)
-    image.write(os.path.join(folder, step, "libgcc_s.so.1"))
-    return f"/mutants/{step}"
+        return self.write(image, step)
+
+    def without_place(self, function, sites):
+        """Leaves what the function writes as it is."""
+        image = self.image()
+        for address, is_call in sites:
+            image.put(address, NOP if is_call else RET)
+        return self.write(image, function)
+
+
+def function_at(file, number):
+    """The name of the function that holds a line of a source: its head begins in the first column."""
+    paths = glob.glob(os.path.join(SOURCE, "src/bi/**", file), recursive=True)
+    paths += glob.glob(os.path.join(SOURCE, "tests/programs/engine", file))
+    with open(only_place(paths, 1, file)[0], encoding="utf-8") as source:
+        lines = source.read().splitlines()
+    heads = (re.match(r"\w[^=;]*?(\w+)\(", line) for line in reversed(lines[:number]))
+    return next(head[1] for head in heads if head)
 
 
 def call_sites(engine, objdump, addr2line):
-    """The places where the engine makes written words executable, by the function that its source names: addresses and
-    whether each is a call; else it is a jump to the library."""
+    """The places where the engine makes written words executable, or notes them for the end of the visit, by the
+    function that its source names: addresses and whether each is a call; else it is a jump."""
     sites = collections.defaultdict(list)
-    for line in output_of(objdump, "-d", "--no-show-raw-insn", engine).splitlines():
-        match = re.match(r"\s*([0-9a-f]+):\s+(bl?)\s.*<__clear_cache@plt>", line)
+    for line in output_of(objdump, "-d", "-C", "--no-show-raw-insn", engine).splitlines():
+        match = re.match(r"\s*([0-9a-f]+):\s+(bl?)\s.*<ceilmeter::(?:clear_instruction_cache|note_written)\([^)+]*\)>",
+                         line)
         if not match:
             continue
-        frames = output_of(addr2line, "-s", "-f", "-i", "-C", "-e", engine, match[1]).splitlines()
-        function = frames[2].split("(")[0].split("::")[-1]  # The first is the one that calls the library.
-        sites[function].append((int(match[1], 16), match[2] == "bl"))
+        # By its line: the name of a function that the compiler has put into another one is not always told.
+        file, number = output_of(addr2line, "-s", "-i", "-e", engine, match[1]).splitlines()[0].split()[0].split(":")
+        sites[function_at(file, int(number))].append((int(match[1], 16), match[2] == "bl"))
     return sites
-
-
-def engine_without(function, sites, engine, folder, objcopy):
-    """Makes an engine that does not make executable what the function writes. Returns its path in the machine."""
-    stripped = os.path.join(folder, "stripped")
-    if not os.path.exists(stripped):
-        subprocess.run([objcopy, "--strip-debug", engine, stripped], check=True)
-    image = Image(stripped)
-    for address, is_call in sites:
-        image.put(address, NOP if is_call else RET)
-    image.write(os.path.join(folder, function))
-    return f"/mutants/{function}"
