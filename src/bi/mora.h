@@ -164,9 +164,6 @@ struct thread_data {
   std::uint64_t dispatcher_stub_addr;  // Cache addresses of this thread's copies of stubs.
   std::uint64_t syscall_wrapper_addr;
   std::uint8_t* code_cache;
-  bb_meta metas[BB_META_COUNT];
-  sized_hash_table<ENTRY_TABLE_SIZE> entry_table;  // Source address to cache address.
-  std::uint8_t exit_counters[BB_COUNT];            // Hotness of each basic block.
   std::uint64_t hot_counter_stub_addr;
   std::uint8_t* trace_write_cursor;  // Next free byte of the trace area.
   std::int32_t trace_id;             // Next free index after the last installed trace.
@@ -194,7 +191,6 @@ struct thread_data {
   robin_map return_watch;                      // For post-function events.
   std::uint64_t syscall_args;                  // The first argument of the call, for the post-syscall callback.
   std::uint64_t* return_stack_top;
-  std::uint64_t return_stack[RETURN_STACK_SIZE];
   // How those who wait for the thread learn of its end, see kernel/threads.cpp.
   std::int32_t* library_tid_word;      // The C library wants it cleared at the thread's end; null: not known.
   std::int32_t* application_tid_word;  // The application wants it cleared and its waiter woken.
@@ -210,26 +206,19 @@ struct thread_data {
   std::uint32_t trace_fragment_overflow;
   std::int32_t traces_checked;  // How many indices traces had when the checker last looked at all of them.
   std::uint64_t trace_number;   // Of the trace begun last, among those of the process: see engine_switches.h.
-  // Where in the cache the code of each source word begins, see source_map.h. In the fragment that is being scanned,
-  // no mark of an earlier one is left before source_marks_end.
+  // In the fragment that is being scanned, no mark of an earlier one is left before it, see source_map.h.
   const std::uint32_t* source_marks_end;
-  std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
-  // The source words of the fragment that is being scanned, and the class of each, see scan_ahead.h.
-  std::uint32_t scan_words[SCAN_WORDS];
-  std::uint8_t scan_classes[SCAN_WORDS];
   std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
   // Of a child in its parent's memory, see kernel/vfork.h. Its own signal actions, unless the call shares them.
   std::uint8_t is_vfork_child;
   thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
   std::uint8_t shares_descriptors;
   action_table* own_actions;
-  action_table own_action_table;
   // Where signals find their stacks, see signal_stack.h and application_stack.h.
   std::uint8_t* signal_stack;        // The engine's own, with its guard page first.
   application_stack own_stack;       // The application's.
   application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
   std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
-  held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
   // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
   std::uint64_t code_epoch;          // The epoch up to which this thread has dropped what others have dropped.
   std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
@@ -237,13 +226,8 @@ struct thread_data {
   // Of an IC IVAU, on its way to the dispatcher: the address, and then not 0. Rewritten code writes both.
   std::uint64_t invalidated_address;
   std::uint64_t invalidates;
-  std::uint32_t visit_wanted;  // Not 0: a signal is being sent to it, or has been, that makes it look.
-  // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
-  // one. 0: none, or not noted; -1: the last one.
-  std::int32_t fragment_chains[FRAGMENT_CHAINS];
-  std::int32_t chain_next[BB_META_COUNT];
-  std::uint64_t longest_fragment_pages;                // How far a fragment reaches beyond its first page at most.
-  std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
+  std::uint32_t visit_wanted;            // Not 0: a signal is being sent to it, or has been, that makes it look.
+  std::uint64_t longest_fragment_pages;  // How far a fragment reaches beyond its first page at most.
   // Other signals are blocked while one is held, and the mask that the application knows: see held_mask.h.
   std::uint32_t others_held_back;
   std::uint64_t application_mask;
@@ -257,6 +241,23 @@ struct thread_data {
   std::uint32_t interruptions;
   last_call_stack last_call;
   written_code written;  // Code that the instruction cache has to hear of before it runs.
+  // What is large stands behind all else: the fields above are reached from the record's address by one instruction.
+  bb_meta metas[BB_META_COUNT];
+  sized_hash_table<ENTRY_TABLE_SIZE> entry_table;  // Source address to cache address.
+  std::uint8_t exit_counters[BB_COUNT];            // Hotness of each basic block.
+  std::uint64_t return_stack[RETURN_STACK_SIZE];
+  // Where in the cache the code of each source word begins, see source_map.h.
+  std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
+  // The source words of the fragment that is being scanned, and the class of each, see scan_ahead.h.
+  std::uint32_t scan_words[SCAN_WORDS];
+  std::uint8_t scan_classes[SCAN_WORDS];
+  action_table own_action_table;
+  held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
+  // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
+  // one. 0: none, or not noted; -1: the last one.
+  std::int32_t fragment_chains[FRAGMENT_CHAINS];
+  std::int32_t chain_next[BB_META_COUNT];
+  std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
 };
 
 // Process-wide state, each part under the lock that is named with it.

@@ -66,7 +66,7 @@ void refuse_streaming(const scan_state& state) {
 }  // namespace
 
 void mark_inserted_code(scan_state& state) {
-  if (plugins_listen()) mark_source(state.thread, state.write, MARK_INSERTED);
+  if (state.is_heard) mark_source(state.thread, state.write, MARK_INSERTED);
 }
 
 void lower_sp(scan_state& state) {
