@@ -243,8 +243,11 @@ struct thread_data {
   written_code written;  // Code that the instruction cache has to hear of before it runs.
   // What is large stands behind all else: the fields above are reached from the record's address by one instruction.
   bb_meta metas[BB_META_COUNT];
-  sized_hash_table<ENTRY_TABLE_SIZE> entry_table;  // Source address to cache address.
-  std::uint8_t exit_counters[BB_COUNT];            // Hotness of each basic block.
+  // Source address to cache address. The slots begin with a page, so that every register branch has their address by
+  // one ADRP.
+  alignas(4096) std::uint8_t before_entry_table[4096 - sizeof(hash_table)];
+  sized_hash_table<ENTRY_TABLE_SIZE> entry_table;
+  std::uint8_t exit_counters[BB_COUNT];  // Hotness of each basic block.
   std::uint64_t return_stack[RETURN_STACK_SIZE];
   // Where in the cache the code of each source word begins, see source_map.h.
   std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
@@ -259,6 +262,8 @@ struct thread_data {
   std::int32_t chain_next[BB_META_COUNT];
   std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
 };
+
+static_assert((offsetof(thread_data, entry_table) + offsetof(sized_hash_table<ENTRY_TABLE_SIZE>, entries)) % 4096 == 0);
 
 // Process-wide state, each part under the lock that is named with it.
 struct engine_globals {

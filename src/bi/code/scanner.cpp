@@ -67,7 +67,7 @@ void rewrite_direct_branch(scan_state& state) {
   std::uint32_t imm26 = 0;
   a64_b_decode(&state.word, &link, &imm26);
   // The application's link register holds a source address throughout.
-  if (link != 0) code_writer{state.write}.load_const(x30, address_of(state.read) + 4);
+  if (link != 0) code_writer{state.write}.load_address(x30, address_of(state.read) + 4);
   put_direct_exit(state, branch_target(state.read, imm26, 26));
 }
 
