@@ -62,6 +62,8 @@ class CountError(Exception):
 def symbols_of(nm, path, *options):
     """(address, name) of a file's functions, without their parameters, in the order of addresses."""
     listing = subprocess.run([nm, "-C", *options, path], check=False, capture_output=True, text=True).stdout
+    # Of the parentheses in a name, those of an unnamed namespace belong to it.
+    listing = listing.replace("(anonymous namespace)::", "")
     matches = (re.match(r"([0-9a-f]+) [tTwWiVu] ([^(@$]+)", line) for line in listing.splitlines())
     return sorted((int(match[1], 16), match[2]) for match in matches if match)
 

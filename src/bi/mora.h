@@ -164,7 +164,6 @@ struct thread_data {
   std::uint64_t dispatcher_stub_addr;  // Cache addresses of this thread's copies of stubs.
   std::uint64_t syscall_wrapper_addr;
   std::uint8_t* code_cache;
-  // What each system call looks at stands in front of the tables, where an offset fits the instruction.
   last_call_stack last_call;
   // A new thread has not moved its stack pointer from this address yet; 0: it has. See keeps_below_sp.
   std::uint64_t untouched_sp;
@@ -180,9 +179,6 @@ struct thread_data {
   std::uint8_t shares_descriptors;
   action_table* own_actions;
   thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
-  bb_meta metas[BB_META_COUNT];
-  sized_hash_table<ENTRY_TABLE_SIZE> entry_table;  // Source address to cache address.
-  std::uint8_t exit_counters[BB_COUNT];            // Hotness of each basic block.
   std::uint64_t hot_counter_stub_addr;
   std::uint8_t* trace_write_cursor;  // Next free byte of the trace area.
   std::int32_t trace_id;             // Next free index after the last installed trace.
@@ -208,7 +204,6 @@ struct thread_data {
   robin_map return_watch;                      // For post-function events; without buckets until the first.
   std::uint64_t syscall_args;                  // The first argument of the call, for the post-syscall callback.
   std::uint64_t* return_stack_top;
-  std::uint64_t return_stack[RETURN_STACK_SIZE];
   // How those who wait for the thread learn of its end, see kernel/threads.cpp.
   std::int32_t* library_tid_word;      // The C library wants it cleared at the thread's end; null: not known.
   std::int32_t* application_tid_word;  // The application wants it cleared and its waiter woken.
@@ -223,30 +218,18 @@ struct thread_data {
   std::uint32_t trace_fragment_overflow;
   std::int32_t traces_checked;  // How many indices traces had when the checker last looked at all of them.
   std::uint64_t trace_number;   // Of the trace begun last, among those of the process: see engine_switches.h.
-  // Where in the cache the code of each source word begins, see source_map.h. In the fragment that is being scanned,
-  // no mark of an earlier one is left before source_marks_end.
+  // In the fragment that is being scanned, no mark of an earlier one is left before it, see source_map.h.
   const std::uint32_t* source_marks_end;
-  std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
-  // The source words of the fragment that is being scanned, and the class of each, see scan_ahead.h.
-  std::uint32_t scan_words[SCAN_WORDS];
-  std::uint8_t scan_classes[SCAN_WORDS];
   std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
-  action_table own_action_table;       // Of a child in its parent's memory.
   // Where signals find their stacks, see signal_stack.h and application_stack.h.
   std::uint8_t* signal_stack;        // The engine's own, with its guard page first.
   application_stack own_stack;       // The application's.
   application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
   std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
-  held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
   // Of an IC IVAU, on its way to the dispatcher: the address, and then not 0. Rewritten code writes both.
   std::uint64_t invalidated_address;
   std::uint64_t invalidates;
-  // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
-  // one. 0: none, or not noted; -1: the last one.
-  std::int32_t fragment_chains[FRAGMENT_CHAINS];
-  std::int32_t chain_next[BB_META_COUNT];
-  std::uint64_t longest_fragment_pages;                // How far a fragment reaches beyond its first page at most.
-  std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
+  std::uint64_t longest_fragment_pages;  // How far a fragment reaches beyond its first page at most.
   // Other signals are blocked while one is held, and the mask that the application knows: see held_mask.h.
   std::uint32_t others_held_back;
   std::uint64_t application_mask;
@@ -258,7 +241,29 @@ struct thread_data {
   std::uint32_t has_turn;  // One block runs, whatever is held.
   std::uint32_t interruptions;
   written_code written;  // Code that the instruction cache has to hear of before it runs.
+  // What is large stands behind all else: the fields above are reached from the record's address by one instruction.
+  bb_meta metas[BB_META_COUNT];
+  // Source address to cache address. The slots begin with a page, so that every register branch has their address by
+  // one ADRP.
+  alignas(4096) std::uint8_t before_entry_table[4096 - sizeof(hash_table)];
+  sized_hash_table<ENTRY_TABLE_SIZE> entry_table;
+  std::uint8_t exit_counters[BB_COUNT];  // Hotness of each basic block.
+  std::uint64_t return_stack[RETURN_STACK_SIZE];
+  // Where in the cache the code of each source word begins, see source_map.h.
+  std::uint64_t source_marks[CODE_CACHE_SIZE / sizeof(std::uint32_t) / SOURCE_MARKS_PER_WORD];
+  // The source words of the fragment that is being scanned, and the class of each, see scan_ahead.h.
+  std::uint32_t scan_words[SCAN_WORDS];
+  std::uint8_t scan_classes[SCAN_WORDS];
+  action_table own_action_table;
+  held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
+  // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
+  // one. 0: none, or not noted; -1: the last one.
+  std::int32_t fragment_chains[FRAGMENT_CHAINS];
+  std::int32_t chain_next[BB_META_COUNT];
+  std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
 };
+
+static_assert((offsetof(thread_data, entry_table) + offsetof(sized_hash_table<ENTRY_TABLE_SIZE>, entries)) % 4096 == 0);
 
 // Process-wide state, each part under the lock that is named with it.
 struct engine_globals {

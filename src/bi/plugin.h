@@ -423,4 +423,9 @@ int function_watch_add_named(std::uint64_t address, const char* name);
 // names is watched. Plug-ins hear of the symbols in both cases. Returns the value before. Before mora_run.
 std::uint32_t function_watch_set_manual(std::uint32_t flag);
 
+// Plug-ins are told of function symbols of this name, and of those that further calls name, but of no others: libraries
+// have thousands. What is watched does not change. At most eight names of up to 63 bytes; with one that does not fit
+// every symbol is told again. Null: forgets the names, and every symbol is told, as at the start. Before mora_run.
+void function_symbol_only(const char* name);
+
 }  // namespace ceilmeter

@@ -84,7 +84,7 @@ bintracer_t::~bintracer_t() {
 }
 
 void bintracer_t::watch_by_name(std::string name, watch_callbacks callbacks) {
-  named_letters |= std::uint64_t{1} << (name.c_str()[0] & 63);
+  function_symbol_only(name.c_str());
   if (!named_callbacks.insert(std::move(name), callbacks).second) {
     throw std::runtime_error("register callback on one name was called twice\n");
   }

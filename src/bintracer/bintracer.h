@@ -121,9 +121,6 @@ class alignas(64) bintracer_t : public mappings_t {
   // Has functions of this name watched. Before the engine runs. Throws std::runtime_error if the name is known already.
   void watch_by_name(std::string name, watch_callbacks callbacks);
 
-  // False for most names of functions that are not watched, told by the first letter.
-  bool may_be_named(const char* name) const { return (named_letters >> (name[0] & 63) & 1) != 0; }
-
   // What a function of this name is to be watched for; null if it is not.
   const watch_callbacks* find_named_callbacks(std::string_view name) const { return named_callbacks.find(name); }
   // From now on the function at `address` is watched. An address that is known already keeps what it has.
@@ -152,7 +149,6 @@ class alignas(64) bintracer_t : public mappings_t {
   mutable std::shared_mutex region_threads_lock;
   flat_table<std::string, region_activity> region_threads;
   flat_table<std::string, watch_callbacks> named_callbacks;  // Only read when the application runs.
-  std::uint64_t named_letters = 0;                           // Bit n: such a name begins with a letter of n modulo 64.
   // Written when a thread maps a module, while others translate the entries of functions.
   mutable std::shared_mutex watched_functions_lock;
   flat_table<std::uint64_t, watch_callbacks> watched_functions;  // Under it.

@@ -119,6 +119,20 @@ bool count_block_of_file(instruction_finder& finder, const mapping_segment& segm
   return true;
 }
 
+// Whether the block's words are at hand and none of them is arithmetic, as in most blocks. Then it has no work, whether
+// it is known or not.
+bool is_seen_without_arithmetic(const instruction_finder& finder, const bb_record& record) {
+  const mapping_segment* segment = record.code == nullptr ? mappings_t::find_segment(record.map_seg_id) : nullptr;
+  if (segment == nullptr || is_logged_in_detail()) return false;
+  const std::uint64_t distance = to_file(*segment);
+  const std::uint32_t* word = finder.words_at_hand(segment, record.start + distance, record.end + distance);
+  if (word == nullptr) return false;
+  for (const std::uint32_t* end = word + (record.end - record.start) / instruction_size; word != end; ++word) {
+    if (may_be_arithmetic(*word)) return false;
+  }
+  return true;
+}
+
 // The work of the block, from the table or from its instructions. None if the block is of no known file.
 block_work find_or_count_work(instruction_finder& finder, const bb_record& record, block_work_table& known) {
   if (!is_logged_in_detail()) {
@@ -203,6 +217,7 @@ void thread_info_processing(instruction_finder& finder, bintracer_report& report
     bintracer_region& region = find_or_add_region(report.regions, counted.name);
     region.threads = region.name == total_region_name ? max_thread_count : tracer.max_active_threads(region.name);
     for (const bb_record& record : counted.bbs) {
+      if (is_seen_without_arithmetic(finder, record)) continue;
       const block_work work = find_or_count_work(finder, record, known);
       executed.counted += work.arithmetic.counted * record.count;
       executed.uncounted += work.arithmetic.uncounted * record.count;

@@ -276,7 +276,7 @@ int pre_bb_cb(mora_context* ctx) {
         start, static_cast<long>(thread.enable_basic_block_count));
   }
   // A block that is translated anew, for instance after a flush of the code cache, keeps its counter.
-  bintracer_t& of_process = tracer_of(ctx);
+  bintracer_t& of_process = *thread.tracer;
   const std::uint64_t segment = of_process.search_segment(start, thread.segment);
   bb_record* known = find_block(ctx, thread.blocks.find(start), segment);
   thread.current_bb = known != nullptr ? known : add_block(thread, start, segment);
@@ -329,9 +329,7 @@ int vm_op_cb(mora_context* ctx) {
 }
 
 int function_symbol_cb(mora_context* ctx) {
-  // Libraries have thousands of symbols: the tests that most of them fail come first.
   const char* name = mora_get_symbol_name(ctx);
-  if (!tracer_of(ctx).may_be_named(name)) return 0;
   const watch_callbacks* callbacks = tracer_of(ctx).find_named_callbacks(name);
   if (callbacks == nullptr || std::strchr(name, '@') != nullptr) return 0;
   const std::uint64_t address = mora_get_symbol_address(ctx);

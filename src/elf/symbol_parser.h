@@ -8,7 +8,8 @@
 
 namespace ceilmeter {
 
-// Delivers function_symbol for every function symbol of the file, and watches each function unless
+// Delivers function_symbol for every function symbol of the file, or for those that function_symbol_only has named, and
+// watches each function unless
 // function_watch_set_manual has turned that off. `base` is the address of the mapping just made, not the file's load
 // address. If a file's executable segment does not begin at virtual address 0, the reported addresses are off by the
 // segment's address, and a watch on such an address never fires. A symbol in two tables is told twice; so are the

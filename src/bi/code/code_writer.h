@@ -221,6 +221,8 @@ struct code_writer {
   }
   // One to four words, by the value.
   void load_const(x_register rd, std::uint64_t value) const { a64_load_const(&cursor, rd.number, value); }
+  // The same for an address, by words that depend on their place: see a64_load_address.
+  void load_address(x_register rd, std::uint64_t address) const { a64_load_address(&cursor, rd.number, address); }
 
   // Branches to a cache address in reach.
   void b(std::uint64_t to) const { a64_branch(cursor++, to); }

@@ -92,7 +92,7 @@ constexpr std::uint32_t PUSHED_BYTES = 32;
 // `x2_is_saved`. Then the target is in x1, and x2 is the second register that the lookup needs; otherwise x1 is.
 void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code, x_register target, bool x2_is_saved) {
   const x_register scratch = x2_is_saved ? x2 : x1;
-  code.load_const(x0, address_of(thread->entry_table.entries));
+  code.load_address(x0, address_of(thread->entry_table.entries));  // They begin with a page.
 
   // The mask leaves the bits of the address that the table's hash selects, in place.
   static_assert(ENTRY_TABLE_SIZE - 10 == 0x1ffffc >> 2, "the mask of the inline lookup is that of the hash");
@@ -248,7 +248,7 @@ void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** wri
     if (reg != x1.number) code.mov(x1, x_register{reg});
   }
   if (set_meta) thread->metas[bb_id].rn = target.number;
-  if (link) code.load_const(x30, address_of(read_address) + 4);
+  if (link) code.load_address(x30, address_of(read_address) + 4);
   put_inline_lookup(thread, bb_id, code, target, needs_x2);
 }
 
@@ -275,7 +275,7 @@ void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint
     code.aut(branch.key, x1, modifier);
   }
   thread->metas[bb_id].rn = x1.number;
-  if (branch.link != 0) code.load_const(x30, address_of(read_address) + 4);
+  if (branch.link != 0) code.load_address(x30, address_of(read_address) + 4);
   put_inline_lookup(thread, bb_id, code, x1, true);
 }
 

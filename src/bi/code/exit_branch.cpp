@@ -15,12 +15,7 @@ namespace {
 
 constexpr engine_log log{"src/bi/exit_branch"};
 
-constexpr std::uint32_t CONDITION_ALWAYS = 14;  // AL; NV, 15, is always taken as well.
-
-constexpr std::uint32_t REGISTER_MASK = 0x1f;
-
-// Bit positions in bb_meta::rn.
-constexpr int RN_SIZE_OR_BIT = 5;
+// Bit positions in bb_meta::rn, of CB<cc>.
 constexpr int RN_OPERAND = 5;
 constexpr int RN_WIDTH = 11;
 constexpr int RN_IS_IMMEDIATE = 13;
@@ -41,7 +36,7 @@ bool decode_compare_registers(std::uint32_t word, exit_branch* out) {
   const std::uint32_t size = word >> 14 & 3;
   if (size == 1 || (size != 0 && is_64_bits)) return false;
   out->width = size == CB_SIZE_BYTE ? 8 : size == CB_SIZE_HALFWORD ? 16 : is_64_bits ? 64 : 32;
-  out->operand = word >> 16 & REGISTER_MASK;
+  out->operand = word >> 16 & EXIT_REGISTER_MASK;
   return true;
 }
 
@@ -59,7 +54,7 @@ bool decode_compare(std::uint32_t word, exit_branch* out) {
   const std::uint32_t form = word & CB_MASK;
   const std::uint32_t condition = word >> CB_CONDITION & 7;
   if ((form != CB_REGISTERS && form != CB_IMMEDIATE) || condition == 4 || condition == 5) return false;
-  exit_branch branch = {.kind = EXIT_COMPARE, .condition = condition, .reg = word & REGISTER_MASK};
+  exit_branch branch = {.kind = EXIT_COMPARE, .condition = condition, .reg = word & EXIT_REGISTER_MASK};
   const bool found =
       form == CB_REGISTERS ? decode_compare_registers(word, &branch) : decode_compare_immediate(word, &branch);
   if (found) *out = branch;
@@ -79,7 +74,7 @@ std::uint32_t compare_word(const exit_branch& branch) {
 }
 
 bool holds(std::uint64_t pstate, std::uint32_t condition) {
-  if (condition >= CONDITION_ALWAYS) return true;
+  if (condition >= CONDITION_AL) return true;
   const bool n = (pstate >> 31 & 1) != 0;
   const bool z = (pstate >> 30 & 1) != 0;
   const bool c = (pstate >> 29 & 1) != 0;
@@ -129,7 +124,7 @@ std::uint32_t log2_of_bytes(std::uint32_t width) { return width == 8 ? 0 : width
 bool decode_exit_branch(std::uint32_t word, exit_branch* out) {
   // Bit 24 of CBZ and TBZ is the sense. The class is known, so the fields are a shift each.
   const std::uint32_t sense = word >> 24 & 1;
-  const std::uint32_t reg = word & REGISTER_MASK;
+  const std::uint32_t reg = word & EXIT_REGISTER_MASK;
   switch (a64_decode(&word)) {
     case A64_B_COND: *out = {.kind = EXIT_B_COND, .condition = word & 15}; return true;
     case A64_CBZ:
@@ -143,25 +138,20 @@ bool decode_exit_branch(std::uint32_t word, exit_branch* out) {
   }
 }
 
-void encode_exit_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to) {
-  switch (branch.kind) {
-    case EXIT_B_COND: a64_b_cond_to(place, to, branch.condition); break;
-    case EXIT_CBZ: a64_cbz_to(place, branch.condition, to, branch.width == 64 ? 1 : 0, branch.reg); break;
-    case EXIT_TBZ: a64_tbz_to(place, branch.condition, to, branch.reg, branch.bit); break;
-    case EXIT_COMPARE: *place = redirected_branch(compare_word(branch), place, to); break;
-    default: log(LEVEL_FATAL, "no conditional branch: %d", static_cast<int>(branch.kind)); break;
-  }
+void encode_compare_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to) {
+  if (branch.kind != EXIT_COMPARE) log(LEVEL_FATAL, "no conditional branch: %d", static_cast<int>(branch.kind));
+  *place = redirected_branch(compare_word(branch), place, to);
 }
 
-bool is_invertible(const exit_branch& branch) {
-  const bool always = branch.kind == EXIT_B_COND && branch.condition >= CONDITION_ALWAYS;
-  return !always && branch.kind != EXIT_COMPARE;
+void pack_compare_branch(const exit_branch& branch, bb_meta* meta) {
+  meta->rn |=
+      branch.operand << RN_OPERAND | log2_of_bytes(branch.width) << RN_WIDTH | branch.is_immediate << RN_IS_IMMEDIATE;
 }
 
-bool invert_exit_branch(exit_branch* branch) {
-  if (!is_invertible(*branch)) return false;
-  branch->condition ^= 1;
-  return true;
+void unpack_compare_branch(const bb_meta& meta, exit_branch* branch) {
+  branch->operand = meta.rn >> RN_OPERAND & 0x3f;
+  branch->width = std::uint32_t{8} << (meta.rn >> RN_WIDTH & 3);
+  branch->is_immediate = meta.rn >> RN_IS_IMMEDIATE & 1;
 }
 
 bool is_taken(const exit_branch& branch, const std::uint64_t* registers, std::uint64_t pstate) {
@@ -171,31 +161,6 @@ bool is_taken(const exit_branch& branch, const std::uint64_t* registers, std::ui
     case EXIT_TBZ: return (low_bits_of(registers, branch.reg, 64) >> branch.bit & 1) == branch.condition;
     default: return compares(branch, registers);
   }
-}
-
-void pack_exit_branch(const exit_branch& branch, bb_meta* meta) {
-  meta->exit_kind = branch.kind;
-  meta->exit_condition = branch.condition;
-  meta->rn = branch.reg;
-  if (branch.kind == EXIT_CBZ && branch.width == 64) meta->rn |= std::uint32_t{1} << RN_SIZE_OR_BIT;
-  if (branch.kind == EXIT_TBZ) meta->rn |= branch.bit << RN_SIZE_OR_BIT;
-  if (branch.kind == EXIT_COMPARE) {
-    meta->rn |=
-        branch.operand << RN_OPERAND | log2_of_bytes(branch.width) << RN_WIDTH | branch.is_immediate << RN_IS_IMMEDIATE;
-  }
-}
-
-exit_branch unpack_exit_branch(const bb_meta& meta) {
-  exit_branch branch = {.kind = meta.exit_kind, .condition = static_cast<std::uint32_t>(meta.exit_condition)};
-  if (branch.kind != EXIT_B_COND) branch.reg = meta.rn & REGISTER_MASK;
-  if (branch.kind == EXIT_CBZ) branch.width = (meta.rn >> RN_SIZE_OR_BIT & 1) != 0 ? 64 : 32;
-  if (branch.kind == EXIT_TBZ) branch.bit = meta.rn >> RN_SIZE_OR_BIT & 0x3f;
-  if (branch.kind == EXIT_COMPARE) {
-    branch.operand = meta.rn >> RN_OPERAND & 0x3f;
-    branch.width = std::uint32_t{8} << (meta.rn >> RN_WIDTH & 3);
-    branch.is_immediate = meta.rn >> RN_IS_IMMEDIATE & 1;
-  }
-  return branch;
 }
 
 branch_offset_field find_branch_offset(std::uint32_t word) {

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 
+#include "bi/a64/helpers.h"
 #include "bi/mora.h"
 
 namespace ceilmeter {
@@ -40,6 +41,10 @@ struct exit_branch {
   bool operator==(const exit_branch&) const = default;
 };
 
+inline constexpr std::uint32_t CONDITION_AL = 14;  // AL; NV, 15, is always taken as well.
+inline constexpr std::uint32_t EXIT_REGISTER_MASK = 0x1f;
+inline constexpr int RN_SIZE_OR_BIT = 5;  // The lowest bit behind the register in bb_meta::rn, see pack_exit_branch.
+
 // Whether a fragment with an exit of this kind (bb_exit_kind) ends in a conditional branch.
 inline bool is_conditional_exit(std::uint32_t kind) {
   return kind == EXIT_B_COND || kind == EXIT_CBZ || kind == EXIT_TBZ || kind == EXIT_COMPARE;
@@ -53,14 +58,31 @@ bool decode_exit_branch(std::uint32_t word, exit_branch* out);
 
 // Writes the branch at `place`. `to` is in its reach and a multiple of 4. Fatal for a kind that is no conditional
 // branch.
-void encode_exit_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to);
+//
+// This and what follows is done for every block, so all but the rare CB<cc> stands here.
+void encode_compare_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to);
+inline void encode_exit_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to) {
+  switch (branch.kind) {
+    case EXIT_B_COND: a64_b_cond_to(place, to, branch.condition); break;
+    case EXIT_CBZ: a64_cbz_to(place, branch.condition, to, branch.width == 64 ? 1 : 0, branch.reg); break;
+    case EXIT_TBZ: a64_tbz_to(place, branch.condition, to, branch.reg, branch.bit); break;
+    default: encode_compare_branch(place, branch, to); break;
+  }
+}
+
+// Whether the branch can be inverted.
+inline bool is_invertible(const exit_branch& branch) {
+  const bool always = branch.kind == EXIT_B_COND && branch.condition >= CONDITION_AL;
+  return !always && branch.kind != EXIT_COMPARE;
+}
 
 // Turns the branch into the one that is taken exactly when it is not. False, with the branch as it was, if there is
 // none: for AL, NV and CB<cc>.
-bool invert_exit_branch(exit_branch* branch);
-
-// Whether the branch can be inverted.
-bool is_invertible(const exit_branch& branch);
+inline bool invert_exit_branch(exit_branch* branch) {
+  if (!is_invertible(*branch)) return false;
+  branch->condition ^= 1;
+  return true;
+}
 
 // Whether the processor takes the branch with these 31 general registers and this PSTATE.
 bool is_taken(const exit_branch& branch, const std::uint64_t* registers, std::uint64_t pstate);
@@ -71,8 +93,24 @@ bool is_taken(const exit_branch& branch, const std::uint64_t* registers, std::ui
 //   TBZ, TBNZ    bits 5 to 10: the number of the bit
 //   CB<cc>       bits 5 to 10: the second register or the immediate; bits 11 and 12: the binary logarithm of the width
 //                in bytes; bit 13: whether there is an immediate
-void pack_exit_branch(const exit_branch& branch, bb_meta* meta);
-exit_branch unpack_exit_branch(const bb_meta& meta);
+void pack_compare_branch(const exit_branch& branch, bb_meta* meta);
+void unpack_compare_branch(const bb_meta& meta, exit_branch* branch);
+inline void pack_exit_branch(const exit_branch& branch, bb_meta* meta) {
+  meta->exit_kind = branch.kind;
+  meta->exit_condition = branch.condition;
+  meta->rn = branch.reg;
+  if (branch.kind == EXIT_CBZ && branch.width == 64) meta->rn |= std::uint32_t{1} << RN_SIZE_OR_BIT;
+  if (branch.kind == EXIT_TBZ) meta->rn |= branch.bit << RN_SIZE_OR_BIT;
+  if (branch.kind == EXIT_COMPARE) pack_compare_branch(branch, meta);
+}
+inline exit_branch unpack_exit_branch(const bb_meta& meta) {
+  exit_branch branch = {.kind = meta.exit_kind, .condition = static_cast<std::uint32_t>(meta.exit_condition)};
+  if (branch.kind != EXIT_B_COND) branch.reg = meta.rn & EXIT_REGISTER_MASK;
+  if (branch.kind == EXIT_CBZ) branch.width = (meta.rn >> RN_SIZE_OR_BIT & 1) != 0 ? 64 : 32;
+  if (branch.kind == EXIT_TBZ) branch.bit = meta.rn >> RN_SIZE_OR_BIT & 0x3f;
+  if (branch.kind == EXIT_COMPARE) unpack_compare_branch(meta, &branch);
+  return branch;
+}
 
 // The offset field of B, BL and the conditional branches. It counts words. `width` 0: the word is none of these.
 struct branch_offset_field {

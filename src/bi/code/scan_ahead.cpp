@@ -94,18 +94,21 @@ const std::uint32_t* load_plain_words(source_window& window, const std::uint32_t
   if (window.classes == nullptr || read != window.first + window.count) return read;
   static_assert(SMALLEST_PAGE % TRANSLATED_LINE == 0);
   const std::uint32_t* const first = read;
+  std::uint32_t* const kept = window.kept;
+  std::uint8_t* const classes = window.classes;
+  const std::size_t room = window.room;
   bool is_plain = true;
   std::size_t index = window.count;
   mark_before_load(window, read);
-  for (; is_plain && index < window.room; ++read) {
+  for (; is_plain && index < room; ++read) {
     if (address_of(read) % TRANSLATED_LINE == 0) {
       if (address_of(read) % SMALLEST_PAGE == 0 && read != first) break;
       mark_before_load(window, read);
     }
     const std::uint32_t word = __atomic_load_n(read, __ATOMIC_RELAXED);  // As in load_behind_mark.
     const int inst = a64_decode(&word);
-    window.kept[index] = word;
-    window.classes[index] = static_cast<std::uint8_t>(inst);
+    kept[index] = word;
+    classes[index] = static_cast<std::uint8_t>(inst);
     ++index;
     is_plain = !SAYS_MORE[static_cast<std::size_t>(inst)];
   }

@@ -66,7 +66,7 @@ void refuse_streaming(const scan_state& state) {
 }  // namespace
 
 void mark_inserted_code(scan_state& state) {
-  if (plugins_listen()) mark_source(state.thread, state.write, MARK_INSERTED);
+  if (state.is_heard) mark_source(state.thread, state.write, MARK_INSERTED);
 }
 
 void lower_sp(scan_state& state) {
@@ -243,7 +243,7 @@ void rewrite_system_register(scan_state& state) {
   const x_register scratch = reg == x0.number ? x1 : x0;
   lower_sp(state);
   code.push(scratch);
-  code.load_const(scratch, address_of(&state.thread->tls));
+  code.load_address(scratch, address_of(&state.thread->tls));
   if (is_read != 0) {
     code.ldur(x_register{reg}, at(scratch));
   } else {
@@ -289,7 +289,7 @@ void rewrite_literal_load(scan_state& state) {
     lower_sp(state);
     code.push(base);
   }
-  code.load_const(base, target);
+  code.load_address(base, target);
   if (is_vector == 0) {
     put_general_load(code, opc, reg, base);
   } else {
@@ -310,7 +310,7 @@ void rewrite_address(scan_state& state) {
   const auto offset = static_cast<std::uint64_t>(a64_sign_extend(high << 2 | low, 21));
   const std::uint64_t here = address_of(state.read);
   const std::uint64_t value = is_page != 0 ? (here & ~page_mask) + (offset << 12) : here + offset;
-  code_writer{state.write}.load_const(x_register{reg}, value);
+  code_writer{state.write}.load_address(x_register{reg}, value);
 }
 
 namespace {

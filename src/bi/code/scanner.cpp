@@ -67,7 +67,7 @@ void rewrite_direct_branch(scan_state& state) {
   std::uint32_t imm26 = 0;
   a64_b_decode(&state.word, &link, &imm26);
   // The application's link register holds a source address throughout.
-  if (link != 0) code_writer{state.write}.load_const(x30, address_of(state.read) + 4);
+  if (link != 0) code_writer{state.write}.load_address(x30, address_of(state.read) + 4);
   put_direct_exit(state, branch_target(state.read, imm26, 26));
 }
 
@@ -288,11 +288,12 @@ void copy_words(scan_state& state, std::size_t known) {
   const std::size_t end = std::min(known, first + room);
   std::size_t index = first;
   std::uint32_t* write = state.write;
+  const std::uint32_t* const kept = state.source.kept;
   // Each word by a store of its own: memcpy may use scalable vectors, and after such a store the emulator of a machine
   // still runs what it has translated of the words before. A processor would not, behind the maintenance.
   const std::size_t plain = std::min(end, state.source.plain);
-  for (; index < plain; ++index) __atomic_store_n(write++, state.source.kept[index], __ATOMIC_RELAXED);
-  for (; index < end && copied_classes[state.source.classes[index]]; ++index) *write++ = state.source.kept[index];
+  for (; index < plain; ++index) __atomic_store_n(write++, kept[index], __ATOMIC_RELAXED);
+  for (; index < end && copied_classes[state.source.classes[index]]; ++index) *write++ = kept[index];
   mark_source_words(state.thread, state.write, index - first);
   state.write = write;
   state.read += index - first;
@@ -436,11 +437,13 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
     return static_cast<std::uint32_t>(state.write - start) * 4;
   }
   const fragment_end end = find_end(state.source, read_address);
+  begin_scan_events(state);
   const counter_words counter = put_start(state, read_address, end);
   const auto known = static_cast<std::size_t>(end.word - read_address) + (end.is_inside ? 1 : 0);
   scan_words(state, std::min(known, SCAN_WORDS));
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
+  end_scan_events(state);
   meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
   leave_out_counter(meta, counter);
   end_source_marks(thread, state.write);

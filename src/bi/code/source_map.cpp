@@ -9,8 +9,6 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr std::uint32_t MARK_BITS = 2;
-constexpr std::uint64_t MARK_MASK = (std::uint64_t{1} << MARK_BITS) - 1;
 static_assert(SOURCE_MARKS_PER_WORD * MARK_BITS == 64 && MARK_CONTINUED <= MARK_MASK);
 
 std::size_t index_of(const thread_data* thread, const std::uint32_t* place) {
@@ -20,14 +18,6 @@ std::size_t index_of(const thread_data* thread, const std::uint32_t* place) {
 // Whether there is a mark for the place: for every word of the code cache. Code can be written elsewhere, as by a test.
 bool is_marked(const thread_data* thread, const std::uint32_t* place) {
   return index_of(thread, place) < CODE_CACHE_SIZE / sizeof *place;
-}
-
-void set_mark(thread_data* thread, const std::uint32_t* place, source_mark mark) {
-  if (!is_marked(thread, place)) return;
-  const std::size_t index = index_of(thread, place);
-  const auto shift = static_cast<std::uint32_t>(index % SOURCE_MARKS_PER_WORD * MARK_BITS);
-  std::uint64_t& word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
-  word = (word & ~(MARK_MASK << shift)) | std::uint64_t{mark} << shift;
 }
 
 source_mark mark_of(const thread_data* thread, const std::uint32_t* place) {
@@ -72,11 +62,11 @@ void begin_source_marks(thread_data* thread, const std::uint32_t* place) {
   thread->source_marks_end = place + (SOURCE_MARKS_PER_WORD - before);
 }
 
-void mark_source(thread_data* thread, const std::uint32_t* place, source_mark mark) {
+void mark_source_beyond_end(thread_data* thread, const std::uint32_t* place, source_mark mark) {
   if (!is_marked(thread, place)) return;
   if (!has_begun(thread)) begin_source_marks(thread, place);
   clear_up_to(thread, place + 1);
-  set_mark(thread, place, mark);
+  mark_source(thread, place, mark);  // The place now lies before the end.
 }
 
 void mark_source_words(thread_data* thread, const std::uint32_t* place, std::size_t count) {

@@ -27,9 +27,25 @@ enum source_mark : std::uint32_t {
 // Begins the marks of a fragment whose first word will stand at `place`.
 void begin_source_marks(thread_data* thread, const std::uint32_t* place);
 
+inline constexpr std::uint32_t MARK_BITS = 2;
+inline constexpr std::uint64_t MARK_MASK = (std::uint64_t{1} << MARK_BITS) - 1;
+
 // Marks the word at `place`; those written since the mark before it stand for the same as that one. A second mark of
-// one place replaces the first. `place` lies in the fragment that was begun.
-void mark_source(thread_data* thread, const std::uint32_t* place, source_mark mark);
+// one place replaces the first. `place` lies in the fragment that was begun. The second function is for a place whose
+// mark may be that of an earlier fragment, and for one that has none.
+void mark_source_beyond_end(thread_data* thread, const std::uint32_t* place, source_mark mark);
+inline void mark_source(thread_data* thread, const std::uint32_t* place, source_mark mark) {
+  const auto* first = reinterpret_cast<const std::uint32_t*>(thread->code_cache);
+  const auto index = static_cast<std::size_t>(place - first);
+  const auto end = static_cast<std::size_t>(thread->source_marks_end - first);
+  if (index >= end || end > CODE_CACHE_SIZE / sizeof *place) {
+    mark_source_beyond_end(thread, place, mark);
+    return;
+  }
+  const auto shift = static_cast<std::uint32_t>(index % SOURCE_MARKS_PER_WORD * MARK_BITS);
+  std::uint64_t& word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
+  word = (word & ~(MARK_MASK << shift)) | std::uint64_t{mark} << shift;
+}
 
 // The same, with MARK_SOURCE, for `count` words one behind the other, each of which was copied from a source word. A
 // fragment has been begun.

@@ -25,9 +25,13 @@ constexpr engine_log log{"src/bi/function_watch"};
 
 constexpr std::uint32_t RET_X30 = 0xd65f03c0;
 
+// A watch is added before its function first runs, on whatever thread. Without any there is nothing to wait for.
+bool are_functions_watched() {
+  return std::atomic_ref(engine.function_watches.count).load(std::memory_order_relaxed) != 0;
+}
+
 std::uint64_t watch_of_function(std::uint64_t function) {
-  // A watch is added before its function first runs, on whatever thread. Without any there is nothing to wait for.
-  if (std::atomic_ref(engine.function_watches.count).load(std::memory_order_relaxed) == 0) return 0;
+  if (!are_functions_watched()) return 0;
   owned_lock_take(&engine.function_watch_lock);
   const void* watch = robin_map_lookup(&engine.function_watches, function);
   owned_lock_leave(&engine.function_watch_lock);
@@ -133,6 +137,7 @@ bool is_watched_function(const std::uint32_t* read_address) {
 }
 
 void put_function_entry(scan_state& state, const std::uint32_t* read_address) {
+  if (!are_functions_watched()) return;
   // If nobody is told of returns, leave the return address alone: code that looks at it then finds the true one.
   const bool returns_are_watched = is_event_bound(MORA_POST_FUNCTION);
   if (!returns_are_watched && !is_event_bound(MORA_PRE_FUNCTION)) return;

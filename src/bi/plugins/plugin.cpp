@@ -151,6 +151,8 @@ int mora_stop_scan(mora_context* ctx) {
 
 int mora_reserve_space(mora_context* ctx, std::uint32_t size) {
   if (!is_scan_event(ctx) || !ctx->code_allowed) return -1;
+  // Mostly there is room.
+  if (ctx->fragment.type == FRAGMENT_BLOCK && address_of(ctx->write_limit) > address_of(ctx->write_p) + size) return 0;
   a64_reserve_block_space(ctx->thread_data, &ctx->write_p, &ctx->write_limit, size);
   return 0;
 }

@@ -102,22 +102,32 @@ struct scan_event {
   const std::uint32_t* end_address;  // Of MORA_POST_BB: the address past the last instruction.
 };
 
+// Around all events of a scan: one entry into the callbacks for all of them.
+inline void begin_scan_events(scan_state& state) {
+  state.is_heard = plugins_listen();
+  if (state.is_heard) mora_enter_callback();
+}
+inline void end_scan_events(const scan_state& state) {
+  if (state.is_heard) mora_leave_callback();
+}
+
 // What deliver_scan_event does if there are plug-ins.
 bool scan_for_plugins(scan_state& state, const scan_event& what);
 
 // Whether plug-ins want to hear of single instructions of this scan, those of a watched function's return left aside.
-inline bool hears_of_words(const scan_state& /*state*/) {
-  return plugins_listen() && (is_event_bound(MORA_PRE_INST) || is_event_bound(MORA_POST_INST));
+inline bool hears_of_words(const scan_state& state) {
+  return state.is_heard && (is_event_bound(MORA_PRE_INST) || is_event_bound(MORA_POST_INST));
 }
 
 // Tells plug-ins of the event and puts their code at the scan's cursor, with the function events of the block and the
 // code of its watches. MORA_PRE_BB is about state.bb_start, every other event about state.read. True if a plug-in has
 // taken the instruction over. A plug-in may also end the fragment (state.stop).
 inline bool deliver_scan_event(scan_state& state, const scan_event& what) {
+  if (!state.is_heard) return false;
   const bool may_be_watched =
       what.event == MORA_PRE_BB || (what.event == MORA_PRE_INST && state.thread->return_watch.count != 0);
   if (!may_be_watched && !is_event_bound(what.event)) return false;  // Most instructions: no call.
-  return plugins_listen() && scan_for_plugins(state, what);
+  return scan_for_plugins(state, what);
 }
 
 // The same with each part of the state by itself, for callers that have no scan_state.

@@ -103,7 +103,6 @@ const std::uint32_t* mora_get_block_words(const mora_context* ctx) {
 bool scan_for_plugins(scan_state& state, const scan_event& what) {
   const bool is_bound = is_event_bound(what.event);
   const std::uint32_t*& read_address = what.event == MORA_PRE_BB ? state.bb_start : state.read;
-  mora_enter_callback();
   if (what.event == MORA_PRE_BB) put_function_entry(state, read_address);
   if (what.event == MORA_PRE_INST) put_function_return(state, read_address);
   bool taken = false;
@@ -114,7 +113,6 @@ bool scan_for_plugins(scan_state& state, const scan_event& what) {
     taken = call_plugins(ctx, state);
     read_address = ctx.read_address;
   }
-  mora_leave_callback();
   return taken;
 }
 
@@ -123,10 +121,12 @@ bool a64_scanner_deliver_callbacks(thread_data* thread, mora_event event, const 
                                    std::uint32_t fragment_type, bool allow_code, bool* stop,
                                    const std::uint32_t* end_address) {
   const auto type = static_cast<enum fragment_type>(fragment_type);
-  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop, false, 0, {}};
+  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop, false, 0, {}, false};
   state.source.first = *read_address;
   if (inst != MORA_NO_INST) state.word = word_at(state.source, *read_address);
+  begin_scan_events(state);
   const bool taken = deliver_scan_event(state, {event, inst, allow_code, end_address});
+  end_scan_events(state);
   *read_address = event == MORA_PRE_BB ? state.bb_start : state.read;
   *write = state.write;
   *limit = state.limit;

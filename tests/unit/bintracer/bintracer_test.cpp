@@ -65,7 +65,18 @@ TEST_F(tracer_state, construction_registers_one_plugin_and_its_events_in_order_a
   start(MODE_TOTAL);
   EXPECT_EQ(engine().plugins, 1);
   EXPECT_THAT(engine().calls, ElementsAre("add_plugin", "manual 1", "event 9", "event 10", "event 17", "event 3",
-                                          "event 4", "event 15", "event 11", "event 12", "event 14", "event 13"));
+                                          "event 4", "event 15", "event 11", "event 12", "event 14", "event 13",
+                                          "only dummy_func_to_disable_roofline_events"));
+}
+
+TEST_F(tracer_state, the_engine_tells_of_the_functions_that_are_watched_by_name_alone) {
+  start(MODE_REGION);
+  std::vector<std::string> names;
+  for (const std::string& call : engine().calls) {
+    if (call.rfind("only ", 0) == 0) names.push_back(call.substr(5));
+  }
+  EXPECT_THAT(names, ElementsAre("dummy_func_to_disable_roofline_events", "start_perf_roofline_events",
+                                 "stop_perf_roofline_events"));
 }
 
 TEST_F(tracer_state, construction_is_logged) {

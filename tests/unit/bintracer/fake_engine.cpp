@@ -175,6 +175,8 @@ std::uint32_t function_watch_set_manual(std::uint32_t flag) {
   return 0;
 }
 
+void function_symbol_only(const char* name) { test::engine().calls.push_back("only " + std::string(name)); }
+
 int mora_reserve_space(mora_context*, std::uint32_t) { return 0; }
 
 int mora_emit_save_regs(mora_context*, std::uint32_t mask) {

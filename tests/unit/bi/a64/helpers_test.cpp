@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ostream>
 #include <vector>
 
@@ -70,6 +71,61 @@ TEST(a64_load_const, of_a_constant_with_a_zero_middle_part_is_movz_and_one_movk_
 TEST(a64_load_const, of_0_is_one_word) { EXPECT_EQ(loaded(0, 0), (std::vector<std::uint32_t>{0xd2800000})); }
 
 TEST(a64_load_const, of_a_block_address_is_three_words) { EXPECT_EQ(loaded(0, 0x7f8812345678).size(), 3u); }
+
+// At a place of the test's own, since the words depend on theirs.
+std::vector<std::uint32_t> address_loaded(std::uint32_t* place, std::uint32_t reg, std::uint64_t address) {
+  std::fill_n(place, 5, 0);
+  std::uint32_t* write = place;
+  a64_load_address(&write, reg, address);
+  EXPECT_EQ(place[4], 0u) << "a fifth word";
+  return {place, write};
+}
+
+// What ADRP at `place`, and ADD behind it, leave in the register, by the architecture's description.
+std::uint64_t run_page_words(const std::vector<std::uint32_t>& code, const std::uint32_t* place, std::uint32_t reg) {
+  std::uint32_t is_page, low, high, rd;
+  a64_adr_decode(code.data(), &is_page, &low, &high, &rd);
+  EXPECT_EQ(a64_decode(code.data()), A64_ADR) << hex(code[0]);
+  EXPECT_EQ(is_page, 1u);
+  EXPECT_EQ(rd, reg);
+  const auto offset = static_cast<std::uint64_t>(a64_sign_extend(high << 2 | low, 21)) << 12;
+  const std::uint64_t page = (address_of(place) & ~std::uint64_t{0xfff}) + offset;
+  if (code.size() == 1) return page;
+  EXPECT_EQ(code[1] & 0xffc003ff, 0x91000000 | reg << 5 | reg) << "add xN, xN, #0 to 4095: " << hex(code[1]);
+  return page + (code[1] >> 10 & 0xfff);
+}
+
+constexpr std::uint64_t PAGE = 4096;
+constexpr std::uint64_t REACH = PAGE << 20;
+
+TEST(a64_load_address, loads_what_lies_within_reach_by_its_page_and_its_place_in_the_page) {
+  std::uint32_t place[5] = {};
+  const std::uint64_t page = address_of(place) & ~(PAGE - 1);
+  for (const std::uint64_t distance : {std::uint64_t{0}, PAGE, 3 * PAGE, 0x12345 * PAGE, REACH - PAGE, 0 - PAGE,
+                                       0 - 5 * PAGE, 0 - 0x12345 * PAGE, 0 - REACH}) {
+    for (const std::uint64_t in_page : {0, 1, 8, 0x7fc, 4095}) {
+      const std::uint64_t address = page + distance + in_page;
+      const std::vector<std::uint32_t> code = address_loaded(place, 17, address);
+      EXPECT_EQ(code.size(), in_page != 0 ? 2u : 1u);
+      EXPECT_EQ(run_page_words(code, place, 17), address);
+    }
+  }
+}
+
+TEST(a64_load_address, beyond_the_reach_is_a_constant) {
+  std::uint32_t place[5] = {};
+  const std::uint64_t page = address_of(place) & ~(PAGE - 1);
+  for (const std::uint64_t address : {page + REACH, page + REACH + 5, page - REACH - 1, std::uint64_t{0} - PAGE}) {
+    const std::vector<std::uint32_t> code = address_loaded(place, 5, address);
+    EXPECT_EQ(code, loaded(5, address));
+    EXPECT_EQ(run_moves(code, 5), address);
+  }
+}
+
+TEST(a64_load_address, into_xzr_is_a_constant_since_an_addition_to_that_number_would_change_the_stack_pointer) {
+  std::uint32_t place[5] = {};
+  EXPECT_EQ(address_loaded(place, 31, address_of(place)), loaded(31, address_of(place)));
+}
 
 TEST(a64_push_x0_x1, writes_one_stp_and_moves_on) {
   std::uint32_t code[2] = {};

@@ -76,6 +76,10 @@ class scanned : public engine_test {
     a64_load_const(&end, reg, value);
     return {buffer, end};
   }
+  // What loads an address at this place.
+  word_list load_address(const std::uint32_t* at, std::uint32_t reg, std::uint64_t address) const {
+    return written(at, [&](std::uint32_t** write) { a64_load_address(write, reg, address); });
+  }
   void expect_words(const std::uint32_t* at, const word_list& expected) {
     EXPECT_THAT(words(at, expected.size()), ElementsAreArray(expected));
   }
@@ -297,14 +301,16 @@ TEST_F(scanned, a_system_calls_number_in_the_instruction_is_ignored) {
 }
 
 TEST_F(scanned, the_thread_pointer_is_read_from_and_written_to_the_record) {
-  const word_list place = load_const(0, address_of(&thread->tls));
+  const std::uint64_t tls = address_of(&thread->tls);
   constexpr std::uint32_t ldur_x5_x0 = 0xf8400005;
-  expect_words(body(reads_thread_pointer, false), joined({{PUSH_X0}, place, {ldur_x5_x0, POP_X0}}));
+  const std::uint32_t* at = body(reads_thread_pointer, false);
+  expect_words(at, joined({{PUSH_X0}, load_address(at + 1, 0, tls), {ldur_x5_x0, POP_X0}}));
   constexpr std::uint32_t stur_x5_x0 = 0xf8000005;
-  expect_words(body(writes_thread_pointer, false), joined({{PUSH_X0}, place, {stur_x5_x0, POP_X0}}));
+  at = body(writes_thread_pointer, false);
+  expect_words(at, joined({{PUSH_X0}, load_address(at + 1, 0, tls), {stur_x5_x0, POP_X0}}));
   constexpr std::uint32_t ldur_x0_x1 = 0xf8400020;
-  expect_words(body(reads_thread_pointer_x0, false),
-               joined({{PUSH_X1}, load_const(1, address_of(&thread->tls)), {ldur_x0_x1, POP_X1}}));
+  at = body(reads_thread_pointer_x0, false);
+  expect_words(at, joined({{PUSH_X1}, load_address(at + 1, 1, tls), {ldur_x0_x1, POP_X1}}));
 }
 
 TEST_F(scanned, any_other_system_register_is_left_to_the_processor) {
@@ -312,8 +318,10 @@ TEST_F(scanned, any_other_system_register_is_left_to_the_processor) {
 }
 
 TEST_F(scanned, an_address_is_computed_from_where_the_code_stood) {
-  expect_words(body(adr_here, false), load_const(4, address_of(adr_here)));
-  expect_words(body(adrp_next_page, false), load_const(4, (address_of(adrp_next_page) & ~0xfffULL) + 0x1000));
+  const std::uint32_t* at = body(adr_here, false);
+  expect_words(at, load_address(at, 4, address_of(adr_here)));
+  at = body(adrp_next_page, false);
+  expect_words(at, load_address(at, 4, (address_of(adrp_next_page) & ~0xfffULL) + 0x1000));
 }
 
 TEST_F(scanned, everything_else_is_copied_exclusive_accesses_barriers_and_vectors_included) {

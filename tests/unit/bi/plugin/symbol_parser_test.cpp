@@ -56,6 +56,7 @@ class symbol_parser_test : public plugin_test {
   }
   ~symbol_parser_test() override {
     function_watch_set_manual(0);
+    function_symbol_only(nullptr);
     if (fd >= 0) close(fd);
   }
 
@@ -210,6 +211,70 @@ TEST_F(symbol_parser_test, where_plugins_choose_nothing_is_watched) {
   parse();
   EXPECT_EQ(told.size(), 1u);
   EXPECT_EQ(engine.function_watches.count, 0u);
+}
+
+TEST_F(symbol_parser_test, of_named_functions_alone_is_told_where_names_were_given) {
+  function_symbol_only("wanted");
+  function_symbol_only("other");
+  make(ET_DYN, {SHT_DYNSYM},
+       {{"wanted", STT_FUNC, 0x1000, 8},
+        {"wante", STT_FUNC, 0x2000, 8},     // The same letter.
+        {"wanted_2", STT_FUNC, 0x3000, 8},  // Longer.
+        {"7anted", STT_FUNC, 0x4000, 8},    // A letter that is the same modulo 64.
+        {"unwanted", STT_FUNC, 0x5000, 8},
+        {"", STT_FUNC, 0x6000, 8},
+        {"other", STT_FUNC, 0x7000, 8}});
+  parse();
+  EXPECT_EQ(told, (told_symbols{{"wanted", BASE + 0x1000, 8}, {"other", BASE + 0x7000, 8}}));
+  EXPECT_EQ(engine.function_watches.count, 0u);
+}
+
+TEST_F(symbol_parser_test, names_do_not_narrow_what_is_watched) {
+  function_watch_set_manual(0);
+  function_symbol_only("wanted");
+  make(ET_DYN, {SHT_DYNSYM}, {{"wanted", STT_FUNC, 0x1000, 8}, {"other", STT_FUNC, 0x2000, 8}});
+  parse();
+  EXPECT_EQ(told, (told_symbols{{"wanted", BASE + 0x1000, 8}}));
+  EXPECT_EQ(engine.function_watches.count, 2u);
+}
+
+TEST_F(symbol_parser_test, with_the_names_forgotten_every_function_is_told) {
+  function_symbol_only("wanted");
+  function_symbol_only(nullptr);
+  make(ET_DYN, {SHT_DYNSYM}, {{"other", STT_FUNC, 0x2000, 8}});
+  parse();
+  EXPECT_EQ(told, (told_symbols{{"other", BASE + 0x2000, 8}}));
+}
+
+TEST_F(symbol_parser_test, a_name_of_63_bytes_fits_and_with_a_longer_one_every_function_is_told) {
+  const std::string longest(63, 'x');
+  make(ET_DYN, {SHT_DYNSYM}, {{longest, STT_FUNC, 0x1000, 8}, {"other", STT_FUNC, 0x2000, 8}});
+  function_symbol_only(longest.c_str());
+  parse();
+  EXPECT_EQ(told, (told_symbols{{longest, BASE + 0x1000, 8}}));
+  told.clear();
+  function_symbol_only((longest + 'x').c_str());
+  parse();
+  EXPECT_EQ(told, (told_symbols{{longest, BASE + 0x1000, 8}, {"other", BASE + 0x2000, 8}}));
+}
+
+TEST_F(symbol_parser_test, eight_names_fit_and_with_a_ninth_every_function_is_told) {
+  for (int number = 0; number < 8; ++number) function_symbol_only(("wanted_" + std::to_string(number)).c_str());
+  make(ET_DYN, {SHT_DYNSYM}, {{"wanted_7", STT_FUNC, 0x1000, 8}, {"other", STT_FUNC, 0x2000, 8}});
+  parse();
+  EXPECT_EQ(told, (told_symbols{{"wanted_7", BASE + 0x1000, 8}}));
+  told.clear();
+  function_symbol_only("wanted_8");
+  parse();
+  EXPECT_EQ(told, (told_symbols{{"wanted_7", BASE + 0x1000, 8}, {"other", BASE + 0x2000, 8}}));
+}
+
+TEST_F(symbol_parser_test, a_name_that_does_not_end_in_its_table_is_no_function) {
+  make(ET_DYN, {SHT_DYNSYM}, {{"good", STT_FUNC, 0x1000, 8}, {"open", STT_FUNC, 0x2000, 8}});
+  // The byte behind the last name, which lies behind an empty one and "good".
+  ASSERT_EQ(pwrite(fd, "x", 1, sizeof(Elf64_Ehdr) + 1 + 5 + 4), 1);
+  EXPECT_EQ(parse(), 0);
+  EXPECT_EQ(told, (told_symbols{{"good", BASE + 0x1000, 8}}));
 }
 
 TEST_F(symbol_parser_test, entries_without_a_size_are_no_symbols) {
