@@ -20,8 +20,7 @@ Fault = collections.namedtuple("Fault", "count address word")
 
 
 class Run:
-    """The outcome of a line: its status, and the plug-in's counts, faults by kind, transitions by part, way and classes.
-    """
+    """The outcome of a line: its status, the plug-in's counts, faults by kind, transitions by part, way and classes."""
 
     def __init__(self, line):
         self.line = line
