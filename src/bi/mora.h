@@ -200,7 +200,7 @@ struct thread_data {
   std::int32_t* application_tid_word;  // The application wants it cleared and its waiter woken.
   std::uint8_t clone_holds_locks;      // The engine's locks are held over the fork-like clone that is being made.
   std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal. A new thread: its first mask.
-  // Of a call with a signal mask of its own, see call_mask.h.
+  // For a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;
   std::uint64_t call_mask_pair[2];  // Address and size of it, for calls that want both.
   std::uint64_t replaced_original;  // The application's argument, a mask or a path, while the kernel gets another.
@@ -218,7 +218,8 @@ struct thread_data {
   std::uint32_t scan_words[SCAN_WORDS];
   std::uint8_t scan_classes[SCAN_WORDS];
   std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
-  // Of a child in its parent's memory, see kernel/vfork.h. Its own signal actions, unless the call shares them.
+  // For a child in its parent's memory, see kernel/vfork.h. own_actions are its signal actions, unless the call shares
+  // them.
   std::uint8_t is_vfork_child;
   thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
   std::uint8_t shares_descriptors;
@@ -234,7 +235,7 @@ struct thread_data {
   std::uint64_t code_epoch;          // The epoch up to which this thread has dropped what others have dropped.
   std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
   std::uint32_t runs_call;           // It handles a system call, and looks at the epoch afterwards.
-  // Of an IC IVAU, on its way to the dispatcher: the address, and then not 0. Rewritten code writes both.
+  // Rewritten code writes both when an IC IVAU goes to the dispatcher: the address, and a value that is not 0.
   std::uint64_t invalidated_address;
   std::uint64_t invalidates;
   std::uint32_t visit_wanted;  // Not 0: a signal is being sent to it, or has been, that makes it look.
