@@ -5,22 +5,21 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-# The tool is a non-relocatable executable, and its kernels hold absolute address words: position-independent
-# executables, which distributions' compilers make by default, are switched off for AArch64. The host's sanitizers
-# prefer the default.
+# The tool is not relocatable, because its kernels hold absolute address words. Distributions' compilers make
+# position-independent executables by default, so that is switched off for AArch64. The host's sanitizers prefer it.
 if(NOT CEILMETER_HOST AND NOT CEILMETER_VIEWER_ONLY)
   include(CheckPIESupported)
   check_pie_supported(LANGUAGES C CXX)
   set(CMAKE_POSITION_INDEPENDENT_CODE OFF)
 endif()
 
-# Where the executables that run an application are linked: far from where the kernel and the C library put images,
-# since the application's own image is loaded beside the tool in one address space.
+# Executables that run an application are linked at this address. The application's image is loaded beside the tool in
+# one address space, so the address is far from where the kernel and the C library put images.
 set(CEILMETER_IMAGE_BASE 0x7000000000)
 
-# At each start the dynamic linker would bind what libstdc++ refers to: 1.3 million instructions, nearly all before
-# the application's first. The executables take the little that they use of it into themselves, where it is there as an
-# archive. libgcc_s stays shared: the C library wants it at a thread's end, and would load it then.
+# The dynamic linker would bind the references of a shared libstdc++ at each start, in 1.3 million instructions, nearly
+# all that run before the application's first. So the executables contain the little that they use of it, if there is an
+# archive. libgcc_s stays shared, because the C library would load it at the end of a thread.
 if(NOT CEILMETER_HOST AND NOT CEILMETER_VIEWER_ONLY)
   include(CheckLinkerFlag)
   check_linker_flag(CXX -static-libstdc++ CEILMETER_HAS_STATIC_LIBSTDCXX)
@@ -36,7 +35,7 @@ endfunction()
 
 find_package(Threads REQUIRED)
 
-# The system's own: it has the distribution's modules. The viewer alone needs none.
+# The system's own Python has the distribution's modules. The viewer alone needs no Python.
 if(NOT CEILMETER_VIEWER_ONLY)
   find_program(CEILMETER_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
 endif()
@@ -44,7 +43,7 @@ endif()
 add_library(ceilmeter_rules INTERFACE)
 target_include_directories(ceilmeter_rules INTERFACE "${PROJECT_SOURCE_DIR}/src")
 target_compile_definitions(ceilmeter_rules INTERFACE _GNU_SOURCE)
-# Also for what is compiled by a command, as code of the building machine in the middle of a build for AArch64.
+# Commands that compile code for the building machine in a build for AArch64 use this list, too.
 set(CEILMETER_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef -Wvla)
 if(CEILMETER_WERROR)
   list(APPEND CEILMETER_WARNINGS -Werror)
@@ -55,12 +54,15 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(ceilmeter_rules INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
 endif()
 if(CEILMETER_SANITIZE)
+  # A report needs lines and no variables, and little optimisation: this takes half the time to compile.
+  set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O1 -g1 -DNDEBUG")
+  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g1 -DNDEBUG")
   target_compile_options(ceilmeter_rules INTERFACE
     -fsanitize=${CEILMETER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(ceilmeter_rules INTERFACE -fsanitize=${CEILMETER_SANITIZE})
 endif()
 
-# The level of optimisation that a build type stands for, for files that are to keep it in a target that has another.
+# The build type's level of optimisation, for files that keep it in a target that has another.
 string(REGEX MATCH "-O[0-3sg]" ceilmeter_optimisation "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_RELWITHDEBINFO}")
 if(CMAKE_BUILD_TYPE STREQUAL "Debug")
   set(ceilmeter_optimisation -O0)
@@ -83,8 +85,9 @@ endfunction()
 
 # ceilmeter_compile_as_test(TARGET): the sources of a GoogleTest executable are compiled without optimisation, which
 # takes half the time, and with GoogleTest's headers precompiled once for the tree, which takes off half of the rest.
-# What they test stands in libraries, or is named here by a path below src/: that is compiled as everywhere.
-# A compiler launcher means a compiler cache, which keeps nothing that has read a precompiled header.
+# The code under test is in libraries, which are compiled as everywhere; so are SOURCES below src/.
+# With a compiler launcher no header is precompiled: the launcher is a compiler cache, and that cannot keep objects that
+# were compiled with precompiled headers.
 function(ceilmeter_compile_as_test target)
   target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:C,CXX>:-O0>)
   get_target_property(sources ${target} SOURCES)

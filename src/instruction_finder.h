@@ -66,7 +66,7 @@ class instruction_finder {
     std::uint64_t offset = 0;  // In the file, a multiple of window_step.
     std::size_t size = 0;      // Bytes that the file has had there.
     bool has_failed = false;   // Reading has ended with an error, not with the end of the file.
-    // Of blocks that begin in the step, the longest ends here.
+    // Has room for the longest block that begins at the end of the step.
     alignas(8) char bytes[window_step + max_basic_block_size * sizeof(std::uint32_t)];
   };
 

@@ -22,7 +22,7 @@ namespace {
 // for CAP_SYS_ADMIN.
 constexpr std::uint64_t counting_capabilities = std::uint64_t{1} << 38 | std::uint64_t{1} << CAP_SYS_ADMIN;
 
-// As the kernel takes them: the lower 32 capabilities, then the upper.
+// The form in which the kernel takes capabilities: the lower 32, then the upper.
 using capability_words = std::array<__user_cap_data_struct, 2>;
 
 __user_cap_header_struct header_of_this_thread() { return {_LINUX_CAPABILITY_VERSION_3, 0}; }
@@ -32,7 +32,7 @@ bool read_capabilities(capability_words& words) {
   return syscall(SYS_capget, &header, words.data()) == 0;
 }
 
-// Of what is permitted only `kept` stays, of that only `used` is in effect.
+// Leaves only the capabilities `kept` permitted, and only `used` of them in effect.
 bool restrict_capabilities(std::uint64_t kept, std::uint64_t used) {
   capability_words words{};
   if (!read_capabilities(words)) return false;

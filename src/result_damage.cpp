@@ -80,7 +80,7 @@ bool has_broken_block(const json_token* blocks) {
   return false;
 }
 
-// As the reader takes a number of threads: blanks and a sign before the digits, anything behind them.
+// Whether the reader takes the text as a number of threads: blanks and a sign before the digits, anything behind them.
 bool has_number(const char* text) {
   if (text == nullptr) return false;
   char* end = nullptr;

@@ -20,6 +20,7 @@ namespace ceilmeter {
 
 namespace {
 
+// The lines keep the name of the unit that this source was once cut out of: they are part of the interface.
 constexpr tool_log log{"src/collector"};
 
 using benchmark_list = std::vector<std::unique_ptr<benchmark_std>>;

@@ -174,7 +174,8 @@ struct thread_data {
   std::uint32_t visit_wanted;        // Not 0: a signal is being sent to it, or has been, that makes it look.
   std::uint32_t replaced_argument;   // The number, counted from 1, of the one that the kernel gets another of; 0: none.
   std::uint32_t interrupter;         // The timer of a call in a turn, counted from 1, see turns.h; 0: none.
-  // Of a child in its parent's memory, see kernel/vfork.h. Its own signal actions, unless the call shares them.
+  // For a child in its parent's memory, see kernel/vfork.h. own_actions are its signal actions, unless the call shares
+  // them.
   std::uint8_t is_vfork_child;
   std::uint8_t shares_descriptors;
   action_table* own_actions;
@@ -209,7 +210,7 @@ struct thread_data {
   std::int32_t* application_tid_word;  // The application wants it cleared and its waiter woken.
   std::uint8_t clone_holds_locks;      // The engine's locks are held over the fork-like clone that is being made.
   std::uint64_t saved_signal_mask;     // Around a clone, which blocks every signal. A new thread: its first mask.
-  // Of a call with a signal mask of its own, see call_mask.h.
+  // For a call with a signal mask of its own, see call_mask.h.
   std::uint64_t call_mask;
   std::uint64_t call_mask_pair[2];  // Address and size of it, for calls that want both.
   std::uint64_t replaced_original;  // The application's argument, a mask or a path, while the kernel gets another.
@@ -226,7 +227,7 @@ struct thread_data {
   application_stack own_stack;       // The application's.
   application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
   std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
-  // Of an IC IVAU, on its way to the dispatcher: the address, and then not 0. Rewritten code writes both.
+  // Rewritten code writes both when an IC IVAU goes to the dispatcher: the address, and a value that is not 0.
   std::uint64_t invalidated_address;
   std::uint64_t invalidates;
   std::uint64_t longest_fragment_pages;  // How far a fragment reaches beyond its first page at most.

@@ -41,7 +41,7 @@ enum mora_event : std::uint32_t {
   MORA_POST_BB = 4,        // At its end, `end_address`, the address past its last instruction. No code is allowed.
   MORA_PRE_FRAGMENT = 5,   // Around a fragment: a block with all that follows its system calls, or a part of a trace.
   MORA_POST_FRAGMENT = 6,  // No code is allowed.
-  // As they happen.
+  // The following events come while the application runs, when they happen.
   MORA_PRE_SYSCALL = 7,  // Before an application's system call: number, args, skip_syscall, result.
   // After it: number, result, and of `args` the first argument alone, as it was before the call.
   MORA_POST_SYSCALL = 8,

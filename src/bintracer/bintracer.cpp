@@ -36,7 +36,7 @@ region_bbs* find_region(std::vector<region_bbs>& regions, const std::string& nam
   return nullptr;
 }
 
-// Of different blocks it may be the same, but hardly ever is.
+// Different blocks may have the same key, but hardly ever do.
 std::uint64_t place_key(const bb_record& record) {
   return record.start ^ reinterpret_cast<std::uint64_t>(record.code) << 16;
 }

@@ -65,7 +65,7 @@ bb_record* add_block(bintracer_thread& thread, std::uint64_t start, std::uint64_
   return &record;
 }
 
-// Of a block without a file, what has been translated.
+// Keeps the translated words of a block that lies in no file.
 void keep_words(const mora_context* ctx, bb_record& block) {
   const std::size_t count = (block.end - block.start) / sizeof(std::uint32_t);
   if (block.code != nullptr && block.code->words.size() == count) return;  // The words are those: see find_block.

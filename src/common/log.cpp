@@ -92,7 +92,7 @@ void warn_of_engine_value(const char* variable, const char* value) {
   log_for_engine(LEVEL_WARN, "Incorrect value of %s variable: %s", variable, value);
 }
 
-// Of a part "NAME=LEVEL". False if it is none, or if there is no room for it.
+// Enters the level of a part "NAME=LEVEL". Returns false if the part has another form, or if there is no room for it.
 bool add_module_level(const char* part, std::size_t length) {
   std::array<char, 64> text{};
   if (length >= text.size() || module_count == module_levels.size()) return false;

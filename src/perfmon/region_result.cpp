@@ -15,7 +15,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr tool_log log{"src/perfmon/roofline_events"};
+constexpr tool_log log{"src/perfmon/region_result"};
 
 constexpr long poll_milliseconds = 10;
 constexpr long longest_wait_milliseconds = 600'000;
@@ -52,8 +52,8 @@ result_lock::result_lock(const std::string& path) {
   }
   if (reason == 0) return;
   m_fd = -1;
-  log({reason == EWOULDBLOCK ? LEVEL_WARN : LEVEL_DEBUG, __builtin_LINE(), "finalize_perf_roofline_events"},
-      "%s is read and written without a lock: %s", path.c_str(), std::strerror(reason));
+  log(reason == EWOULDBLOCK ? LEVEL_WARN : LEVEL_DEBUG, "%s is read and written without a lock: %s", path.c_str(),
+      std::strerror(reason));
 }
 
 result_lock::~result_lock() {

@@ -13,7 +13,7 @@ namespace ceilmeter {
 
 namespace {
 
-constexpr tool_log log{"src/collector"};
+constexpr tool_log log{"src/perfmon/stale_counters"};
 
 std::optional<struct stat> noted;
 
@@ -54,7 +54,7 @@ void warn_of_stale_counters(const std::string& path, const collector_report& rep
   struct stat status {};
   if (stat(path.c_str(), &status) != 0 || !is_unchanged(*noted, status)) return;
   if (!std::any_of(report.regions.begin(), report.regions.end(), has_counters)) return;
-  log({LEVEL_WARN, __builtin_LINE(), "finish_collect"},
+  log(LEVEL_WARN,
       "the application has written no counters: bytes and time of the regions in %s are those of an earlier run",
       path.c_str());
 }

@@ -165,8 +165,8 @@ void add_symbols(const input& file, const std::vector<section>& sections, const 
 
 std::vector<elf_function> one_of_each_place(std::vector<found_function> found) {
   std::sort(found.begin(), found.end(), [](const found_function& left, const found_function& right) {
-    // Of equal rank the one that tells its size, then the shorter name, then the alphabet: the same for any order of
-    // the table.
+    // Among equal ranks a function with a size is first, then the shorter name, then the alphabet decides. So the
+    // result does not depend on the order of the table.
     const auto key = [](const found_function& one) {
       return std::make_tuple(one.function.offset, one.rank, one.function.size == 0, one.function.name.size());
     };

@@ -137,7 +137,7 @@ std::int64_t main_width(const std::vector<block>& blocks) {
   bool any = false;
   for (const auto& [elements, sum] : sum_widths(blocks)) {
     any = any || sum.rough != 0;
-    // Of equal shares the wider one: the sums come by rising elements.
+    // If shares are equal, the wider class counts. The sums come by rising elements.
     if (widest == 0 || sum.rough >= most) {
       widest = width_class(elements);
       most = sum.rough;

@@ -255,7 +255,7 @@ std::string blocks_section(const view_model& model, const page_options& options)
   std::string html;
   std::size_t regions = 0;
   for (const std::size_t file : listed_files(model)) regions += model.files[file].regions.size();
-  // Of very many regions the script lists the blocks; without it a few of each have to do.
+  // If there are very many regions, the script lists their blocks, and the page without it has a few of each.
   const std::size_t limit = regions <= 50 ? static_blocks : 3;
   for (const std::size_t file : listed_files(model)) {
     const result_file& from = model.files[file].file;

@@ -25,8 +25,8 @@ const roof_lines& lines_of(const view_model& model, const shown_set& set) {
   return model.files[set.file].roofs[set.set];
 }
 
-// Of a file that is compared with the reference: the lines that differ from the reference's, or all of them where it
-// has none of that count.
+// Whether a line of a compared file differs from the reference's. If the reference has no lines of that thread count,
+// every line does.
 bool differs_from_reference(const view_model& model, std::uint64_t threads, const roof_line& line) {
   for (const roof_lines& set : model.files[reference_file(model)].roofs) {
     if (set.threads != threads) continue;

@@ -168,7 +168,7 @@ void append_ranks(std::string& text, const ranks_view& view) {
 
 std::string write_table(const view_model& model) {
   std::string text;
-  // Of ranks the sums are shown; a table of each rank is `ceilview --table` without --ranks.
+  // With ranks the table shows their sums. `ceilview --table` without --ranks shows each rank.
   const std::size_t files = model.ranks ? std::min<std::size_t>(model.files.size(), 1) : model.files.size();
   for (std::size_t at = 0; at < files; ++at) append_file(text, model.files[at], model.options);
   if (model.baseline) append_baseline(text, *model.baseline);

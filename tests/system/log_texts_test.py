@@ -204,6 +204,17 @@ class log_unit_test(unittest.TestCase):
         self.assertEqual(found, expected)
         self.assertLessEqual(set(units), set(found))
 
+    def test_each_other_source_logs_by_its_own_name_but_for_the_one_that_keeps_its_earlier_unit(self):
+        found, expected = {}, {}
+        for path in (source / "src").rglob("*.cpp"):
+            name = re.search(r'tool_log log\{"([^"]*)"\}', path.read_text(encoding="utf-8"))
+            if name:
+                file = str(path.relative_to(source).with_suffix(""))
+                found[file] = name[1]
+                expected[file] = {"src/run_benchmarks": "src/collector"}.get(file, file)
+        self.assertEqual(found, expected)
+        self.assertGreater(len(found), 10)
+
 
 def add_run(words, texts):
     def test(self):

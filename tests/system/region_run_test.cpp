@@ -299,7 +299,7 @@ TEST_F(region_run_test, counters_of_an_earlier_run_are_told_where_the_applicatio
   run_script({"init", "start=r", "work=1", "stop=r", "finalize"});
   const process_result done = run({"-o", result().string()}, {script(), "init", "start=r", "stop=r"});
   EXPECT_THAT(log_lines(done.err),
-              ElementsAre("collector warn the application has written no counters: bytes and time of the regions "
+              ElementsAre("stale_counters warn the application has written no counters: bytes and time of the regions "
                           "in " +
                           result().string() + " are those of an earlier run"));
   EXPECT_THAT(run_script({"init", "start=r", "work=1", "stop=r", "finalize"}).err, IsEmpty());

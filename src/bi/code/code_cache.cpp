@@ -72,7 +72,7 @@ void flush_code_cache(thread_data* thread) {
 }
 
 std::uint64_t stub_bb(thread_data* thread, std::uint64_t source) {
-  // As for a block that is scanned.
+  // A full table is flushed before the block gets its index; `scan` does the same.
   if (!hash_has_room(&thread->entry_table.table, source)) flush_code_cache(thread);
   const std::int32_t bb_id = allocate_bb(thread);
   const std::uint64_t address = make_stub_block(thread, bb_id, source);

@@ -62,21 +62,21 @@ inline void leave_call(thread_data* thread) {
   std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
-// In the handler of SIGILL. Whether the signal was sent by settle_code_epoch.
+// The handler of SIGILL asks: was the signal sent by settle_code_epoch?
 bool is_visit(const siginfo_t& info);
 
-// Whether the kernel has merged such a signal with the one that is being handled, be it of a trap, of a timer or of the
-// application's: of one number it keeps one at a time.
+// Whether the kernel has merged such a signal with the one that is being handled, which may be of a trap, of a timer or
+// of the application's. The kernel keeps one signal of a number at a time.
 bool visit_was_merged(thread_data* thread);
 
-// Counts the visit that the thread owes then. False if nobody wants one.
+// Counts a visit if another thread wants one of this thread. Returns false if none does.
 bool answer_visit(thread_data* thread);
 
-// Then, when the thread's next exit is trapped: whoever waits for it may go on.
+// Call this after answer_visit, when the thread's next exit is trapped. The thread that waits for the visit goes on.
 void acknowledge_visit(thread_data* thread);
 
-// Takes the visits off the count of held signals. The thread looks at the epoch afterwards: one that is counted from
-// here on may be for a later epoch.
+// Takes the visits off the count of held signals. The thread must look at the epoch after this call, because a visit
+// that is counted from here on may be for a later epoch.
 void take_visits(thread_data* thread);
 
 // In the child of a fork: the other threads, and what they have asked for, are gone.

@@ -224,7 +224,7 @@ bool has_links_to_spare(linked_pool* pool, std::uint32_t count) {
 
 void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t to) {
   a64_branch(from, to);
-  record_cc_link(thread, reinterpret_cast<std::uint64_t>(from), to);
+  record_cc_link(thread, address_of(from), to);
 }
 
 void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::uint32_t condition) {

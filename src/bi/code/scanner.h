@@ -22,7 +22,7 @@ inline constexpr std::uint32_t AUTHENTICATED_BRANCH_SPACE = REGISTER_BRANCH_SPAC
 // Before the exit of a CB<cc>: three reserved words, push, decision, and twice four words of a target, two of an index
 // and a branch.
 inline constexpr std::uint32_t COMPARE_EXIT_SPACE = 19 * 4;
-// Of put_invalidation.
+// The code that put_invalidation writes.
 inline constexpr std::uint32_t INVALIDATION_SPACE = 46 * 4;
 
 // Bytes that fragments leave free at the end of the trace area. They are for an entry snippet of two words, and for the

@@ -14,7 +14,7 @@ struct cond_branch_attributes {
   std::uint32_t mask;
 };
 
-// Of the word at `place`, a decoded value `inst`. Fatal for anything that is no conditional branch.
+// The attributes of the conditional branch at `place`, which decodes to `inst`. Any other word is fatal.
 cond_branch_attributes get_cond_branch_attributes(const std::uint32_t* place, int inst);
 
 // Whether the branch `word` of a trace's exit, at `place`, can go to `to`. `word` is a conditional branch or a B.

@@ -129,7 +129,7 @@ std::int64_t readlink_handler(const char* path, char* buffer, std::uint64_t size
     application = resolved;
   }
   const auto length = std::min<std::uint64_t>(std::strlen(application), static_cast<std::uint32_t>(size));
-  // As from the kernel there is no terminator, and nothing is written behind the path. The kernel reports memory that
+  // Like the kernel, this writes no terminator and nothing behind the path. The kernel reports memory that
   // cannot be written. checked_copy replaces the action of SIGSEGV for its time; the lock keeps a fork from copying
   // that.
   owned_lock_take(&engine.signal_handlers_lock);

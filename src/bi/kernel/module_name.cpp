@@ -68,7 +68,8 @@ const char* after_word(const char* text) {
   return text + std::strspn(text, " ");
 }
 
-// Of a line of /proc/self/maps: "BEGIN-END PERMISSIONS OFFSET DEVICE INODE  PATH".
+// If `address` lies in the mapping of `line`, names it. A line of /proc/self/maps is
+// "BEGIN-END PERMISSIONS OFFSET DEVICE INODE  PATH".
 bool name_if_in_line(std::uint64_t address, const char* line, char* name, std::size_t size) {
   const std::uint64_t begin = take_hex(&line);
   const std::uint64_t end = take_hex(&line);

@@ -73,7 +73,7 @@ void give_up_descriptors(std::uint32_t first, std::uint32_t last) {
 constexpr std::uint64_t SYS_CLOSE_RANGE = 436;  // Younger than some C libraries' headers, and its flag.
 constexpr std::uint64_t CLOSE_ON_EXEC_ONLY = 4;
 
-// As close does it: the standard descriptors of the range stay open and are noted as closed. The kernel judges the
+// The standard descriptors of the range stay open and are noted as closed, as `close` does it. The kernel judges the
 // arguments.
 call_action handle_close_range(const std::uint64_t* args, std::int64_t* result) {
   const std::uint32_t first = low_half(args[0]);

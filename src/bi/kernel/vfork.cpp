@@ -68,8 +68,8 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
   note_vfork_child(thread, child);
   // A signal that reached the child before it has a record would find its parent's.
   child->saved_signal_mask = block_for_clone(thread);
-  // As around a call that is let through: the parent is in the kernel, for as long as the child likes. Release: pairs
-  // with the acquire in mora_terminate.
+  // The parent is in the kernel for as long as the child runs, so its status is the one of a call that is let through.
+  // Release: pairs with the acquire in mora_terminate.
   std::atomic_ref(thread->status).store(THREAD_IN_SYSCALL, std::memory_order_release);
   // The register with the thread pointer is the tool's C library's, in the child too.
   const std::int64_t result = clone_in_memory(flags & ~std::uint64_t{CLONE_SETTLS}, args[2], args[4], child);

@@ -94,7 +94,7 @@ std::int64_t handle_sigaltstack(thread_data* thread, std::uint64_t wanted, std::
     if (result != 0) return result;
   }
   if (old == 0) return 0;
-  // As in the kernel, the new stack is in force even if the old one cannot be told.
+  // The new stack is in force even if the old one cannot be written, as in the kernel.
   if (!is_usable(old, is_writable)) return -EFAULT;
   std::memcpy(reinterpret_cast<void*>(old), &told, sizeof told);
   return 0;

@@ -10,7 +10,7 @@ namespace ceilmeter {
 
 struct thread_data;
 
-// As the kernel keeps it. A thread has no stack if the size is 0.
+// A signal stack as the kernel records it. A thread has no stack if the size is 0.
 struct application_stack {
   std::uint64_t sp;  // The lowest address.
   std::uint64_t size;
@@ -31,7 +31,7 @@ stack_t stack_in_frame(const thread_data* thread, std::uint64_t sp, int kernel_f
 // A frame has been put in place: a stack with SS_AUTODISARM is none any more.
 void disarm_application_stack(thread_data* thread);
 
-// As in a thread that clone has made.
+// Leaves the thread without a signal stack, as a new thread is.
 void clear_application_stack(thread_data* thread);
 
 // A handler returns to `sp` from a frame that says `saved`. Errors change nothing and are told to nobody.

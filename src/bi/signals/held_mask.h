@@ -14,7 +14,7 @@
 
 namespace ceilmeter {
 
-// In the handler of a signal that is counted: the kernel restores the context with the wider mask.
+// The handler of a counted signal calls this. It widens the mask in the context that the kernel restores.
 void hold_others_back(thread_data* thread, ucontext_t* ucontext);
 
 // The mask that the application has set. On the thread itself.

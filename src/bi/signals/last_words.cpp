@@ -90,7 +90,7 @@ void tell_newest_fragment(const thread_data* thread, const fault_place&) {
   log_fragment(thread, id);
 }
 
-// Of a place in a fragment. The source address is 0 where no source word stands behind the place.
+// Describes a place in a fragment. The source address is 0 where no source word stands behind the place.
 void describe_cache_place(const thread_data* thread, std::uint64_t place, char* text, std::size_t size) {
   const std::uint64_t source = source_of_cache_address(thread, place);
   char module[NAME_SIZE];

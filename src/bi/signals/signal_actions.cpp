@@ -128,7 +128,7 @@ std::int64_t handle_rt_sigaction(const std::uint64_t* args) {
   }
   owned_lock_leave(&engine.signal_handlers_lock);
   if (result != 0 || oldact == 0) return result;
-  // As in the kernel, the new action is in force even if the old one cannot be written.
+  // The new action is in force even if the old one cannot be written, as in the kernel.
   if (!is_writable(oldact) || !is_writable(oldact + LAST_ACTION_WORD)) return -EFAULT;
   std::memcpy(reinterpret_cast<void*>(oldact), &old, sizeof old);
   return result;

@@ -132,7 +132,7 @@ void handle_synchronous(thread_data* thread, arrival& signal) {
   if (!restore_faulted_context(thread, context)) context.pc = 0;
   // For an undefined instruction or a breakpoint the kernel names the place of the instruction. For an access it
   // names the address accessed.
-  if (reinterpret_cast<std::uint64_t>(info.si_addr) == pc) info.si_addr = reinterpret_cast<void*>(context.pc);
+  if (address_of(info.si_addr) == pc) info.si_addr = reinterpret_cast<void*>(context.pc);
   // There may be code at its address later.
   if (cannot_execute) drop_fragments(thread, context.pc, context.pc + sizeof(std::uint32_t));
   run_handler_of(thread, signal, action);
@@ -156,7 +156,7 @@ void run_handler(thread_data* thread, arrival& signal) {
 
 void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
   const std::uint64_t pc = ucontext->uc_mcontext.pc;
-  // As in block_handled_signals: the thread still has some way to go to its end.
+  // The thread still has some way to go to its end, so its signals are blocked as in block_handled_signals.
   std::uint64_t mask = 0;
   std::memcpy(&mask, &ucontext->uc_sigmask, sizeof mask);
   mask |= handled_signals();

@@ -58,8 +58,8 @@ bool is_delivered_again(thread_data* thread, int signum, const application_place
   return again;
 }
 
-// Of a timer, the kernel or another process, and without a queue: the program cannot know when it comes, and where it
-// comes twice, the second one was sent after the first was delivered.
+// Whether the signal is from a timer, the kernel or another process, and has no queue. The program cannot know when
+// such a signal comes. If it comes twice, the second one was sent after the first was delivered.
 bool comes_by_itself(const siginfo_t& sent) {
   if (sent.si_signo >= FIRST_QUEUED_SIGNAL) return false;
   const bool has_sender = sent.si_code == SI_USER || sent.si_code == SI_QUEUE || sent.si_code == SI_TKILL;
