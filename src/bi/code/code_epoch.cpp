@@ -203,7 +203,8 @@ bool apply_code_epoch(thread_data* thread) {
 }
 
 void wait_for_visit(thread_data* thread) {
-  while (std::atomic_ref(thread->visit_wanted).load(std::memory_order_acquire) != 0) sched_yield();
+  // In a process that ends, the handler of the visit's signal leads the thread out and answers no wish.
+  while (std::atomic_ref(thread->visit_wanted).load(std::memory_order_acquire) != 0 && !is_ending()) sched_yield();
 }
 
 bool is_visit(const siginfo_t& info) { return info.si_code == SI_QUEUE && info.si_value.sival_ptr == &engine; }

@@ -170,6 +170,14 @@ TEST_F(code_epoch, an_acknowledgement_is_never_taken_back) {
   EXPECT_EQ(other->acknowledged_epoch, engine.code_epoch + 1);
 }
 
+TEST_F(code_epoch, a_call_waits_for_no_visit_while_the_process_ends) {
+  thread->visit_wanted = 1;  // The handler of its signal has led the thread out.
+  engine.exit_flag = 1;
+  enter_call(thread);
+  EXPECT_EQ(thread->runs_call, 1u);
+  engine.exit_flag = 0;
+}
+
 TEST_F(code_epoch, a_visit_tells_itself_from_other_signals_of_its_number) {
   siginfo_t info = visit();
   EXPECT_TRUE(is_visit(info));
