@@ -6,8 +6,9 @@
    executed only behind, in this order: a clean of its line (DC CVAU), DSB, an invalidation of its line (IC IVAU), DSB,
    and a context synchronisation of the processor that executes it (ISB or a return from the kernel).
 
-   Words are kept by address space, which the register TTBR0_EL1 tells: a child of a fork has memory of its own at the
-   same addresses. What a space has not stored itself came to it by the kernel, whose business its maintenance is. */
+   Words are kept by address space, which the registers TTBR0_EL1 and TTBR1_EL1 tell: a child of a fork has memory of
+   its own at the same addresses. What a space has not stored itself came to it by the kernel, whose business its
+   maintenance is. */
 #define _GNU_SOURCE
 #include <pthread.h>
 #include <stdatomic.h>
@@ -63,7 +64,7 @@ void qemu_plugin_register_atexit_cb(qemu_plugin_id_t id, void (*call)(qemu_plugi
 EXPORTED int qemu_plugin_version = 4;
 EXPORTED int qemu_plugin_install(qemu_plugin_id_t id, const void* info, int argc, char** argv);
 
-enum { X_REGISTERS = 31, SP = X_REGISTERS, TTBR0, TPIDR, REGISTERS };
+enum { X_REGISTERS = 31, SP = X_REGISTERS, TTBR0, TTBR1, TPIDR, REGISTERS };
 
 /* One processor. `stale`: a register that names the address space or the thread was written since it was last read. */
 static struct processor {
@@ -118,7 +119,7 @@ static void on_processor(qemu_plugin_id_t id, unsigned number) {
   (void)id;
   if (number >= MAX_PROCESSORS) fail("too many processors");
   struct processor* processor = &processors[number];
-  static const char* const names[] = {[SP] = "sp", [TTBR0] = "TTBR0_EL1", [TPIDR] = "TPIDR_EL0"};
+  static const char* const names[] = {[SP] = "sp", [TTBR0] = "TTBR0_EL1", [TTBR1] = "TTBR1_EL1", [TPIDR] = "TPIDR_EL0"};
   const array* list = qemu_plugin_get_registers();
   for (unsigned wanted = 0; wanted < REGISTERS; ++wanted) {
     char name[16];
@@ -137,7 +138,10 @@ static void on_processor(qemu_plugin_id_t id, unsigned number) {
 
 static void refresh(struct processor* processor) {
   if (!processor->stale) return;
-  const uint64_t table = read_register(processor, TTBR0) & 0xfffffffffffe; /* Without identifier and sharing bit. */
+  /* The page of a table is used again when its process has ended. The identifier of the space, which this kernel keeps
+     in the other register, is not, until it has given out all of them. Its lowest bit tells user from kernel. */
+  const uint64_t identifier = read_register(processor, TTBR1) >> 49 << 49;
+  const uint64_t table = identifier | (read_register(processor, TTBR0) & 0xfffffffffffe); /* Without the sharing bit. */
   pthread_mutex_lock(&lock);
   processor->space = space_of(table);
   pthread_mutex_unlock(&lock);

@@ -1,20 +1,31 @@
-// Which pages the scanner has found readable, so that it asks the kernel once for each page and change of mappings.
-// Each thread remembers a few pages of its own; a number that all threads share says since when.
+// Which pages the scanner, or who looks at paths, has found readable: the kernel is asked once for each page, and again
+// when a change of mappings may have made it unreadable. Each question is a system call of the engine's, which a
+// filter of the application's may judge.
+//
+// Each thread remembers a few pages of its own; numbers that all threads share say since when.
 #pragma once
 
 #include <cstdint>
 
+#include "bi/kernel/pages.h"
+
 namespace ceilmeter {
 
-// Around a call that may make memory unreadable, under mapping_lock. In between nobody remembers anything.
-void begin_mapping_change();
-void end_mapping_change();
+inline constexpr page_range ALL_PAGES = {0, ~std::uint64_t{0}};
 
-// Whether the thread has found the page of the address readable since mappings changed last.
+// Around a call that may make memory of the range unreadable, under mapping_lock. In between nobody remembers anything
+// of it. An empty range changes nothing.
+void begin_mapping_change(page_range range);
+void end_mapping_change(page_range range);
+
+// Whether the page of the address can be read, which is asked of the kernel unless it is known.
+bool is_page_readable(std::uint64_t address);
+
+// Whether the thread has found the page of the address readable since mappings there changed last.
 bool is_known_readable(std::uint64_t address);
 
-// The kernel was asked, and says that it is. `asked_at` is mapping_state() from before the question.
-std::uint64_t mapping_state();
+// The kernel was asked, and says that it is. `asked_at` is mapping_state(address) from before the question.
+std::uint64_t mapping_state(std::uint64_t address);
 void remember_readable(std::uint64_t address, std::uint64_t asked_at);
 
 }  // namespace ceilmeter

@@ -7,19 +7,10 @@
 #include "bi/code/readable_pages.h"
 #include "bi/code/scanner.h"
 #include "bi/code/translated_pages.h"
-#include "bi/kernel/memory_probe.h"
 
 namespace ceilmeter {
 
-// The eight bytes that hold the word must not reach into the next page.
-bool is_source_readable(const std::uint32_t* word) {
-  const std::uint64_t bytes = address_of(word) & ~std::uint64_t{7};
-  if (is_known_readable(bytes)) return true;
-  const std::uint64_t asked_at = mapping_state();
-  if (!is_readable(bytes)) return false;
-  remember_readable(bytes, asked_at);
-  return true;
-}
+bool is_source_readable(const std::uint32_t* word) { return is_page_readable(address_of(word)); }
 
 bool is_compare_and_branch(std::uint32_t word) {
   exit_branch branch{};

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "bi/code/readable_pages.h"
 #include "bi/kernel/checked_copy.h"
 #include "bi/kernel/memory_probe.h"
 #include "bi/kernel/pages.h"
@@ -34,13 +35,12 @@ constexpr std::size_t NAME_SIZE = 64;
 
 bool resolve_application_path(char* resolved) { return realpath(engine.argv[0], resolved) != nullptr; }
 
-// Copies a path of the application's. False if it is longer than any name of the executable or cannot be read. The
-// first eight bytes are probed together: every name of the executable is longer than that.
+// Copies a path of the application's. False if it is longer than any name of the executable or cannot be read.
 bool copy_path(std::uint64_t address, char (&name)[NAME_SIZE]) {
-  if (!is_readable(address)) return false;
+  if (address == 0 || !is_page_readable(address)) return false;
   for (std::size_t index = 0; index < NAME_SIZE; ++index) {
     const std::uint64_t place = address + index;
-    if (page_down(place, page_size()) == place && !is_readable(place)) return false;
+    if (page_down(place, page_size()) == place && !is_page_readable(place)) return false;
     name[index] = *reinterpret_cast<const char*>(place);
     if (name[index] == '\0') return true;
   }

@@ -125,10 +125,11 @@ std::uint64_t brk_handler(std::uint64_t addr) {
   if (addr >= engine.initial_brk + page_size()) {
     const std::uint64_t old_size = brk.load(std::memory_order_relaxed) - engine.initial_brk;
     const std::uint64_t new_size = addr - engine.initial_brk;
+    const page_range lost = {addr, new_size < old_size ? old_size - new_size : 0};
     owned_lock_take(&engine.mapping_lock);
-    begin_mapping_change();
+    begin_mapping_change(lost);
     const std::int64_t moved = raw_syscall(SYS_mremap, engine.initial_brk, old_size, new_size, 0);
-    end_mapping_change();
+    end_mapping_change(lost);
     owned_lock_leave(&engine.mapping_lock);
     if (moved == static_cast<std::int64_t>(engine.initial_brk)) {
       report_vm_op(VM_MAP, engine.initial_brk, new_size, PROT_READ | PROT_WRITE, BREAK_FLAGS, NO_FILE, 0, 0, 0);
@@ -260,12 +261,13 @@ std::int64_t detach_segment(const std::uint64_t* args) {
 }
 
 // Holds mapping_lock over a call and over what the engine notes of it. Without the lock a range that one thread has
-// just unmapped may be mapped by another one and noted as code, before the first thread removes its note.
-std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::uint64_t* args) {
+// just unmapped may be mapped by another one and noted as code, before the first thread removes its note. `lost` is
+// what the call may make unreadable, whether it succeeds or fails half way.
+std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::uint64_t* args, page_range lost) {
   owned_lock_take(&engine.mapping_lock);
-  begin_mapping_change();
+  begin_mapping_change(lost);
   const std::int64_t result = call(args);
-  end_mapping_change();
+  end_mapping_change(lost);
   owned_lock_leave(&engine.mapping_lock);
   // Without the lock. Also for what another call has dropped and not settled yet: this call's memory may be what that
   // one has unmapped, and what the application puts there must not meet a thread with the old code.
@@ -277,17 +279,35 @@ std::int64_t make_call(std::int64_t (*call)(const std::uint64_t*), const std::ui
 
 void unmap_kept_stack(page_range kept) {
   owned_lock_take(&engine.mapping_lock);
-  begin_mapping_change();
+  begin_mapping_change(kept);
   raw_syscall(SYS_munmap, kept.start, kept.size);
-  end_mapping_change();
+  end_mapping_change(kept);
   owned_lock_leave(&engine.mapping_lock);
 }
 
-std::int64_t handle_mmap(const std::uint64_t* args) { return make_call(map_memory, args); }
-std::int64_t handle_mprotect(const std::uint64_t* args) { return make_call(protect_memory, args); }
-std::int64_t handle_munmap(const std::uint64_t* args) { return make_call(unmap_memory, args); }
-std::int64_t handle_mremap(const std::uint64_t* args) { return make_call(move_memory, args); }
-std::int64_t handle_shmat(const std::uint64_t* args) { return make_call(attach_segment, args); }
-std::int64_t handle_shmdt(const std::uint64_t* args) { return make_call(detach_segment, args); }
+// Without MAP_FIXED the kernel takes room where nothing is. What it puts over other memory may be unreadable even where
+// it allows reading: a file may end before its mapping.
+std::int64_t handle_mmap(const std::uint64_t* args) {
+  return make_call(map_memory, args, {args[0], (args[3] & MAP_FIXED) != 0 ? args[1] : 0});
+}
+
+std::int64_t handle_mprotect(const std::uint64_t* args) {
+  return make_call(protect_memory, args, {args[0], (args[2] & PROT_READ) == 0 ? args[1] : 0});
+}
+
+std::int64_t handle_munmap(const std::uint64_t* args) { return make_call(unmap_memory, args, {args[0], args[1]}); }
+
+// The new place may be given, and lose what was there.
+std::int64_t handle_mremap(const std::uint64_t* args) {
+  const bool may_replace = (args[3] & MREMAP_FIXED) != 0;
+  return make_call(move_memory, args, may_replace ? ALL_PAGES : page_range{args[0], args[1]});
+}
+
+// The size of a segment is the kernel's to know.
+std::int64_t handle_shmat(const std::uint64_t* args) {
+  return make_call(attach_segment, args, (args[2] & SHM_REMAP) != 0 ? ALL_PAGES : page_range{});
+}
+
+std::int64_t handle_shmdt(const std::uint64_t* args) { return make_call(detach_segment, args, ALL_PAGES); }
 
 }  // namespace ceilmeter

@@ -78,11 +78,41 @@ TEST_F(memory_calls, the_known_range_is_of_whole_pages_of_64_kib) {
 
 TEST_F(memory_calls, nobody_takes_the_rest_of_a_stack_for_readable_once_its_thread_has_ended) {
   const std::uint64_t address = map(fake.page, PROT_READ | PROT_WRITE);
-  remember_readable(address, mapping_state());
+  remember_readable(address, mapping_state(address));
   ASSERT_TRUE(is_known_readable(address));
   unmap_kept_stack({address, fake.page});
   EXPECT_FALSE(is_known_readable(address));
   EXPECT_EQ(msync(reinterpret_cast<void*>(address), fake.page, MS_ASYNC), -1);
+}
+
+// Each question to the kernel is a system call that a filter of the application's may judge.
+TEST_F(memory_calls, what_is_mapped_and_unmapped_elsewhere_leaves_code_known_as_readable) {
+  constexpr std::uint64_t region = 2 << 20;
+  const std::uint64_t room = map(3 * region, PROT_READ | PROT_WRITE);
+  const std::uint64_t code = room;
+  remember_readable(code, mapping_state(code));
+  const std::uint64_t other = map(fake.page, PROT_READ | PROT_WRITE);
+  handled(SYS_munmap, {other, fake.page});
+  handled(SYS_munmap, {room + 2 * region, fake.page});
+  handled(SYS_mprotect, {code, fake.page, PROT_READ});
+  EXPECT_TRUE(is_known_readable(code));
+  handled(SYS_munmap, {room, 3 * region});
+}
+
+TEST_F(memory_calls, what_may_take_a_page_away_has_the_kernel_asked_again) {
+  const std::uint64_t code = map(fake.page, PROT_READ | PROT_WRITE);
+  const auto is_forgotten_by = [&](std::uint64_t number, std::initializer_list<std::uint64_t> values) {
+    remember_readable(code, mapping_state(code));
+    EXPECT_TRUE(is_known_readable(code));
+    handled(number, values);
+    return !is_known_readable(code);
+  };
+  EXPECT_TRUE(is_forgotten_by(SYS_mprotect, {code, fake.page, PROT_NONE}));
+  EXPECT_TRUE(is_forgotten_by(SYS_mmap, {code, fake.page, PROT_READ, anonymous | MAP_FIXED, no_file, 0}));
+  EXPECT_TRUE(is_forgotten_by(SYS_mremap, {code, fake.page, 2 * fake.page, MREMAP_MAYMOVE}));
+  EXPECT_TRUE(is_forgotten_by(SYS_munmap, {code, fake.page}));
+  EXPECT_TRUE(is_forgotten_by(SYS_munmap, {0, ~std::uint64_t{0}})) << "more than all regions";
+  EXPECT_TRUE(is_forgotten_by(SYS_shmdt, {1}));
 }
 
 TEST_F(memory_calls, the_arguments_keep_their_values) {
