@@ -154,6 +154,14 @@ struct alignas(16) last_call_stack {
   std::uint64_t stack_pointer;
 };
 
+// What a child that shares its parent's memory, its host and its parent tell each other, see kernel/hosted_child.h.
+// Atomics.
+struct hosted_words {
+  std::int64_t answer;            // The result of the parent's call; 0: not known yet.
+  std::int32_t alive;             // The kernel clears it when the child has left the memory.
+  std::uint32_t parent_has_left;  // The parent does not look at the record any more.
+};
+
 // One per application thread. Each is a zeroed mapping of its own, so that emitted code can hold addresses of its
 // fields.
 struct thread_data {
@@ -220,6 +228,9 @@ struct thread_data {
   std::uint64_t guarded_arguments[8];  // The application's x0 to x7 around a guarded call with values.
   // Of a child in its parent's memory, see kernel/vfork.h. Its own signal actions, unless the call shares them.
   std::uint8_t is_vfork_child;
+  std::uint8_t is_hosted;  // Its parent runs on, see kernel/hosted_child.h.
+  hosted_words hosted;
+  std::uint64_t clone_flags;
   thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
   std::uint8_t shares_descriptors;
   action_table* own_actions;
@@ -228,7 +239,6 @@ struct thread_data {
   std::uint8_t* signal_stack;        // The engine's own, with its guard page first.
   application_stack own_stack;       // The application's.
   application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
-  std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
   held_signals held;                 // What was sent with the signals that are counted, see held_signals.h.
   // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
   std::uint64_t code_epoch;          // The epoch up to which this thread has dropped what others have dropped.
@@ -269,7 +279,8 @@ struct engine_globals {
   std::uint64_t brk;  // The emulated program break and its first value. Under the next lock.
   std::uint64_t initial_brk;
   owned_lock brk_lock;
-  thread_data* thread_list;  // Under the next lock.
+  thread_data* thread_list;      // Under the next lock.
+  thread_data* hosted_children;  // The same, see kernel/hosted_child.h.
   owned_lock thread_list_lock;
   std::uint32_t exit_flag;  // Set to 1 once, by mora_terminate; read without a lock by every thread.
   std::uint32_t plugin_count;
