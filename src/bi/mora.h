@@ -154,6 +154,14 @@ struct alignas(16) last_call_stack {
   std::uint64_t stack_pointer;
 };
 
+// What a child that shares its parent's memory, its host and its parent tell each other, see kernel/hosted_child.h.
+// Atomics.
+struct hosted_words {
+  std::int64_t answer;            // The result of the parent's call; 0: not known yet.
+  std::int32_t alive;             // The kernel clears it when the child has left the memory.
+  std::uint32_t parent_has_left;  // The parent does not look at the record any more.
+};
+
 // One per application thread. Each is a zeroed mapping of its own, so that emitted code can hold addresses of its
 // fields.
 struct thread_data {
@@ -177,6 +185,7 @@ struct thread_data {
   // For a child in its parent's memory, see kernel/vfork.h. own_actions are its signal actions, unless the call shares
   // them.
   std::uint8_t is_vfork_child;
+  std::uint8_t is_hosted;  // Its parent runs on, see kernel/hosted_child.h.
   std::uint8_t shares_descriptors;
   action_table* own_actions;
   thread_data* vfork_child;  // The child that this thread sleeps for. Under thread_list_lock.
@@ -199,6 +208,8 @@ struct thread_data {
   page_range kept_stack;           // What a thread that has unmapped its own stack still stands on, see handle_munmap.
   std::uint64_t clone_x3;          // What the parent had in x3; `clone_args` has the new thread's TLS there.
   std::uint8_t clone_shares_vm;
+  std::uint64_t clone_flags;  // Of a child beside its running parent.
+  hosted_words hosted;
   std::int32_t pending_signals[SIGNAL_COUNT];  // By number; 0: visits that others have asked for (code_epoch.h).
   std::int32_t pending_signal_count;           // Their sum; the reentry stub reads it on every way back into the cache.
   std::uint64_t engine_sp;                     // Stack pointer at the thread's start, to leave it by.
@@ -226,7 +237,6 @@ struct thread_data {
   std::uint8_t* signal_stack;        // The engine's own, with its guard page first.
   application_stack own_stack;       // The application's.
   application_stack accepted_stack;  // Flags and size that the kernel has last accepted.
-  std::uint8_t clone_clears_stack;   // The child of the fork-like clone that is being made has none.
   // Rewritten code writes both when an IC IVAU goes to the dispatcher: the address, and a value that is not 0.
   std::uint64_t invalidated_address;
   std::uint64_t invalidates;
@@ -276,7 +286,8 @@ struct engine_globals {
   std::uint64_t brk;  // The emulated program break and its first value. Under the next lock.
   std::uint64_t initial_brk;
   owned_lock brk_lock;
-  thread_data* thread_list;  // Under the next lock.
+  thread_data* thread_list;      // Under the next lock.
+  thread_data* hosted_children;  // The same, see kernel/hosted_child.h.
   owned_lock thread_list_lock;
   std::uint32_t exit_flag;  // Set to 1 once, by mora_terminate; read without a lock by every thread.
   std::uint32_t plugin_count;

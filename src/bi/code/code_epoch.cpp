@@ -116,11 +116,13 @@ void want_visit(thread_data* thread, std::uint64_t epoch) {
 bool others_are_behind(const thread_data* self, std::uint64_t epoch, bool first) {
   bool behind = false;
   owned_lock_take(&engine.thread_list_lock);
-  for (thread_data* listed = engine.thread_list; listed != nullptr; listed = listed->next) {
-    for (thread_data* thread = listed; thread != nullptr; thread = thread->vfork_child) {
-      if (thread == self || !is_behind(thread, epoch)) continue;
-      behind = true;
-      if (first) want_visit(thread, epoch);
+  for (thread_data* first_listed : {engine.thread_list, engine.hosted_children}) {
+    for (thread_data* listed = first_listed; listed != nullptr; listed = listed->next) {
+      for (thread_data* thread = listed; thread != nullptr; thread = thread->vfork_child) {
+        if (thread == self || !is_behind(thread, epoch)) continue;
+        behind = true;
+        if (first) want_visit(thread, epoch);
+      }
     }
   }
   owned_lock_leave(&engine.thread_list_lock);

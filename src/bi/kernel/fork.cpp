@@ -19,7 +19,6 @@
 #include "bi/code/stub_layout.h"
 #include "bi/kernel/threads.h"
 #include "bi/kernel/vfork.h"
-#include "bi/signals/application_stack.h"
 
 namespace ceilmeter {
 
@@ -130,10 +129,7 @@ void free_other_threads(const thread_data* survivor) {
 void prepare_fork(thread_data* thread, std::uint64_t* args) {
   thread->clone_shares_vm = 0;
   std::uint64_t flags = args[0];
-  // Give the child a true copy: with shared memory it would run in the parent's engine state while the parent does.
-  // A child whose parent sleeps does not come here. The kernel refuses CLONE_SIGHAND without shared memory.
-  thread->clone_clears_stack = (flags & (CLONE_VM | CLONE_VFORK)) == CLONE_VM ? 1 : 0;
-  if ((flags & CLONE_VM) != 0) flags &= ~std::uint64_t{CLONE_VM | CLONE_SIGHAND};
+  // Children in their parent's memory do not come here, see vfork.h and hosted_child.h.
   thread->child_tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
   flags &= ~std::uint64_t{CLONE_SETTLS};  // The register itself is the tool's C library's, in the child too.
   args[0] = flags;
@@ -168,7 +164,6 @@ void finish_fork(thread_data* thread, std::uint64_t* args) {
     // The child has a copy of the engine's stack with the wrapper's frame; only the application's stack is another.
     if (args[1] != 0) args[SYSCALL_APP_SP / 8] = args[1];
     thread->tls = thread->child_tls;
-    if (thread->clone_clears_stack != 0) clear_application_stack(thread);
     reinit_after_fork(thread);
   } else if (thread->clone_holds_locks != 0) {
     unlock_all();
@@ -200,6 +195,7 @@ void reinit_after_fork(thread_data* thread) {
   thread->has_turn = 0;
   free_other_threads(thread);
   engine.thread_list = thread;
+  engine.hosted_children = nullptr;  // They are the parent's, or this process itself.
   thread->next = nullptr;
   reset_ending_threads();
   take_spare_streams();

@@ -8,9 +8,9 @@
 
 namespace ceilmeter {
 
-// Any clone without CLONE_THREAD, before the kernel makes it: rewrites the arguments in `args` so that the child comes
-// back through the caller's frame with memory of its own. finish_fork has to follow in the parent and in the child,
-// with the call's result in word 0. It gives back the arguments that the application finds in its registers.
+// Any clone without CLONE_THREAD and CLONE_VM, before the kernel makes it: rewrites the arguments in `args` so that the
+// child comes back through the caller's frame. finish_fork has to follow in the parent and in the child, with the
+// call's result in word 0. It gives back the arguments that the application finds in its registers.
 void prepare_fork(thread_data* thread, std::uint64_t* args);
 void finish_fork(thread_data* thread, std::uint64_t* args);
 

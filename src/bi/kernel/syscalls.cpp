@@ -20,6 +20,7 @@
 #include "bi/code/code_epoch.h"
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/fork.h"
+#include "bi/kernel/hosted_child.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/signals/application_stack.h"
 #include "bi/signals/signal_actions.h"
@@ -146,7 +147,7 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_dat
     case SYS_munmap: *result = handle_munmap(args); return call_action::HANDLED;
     case SYS_mremap: *result = handle_mremap(args); return call_action::HANDLED;
     case SYS_clone:
-      if ((args[0] & CLONE_THREAD) != 0 || is_vfork_in_memory(args[0])) return call_action::CLONE;
+      if ((args[0] & (CLONE_THREAD | CLONE_VM)) != 0) return call_action::CLONE;
       prepare_fork(thread, args);
       return call_action::MAKE;
     case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
@@ -268,9 +269,14 @@ void finish_call(std::uint64_t number, std::uint64_t* args, std::uint64_t next_i
 }  // namespace
 
 extern "C" void syscall_clone(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst, thread_data* thread) {
-  const bool is_thread = (args[0] & CLONE_THREAD) != 0;
-  const std::int64_t result =
-      is_thread ? mora_create_thread(thread, args, next_inst) : make_vfork_child(thread, args, next_inst);
+  std::int64_t result = 0;
+  if ((args[0] & CLONE_THREAD) != 0) {
+    result = mora_create_thread(thread, args, next_inst);
+  } else if (is_hosted_in_memory(args[0])) {
+    result = make_hosted_child(thread, args, next_inst);
+  } else {
+    result = make_vfork_child(thread, args, next_inst);
+  }
   finish_handled(low_half(number), args, next_inst, thread, static_cast<std::uint64_t>(result));
 }
 

@@ -71,7 +71,7 @@ void write_internal_actions(const raw_signal_action* actions) {
   }
 }
 
-int create_pthread(thread_data* child) {
+int create_pthread(void* (*run)(void*), thread_data* child) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -80,32 +80,32 @@ int create_pthread(thread_data* child) {
   pthread_attr_setguardsize(&attributes, THREAD_GUARD_SIZE);
   pthread_t handle{};
   mora_enter_callback();  // It uses the heap as well.
-  const int error = pthread_create(&handle, &attributes, thread_start_stub, child);
+  const int error = pthread_create(&handle, &attributes, run, child);
   mora_leave_callback();
   pthread_attr_destroy(&attributes);
-  return error;
-}
-
-int start_pthread(thread_data* child) {
-  static bool made_one = false;  // Under signal_handlers_lock.
-  owned_lock_take(&engine.signal_handlers_lock);
-  if (made_one) {
-    owned_lock_leave(&engine.signal_handlers_lock);
-    return create_pthread(child);
-  }
-  // Keep what the application has set. The lock keeps it from setting anything else meanwhile.
-  raw_signal_action actions[INTERNAL_SIGNALS_MAX] = {};
-  read_internal_actions(actions);
-  const int error = create_pthread(child);
-  write_internal_actions(actions);
-  made_one = true;
-  owned_lock_leave(&engine.signal_handlers_lock);
   return error;
 }
 
 void store_tid(std::uint64_t address, std::int32_t tid) { *reinterpret_cast<std::int32_t*>(address) = tid; }
 
 }  // namespace
+
+int start_pthread(void* (*run)(void*), thread_data* child) {
+  static bool made_one = false;  // Under signal_handlers_lock.
+  owned_lock_take(&engine.signal_handlers_lock);
+  if (made_one) {
+    owned_lock_leave(&engine.signal_handlers_lock);
+    return create_pthread(run, child);
+  }
+  // Keep what the application has set. The lock keeps it from setting anything else meanwhile.
+  raw_signal_action actions[INTERNAL_SIGNALS_MAX] = {};
+  read_internal_actions(actions);
+  const int error = create_pthread(run, child);
+  write_internal_actions(actions);
+  made_one = true;
+  owned_lock_leave(&engine.signal_handlers_lock);
+  return error;
+}
 
 void copy_parent_frame(const thread_data* thread, const std::uint64_t* args) {
   const std::uint64_t frame = engine_stack(thread) - SYSCALL_FRAME_SIZE;
@@ -208,7 +208,7 @@ std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::u
   // before it has a record would find none.
   const std::uint64_t mask = block_for_clone(thread);
   child->saved_signal_mask = mask;
-  std::int64_t result = -start_pthread(child);
+  std::int64_t result = -start_pthread(thread_start_stub, child);
   if (result == 0) {
     // Acquire: pairs with the release in thread_start. The child has read all of `args` by then, and what it wrote for
     // the application, its thread id above all, is there.
@@ -303,7 +303,13 @@ void end_thread(thread_data* thread, std::int32_t status) {
 // application's. Otherwise the kernel keeps the C library's word. settle_tid_words clears the application's word in
 // both cases, and in the second nobody else does. For the process's first thread there is no word that the C library
 // waits for: the kernel simply gets the application's.
+//
+// For a child in its running parent's memory the kernel has a word of its host's.
 bool set_application_tid_word(thread_data* thread, std::int32_t* word) {
+  if (thread->is_hosted != 0) {
+    thread->application_tid_word = word;
+    return false;
+  }
   if (thread->engine_sp == 0) return true;
   thread->application_tid_word = word;
   if (thread->library_tid_word != nullptr) return true;

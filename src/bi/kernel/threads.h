@@ -20,6 +20,9 @@ void use_engine_stack(thread_data* thread, std::uint64_t top);
 // caller. Returns its id, or a negative error number as the kernel would.
 std::int64_t mora_create_thread(thread_data* thread, std::uint64_t* args, std::uint64_t next_inst);
 
+// Starts a detached pthread with a stack of a thread's size. Returns 0 or an error number.
+int start_pthread(void* (*run)(void*), thread_data* child);
+
 // A record with its cache, or null if the kernel refuses its memory; what was mapped until then is given back. The
 // first refusal is logged, because the application gets an ordinary error and may not tell anybody of it.
 thread_data* make_thread_record();

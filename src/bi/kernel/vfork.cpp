@@ -11,6 +11,7 @@
 #include "bi/code/code_epoch.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/fork.h"
+#include "bi/kernel/hosted_child.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/kernel/syscalls.h"
 #include "bi/kernel/threads.h"
@@ -31,6 +32,13 @@ void note_vfork_child(thread_data* thread, thread_data* child) {
 
 }  // namespace
 
+void inherit_actions(thread_data* child, const thread_data* parent, std::uint64_t flags) {
+  child->own_actions = parent->own_actions;
+  if ((flags & CLONE_SIGHAND) != 0) return;
+  copy_actions(&child->own_action_table);
+  child->own_actions = &child->own_action_table;
+}
+
 // In the child, on its part of the engine's stack.
 extern "C" void vfork_child_start(thread_data* child, std::uint64_t engine_stack_top) {
   current_thread = child;
@@ -40,6 +48,7 @@ extern "C" void vfork_child_start(thread_data* child, std::uint64_t engine_stack
   set_lock_owner(static_cast<std::uint32_t>(child->tid));
   child->process = child->tid;
   copy_parent_frame(child, child->clone_args);
+  if (child->is_hosted != 0) answer_parent(child);
   if (has_own_descriptors(child)) close_noted_files();
   restore_signal_mask(child->saved_signal_mask);
   leave_clone(child);
@@ -51,11 +60,7 @@ std::int64_t make_vfork_child(thread_data* thread, std::uint64_t* args, std::uin
   if (child == nullptr) return -EAGAIN;
   child->is_vfork_child = 1;
   child->shares_descriptors = (flags & CLONE_FILES) != 0 ? 1 : 0;
-  child->own_actions = thread->own_actions;
-  if ((flags & CLONE_SIGHAND) == 0) {
-    copy_actions(&child->own_action_table);
-    child->own_actions = &child->own_action_table;
-  }
+  inherit_actions(child, thread, flags);
   child->tls = (flags & CLONE_SETTLS) != 0 ? args[3] : thread->tls;
   child->own_stack = thread->own_stack;
   child->accepted_stack = thread->accepted_stack;
@@ -97,6 +102,7 @@ void become_process(thread_data* thread) {
   }
   if (has_own_descriptors(thread)) forget_noted_files();
   thread->is_vfork_child = 0;
+  thread->is_hosted = 0;
 }
 
 }  // namespace ceilmeter

@@ -16,10 +16,13 @@
 
 namespace ceilmeter {
 
-inline bool is_vfork_in_memory(std::uint64_t flags) {
-  constexpr std::uint64_t both = CLONE_VM | CLONE_VFORK;
-  return (flags & both) == both && (flags & CLONE_THREAD) == 0;
+// A process in its parent's memory while the parent runs on, see hosted_child.h.
+inline bool is_hosted_in_memory(std::uint64_t flags) {
+  return (flags & CLONE_VM) != 0 && (flags & (CLONE_VFORK | CLONE_THREAD)) == 0;
 }
+
+// The signal actions of a child in its parent's memory: the parent's, or a copy of them.
+void inherit_actions(thread_data* child, const thread_data* parent, std::uint64_t flags);
 
 // Whether descriptors that the thread closes or replaces are not those of the engine's process.
 inline bool has_own_descriptors(const thread_data* thread) {

@@ -32,8 +32,8 @@ STUBS_END = 6 * 256  # The stubs of a new thread's cache are the only words that
 KNOWN_FAULTS = {"none": None, "clean": "not_cleaned", "first_barrier": "not_invalidated",
                 "invalidation": "not_invalidated", "second_barrier": "no_barrier_behind_invalidation",
                 "synchronisation": "not_synchronised", "forked": None}
-# A loop whose start makes some 2,000 blocks. Each visit that writes has two barriers. Few visits write nothing new, and a
-# block and the link to it would be two passes if each had its own.
+# A loop whose start makes some 2,000 blocks. Each visit that writes has two barriers. Few visits write nothing new, and
+# a block and the link to it would be two passes if each had its own.
 BLOCKS_OF_LOOP = 2000
 MOST_BARRIERS = 3
 

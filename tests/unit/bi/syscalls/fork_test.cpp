@@ -114,9 +114,23 @@ TEST_F(fork_like_clone, a_child_in_its_parents_memory_has_a_record_of_its_own_an
   EXPECT_EQ(args[1], address_of(stack + sizeof stack)) << "the caller's x1";
 }
 
-TEST_F(fork_like_clone, a_child_that_would_share_memory_without_being_a_thread_gets_a_copy) {
-  prepare({CLONE_VM | CLONE_SIGHAND | SIGCHLD});
-  EXPECT_EQ(made_flags, std::uint64_t{SIGCHLD});
+TEST_F(fork_like_clone, a_child_that_shares_memory_while_its_parent_runs_on_is_not_left_to_the_stub) {
+  with_args({CLONE_VM | CLONE_SIGHAND | SIGCHLD});
+  EXPECT_EQ(syscall_handler_pre(SYS_clone, args, next_inst, thread), 2u);
+  EXPECT_EQ(args[0], std::uint64_t{CLONE_VM | CLONE_SIGHAND | SIGCHLD});
+}
+
+// A name space of mounts and a shared file system exclude each other on every kernel.
+TEST_F(fork_like_clone, a_refused_child_beside_its_parent_leaves_nothing_behind) {
+  engine.exit_flag = 0;
+  with_args({CLONE_VM | CLONE_FS | CLONE_NEWNS | SIGCHLD, 0x12340});
+  ASSERT_EQ(syscall_handler_pre(SYS_clone, args, next_inst, thread), 2u);
+  syscall_clone(SYS_clone, args, next_inst, thread);
+  EXPECT_EQ(static_cast<std::int64_t>(args[0]), -EINVAL);
+  EXPECT_EQ(engine.hosted_children, nullptr);
+  EXPECT_TRUE(all_locks_are_free());
+  EXPECT_EQ(current_thread, thread);
+  EXPECT_EQ(args[1], 0x12340u) << "the caller's x1";
 }
 
 TEST_F(fork_like_clone, the_childs_thread_pointer_is_kept_for_it_and_not_given_to_the_kernel) {
