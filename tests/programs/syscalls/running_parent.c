@@ -87,8 +87,8 @@ static int wait_for_turn(void* argument) {
 
 static void words_are_kept(void) {
   turn = 0;
-  const pid_t child = start(wait_for_turn, NULL,
-                            SHARED | CLONE_PARENT_SETTID | CLONE_CHILD_SETTID | CLONE_CHILD_CLEARTID);
+  const pid_t child =
+      start(wait_for_turn, NULL, SHARED | CLONE_PARENT_SETTID | CLONE_CHILD_SETTID | CLONE_CHILD_CLEARTID);
   CHECK(parent_word == child);
   while (turn != 1) sched_yield();
   turn = 2;
