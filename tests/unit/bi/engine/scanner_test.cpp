@@ -286,8 +286,8 @@ TEST_F(scanned, a_return_to_a_signed_address_ends_its_block_and_is_not_copied) {
 }
 
 TEST_F(scanned, a_system_call_stays_within_its_block_whose_end_decides_on_the_counter) {
-  const std::uint32_t* at = body(call_then_branch, true);
-  const word_list next = load_const(29, address_of(call_then_branch) + 4);
+  const std::uint32_t* at = body(call_then_branch, true) + 1;  // Behind the number of the call.
+  const word_list next = load_const(29, address_of(call_then_branch) + 8);
   constexpr std::uint32_t push_x29_x30 = 0xa9bf7bfd;
   const word_list call =
       written(at + 1 + next.size(), [&](std::uint32_t** write) { a64_bl((*write)++, thread->syscall_wrapper_addr); });
@@ -296,8 +296,13 @@ TEST_F(scanned, a_system_call_stays_within_its_block_whose_end_decides_on_the_co
 }
 
 TEST_F(scanned, a_system_calls_number_in_the_instruction_is_ignored) {
-  const std::uint32_t* at = body(call_then_return, false);
-  EXPECT_EQ(a64_decode(at + 1 + load_const(29, address_of(call_then_return) + 4).size()), A64_B);
+  const std::uint32_t* at = body(call_then_return, false) + 1;
+  EXPECT_EQ(a64_decode(at + 1 + load_const(29, address_of(call_then_return) + 8).size()), A64_B);
+}
+
+TEST_F(scanned, a_call_without_a_number_beside_it_looks_whether_it_ends_the_thread) {
+  constexpr std::uint32_t subtract_exit = 0xd1017508;  // sub x8, x8, #93
+  EXPECT_EQ(*body(call_then_branch + 1, true), subtract_exit);
 }
 
 TEST_F(scanned, the_thread_pointer_is_read_from_and_written_to_the_record) {

@@ -160,9 +160,11 @@ source  prefix_alone
         ret
 
 source  call_then_branch
+        mov     x8, #172
         svc     #0
         b       one_ret
 source  call_then_return
+        mov     x8, #172
         svc     #7
         ret
 source  call_alone_number
