@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Tests the runner of random programs with stand-ins for the engine. Right ones pass, wrong ones are found and shrunk.
 
-    runner_test.py RUNNER TABLE PROBE [EMULATOR WORD...]
+    runner_test.py [--only PART]... RUNNER TABLE PROBE [EMULATOR WORD...]
+
+--only chooses the tests with PART in their names.
 """
 
 import pathlib
@@ -11,7 +13,12 @@ import sys
 import tempfile
 import unittest
 
-RUNNER, TABLE, PROBE, *EMULATOR = sys.argv[1:]
+words = sys.argv[1:]
+CHOSEN = []
+while words[0] == "--only":
+    CHOSEN += ["-k", words[1]]
+    del words[:2]
+RUNNER, TABLE, PROBE, *EMULATOR = words
 WRONG_ENGINE = pathlib.Path(__file__).with_name("wrong_engine.py")
 
 # The classes whose instructions the engine rewrites.
@@ -128,4 +135,4 @@ class Runner(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1], verbosity=2)
+    unittest.main(argv=sys.argv[:1] + CHOSEN, verbosity=2)

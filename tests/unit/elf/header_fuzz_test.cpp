@@ -19,7 +19,7 @@ namespace {
 constexpr int entered_status = 42;
 constexpr unsigned seconds_allowed = 10;  // Of the processor's time; most take a tenth of one.
 constexpr std::uint64_t variants_per_batch = 250;
-constexpr std::uint64_t default_batches = 8;
+constexpr std::uint64_t default_batches = 4;
 constexpr std::uint64_t long_batches = 40;
 
 // Where fields begin and how wide they are, in the header and in a program header.

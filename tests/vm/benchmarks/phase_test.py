@@ -1,13 +1,14 @@
 """The benchmarks phase of the built tool, alone: a file with nothing but roofs, and then the same phase on a file that
 holds regions.
 
-  phase_test.py CEILMETER
+  phase_test.py CEILMETER CEILMETER_WITH_SHORT_ROOFS
 """
 import json
 import subprocess
 import sys
 import unittest
 
+SHORT_TOOL = sys.argv.pop()
 TOOL = sys.argv.pop()
 
 # Name, unit and kind of the thirteen roofs, in their order.
@@ -31,8 +32,8 @@ EARLIER = {
                              "64": [{"name": "old", "value": 1, "measure": "GB/s", "is_compute": False}]}}
 
 
-def run_tool(*arguments):
-    return subprocess.run([TOOL, *arguments], capture_output=True, text=True, check=False)
+def run_tool(tool, *arguments):
+    return subprocess.run([tool, *arguments], capture_output=True, text=True, check=False)
 
 
 def kinds(roofs):
@@ -48,7 +49,7 @@ class BenchmarksPhase(unittest.TestCase):
     maxDiff = None
 
     def test_needs_no_application_and_leaves_thirteen_roofs_for_the_count_asked_for(self):
-        run = run_tool("--phase=benchmarks", "--benchmarks_num_threads=2")
+        run = run_tool(TOOL, "--phase=benchmarks", "--benchmarks_num_threads=2")
         self.assertEqual(run.returncode, 0, run.stderr)
         path = "ceilmeter_benchmarks.roofline.json"
         self.assertEqual(run.stdout.count("CEILMETER: Launch benchmarks for measuring roofs"), 1)
@@ -64,7 +65,7 @@ class BenchmarksPhase(unittest.TestCase):
     def test_on_a_file_with_regions_keeps_these_and_replaces_the_roofs_for_their_thread_counts(self):
         with open("earlier.json", "w", encoding="utf-8") as file:
             json.dump(EARLIER, file)
-        run = run_tool("--phase=benchmarks", "-o", "earlier.json")
+        run = run_tool(SHORT_TOOL, "--phase=benchmarks", "-o", "earlier.json")
         self.assertEqual(run.returncode, 0, run.stderr)
         result = load("earlier.json")
         self.assertEqual(result["regions"], EARLIER["regions"])
