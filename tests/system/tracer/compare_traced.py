@@ -1,13 +1,19 @@
 #!/usr/bin/python3
 """Runs each line of lists of programs natively and under the tracer, and compares.
 
-compare_traced.py [--root DIR] [--pattern REGEX] TOOL LIST...
+compare_traced.py [--root DIR] [--pattern REGEX] [--work] [--succeed] TOOL LIST...
 
 The lists are those of the engine's tests: a line is a shell command in which $RUN stands before the programs that are
 meant, $ROOT before the paths of programs, $PROGRAMS for the folder of the project's own programs, $LISTS for the
-list's. Standard output, standard error and status must be the same, but for the tool's own lines, and every traced
-program must leave a result file. With CEILMETER_EMULATOR set, both sides run in that command; --root is the userland
-then.
+list's. Standard output, standard error and status must be the same, but for the tool's own lines. Every traced program
+that ends with a status must leave a result file, and what the files say must agree with itself. With --work at least
+one block must have been counted in all, and with --succeed the native status is 0: a line that stops at a mistake of
+its own compares nothing.
+
+For each line it prints the seconds natively and traced, and the number of result files and of blocks in them.
+
+With CEILMETER_EMULATOR set, both sides run in that command; --root is the userland then. CEILMETER_ENGINE_SECONDS is
+the time after which a line hangs.
 """
 import argparse
 import json
@@ -16,50 +22,61 @@ import pathlib
 import re
 import shlex
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 
-RUN_LIMIT = 600  # A line that takes longer hangs.
-TOOL_LINES = re.compile(rb'CEILMETER: (?:Start collection for|Launch application to do binary instrumentation of'
-                        rb'|Processing all collected data|Result is captured at|Run "ceilview)[^\n]*\n')
-
-
-def run_traced():
-    """compare_traced.py --traced TOOL FOLDER PROGRAM...: this process becomes the tool, which traces the program."""
-    tool, folder, words = sys.argv[2], sys.argv[3], sys.argv[4:]
-    emulator = shlex.split(os.environ.get("CEILMETER_EMULATOR", ""))
-    handle, result = tempfile.mkstemp(dir=folder, suffix=".json")
-    os.close(handle)
-    os.unlink(result)
-    traced = subprocess.run(emulator + [tool, "--phase=bintracer", "-o", result, "--"] + words, stdout=subprocess.PIPE,
-                            check=False)
-    sys.stdout.buffer.write(TOOL_LINES.sub(b"", traced.stdout))
-    sys.stdout.flush()
-    # A process that a signal ends has no exit to finish at, natively and here.
-    if traced.returncode >= 0:
-        try:
-            with open(result, encoding="utf-8") as file:
-                json.load(file)["regions"]["total"]
-        except (OSError, ValueError, KeyError) as error:
-            with open(os.path.join(folder, "without_result"), "a", encoding="utf-8") as file:
-                file.write(f"{shlex.join(words)}: {error!r}\n")
-    return traced.returncode if traced.returncode >= 0 else 128 - traced.returncode
+LIMIT = int(os.environ.get("CEILMETER_ENGINE_SECONDS", "600"))  # A line that takes longer hangs.
 
 
 def run_line(line, run_words, work, environment):
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir()
+    begin = time.monotonic()
     # The outputs go to files. A pipe would end only when all processes that the line has left running have ended.
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
-        try:
-            status = subprocess.run(["sh", "-c", line], cwd=work, stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                                    env={**environment, "RUN": run_words}, timeout=RUN_LIMIT, check=False).returncode
-        except subprocess.TimeoutExpired:
-            status = "timeout"
+        with subprocess.Popen(["sh", "-c", line], cwd=work, stdin=subprocess.DEVNULL, stdout=out, stderr=err,
+                              env={**environment, "RUN": run_words}, start_new_session=True) as shell:
+            try:
+                status = shell.wait(LIMIT)
+            except subprocess.TimeoutExpired:
+                status = "timeout"
+            try:
+                os.killpg(shell.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
         out.seek(0)
         err.seek(0)
-        return {"status": status, "output": out.read(), "error output": err.read()}
+        outcome = {"status": status, "output": out.read(), "error output": err.read()}
+    return outcome, time.monotonic() - begin
+
+
+def check_result(path):
+    """The number of blocks in a result file, which has to agree with itself."""
+    result = json.loads(path.read_text(encoding="utf-8"))
+    total = result["regions"]["total"]
+    flop = result["bb_keys"].index("flop")
+    count = result["bb_keys"].index("count")
+    if not all(block[count] > 0 and block[flop] > 0 for block in total["bbs"]):
+        raise ValueError("a block with work has a count")
+    if total["flop"] != sum(block[flop] * block[count] for block in total["bbs"]):
+        raise ValueError("the operations are the sum over the blocks")
+    return len(total["bbs"])
+
+
+def check_results(folder):
+    """What is wrong with the result files of one line, how many there are, and their blocks. Removes them."""
+    problems, files, blocks = [], 0, 0
+    for path in sorted(folder.iterdir()):
+        try:
+            blocks += check_result(path)
+            files += 1
+        except (OSError, ValueError, KeyError, IndexError, TypeError) as error:
+            problems.append(f"{path.name}: {error!r}")
+        path.unlink()
+    return problems, files, blocks
 
 
 def lines_of(path, pattern):
@@ -68,44 +85,67 @@ def lines_of(path, pattern):
             yield line
 
 
+def compare_line(line, words, work, environment):
+    """Prints how the line went. Whether it was the same, and the number of blocks."""
+    native, native_seconds = run_line(line, words["native"], work, environment)
+    traced, traced_seconds = run_line(line, words["traced"], work, environment)
+    problems = [part for part in native if native[part] != traced[part]]
+    if native["status"] in (126, 127, "timeout"):
+        problems.append("it does not run natively")
+    elif native["status"] != 0 and words["succeed"]:
+        problems.append("it fails natively")
+    faults, files, blocks = check_results(words["results"])
+    problems += faults
+    # A line with nothing to trace would compare the program with itself. One that a signal ends leaves no file.
+    if not problems and files == 0 and native["status"] <= 128:
+        problems.append("nothing was traced")
+    figures = (f"status {native['status']}, {native_seconds:.1f} s, traced {traced_seconds:.1f} s, {files} results, "
+               f"{blocks} blocks")
+    print(f"{'FAIL' if problems else 'ok  '}  [{figures}] {line}{': ' if problems else ''}{', '.join(problems)}")
+    if problems:
+        print(f"    native: {str(native)[:1200]}\n    traced: {str(traced)[:1200]}")
+    sys.stdout.flush()
+    return not problems, blocks
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--root", default="")
     parser.add_argument("--pattern", default="")
+    parser.add_argument("--work", action="store_true")
+    parser.add_argument("--succeed", action="store_true")
     parser.add_argument("tool")
     parser.add_argument("lists", nargs="+")
     options = parser.parse_args()
     tool = pathlib.Path(options.tool).resolve()
+    programs = tool.parent / "tests/programs"
     scratch = pathlib.Path(tempfile.mkdtemp(prefix="traced-"))
     results = scratch / "results"
     results.mkdir()
-    passed = failed = 0
+    # Programs of other users write there as well.
+    scratch.chmod(0o755)
+    results.chmod(0o777)
+    emulator = shlex.split(os.environ.get("CEILMETER_EMULATOR", ""))
+    # Both sides run in it, so that both have the same kind of standard output.
+    relay = emulator + [str(programs / "tracer/without_tool_lines")] + emulator
+    tracing = [str(tool), "--phase=bintracer", "-o", f"{results}/%p.json", "--"]
+    words = {"native": shlex.join(relay), "traced": shlex.join(relay + tracing), "results": results,
+             "succeed": options.succeed}
+    passed = failed = blocks = 0
     try:
         for path in map(pathlib.Path, options.lists):
-            environment = {**os.environ, "PROGRAMS": str(tool.parent / "tests/programs"), "ROOT": options.root,
+            environment = {**os.environ, "PROGRAMS": str(programs), "ROOT": options.root,
                            "LISTS": str(path.resolve().parent)}
-            traced_words = shlex.join([sys.executable, os.path.abspath(__file__), "--traced", str(tool), str(results)])
             for line in lines_of(path, options.pattern):
-                native = run_line(line, os.environ.get("CEILMETER_EMULATOR", ""), scratch / "work", environment)
-                traced = run_line(line, traced_words, scratch / "work", environment)
-                problems = [part for part in native if native[part] != traced[part]]
-                if native["status"] in (126, 127):
-                    problems.append("it does not run natively")
-                missing = results / "without_result"
-                if missing.exists():
-                    problems.append("no result file: " + missing.read_text(encoding="utf-8"))
-                    missing.unlink()
-                passed += not problems
-                failed += bool(problems)
-                print(f"{'FAIL' if problems else 'ok  '}  {line}{': ' if problems else ''}{', '.join(problems)}")
-                if problems:
-                    print(f"    native: {str(native)[:1200]}\n    traced: {str(traced)[:1200]}")
-                sys.stdout.flush()
+                same, more = compare_line(line, words, scratch / "work", environment)
+                passed += same
+                failed += not same
+                blocks += more
     finally:
         shutil.rmtree(scratch)
-    print(f"{passed} passed, {failed} failed")
-    return 0 if passed and not failed else 1
+    print(f"{passed} passed, {failed} failed, {blocks} blocks")
+    return 0 if passed and not failed and (blocks or not options.work) else 1
 
 
 if __name__ == "__main__":
-    sys.exit(run_traced() if sys.argv[1:2] == ["--traced"] else main())
+    sys.exit(main())
