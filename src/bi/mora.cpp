@@ -211,9 +211,6 @@ void copy_stubs(thread_data* thread) {
   }
 
   thread->hot_counter_stub_addr = stub_copy(thread, hot_counter_stub);
-  auto* slots = reinterpret_cast<std::uint32_t*>(thread->code_cache + stub_offset(hot_counter_slots));
-  constexpr std::uint32_t x2 = 2;
-  a64_load_const(&slots, x2, address_of(thread->exit_counters));
 }
 
 }  // namespace

@@ -37,13 +37,10 @@ inline void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64
   *write = at;
 }
 
-// Loads an address of code or of the engine's records into register `reg`, 0 to 30: ADRP, and ADD of the place in the
-// page where that is not 0, if ADRP reaches the page from *write; else as a64_load_const does. So it takes one or two
-// words in the place of three where the code caches, the records and the application's code lie within 4 GiB, as
-// mappings of the kernel's choice mostly do. The words mean something else in another place: they are not copied.
-inline void a64_load_address(std::uint32_t** write, std::uint32_t reg, std::uint64_t address) {
-  constexpr std::uint32_t ADRP_X0 = 0x90000000;    // adrp x0, .
-  constexpr std::uint32_t ADD_X0_X0 = 0x91000000;  // add x0, x0, #0
+// Loads the address of the 4 KiB that `address` lies in into register `reg`, 0 to 30, by ADRP if it reaches from
+// *write; else `address` itself, as a64_load_const does. Returns what is left to add.
+inline std::uint32_t a64_load_page(std::uint32_t** write, std::uint32_t reg, std::uint64_t address) {
+  constexpr std::uint32_t ADRP_X0 = 0x90000000;  // adrp x0, .
   constexpr int PAGE_BITS = 12;
   constexpr std::int64_t REACH = 1 << 20;  // In pages.
   std::uint32_t* at = *write;
@@ -51,13 +48,22 @@ inline void a64_load_address(std::uint32_t** write, std::uint32_t reg, std::uint
       static_cast<std::int64_t>((address >> PAGE_BITS) - (reinterpret_cast<std::uintptr_t>(at) >> PAGE_BITS));
   if (reg >= XZR || pages < -REACH || pages >= REACH) {
     a64_load_const(write, reg, address);
-    return;
+    return 0;
   }
   const auto bits = static_cast<std::uint32_t>(pages);
   *at++ = ADRP_X0 | (bits & 3) << 29 | (bits >> 2 & 0x7ffff) << 5 | reg;
-  const auto place = static_cast<std::uint32_t>(address & 0xfff);
-  if (place != 0) *at++ = ADD_X0_X0 | place << 10 | reg << 5 | reg;
   *write = at;
+  return static_cast<std::uint32_t>(address & 0xfff);
+}
+
+// Loads an address of code or of the engine's records into register `reg`, 0 to 30: ADRP, and ADD of the place in the
+// page where that is not 0, if ADRP reaches the page from *write; else as a64_load_const does. So it takes one or two
+// words in the place of three where the code caches, the records and the application's code lie within 4 GiB, as
+// mappings of the kernel's choice mostly do. The words mean something else in another place: they are not copied.
+inline void a64_load_address(std::uint32_t** write, std::uint32_t reg, std::uint64_t address) {
+  constexpr std::uint32_t ADD_X0_X0 = 0x91000000;  // add x0, x0, #0
+  const std::uint32_t place = a64_load_page(write, reg, address);
+  if (place != 0) *(*write)++ = ADD_X0_X0 | place << 10 | reg << 5 | reg;
 }
 
 // STP x0, x1, [sp, #-16]!; *write moves past it.

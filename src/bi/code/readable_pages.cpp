@@ -56,14 +56,20 @@ std::uint64_t mapping_state(std::uint64_t address) {
   return of_region + std::atomic_ref(changes_of_all).load(std::memory_order_acquire);
 }
 
+namespace {
+
 // The eight bytes that are asked for must not reach into the next page.
-bool is_page_readable(std::uint64_t address) {
-  if (is_known_readable(address)) return true;
+[[gnu::noinline]] bool ask_of_page(std::uint64_t address) {
   const std::uint64_t asked_at = mapping_state(address);
   if (!is_readable(address & ~std::uint64_t{7})) return false;
   remember_readable(address, asked_at);
   return true;
 }
+
+}  // namespace
+
+// Mostly known, which is found out without a frame.
+bool is_page_readable(std::uint64_t address) { return is_known_readable(address) || ask_of_page(address); }
 
 bool is_known_readable(std::uint64_t address) {
   const std::uint64_t page = address >> PAGE_BITS;

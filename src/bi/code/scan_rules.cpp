@@ -360,12 +360,26 @@ void put_fault(scan_state& state) {
   state.stop = true;
 }
 
+// The stub finds the block's index by the place that it is called from, in the block's first words.
 void put_hot_counter(scan_state& state) {
-  const code_writer code{state.write};
-  code.push(x1, x30);
-  code.load_const(x1, static_cast<std::uint64_t>(state.bb_id));
-  code.bl(state.thread->hot_counter_stub_addr);
-  code.pop(x1, x30);
+  constexpr std::uint32_t push_x1_x30 = 0xa9bf7be1;   // stp x1, x30, [sp, #-16]!
+  constexpr std::uint32_t load_count = 0x3940003e;    // ldrb w30, [x1]
+  constexpr std::uint32_t count_down = 0x510007de;    // sub w30, w30, #1
+  constexpr std::uint32_t store_count = 0x3900003e;   // strb w30, [x1]
+  constexpr std::uint32_t skip_if_cold = 0x3500005e;  // cbnz w30, .+8
+  constexpr std::uint32_t pop_x1_x30 = 0xa8c17be1;    // ldp x1, x30, [sp], #16
+  constexpr int offset_shift = 10;
+  const std::uint64_t counter = address_of(&state.thread->exit_counters[state.bb_id]);
+  std::uint32_t* write = state.write;
+  *write++ = push_x1_x30;
+  const std::uint32_t offset = a64_load_page(&write, x1.number, counter) << offset_shift;
+  *write++ = load_count | offset;
+  *write++ = count_down;
+  *write++ = store_count | offset;
+  *write++ = skip_if_cold;
+  a64_bl(write++, state.thread->hot_counter_stub_addr);
+  *write++ = pop_x1_x30;
+  state.write = write;
 }
 
 const char* mnemonic_of(std::uint32_t word) {

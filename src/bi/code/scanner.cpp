@@ -243,8 +243,10 @@ void scan_word(scan_state& state, int inst) {
         static_cast<void*>(state.write));
   }
   if (!state.stop) reserve_space(state, EXIT_SPACE);
-  mark_inserted_code(state);
-  deliver_scan_event(state, {MORA_POST_INST, inst, !state.stop, nullptr});
+  if (state.is_heard && is_event_bound(MORA_POST_INST)) {  // Otherwise nothing is put here.
+    mark_inserted_code(state);
+    deliver_scan_event(state, {MORA_POST_INST, inst, !state.stop, nullptr});
+  }
   ++state.read;
 }
 
@@ -267,6 +269,7 @@ void deliver_late_start(scan_state& state, const std::uint32_t* first) {
     deliver_start(state, first, false);
     return;
   }
+  mark_inserted_code(state);
   lower_sp(state);
   deliver_start(state, first, true);
   raise_sp(state);

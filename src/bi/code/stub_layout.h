@@ -44,9 +44,6 @@
 /* The whole frame, from q0 to the end of the save area. */
 #define SYSCALL_FRAME_SIZE 0x330
 
-/* Words of hot_counter_stub that init_thread fills with the load of the counters' address. */
-#define HOT_COUNTER_SLOTS 4
-
 #define KERNEL_MASK_SIZE 8 /* bytes of a signal mask */
 
 #define NR_EXIT 0x5d

@@ -129,28 +129,18 @@ dispatcher_leave:
         ldr     x3, [sp, #8]
         b       reentry_window
 
-// hot_counter_stub: called by BL at the head of every block that ends in a direct branch.
-//   x1   bb_meta index of the block; the application's x1 and x30 are on the stack, in this order
+// hot_counter_stub: called by BL from the hot counter at a block's head when the count has come to 0. The block is hot,
+// and create_trace(thread_data, source_index, ret) tells where to go on in its place.
+//   x30  in the block's first 256 bytes; the application's x1 and x30 are on the stack, in this order
 //
-//   Counts the block's byte of exit_counters down. Returns if the byte is not 0. At 0 the block is hot, and
-//   create_trace(thread_data, source_index, ret) tells where to go on in its place.
-//
-//   A hot block's frame is that of dispatcher_entry_stub; `ret` is at DISPATCH_NEXT. On the application's stack x0 and
-//   x1 take the place of x1 and x30.
+//   The frame is that of dispatcher_entry_stub; `ret` is at DISPATCH_NEXT. On the application's stack x0 and x1 take
+//   the place of x1 and x30. The blocks lie at multiples of 256 bytes from the start of this text's copy.
 global_label hot_counter_stub
         stp     x2, x3, [sp, #-16]!
-global_label hot_counter_slots
-        .rept   HOT_COUNTER_SLOTS
-        nop
-        .endr
-        ldrb    w3, [x2, x1]
-        sub     w3, w3, #1
-        strb    w3, [x2, x1]
-        cbz     w3, 1f
-        ldp     x2, x3, [sp], #16
-global_label hot_counter_return
-        ret
-1:      ldp     x2, x30, [sp, #0x10]
+        adr     x1, stub_text
+        sub     x1, x30, x1
+        lsr     x1, x1, #8
+        ldp     x2, x30, [sp, #0x10]
         stp     x0, x2, [sp, #0x10]
         mov     x2, sp
         ldr     x3, word_engine_stack

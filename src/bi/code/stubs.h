@@ -17,8 +17,6 @@ extern const std::uint8_t save_vector_state[];
 extern const std::uint8_t restore_vector_state[];
 extern const std::uint8_t dispatcher_entry_stub[];
 extern const std::uint8_t hot_counter_stub[];
-extern const std::uint8_t hot_counter_slots[];
-extern const std::uint8_t hot_counter_return[];
 extern const std::uint8_t syscall_wrapper[];
 extern const std::uint8_t syscall_restart_window[];
 extern const std::uint8_t syscall_call_window[];

@@ -65,6 +65,13 @@ void set_bits(std::uint64_t& word, std::uint64_t bits) {
   if ((~marks.load(std::memory_order_acquire) & bits) != 0) marks.fetch_or(bits, std::memory_order_acq_rel);
 }
 
+// Marks a line of the page `index` of the leaf. Apart from the look at a mark that is there, which needs no frame then.
+[[gnu::noinline]] void set_line(translated_leaf& leaf, std::uint64_t index, std::uint64_t line_bit) {
+  set_bits(leaf.ever[index / 64], std::uint64_t{1} << index % 64);
+  set_bits(leaf.lines[index], line_bit);
+  std::atomic_thread_fence(std::memory_order_seq_cst);  // As in mark_translated.
+}
+
 }  // namespace
 
 translated_record translated;
@@ -103,8 +110,12 @@ void mark_translated_line(std::uint64_t line) {
     return;
   }
   const std::uint64_t index = page_index(line);
-  set_bits(leaf->ever[index / 64], std::uint64_t{1} << index % 64);
-  set_bits(leaf->lines[index], std::uint64_t{1} << (line >> LINE_BITS) % 64);
+  const std::uint64_t line_bit = std::uint64_t{1} << (line >> LINE_BITS) % 64;
+  // Acquire, as in set_bits. The page's bit was set before the line's, and is never cleared.
+  if ((std::atomic_ref(leaf->lines[index]).load(std::memory_order_acquire) & line_bit) == 0) {
+    set_line(*leaf, index, line_bit);
+    return;
+  }
   std::atomic_thread_fence(std::memory_order_seq_cst);  // As in mark_translated.
 }
 

@@ -46,8 +46,18 @@ void maintain_written(written_code& written) {
   written.count = 0;
 }
 
+namespace {
+
+// Apart from the other way, which needs no frame then.
+[[gnu::noinline]] void note_behind_full(written_code& written, const void* begin, const void* end) {
+  maintain_written(written);
+  note_written(written, begin, end);
+}
+
+}  // namespace
+
 void note_written(written_code& written, const void* begin, const void* end) {
-  if (written.count == written_code::MOST) maintain_written(written);
+  if (written.count == written_code::MOST) return note_behind_full(written, begin, end);
   written.ranges[written.count++] = {address_of(begin), address_of(end)};
   if (written.defers == 0) maintain_written(written);
 }

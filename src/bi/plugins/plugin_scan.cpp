@@ -35,8 +35,8 @@ void reserve_space(scan_state& state, std::uint32_t size) {
   a64_reserve_block_space(state.thread, &state.write, &state.limit, size);
 }
 
-// Whether the callback has taken the instruction over. Warns if it has asked for what it may not have.
-bool has_replaced(const mora_context& ctx, bool taken, bool wrote) {
+// Whether the callback has taken the instruction over. Warns if it has asked for what it may not have. Apart: seldom.
+[[gnu::noinline]] bool has_replaced(const mora_context& ctx, bool taken, bool wrote) {
   const bool replaces = ctx.replace != 0;
   if (taken && (wrote || replaces)) {
     log(LEVEL_WARN, "plugin %d added code for overridden instruction (%p)", static_cast<int>(ctx.plugin_id),
@@ -50,28 +50,36 @@ bool has_replaced(const mora_context& ctx, bool taken, bool wrote) {
   return replaces;
 }
 
-// Calls the plug-ins one after the other. Each writes where the one before has stopped.
-bool call_plugins(mora_context& ctx, scan_state& state) {
-  bool taken = false;
-  for (std::uint32_t plugin = 0; plugin < registered_plugins(); ++plugin) {
-    const std::uint64_t callback = engine.plugins[plugin][ctx.event];
-    if (callback == 0) continue;
-    // The scanner may have left less, for instance behind a system call.
-    if (ctx.code_allowed) reserve_space(state, MORA_CALLBACK_SPACE);
-    ctx.plugin_id = plugin;
-    ctx.write_p = state.write;
-    ctx.write_limit = state.limit;
-    ctx.regs_on_entry = ctx.regs_to_pop;
-    ctx.replace = 0;
-    const std::uint32_t* before = ctx.write_p;
-    reinterpret_cast<mora_callback>(callback)(&ctx);
-    if (has_replaced(ctx, taken, ctx.code_allowed && ctx.write_p != before)) taken = true;
-    if (!ctx.code_allowed) continue;  // What was written is dropped: the scan's write pointer stays.
-    if (ctx.regs_to_pop != 0) mora_emit_restore_regs(&ctx, ctx.regs_to_pop);
-    ctx.regs_to_pop = 0;
-    state.write = ctx.write_p;
-    state.limit = ctx.write_limit;
-    reserve_space(state, EXIT_SPACE);
+// Calls the plug-in's callback, if it has one. True if this one or one before has taken the instruction over.
+inline bool call_plugin(mora_context& ctx, scan_state& state, std::uint32_t plugin, bool taken) {
+  const std::uint64_t callback = engine.plugins[plugin][ctx.event];
+  if (callback == 0) return taken;
+  // The scanner may have left less, for instance behind a system call.
+  if (ctx.code_allowed) reserve_space(state, MORA_CALLBACK_SPACE);
+  ctx.plugin_id = plugin;
+  ctx.write_p = state.write;
+  ctx.write_limit = state.limit;
+  ctx.regs_on_entry = ctx.regs_to_pop;
+  ctx.replace = 0;
+  reinterpret_cast<mora_callback>(callback)(&ctx);
+  if (taken || ctx.replace != 0) {
+    const bool wrote = ctx.code_allowed && ctx.write_p != state.write;
+    taken = has_replaced(ctx, taken, wrote) || taken;
+  }
+  if (!ctx.code_allowed) return taken;  // What was written is dropped: the scan's write pointer stays.
+  if (ctx.regs_to_pop != 0) mora_emit_restore_regs(&ctx, ctx.regs_to_pop);
+  ctx.regs_to_pop = 0;
+  state.write = ctx.write_p;
+  state.limit = ctx.write_limit;
+  reserve_space(state, EXIT_SPACE);
+  return taken;
+}
+
+// Calls the plug-ins one after the other. Each writes where the one before has stopped. Mostly there is one.
+inline bool call_plugins(mora_context& ctx, scan_state& state) {
+  bool taken = call_plugin(ctx, state, 0, false);
+  for (std::uint32_t plugin = 1; plugin < registered_plugins(); ++plugin) {
+    taken = call_plugin(ctx, state, plugin, taken);
   }
   return taken;
 }

@@ -116,14 +116,12 @@ bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8
   return pc == address_of(thread->code_cache) + stub_offset(place);
 }
 
-std::uint64_t fragment_place(const thread_data* thread, const mcontext_t& context) {
+std::uint64_t fragment_place(const mcontext_t& context) {
   if (guarded_return_address != 0) return guarded_return_address;
   const std::uint64_t pc = context.pc;
-  const bool counts =
-      is_between(thread, pc, hot_counter_stub, hot_counter_return) || is_stub_point(thread, pc, hot_counter_return);
   const bool calls =
       pc >= address_of(reinterpret_cast<const void*>(guarded_call_stub)) && pc < address_of(guarded_call_stubs_end);
-  return counts || calls ? context.regs[30] : pc;
+  return calls ? context.regs[30] : pc;
 }
 
 bool is_before_syscall(const thread_data* thread, std::uint64_t pc) {

@@ -14,9 +14,9 @@ namespace ceilmeter {
 // At a label of the thread's copy of the stub text.
 bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8_t* place);
 
-// The place in a fragment that the thread stands at, or that it returns to without a look at the held signals: from the
-// counter's stub, or from a plug-in's function.
-std::uint64_t fragment_place(const thread_data* thread, const mcontext_t& context);
+// The place in a fragment that the thread stands at, or that it returns to without a look at the held signals: from a
+// plug-in's function.
+std::uint64_t fragment_place(const mcontext_t& context);
 
 // Between the last look at the held signals and a system call that has not been made. A call that does not return is
 // not covered: only calls that do return set the thread's status.

@@ -172,7 +172,7 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
 
 // Another thread has dropped code. This one goes on to the end of its basic block, and from there to the engine.
 void trap_next_exit(thread_data* thread, const mcontext_t& context) {
-  const std::uint64_t place = fragment_place(thread, context);
+  const std::uint64_t place = fragment_place(context);
   if (!is_code_address(thread, place)) return;
   if (const std::int32_t id = exit_owner(thread, place); id >= 0) trap_fragment_exit(thread, id, place);
 }
@@ -274,7 +274,7 @@ void dispatch(thread_data* thread, arrival& signal) {
     return;
   }
   if (restore_application_context(thread, context, &signal.mask)) return run_handler(thread, signal);
-  const std::uint64_t place = fragment_place(thread, context);
+  const std::uint64_t place = fragment_place(context);
   if (is_code_address(thread, place)) {
     const std::int32_t id = exit_owner(thread, place);
     const bool in_exit = id >= 0 && place >= address_of(thread->metas[id].exit_code_addr);

@@ -58,8 +58,15 @@ word_list engine_test::written(const std::uint32_t* place,
 
 word_list engine_test::counter_code(std::int32_t bb_id) const {
   return written(block(bb_id) + 1, [&](std::uint32_t** write) {
+    constexpr std::uint32_t x30 = 30;
     *(*write)++ = PUSH_X1_X30;
-    a64_load_const(write, 1, static_cast<std::uint64_t>(bb_id));
+    const std::uint64_t counter = address_of(&thread->exit_counters[bb_id]);
+    const auto offset = a64_load_page(write, 1, counter);
+    a64_ldr_str_unsigned((*write)++, 0, 0, 1, offset, 1, x30);
+    a64_add_sub_imm((*write)++, 0, 1, 0, 0, 1, x30, x30);
+    a64_ldr_str_unsigned((*write)++, 0, 0, 0, offset, 1, x30);
+    a64_cbnz_helper(*write, address_of(*write + 2), 0, x30);
+    ++*write;
     a64_bl((*write)++, thread->hot_counter_stub_addr);
     *(*write)++ = POP_X1_X30;
   });

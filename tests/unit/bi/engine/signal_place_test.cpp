@@ -108,12 +108,21 @@ TEST_F(signal_place, one_between_the_look_at_the_count_and_a_system_call_makes_t
   }
 }
 
-TEST_F(signal_place, one_in_the_counter_of_a_block_traps_the_exit_that_the_counter_returns_to) {
+TEST_F(signal_place, one_in_the_counter_of_a_block_traps_the_blocks_exit) {
   const std::int32_t id = scan_block(loop_to_itself);
   dispatched(address_of(loop_to_itself), id);
-  context().regs[30] = address_of(block(id) + 4);
-  EXPECT_EQ(arrive(SIGUSR1, stub(hot_counter_stub) + 8), 0u);
+  EXPECT_EQ(arrive(SIGUSR1, block(id) + 4), 0u);
   EXPECT_EQ(*meta(id).exit_code_addr, HVC_149);
+}
+
+TEST_F(signal_place, one_on_the_way_of_a_hot_block_into_the_engine_is_counted) {
+  const std::int32_t id = scan_block(loop_to_itself);
+  dispatched(address_of(loop_to_itself), id);
+  const std::uint32_t exit = *meta(id).exit_code_addr;
+  context().regs[30] = address_of(block(id) + 8);
+  EXPECT_EQ(arrive(SIGUSR1, stub(hot_counter_stub) + 8), 0u);
+  EXPECT_EQ(*meta(id).exit_code_addr, exit);
+  EXPECT_EQ(thread->pending_signals[SIGUSR1], 1);
 }
 
 }  // namespace
