@@ -199,7 +199,7 @@ bool restore_application_context(thread_data* thread, mcontext_t& context, std::
     leave_reentry_stub(thread, context);
     return true;
   }
-  const bool returns = is_stub_point(thread, context.pc, syscall_return_point);
+  const bool returns = is_behind_syscall(thread, context.pc);
   if (!returns && !is_before_syscall(thread, context.pc)) return false;
   if (returns) {
     find_mask_of_call(thread, context, mask);
