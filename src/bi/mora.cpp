@@ -22,6 +22,7 @@
 #include "bi/engine_switches.h"
 #include "bi/plugins/function_watch.h"
 #include "bi/kernel/pages.h"
+#include "bi/kernel/quick_calls.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scanner.h"
 #include "bi/signals/ending_signals.h"
@@ -117,6 +118,7 @@ int mora_run(int argc, char** argv, char** envp) {
   }
   use_one_heap();
   read_engine_switches();
+  allow_quick_calls();
   engine.argc = argc;
   engine.argv = argv;
   owned_lock_init(&engine.thread_list_lock);
@@ -200,6 +202,7 @@ void copy_stubs(thread_data* thread) {
   set_stub_word(thread, word_pending_signal_count, &thread->pending_signal_count);
   set_stub_word(thread, word_raised_signal, &thread->held.saved_x3);
   set_stub_word(thread, word_thread_data, thread);
+  set_stub_word(thread, word_engine, &engine);
   log(LEVEL_TRACE, "*thread_data in dispatcher at: %p",
       static_cast<void*>(thread->code_cache + stub_offset(word_thread_data)));
 

@@ -166,9 +166,15 @@ struct hosted_words {
 // fields.
 struct thread_data {
   thread_data* next;
-  std::int32_t status;       // A thread_status. Written by its thread, read by mora_terminate: relaxed atomics.
-  std::int32_t next_block;   // Next free index of the basic-block area.
-  std::uint32_t flush_seen;  // Set by every flush, cleared at each entry into the dispatcher or a call.
+  // The five fields that a system call by the short way looks at, see THREAD_* in stub_layout.h. The stub text clears
+  // the first two by one store.
+  std::int32_t status;         // A thread_status. Written by its thread, read by mora_terminate: relaxed atomics.
+  std::uint32_t runs_call;     // See code_epoch.h: it handles a system call, and looks at the epoch afterwards.
+  std::uint32_t visit_wanted;  // The same. Not 0: a signal is or was sent to it that makes it look.
+  std::int32_t pending_signal_count;   // The sum of pending_signals; every way back into the cache looks at it.
+  std::uint64_t code_epoch;            // The epoch up to which this thread has dropped what others have dropped.
+  std::int32_t next_block;             // Next free index of the basic-block area.
+  std::uint32_t flush_seen;            // Set by every flush, cleared at each entry into the dispatcher or a call.
   std::uint64_t dispatcher_stub_addr;  // Cache addresses of this thread's copies of stubs.
   std::uint64_t syscall_wrapper_addr;
   std::uint8_t* code_cache;
@@ -176,10 +182,7 @@ struct thread_data {
   // A new thread has not moved its stack pointer from this address yet; 0: it has. See keeps_below_sp.
   std::uint64_t untouched_sp;
   // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
-  std::uint64_t code_epoch;          // The epoch up to which this thread has dropped what others have dropped.
   std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
-  std::uint32_t runs_call;           // It handles a system call, and looks at the epoch afterwards.
-  std::uint32_t visit_wanted;        // Not 0: a signal is being sent to it, or has been, that makes it look.
   std::uint32_t replaced_argument;   // The number, counted from 1, of the one that the kernel gets another of; 0: none.
   std::uint32_t interrupter;         // The timer of a call in a turn, counted from 1, see turns.h; 0: none.
   // For a child in its parent's memory, see kernel/vfork.h. own_actions are its signal actions, unless the call shares
@@ -211,7 +214,6 @@ struct thread_data {
   std::uint64_t clone_flags;  // Of a child beside its running parent.
   hosted_words hosted;
   std::int32_t pending_signals[SIGNAL_COUNT];  // By number; 0: visits that others have asked for (code_epoch.h).
-  std::int32_t pending_signal_count;           // Their sum; the reentry stub reads it on every way back into the cache.
   std::uint64_t engine_sp;                     // Stack pointer at the thread's start, to leave it by.
   robin_map return_watch;                      // For post-function events; without buckets until the first.
   std::uint64_t syscall_args;                  // The first argument of the call, for the post-syscall callback.
@@ -274,11 +276,18 @@ struct thread_data {
   std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
 };
 
+static_assert(offsetof(thread_data, status) == THREAD_STATUS && offsetof(thread_data, runs_call) == THREAD_RUNS_CALL &&
+              THREAD_RUNS_CALL == THREAD_STATUS + 4 && THREAD_STATUS % 8 == 0 &&
+              offsetof(thread_data, visit_wanted) == THREAD_VISIT_WANTED &&
+              offsetof(thread_data, pending_signal_count) == THREAD_PENDING_SIGNAL_COUNT &&
+              offsetof(thread_data, code_epoch) == THREAD_CODE_EPOCH);
 static_assert((offsetof(thread_data, entry_table) + offsetof(sized_hash_table<ENTRY_TABLE_SIZE>, entries)) % 4096 == 0);
 
 // Process-wide state, each part under the lock that is named with it.
 struct engine_globals {
-  std::int32_t argc;  // The application's arguments as given to mora_run.
+  std::uint64_t code_epoch;  // How often code has been dropped: see begun_code_epoch.
+  std::uint32_t exit_flag;   // Set to 1 once, by mora_terminate; read without a lock by every thread.
+  std::int32_t argc;         // The application's arguments as given to mora_run.
   char** argv;
   interval_map exec_ranges;  // Executable ranges, each with a duplicate of its descriptor. Has its own lock.
   std::uint64_t signal_handlers[SIGNAL_COUNT];  // The application's handlers. Under the next lock.
@@ -289,7 +298,6 @@ struct engine_globals {
   thread_data* thread_list;      // Under the next lock.
   thread_data* hosted_children;  // The same, see kernel/hosted_child.h.
   owned_lock thread_list_lock;
-  std::uint32_t exit_flag;  // Set to 1 once, by mora_terminate; read without a lock by every thread.
   std::uint32_t plugin_count;
   std::uint64_t plugins[MAX_PLUGINS][PLUGIN_SLOTS];  // Slots 1 to 18: callbacks by event; 19: the plug-in's data.
   // Plug-ins' code runs with this lock shared. A fork holds it alone, so that the child finds plug-ins' data and the
@@ -308,10 +316,12 @@ struct engine_globals {
   std::int64_t ending_time;    // exit_flag and read after it.
   // How often code has been dropped, and up to which number every thread has followed: see code_epoch.h. Atomics.
   std::uint64_t begun_code_epoch;  // One ahead of code_epoch while a drop is being noted.
-  std::uint64_t code_epoch;
   std::uint64_t settled_code_epoch;
   owned_lock code_epoch_lock;  // Held while a drop is noted. Taken last.
 };
+
+static_assert(offsetof(engine_globals, code_epoch) == ENGINE_CODE_EPOCH &&
+              offsetof(engine_globals, exit_flag) == ENGINE_EXIT_FLAG);
 
 extern engine_globals engine;
 

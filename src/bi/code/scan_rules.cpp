@@ -13,6 +13,7 @@
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scanner.h"
 #include "bi/code/source_map.h"
+#include "bi/code/stubs.h"
 #include "bi/code/translated_pages.h"
 #include "common/log.h"
 
@@ -145,7 +146,9 @@ void rewrite_svc(scan_state& state) {
     code.push(x29, x30);
   }
   code.load_const(x29, address_of(next));
-  code.bl(state.thread->syscall_wrapper_addr);
+  // A new thread's block has another sp than the kernel is to find: the short way of the wrapper is not for it.
+  const std::uint64_t of_new_thread = stub_offset(syscall_of_new_thread) - stub_offset(syscall_wrapper);
+  code.bl(state.thread->syscall_wrapper_addr + (keeps_below_sp(state.thread) ? of_new_thread : 0));
   code.pop(x0, x1);
   mark_inserted_code(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, next});

@@ -44,6 +44,18 @@
 /* The whole frame, from q0 to the end of the save area. */
 #define SYSCALL_FRAME_SIZE 0x330
 
+/* Numbers of system calls below this may be made by the short way; a byte of quick_calls for each says whether. */
+#define QUICK_CALLS_BITS 9
+
+/* Fields of thread_data and of engine_globals that a system call looks at. */
+#define THREAD_STATUS 0x08
+#define THREAD_RUNS_CALL 0x0c
+#define THREAD_VISIT_WANTED 0x10
+#define THREAD_PENDING_SIGNAL_COUNT 0x14
+#define THREAD_CODE_EPOCH 0x18
+#define ENGINE_CODE_EPOCH 0x00
+#define ENGINE_EXIT_FLAG 0x08
+
 #define KERNEL_MASK_SIZE 8 /* bytes of a signal mask */
 
 #define NR_EXIT 0x5d

@@ -167,9 +167,90 @@ global_label hot_counter_stub
         blr     x9
         .endm
 
+// The offset of a word of a system call's save area from where the engine's stack begins.
+#define AREA(word) (word - SYSCALL_AREA_SIZE)
+
 // syscall_wrapper: called by BL from a rewritten SVC.
 //   x29   source address of the next instruction; the application's x29 and x30 are on the stack
 //   x30   cache address of the rest of the block
+//
+//   The short way, for a call that the engine only passes on: quick_calls has a byte for each number that says so. All
+//   other calls go on at syscall_whole. The short way keeps five words of the save area of stub_layout.h, where that
+//   lies on the engine's stack: the two return addresses, x29, x30, and the application's sp. Nothing else is saved:
+//   the kernel keeps all registers but x0, and no code of the engine's runs. The flags are not changed, either. While
+//   the call is in the kernel, every register and sp are the application's, so a signal that comes there has the
+//   context of the application already, but for its pc.
+//
+//   What the two ends do is that of syscall_handler_pre and syscall_handler_post for such a call (enter_call,
+//   come_back), with the same order of accesses.
+global_label syscall_wrapper
+        stp     x0, x1, [sp, #-16]!
+        lsr     w0, w8, #QUICK_CALLS_BITS
+        cbnz    w0, syscall_whole
+        ldr     x1, word_quick_calls
+        ldrb    w0, [x1, w8, uxtw]
+        cbz     w0, syscall_whole
+        ldr     x1, word_engine_stack
+        stp     x30, x29, [x1, #AREA(SYSCALL_CACHE_RETURN)]
+        add     x0, sp, #0x20
+        str     x0, [x1, #AREA(SYSCALL_APP_SP)]
+        ldp     x29, x30, [sp, #0x10]
+        stp     x29, x30, [x1, #AREA(SYSCALL_X29)]
+        ldr     x1, word_thread_data
+        mov     w0, #1
+        str     w0, [x1, #THREAD_RUNS_CALL]
+        dmb     ish // As in enter_call. It also makes the store of the status below a release.
+        ldr     w0, [x1, #THREAD_VISIT_WANTED]
+        cbnz    w0, quick_call_whole
+        mov     w0, #1 // THREAD_IN_SYSCALL
+        str     w0, [x1, #THREAD_STATUS]
+// As at syscall_restart_window: a signal that comes in this window makes the thread look again.
+global_label quick_restart_window
+        ldr     w0, [x1, #THREAD_PENDING_SIGNAL_COUNT]
+        cbnz    w0, quick_call_whole
+// As at syscall_call_window: a signal that comes here, at the SVC included, finds the call not made.
+global_label quick_call_window
+        ldp     x0, x1, [sp], #0x20
+global_label quick_call
+        svc     #0
+global_label quick_return_point
+        stp     x0, x1, [sp, #-16]!
+        ldr     x30, word_thread_data
+        str     xzr, [x30, #THREAD_STATUS] // And THREAD_RUNS_CALL. Aligned, so that readers of either see one store.
+        dmb     ish // Between these stores and the next two loads, as in come_back.
+        ldr     x29, word_engine
+        ldr     x0, [x29, #ENGINE_CODE_EPOCH]
+        ldr     w29, [x29, #ENGINE_EXIT_FLAG]
+        ldr     x1, [x30, #THREAD_CODE_EPOCH]
+        eor     x0, x0, x1
+        orr     x29, x29, x0
+// A signal that comes from here on is counted too late. The thread is then sent to quick_call_visit, by what the save
+// area keeps. That way always comes to the engine.
+global_label quick_look_window
+        ldr     w0, [x30, #THREAD_PENDING_SIGNAL_COUNT]
+        orr     x29, x29, x0
+        ldr     x30, word_engine_stack
+        ldp     x0, x1, [x30, #AREA(SYSCALL_CACHE_RETURN)]
+        cbnz    x29, 1f
+        ldp     x29, x30, [x30, #AREA(SYSCALL_X29)]
+global_label quick_branch
+        br      x0
+1:      ldp     x29, x30, [x30, #AREA(SYSCALL_X29)]
+// The process ends, code was dropped, or signals are held: deliver_pending_signal looks at all three, in this order.
+// The state is that of cache_reentry_stub.
+global_label quick_call_visit
+        stp     x2, x3, [sp, #-16]!
+        b       reentry_visit
+
+// There is something to be done before the call. If it was noted as one that is in the kernel, syscall_handler_pre
+// finds that in the status and leaves it so.
+quick_call_whole:
+        ldr     x1, word_engine_stack
+        ldp     x30, x29, [x1, #AREA(SYSCALL_CACHE_RETURN)]
+        b       syscall_whole
+
+// The whole way. A new thread's block that keeps what lies below sp (keeps_below_sp) comes here straight away, because
+// the kernel is to find another sp than such a block has.
 //
 //   Frame on the engine's stack, from sp up: q0 to q31, then the save area of stub_layout.h (SYSCALL_*): x0 to x21, the
 //   two return addresses, x29, x30, the application's sp; and for clones the rest of its state. SYSCALL_FRAME_SIZE in
@@ -179,8 +260,9 @@ global_label hot_counter_stub
 //   application's sp and calls syscall_handler_post with the same arguments. Leaves to reentry_window. While the call
 //   is in the kernel, x19 holds the flags, x20 FPCR and x21 FPSR. The signal dispatcher finds them there if it has to
 //   take the frame apart at syscall_return_point. An rt_sigreturn does not come back.
-global_label syscall_wrapper
+global_label syscall_of_new_thread
         stp     x0, x1, [sp, #-16]!
+syscall_whole:
         mov     x0, sp
         ldr     x1, word_engine_stack
         sub     sp, x1, #(SYSCALL_AREA_SIZE - SYSCALL_X29)
@@ -270,11 +352,13 @@ global_label cache_reentry_stub
 global_label reentry_window
         ldr     x2, word_pending_signal_count
         ldr     w2, [x2]
-        cbnz    w2, 1f
+        cbnz    w2, reentry_visit
         ldr     x2, [sp], #16
 global_label reentry_branch
         br      x0
-1:      mov     x2, sp
+// Comes to the engine in any case.
+reentry_visit:
+        mov     x2, sp
         ldr     x3, word_engine_stack
         mov     sp, x3
         stp     x29, x30, [sp, #-REENTRY_SIZE]!
@@ -342,7 +426,7 @@ global_label reentry_resume_branch
 3:      ldp     x0, x1, [sp, #REENTRY_NEXT]
         ldr     x2, [sp, #REENTRY_APP_SP]
         mov     sp, x2
-        b       1b
+        b       reentry_visit
 
 // Part of syscall_wrapper, for the clones that the engine makes itself: a thread, and a child in the same memory.
 // Either begins with all of the caller's registers, so those that C++ keeps are added to the save area. Calls
@@ -366,8 +450,8 @@ syscall_with_held_signals:
         sub     w10, w0, #1
         b       syscall_restart_window
 
-// The data words. The first four differ from thread to thread; init_thread fills them in each copy, and the way into
-// the cache fills word_engine_stack.
+// The data words. The first four differ from thread to thread; init_thread fills them, and word_engine, in each copy,
+// and the way into the cache fills word_engine_stack.
         .balign 8
 global_label word_engine_stack
         .xword  0
@@ -377,6 +461,10 @@ global_label word_pending_signal_count
         .xword  0
 global_label word_raised_signal
         .xword  0
+global_label word_engine
+        .xword  0
+word_quick_calls:
+        .xword  quick_calls
 word_dispatcher:
         .xword  dispatcher
 word_syscall_handler_pre:

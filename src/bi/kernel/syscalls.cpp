@@ -115,7 +115,7 @@ bool may_replace_argument(std::uint64_t number) {
   return number < CALL_NUMBERS && (calls_with_replacement[number / 64] >> number % 64 & 1) != 0;
 }
 
-// In the order of the numbers.
+// In the order of the numbers. Whatever has a case here has to be listed in quick_calls.cpp.
 call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_data* thread, std::int64_t* result) {
   if (has_own_descriptors(thread) && is_descriptor_call(number)) return call_action::MAKE;
   switch (number) {
@@ -219,6 +219,8 @@ void finish_handled(std::uint64_t number, std::uint64_t* args, std::uint64_t nex
 
 extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t* args, std::uint64_t next_inst,
                                              thread_data* thread) {
+  // The short way has begun the call, and then found that signals are held: the rest is for syscall_held_signals.
+  if (std::atomic_ref(thread->status).load(std::memory_order_relaxed) == THREAD_IN_SYSCALL) return 1;
   number = low_half(number);
   // The call that ends a thread has its words in the record, see rewrite_svc.
   std::uint64_t& stack_pointer = args[SYSCALL_APP_SP / 8];

@@ -63,13 +63,15 @@ void hold_others_back(thread_data* thread, ucontext_t* ucontext) {
 }
 
 std::uint64_t application_mask(const thread_data* thread) {
+  // Once the flag is set, only this thread's own code clears it.
+  if (is_held_back(thread)) return thread->application_mask;
   // The kernel's first: a signal that strikes behind this line changes it, and then the flag as well.
   const std::uint64_t mask = kernel_mask();
   std::atomic_signal_fence(std::memory_order_seq_cst);
   return is_held_back(thread) ? thread->application_mask : mask;
 }
 
-void hold_all_back(thread_data* thread) { hold_back(thread, ~SIGILL_BIT); }
+void hold_all_back(thread_data* thread, std::uint64_t signals) { hold_back(thread, signals); }
 
 void hold_back_for_turn(thread_data* thread) { hold_back(thread, ~synchronous_signals()); }
 

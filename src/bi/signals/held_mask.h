@@ -20,9 +20,9 @@ void hold_others_back(thread_data* thread, ucontext_t* ucontext);
 // The mask that the application has set. On the thread itself.
 std::uint64_t application_mask(const thread_data* thread);
 
-// Blocks everything but the engine's SIGILL, as if a signal had been counted just now. The application's code does not
-// run with that mask: a fault whose signal is blocked ends the process.
-void hold_all_back(thread_data* thread);
+// Blocks `signals`, which are all of them or all but the engine's SIGILL, as if a signal had been counted just now. The
+// application's code does not run with that mask: a fault whose signal is blocked ends the process.
+void hold_all_back(thread_data* thread, std::uint64_t signals);
 
 // The same, for a piece of the application's code: the signals of faults stay as the application has them.
 void hold_back_for_turn(thread_data* thread);

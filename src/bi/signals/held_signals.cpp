@@ -56,14 +56,17 @@ const siginfo_t* find_held_signal(held_signals& held, int signum) {
   return record == nullptr ? nullptr : &record->info;
 }
 
-void take_held_signal(held_signals& held, int signum, int pid, unsigned uid) {
+bool take_held_record(held_signals& held, int signum) {
   // Only the thread itself empties records, so that the one found stays as it is.
   held_signal* record = longest_waiting(held, signum);
-  if (record != nullptr && claim(*record, order_of(*record))) {
-    std::memcpy(&held.raised, &record->info, sizeof held.raised);
-    release(*record, FREE);
-    return;
-  }
+  if (record == nullptr || !claim(*record, order_of(*record))) return false;
+  std::memcpy(&held.raised, &record->info, sizeof held.raised);
+  release(*record, FREE);
+  return true;
+}
+
+void take_held_signal(held_signals& held, int signum, int pid, unsigned uid) {
+  if (take_held_record(held, signum)) return;
   std::memset(&held.raised, 0, sizeof held.raised);
   held.raised.si_signo = signum;
   held.raised.si_code = SI_TKILL;

@@ -39,8 +39,11 @@ static_assert(offsetof(held_signals, raised) == offsetof(held_signals, saved_x3)
 // Keeps what was sent with a signal. False if no record is free. In a signal handler.
 bool hold_signal(held_signals& held, const siginfo_t& info);
 
-// Moves what was sent with the signal `signum` that has waited longest to `raised`. A signal without a record becomes
-// one of tgkill, sent by this process `pid` of user `uid`. On the thread's own way back into the cache.
+// Moves what was sent with the signal `signum` that has waited longest to `raised`. False if it has no record. On the
+// thread's own way back into the cache.
+bool take_held_record(held_signals& held, int signum);
+
+// The same. A signal without a record becomes one of tgkill, sent by this process `pid` of user `uid`.
 void take_held_signal(held_signals& held, int signum, int pid, unsigned uid);
 
 // What was sent with that signal; null if it has no record. Valid until it is taken.

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <csignal>
 
+#include "bi/kernel/call_mask.h"
 #include "bi/signals/held_mask.h"
 #include "bi/signals/signals.h"
 #include "bi/signals/turns.h"
@@ -32,10 +33,15 @@ void count_one_less(thread_data* thread, int signum) {
   std::atomic_ref(thread->pending_signal_count).fetch_sub(1, std::memory_order_relaxed);
 }
 
+// Nearly every signal has a record, so who the process is is seldom asked.
+void take_counted_signal(thread_data* thread, int signum) {
+  if (!take_held_record(thread->held, signum)) take_held_signal(thread->held, signum, thread->process, getuid());
+  count_one_less(thread, signum);
+}
+
 // Hands the signal to the kernel again, with what was sent with it.
 void queue_again(thread_data* thread, int signum) {
-  take_held_signal(thread->held, signum, getpid(), getuid());
-  count_one_less(thread, signum);
+  take_counted_signal(thread, signum);
   raise_in_kernel(thread);
 }
 
@@ -56,8 +62,9 @@ void give_back_blocked_signals(thread_data* thread) {
 }  // namespace
 
 void raise_in_kernel(const thread_data* thread) {
-  raw_syscall(NR_RT_TGSIGQUEUEINFO, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
-              static_cast<std::uint64_t>(thread->held.raised.si_signo), address_of(&thread->held.raised));
+  raw_syscall(NR_RT_TGSIGQUEUEINFO, static_cast<std::uint64_t>(thread->process),
+              static_cast<std::uint64_t>(thread->tid), static_cast<std::uint64_t>(thread->held.raised.si_signo),
+              address_of(&thread->held.raised));
 }
 
 int find_deliverable_signal(const thread_data* thread) {
@@ -137,12 +144,11 @@ extern "C" std::uint64_t deliver_pending_signal(std::uint64_t source, std::uint6
     info[0] = static_cast<std::uint64_t>(judged);
     return 0;
   }
-  hold_all_back(thread);
   if (raises_by_trap(thread)) {
-    take_held_signal(thread->held, signum, getpid(), getuid());
-    count_one_less(thread, signum);
+    hold_all_back(thread, ~SIGILL_BIT);
+    take_counted_signal(thread, signum);
   } else {
-    block_all_signals();
+    hold_all_back(thread, ~std::uint64_t{0});
     queue_again(thread, signum);
   }
   info[0] = SIG_SETMASK;

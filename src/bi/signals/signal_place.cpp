@@ -67,7 +67,8 @@ bool leave_stub_entry(thread_data* thread, mcontext_t& context) {
     context.pc = source_of_cache_address(thread, context.regs[30] - sizeof(std::uint32_t));
     context.regs[1] = pushed[0];
     context.regs[30] = pushed[1];
-  } else if (is_stub_point(thread, context.pc, syscall_wrapper)) {
+  } else if (is_stub_point(thread, context.pc, syscall_wrapper) ||
+             is_stub_point(thread, context.pc, syscall_of_new_thread)) {
     context.pc = context.regs[29] - sizeof(std::uint32_t);
     context.regs[29] = pushed[0];
     context.regs[30] = pushed[1];
@@ -125,6 +126,7 @@ std::uint64_t fragment_place(const mcontext_t& context) {
 }
 
 bool is_before_syscall(const thread_data* thread, std::uint64_t pc) {
+  if (is_between(thread, pc, quick_call_window, quick_return_point)) return true;
   return is_between(thread, pc, syscall_call_window, syscall_return_point) &&
          std::atomic_ref(const_cast<thread_data*>(thread)->status).load(std::memory_order_relaxed) == THREAD_IN_SYSCALL;
 }
@@ -144,6 +146,15 @@ void look_again(const thread_data* thread, mcontext_t& context) {
     context.pc = base + stub_offset(reentry_window);
   } else if (is_between(thread, pc, syscall_restart_window, syscall_call_window)) {
     context.pc = base + stub_offset(syscall_restart_window);
+  } else if (is_between(thread, pc, quick_restart_window, quick_call_window)) {
+    context.pc = base + stub_offset(quick_restart_window);
+  } else if (is_between(thread, pc, quick_look_window, quick_branch) || is_stub_point(thread, pc, quick_branch)) {
+    const std::uint64_t* area = save_area(thread);
+    context.regs[0] = area[SYSCALL_CACHE_RETURN / 8];
+    context.regs[1] = area[SYSCALL_NEXT_SOURCE / 8];
+    context.regs[29] = area[SYSCALL_X29 / 8];
+    context.regs[30] = area[SYSCALL_X30 / 8];
+    context.pc = base + stub_offset(quick_call_visit);
   }
 }
 
@@ -158,7 +169,32 @@ void leave_reentry_stub(const thread_data* thread, mcontext_t& context) {
   context.sp += STUB_APP_FRAME_SIZE + kept_below_sp(thread);
 }
 
+namespace {
+
+// Where the short way has the call in the kernel: all registers are the application's.
+bool is_at_quick_call(const thread_data* thread, std::uint64_t pc) {
+  return is_between(thread, pc, quick_call_window, quick_return_point) || is_stub_point(thread, pc, quick_return_point);
+}
+
+void leave_quick_call(const thread_data* thread, mcontext_t& context) {
+  const std::uint64_t* area = save_area(thread);
+  if (is_stub_point(thread, context.pc, quick_call_window)) {  // Except here.
+    const auto* pushed = reinterpret_cast<const std::uint64_t*>(context.sp);
+    context.regs[0] = pushed[0];
+    context.regs[1] = pushed[1];
+  }
+  context.pc = area[SYSCALL_NEXT_SOURCE / 8];
+  context.sp = area[SYSCALL_APP_SP / 8];
+}
+
+}  // namespace
+
+bool is_behind_syscall(const thread_data* thread, std::uint64_t pc) {
+  return is_stub_point(thread, pc, syscall_return_point) || is_stub_point(thread, pc, quick_return_point);
+}
+
 void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
+  if (is_at_quick_call(thread, context.pc)) return leave_quick_call(thread, context);
   restore_argument(thread, reinterpret_cast<std::uint64_t*>(context.regs), 1);  // The call's result is in x0.
   const std::uint64_t* area = save_area(thread);
   const std::uint64_t flags = context.regs[19];
@@ -178,15 +214,19 @@ void leave_syscall_wrapper(thread_data* thread, mcontext_t& context) {
 }
 
 void find_mask_of_call(const thread_data* thread, const mcontext_t& context, std::uint64_t* mask) {
+  // No call of the short way brings a mask.
+  if (!is_stub_point(thread, context.pc, syscall_return_point)) return;
   if (static_cast<std::int64_t>(context.regs[0]) != -EINTR) return;
   const std::uint64_t* area = save_area(thread);
   read_mask_of_call(area[SYSCALL_X8 / 8], area, mask);
 }
 
 void undo_syscall(thread_data* thread, mcontext_t& context) {
-  std::uint64_t* area = save_area(thread);
-  restore_argument(thread, area, 0);
-  for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
+  if (!is_at_quick_call(thread, context.pc)) {
+    std::uint64_t* area = save_area(thread);
+    restore_argument(thread, area, 0);
+    for (std::uint32_t reg = 0; reg <= 8; ++reg) context.regs[reg] = area[reg];
+  }
   leave_syscall_wrapper(thread, context);
   context.pc -= sizeof(std::uint32_t);
 }

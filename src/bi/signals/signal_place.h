@@ -22,6 +22,9 @@ std::uint64_t fragment_place(const mcontext_t& context);
 // not covered: only calls that do return set the thread's status.
 bool is_before_syscall(const thread_data* thread, std::uint64_t pc);
 
+// At the first word behind a system call, by either way of the wrapper.
+bool is_behind_syscall(const thread_data* thread, std::uint64_t pc);
+
 // Sends a thread that has read the count of held signals, and has not acted on it, back to the read. Otherwise the
 // signal that has come now would wait until the thread next reads the count, which may be never. Signals that came
 // earlier are still raised first.

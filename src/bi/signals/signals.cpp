@@ -54,10 +54,10 @@ struct arrival {
 // other.
 bool is_fault(int signum, const siginfo_t* info) { return is_synchronous(signum) && info->si_code > 0; }
 
-// In place of the call that the trap stands for. The kernel delivers the signal when it restores the context with the
-// application's mask, at the word behind the trap.
+// In place of the call that the trap stands for. The signal becomes pending while all are blocked, as they are in every
+// handler of the engine's. The kernel delivers it when it restores the context with the application's mask, at the word
+// behind the trap.
 void raise_at_return(const thread_data* thread, ucontext_t* ucontext) {
-  block_all_signals();
   raise_in_kernel(thread);
   std::memcpy(&ucontext->uc_sigmask, &thread->application_mask, sizeof thread->application_mask);
   ucontext->uc_mcontext.pc += sizeof(std::uint32_t);
@@ -199,7 +199,7 @@ bool restore_application_context(thread_data* thread, mcontext_t& context, std::
     leave_reentry_stub(thread, context);
     return true;
   }
-  const bool returns = is_stub_point(thread, context.pc, syscall_return_point);
+  const bool returns = is_behind_syscall(thread, context.pc);
   if (!returns && !is_before_syscall(thread, context.pc)) return false;
   if (returns) {
     find_mask_of_call(thread, context, mask);

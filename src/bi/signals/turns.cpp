@@ -60,10 +60,10 @@ bool is_delivered_again(thread_data* thread, int signum, const application_place
 
 // Whether the signal is from a timer, the kernel or another process, and has no queue. The program cannot know when
 // such a signal comes. If it comes twice, the second one was sent after the first was delivered.
-bool comes_by_itself(const siginfo_t& sent) {
+bool comes_by_itself(const thread_data* thread, const siginfo_t& sent) {
   if (sent.si_signo >= FIRST_QUEUED_SIGNAL) return false;
   const bool has_sender = sent.si_code == SI_USER || sent.si_code == SI_QUEUE || sent.si_code == SI_TKILL;
-  return has_sender ? sent.si_pid != getpid() : sent.si_code == SI_TIMER || sent.si_code == SI_KERNEL;
+  return has_sender ? sent.si_pid != thread->process : sent.si_code == SI_TIMER || sent.si_code == SI_KERNEL;
 }
 
 }  // namespace
@@ -85,7 +85,8 @@ bool give_turn(thread_data* thread, int signum, const siginfo_t* sent, const app
     return false;
   }
   thread->handler_return = 0;
-  const bool comes_again = is_delivered_again(thread, signum, place) && sent != nullptr && comes_by_itself(*sent);
+  const bool comes_again =
+      is_delivered_again(thread, signum, place) && sent != nullptr && comes_by_itself(thread, *sent);
   if (!comes_again && thread->deliveries_in_place < WITHOUT_A_TURN) {
     ++thread->deliveries_in_place;
     return false;

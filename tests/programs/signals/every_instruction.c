@@ -1,13 +1,15 @@
 // Delivers signals at one instruction after another of a program, stubs and engine included:
 //   every_instruction ONE|NESTED STEPS STRIDE [ENGINE] stepped_target
+//   every_instruction CALL STEPS STRIDE [ENGINE] stepped_target
 //   every_instruction EACH STEPS STRIDE [ENGINE] PROGRAM [ARGUMENT]
 // ONE: after its getppid the program goes into a loop that only a signal ends. Single steps find the places of its
 // first STEPS instructions. Then a breakpoint stops the program at every STRIDE-th of these places, and it is sent its
 // signal there. NESTED: the program is sent one signal in the loop, and a second one at the places that it passes from
-// the arrival of the first on. EACH: for a program that does the same each time but does not pass the same places. It
-// is stepped to its STRIDE-th instruction after the getppid, twice as far the next time, and so on up to STEPS, and is
-// sent its signal there. A lost signal shows as a hang. With EVERY_INSTRUCTION_TELLS in the environment the program
-// prints the number of places.
+// the arrival of the first on. CALL: in place of the loop the program reads what only its handler writes, and the
+// places are those between the two calls, with the second one's own. EACH: for a program that does the same each time
+// but does not pass the same places. It is stepped to its STRIDE-th instruction after the getppid, twice as far the
+// next time, and so on up to STEPS, and is sent its signal there. A lost signal shows as a hang. With
+// EVERY_INSTRUCTION_TELLS in the environment the program prints the number of places.
 #include <elf.h>
 #include <errno.h>
 #include <sched.h>
@@ -23,7 +25,8 @@
 #include "syscalls/check.h"
 
 enum { WARM_UP = 8, GUARD_SECONDS = 100, SYSCALL_STOP = SIGTRAP | 0x80, MOST = 20000 };
-static const unsigned BREAKPOINT = 0xd4200000;  // brk #0
+static const unsigned BREAKPOINT = 0xd4200000;   // brk #0
+static const unsigned SYSTEM_CALL = 0xd4000001;  // svc #0
 
 struct place {
   unsigned long address;
@@ -134,11 +137,13 @@ static int is_known(unsigned long address) {
   return 0;
 }
 
-static int learn(int steps, int stop) {
+static int learn(int steps, int up_to_call, int stop) {
   for (int index = 0; index < steps && place_count < MOST; ++index) {
     stop = go_on(PTRACE_SINGLESTEP, stop);
     const unsigned long pc = registers().pc;
-    if (!is_known(pc)) places[place_count++] = (struct place){pc, word_at(pc)};
+    const unsigned word = word_at(pc);
+    if (!is_known(pc)) places[place_count++] = (struct place){pc, word};
+    if (up_to_call && word == SYSTEM_CALL) break;
   }
   return stop;
 }
@@ -207,12 +212,13 @@ int main(int argc, char** argv) {
   CHECK(argc > 4);
   const int each = strcmp(argv[1], "EACH") == 0;
   const int nested = strcmp(argv[1], "NESTED") == 0;
+  const int call = strcmp(argv[1], "CALL") == 0;
   const int steps = atoi(argv[2]);
   const int stride = atoi(argv[3]);
   char* words[8] = {0};
   int count = 0;
   for (int index = 4; index < argc && count < 6; ++index) words[count++] = argv[index];
-  if (!each) words[count] = nested ? "1" : "0";
+  if (!each) words[count] = call ? "2" : nested ? "1" : "0";
   start_child(words);
   int stop = SIGTRAP;
   if (each) {
@@ -227,10 +233,10 @@ int main(int argc, char** argv) {
     if (nested) {
       send_first();
       stop = SIGUSR1;
-      if (round == WARM_UP) stop = learn(steps, stop);
+      if (round == WARM_UP) stop = learn(steps, call, stop);
       CHECK(kill(child, SIGUSR2) == 0);
     } else {
-      if (round == WARM_UP) stop = learn(steps, stop);
+      if (round == WARM_UP) stop = learn(steps, call, stop);
       CHECK(kill(child, SIGUSR1) == 0);
     }
   }

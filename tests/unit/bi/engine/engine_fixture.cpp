@@ -26,6 +26,7 @@ engine_test::engine_test() {
   robin_map_init(&engine.function_watches, 264);
   if (!allocate_thread_data(&thread)) throw std::bad_alloc();
   current_thread = thread;
+  thread->process = getpid();
   init_thread(thread);
   thread->tid = gettid();
 }

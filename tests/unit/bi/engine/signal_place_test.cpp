@@ -108,6 +108,49 @@ TEST_F(signal_place, one_between_the_look_at_the_count_and_a_system_call_makes_t
   }
 }
 
+// The area of a call by the short way, and the application's x0 and x1 where the wrapper has pushed them.
+TEST_F(signal_place, one_in_a_call_by_the_short_way_finds_the_application_at_its_call_or_behind_it) {
+  engine.signal_handlers[SIGUSR1] = address_of(one_ret);
+  for (const std::uint8_t* word = quick_call_window; word <= quick_return_point; word += 4) {
+    const std::uint64_t* area = engine_syscall_frame() + STUB_SIMD_REGS_SIZE / 8;
+    std::uint64_t pushed[] = {0xa0, 0xa1};
+    for (std::uint64_t reg = 0; reg <= 30; ++reg) context().regs[reg] = 0x100 + reg;
+    context().sp = word == quick_call_window ? address_of(pushed) : area[26];
+    context().pstate = 0xa0000000;
+    thread->status = THREAD_IN_SYSCALL;
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), address_of(one_ret));
+    EXPECT_EQ(context().pc, word == quick_return_point ? area[23] : area[23] - 4);
+    EXPECT_EQ(context().sp, area[26]);
+    EXPECT_EQ(context().pstate, 0xa0000000u);
+    EXPECT_EQ(context().regs[0], word == quick_call_window ? 0xa0u : 0x100u);
+    EXPECT_EQ(context().regs[1], word == quick_call_window ? 0xa1u : 0x101u);
+    for (std::uint64_t reg = 2; reg <= 30; ++reg) EXPECT_EQ(context().regs[reg], 0x100 + reg);
+    EXPECT_EQ(thread->status, THREAD_RUNNING);
+    EXPECT_EQ(thread->runs_call, 0u);
+  }
+}
+
+TEST_F(signal_place, one_before_a_call_by_the_short_way_makes_the_thread_look_again) {
+  for (const std::uint8_t* word = quick_restart_window; word < quick_call_window; word += 4) {
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
+    EXPECT_EQ(context().pc, address_of(stub(quick_restart_window)));
+  }
+}
+
+TEST_F(signal_place, one_behind_the_look_of_the_short_way_leads_to_the_engine) {
+  for (const std::uint8_t* word = quick_look_window; word <= quick_branch; word += 4) {
+    const std::uint64_t* area = engine_syscall_frame() + STUB_SIMD_REGS_SIZE / 8;
+    const std::uint64_t sp = context().sp;
+    EXPECT_EQ(arrive(SIGUSR1, stub(word)), 0u);
+    EXPECT_EQ(context().pc, address_of(stub(quick_call_visit)));
+    EXPECT_EQ(context().regs[0], area[22]);
+    EXPECT_EQ(context().regs[1], area[23]);
+    EXPECT_EQ(context().regs[29], area[24]);
+    EXPECT_EQ(context().regs[30], area[25]);
+    EXPECT_EQ(context().sp, sp);
+  }
+}
+
 TEST_F(signal_place, one_in_the_counter_of_a_block_traps_the_blocks_exit) {
   const std::int32_t id = scan_block(loop_to_itself);
   dispatched(address_of(loop_to_itself), id);

@@ -6,9 +6,11 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
+#include "bi/kernel/quick_calls.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/code/stubs.h"
 #include "bi/code/translated_pages.h"
@@ -22,6 +24,51 @@ using syscall_handlers = syscalls_test;
 TEST_F(syscall_handlers, a_call_that_the_engine_does_not_know_is_made_as_it_is) {
   expect_made(SYS_write, {1, 2, 3, 4, 5, 6});
   for (std::uint64_t index = 0; index < 6; ++index) EXPECT_EQ(args[index], index + 1);
+}
+
+// The handlers of all others would be missed out.
+TEST_F(syscall_handlers, every_call_of_the_short_way_is_one_that_is_only_passed_on) {
+  closed_standard_files = 7;
+  int quick = 0;
+  for (std::uint64_t number = 0; number < QUICK_CALL_NUMBERS; ++number) {
+    if (!is_passed_on(number)) continue;
+    ++quick;
+    SCOPED_TRACE(number);
+    expect_made(number, {1, 2, 3, 4, 5, 6});
+    for (std::uint64_t index = 0; index < 6; ++index) EXPECT_EQ(args[index], index + 1);
+    args[0] = 1000000;
+    syscall_handler_post(number, args, next_inst, thread);
+    EXPECT_EQ(args[0], 1000000u);
+    EXPECT_EQ(closed_standard_files, 7u);
+  }
+  closed_standard_files = 0;
+  EXPECT_GT(quick, 400);
+  for (const std::uint64_t number : {SYS_read, SYS_write, SYS_futex, SYS_getpid, SYS_clock_gettime, SYS_madvise}) {
+    EXPECT_TRUE(is_passed_on(number)) << number;
+  }
+}
+
+TEST_F(syscall_handlers, no_call_goes_the_short_way_where_a_plug_in_hears_of_calls) {
+  const std::uint32_t before = engine.plugin_count;
+  engine.plugin_count = 1;
+  std::uint64_t& callback = engine.plugins[0][MORA_POST_SYSCALL];
+  const std::uint64_t kept = callback;
+  callback = 1;
+  allow_quick_calls();
+  EXPECT_EQ(quick_calls[SYS_read], 0);
+  callback = kept;
+  engine.plugin_count = 0;
+  allow_quick_calls();
+  EXPECT_EQ(quick_calls[SYS_read], 1);
+  EXPECT_EQ(quick_calls[SYS_mmap], 0);
+  engine.plugin_count = before;
+}
+
+TEST_F(syscall_handlers, a_call_that_the_short_way_has_begun_is_not_begun_again) {
+  thread->status = THREAD_IN_SYSCALL;
+  EXPECT_EQ(syscall_handler_pre(SYS_read, args, next_inst, thread), 1u);
+  EXPECT_EQ(thread->status, THREAD_IN_SYSCALL);
+  EXPECT_EQ(thread->runs_call, 0u);  // The short way has set it.
 }
 
 TEST_F(syscall_handlers, a_thread_is_running_again_after_the_call) {

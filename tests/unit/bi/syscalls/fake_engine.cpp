@@ -212,6 +212,7 @@ std::uint64_t* syscalls_test::with_args(const std::vector<std::uint64_t>& values
 }
 
 std::int64_t syscalls_test::handled(std::uint64_t number, const std::vector<std::uint64_t>& values) {
+  thread->status = THREAD_RUNNING;  // Whatever call was made before has come back.
   EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 0u)
       << "call " << number << " is to be made";
   EXPECT_EQ(thread->status, THREAD_RUNNING);
@@ -219,6 +220,7 @@ std::int64_t syscalls_test::handled(std::uint64_t number, const std::vector<std:
 }
 
 void syscalls_test::expect_made(std::uint64_t number, const std::vector<std::uint64_t>& values) {
+  thread->status = THREAD_RUNNING;  // Whatever call was made before has come back.
   EXPECT_EQ(syscall_handler_pre(number, with_args(values), next_inst, thread), 1u)
       << "call " << number << " is handled";
   EXPECT_EQ(thread->status, THREAD_IN_SYSCALL);
