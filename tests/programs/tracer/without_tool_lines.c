@@ -1,7 +1,11 @@
 /* without_tool_lines COMMAND...: runs the command with a pipe as its standard output and hands on what comes, but for
    the lines that the tool itself prints. For everyone else it is the command: a signal that it gets goes on to the
-   command, it ends as the command has ended, and descriptors, environment and process group are inherited. If the tool
-   has begun and ended with an exit status, but has not said where its result is, that is told on standard error.
+   command, it ends as the command has ended, and descriptors, environment and process group are inherited.
+
+   If a word of the command ends in /%p.json, where the tool writes its process id, and the command has ended with an
+   exit status without such a file, that is told on standard error. The closing lines would not do: they are lost where
+   the application has closed its standard output. REPLACES_ITSELF in the environment says that the application is known
+   to go on as another program, which is not traced.
 
    A comparison also runs the native side in it, so that both have the same kind of standard output. If standard output
    and error are one file, they become one pipe: the order of what is written stays. */
@@ -21,15 +25,13 @@
 
 static const char line_start[] = "CEILMETER: ";
 static const char* const tool_lines[] = {"Start collection for ", "Launch application to do binary instrumentation of ",
-                                         "Processing all collected data", "Result is captured at ",
-                                         "Run \"ceilview "};
-enum { MARK = sizeof line_start - 1, STARTED = 0, CAPTURED = 3, LONGEST = 16384 };
+                                         "Processing all collected data", "Result is captured at ", "Run \"ceilview "};
+enum { MARK = sizeof line_start - 1, LONGEST = 16384 };
 
 static volatile pid_t child;
 static volatile sig_atomic_t child_ended;
 static char held[LONGEST]; /* What may be a line of the tool's, up to its newline. */
 static size_t held_size;
-static bool seen[sizeof tool_lines / sizeof *tool_lines];
 
 static void hand_on(const char* text, size_t size) {
   while (size > 0) {
@@ -44,7 +46,7 @@ static void hand_on(const char* text, size_t size) {
 static bool is_tool_line(void) {
   for (size_t i = 0; i < sizeof tool_lines / sizeof *tool_lines; ++i) {
     const size_t size = strlen(tool_lines[i]);
-    if (held_size >= MARK + size && memcmp(held + MARK, tool_lines[i], size) == 0) return seen[i] = true;
+    if (held_size >= MARK + size && memcmp(held + MARK, tool_lines[i], size) == 0) return true;
   }
   return false;
 }
@@ -106,6 +108,18 @@ static void catch_signals(void) {
   signal(SIGPIPE, SIG_IGN);
 }
 
+static bool lacks_result(char** words) {
+  static const char name[] = "/%p.json";
+  for (; *words != NULL; ++words) {
+    const size_t size = strlen(*words);
+    if (size < sizeof name || strcmp(*words + size - (sizeof name - 1), name) != 0) continue;
+    char path[4096];
+    snprintf(path, sizeof path, "%.*s/%d.json", (int)(size - (sizeof name - 1)), *words, (int)child);
+    return access(path, F_OK) != 0;
+  }
+  return false;
+}
+
 static int end_as(int status) {
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   const struct rlimit none = {0, 0};
@@ -148,6 +162,8 @@ int main(int argc, char** argv) {
   sigprocmask(SIG_SETMASK, &open_mask, NULL);
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
-  if (WIFEXITED(status) && seen[STARTED] && !seen[CAPTURED]) fprintf(stderr, "no result of %s\n", argv[argc - 1]);
+  if (WIFEXITED(status) && getenv("REPLACES_ITSELF") == NULL && lacks_result(argv)) {
+    fprintf(stderr, "no result of %s\n", argv[argc - 1]);
+  }
   return end_as(status);
 }

@@ -6,9 +6,9 @@ compare_traced.py [--root DIR] [--pattern REGEX] [--work] [--succeed] TOOL LIST.
 The lists are those of the engine's tests: a line is a shell command in which $RUN stands before the programs that are
 meant, $ROOT before the paths of programs, $PROGRAMS for the folder of the project's own programs, $LISTS for the
 list's. Standard output, standard error and status must be the same, but for the tool's own lines. Every traced program
-that ends with a status must leave a result file, and what the files say must agree with itself. With --work at least
-one block must have been counted in all, and with --succeed the native status is 0: a line that stops at a mistake of
-its own compares nothing.
+that ends with a status must leave a result file, and what the files say must agree with itself. A line whose program
+goes on as another one, which is not traced, sets REPLACES_ITSELF. With --work at least one block must have been counted
+in all, and with --succeed the native status is 0: a line that stops at a mistake of its own compares nothing.
 
 For each line it prints the seconds natively and traced, and the number of result files and of blocks in them.
 
@@ -97,7 +97,7 @@ def compare_line(line, words, work, environment):
     faults, files, blocks = check_results(words["results"])
     problems += faults
     # A line with nothing to trace would compare the program with itself. One that a signal ends leaves no file.
-    if not problems and files == 0 and native["status"] <= 128:
+    if not problems and files == 0 and native["status"] <= 128 and "REPLACES_ITSELF" not in line:
         problems.append("nothing was traced")
     figures = (f"status {native['status']}, {native_seconds:.1f} s, traced {traced_seconds:.1f} s, {files} results, "
                f"{blocks} blocks")
