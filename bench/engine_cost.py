@@ -9,7 +9,7 @@ Runs each program of a list natively and under the bare engine, and prints what 
   native      instructions of the native run
   engine run  instructions of the run under the engine, and their ratio to the native ones, split into
     cache     rewritten code: the code caches without the stubs at their start; x is its ratio to the native count
-    counters  the stub that counts how often a block runs
+    counters  the stub that a block calls once it is hot; what counts its runs is in "cache"
     switches  the other stubs, which save and restore state on the way into the engine and back
     engine    everything else: the engine's C++ and the libraries that it uses
   start       the part of "engine" that ran before the first rewritten instruction

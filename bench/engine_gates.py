@@ -14,7 +14,7 @@ The figures are instructions, and do not depend on the machine or on what else i
   work       the engine and its stubs after the start, without counters; system calls and the end are included
   blocks     blocks scanned
   per_block  work over blocks
-  counters   the stub that counts how often a block runs
+  counters   the stub that a block calls once it is hot; what counts its runs is in "cache"
   cache      rewritten code
 """
 import argparse

@@ -48,18 +48,22 @@ void maintain_written(written_code& written) {
 
 namespace {
 
+void add_range(written_code& written, const void* begin, const void* end) {
+  written.ranges[written.count++] = {address_of(begin), address_of(end)};
+  if (written.defers == 0) maintain_written(written);
+}
+
 // Apart from the other way, which needs no frame then.
-[[gnu::noinline]] void note_behind_full(written_code& written, const void* begin, const void* end) {
+[[gnu::noinline]] void maintain_and_add(written_code& written, const void* begin, const void* end) {
   maintain_written(written);
-  note_written(written, begin, end);
+  add_range(written, begin, end);
 }
 
 }  // namespace
 
 void note_written(written_code& written, const void* begin, const void* end) {
-  if (written.count == written_code::MOST) return note_behind_full(written, begin, end);
-  written.ranges[written.count++] = {address_of(begin), address_of(end)};
-  if (written.defers == 0) maintain_written(written);
+  if (written.count == written_code::MOST) return maintain_and_add(written, begin, end);
+  add_range(written, begin, end);
 }
 
 }  // namespace ceilmeter
