@@ -10,6 +10,9 @@ namespace ceilmeter {
 
 inline constexpr std::uint64_t QUICK_CALL_NUMBERS = std::uint64_t{1} << QUICK_CALLS_BITS;
 
+// Younger than some C libraries' headers.
+inline constexpr std::uint64_t SYS_CLOSE_RANGE = 436;
+
 // By number: 1 if the call goes the short way. Filled before the application starts, and read by the stub text.
 extern "C" std::uint8_t quick_calls[QUICK_CALL_NUMBERS];
 

@@ -28,6 +28,7 @@
 #include "bi/signals/signal_frame.h"
 #include "bi/signals/signals.h"
 #include "bi/signals/turns.h"
+#include "bi/kernel/quick_calls.h"
 #include "bi/kernel/standard_files.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
@@ -71,8 +72,7 @@ void give_up_descriptors(std::uint32_t first, std::uint32_t last) {
   interval_map_forget_descriptors(&engine.exec_ranges, first, last);
 }
 
-constexpr std::uint64_t SYS_CLOSE_RANGE = 436;  // Younger than some C libraries' headers, and its flag.
-constexpr std::uint64_t CLOSE_ON_EXEC_ONLY = 4;
+constexpr std::uint64_t CLOSE_ON_EXEC_ONLY = 4;  // A flag of close_range, as young as its number.
 
 // The standard descriptors of the range stay open and are noted as closed, as `close` does it. The kernel judges the
 // arguments.

@@ -13,7 +13,7 @@ path thread() { return {}; }
 
 path with_fence(path way, bool fenced, memory_order order) { return fenced ? way.fence(order) : way; }
 
-// code_epoch.cpp leave_call, syscalls.cpp syscall_handler_post | mora.cpp mora_terminate
+// code_epoch.cpp leave_call, syscalls.cpp syscall_handler_post, stubs.S syscall_wrapper | mora.cpp mora_terminate
 // A thread that comes out of a call while the process ends either finds the flag or is found running.
 TEST(protocols, a_thread_that_leaves_a_call_does_not_miss_the_end) {
   enum { STATUS, EXIT_FLAG };
@@ -30,7 +30,7 @@ TEST(protocols, a_thread_that_leaves_a_call_does_not_miss_the_end) {
   EXPECT_TRUE(missed(true, false));
 }
 
-// code_epoch.cpp leave_call, apply_code_epoch | drop_code, settle_code_epoch, is_in_call
+// code_epoch.cpp leave_call, apply_code_epoch, stubs.S syscall_wrapper | drop_code, settle_code_epoch, is_in_call
 // A thread that comes out of a call drops what was dropped meanwhile, or is waited for.
 TEST(protocols, a_thread_that_leaves_a_call_does_not_miss_an_epoch) {
   enum { RUNS_CALL, EPOCH };
@@ -46,7 +46,7 @@ TEST(protocols, a_thread_that_leaves_a_call_does_not_miss_an_epoch) {
   EXPECT_TRUE(missed(SEQ_CST, ACQUIRE));
 }
 
-// code_epoch.cpp enter_call | want_visit
+// code_epoch.cpp enter_call, stubs.S syscall_wrapper | want_visit
 // A thread in the kernel is not signalled: it waits while a visit is wanted, or the wish is taken back.
 TEST(protocols, no_signal_strikes_a_thread_in_a_call) {
   enum { RUNS_CALL, WANTED };
