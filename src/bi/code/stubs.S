@@ -91,6 +91,16 @@ global_label restore_vector_state
         ret
         .arch   armv8-a
 
+// redirect_stub: a signal's context is led here, with all of the application's registers in place and sp as between two
+// blocks. Does what an exit does, to the source address in the thread's redirect_target. The push is made here and not
+// in the context, because it may fault.
+global_label redirect_stub
+        stp     x0, x1, [sp, #-16]!
+        ldr     x0, word_redirect_target
+        ldr     x0, [x0]
+        mov     x1, #0 // No link is made.
+        b       dispatcher_entry_stub
+
 // dispatcher_entry_stub: an exit without a link pushes the application's x0 and x1 and comes here by B.
 //   x0   source address to go to
 //   x1   bb_meta index of the fragment that left, 0 if none
@@ -376,7 +386,7 @@ syscall_with_held_signals:
         sub     w10, w0, #1
         b       syscall_restart_window
 
-// The data words. The first four differ from thread to thread; init_thread fills them in each copy, and the way into
+// The data words. The first five differ from thread to thread; init_thread fills them in each copy, and the way into
 // the cache fills word_engine_stack.
         .balign 8
 global_label word_engine_stack
@@ -386,6 +396,8 @@ global_label word_thread_data
 global_label word_pending_signal_count
         .xword  0
 global_label word_raised_signal
+        .xword  0
+global_label word_redirect_target
         .xword  0
 word_dispatcher:
         .xword  dispatcher

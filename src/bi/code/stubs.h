@@ -35,6 +35,8 @@ extern const std::uint8_t word_engine_stack[];
 extern const std::uint8_t word_thread_data[];
 extern const std::uint8_t word_pending_signal_count[];
 extern const std::uint8_t word_raised_signal[];
+extern const std::uint8_t word_redirect_target[];
+extern const std::uint8_t redirect_stub[];
 
 void signal_entry_stub();
 void guarded_call_stub();
