@@ -201,6 +201,7 @@ void copy_stubs(thread_data* thread) {
   std::memcpy(thread->code_cache, stub_text, stub_offset(stub_text_end));
   set_stub_word(thread, word_pending_signal_count, &thread->pending_signal_count);
   set_stub_word(thread, word_raised_signal, &thread->held.saved_x3);
+  set_stub_word(thread, word_redirect_target, &thread->redirect_target);
   set_stub_word(thread, word_thread_data, thread);
   set_stub_word(thread, word_engine, &engine);
   log(LEVEL_TRACE, "*thread_data in dispatcher at: %p",

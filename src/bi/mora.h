@@ -128,6 +128,16 @@ struct delivery_place {
   std::uint64_t signals;  // Which were delivered there.
 };
 
+// A block that goes on where another one could not, see code/spare_stack.h.
+struct resumed_block {
+  std::uint64_t source;  // Where it goes on; 0: there is none.
+  std::uint64_t first;   // Where the other one began.
+  std::uint64_t entry;   // The code made for it, while it is the one that runs.
+  std::uint32_t counts;  // The other one's start has not been run.
+};
+
+inline constexpr std::uint32_t SPARE_STACK_SIZE = 1024;
+
 enum thread_status : std::int32_t {
   THREAD_RUNNING = 0,     // In application or engine code.
   THREAD_IN_SYSCALL = 1,  // In an application's system call that the engine let through.
@@ -181,6 +191,9 @@ struct thread_data {
   last_call_stack last_call;
   // A new thread has not moved its stack pointer from this address yet; 0: it has. See keeps_below_sp.
   std::uint64_t untouched_sp;
+  // The application's stack pointer while what is added to its code uses spare_stack; 0: it uses the application's. See
+  // code/spare_stack.h.
+  std::uint64_t spare_for_sp;
   // See code_epoch.h. The thread itself writes all but visit_wanted, the others read: atomics.
   std::uint64_t acknowledged_epoch;  // It begins no more blocks from before this one.
   std::uint32_t replaced_argument;   // The number, counted from 1, of the one that the kernel gets another of; 0: none.
@@ -253,7 +266,12 @@ struct thread_data {
   std::uint32_t next_delivery_place;
   std::uint32_t has_turn;  // One block runs, whatever is held.
   std::uint32_t interruptions;
-  written_code written;  // Code that the instruction cache has to hear of before it runs.
+  // Of a thread at the end of its stack.
+  resumed_block resumed;
+  std::uint64_t asked_sp;         // For which stack pointer it was last asked whether there is room,
+  std::uint32_t blocks_at_end;    // and how many blocks have run since.
+  std::uint64_t redirect_target;  // Where redirect_stub is to go.
+  written_code written;           // Code that the instruction cache has to hear of before it runs.
   // What is large stands behind all else: the fields above are reached from the record's address by one instruction.
   bb_meta metas[BB_META_COUNT];
   // Source address to cache address. The slots begin with a page, so that every register branch has their address by
@@ -267,6 +285,7 @@ struct thread_data {
   // The source words of the fragment that is being scanned, and the class of each, see scan_ahead.h.
   std::uint32_t scan_words[SCAN_WORDS];
   std::uint8_t scan_classes[SCAN_WORDS];
+  alignas(16) std::uint8_t spare_stack[SPARE_STACK_SIZE];
   action_table own_action_table;
   held_signals held;  // What was sent with the signals that are counted, see held_signals.h.
   // Fragments by the page of their first source word, see drop_range.h: the first index of each chain, and the next
@@ -394,9 +413,23 @@ inline std::uint64_t engine_stack(const thread_data* thread) { return *engine_st
 inline constexpr std::uint32_t KEPT_BELOW_SP = 512;
 inline bool keeps_below_sp(const thread_data* thread) { return thread->untouched_sp != 0; }
 inline std::uint64_t kept_below_sp(const thread_data* thread) { return keeps_below_sp(thread) ? KEPT_BELOW_SP : 0; }
-inline std::uint64_t new_thread_key(std::uint64_t source) { return source | 1; }
+
+// The same where there is no room below the stack pointer at all, with a stack of the engine's: code/spare_stack.h.
+inline bool uses_spare_stack(const thread_data* thread) { return thread->spare_for_sp != 0; }
+
+// Blocks of either kind.
+inline bool has_own_blocks(const thread_data* thread) { return keeps_below_sp(thread) || uses_spare_stack(thread); }
+
+// Their keys in the entry table. A source address is a multiple of 4, and no code lies at one with a tag.
+inline constexpr std::uint64_t NEW_THREAD_KEY = 1;
+inline constexpr std::uint64_t SPARE_STACK_KEY = 2;
+inline constexpr std::uint64_t RESUMED_KEY = 3;
+inline constexpr std::uint64_t RESUMED_START_KEY = 3 | std::uint64_t{1} << 62;
 inline std::uint64_t block_key(const thread_data* thread, std::uint64_t source) {
-  return keeps_below_sp(thread) ? new_thread_key(source) : source;
+  if (keeps_below_sp(thread)) return source | NEW_THREAD_KEY;
+  if (!uses_spare_stack(thread)) return source;
+  if (thread->resumed.source != source) return source | SPARE_STACK_KEY;
+  return source | (thread->resumed.counts != 0 ? RESUMED_START_KEY : RESUMED_KEY);
 }
 
 // Unmaps a record with its code cache and link pool.

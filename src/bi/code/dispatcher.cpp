@@ -23,6 +23,7 @@
 #include "bi/code/code_words.h"
 #include "bi/code/code_writer.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/spare_stack.h"
 #include "bi/code/stubs.h"
 #include "bi/code/traces.h"
 #include "bi/engine_switches.h"
@@ -88,10 +89,22 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
 // What a lookup pushes at most: x0 and x1, and x2.
 constexpr std::uint32_t PUSHED_BYTES = 32;
 
+void put_lookup_miss(const thread_data* thread, std::int32_t bb_id, code_writer code, x_register target,
+                     bool x2_is_saved) {
+  code.mov(x0, target);
+  code.load_const(x1, static_cast<std::uint64_t>(bb_id));
+  if (x2_is_saved) code.pop(x2);
+  code.b(thread->dispatcher_stub_addr);
+}
+
 // Goes to the fragment of the source address in `target`. x0 and x1 are on the stack, and x2 above them if
 // `x2_is_saved`. Then the target is in x1, and x2 is the second register that the lookup needs; otherwise x1 is.
 void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code, x_register target, bool x2_is_saved) {
   const x_register scratch = x2_is_saved ? x2 : x1;
+  if (uses_spare_stack(thread)) {  // The table has the blocks of everybody.
+    put_lookup_miss(thread, bb_id, code, target, x2_is_saved);
+    return;
+  }
   code.load_address(x0, address_of(thread->entry_table.entries));  // They begin with a page.
 
   // The mask leaves the bits of the address that the table's hash selects, in place.
@@ -112,10 +125,7 @@ void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code
   code.br(x0);
 
   code.bind(miss);
-  code.mov(x0, target);
-  code.load_const(x1, static_cast<std::uint64_t>(bb_id));
-  if (x2_is_saved) code.pop(x2);
-  code.b(thread->dispatcher_stub_addr);
+  put_lookup_miss(thread, bb_id, code, target, x2_is_saved);
 }
 
 std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
@@ -156,6 +166,24 @@ bool still_keeps_below_sp(thread_data* thread, std::uint64_t* next_addr) {
   return false;
 }
 
+// The next block of a thread at the end of its stack. If it has room now, the application's x0 to x3 go to where they
+// lie for any other block.
+std::uint64_t find_block_at_end(thread_data* thread, std::uint64_t target, std::int32_t source_index,
+                                std::uint64_t* next_addr) {
+  thread->resumed.entry = 0;
+  if (thread->resumed.source != target && !still_needs_spare_stack(thread)) {
+    const std::uint64_t frame = thread->spare_for_sp - STUB_APP_FRAME_SIZE;
+    std::memcpy(reinterpret_cast<void*>(frame), reinterpret_cast<const void*>(next_addr[2]), STUB_APP_FRAME_SIZE);
+    next_addr[2] = frame;
+    leave_own_blocks(thread);
+    return find_block(thread, target, source_index);
+  }
+  const std::uint64_t found = find_block(thread, target, source_index);
+  if (thread->resumed.source == target) thread->resumed.entry = found;
+  thread->resumed.source = 0;
+  return found;
+}
+
 // The exit of the block leads to the fragment at `entry`, behind its entry word, from now on.
 void link_exit(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
   if (meta.exit_kind == EXIT_DIRECT) {
@@ -178,6 +206,10 @@ void dispatch(std::uint64_t target, std::int32_t source_index, std::uint64_t* ne
     invalidate_line(thread, without_tag(thread->invalidated_address));
   }
   if (follow_code_epoch(thread)) source_index = 0;  // The fragment that was left may be gone: it gets no link.
+  if (uses_spare_stack(thread)) {
+    *next_addr = find_block_at_end(thread, target, source_index, next_addr);
+    return;
+  }
   if (keeps_below_sp(thread)) {
     const bool keeps = still_keeps_below_sp(thread, next_addr);
     log(LEVEL_TRACE, "a new thread's block, which is not linked; the next one: %d", keeps);
@@ -261,7 +293,10 @@ void a64_branch_authenticated(thread_data* thread, std::int32_t bb_id, std::uint
   if (branch.zero_modifier == 0) {
     // The modifier is copied first: x1 is written below. It must not overwrite the register that x1 is copied from.
     if (branch.target == x2.number) modifier = x0;
-    if (branch.modifier == sp.number) {
+    if (branch.modifier == sp.number && uses_spare_stack(thread)) {
+      code.load_const(modifier, address_of(&thread->spare_for_sp));
+      code.ldr(modifier, at(modifier));
+    } else if (branch.modifier == sp.number) {
       // sp as it was before the exit.
       code.add(modifier, sp, PUSHED_BYTES + static_cast<std::uint32_t>(kept_below_sp(thread)));
     } else if (branch.modifier != modifier.number) {

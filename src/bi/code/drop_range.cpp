@@ -14,6 +14,7 @@
 #include "bi/code/code_words.h"
 #include "bi/code/dispatcher.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/spare_stack.h"
 #include "bi/code/scanner.h"
 #include "bi/code/traces.h"
 #include "bi/plugins/function_watch.h"
@@ -131,8 +132,8 @@ bool drop_trace(thread_data* thread, std::int32_t id) {
 bool drop_block(thread_data* thread, std::int32_t id) {
   const bb_meta& meta = thread->metas[id];
   if (meta.exit_kind == EXIT_STUB_BLOCK) return true;
-  // A new thread's block has a key of its own, which leads to it still. No link and no trace does.
-  if (hash_lookup_entry(thread, meta.source_addr | 1) == meta.cache_entry) {
+  // Its key leads to it still. No link and no trace does.
+  if (has_own_key(thread, meta)) {
     make_stub_block(thread, id, meta.source_addr);
     return true;
   }

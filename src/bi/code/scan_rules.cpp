@@ -9,6 +9,7 @@
 #include "bi/a64/a64.h"
 #include "bi/code/code_epoch.h"
 #include "bi/code/code_writer.h"
+#include "bi/code/spare_stack.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scanner.h"
@@ -71,11 +72,19 @@ void mark_inserted_code(scan_state& state) {
 }
 
 void lower_sp(scan_state& state) {
+  if (state.has_sp) a64_hvc(state.write++, TRAP_LOWER_SP);
+  state.has_sp = false;
   if (keeps_below_sp(state.thread)) code_writer{state.write}.sub(sp, sp, KEPT_BELOW_SP);
 }
 
 void raise_sp(scan_state& state) {
   if (keeps_below_sp(state.thread)) code_writer{state.write}.add(sp, sp, KEPT_BELOW_SP);
+}
+
+void give_sp(scan_state& state) {
+  if (!uses_spare_stack(state.thread) || state.has_sp || !may_use_sp(state.word)) return;
+  a64_hvc(state.write++, TRAP_RAISE_SP);
+  state.has_sp = true;
 }
 
 std::uint64_t branch_target(const std::uint32_t* read, std::uint32_t field, int width) {
@@ -146,9 +155,9 @@ void rewrite_svc(scan_state& state) {
     code.push(x29, x30);
   }
   code.load_const(x29, address_of(next));
-  // A new thread's block has another sp than the kernel is to find: the short way of the wrapper is not for it.
-  const std::uint64_t of_new_thread = stub_offset(syscall_of_new_thread) - stub_offset(syscall_wrapper);
-  code.bl(state.thread->syscall_wrapper_addr + (keeps_below_sp(state.thread) ? of_new_thread : 0));
+  // A block with a key of its own has another sp than the kernel is to find: the short way of the wrapper is not for it.
+  const std::uint64_t whole_way = stub_offset(syscall_of_own_block) - stub_offset(syscall_wrapper);
+  code.bl(state.thread->syscall_wrapper_addr + (has_own_blocks(state.thread) ? whole_way : 0));
   code.pop(x0, x1);
   mark_inserted_code(state);
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, next});
@@ -256,6 +265,37 @@ void rewrite_system_register(scan_state& state) {
   raise_sp(state);
 }
 
+bool may_use_sp(std::uint32_t word) {
+  constexpr std::uint32_t number = 31;
+  const bool first = (word & number) == number;
+  const bool second = (word >> 5 & number) == number;
+  switch (word >> 25 & 0xf) {
+    case 0x8:
+    case 0x9: {  // With immediates: Rd of ADD, SUB, AND, ORR and EOR, which leave the flags, and Rn of the first two.
+      const bool is_logical = (word >> 23 & 7) == 4;
+      const bool is_sum = (word >> 23 & 7) == 2 || (word >> 23 & 7) == 3;
+      const bool sets_flags = is_logical ? (word >> 29 & 3) == 3 : (word >> 29 & 1) != 0;
+      return (is_sum && second) || ((is_sum || is_logical) && first && !sets_flags);
+    }
+    case 0xa:
+    case 0xb:  // Hints, which sign the link register with sp among them. No other branch or system instruction.
+      return (word & 0xfffff01f) == 0xd503201f;
+    case 0x4:
+    case 0x6:
+    case 0xc:
+    case 0xe: return second;  // The base of an access.
+    case 0x5:
+    case 0xd: {  // Of registers. Logical ones, those with a shift and those under a condition have xzr.
+      const bool is_shifted = (word >> 24 & 0x1f) == 0xa || ((word >> 24 & 0x1f) == 0xb && (word >> 21 & 1) == 0);
+      const bool is_conditional = (word & 0x1fe00000) == 0x1a800000 || (word & 0x1fe00000) == 0x1a400000;
+      return !is_shifted && !is_conditional && (first || second);
+    }
+    case 0x7:
+    case 0xf: return false;  // Of vectors alone.
+    default: return true;
+  }
+}
+
 void rewrite_state_switch(scan_state& state) {
   if (starts_streaming(state.word)) refuse_streaming(state);
   code_writer{state.write}.word(state.word);
@@ -357,7 +397,7 @@ void copy_unknown(scan_state& state) {
 
 void put_fault(scan_state& state) {
   const code_writer code{state.write};
-  code.push(x0);  // The handler of the fault gets the application's x0 back from here.
+  code.push(x0);  // sp is still lowered. The handler of the fault gets the application's x0 back from here.
   code.load_const(x0, address_of(state.read));
   code.ldr_w(x0, at(x0));
   state.stop = true;

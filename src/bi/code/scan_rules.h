@@ -10,8 +10,16 @@ namespace ceilmeter {
 
 // Around what is added to a new thread's block (keeps_below_sp): sp is lowered before it, and raised again in front of
 // the application's own words. Nothing is written for any other block.
+//
+// In a block that uses the spare stack, sp is that stack's until a word that may use sp comes up: give_sp writes a trap
+// in front of such a word, lower_sp one behind the last. So no trap, which ends every exclusive access, stands between
+// a load-exclusive and its store-exclusive.
 void lower_sp(scan_state& state);
 void raise_sp(scan_state& state);
+void give_sp(scan_state& state);
+
+// Whether the word, which is copied as it is, reads or writes sp. True of some words that do not.
+bool may_use_sp(std::uint32_t word);
 
 // SVC becomes a call of the system-call stub. The fragment goes on behind it, but for plug-ins a block ends here and
 // another one begins.

@@ -27,6 +27,7 @@ struct scan_state {
   bool starts_behind_store;       // The events of the fragment's start wait for its first store-exclusive.
   std::uint32_t word;             // What was read there. Nobody loads the word again.
   source_window source;           // All that has been read of the fragment.
+  bool has_sp;                    // sp is the application's, of a block that uses the spare stack.
   bool is_heard;                  // Plug-ins are told of this scan's events, see plugins_listen. The thread has
                                   // entered a callback for all of them (mora_enter_callback).
 };

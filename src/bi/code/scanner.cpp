@@ -235,9 +235,14 @@ void scan_word(scan_state& state, int inst) {
   const std::uint32_t* const read = state.read;
   if (engine_logs_traces()) log_word(state, inst);
   mark_source(state.thread, state.write, MARK_SOURCE);
+  const bool lends_sp = uses_spare_stack(state.thread) && hears_of_words(state);
+  if (lends_sp) lower_sp(state);
   const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
   if (state.read != read) state.word = word_at(state.source, state.read);  // A plug-in has gone elsewhere.
-  if (!replaced) rewrite(state, inst);
+  if (!replaced) {
+    give_sp(state);
+    rewrite(state, inst);
+  }
   if (state.write >= state.limit) {
     log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit),
         static_cast<void*>(state.write));
@@ -245,6 +250,7 @@ void scan_word(scan_state& state, int inst) {
   if (!state.stop) reserve_space(state, EXIT_SPACE);
   if (state.is_heard && is_event_bound(MORA_POST_INST)) {  // Otherwise nothing is put here.
     mark_inserted_code(state);
+    if (lends_sp) lower_sp(state);
     deliver_scan_event(state, {MORA_POST_INST, inst, !state.stop, nullptr});
   }
   ++state.read;
@@ -269,7 +275,7 @@ void deliver_late_start(scan_state& state, const std::uint32_t* first) {
     deliver_start(state, first, false);
     return;
   }
-  mark_inserted_code(state);
+  mark_source(state.thread, state.write, MARK_INSERTED);  // The store has been made.
   lower_sp(state);
   deliver_start(state, first, true);
   raise_sp(state);
@@ -277,7 +283,8 @@ void deliver_late_start(scan_state& state, const std::uint32_t* first) {
 
 // Whether nobody hears of single instructions: neither plug-ins nor the log.
 bool copies_unseen(const scan_state& state) {
-  return !hears_of_words(state) && !engine_logs_traces() && !state.starts_behind_store;
+  return !hears_of_words(state) && !engine_logs_traces() && !state.starts_behind_store &&
+         !uses_spare_stack(state.thread);
 }
 
 // Copies words that stay as they are, as far as they lie one behind the other and leave room for an exit behind each:
@@ -337,11 +344,17 @@ struct counter_words {
 // The code in front of the fragment's first word.
 counter_words put_start(scan_state& state, const std::uint32_t* first, const fragment_end& end) {
   counter_words counter{};
+  if (state.thread->resumed.source == address_of(first)) {
+    // One that began elsewhere.
+    deliver_start(state, reinterpret_cast<const std::uint32_t*>(state.thread->resumed.first),
+                  state.thread->resumed.counts != 0);
+    return counter;
+  }
   // The code at a watched function's entry has to see the registers as they are there.
   state.starts_behind_store =
       end.has_store_exclusive && begins_between_exclusives(state.source, first) && !is_watched_function(first);
   if (!state.starts_behind_store) {
-    const bool counts = state.type == FRAGMENT_BLOCK && !keeps_below_sp(state.thread) && end.is_direct_branch;
+    const bool counts = state.type == FRAGMENT_BLOCK && !has_own_blocks(state.thread) && end.is_direct_branch;
     if (counts) {
       counter.first = state.write;
       put_hot_counter(state);
@@ -433,7 +446,6 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
 
   mark_before_load(state.source, read_address);  // Before the question: who maps something there finds the mark.
   if (!is_source_readable(read_address)) {
-    raise_sp(state);
     put_fault(state);
     meta.source_words = 1;
     end_source_marks(thread, state.write);

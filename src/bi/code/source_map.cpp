@@ -99,14 +99,24 @@ void end_source_marks(thread_data* thread, const std::uint32_t* place) {
 }
 
 std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t pc) {
+  return find_source_place(thread, pc).address;
+}
+
+bool begins_source_code(const thread_data* thread, const std::uint32_t* place) {
+  const source_mark mark = mark_of(thread, place);
+  return mark == MARK_SOURCE || mark == MARK_INSERTED;
+}
+
+source_place find_source_place(const thread_data* thread, std::uint64_t pc) {
+  constexpr source_place nowhere = {0, true};
   const std::int32_t id = exit_owner(thread, pc);
-  if (id <= 0) return 0;
+  if (id <= 0) return nowhere;
   const bb_meta& meta = thread->metas[id];
   if (meta.exit_kind == EXIT_TRACE) {
     // A trampoline copies the words before its rejoin address. A place has the same distance to the end of the copies
     // as its original has to that address.
     const std::uint64_t left = address_of(meta.exit_code_addr) - pc;
-    return pc > address_of(meta.exit_code_addr) ? 0 : source_of_cache_address(thread, meta.rejoin_cache_addr - left);
+    return pc > address_of(meta.exit_code_addr) ? nowhere : find_source_place(thread, meta.rejoin_cache_addr - left);
   }
   const auto* end = reinterpret_cast<const std::uint32_t*>(pc);
   std::uint64_t source = meta.source_addr;
@@ -115,7 +125,7 @@ std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t p
   std::size_t walked = 0;
   for (const auto* place = reinterpret_cast<const std::uint32_t*>(meta.cache_entry);; ++place) {
     // No fragment is longer than the cache: a record that does not fit the address ends the walk.
-    if (++walked > CODE_CACHE_SIZE / sizeof *place || !is_marked(thread, place)) return 0;
+    if (++walked > CODE_CACHE_SIZE / sizeof *place || !is_marked(thread, place)) return nowhere;
     const source_mark mark = mark_of(thread, place);
     if (mark == MARK_SOURCE) ++counted;
     if (mark == MARK_SOURCE || mark == MARK_INSERTED) between = mark == MARK_INSERTED;
@@ -123,7 +133,7 @@ std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t p
     if (mark == MARK_CONTINUED) place = target_of_branch(place) - 1;
   }
   source += counted * sizeof(std::uint32_t);
-  return between ? source : source - sizeof(std::uint32_t);
+  return {between ? source : source - sizeof(std::uint32_t), between};
 }
 
 const std::uint32_t* next_fragment_word(const thread_data* thread, const std::uint32_t* place) {

@@ -62,6 +62,16 @@ void end_source_marks(thread_data* thread, const std::uint32_t* place);
 // that was copied. 0 if `pc` lies in no fragment.
 std::uint64_t source_of_cache_address(const thread_data* thread, std::uint64_t pc);
 
+// The same, and whether the code at `pc` runs between two source words, or before the first.
+struct source_place {
+  std::uint64_t address;
+  bool is_between;
+};
+source_place find_source_place(const thread_data* thread, std::uint64_t pc);
+
+// Whether other code begins at the word than that before it: the code of the next source word, or inserted code.
+bool begins_source_code(const thread_data* thread, const std::uint32_t* place);
+
 // The word that runs behind the one at `place` if the code goes straight on, also where the fragment goes on in another
 // block. Null: that would be outside the cache, or at its end.
 const std::uint32_t* next_fragment_word(const thread_data* thread, const std::uint32_t* place);

@@ -91,6 +91,16 @@ global_label restore_vector_state
         ret
         .arch   armv8-a
 
+// redirect_stub: a signal's context is led here, with all of the application's registers in place and sp as between two
+// blocks. Does what an exit does, to the source address in the thread's redirect_target. The push is made here and not
+// in the context, because it may fault.
+global_label redirect_stub
+        stp     x0, x1, [sp, #-16]!
+        ldr     x0, word_redirect_target
+        ldr     x0, [x0]
+        mov     x1, #0 // No link is made.
+        b       dispatcher_entry_stub
+
 // dispatcher_entry_stub: an exit without a link pushes the application's x0 and x1 and comes here by B.
 //   x0   source address to go to
 //   x1   bb_meta index of the fragment that left, 0 if none
@@ -249,8 +259,8 @@ quick_call_whole:
         ldp     x30, x29, [x1, #AREA(SYSCALL_CACHE_RETURN)]
         b       syscall_whole
 
-// The whole way. A new thread's block that keeps what lies below sp (keeps_below_sp) comes here straight away, because
-// the kernel is to find another sp than such a block has.
+// The whole way. A block with a key of its own (has_own_blocks) comes here straight away, because the kernel is to find
+// another sp than such a block has.
 //
 //   Frame on the engine's stack, from sp up: q0 to q31, then the save area of stub_layout.h (SYSCALL_*): x0 to x21, the
 //   two return addresses, x29, x30, the application's sp; and for clones the rest of its state. SYSCALL_FRAME_SIZE in
@@ -260,7 +270,7 @@ quick_call_whole:
 //   application's sp and calls syscall_handler_post with the same arguments. Leaves to reentry_window. While the call
 //   is in the kernel, x19 holds the flags, x20 FPCR and x21 FPSR. The signal dispatcher finds them there if it has to
 //   take the frame apart at syscall_return_point. An rt_sigreturn does not come back.
-global_label syscall_of_new_thread
+global_label syscall_of_own_block
         stp     x0, x1, [sp, #-16]!
 syscall_whole:
         mov     x0, sp
@@ -450,7 +460,7 @@ syscall_with_held_signals:
         sub     w10, w0, #1
         b       syscall_restart_window
 
-// The data words. The first four differ from thread to thread; init_thread fills them, and word_engine, in each copy,
+// The data words. The first five differ from thread to thread; init_thread fills them, and word_engine, in each copy,
 // and the way into the cache fills word_engine_stack.
         .balign 8
 global_label word_engine_stack
@@ -460,6 +470,8 @@ global_label word_thread_data
 global_label word_pending_signal_count
         .xword  0
 global_label word_raised_signal
+        .xword  0
+global_label word_redirect_target
         .xword  0
 global_label word_engine
         .xword  0

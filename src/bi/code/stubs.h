@@ -25,7 +25,7 @@ extern const std::uint8_t quick_return_point[];
 extern const std::uint8_t quick_look_window[];
 extern const std::uint8_t quick_branch[];
 extern const std::uint8_t quick_call_visit[];
-extern const std::uint8_t syscall_of_new_thread[];
+extern const std::uint8_t syscall_of_own_block[];
 extern const std::uint8_t syscall_restart_window[];
 extern const std::uint8_t syscall_call_window[];
 extern const std::uint8_t syscall_return_point[];
@@ -42,6 +42,8 @@ extern const std::uint8_t word_thread_data[];
 extern const std::uint8_t word_pending_signal_count[];
 extern const std::uint8_t word_raised_signal[];
 extern const std::uint8_t word_engine[];
+extern const std::uint8_t word_redirect_target[];
+extern const std::uint8_t redirect_stub[];
 
 void signal_entry_stub();
 void guarded_call_stub();

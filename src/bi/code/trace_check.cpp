@@ -7,6 +7,7 @@
 #include "bi/code/code_words.h"
 #include "bi/code/drop_range.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/spare_stack.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/code/scanner.h"
 #include "bi/code/traces.h"
@@ -242,8 +243,8 @@ void check_linked_sides(thread_data* thread, const bb_meta& block) {
 void check_block(thread_data* thread, std::int32_t id) {
   const bb_meta& block = thread->metas[id];
   if (!is_direct_exit(block.exit_kind) || block.parent_block != 0) return;
-  // A new thread's block has a key of its own and no links. What replaces the block of the plain key leaves it alone.
-  if (hash_lookup_entry(thread, new_thread_key(block.source_addr)) == block.cache_entry) return;
+  // What replaces the block of the plain key leaves the others alone.
+  if (has_own_key(thread, block)) return;
   const std::uint64_t found = hash_lookup_entry(thread, block.source_addr);
   if (is_in_traces(thread, found)) {
     demand(words_at(block.cache_entry)[1] == HEAD_TRAP, "a replaced block has no trap", block.cache_entry, found);

@@ -18,6 +18,7 @@
 #include "bi/kernel/call_mask.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/code_epoch.h"
+#include "bi/code/spare_stack.h"
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/fork.h"
 #include "bi/kernel/hosted_child.h"
@@ -60,6 +61,7 @@ void redirect_signal_return(std::uint64_t* args, thread_data* thread) {
   auto* context = reinterpret_cast<ucontext_t*>(args[SYSCALL_APP_SP / 8] + sizeof(siginfo_t));
   note_handler_return(thread, context->uc_mcontext.pc);
   take_back_frame(thread, context);
+  leave_own_blocks(thread);
   context_redirect_to_dispatcher(thread, context, context->uc_mcontext.pc);
   sigdelset(&context->uc_sigmask, SIGILL);  // The handler may have changed it.
   return_to_mask(thread, context);
@@ -212,7 +214,7 @@ void finish_handled(std::uint64_t number, std::uint64_t* args, std::uint64_t nex
   args[0] = result;
   leave_call(thread);
   return_behind_drops(thread, args, next_inst);
-  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
+  args[SYSCALL_APP_SP / 8] = sp_between_blocks(thread, args[SYSCALL_APP_SP / 8]);
 }
 
 }  // namespace
@@ -225,7 +227,7 @@ extern "C" std::uint64_t syscall_handler_pre(std::uint64_t number, std::uint64_t
   // The call that ends a thread has its words in the record, see rewrite_svc.
   std::uint64_t& stack_pointer = args[SYSCALL_APP_SP / 8];
   if (stack_pointer == address_of(&thread->last_call.stack_pointer)) stack_pointer = thread->last_call.stack_pointer;
-  stack_pointer += kept_below_sp(thread);  // Until the way back: the stack pointer as the application has it.
+  stack_pointer = application_sp(thread, stack_pointer);  // Until the way back.
   if (engine_logs_traces()) log(LEVEL_TRACE, "syscall pre %ld", static_cast<long>(number));
   // The first argument is all that a post-syscall callback gets to see: the result takes its place.
   if (plugins_listen()) thread->syscall_args = args[0];
@@ -265,7 +267,7 @@ void finish_call(std::uint64_t number, std::uint64_t* args, std::uint64_t next_i
   deliver_post_syscall(thread, number, next_inst, &result);  // What it makes of the result has no effect here.
   thread->flush_seen = 0;
   return_behind_drops(thread, args, next_inst);
-  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
+  args[SYSCALL_APP_SP / 8] = sp_between_blocks(thread, args[SYSCALL_APP_SP / 8]);
 }
 
 }  // namespace
@@ -304,7 +306,7 @@ extern "C" std::uint64_t syscall_held_signals(std::uint64_t number, std::uint64_
   const std::uint64_t call = next_inst - sizeof(std::uint32_t);
   args[SYSCALL_CACHE_RETURN / 8] = lookup_or_scan(thread, call);
   args[SYSCALL_NEXT_SOURCE / 8] = call;
-  args[SYSCALL_APP_SP / 8] -= kept_below_sp(thread);
+  args[SYSCALL_APP_SP / 8] = sp_between_blocks(thread, args[SYSCALL_APP_SP / 8]);
   return 0;
 }
 

@@ -129,7 +129,8 @@ bool a64_scanner_deliver_callbacks(thread_data* thread, mora_event event, const 
                                    std::uint32_t fragment_type, bool allow_code, bool* stop,
                                    const std::uint32_t* end_address) {
   const auto type = static_cast<enum fragment_type>(fragment_type);
-  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop, false, 0, {}, false};
+  scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop,
+                      false,  0,     {},   false,         false};
   state.source.first = *read_address;
   if (inst != MORA_NO_INST) state.word = word_at(state.source, *read_address);
   begin_scan_events(state);

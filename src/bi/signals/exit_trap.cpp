@@ -90,6 +90,7 @@ void undo_direct_trap(thread_data* thread, ucontext_t* ucontext, bb_meta& meta, 
 }  // namespace
 
 void trap_fragment_exit(thread_data* thread, std::int32_t fragment_id, std::uint64_t pc) {
+  if (uses_spare_stack(thread)) return;  // Each exit of its blocks comes to the dispatcher by itself.
   std::int32_t id = fragment_id;
   for (;;) {
     // A fragment of a trace that ends in a direct branch just goes on in the next one, unless it closes the trace.

@@ -18,6 +18,7 @@ enum trap_code : std::uint32_t {
   TRAP_REGISTER_BRANCH = 148,  // The final BR x0 of a register branch.
   TRAP_DIRECT_EXIT = 149,      // Words of a direct exit.
   TRAP_RAISE = 150,            // In the stub text: the call that raises a held signal.
+  // 151 and 152 are no exits: see code/spare_stack.h.
 };
 
 // Makes sure that the fragment's next pass through its exit comes to the engine. `pc` is where the thread stands.

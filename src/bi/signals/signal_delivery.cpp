@@ -139,7 +139,9 @@ extern "C" std::uint64_t deliver_pending_signal(std::uint64_t source, std::uint6
   const std::int32_t judged = std::atomic_ref(thread->pending_signal_count).load(std::memory_order_relaxed);
   const int signum = find_deliverable_signal(thread);
   const application_place place = {source, info[REENTRY_STACK_POINTER], info[REENTRY_CACHE_ADDRESS]};
-  if (signum < 0 || give_turn(thread, signum, find_held_signal(thread->held, signum), place)) {
+  // The rest of a block that was left in its middle runs first: it is not to be counted again.
+  const bool is_resumed = thread->resumed.entry != 0 && thread->resumed.entry == info[REENTRY_CACHE_ADDRESS];
+  if (signum < 0 || is_resumed || give_turn(thread, signum, find_held_signal(thread->held, signum), place)) {
     if (signum < 0) let_through(thread);
     info[0] = static_cast<std::uint64_t>(judged);
     return 0;

@@ -13,6 +13,7 @@
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scan_rules.h"
 #include "bi/code/source_map.h"
+#include "bi/code/spare_stack.h"
 #include "bi/code/stubs.h"
 
 namespace ceilmeter {
@@ -53,9 +54,15 @@ std::uint32_t borrowed_register(const std::uint32_t* source) {
   return borrowed_by_literal_load(source, *source);
 }
 
-// A stub's first push on the application's stack has faulted. What its caller has pushed before is taken back.
+}  // namespace
+
 bool leave_stub_entry(thread_data* thread, mcontext_t& context) {
   const auto* pushed = reinterpret_cast<const std::uint64_t*>(context.sp);
+  if (is_stub_point(thread, context.pc, redirect_stub)) {
+    context.pc = thread->redirect_target & ~TAG;
+    context.sp = application_sp(thread, context.sp);
+    return true;
+  }
   if (is_stub_point(thread, context.pc, dispatcher_entry_stub)) {
     // The branch has been made: the application stands where it leads, and pc has no tag. An IC IVAU that the
     // dispatcher has not heard of is made again.
@@ -68,16 +75,18 @@ bool leave_stub_entry(thread_data* thread, mcontext_t& context) {
     context.regs[1] = pushed[0];
     context.regs[30] = pushed[1];
   } else if (is_stub_point(thread, context.pc, syscall_wrapper) ||
-             is_stub_point(thread, context.pc, syscall_of_new_thread)) {
+             is_stub_point(thread, context.pc, syscall_of_own_block)) {
     context.pc = context.regs[29] - sizeof(std::uint32_t);
     context.regs[29] = pushed[0];
     context.regs[30] = pushed[1];
   } else {
     return false;
   }
-  context.sp += 16 + kept_below_sp(thread);
+  context.sp = application_sp(thread, context.sp + 16);
   return true;
 }
+
+namespace {
 
 // Whether the lookup of a register branch has faulted at its second push, where it has changed no register yet.
 bool is_second_push_of_lookup(const thread_data* thread, std::uint64_t pc) {
@@ -90,7 +99,8 @@ bool is_second_push_of_lookup(const thread_data* thread, std::uint64_t pc) {
 constexpr std::uint32_t LOWER_SP = 0xd10003ff | KEPT_BELOW_SP << 10;  // sub sp, sp, #KEPT_BELOW_SP
 constexpr std::uint32_t RAISE_SP = 0x910003ff | KEPT_BELOW_SP << 10;  // add sp, sp, #KEPT_BELOW_SP
 
-// Whether the word is the application's own: the last one of its source word's code.
+}  // namespace
+
 bool is_copy(const thread_data* thread, const std::uint32_t* place) {
   const std::uint64_t source = source_of_cache_address(thread, address_of(place));
   const std::uint32_t* next = next_fragment_word(thread, place);
@@ -99,19 +109,28 @@ bool is_copy(const thread_data* thread, const std::uint32_t* place) {
   return is_last && is_source_readable(word) && *word == *place;
 }
 
-// Whether the stack pointer is lowered where `pc` stands in a new thread's block. It is at the entry.
+namespace {
+
+bool is_lowering(std::uint32_t word) { return word == LOWER_SP || is_sp_trap(word, TRAP_LOWER_SP); }
+bool is_raising(std::uint32_t word) { return word == RAISE_SP || is_sp_trap(word, TRAP_RAISE_SP); }
+
+}  // namespace
+
 bool has_lowered_sp(const thread_data* thread, std::uint64_t pc) {
   const std::int32_t id = exit_owner(thread, pc);
-  if (!keeps_below_sp(thread) || id <= 0) return false;
+  if (!has_own_blocks(thread) || id <= 0) return false;
   bool is_lowered = true;
   const auto* place = reinterpret_cast<const std::uint32_t*>(thread->metas[id].cache_entry);
   for (; place != nullptr && address_of(place) != pc; place = next_fragment_word(thread, place)) {
-    if ((*place == LOWER_SP || *place == RAISE_SP) && !is_copy(thread, place)) is_lowered = *place == LOWER_SP;
+    if ((is_lowering(*place) || is_raising(*place)) && !is_copy(thread, place)) is_lowered = is_lowering(*place);
   }
   return is_lowered;
 }
 
-}  // namespace
+bool is_sp_trap(std::uint32_t word, std::uint32_t code) {
+  constexpr std::uint32_t hvc = 0xd4000002;
+  return word == (hvc | code << 5);
+}
 
 bool is_stub_point(const thread_data* thread, std::uint64_t pc, const std::uint8_t* place) {
   return pc == address_of(thread->code_cache) + stub_offset(place);
@@ -166,7 +185,7 @@ void leave_reentry_stub(const thread_data* thread, mcontext_t& context) {
   context.regs[0] = frame[2];
   context.regs[1] = frame[3];
   context.pc = frame_word(thread, REENTRY_SIZE, REENTRY_NEXT + 8);
-  context.sp += STUB_APP_FRAME_SIZE + kept_below_sp(thread);
+  context.sp = application_sp(thread, context.sp + STUB_APP_FRAME_SIZE);
 }
 
 namespace {
@@ -254,7 +273,7 @@ bool restore_faulted_context(thread_data* thread, mcontext_t& context) {
     context.sp += 16;
   }
   if (is_second_push_of_lookup(thread, context.pc)) context.sp += 16;
-  if (has_lowered_sp(thread, context.pc)) context.sp += KEPT_BELOW_SP;
+  if (has_lowered_sp(thread, context.pc)) context.sp = application_sp(thread, context.sp);
   context.pc = source;
   return true;
 }

@@ -51,6 +51,19 @@ void undo_syscall(thread_data* thread, mcontext_t& context);
 // changes nothing where no source instruction stands behind the fault, as in a stub.
 bool restore_faulted_context(thread_data* thread, mcontext_t& context);
 
+// Whether the word is the application's own: the last one of its source word's code. And whether it is the trap `code`
+// of code/spare_stack.h, or looks like it.
+bool is_copy(const thread_data* thread, const std::uint32_t* place);
+bool is_sp_trap(std::uint32_t word, std::uint32_t code);
+
+// Whether the stack pointer is not the application's where `pc` stands in a block of the thread's own kind
+// (has_own_blocks). It is not at the entry.
+bool has_lowered_sp(const thread_data* thread, std::uint64_t pc);
+
+// A stub's first push on the application's stack has faulted: the application stands at the instruction that the push
+// is made for, or at the one that a branch has led to. What the stub's caller has pushed before is taken back.
+bool leave_stub_entry(thread_data* thread, mcontext_t& context);
+
 // Whether the thread stands in a block for a place that cannot be executed.
 bool is_in_fault_block(const thread_data* thread, std::uint64_t pc);
 

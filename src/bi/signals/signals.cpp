@@ -18,6 +18,7 @@
 #include "bi/code/code_cache.h"
 #include "bi/code/code_epoch.h"
 #include "bi/code/drop_range.h"
+#include "bi/code/spare_stack.h"
 #include "bi/signals/ending_signals.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/signals/held_mask.h"
@@ -26,6 +27,7 @@
 #include "bi/signals/signal_delivery.h"
 #include "bi/signals/signal_frame.h"
 #include "bi/signals/signal_place.h"
+#include "bi/signals/stack_end.h"
 #include "bi/signals/turns.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/syscalls.h"
@@ -53,6 +55,8 @@ struct arrival {
 // Whether the signal is a fault of the running code. If somebody has sent a signal of the same number, it is like any
 // other.
 bool is_fault(int signum, const siginfo_t* info) { return is_synchronous(signum) && info->si_code > 0; }
+
+bool is_access_fault(int signum) { return signum == SIGSEGV || signum == SIGBUS; }
 
 // In place of the call that the trap stands for. The signal becomes pending while all are blocked, as they are in every
 // handler of the engine's. The kernel delivers it when it restores the context with the application's mask, at the word
@@ -108,7 +112,7 @@ void handle_lack_of_stack(thread_data* thread, const arrival& signal) {
 
 // The handler's blocks are ordinary ones, and so are those that it returns to: a signal writes below the stack pointer.
 void run_handler_of(thread_data* thread, arrival& signal, const application_action& action) {
-  thread->untouched_sp = 0;
+  leave_own_blocks(thread);
   signal.mask = disclose_mask(thread, &signal.frame->ucontext, signal.mask);
   if (!enter_handler(thread, signal.frame, signal.end, action, signal.mask)) handle_lack_of_stack(thread, signal);
 }
@@ -146,7 +150,7 @@ void run_handler(thread_data* thread, arrival& signal) {
   const application_action action = take_application_action(signum);
   if (action.handler > 1) return run_handler_of(thread, signal, action);
   if (action.handler == 0 && is_ending_signal(signum)) return end_behind_frame(thread, signal, signum);
-  thread->untouched_sp = 0;
+  leave_own_blocks(thread);
   context_redirect_to_dispatcher(thread, &signal.frame->ucontext, signal.context().pc);
   if (action.handler != 0) return;
   if (signum == SIGILL) set_kernel_action(signum, 0);  // The one action that the application cannot take back.
@@ -215,9 +219,11 @@ bool restore_application_context(thread_data* thread, mcontext_t& context, std::
 // The held signal's handler runs, and the application makes the call after it, as with SA_RESTART.
 void undo_call_in_turn(thread_data* thread, ucontext_t* ucontext) {
   end_interruption(thread);
-  undo_syscall(thread, ucontext->uc_mcontext);
+  mcontext_t& context = ucontext->uc_mcontext;
+  undo_syscall(thread, context);
   leave_syscall(thread);
-  context_redirect_to_dispatcher(thread, ucontext, ucontext->uc_mcontext.pc);
+  context.sp = sp_between_blocks(thread, context.sp);
+  context_redirect_to_dispatcher(thread, ucontext, context.pc);
 }
 
 }  // namespace
@@ -238,13 +244,8 @@ bool raises_by_trap(const thread_data* thread) {
 
 void context_redirect_to_dispatcher(thread_data* thread, void* ucontext, std::uint64_t target) {
   mcontext_t& context = static_cast<ucontext_t*>(ucontext)->uc_mcontext;
-  context.sp -= 16;
-  auto* stack = reinterpret_cast<std::uint64_t*>(context.sp);
-  stack[0] = context.regs[0];
-  stack[1] = context.regs[1];
-  context.regs[0] = target;
-  context.regs[1] = 0;  // No source: no link is made.
-  context.pc = thread->dispatcher_stub_addr;
+  thread->redirect_target = target;
+  context.pc = address_of(thread->code_cache) + stub_offset(redirect_stub);
 }
 
 namespace {
@@ -269,6 +270,7 @@ void dispatch(thread_data* thread, arrival& signal) {
     if (visits) return;
   }
   if (fault && is_stub_point(thread, pc, reentry_raise)) return raise_at_return(thread, ucontext);
+  if (fault && signum == SIGILL && move_sp_at_trap(thread, context)) return;
   if (is_interruption(thread, signum, &signal.frame->info)) {
     if (interrupt_call(thread, ucontext)) undo_call_in_turn(thread, ucontext);
     return;
@@ -283,6 +285,7 @@ void dispatch(thread_data* thread, arrival& signal) {
     if (id >= 0 && !fault) trap_fragment_exit(thread, id, place);
   }
   if (fault) {
+    if (is_access_fault(signum) && go_on_at_stack_end(thread, ucontext)) return;
     // In the stub text, only an access to the application's stack can fault.
     if (is_cache_address(thread, pc)) return handle_synchronous(thread, signal);
     // Nothing can be delivered from here. Without the engine's care for the end the kernel would have ended the

@@ -1,56 +1,146 @@
-// stack_end [ROUNDS]: code runs with its stack pointer at the very end of its stack, and needs no stack. If that faults
-// all the same, the handler finds an instruction of that code, and the code's own registers. The handler extends the
-// stack, and the code goes on.
+// stack_end [ROUNDS]: code runs with its stack pointer at the very end of its stack, and needs no stack. It hears of no
+// fault. A push of its own faults there, and its handler finds that push. A handler that leaves a stack overflow to
+// code elsewhere may leave the stack pointer where it is. Signals reach code at the end of its stack, and find it
+// there.
 #include <stdint.h>
 #include <stdlib.h>
+#include <sys/time.h>
 #include <ucontext.h>
 
 #include "guard.h"
 
 enum { ROOM = 0x20000, HALF = ROOM / 2 };
 
-extern char run_at_end[];
+extern char the_push[];
+void escape(void);
 long run_at(void* sp);
+long push_at(void* sp);
+long spin_at(void* sp, volatile int* word);
+long call_and_keep(long (*function)(long));
 
 static char* stack;
-static volatile uint64_t expected_sp;
-static volatile int wrong;
-
-static void expect(int holds, const char* what, uint64_t found) {
-  if (holds) return;
-  wrong = 1;
-  dprintf(STDERR_FILENO, "in the handler: %s is 0x%llx\n", what, (unsigned long long)found);
-}
+static volatile int faults;
+static volatile uint64_t fault_pc;
+static volatile uint64_t fault_sp;
+static volatile uint64_t fault_address;
+static volatile int leaves;       // The fault's handler goes on at `escape`,
+static volatile uint64_t new_sp;  // with this stack pointer if it is not 0.
 
 static void hear(int number, siginfo_t* info, void* context) {
   (void)number;
-  const mcontext_t* state = &((const ucontext_t*)context)->uc_mcontext;
-  expect((char*)info->si_addr >= stack && (char*)info->si_addr < stack + HALF, "the address", (uint64_t)info->si_addr);
-  expect(state->pc >= (uint64_t)run_at && state->pc < (uint64_t)run_at_end, "pc", state->pc);
-  expect(state->sp == expected_sp, "sp", state->sp);
-  for (uint64_t reg = 1; reg < 8; ++reg) {
-    if (state->regs[1] == 0x101) expect(state->regs[reg] == 0x100 + reg, "a register", state->regs[reg]);
+  mcontext_t* state = &((ucontext_t*)context)->uc_mcontext;
+  ++faults;
+  fault_pc = state->pc;
+  fault_sp = state->sp;
+  fault_address = (uint64_t)info->si_addr;
+  if (leaves) {
+    state->pc = (uint64_t)escape;
+    if (new_sp != 0) state->sp = new_sp;
+  } else {
+    state->pc += 4;
   }
-  if (mprotect(stack, HALF, PROT_READ | PROT_WRITE) != 0 || wrong) _exit(1);
+}
+
+static void handle(int number, void (*handler)(int, siginfo_t*, void*)) {
+  struct sigaction action = {.sa_flags = SA_SIGINFO | SA_ONSTACK};
+  action.sa_sigaction = handler;
+  CHECK(sigaction(number, &action, NULL) == 0);
+}
+
+static void runs_at_the_end(char* end) {
+  for (int room = 0; room < 0x60; room += 16) CHECK(run_at(end + room) == 0x1234);
+  CHECK(faults == 0);
+}
+
+static void faults_by_its_own_push(char* end) {
+  for (int room = 0; room < 0x40; room += 16) {
+    faults = 0;
+    CHECK(push_at(end + room) == 7);
+    CHECK(faults == (room == 0));
+    if (room == 0) CHECK(fault_pc == (uint64_t)the_push && fault_sp == (uint64_t)end);
+    if (room == 0) CHECK(fault_address == (uint64_t)end - 16);
+  }
+  faults = 0;
+}
+
+static volatile long depth_wanted = -1;
+__attribute__((noinline)) static long deeper(long depth) {
+  volatile char space[176];
+  space[0] = (char)depth;
+  if (depth == depth_wanted) return 0;  // Never.
+  return deeper(depth + 1) + space[0];
+}
+
+static ucontext_t outside;
+static long result_of_escape;
+static void overflow(void) { result_of_escape = call_and_keep(deeper); }
+
+static long on_small_stack(void) {
+  static ucontext_t inside;
+  CHECK(getcontext(&inside) == 0);
+  inside.uc_stack.ss_sp = stack + HALF;
+  inside.uc_stack.ss_size = HALF;
+  inside.uc_link = &outside;
+  makecontext(&inside, overflow, 0);
+  result_of_escape = 0;
+  CHECK(swapcontext(&outside, &inside) == 0);
+  return result_of_escape;
+}
+
+static void leaves_an_overflow(char* end) {
+  leaves = 1;
+  for (int room = -16; room < 0x40; room += 16) {
+    new_sp = room < 0 ? 0 : (uint64_t)(end + room);  // The first time it stays where the overflow has left it.
+    faults = 0;
+    CHECK(on_small_stack() == 0x77);
+    CHECK(faults == 1);
+  }
+  leaves = 0;
+  faults = 0;
+}
+
+static volatile int heard;
+static volatile uint64_t expected_sp;
+static volatile int stop;
+static const struct itimerval soon = {{0, 0}, {0, 1000}};
+static void count(int number, siginfo_t* info, void* context) {
+  (void)number;
+  (void)info;
+  const uint64_t sp = ((ucontext_t*)context)->uc_mcontext.sp;
+  CHECK(sp == expected_sp || sp < (uint64_t)stack || sp >= (uint64_t)stack + ROOM);
+  if (sp == expected_sp) ++heard;
+  stop = heard >= 10;
+  if (!stop) CHECK(setitimer(ITIMER_REAL, &soon, NULL) == 0);
+}
+
+static void hears_signals(char* end) {
+  handle(SIGALRM, count);
+  for (int room = 0; room < 0x40; room += 16) {
+    heard = stop = 0;
+    expected_sp = (uint64_t)(end + room);
+    CHECK(setitimer(ITIMER_REAL, &soon, NULL) == 0);
+    CHECK(spin_at(end + room, &stop) == (long)(end + room));
+  }
+  CHECK(faults == 0);
 }
 
 int main(int argc, char** argv) {
   const int rounds = argc > 1 ? atoi(argv[1]) : 3;
   stack = mmap(NULL, ROOM, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   CHECK(stack != MAP_FAILED);
+  CHECK(mprotect(stack, HALF, PROT_NONE) == 0);
+  char* const end = stack + HALF;
   static char other[65536];
   const stack_t place = {.ss_sp = other, .ss_size = sizeof other};
   CHECK(sigaltstack(&place, NULL) == 0);
-  struct sigaction action = {.sa_flags = SA_SIGINFO | SA_ONSTACK};
-  action.sa_sigaction = hear;
-  CHECK(sigaction(SIGSEGV, &action, NULL) == 0);
+  runs_at_the_end(end);  // Without a handler.
+  handle(SIGSEGV, hear);
   for (int round = 0; round < rounds; ++round) {
-    for (int room = 0; room < 0x400; room += 16) {
-      CHECK(mprotect(stack, HALF, PROT_NONE) == 0);
-      expected_sp = (uint64_t)(stack + HALF + room);
-      CHECK(run_at(stack + HALF + room) == 0x1234);
-    }
+    runs_at_the_end(end);
+    faults_by_its_own_push(end);
+    leaves_an_overflow(end);
   }
+  hears_signals(end);
   puts("it runs to the end");
   return 0;
 }

@@ -48,12 +48,10 @@ class compare_exits : public trace_test {
   }
   // The source address that the trap at `place` leads to.
   std::uint64_t run_into(const std::uint32_t* place) {
-    const std::uint64_t x1 = context().regs[1];
     context().sp = address_of(stack + 64);
     arrive(SIGILL, place);
-    EXPECT_EQ(context().pc, thread->dispatcher_stub_addr);
-    context().regs[1] = x1;
-    return context().regs[0];
+    EXPECT_EQ(context().pc, address_of(thread->code_cache + stub_offset(redirect_stub)));
+    return thread->redirect_target;
   }
   // A path that leaves compare_head by its taken side and returns by compare_closes.
   void build_trace() {

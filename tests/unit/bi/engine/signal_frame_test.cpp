@@ -87,19 +87,18 @@ TEST_F(signal_frames, nothing_below_one_is_written_for_a_handler_that_has_been_s
 TEST_F(signal_frames, a_handler_that_is_new_begins_by_the_dispatcher) {
   const std::uint64_t sp = entry().sp;
   ASSERT_TRUE(enter(SA_SIGINFO));
-  EXPECT_EQ(entry().pc, thread->dispatcher_stub_addr);
-  EXPECT_EQ(entry().regs[0], address_of(one_ret));
-  EXPECT_EQ(entry().sp, address_of(below(sp)) - 16);
-  const auto* pushed = reinterpret_cast<const std::uint64_t*>(entry().sp);
-  EXPECT_EQ(pushed[0], std::uint64_t{SIGUSR1});
-  EXPECT_EQ(pushed[1], address_of(&below(sp)->info));
+  EXPECT_EQ(entry().pc, address_of(thread->code_cache + stub_offset(redirect_stub)));
+  EXPECT_EQ(thread->redirect_target, address_of(one_ret));
+  EXPECT_EQ(entry().sp, address_of(below(sp)));
+  EXPECT_EQ(entry().regs[0], std::uint64_t{SIGUSR1});
+  EXPECT_EQ(entry().regs[1], address_of(&below(sp)->info));
 }
 
 TEST_F(signal_frames, a_held_signal_makes_the_way_to_the_handler_lead_past_the_look_at_it) {
   scan_block(one_ret);
   count_visit(thread);
   ASSERT_TRUE(enter(0));
-  EXPECT_EQ(entry().pc, thread->dispatcher_stub_addr);
+  EXPECT_EQ(entry().pc, address_of(thread->code_cache + stub_offset(redirect_stub)));
 }
 
 TEST_F(signal_frames, without_sa_siginfo_none_is_written_and_x1_and_x2_stay) {

@@ -160,7 +160,7 @@ TEST_F(signals, every_condition_is_that_of_the_architecture) {
       arrive(SIGUSR1, block(id) + 1);
       arrive(SIGILL, meta(id).exit_code_addr);
       const bool expected = holds(cond, (flags & 8) != 0, (flags & 4) != 0, (flags & 2) != 0, (flags & 1) != 0);
-      EXPECT_EQ(context().regs[0], expected ? address_of(one_ret) : address_of(branch_eq) + 4)
+      EXPECT_EQ(thread->redirect_target, expected ? address_of(one_ret) : address_of(branch_eq) + 4)
           << "condition " << cond << ", flags " << flags;
     }
   }

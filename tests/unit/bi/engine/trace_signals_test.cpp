@@ -7,6 +7,7 @@
 #include "bi/code/exit_branch.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/signals/signals.h"
+#include "bi/code/stubs.h"
 #include "bi/code/trace_check.h"
 #include "bi/code/trace_install.h"
 #include "signal_arrival.h"
@@ -36,8 +37,8 @@ class trace_signals : public trace_test {
   // The source address that the trap at `place` leads to.
   std::uint64_t run_into(const std::uint32_t* place) {
     arrive(SIGILL, address_of(place));
-    EXPECT_EQ(ucontext.uc_mcontext.pc, thread->dispatcher_stub_addr);
-    return ucontext.uc_mcontext.regs[0];
+    EXPECT_EQ(ucontext.uc_mcontext.pc, address_of(thread->code_cache + stub_offset(redirect_stub)));
+    return thread->redirect_target;
   }
   // The words of the trace that are traps.
   std::vector<std::ptrdiff_t> trapped() const {
