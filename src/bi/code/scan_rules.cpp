@@ -82,7 +82,7 @@ void raise_sp(scan_state& state) {
 }
 
 void give_sp(scan_state& state) {
-  if (!uses_spare_stack(state.thread) || state.has_sp || !may_use_sp(state.word)) return;
+  if (state.has_sp || !may_use_sp(state.word)) return;
   a64_hvc(state.write++, TRAP_RAISE_SP);
   state.has_sp = true;
 }

@@ -240,7 +240,7 @@ void scan_word(scan_state& state, int inst) {
   const bool replaced = deliver_scan_event(state, {MORA_PRE_INST, inst, true, nullptr});
   if (state.read != read) state.word = word_at(state.source, state.read);  // A plug-in has gone elsewhere.
   if (!replaced) {
-    give_sp(state);
+    if (uses_spare_stack(state.thread)) give_sp(state);
     rewrite(state, inst);
   }
   if (state.write >= state.limit) {

@@ -7,8 +7,8 @@
 
 namespace ceilmeter {
 
-// The thread has faulted. If that was at a push of the engine's or of a plug-in's on the application's stack, the thread
-// goes on at the application's instruction with the spare stack, and the application hears of nothing.
+// The thread has faulted. If that was at a push of the engine's or of a plug-in's on the application's stack, it goes
+// on at the application's instruction with the spare stack, and the application hears of nothing.
 bool go_on_at_stack_end(thread_data* thread, ucontext_t* ucontext);
 
 // If the thread stands at a trap in a block that uses the spare stack, gives sp its other value. The block goes on

@@ -1,5 +1,5 @@
-// Threads at the very end of their stack: which faults are those of the engine's own pushes, how the thread goes on, and
-// what the blocks look like by which it does.
+// Threads at the very end of their stack: which faults are those of the engine's own pushes, how the thread goes on,
+// and what the blocks look like by which it does.
 #include "bi/signals/stack_end.h"
 
 #include <csignal>
