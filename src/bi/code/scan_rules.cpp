@@ -155,7 +155,7 @@ void rewrite_svc(scan_state& state) {
     code.push(x29, x30);
   }
   code.load_const(x29, address_of(next));
-  // A block with a key of its own has another sp than the kernel is to find: the short way of the wrapper is not for it.
+  // A block with a key of its own has another sp than the kernel is to find: the wrapper's short way is not for it.
   const std::uint64_t whole_way = stub_offset(syscall_of_own_block) - stub_offset(syscall_wrapper);
   code.bl(state.thread->syscall_wrapper_addr + (has_own_blocks(state.thread) ? whole_way : 0));
   code.pop(x0, x1);

@@ -80,8 +80,8 @@ bool leave_fragment(const thread_data* thread, std::uint64_t place, mcontext_t& 
 bool leave_stub(thread_data* thread, mcontext_t& context, resumed_block* resumed) {
   const std::uint64_t caller = context.regs[30] - sizeof(std::uint32_t);
   if (is_stub_point(thread, context.pc, hot_counter_stub) && source_of_cache_address(thread, caller) == 0) return false;
-  const bool calls = is_stub_point(thread, context.pc, syscall_wrapper) ||
-                     is_stub_point(thread, context.pc, syscall_of_own_block);
+  const bool calls =
+      is_stub_point(thread, context.pc, syscall_wrapper) || is_stub_point(thread, context.pc, syscall_of_own_block);
   const bool repeats = thread->invalidates != 0 || calls;
   if (!leave_stub_entry(thread, context)) return false;
   if (repeats) *resumed = {context.pc, context.pc, 0, 0};

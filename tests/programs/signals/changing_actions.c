@@ -1,6 +1,6 @@
-// changing_actions [ROUNDS]: one thread raises a signal while another sets its action to a handler and to "ignore", over
-// and over. The action may be another one when a signal that has been counted is looked at again: it is then lost, as
-// it may be natively, and is never led to where the handler's address would stand. Once the handler stays, it is
+// changing_actions [ROUNDS]: one thread raises a signal while another sets its action to a handler and to "ignore",
+// over and over. The action may be another one when a signal that has been counted is looked at again: it is then lost,
+// as it may be natively, and is never led to where the handler's address would stand. Once the handler stays, it is
 // called. The user-mode emulator itself reads an action that changes, and crashes: this runs on a real kernel.
 #include <pthread.h>
 #include <sched.h>

@@ -18,10 +18,10 @@ namespace {
 constexpr std::uint32_t RAISE = 0xd4001302;  // hvc #152
 constexpr std::uint32_t LOWER = 0xd40012e2;  // hvc #151
 constexpr std::uint32_t PUSH_X0_X1_WORD = 0xa9bf07e0;
-constexpr std::uint32_t STR_X1_SP = 0xf90003e1;      // str x1, [sp]
-constexpr std::uint32_t ADD_X0_X1_X2 = 0x8b020020;   // add x0, x1, x2
-constexpr std::uint32_t STP_X29_X30 = 0xa9bf7bfd;    // stp x29, x30, [sp, #-16]!
-constexpr std::uint32_t B_EQ_TO_NEXT = 0x54000020;   // b.eq .+4
+constexpr std::uint32_t STR_X1_SP = 0xf90003e1;       // str x1, [sp]
+constexpr std::uint32_t ADD_X0_X1_X2 = 0x8b020020;    // add x0, x1, x2
+constexpr std::uint32_t STP_X29_X30 = 0xa9bf7bfd;     // stp x29, x30, [sp, #-16]!
+constexpr std::uint32_t B_EQ_TO_NEXT = 0x54000020;    // b.eq .+4
 constexpr std::uint32_t STLXR_W2_W3_X1 = 0x8802fc23;  // stlxr w2, w3, [x1]
 constexpr std::uint32_t RET = 0xd65f03c0;
 
