@@ -14,6 +14,7 @@
 #include <string>
 
 #include "bintracer/bintracer.h"
+#include "checked_build.h"
 #include "common/log.h"
 #include "finalizer.h"
 #include "interruption.h"
@@ -221,6 +222,9 @@ void run_app_with_bintracer(collector_config& config, finish_function finish) {
   if (const std::string rights = rights_lent_by(config.application); !rights.empty()) {
     log(LEVEL_WARN, "%s has %s: under the tracer it runs with the rights of the caller alone",
         config.application.c_str(), rights.c_str());
+  }
+  if (const std::string fate = fate_of_checked_build(config.application); !fate.empty()) {
+    log(LEVEL_WARN, "%s is built with %s", config.application.c_str(), fate.c_str());
   }
   hide_privileged_start(config.envp);
   keep_memory_reserve();

@@ -418,7 +418,7 @@ inline std::uint64_t kept_below_sp(const thread_data* thread) { return keeps_bel
 inline bool uses_spare_stack(const thread_data* thread) { return thread->spare_for_sp != 0; }
 
 // Blocks of either kind.
-inline bool has_own_blocks(const thread_data* thread) { return keeps_below_sp(thread) || uses_spare_stack(thread); }
+inline bool has_own_blocks(const thread_data* thread) { return (thread->untouched_sp | thread->spare_for_sp) != 0; }
 
 // Their keys in the entry table. A source address is a multiple of 4, and no code lies at one with a tag.
 inline constexpr std::uint64_t NEW_THREAD_KEY = 1;
@@ -426,8 +426,8 @@ inline constexpr std::uint64_t SPARE_STACK_KEY = 2;
 inline constexpr std::uint64_t RESUMED_KEY = 3;
 inline constexpr std::uint64_t RESUMED_START_KEY = 3 | std::uint64_t{1} << 62;
 inline std::uint64_t block_key(const thread_data* thread, std::uint64_t source) {
+  if (!has_own_blocks(thread)) return source;
   if (keeps_below_sp(thread)) return source | NEW_THREAD_KEY;
-  if (!uses_spare_stack(thread)) return source;
   if (thread->resumed.source != source) return source | SPARE_STACK_KEY;
   return source | (thread->resumed.counts != 0 ? RESUMED_START_KEY : RESUMED_KEY);
 }

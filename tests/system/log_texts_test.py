@@ -242,6 +242,7 @@ WITHOUT_TEST = {
     "Cannot give up the rights that the tool's file lends": "the kernel would have to refuse that",
     "%s has %s: under the tracer it runs with the rights of the caller alone": "what such a file lends is held by "
                                                                                "privileges_test",
+    "%s is built with %s": "what is said of a file is held by checked_build_test",
     "by the cache sizes of this machine: %s": "what stands behind it is held by row_sizes_test",
     "%s": "the words are composed, and held where they are",
 }

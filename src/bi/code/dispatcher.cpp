@@ -184,6 +184,15 @@ std::uint64_t find_block_at_end(thread_data* thread, std::uint64_t target, std::
   return found;
 }
 
+// Where the thread goes on behind a block that has a key of its own. No link is made.
+std::uint64_t find_behind_own_block(thread_data* thread, std::uint64_t target, std::int32_t source_index,
+                                    std::uint64_t* next_addr) {
+  if (uses_spare_stack(thread)) return find_block_at_end(thread, target, source_index, next_addr);
+  const bool keeps = still_keeps_below_sp(thread, next_addr);
+  log(LEVEL_TRACE, "a new thread's block, which is not linked; the next one: %d", keeps);
+  return find_block(thread, target, source_index);
+}
+
 // The exit of the block leads to the fragment at `entry`, behind its entry word, from now on.
 void link_exit(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
   if (meta.exit_kind == EXIT_DIRECT) {
@@ -206,14 +215,8 @@ void dispatch(std::uint64_t target, std::int32_t source_index, std::uint64_t* ne
     invalidate_line(thread, without_tag(thread->invalidated_address));
   }
   if (follow_code_epoch(thread)) source_index = 0;  // The fragment that was left may be gone: it gets no link.
-  if (uses_spare_stack(thread)) {
-    *next_addr = find_block_at_end(thread, target, source_index, next_addr);
-    return;
-  }
-  if (keeps_below_sp(thread)) {
-    const bool keeps = still_keeps_below_sp(thread, next_addr);
-    log(LEVEL_TRACE, "a new thread's block, which is not linked; the next one: %d", keeps);
-    *next_addr = find_block(thread, target, source_index);
+  if (has_own_blocks(thread)) {
+    *next_addr = find_behind_own_block(thread, target, source_index, next_addr);
     return;
   }
   if (source_index >= BB_COUNT) {

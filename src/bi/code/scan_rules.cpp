@@ -71,13 +71,13 @@ void mark_inserted_code(scan_state& state) {
   if (state.is_heard) mark_source(state.thread, state.write, MARK_INSERTED);
 }
 
-void lower_sp(scan_state& state) {
+void lower_sp_in_own_block(scan_state& state) {
   if (state.has_sp) a64_hvc(state.write++, TRAP_LOWER_SP);
   state.has_sp = false;
   if (keeps_below_sp(state.thread)) code_writer{state.write}.sub(sp, sp, KEPT_BELOW_SP);
 }
 
-void raise_sp(scan_state& state) {
+void raise_sp_in_own_block(scan_state& state) {
   if (keeps_below_sp(state.thread)) code_writer{state.write}.add(sp, sp, KEPT_BELOW_SP);
 }
 

@@ -14,9 +14,15 @@ namespace ceilmeter {
 // In a block that uses the spare stack, sp is that stack's until a word that may use sp comes up: give_sp writes a trap
 // in front of such a word, lower_sp one behind the last. So no trap, which ends every exclusive access, stands between
 // a load-exclusive and its store-exclusive.
-void lower_sp(scan_state& state);
-void raise_sp(scan_state& state);
+void lower_sp_in_own_block(scan_state& state);
+void raise_sp_in_own_block(scan_state& state);
 void give_sp(scan_state& state);
+inline void lower_sp(scan_state& state) {
+  if (has_own_blocks(state.thread)) lower_sp_in_own_block(state);
+}
+inline void raise_sp(scan_state& state) {
+  if (has_own_blocks(state.thread)) raise_sp_in_own_block(state);
+}
 
 // Whether the word, which is copied as it is, reads or writes sp. True of some words that do not.
 bool may_use_sp(std::uint32_t word);
