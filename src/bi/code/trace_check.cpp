@@ -243,11 +243,11 @@ void check_linked_sides(thread_data* thread, const bb_meta& block) {
 void check_block(thread_data* thread, std::int32_t id) {
   const bb_meta& block = thread->metas[id];
   if (!is_direct_exit(block.exit_kind) || block.parent_block != 0) return;
-  // What replaces the block of the plain key leaves the others alone.
-  if (has_own_key(thread, block)) return;
   const std::uint64_t found = hash_lookup_entry(thread, block.source_addr);
   if (is_in_traces(thread, found)) {
-    demand(words_at(block.cache_entry)[1] == HEAD_TRAP, "a replaced block has no trap", block.cache_entry, found);
+    // What replaces the block of the plain key leaves the others alone.
+    const bool is_barred = words_at(block.cache_entry)[1] == HEAD_TRAP || has_own_key(thread, block);
+    demand(is_barred, "a replaced block has no trap", block.cache_entry, found);
     return;
   }
   // A flush during a block's scan leaves the block outside the table. Its links are from before the flush.
