@@ -6,9 +6,9 @@
 
 namespace ceilmeter {
 
-// What becomes of the program under the tracer, in words, and with the checker's name; empty: it has no such checker, or
-// its file cannot be read. Looks for the entry point of the run-time library among the names that the dynamic loader
-// binds: the file refers to it there, or, with the library linked into it, defines it.
+// The checker's name and what becomes of the program under the tracer, in words; empty: it has no such checker, or its
+// file cannot be read. Looks for the entry point of the run-time library among the names that the dynamic loader binds:
+// the file refers to it there, or, with the library linked into it, defines it. Any thread may call it.
 std::string fate_of_checked_build(const std::string& path);
 
 }  // namespace ceilmeter
