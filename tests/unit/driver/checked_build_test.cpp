@@ -39,9 +39,7 @@ struct file_with_names {
 
 class checked_build : public testing::Test {
  protected:
-  std::string fate_of(const std::string& bytes) {
-    return fate_of_checked_build(m_folder.write("program", bytes));
-  }
+  std::string fate_of(const std::string& bytes) { return fate_of_checked_build(m_folder.write("program", bytes)); }
 
   scratch_folder m_folder;
 };
