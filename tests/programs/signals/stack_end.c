@@ -1,11 +1,14 @@
 // stack_end [ROUNDS]: code runs with its stack pointer at the very end of its stack, and needs no stack. It hears of no
 // fault. A push of its own faults there, and its handler finds that push. A handler that leaves a stack overflow to
 // code elsewhere may leave the stack pointer where it is. Signals reach code at the end of its stack, and find it
-// there.
+// there, also where they interrupt a call over and over.
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/time.h>
+#include <sys/wait.h>
+#include <time.h>
 #include <ucontext.h>
+#include <unistd.h>
 
 #include "guard.h"
 
@@ -16,6 +19,7 @@ void escape(void);
 long run_at(void* sp);
 long push_at(void* sp);
 long spin_at(void* sp, volatile int* word);
+long read_at(void* sp, int file, void* byte);
 long call_and_keep(long (*function)(long));
 
 static char* stack;
@@ -41,8 +45,8 @@ static void hear(int number, siginfo_t* info, void* context) {
   }
 }
 
-static void handle(int number, void (*handler)(int, siginfo_t*, void*)) {
-  struct sigaction action = {.sa_flags = SA_SIGINFO | SA_ONSTACK};
+static void handle(int number, void (*handler)(int, siginfo_t*, void*), int flags) {
+  struct sigaction action = {.sa_flags = SA_SIGINFO | SA_ONSTACK | flags};
   action.sa_sigaction = handler;
   CHECK(sigaction(number, &action, NULL) == 0);
 }
@@ -114,12 +118,50 @@ static void count(int number, siginfo_t* info, void* context) {
 }
 
 static void hears_signals(char* end) {
-  handle(SIGALRM, count);
+  handle(SIGALRM, count, 0);
   for (int room = 0; room < 0x40; room += 16) {
     heard = stop = 0;
     expected_sp = (uint64_t)(end + room);
     CHECK(setitimer(ITIMER_REAL, &soon, NULL) == 0);
     CHECK(spin_at(end + room, &stop) == (long)(end + room));
+  }
+  CHECK(faults == 0);
+}
+
+static volatile int ticks;
+static void tick(int number, siginfo_t* info, void* context) {
+  (void)number;
+  (void)info;
+  const uint64_t sp = ((ucontext_t*)context)->uc_mcontext.sp;
+  CHECK(sp == expected_sp || sp < (uint64_t)stack || sp >= (uint64_t)stack + ROOM);
+  if (sp == expected_sp) ++ticks;
+}
+
+// A call sleeps, and signals that come faster than they are handled interrupt it. It is made again after each of them.
+static void sleeps_in_a_flood(char* end) {
+  handle(SIGALRM, tick, SA_RESTART);
+  for (int room = 0; room < 0x40; room += 16) {
+    int ends[2];
+    CHECK(pipe(ends) == 0);
+    const pid_t child = fork();
+    CHECK(child >= 0);
+    if (child == 0) {
+      const struct timespec while_the_parent_reads = {0, 100000000};
+      nanosleep(&while_the_parent_reads, NULL);
+      _exit(write(ends[1], "x", 1) == 1 ? 0 : 1);
+    }
+    ticks = 0;
+    expected_sp = (uint64_t)(end + room);
+    const struct itimerval often = {{0, 50}, {0, 50}};
+    CHECK(setitimer(ITIMER_REAL, &often, NULL) == 0);
+    char byte = 0;
+    CHECK(read_at(end + room, ends[0], &byte) == 1 && byte == 'x');
+    const struct itimerval never = {{0, 0}, {0, 0}};
+    CHECK(setitimer(ITIMER_REAL, &never, NULL) == 0);
+    CHECK(ticks > 0);
+    int status = -1;
+    CHECK(waitpid(child, &status, 0) == child && status == 0);
+    CHECK(close(ends[0]) == 0 && close(ends[1]) == 0);
   }
   CHECK(faults == 0);
 }
@@ -134,13 +176,14 @@ int main(int argc, char** argv) {
   const stack_t place = {.ss_sp = other, .ss_size = sizeof other};
   CHECK(sigaltstack(&place, NULL) == 0);
   runs_at_the_end(end);  // Without a handler.
-  handle(SIGSEGV, hear);
+  handle(SIGSEGV, hear, 0);
   for (int round = 0; round < rounds; ++round) {
     runs_at_the_end(end);
     faults_by_its_own_push(end);
     leaves_an_overflow(end);
   }
   hears_signals(end);
+  sleeps_in_a_flood(end);
   puts("it runs to the end");
   return 0;
 }
