@@ -14,6 +14,7 @@
 
 #include "bi/mora.h"
 #include "bi/kernel/pages.h"
+#include "bi/kernel/shown_process.h"
 #include "bi/code/stubs.h"
 #include "bi/kernel/syscalls.h"
 #include "common/log.h"
@@ -73,12 +74,13 @@ std::uint64_t map_stack() {
   return address_of(mapping) + size;
 }
 
-// The application's stack under construction. Words grow upwards from the stack pointer. What they point to grows
-// downwards from the top.
+// The application's stack under construction. Words and what they point to grow upwards, in the kernel's order:
 //
-//   sp                                                                                                top
-//   | argc | argv ... 0 | envp ... 0 | auxv ... 0 0 | 0 to 15 bytes | ... strings ... argv[1] | argv[0] |
+//   sp                                                                                                           top
+//   | argc | argv ... 0 | envp ... 0 | auxv ... 0 0 | 0 to 15 bytes | argv[0] argv[1] ... | environment | of auxv |
 //
+// The strings follow each other without a gap. Programs rely on that: to tell the system their title, they write over
+// the arguments from the first one's start to the last one's end, and some over the environment behind them.
 struct stack_writer {
   std::uint64_t* word;
   std::uint8_t* bytes;
@@ -87,9 +89,10 @@ struct stack_writer {
 void push_word(stack_writer& stack, std::uint64_t word) { *stack.word++ = word; }
 
 std::uint64_t push_bytes(stack_writer& stack, const void* bytes, std::size_t size) {
-  stack.bytes -= size;
-  std::memcpy(stack.bytes, bytes, size);
-  return address_of(stack.bytes);
+  std::uint8_t* place = stack.bytes;
+  std::memcpy(place, bytes, size);
+  stack.bytes += size;
+  return address_of(place);
 }
 
 std::uint64_t push_string(stack_writer& stack, const char* string) {
@@ -104,20 +107,28 @@ const Elf64_auxv_t* auxiliary_vector(char** envp) {
 
 const char* string_at(std::uint64_t address) { return reinterpret_cast<const char*>(address); }
 
-// What the stack takes, exactly: its words, its strings, and the random bytes.
-std::uint64_t stack_bytes(const char* path, int argc, char** argv, char** envp) {
+// What the stack takes, in bytes: its words, and the strings and random bytes that they point to.
+struct stack_size {
+  std::uint64_t words;
+  std::uint64_t text;
+};
+
+stack_size size_of_stack(const char* path, int argc, char** argv, char** envp) {
   constexpr std::uint64_t word = sizeof(std::uint64_t);
   constexpr std::uint64_t pair = 2 * word;
-  std::uint64_t size = std::strlen(path) + 1 + RANDOM_BYTES;
-  size += word * (static_cast<std::uint64_t>(argc) + 4);  // The count, the path, and two terminators.
-  for (int index = 0; index < argc; ++index) size += std::strlen(argv[index]) + 1;
-  for (char** variable = envp; *variable != nullptr; ++variable) size += std::strlen(*variable) + 1 + word;
-  for (const Elf64_auxv_t* entry = auxiliary_vector(envp); entry->a_type != AT_NULL; ++entry) {
-    size += pair;
-    if (entry->a_type == AT_PLATFORM) size += std::strlen(string_at(entry->a_un.a_val)) + 1;
-    if (entry->a_type == AT_EXECFN) size += std::strlen(path) + 1;
+  // The count, the path, two terminators, and the pair that ends the vector.
+  stack_size size = {word * (static_cast<std::uint64_t>(argc) + 4) + pair, std::strlen(path) + 1 + RANDOM_BYTES};
+  for (int index = 0; index < argc; ++index) size.text += std::strlen(argv[index]) + 1;
+  for (char** variable = envp; *variable != nullptr; ++variable) {
+    size.words += word;
+    size.text += std::strlen(*variable) + 1;
   }
-  return size + pair;
+  for (const Elf64_auxv_t* entry = auxiliary_vector(envp); entry->a_type != AT_NULL; ++entry) {
+    size.words += pair;
+    if (entry->a_type == AT_PLATFORM) size.text += std::strlen(string_at(entry->a_un.a_val)) + 1;
+    if (entry->a_type == AT_EXECFN) size.text += std::strlen(path) + 1;
+  }
+  return size;
 }
 
 // The application's value for an entry of the tool's vector; pushes what the value points to. The name of the executed
@@ -161,22 +172,29 @@ std::uint64_t auxiliary_value(stack_writer& stack, const Elf64_auxv_t& entry, co
 
 void elf_run(std::uint64_t block, const char* path, int argc, char** argv, char** envp, const elf_aux_values* aux) {
   const std::uint64_t top = map_stack();
-  const std::uint64_t sp = (top - stack_bytes(path, argc, argv, envp)) & ~(STACK_ALIGNMENT - 1);
-  stack_writer stack{reinterpret_cast<std::uint64_t*>(sp), reinterpret_cast<std::uint8_t*>(top)};
+  const stack_size size = size_of_stack(path, argc, argv, envp);
+  const std::uint64_t sp = (top - size.text - size.words) & ~(STACK_ALIGNMENT - 1);
+  stack_writer stack{reinterpret_cast<std::uint64_t*>(sp), reinterpret_cast<std::uint8_t*>(top - size.text)};
+  shown_process shown = {.path = path, .stack = sp, .arguments = address_of(stack.bytes)};
 
   push_word(stack, static_cast<std::uint64_t>(argc) + 1);
   push_word(stack, push_string(stack, path));
   for (int index = 0; index < argc; ++index) push_word(stack, push_string(stack, argv[index]));
   push_word(stack, 0);
+  shown.environment = address_of(stack.bytes);
   for (char** variable = envp; *variable != nullptr; ++variable) push_word(stack, push_string(stack, *variable));
   push_word(stack, 0);
+  shown.environment_end = address_of(stack.bytes);
+  shown.vector = address_of(stack.word);
   for (const Elf64_auxv_t* entry = auxiliary_vector(envp); entry->a_type != AT_NULL; ++entry) {
     push_word(stack, entry->a_type);
     push_word(stack, auxiliary_value(stack, *entry, *aux, path));
   }
   push_word(stack, AT_NULL);
   push_word(stack, 0);
+  shown.vector_size = address_of(stack.word) - shown.vector;
 
+  show_application(shown);
   enter_application(block, sp, engine_stack_word(current_thread));
   log(LEVEL_FATAL, "unexpected return from elf_run");
   std::abort();

@@ -28,6 +28,8 @@ void report_vm_op(vm_op op, std::uint64_t addr, std::uint64_t size, std::uint32_
   test::vm_reports.push_back({op, addr, size, prot, flags, fd, offset, old_addr, old_size});
 }
 
+void show_application(const shown_process& shown) { test::last_shown = shown; }
+
 void tell_plugins_of_loaded_file(const char*, int) {}
 
 extern "C" void enter_application(std::uint64_t block, std::uint64_t sp, std::uint64_t*) { test::on_enter(block, sp); }
@@ -66,6 +68,7 @@ void come_back(std::uint64_t block, std::uint64_t sp) {
 }  // namespace
 
 std::vector<vm_report> vm_reports;
+shown_process last_shown{};
 std::uint64_t faked_page_size = kernel_page_size();
 enter_hook on_enter = come_back;
 mmap_decision mmap_refusal = nullptr;

@@ -7,6 +7,7 @@
 #include <iosfwd>
 #include <vector>
 
+#include "bi/kernel/shown_process.h"
 #include "elf/elf_loader.h"
 #include "elf/initial_stack.h"
 
@@ -30,6 +31,9 @@ struct vm_report {
 void PrintTo(const vm_report& report, std::ostream* stream);
 
 extern std::vector<vm_report> vm_reports;
+
+// What the last call of show_application was given.
+extern shown_process last_shown;
 
 // What page_size() answers; the kernel's own at the start.
 extern std::uint64_t faked_page_size;

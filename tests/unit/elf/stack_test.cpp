@@ -197,10 +197,11 @@ TEST_F(application_stack, has_a_copy_of_the_random_bytes) {
   const parsed_stack stack = build("/app", {});
   const std::uint64_t address = stack.auxiliary.back().second;
   EXPECT_EQ(memory_at(address, 16), std::string(random_bytes, 16));
-  EXPECT_EQ(address, stack.auxiliary.at(stack.auxiliary.size() - 2).second - 16) << "right below the string before it";
+  EXPECT_EQ(address + 16, stack.top);
 }
 
-TEST_F(application_stack, has_the_strings_from_the_top_downwards_without_gaps) {
+// Programs that write their title over the arguments rely on it.
+TEST_F(application_stack, has_the_strings_in_order_without_gaps) {
   vectors.add_variable("A=1");
   vectors.add_variable("B=22");
   add_every_auxiliary_type();
@@ -210,11 +211,34 @@ TEST_F(application_stack, has_the_strings_from_the_top_downwards_without_gaps) {
   for (const auto& [type, value] : stack.auxiliary) {
     if (type == AT_PLATFORM || type == AT_EXECFN) addresses.push_back(value);
   }
-  std::uint64_t above = stack.top;
+  std::uint64_t next = addresses.at(0);
   for (const std::uint64_t address : addresses) {
-    EXPECT_EQ(address + string_at(address).size() + 1, above) << string_at(address);
-    above = address;
+    EXPECT_EQ(address, next) << string_at(address);
+    next = address + string_at(address).size() + 1;
   }
+  EXPECT_EQ(next, stack.auxiliary.back().second);
+}
+
+TEST_F(application_stack, is_what_the_kernel_is_to_show) {
+  vectors.add_variable("A=1");
+  vectors.add_variable("B=22");
+  add_every_auxiliary_type();
+  const parsed_stack stack = build("/path/of/app", {"one", "two"});
+  EXPECT_STREQ(last_shown.path, "/path/of/app");
+  EXPECT_EQ(last_shown.stack, stack.sp);
+  EXPECT_EQ(last_shown.arguments, stack.arguments.at(0));
+  EXPECT_EQ(last_shown.environment, stack.environment.at(0));
+  EXPECT_EQ(last_shown.environment_end, stack.environment.at(1) + 5);
+  const auto* vector = reinterpret_cast<const std::uint64_t*>(last_shown.vector);
+  EXPECT_EQ(vector[0], stack.auxiliary.at(0).first);
+  EXPECT_EQ(last_shown.vector_size, (stack.auxiliary.size() + 1) * 16);
+  EXPECT_EQ(last_shown.vector + last_shown.vector_size, stack.words_end);
+}
+
+TEST_F(application_stack, without_an_environment_shows_none) {
+  const parsed_stack stack = build("/app", {});
+  EXPECT_EQ(last_shown.environment, stack.arguments.at(0) + 5);
+  EXPECT_EQ(last_shown.environment_end, last_shown.environment);
 }
 
 TEST_F(application_stack, takes_the_bytes_it_needs_and_no_more_than_the_alignment_costs) {
@@ -224,22 +248,21 @@ TEST_F(application_stack, takes_the_bytes_it_needs_and_no_more_than_the_alignmen
     vectors.add_variable("A=1");
     add_every_auxiliary_type();
     const parsed_stack stack = build("/" + std::string(length, 'p'), {"one", "two"});
-    const std::uint64_t lowest_string = stack.auxiliary.back().second;
+    const std::uint64_t lowest_string = stack.arguments.at(0);
     EXPECT_EQ(stack.sp % 16, 0U) << "path of " << length + 1;
     EXPECT_LE(stack.words_end, lowest_string) << "path of " << length + 1;
     EXPECT_LT(lowest_string - stack.words_end, 16U) << "path of " << length + 1;
   }
 }
 
-// The 16 bytes of AT_RANDOM are counted whether or not they come, so that the lowest string is a little further away.
 TEST_F(application_stack, is_aligned_for_every_count_of_arguments) {
   std::vector<std::string> arguments;
   for (int count = 0; count < 20; ++count) {
     const parsed_stack stack = build("/app", arguments);
-    const std::uint64_t lowest_string = stack.arguments.back();
+    const std::uint64_t lowest_string = stack.arguments.at(0);
     EXPECT_EQ(stack.sp % 16, 0U) << count;
-    EXPECT_GE(lowest_string - stack.words_end, 16U) << count;
-    EXPECT_LT(lowest_string - stack.words_end, 32U) << count;
+    EXPECT_GE(lowest_string, stack.words_end) << count;
+    EXPECT_LT(lowest_string - stack.words_end, 16U) << count;
     arguments.push_back(std::string(static_cast<std::size_t>(count), 'a'));
   }
 }
@@ -260,7 +283,7 @@ TEST_F(application_stack, takes_4000_arguments_and_a_megabyte_of_environment) {
   EXPECT_EQ(strings_at(stack.arguments), expected);
   EXPECT_EQ(strings_at(stack.environment), environment);
   EXPECT_EQ(stack.sp % 16, 0U);
-  EXPECT_LT(stack.auxiliary.back().second - stack.words_end, 16U);
+  EXPECT_LT(stack.arguments.at(0) - stack.words_end, 16U);
 }
 
 TEST_F(application_stack, can_be_written_down_to_its_last_byte) {
