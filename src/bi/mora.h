@@ -314,6 +314,7 @@ struct engine_globals {
   std::uint64_t brk;  // The emulated program break and its first value. Under the next lock.
   std::uint64_t initial_brk;
   owned_lock brk_lock;
+  std::uint64_t first_size;  // What was mapped when the application began, in bytes; 0: not known.
   thread_data* thread_list;      // Under the next lock.
   thread_data* hosted_children;  // The same, see kernel/hosted_child.h.
   owned_lock thread_list_lock;
@@ -377,6 +378,7 @@ void init_thread(thread_data* thread);
 const char* try_init_thread(thread_data* thread);
 
 // What to do when the kernel refuses memory for a thread, for log lines.
+inline constexpr std::uint64_t THREAD_ADDRESS_SPACE = std::uint64_t{37} << 20;
 inline constexpr char THREAD_MEMORY_REMEDY[] =
     "each thread takes 37 MiB of address space, 16 MiB of it writable and executable: raise the limits of address "
     "space (ulimit -v) and of committed memory, or allow such memory";

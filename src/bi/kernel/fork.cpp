@@ -14,6 +14,7 @@
 #include "bi/code/code_epoch.h"
 #include "bi/kernel/checked_copy.h"
 #include "bi/kernel/ending_threads.h"
+#include "bi/signals/ending_signals.h"
 #include "bi/signals/held_mask.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/stub_layout.h"
@@ -182,6 +183,7 @@ void reinit_after_fork(thread_data* thread) {
   current_thread = thread;
   thread->tid = gettid();
   thread->process = getpid();
+  spare_first_process(thread);
   // The thread is now the process's first one and no pthread of the C library any more. It ends as the parent's first
   // thread does, and the clone itself has told the kernel which word to clear then.
   thread->engine_sp = 0;

@@ -25,7 +25,7 @@ constexpr std::uint64_t acted_on[] = {
     SYS_rt_sigreturn, SYS_shmat,       SYS_shmdt,           SYS_socket,      SYS_accept,
     SYS_brk,          SYS_munmap,      SYS_mremap,          SYS_clone,       SYS_mmap,
     SYS_mprotect,     SYS_accept4,     SYS_membarrier,      SYS_clone3,      SYS_rseq,
-    SYS_prctl,        SYS_CLOSE_RANGE,
+    SYS_prctl,        SYS_CLOSE_RANGE, SYS_mlockall,
 };
 
 constexpr std::array<std::uint8_t, QUICK_CALL_NUMBERS> passed_on = [] {

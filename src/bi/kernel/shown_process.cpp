@@ -1,5 +1,5 @@
-// The kernel takes all the places of a process's memory map at once, or none. Those that stay the tool's, code, data and
-// heap, are the ones that it tells in /proc/self/stat: its heap goes on to be the one that brk moves.
+// The kernel takes all the places of a process's memory map at once, or none. Those that stay the tool's, code, data
+// and heap, are the ones that it tells in /proc/self/stat: its heap goes on to be the one that brk moves.
 #include "bi/kernel/shown_process.h"
 
 #include <fcntl.h>
@@ -11,13 +11,14 @@
 #include <cstring>
 
 #include "bi/code/stubs.h"
+#include "bi/mora.h"
 
 namespace ceilmeter {
 
 namespace {
 
 // Fields of /proc/self/stat, counted from 1. The second one is a name in parentheses, which may hold anything.
-enum stat_field : int { START_CODE = 26, END_CODE = 27, START_DATA = 45, END_DATA = 46, START_BRK = 47, FIELDS = 52 };
+enum stat_field : int { SIZE = 23, START_CODE = 26, END_CODE = 27, START_DATA = 45, END_DATA = 46, START_BRK = 47, FIELDS = 52 };
 
 struct stat_fields {
   std::uint64_t values[FIELDS + 1];
@@ -56,6 +57,7 @@ void show_application(const shown_process& shown) {
   take_name(shown.path);
   stat_fields fields{};
   if (!read_stat(&fields)) return;
+  engine.first_size = fields.values[SIZE];
   prctl_mm_map map{};
   map.start_code = fields.values[START_CODE];
   map.end_code = fields.values[END_CODE];

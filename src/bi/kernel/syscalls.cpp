@@ -22,6 +22,7 @@
 #include "bi/kernel/executable_path.h"
 #include "bi/kernel/fork.h"
 #include "bi/kernel/hosted_child.h"
+#include "bi/kernel/locked_memory.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/signals/application_stack.h"
 #include "bi/signals/signal_actions.h"
@@ -154,6 +155,7 @@ call_action act_on_syscall(std::uint64_t number, std::uint64_t* args, thread_dat
       return call_action::MAKE;
     case SYS_mmap: *result = handle_mmap(args); return call_action::HANDLED;
     case SYS_mprotect: *result = handle_mprotect(args); return call_action::HANDLED;
+    case SYS_mlockall: *result = handle_mlockall(args[0]); return call_action::HANDLED;
     case SYS_membarrier:
       settle_code_epoch(thread);  // One of its commands makes all threads see changed code.
       return call_action::MAKE;

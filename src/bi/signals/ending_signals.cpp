@@ -23,6 +23,8 @@ namespace {
 
 constexpr std::int64_t ONE_REQUEST_NS = 500'000'000;
 
+constexpr pid_t SPARED_PROCESS = 1;
+
 // 32 and 33 are the C libraries' own, see kernel/threads.cpp.
 constexpr int FIRST_PROGRAM_SIGNAL = 34;
 
@@ -52,6 +54,12 @@ bool is_user_request(int signum) {
   return signum == SIGINT || signum == SIGTERM || signum == SIGHUP || signum == SIGQUIT;
 }
 
+void give_default_action(int signum) {
+  // The kernel's struct sigaction: all words 0 are the default action.
+  const std::uint64_t default_action[4] = {};
+  raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(default_action), 0, KERNEL_SIGSET_SIZE);
+}
+
 bool has_default_action(int signum) {
   return std::atomic_ref(application_handlers()[signum]).load(std::memory_order_relaxed) == 0;
 }
@@ -59,12 +67,19 @@ bool has_default_action(int signum) {
 }  // namespace
 
 void catch_ending_signals() {
-  constexpr pid_t spared = 1;
-  engine.process = getpid() != spared ? getpid() : 0;
+  engine.process = getpid() != SPARED_PROCESS ? getpid() : 0;
   if (engine.process == 0) return;
   for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
     if (signum != SIGILL && ends_by_default(signum)) catch_default_action(signum);
   }
+}
+
+void spare_first_process(const thread_data* thread) {
+  if (thread->process != SPARED_PROCESS || engine.process == 0) return;
+  for (int signum = 1; signum < SIGNAL_COUNT; ++signum) {
+    if (is_caught_default(signum)) give_default_action(signum);
+  }
+  engine.process = 0;
 }
 
 bool is_ending_signal(int signum) { return ends_by_default(signum) && engine.process == getpid(); }
@@ -83,9 +98,7 @@ bool is_second_request(const siginfo_t& info) {
 }
 
 void raise_default(int signum) {
-  // The kernel's struct sigaction: all words 0 are the default action.
-  const std::uint64_t default_action[4] = {};
-  raw_syscall(SYS_rt_sigaction, static_cast<std::uint64_t>(signum), address_of(default_action), 0, KERNEL_SIGSET_SIZE);
+  give_default_action(signum);
   raw_syscall(SYS_tgkill, static_cast<std::uint64_t>(getpid()), static_cast<std::uint64_t>(gettid()),
               static_cast<std::uint64_t>(signum));
 }

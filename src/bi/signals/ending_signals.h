@@ -2,17 +2,23 @@
 // counted would be gone. The engine therefore catches these signals while the application leaves them to their default
 // action: the process ends as after exit_group, with all its events, and then by the signal.
 //
-// It does so in the process that mora_run was called in. A child that the application has made ends on the spot. So
-// does a process whose parent is the kernel's own (process 1): such a process is spared by default actions.
+// It does so in the process that mora_run was called in. A child that the application has made ends on the spot. The
+// first process of a system or of a namespace (process 1) is spared by default actions: there nothing is caught.
 #pragma once
 
 #include <csignal>
 #include <cstdint>
 
+#include "bi/mora.h"
+
 namespace ceilmeter {
 
 // Catches every such signal that has its default action now. Call it when the thread has its record.
 void catch_ending_signals();
+
+// In the child of a fork, once its record has its process id: what was caught is caught no more if the child is the
+// first process of a namespace.
+void spare_first_process(const thread_data* thread);
 
 // Whether the signal ends this process by its default action, and plug-ins are to hear of it first.
 bool is_ending_signal(int signum);
