@@ -314,7 +314,7 @@ struct engine_globals {
   std::uint64_t brk;  // The emulated program break and its first value. Under the next lock.
   std::uint64_t initial_brk;
   owned_lock brk_lock;
-  std::uint64_t first_size;  // What was mapped when the application began, in bytes; 0: not known.
+  std::uint64_t first_size;      // What was mapped when the application began, in bytes; 0: not known.
   thread_data* thread_list;      // Under the next lock.
   thread_data* hosted_children;  // The same, see kernel/hosted_child.h.
   owned_lock thread_list_lock;

@@ -18,7 +18,15 @@ namespace ceilmeter {
 namespace {
 
 // Fields of /proc/self/stat, counted from 1. The second one is a name in parentheses, which may hold anything.
-enum stat_field : int { SIZE = 23, START_CODE = 26, END_CODE = 27, START_DATA = 45, END_DATA = 46, START_BRK = 47, FIELDS = 52 };
+enum stat_field : int {
+  SIZE = 23,
+  START_CODE = 26,
+  END_CODE = 27,
+  START_DATA = 45,
+  END_DATA = 46,
+  START_BRK = 47,
+  FIELDS = 52
+};
 
 struct stat_fields {
   std::uint64_t values[FIELDS + 1];
