@@ -1,8 +1,8 @@
-// Whoever sleeps has set SHARED_LOCK_HAS_WAITERS, and sleeps on the very value that has it. Who takes the bit away wakes
-// all of them; who goes on waiting sets it again. A wake that comes before the sleep is not lost: the value is another
-// one then.
+// Whoever sleeps has set SHARED_LOCK_HAS_WAITERS, and sleeps on the very value that has it. Who takes the bit away
+// wakes all of them; who goes on waiting sets it again. A wake that comes before the sleep is not lost: the value is
+// another one then.
 //
-//   a share is waited for   its one is in the word already: nobody else can get the lock alone behind the one who has it
+//   a share is waited for   its one is in the word already: nobody else gets the lock alone behind the one who has it
 //   alone is waited for     until the word has neither a share nor the bit of another thread that is alone
 #include "bi/containers/shared_lock.h"
 
