@@ -129,7 +129,7 @@ int mora_run(int argc, char** argv, char** envp) {
   owned_lock_init(&engine.signal_handlers_lock);
   install_sigill_handler();
   install_last_words();
-  pthread_rwlock_init(&engine.callbacks_lock, nullptr);
+  shared_lock_init(&engine.callbacks_lock);
   owned_lock_init(&engine.function_watch_lock);
   robin_map_init(&engine.function_watches, sizeof(function_watch));
 

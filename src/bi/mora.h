@@ -8,8 +8,6 @@
 // pending signals at any moment. Code caches are private to a thread, so patching code needs no lock.
 #pragma once
 
-#include <pthread.h>
-
 #include <cstddef>
 #include <cstdint>
 
@@ -20,6 +18,7 @@
 #include "bi/containers/linked_pool.h"
 #include "bi/containers/owned_lock.h"
 #include "bi/containers/robin_map.h"
+#include "bi/containers/shared_lock.h"
 #include "bi/code/stub_layout.h"
 #include "bi/code/written_code.h"
 #include "bi/kernel/pages.h"
@@ -322,7 +321,7 @@ struct engine_globals {
   std::uint64_t plugins[MAX_PLUGINS][PLUGIN_SLOTS];  // Slots 1 to 18: callbacks by event; 19: the plug-in's data.
   // Plug-ins' code runs with this lock shared. A fork holds it alone, so that the child finds plug-ins' data and the
   // heap as they are between two callbacks. Taken after brk_lock and before function_watch_lock.
-  pthread_rwlock_t callbacks_lock;
+  shared_lock callbacks_lock;
   owned_lock function_watch_lock;
   robin_map function_watches;  // Function address to its record. Under function_watch_lock.
   // Held over a call that changes the application's mappings, and over what the engine notes of it. Taken after

@@ -58,10 +58,10 @@ bb_record* find_block(const mora_context* ctx, bb_node* newest, std::uint64_t se
   return nullptr;
 }
 
-bb_record* add_block(bintracer_thread& thread, std::uint64_t start, std::uint64_t segment) {
-  bb_record& record = thread.blocks.add(start).record;
+bb_record* add_block(bintracer_thread& thread, block_store::place place, std::uint64_t segment) {
+  bb_record& record = thread.blocks.add(place).record;
   record.map_seg_id = segment;
-  if (tool_logs_traces()) log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", start, segment);
+  if (tool_logs_traces()) log(LEVEL_TRACE, "For basic_block with start=%lx, map_seg_id=%lx", place.start, segment);
   return &record;
 }
 
@@ -278,8 +278,9 @@ int pre_bb_cb(mora_context* ctx) {
   // A block that is translated anew, for instance after a flush of the code cache, keeps its counter.
   bintracer_t& of_process = *thread.tracer;
   const std::uint64_t segment = of_process.search_segment(start, thread.segment);
-  bb_record* known = find_block(ctx, thread.blocks.find(start), segment);
-  thread.current_bb = known != nullptr ? known : add_block(thread, start, segment);
+  const block_store::place place = thread.blocks.find_place(start);
+  bb_record* known = find_block(ctx, thread.blocks.newest_at(place), segment);
+  thread.current_bb = known != nullptr ? known : add_block(thread, place, segment);
   if (of_process.get_mode() == MODE_TOTAL) {
     emit_count(ctx, *thread.current_bb);
   } else {

@@ -46,21 +46,21 @@ block_store::piece* block_store::make_piece(std::size_t bytes) {
   return new (memory) piece{nullptr, bytes, 0, (bytes - sizeof(piece)) / sizeof(bb_node), is_mapped};
 }
 
-bb_node& block_store::add(std::uint64_t start) {
-  if (start_count * 3 >= slot_count * 2) grow_slots();
+bb_node& block_store::add(place where) {
+  if (start_count * 3 >= slot_count * 2) {
+    grow_slots();
+    where = find_place(where.start);
+  }
   if (newest_piece == nullptr || newest_piece->used == newest_piece->room) {
     const std::size_t last = newest_piece != nullptr ? newest_piece->bytes : 0;
     piece* added = make_piece(std::clamp(2 * last, first_piece, largest_piece));
     added->older = newest_piece;
     newest_piece = added;
   }
-  auto* node = new (newest_piece->nodes() + newest_piece->used++) bb_node;
-  node->record.start = start;
-  bb_node*& newest = slots[slot_of(start)];
+  bb_node*& newest = slots[where.slot];
   if (newest == nullptr) ++start_count;
-  node->older = newest;
-  newest = node;
-  return *node;
+  newest = new (newest_piece->nodes() + newest_piece->used++) bb_node{{.start = where.start}, newest};
+  return *newest;
 }
 
 void block_store::grow_slots() {

@@ -38,11 +38,22 @@ class block_store {
   block_store& operator=(const block_store&) = delete;
   ~block_store();
 
-  // The newest block that begins at `start`; null if there is none.
-  bb_node* find(std::uint64_t start) const { return slot_count != 0 ? slots[slot_of(start)] : nullptr; }
+  // Where the blocks that begin at an address belong. Good until a block is added.
+  struct place {
+    std::uint64_t start;
+    std::size_t slot;
+  };
+  place find_place(std::uint64_t start) const { return {start, slot_count != 0 ? slot_of(start) : 0}; }
 
-  // A new block, the newest of its start and of all. It stays where it is as long as the store.
-  bb_node& add(std::uint64_t start);
+  // The newest of the place's blocks; null if there is none.
+  bb_node* newest_at(place where) const { return slot_count != 0 ? slots[where.slot] : nullptr; }
+
+  // A new block, the newest of its place and of all. It stays where it is as long as the store.
+  bb_node& add(place where);
+
+  // The same by address.
+  bb_node* find(std::uint64_t start) const { return newest_at(find_place(start)); }
+  bb_node& add(std::uint64_t start) { return add(find_place(start)); }
 
   // Different starts.
   std::size_t size() const { return start_count; }

@@ -17,22 +17,30 @@ inline constexpr std::uint32_t XZR = 31;
 inline constexpr std::uint32_t POST_INDEX = 1;
 inline constexpr std::uint32_t PRE_INDEX = 3;
 
-// Loads `value` into register `reg`: MOVZ of the low 16 bits, then MOVK for each higher 16 bits that are not zero. One
-// to four words, without padding; *write moves past them.
-//
-// This and the next ones are written for every block, so they are whole words here and not calls of the encoders.
-inline void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64_t value) {
-  constexpr std::uint32_t MOVZ_X0 = 0xd2800000;  // movz x0, #0
+// MOVK of the 16 bits of `value` from bit 16 * part on into register `reg`, unless they are 0. Returns where the next
+// word goes.
+inline std::uint32_t* a64_put_movk(std::uint32_t* at, std::uint32_t reg, std::uint64_t value, std::uint32_t part) {
   constexpr std::uint32_t MOVK_X0 = 0xf2800000;  // movk x0, #0
   constexpr int IMM16 = 5;
   constexpr int HW = 21;
+  const auto bits = static_cast<std::uint32_t>(value >> 16 * part & 0xffff);
+  if (bits != 0) *at++ = MOVK_X0 | part << HW | bits << IMM16 | reg;
+  return at;
+}
+
+// Loads `value` into register `reg`: MOVZ of the low 16 bits, then MOVK for each higher 16 bits that are not zero. One
+// to four words, without padding; *write moves past them.
+//
+// This and the next ones are written for every block, so they are whole words here and not calls of the encoders. A
+// loop over the parts would cost twice as much.
+inline void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64_t value) {
+  constexpr std::uint32_t MOVZ_X0 = 0xd2800000;  // movz x0, #0
+  constexpr int IMM16 = 5;
   std::uint32_t* at = *write;
   *at++ = MOVZ_X0 | static_cast<std::uint32_t>(value & 0xffff) << IMM16 | reg;
-  std::uint32_t next = MOVK_X0 | reg;
-  for (value >>= 16; value != 0; value >>= 16) {
-    next += std::uint32_t{1} << HW;
-    const auto part = static_cast<std::uint32_t>(value & 0xffff);
-    if (part != 0) *at++ = next | part << IMM16;
+  if (value >> 16 != 0) {
+    at = a64_put_movk(at, reg, value, 1);
+    if (value >> 32 != 0) at = a64_put_movk(a64_put_movk(at, reg, value, 2), reg, value, 3);
   }
   *write = at;
 }

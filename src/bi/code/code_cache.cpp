@@ -45,11 +45,19 @@ void start_without_fragments(thread_data* thread) {
   deliver_flush();
 }
 
+namespace {
+
+bool has_free_block(const thread_data* thread) { return thread->next_block <= BB_FLUSH_THRESHOLD; }
+
+void flush_full_cache(thread_data* thread) {
+  log(LEVEL_TRACE, "code cache full, flushing it");
+  flush_code_cache(thread);
+}
+
+}  // namespace
+
 std::int32_t allocate_bb(thread_data* thread) {
-  if (thread->next_block > BB_FLUSH_THRESHOLD) {
-    log(LEVEL_TRACE, "code cache full, flushing it");
-    flush_code_cache(thread);
-  }
+  if (!has_free_block(thread)) flush_full_cache(thread);
   return thread->next_block++;
 }
 
@@ -115,21 +123,11 @@ std::uint64_t lookup_or_stub(thread_data* thread, std::uint64_t source) {
   return stub_bb(thread, source);
 }
 
-std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id) {
-  if (engine_logs_traces()) log(LEVEL_TRACE, "scan(%p)", reinterpret_cast<void*>(source));
-  const bool is_new = bb_id == 0;
-  // Blocks that lie close together at the end of the range of hashes can fill the table up to its last slot.
-  const std::uint64_t key = block_key(thread, source);
-  if (is_new && !hash_has_room(&thread->entry_table.table, key)) flush_code_cache(thread);
-  if (is_new) bb_id = allocate_bb(thread);
-  std::uint8_t* block = block_address(thread, bb_id);
-  const std::uint64_t address = address_of(block);
-  thread->metas[bb_id].source_addr = source;
-  thread->metas[bb_id].cache_entry = address;
-  if (is_new && !hash_add(&thread->entry_table.table, key, address)) {
-    log(LEVEL_FATAL, "failed to add hash table entry for newly created basic block");
-  }
+namespace {
 
+// Rewrites the code at `source` into the block, which is a new one, or one that was reserved.
+std::uint64_t scan_into(thread_data* thread, std::uint64_t source, std::int32_t bb_id, bool is_new) {
+  std::uint8_t* block = block_address(thread, bb_id);
   const std::int32_t first_added = thread->next_block;
   const std::uint32_t seen_before = thread->flush_seen;
   thread->flush_seen = 0;
@@ -152,7 +150,45 @@ std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id
     note_written(thread->written, block, thread->code_cache + BB_AREA_SIZE);
     note_written(thread->written, block_address(thread, stub_block_count()), block_address(thread, thread->next_block));
   }
-  return address;
+  return address_of(block);
+}
+
+void set_place(thread_data* thread, std::int32_t bb_id, std::uint64_t source) {
+  thread->metas[bb_id].source_addr = source;
+  thread->metas[bb_id].cache_entry = address_of(block_address(thread, bb_id));
+}
+
+// A flush, and where the key belongs in the empty table.
+[[gnu::noinline]] hash_entry* flush_for_slot(thread_data* thread, std::uint64_t key, bool table_is_full) {
+  if (table_is_full) {
+    flush_code_cache(thread);
+  } else {
+    flush_full_cache(thread);
+  }
+  return hash_find_slot(&thread->entry_table.table, key);
+}
+
+// Rewrites the code at `source` into a new block. `slot` is what hash_find_slot has found for the block's key.
+std::uint64_t scan_new(thread_data* thread, std::uint64_t source, std::uint64_t key, hash_entry* slot) {
+  if (engine_logs_traces()) log(LEVEL_TRACE, "scan(%p)", reinterpret_cast<void*>(source));
+  // Blocks that lie close together at the end of the range of hashes can fill the table up to its last slot.
+  if (slot == nullptr || !has_free_block(thread)) slot = flush_for_slot(thread, key, slot == nullptr);
+  const std::int32_t bb_id = thread->next_block++;
+  set_place(thread, bb_id, source);
+  hash_fill_slot(&thread->entry_table.table, slot, key, thread->metas[bb_id].cache_entry);
+  return scan_into(thread, source, bb_id, true);
+}
+
+}  // namespace
+
+std::uint64_t scan(thread_data* thread, std::uint64_t source, std::int32_t bb_id) {
+  if (bb_id == 0) {
+    const std::uint64_t key = block_key(thread, source);
+    return scan_new(thread, source, key, hash_find_slot(&thread->entry_table.table, key));
+  }
+  if (engine_logs_traces()) log(LEVEL_TRACE, "scan(%p)", reinterpret_cast<void*>(source));
+  set_place(thread, bb_id, source);
+  return scan_into(thread, source, bb_id, false);
 }
 
 namespace {
@@ -173,21 +209,16 @@ std::uint64_t scan_reserved(thread_data* thread, std::uint64_t source, std::int3
 
 std::uint64_t _lookup_or_scan(thread_data* thread, std::uint64_t source, std::int32_t* out_cached) {
   if (engine_logs_traces()) log(LEVEL_TRACE, "thread_data: %p", static_cast<void*>(thread));
-  std::uint64_t address = hash_lookup_entry(thread, block_key(thread, source));
-  std::int32_t cached = 0;
-  if (address == HASH_MISS) {
-    address = scan(thread, source, 0);
-  } else if (is_in_traces(thread, address)) {
-    cached = 1;
-  } else {
+  if (out_cached != nullptr) *out_cached = 0;
+  const std::uint64_t key = block_key(thread, source);
+  hash_entry* const slot = hash_find_slot(&thread->entry_table.table, key);
+  if (slot == nullptr || slot->key == 0) return scan_new(thread, source, key, slot);
+  const std::uint64_t address = slot->value;
+  if (!is_in_traces(thread, address)) {
     const std::int32_t bb_id = cc_addr_to_bb_id(thread, address);
-    if (thread->metas[bb_id].exit_kind == EXIT_STUB_BLOCK) {
-      address = scan_reserved(thread, source, bb_id);
-    } else {
-      cached = 1;
-    }
+    if (thread->metas[bb_id].exit_kind == EXIT_STUB_BLOCK) return scan_reserved(thread, source, bb_id);
   }
-  if (out_cached != nullptr) *out_cached = cached;
+  if (out_cached != nullptr) *out_cached = 1;
   return address;
 }
 
@@ -252,14 +283,30 @@ std::int32_t exit_owner(const thread_data* thread, std::uint64_t pc) {
   return id;
 }
 
-void record_cc_link(thread_data* thread, std::uint64_t from, std::uint64_t to) {
-  const std::int32_t bb_id = cc_addr_to_bb_id(thread, to);
-  if (engine_logs_traces()) log(LEVEL_TRACE, "Linked 0x%lx (%d) from 0x%lx", to, bb_id, from);
+namespace {
+
+void add_link(thread_data* thread, std::int32_t bb_id, std::uint64_t from) {
   if (bb_id < 0) return;
   cc_link* link = linked_pool_alloc(thread->cc_link_pool);
   link->word = from;
   link->next = thread->metas[bb_id].linked_from;
   thread->metas[bb_id].linked_from = link;
+}
+
+[[gnu::noinline]] void log_and_add_link(thread_data* thread, std::int32_t bb_id, std::uint64_t from, std::uint64_t to) {
+  log(LEVEL_TRACE, "Linked 0x%lx (%d) from 0x%lx", to, bb_id, from);
+  add_link(thread, bb_id, from);
+}
+
+}  // namespace
+
+void record_cc_link(thread_data* thread, std::uint64_t from, std::uint64_t to) {
+  const std::int32_t bb_id = cc_addr_to_bb_id(thread, to);
+  if (engine_logs_traces()) {
+    log_and_add_link(thread, bb_id, from, to);
+  } else {
+    add_link(thread, bb_id, from);  // Without a frame.
+  }
 }
 
 }  // namespace ceilmeter

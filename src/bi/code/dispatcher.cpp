@@ -67,9 +67,17 @@ void link_first_side_of_compare(thread_data* thread, bb_meta& meta, bool taken, 
   note_written(thread->written, exit, exit + 3);
 }
 
+// The branch of the fragment's exit, with this condition, over the word behind it.
+void put_exit_branch(const bb_meta& meta, std::uint32_t* place, std::uint32_t condition) {
+  exit_branch branch = unpack_exit_branch(meta);
+  branch.condition = condition;
+  encode_exit_branch(place, branch, address_of(place + 2));
+}
+
 void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, std::uint64_t entry) {
   const bool taken = target == meta.taken_source_addr;
-  const std::uint64_t other = hash_lookup_entry(thread, taken ? meta.skipped_source_addr : meta.taken_source_addr);
+  const std::uint64_t other_source = taken ? meta.skipped_source_addr : meta.taken_source_addr;
+  const std::uint64_t other = hash_lookup(&thread->entry_table.table, other_source);
   meta.link_state = taken ? LINK_TAKEN_FIRST : LINK_SKIPPED_FIRST;
   if (meta.exit_kind == EXIT_COMPARE) {
     link_first_side_of_compare(thread, meta, taken, entry, other);
@@ -77,7 +85,7 @@ void link_first_side(thread_data* thread, bb_meta& meta, std::uint64_t target, s
   }
   const auto condition = static_cast<std::uint32_t>(meta.exit_condition);
   std::uint32_t* write = meta.exit_code_addr;
-  insert_cond_exit_branch(meta, &write, taken ? condition ^ 1 : condition);
+  put_exit_branch(meta, write++, taken ? condition ^ 1 : condition);
   a64_branch_and_link(thread, write++, entry);
   if (other != HASH_MISS) {
     a64_branch_and_link(thread, write++, other + ENTRY_WORD_SIZE);
@@ -128,8 +136,7 @@ void put_inline_lookup(thread_data* thread, std::int32_t bb_id, code_writer code
   put_lookup_miss(thread, bb_id, code, target, x2_is_saved);
 }
 
-std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
-  if (!engine_logs_traces()) return lookup_or_scan(thread, target);
+std::uint64_t find_block_and_log(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
   std::int32_t cached = 0;
   const std::uint64_t found = _lookup_or_scan(thread, target, &cached);
   if (cached != 0) {
@@ -138,6 +145,10 @@ std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t
     log(LEVEL_TRACE, "scanned at 0x%lx for 0x%lx", found, target);
   }
   return found;
+}
+
+inline std::uint64_t find_block(thread_data* thread, std::uint64_t target, std::int32_t source_index) {
+  return engine_logs_traces() ? find_block_and_log(thread, target, source_index) : lookup_or_scan(thread, target);
 }
 
 // A branch ignores the top byte of an address of the application's half, and `pc` then has none. The inline lookup
@@ -265,10 +276,7 @@ void a64_branch_and_link(thread_data* thread, std::uint32_t* from, std::uint64_t
 void insert_cond_exit_branch(const bb_meta& meta, std::uint32_t** write, std::uint32_t condition) {
   if (meta.exit_kind == EXIT_DIRECT) return;
   if (!is_conditional_exit(meta.exit_kind)) log(LEVEL_FATAL, "insert_cond_exit_branch(): unknown branch type");
-  exit_branch branch = unpack_exit_branch(meta);
-  branch.condition = condition;
-  encode_exit_branch(*write, branch, address_of(*write + 2));
-  ++*write;
+  put_exit_branch(meta, (*write)++, condition);
 }
 
 void a64_branch_reg(thread_data* thread, std::int32_t bb_id, std::uint32_t** write, const std::uint32_t* read_address,

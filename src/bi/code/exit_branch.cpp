@@ -122,36 +122,32 @@ std::uint32_t log2_of_bytes(std::uint32_t width) { return width == 8 ? 0 : width
 }  // namespace
 
 bool decode_exit_branch(std::uint32_t word, exit_branch* out) {
-  // Bit 24 of CBZ and TBZ is the sense. The class is known, so the fields are a shift each.
-  const std::uint32_t sense = word >> 24 & 1;
-  const std::uint32_t reg = word & EXIT_REGISTER_MASK;
-  switch (a64_decode(&word)) {
-    case A64_B_COND: *out = {.kind = EXIT_B_COND, .condition = word & 15}; return true;
+  switch (const int inst = a64_decode(&word)) {
+    case A64_B_COND:
     case A64_CBZ:
-      *out = {.kind = EXIT_CBZ, .condition = sense, .reg = reg, .width = word >> 31 != 0 ? 64U : 32U};
-      return true;
-    case A64_TBZ:
-      *out = {.kind = EXIT_TBZ, .condition = sense, .reg = reg, .bit = (word >> 26 & 0x20) | (word >> 19 & 0x1f)};
-      return true;
+    case A64_TBZ: *out = exit_branch_of_class(word, inst); return true;
     case A64_NOT_RECOGNISED: return decode_compare(word, out);
     default: return false;
   }
 }
 
-void encode_compare_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to) {
+void encode_compare_branch(std::uint32_t* place, exit_branch branch, std::uint64_t to) {
   if (branch.kind != EXIT_COMPARE) log(LEVEL_FATAL, "no conditional branch: %d", static_cast<int>(branch.kind));
   *place = redirected_branch(compare_word(branch), place, to);
 }
 
-void pack_compare_branch(const exit_branch& branch, bb_meta* meta) {
+void pack_compare_branch(exit_branch branch, bb_meta* meta) {
   meta->rn |=
       branch.operand << RN_OPERAND | log2_of_bytes(branch.width) << RN_WIDTH | branch.is_immediate << RN_IS_IMMEDIATE;
 }
 
-void unpack_compare_branch(const bb_meta& meta, exit_branch* branch) {
-  branch->operand = meta.rn >> RN_OPERAND & 0x3f;
-  branch->width = std::uint32_t{8} << (meta.rn >> RN_WIDTH & 3);
-  branch->is_immediate = meta.rn >> RN_IS_IMMEDIATE & 1;
+exit_branch unpack_compare_branch(const bb_meta& meta) {
+  return {.kind = EXIT_COMPARE,
+          .condition = static_cast<std::uint32_t>(meta.exit_condition),
+          .reg = meta.rn & EXIT_REGISTER_MASK,
+          .width = std::uint32_t{8} << (meta.rn >> RN_WIDTH & 3),
+          .operand = meta.rn >> RN_OPERAND & 0x3f,
+          .is_immediate = meta.rn >> RN_IS_IMMEDIATE & 1};
 }
 
 bool is_taken(const exit_branch& branch, const std::uint64_t* registers, std::uint64_t pstate) {
@@ -175,10 +171,6 @@ branch_offset_field find_branch_offset(std::uint32_t word) {
 }
 
 std::uint64_t branch_destination(std::uint32_t word, const std::uint32_t* place) {
-  // B.cond, CBZ and CBNZ, which most fragments end in.
-  if ((word & 0xff000000) == 0x54000000 || (word & 0x7e000000) == 0x34000000) {
-    return address_of(place) + static_cast<std::uint64_t>(a64_sign_extend(word >> 5 & 0x7ffff, 19) * 4);
-  }
   const branch_offset_field field = find_branch_offset(word);
   const std::uint32_t offset = word >> field.lowest_bit & ((std::uint32_t{1} << field.width) - 1);
   return address_of(place) + static_cast<std::uint64_t>(a64_sign_extend(offset, field.width) * 4);

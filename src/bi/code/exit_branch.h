@@ -11,6 +11,7 @@
 
 #include <cstdint>
 
+#include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/mora.h"
 
@@ -56,11 +57,21 @@ inline bool is_direct_exit(std::uint32_t kind) { return kind == EXIT_DIRECT || i
 // False for a word that is no conditional branch, with *out as it was. B.cond with AL or NV is one, and always taken.
 bool decode_exit_branch(std::uint32_t word, exit_branch* out);
 
+// What follows is done for every block, so all but the rare CB<cc> stands here. What is done for CB<cc> takes and gives
+// branches by value: so those of the other kinds stay in registers.
+
+// The same for a word whose class is known: A64_B_COND, A64_CBZ or A64_TBZ. Bit 24 of CBZ and TBZ is the sense.
+inline exit_branch exit_branch_of_class(std::uint32_t word, int inst) {
+  const std::uint32_t sense = word >> 24 & 1;
+  const std::uint32_t reg = word & EXIT_REGISTER_MASK;
+  if (inst == A64_B_COND) return {.kind = EXIT_B_COND, .condition = word & 15};
+  if (inst == A64_CBZ) return {.kind = EXIT_CBZ, .condition = sense, .reg = reg, .width = word >> 31 != 0 ? 64U : 32U};
+  return {.kind = EXIT_TBZ, .condition = sense, .reg = reg, .bit = (word >> 26 & 0x20) | (word >> 19 & 0x1f)};
+}
+
 // Writes the branch at `place`. `to` is in its reach and a multiple of 4. Fatal for a kind that is no conditional
 // branch.
-//
-// This and what follows is done for every block, so all but the rare CB<cc> stands here.
-void encode_compare_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to);
+void encode_compare_branch(std::uint32_t* place, exit_branch branch, std::uint64_t to);
 inline void encode_exit_branch(std::uint32_t* place, const exit_branch& branch, std::uint64_t to) {
   switch (branch.kind) {
     case EXIT_B_COND: a64_b_cond_to(place, to, branch.condition); break;
@@ -93,8 +104,8 @@ bool is_taken(const exit_branch& branch, const std::uint64_t* registers, std::ui
 //   TBZ, TBNZ    bits 5 to 10: the number of the bit
 //   CB<cc>       bits 5 to 10: the second register or the immediate; bits 11 and 12: the binary logarithm of the width
 //                in bytes; bit 13: whether there is an immediate
-void pack_compare_branch(const exit_branch& branch, bb_meta* meta);
-void unpack_compare_branch(const bb_meta& meta, exit_branch* branch);
+void pack_compare_branch(exit_branch branch, bb_meta* meta);
+exit_branch unpack_compare_branch(const bb_meta& meta);
 inline void pack_exit_branch(const exit_branch& branch, bb_meta* meta) {
   meta->exit_kind = branch.kind;
   meta->exit_condition = branch.condition;
@@ -104,11 +115,11 @@ inline void pack_exit_branch(const exit_branch& branch, bb_meta* meta) {
   if (branch.kind == EXIT_COMPARE) pack_compare_branch(branch, meta);
 }
 inline exit_branch unpack_exit_branch(const bb_meta& meta) {
+  if (meta.exit_kind == EXIT_COMPARE) return unpack_compare_branch(meta);
   exit_branch branch = {.kind = meta.exit_kind, .condition = static_cast<std::uint32_t>(meta.exit_condition)};
   if (branch.kind != EXIT_B_COND) branch.reg = meta.rn & EXIT_REGISTER_MASK;
   if (branch.kind == EXIT_CBZ) branch.width = (meta.rn >> RN_SIZE_OR_BIT & 1) != 0 ? 64 : 32;
   if (branch.kind == EXIT_TBZ) branch.bit = meta.rn >> RN_SIZE_OR_BIT & 0x3f;
-  if (branch.kind == EXIT_COMPARE) unpack_compare_branch(meta, &branch);
   return branch;
 }
 
@@ -121,6 +132,13 @@ branch_offset_field find_branch_offset(std::uint32_t word);
 
 // Where the branch `word`, if it stood at `place`, goes to.
 std::uint64_t branch_destination(std::uint32_t word, const std::uint32_t* place);
+
+// The same for a word whose class is known: A64_B_COND, A64_CBZ or A64_TBZ.
+inline std::uint64_t branch_destination_of_class(std::uint32_t word, int inst, const std::uint32_t* place) {
+  const int width = inst == A64_TBZ ? 14 : 19;
+  const std::uint32_t offset = word >> 5 & ((std::uint32_t{1} << width) - 1);
+  return address_of(place) + static_cast<std::uint64_t>(a64_sign_extend(offset, width) * 4);
+}
 
 // The branch `word` with another destination, for `place`. The destination is in its reach.
 std::uint32_t redirected_branch(std::uint32_t word, const std::uint32_t* place, std::uint64_t to);

@@ -1,6 +1,8 @@
 // Reads source words without writing any code.
 #include "bi/code/scan_ahead.h"
 
+#include <algorithm>
+
 #include "bi/a64/a64.h"
 #include "bi/a64/helpers.h"
 #include "bi/code/exit_branch.h"
@@ -70,8 +72,9 @@ constexpr class_flags classes_that_say_more() {
 
 constexpr class_flags SAYS_MORE = classes_that_say_more();
 
-bool has_place(const source_window& window, const std::uint32_t* place) {
-  return window.classes != nullptr && static_cast<std::size_t>(place - window.first) < window.room;
+// Whether the place is the next one to be loaded, and there is room for its word and class.
+bool is_next_place(const source_window& window, const std::uint32_t* place) {
+  return window.classes != nullptr && place == window.first + window.count && window.count < window.room;
 }
 
 bool is_loaded(const source_window& window, const std::uint32_t* place) {
@@ -79,30 +82,26 @@ bool is_loaded(const source_window& window, const std::uint32_t* place) {
 }
 
 // Loads and decodes the words from `read` on, which can be read, one behind the other, up to and with one that says
-// more than that the code goes on, or to the next page's first word, which is left. Returns that place. Nothing is done
-// for a window without classes, or for a place that is not the next one to be loaded.
+// more than that the code goes on, or to the next page's first word, which is left. Returns that place. `read` is the
+// next place to be loaded, and the window has room for its word and class.
 const std::uint32_t* load_plain_words(source_window& window, const std::uint32_t* read) {
-  if (window.classes == nullptr || read != window.first + window.count) return read;
   static_assert(SMALLEST_PAGE % TRANSLATED_LINE == 0);
-  const std::uint32_t* const first = read;
   std::uint32_t* const kept = window.kept;
   std::uint8_t* const classes = window.classes;
-  const std::size_t room = window.room;
   bool is_plain = true;
   std::size_t index = window.count;
-  mark_before_load(window, read);
-  for (; is_plain && index < room; ++read) {
-    if (address_of(read) % TRANSLATED_LINE == 0) {
-      if (address_of(read) % SMALLEST_PAGE == 0 && read != first) break;
-      mark_before_load(window, read);
+  do {  // For each line: the room counts from the fragment's first word, so its end is looked for once a line, too.
+    mark_before_load(window, read);
+    const std::size_t words_left = (TRANSLATED_LINE - address_of(read) % TRANSLATED_LINE) / sizeof *read;
+    const std::size_t end = std::min(window.room, index + words_left);
+    for (; is_plain && index < end; ++index, ++read) {
+      const std::uint32_t word = __atomic_load_n(read, __ATOMIC_RELAXED);  // As in load_behind_mark.
+      const int inst = a64_decode(&word);
+      kept[index] = word;
+      classes[index] = static_cast<std::uint8_t>(inst);
+      is_plain = !SAYS_MORE[static_cast<std::size_t>(inst)];
     }
-    const std::uint32_t word = __atomic_load_n(read, __ATOMIC_RELAXED);  // As in load_behind_mark.
-    const int inst = a64_decode(&word);
-    kept[index] = word;
-    classes[index] = static_cast<std::uint8_t>(inst);
-    ++index;
-    is_plain = !SAYS_MORE[static_cast<std::size_t>(inst)];
-  }
+  } while (is_plain && index < window.room && address_of(read) % SMALLEST_PAGE != 0);
   const std::size_t plain = is_plain ? index : index - 1;
   if (window.plain == window.count) window.plain = plain;
   window.count = index;
@@ -122,10 +121,13 @@ fragment_end find_end(source_window& window, const std::uint32_t* read) {
   for (;; ++read) {
     end.word = read;
     if (begins_unreadable_page(read)) return end;
-    while (has_place(window, read) && !is_loaded(window, read)) {
+    if (is_next_place(window, read)) {
       read = load_plain_words(window, read);
+      if (!is_loaded(window, read)) {
+        --read;  // Once more for this place: a page begins, or the room is at its end.
+        continue;
+      }
       end.word = read;
-      if (!is_loaded(window, read) && begins_unreadable_page(read)) return end;
     }
     const std::uint32_t word = word_at(window, read);
     switch (const int inst = class_at(window, read, word)) {

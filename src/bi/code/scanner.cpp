@@ -35,23 +35,17 @@ void reserve_space(scan_state& state, std::uint32_t size) {
   a64_reserve_block_space(state.thread, &state.write, &state.limit, size);
 }
 
-// The exit of every kind begins with the words that the dispatcher turns into links.
-void begin_exit(scan_state& state, bb_exit_kind kind, std::uint64_t taken, std::uint64_t skipped) {
-  bb_meta& meta = meta_of(state);
+// The exit of every kind begins with the words that the dispatcher turns into links. Returns the fragment's record.
+bb_meta& begin_exit(scan_state& state, bb_exit_kind kind, std::uint64_t taken, std::uint64_t skipped) {
   lower_sp(state);
+  bb_meta& meta = meta_of(state);
   meta.exit_kind = kind;
   meta.exit_code_addr = state.write;
   meta.taken_source_addr = taken;
   meta.skipped_source_addr = skipped;
   meta.link_state = LINK_NONE;
+  return meta;
 }
-
-void put_two_reserved_words(scan_state& state) {
-  __builtin_memcpy(state.write, &TWO_NOPS, sizeof TWO_NOPS);
-  state.write += 2;
-}
-
-void exit_to_dispatcher(scan_state& state) { a64_branch(state.write++, state.thread->dispatcher_stub_addr); }
 
 void put_direct_exit(scan_state& state, std::uint64_t target) {
   begin_exit(state, EXIT_DIRECT, target, 0);
@@ -72,73 +66,72 @@ void rewrite_direct_branch(scan_state& state) {
 }
 
 // The start of every conditional exit. Its branch stands before the words that load x0 and x1, and so tests the
-// application's value of any register.
-void begin_conditional_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
-  begin_exit(state, static_cast<bb_exit_kind>(branch.kind), target, address_of(state.read) + 4);
-  pack_exit_branch(branch, &meta_of(state));
+// application's value of any register. Returns where the words behind the two reserved ones go.
+inline std::uint32_t* begin_conditional_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
+  bb_meta& meta = begin_exit(state, static_cast<bb_exit_kind>(branch.kind), target, address_of(state.read) + 4);
+  pack_exit_branch(branch, &meta);
+  std::uint32_t* const write = state.write;
+  __builtin_memcpy(write, &TWO_NOPS, sizeof TWO_NOPS);
+  return write + 2;
 }
 
-void a64_branch_jump_cond(scan_state& state, std::uint64_t target, std::uint32_t cond) {
-  if (engine_logs_traces()) {
-    log(LEVEL_TRACE, "A64 branch: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
+void log_conditional_exit(const scan_state& state, const exit_branch& branch, std::uint64_t target) {
+  const void* const read = state.read;
+  if (branch.kind == EXIT_B_COND) {
+    log(LEVEL_TRACE, "A64 branch: read_addr: %p, target: 0x%lx", read, target);
+    return;
   }
-  exit_branch branch = {.kind = EXIT_B_COND, .condition = cond};
-  begin_conditional_exit(state, branch, target);
-  put_two_reserved_words(state);
-  a64_push_x0_x1(&state.write);
-  a64_load_const(&state.write, 1, static_cast<std::uint64_t>(state.bb_id));
-  std::uint32_t* decision = state.write++;
-  a64_load_const(&state.write, 0, target);
-  exit_to_dispatcher(state);
-  invert_exit_branch(&branch);
-  encode_exit_branch(decision, branch, address_of(state.write));
-  a64_load_const(&state.write, 0, meta_of(state).skipped_source_addr);
-  exit_to_dispatcher(state);
-}
-
-// CBZ, CBNZ, TBZ, TBNZ.
-void a64_branch_imm_reg(scan_state& state, exit_branch branch, std::uint64_t target) {
-  if (engine_logs_traces()) {
-    log(LEVEL_TRACE, "A64 [c/t](n)bz: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
-  }
-  begin_conditional_exit(state, branch, target);
-  put_two_reserved_words(state);
-  a64_push_x0_x1(&state.write);
-  std::uint32_t* decision = state.write++;
-  a64_branch_jump(state.thread, &state.write, target, state.bb_id);
-  invert_exit_branch(&branch);
-  encode_exit_branch(decision, branch, address_of(state.write));
-  a64_branch_jump(state.thread, &state.write, meta_of(state).skipped_source_addr, state.bb_id);
+  log(LEVEL_TRACE, "A64 [c/t](n)bz: read_addr: %p, target: 0x%lx", read, target);
+  log(LEVEL_TRACE, "A64 branch target: 0x%lx", target);
+  log(LEVEL_TRACE, "A64 branch target: 0x%lx", address_of(state.read) + 4);
 }
 
 // CB<cc> is not inverted: the branch keeps its sense, and the fall-through side comes first. Three words are reserved.
-void put_compare_exit(scan_state& state, const exit_branch& branch, std::uint64_t target) {
+void rewrite_compare_branch(scan_state& state) {
+  exit_branch branch{};
+  decode_exit_branch(state.word, &branch);
+  const std::uint64_t target = branch_destination(state.word, state.read);
   log(LEVEL_TRACE, "A64 cb<cc>: read_addr: %p, target: 0x%lx", static_cast<const void*>(state.read), target);
   a64_reserve_block_space(state.thread, &state.write, &state.limit, COMPARE_EXIT_SPACE);
-  begin_conditional_exit(state, branch, target);
-  put_two_reserved_words(state);
+  state.write = begin_conditional_exit(state, branch, target);
   code_writer{state.write}.nop();
   a64_push_x0_x1(&state.write);
   std::uint32_t* decision = state.write++;
   a64_branch_jump(state.thread, &state.write, meta_of(state).skipped_source_addr, state.bb_id);
   encode_exit_branch(decision, branch, address_of(state.write));
   a64_branch_jump(state.thread, &state.write, target, state.bb_id);
+  state.stop = true;
 }
 
+// `inst` is the word's class: A64_B_COND, A64_CBZ or A64_TBZ. B.cond tests no register, so both sides share what loads
+// x1.
+template <int inst>
 void rewrite_conditional_branch(scan_state& state) {
-  exit_branch branch{};
-  decode_exit_branch(state.word, &branch);
-  const std::uint64_t target = branch_destination(state.word, state.read);
-  if (branch.kind == EXIT_B_COND && !is_invertible(branch)) {
+  exit_branch branch = exit_branch_of_class(state.word, inst);
+  const std::uint64_t target = branch_destination_of_class(state.word, inst, state.read);
+  if (!is_invertible(branch)) {
     // AL, and NV, which is always taken as well: the branch has one side.
     put_direct_exit(state, target);
     return;
   }
-  switch (branch.kind) {
-    case EXIT_B_COND: a64_branch_jump_cond(state, target, branch.condition); break;
-    case EXIT_COMPARE: put_compare_exit(state, branch, target); break;
-    default: a64_branch_imm_reg(state, branch, target); break;
-  }
+  if (engine_logs_traces()) log_conditional_exit(state, branch, target);
+  // Loaded before the first store.
+  const std::uint64_t skipped = address_of(state.read) + 4;
+  const std::uint64_t dispatcher = state.thread->dispatcher_stub_addr;
+  const auto bb_id = static_cast<std::uint64_t>(state.bb_id);
+  std::uint32_t* write = begin_conditional_exit(state, branch, target);
+  a64_push_x0_x1(&write);
+  if (inst == A64_B_COND) a64_load_const(&write, 1, bb_id);
+  std::uint32_t* const decision = write++;
+  a64_load_const(&write, 0, target);
+  if (inst != A64_B_COND) a64_load_const(&write, 1, bb_id);
+  a64_branch(write++, dispatcher);
+  invert_exit_branch(&branch);
+  encode_exit_branch(decision, branch, address_of(write));
+  a64_load_const(&write, 0, skipped);
+  if (inst != A64_B_COND) a64_load_const(&write, 1, bb_id);
+  a64_branch(write++, dispatcher);
+  state.write = write;
   state.stop = true;
 }
 
@@ -188,7 +181,7 @@ void rewrite_unknown(scan_state& state) {
   if (a64_authenticated_branch branch{}; a64_authenticated_branch_decode(state.word, &branch)) {
     rewrite_authenticated_branch(state, branch);
   } else if (is_compare_and_branch(state.word)) {
-    rewrite_conditional_branch(state);
+    rewrite_compare_branch(state);
   } else {
     copy_unknown(state);
   }
@@ -205,9 +198,9 @@ void put_system_instruction(scan_state& state) {
 // What is copied by its class (copied_classes) has no case here.
 void rewrite(scan_state& state, int inst) {
   switch (inst) {
-    case A64_CBZ:
-    case A64_TBZ:
-    case A64_B_COND: rewrite_conditional_branch(state); break;
+    case A64_CBZ: rewrite_conditional_branch<A64_CBZ>(state); break;
+    case A64_TBZ: rewrite_conditional_branch<A64_TBZ>(state); break;
+    case A64_B_COND: rewrite_conditional_branch<A64_B_COND>(state); break;
     case A64_SVC: rewrite_svc(state); break;
     case A64_MRS_MSR: rewrite_system_register(state); break;
     case A64_B: rewrite_direct_branch(state); break;
@@ -231,6 +224,15 @@ void log_word(const scan_state& state, int inst) {
   log(LEVEL_TRACE, "  instruction word: 0x%x", state.word);
 }
 
+// Behind a rewritten word: leaves room for an exit.
+inline void leave_room(scan_state& state, int inst) {
+  if (state.write >= state.limit) {
+    log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit),
+        static_cast<void*>(state.write));
+  }
+  if (!state.stop) reserve_space(state, EXIT_SPACE);
+}
+
 void scan_word(scan_state& state, int inst) {
   const std::uint32_t* const read = state.read;
   if (engine_logs_traces()) log_word(state, inst);
@@ -243,11 +245,7 @@ void scan_word(scan_state& state, int inst) {
     if (uses_spare_stack(state.thread)) give_sp(state);
     rewrite(state, inst);
   }
-  if (state.write >= state.limit) {
-    log(LEVEL_FATAL, "%d, inst: %p, :write: %p", inst, static_cast<void*>(state.limit),
-        static_cast<void*>(state.write));
-  }
-  if (!state.stop) reserve_space(state, EXIT_SPACE);
+  leave_room(state, inst);
   if (state.is_heard && is_event_bound(MORA_POST_INST)) {  // Otherwise nothing is put here.
     mark_inserted_code(state);
     if (lends_sp) lower_sp(state);
@@ -258,6 +256,7 @@ void scan_word(scan_state& state, int inst) {
 
 // At the place in the fragment where the code of plug-ins for its start goes.
 void deliver_start(scan_state& state, const std::uint32_t* first, bool allow_code) {
+  if (!state.is_heard) return;
   const std::uint32_t* const next = state.read;
   state.read = first;
   deliver_scan_event(state, {MORA_PRE_FRAGMENT, MORA_NO_INST, allow_code, nullptr});
@@ -289,11 +288,14 @@ bool copies_unseen(const scan_state& state) {
 
 // Copies words that stay as they are, as far as they lie one behind the other and leave room for an exit behind each:
 // `known` words of the fragment from the window's first have been looked at. What scan_word does with such words, in
-// one go.
+// one go. The mark of the word behind them, whose code comes next, is set along.
 void copy_words(scan_state& state, std::size_t known) {
   const auto first = static_cast<std::size_t>(state.read - state.source.first);
   const std::uint64_t needed = address_of(state.write) + EXIT_SPACE + end_space(state);
-  if (address_of(state.limit) <= needed + sizeof(std::uint32_t)) return;
+  if (address_of(state.limit) <= needed + sizeof(std::uint32_t)) {
+    mark_source(state.thread, state.write, MARK_SOURCE);
+    return;
+  }
   const std::size_t room = (address_of(state.limit) - needed) / sizeof(std::uint32_t) - 1;
   const std::size_t end = std::min(known, first + room);
   std::size_t index = first;
@@ -304,7 +306,7 @@ void copy_words(scan_state& state, std::size_t known) {
   const std::size_t plain = std::min(end, state.source.plain);
   for (; index < plain; ++index) __atomic_store_n(write++, kept[index], __ATOMIC_RELAXED);
   for (; index < end && copied_classes[state.source.classes[index]]; ++index) *write++ = kept[index];
-  mark_source_words(state.thread, state.write, index - first);
+  mark_source_words(state.thread, state.write, index - first + 1);
   state.write = write;
   state.read += index - first;
 }
@@ -315,10 +317,18 @@ void scan_words(scan_state& state, std::size_t known) {
   const std::uint32_t* const first = state.read;
   const bool copies = copies_unseen(state);
   while (!state.stop) {
-    if (copies && state.thread->return_watch.count == 0) copy_words(state, known);
+    const bool unseen = copies && state.thread->return_watch.count == 0;
+    if (unseen) copy_words(state, known);
     if (const auto index = static_cast<std::size_t>(state.read - first); index < known) {
+      const int inst = state.source.classes[index];
       state.word = state.source.kept[index];
-      scan_word(state, state.source.classes[index]);
+      if (unseen) {  // What scan_word does then. The word has its mark.
+        rewrite(state, inst);
+        leave_room(state, inst);
+        ++state.read;
+        continue;
+      }
+      scan_word(state, inst);
       if (state.starts_behind_store) deliver_late_start(state, first);
       continue;
     }

@@ -69,20 +69,40 @@ void mark_source_beyond_end(thread_data* thread, const std::uint32_t* place, sou
   mark_source(thread, place, mark);  // The place now lies before the end.
 }
 
-void mark_source_words(thread_data* thread, const std::uint32_t* place, std::size_t count) {
-  static_assert(MARK_SOURCE == 1);
-  constexpr std::uint64_t all = ~std::uint64_t{0} / MARK_MASK;  // MARK_SOURCE in each place.
-  if (count == 0 || !is_marked(thread, place + count - 1)) return;
+namespace {
+
+static_assert(MARK_SOURCE == 1);
+constexpr std::uint64_t ALL_SOURCE = ~std::uint64_t{0} / MARK_MASK;  // MARK_SOURCE in each place.
+
+// Sets the marks of `count` places, at least one, that lie in one word of marks. `index` is that of the first.
+void set_source_marks(thread_data* thread, std::size_t index, std::size_t count) {
+  const std::uint64_t mask = ~std::uint64_t{0} >> (64 - count * MARK_BITS) << index % SOURCE_MARKS_PER_WORD * MARK_BITS;
+  std::uint64_t& word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
+  word = (word & ~mask) | (ALL_SOURCE & mask);
+}
+
+[[gnu::noinline]] void mark_words_beyond(thread_data* thread, const std::uint32_t* place, std::size_t count) {
+  if (!is_marked(thread, place + count - 1)) return;
   clear_up_to(thread, place + count);
   std::size_t index = index_of(thread, place);
-  const std::size_t end = index + count;
-  while (index < end) {
-    const std::size_t first = index % SOURCE_MARKS_PER_WORD;
-    const std::size_t here = std::min(SOURCE_MARKS_PER_WORD - first, end - index);
-    const std::uint64_t mask = ~std::uint64_t{0} >> (64 - here * MARK_BITS) << first * MARK_BITS;
-    std::uint64_t& word = thread->source_marks[index / SOURCE_MARKS_PER_WORD];
-    word = (word & ~mask) | (all & mask);
+  for (const std::size_t end = index + count; index < end;) {
+    const std::size_t here = std::min(SOURCE_MARKS_PER_WORD - index % SOURCE_MARKS_PER_WORD, end - index);
+    set_source_marks(thread, index, here);
     index += here;
+  }
+}
+
+}  // namespace
+
+void mark_source_words(thread_data* thread, const std::uint32_t* place, std::size_t count) {
+  if (count == 0) return;
+  const std::size_t index = index_of(thread, place);
+  // Mostly a few words, of which none lies where an earlier fragment's marks may be left. An end of the marks that lies
+  // outside the cache lies at the fragment's first word, and no word before it.
+  if (place + count <= thread->source_marks_end && index % SOURCE_MARKS_PER_WORD + count <= SOURCE_MARKS_PER_WORD) {
+    set_source_marks(thread, index, count);
+  } else {
+    mark_words_beyond(thread, place, count);
   }
 }
 

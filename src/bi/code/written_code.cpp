@@ -41,7 +41,8 @@ void clear_instruction_cache(const void* begin, const void* end) {
   maintain_caches(&range, 1, cache_type());
 }
 
-void maintain_written(written_code& written) {
+// Not inline: note_written mostly does without it, and then needs no frame.
+[[gnu::noinline]] void maintain_written(written_code& written) {
   maintain_caches(written.ranges, written.count, cache_type());
   written.count = 0;
 }

@@ -75,27 +75,32 @@ inline std::uint64_t hash_lookup(const hash_table* table, std::uint64_t key) {
   return HASH_MISS;
 }
 
-// Whether hash_add would find a place for `key`. It would not if every slot from the home slot to the table's end is
-// taken.
-inline bool hash_has_room(const hash_table* table, std::uint64_t key) {
-  const hash_entry* entry = hash_entries(table) + hash_home(table, key);
+// The slot of `key`, or the free one that it would get, whose key is 0. Null if there is neither: every slot from the
+// home slot to the table's end is taken. The slot is good until the table changes.
+inline hash_entry* hash_find_slot(hash_table* table, std::uint64_t key) {
+  hash_entry* entry = hash_entries(table) + hash_home(table, key);
   const hash_entry* const last = hash_entries(table) + (table->size - 1);
   while (entry < last && entry->key != 0 && entry->key != key) ++entry;
-  return entry < last;
+  return entry < last ? entry : nullptr;
+}
+
+// Whether hash_add would find a place for `key`.
+inline bool hash_has_room(hash_table* table, std::uint64_t key) { return hash_find_slot(table, key) != nullptr; }
+
+// Stores the pair in the slot that hash_find_slot has found for the key.
+inline void hash_fill_slot(hash_table* table, hash_entry* slot, std::uint64_t key, std::uint64_t value) {
+  table->collisions += static_cast<std::uint32_t>(slot - (hash_entries(table) + hash_home(table, key)));
+  if (slot->key == 0) ++table->count;
+  *slot = {key, value};
 }
 
 // Stores the pair; a key that is there gets the new value. Returns true. A run of occupied slots that reaches the
 // table's end is fatal: a table without room for a block would scan that block again at each visit.
 void refuse_full_table();
 inline bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value) {
-  hash_entry* entry = hash_entries(table) + hash_home(table, key);
-  const hash_entry* const last = hash_entries(table) + (table->size - 1);
-  while (entry->key != 0 && entry->key != key) {
-    if (++entry == last) refuse_full_table();
-    ++table->collisions;
-  }
-  if (entry->key == 0) ++table->count;
-  *entry = {key, value};
+  hash_entry* const slot = hash_find_slot(table, key);
+  if (slot == nullptr) refuse_full_table();
+  hash_fill_slot(table, slot, key, value);
   return true;
 }
 

@@ -6,7 +6,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
+
+#include "bi/containers/futex.h"
 
 namespace ceilmeter {
 
@@ -20,13 +21,6 @@ thread_local std::uint32_t own_tid = 0;
 std::uint32_t owner_id() {
   if (own_tid == 0) own_tid = static_cast<std::uint32_t>(syscall(SYS_gettid));
   return own_tid;
-}
-
-// Keeps errno: a signal handler takes locks too, and the code that it has interrupted may be about to read it.
-void call_futex(std::uint32_t* word, int operation, std::uint32_t value) {
-  const int kept = errno;
-  syscall(SYS_futex, word, operation | FUTEX_PRIVATE_FLAG, value, nullptr);
-  errno = kept;
 }
 
 void wake_one(std::uint32_t* word) { call_futex(word, FUTEX_WAKE, 1); }

@@ -70,24 +70,24 @@ void for_each_lock(action act) {
 
 struct take_lock {
   void operator()(owned_lock& lock) const { owned_lock_take(&lock); }
-  void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_wrlock(&lock); }
+  void operator()(shared_lock& lock) const { shared_lock_take_alone(&lock); }
 };
 
 struct release_lock {
   void operator()(owned_lock& lock) const { owned_lock_leave(&lock); }
-  void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_unlock(&lock); }
+  void operator()(shared_lock& lock) const { shared_lock_leave_alone(&lock); }
 };
 
 struct renew_lock {
   void operator()(owned_lock& lock) const { owned_lock_init(&lock); }
-  void operator()(pthread_rwlock_t& lock) const { pthread_rwlock_init(&lock, nullptr); }
+  void operator()(shared_lock& lock) const { shared_lock_init(&lock); }
 };
 
 // Breaks a lock of a thread that is gone. Of callbacks_lock that thread had a share at most, and nobody can tell.
 struct break_lock_of {
   std::uint32_t owner;
   void operator()(owned_lock& lock) const { owned_lock_break(&lock, owner); }
-  void operator()(pthread_rwlock_t& /*lock*/) const {}
+  void operator()(shared_lock& /*lock*/) const {}
 };
 
 void lock_all() { for_each_lock(take_lock{}); }
@@ -146,7 +146,7 @@ void prepare_fork(thread_data* thread, std::uint64_t* args) {
   thread->clone_holds_locks = (flags & CLONE_VFORK) == 0 ? 1 : 0;
   if (thread->clone_holds_locks == 0) {
     if (plugins_listen()) {
-      pthread_rwlock_wrlock(&engine.callbacks_lock);
+      shared_lock_take_alone(&engine.callbacks_lock);
       wait_for_ending_threads(0);
     }
     return;
@@ -169,7 +169,7 @@ void finish_fork(thread_data* thread, std::uint64_t* args) {
   } else if (thread->clone_holds_locks != 0) {
     unlock_all();
   } else if (plugins_listen()) {
-    pthread_rwlock_unlock(&engine.callbacks_lock);
+    shared_lock_leave_alone(&engine.callbacks_lock);
   }
   restore_signal_mask(thread->saved_signal_mask);
 }

@@ -4,7 +4,6 @@
 #include <libelf.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
 #include "bi/a64/a64.h"
@@ -24,11 +23,6 @@ namespace {
 constexpr engine_log log{"src/bi/function_watch"};
 
 constexpr std::uint32_t RET_X30 = 0xd65f03c0;
-
-// A watch is added before its function first runs, on whatever thread. Without any there is nothing to wait for.
-bool are_functions_watched() {
-  return std::atomic_ref(engine.function_watches.count).load(std::memory_order_relaxed) != 0;
-}
 
 std::uint64_t watch_of_function(std::uint64_t function) {
   if (!are_functions_watched()) return 0;
@@ -137,7 +131,6 @@ bool is_watched_function(const std::uint32_t* read_address) {
 }
 
 void put_function_entry(scan_state& state, const std::uint32_t* read_address) {
-  if (!are_functions_watched()) return;
   // If nobody is told of returns, leave the return address alone: code that looks at it then finds the true one.
   const bool returns_are_watched = is_event_bound(MORA_POST_FUNCTION);
   if (!returns_are_watched && !is_event_bound(MORA_PRE_FUNCTION)) return;

@@ -7,6 +7,7 @@
 // record like any code, and before the RET it puts code that takes the true address back.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -36,10 +37,17 @@ struct return_watch {
 
 static_assert(offsetof(function_watch, code) == 0 && sizeof(function_watch) == 264 && sizeof(return_watch) == 24);
 
+// Whether there is any watch. One is added before its function first runs, on whatever thread: relaxed, because without
+// any there is nothing to wait for.
+inline bool are_functions_watched() {
+  return std::atomic_ref(engine.function_watches.count).load(std::memory_order_relaxed) != 0;
+}
+
 // Whether the function events have to be delivered at this address. False in a process without plug-ins.
 bool is_watched_function(const std::uint32_t* read_address);
 
-// At a block's start: writes the entry code, with pre_function, if the block is a watched function's first.
+// At a block's start, if functions are watched: writes the entry code, with pre_function, if the block is a watched
+// function's first.
 void put_function_entry(scan_state& state, const std::uint32_t* read_address);
 
 // Before an instruction: writes the return code, with post_function, if the instruction is that of a watch's record. If

@@ -21,14 +21,11 @@ bool is_event_bound_by_later_plugin(mora_event event) {
   return false;
 }
 
-void mora_enter_callback() {
-  // One thread can take this lock more than once, because an event can come within another's callback: the code that a
-  // callback writes may need a flush, for instance. The lock prefers readers, so a fork that waits does not come
-  // between.
-  pthread_rwlock_rdlock(&engine.callbacks_lock);
-}
+// One thread can take more than one share, because an event can come within another's callback: the code that a
+// callback writes may need a flush, for instance. Shares go first, so a fork that waits does not come between.
+void mora_enter_callback() { shared_lock_take_share(&engine.callbacks_lock); }
 
-void mora_leave_callback() { pthread_rwlock_unlock(&engine.callbacks_lock); }
+void mora_leave_callback() { shared_lock_leave_share(&engine.callbacks_lock); }
 
 void mora_deliver_event(mora_context* ctx) {
   mora_enter_callback();

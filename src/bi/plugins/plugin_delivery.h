@@ -7,6 +7,7 @@
 
 #include "bi/mora.h"
 #include "bi/plugin.h"
+#include "bi/plugins/function_watch.h"
 #include "bi/code/scan_state.h"
 
 namespace ceilmeter {
@@ -111,7 +112,7 @@ inline void end_scan_events(const scan_state& state) {
   if (state.is_heard) mora_leave_callback();
 }
 
-// What deliver_scan_event does if there are plug-ins.
+// What deliver_scan_event does if a plug-in has a callback for the event.
 bool scan_for_plugins(scan_state& state, const scan_event& what);
 
 // Whether plug-ins want to hear of single instructions of this scan, those of a watched function's return left aside.
@@ -124,10 +125,9 @@ inline bool hears_of_words(const scan_state& state) {
 // taken the instruction over. A plug-in may also end the fragment (state.stop).
 inline bool deliver_scan_event(scan_state& state, const scan_event& what) {
   if (!state.is_heard) return false;
-  const bool may_be_watched =
-      what.event == MORA_PRE_BB || (what.event == MORA_PRE_INST && state.thread->return_watch.count != 0);
-  if (!may_be_watched && !is_event_bound(what.event)) return false;  // Most instructions: no call.
-  return scan_for_plugins(state, what);
+  if (what.event == MORA_PRE_BB && are_functions_watched()) put_function_entry(state, state.bb_start);
+  if (what.event == MORA_PRE_INST && state.thread->return_watch.count != 0) put_function_return(state, state.read);
+  return is_event_bound(what.event) && scan_for_plugins(state, what);  // Most events: no call.
 }
 
 // The same with each part of the state by itself, for callers that have no scan_state.

@@ -109,18 +109,12 @@ const std::uint32_t* mora_get_block_words(const mora_context* ctx) {
 }
 
 bool scan_for_plugins(scan_state& state, const scan_event& what) {
-  const bool is_bound = is_event_bound(what.event);
   const std::uint32_t*& read_address = what.event == MORA_PRE_BB ? state.bb_start : state.read;
-  if (what.event == MORA_PRE_BB) put_function_entry(state, read_address);
-  if (what.event == MORA_PRE_INST) put_function_return(state, read_address);
-  bool taken = false;
-  if (is_bound) {
-    mora_context ctx = context_at(state, what.event, read_address, what.inst);
-    ctx.code_allowed = what.allow_code;
-    if (what.event == MORA_POST_BB) ctx.end_address = what.end_address;
-    taken = call_plugins(ctx, state);
-    read_address = ctx.read_address;
-  }
+  mora_context ctx = context_at(state, what.event, read_address, what.inst);
+  ctx.code_allowed = what.allow_code;
+  if (what.event == MORA_POST_BB) ctx.end_address = what.end_address;
+  const bool taken = call_plugins(ctx, state);
+  read_address = ctx.read_address;
   return taken;
 }
 

@@ -349,5 +349,23 @@ TEST_F(hash_table_test, there_is_room_for_a_key_until_the_slots_from_its_home_to
   EXPECT_FALSE(hash_has_room(table, key_at_home(home - 1, 2)));
 }
 
+TEST_F(hash_table_test, slot_of_a_key_is_its_own_or_the_free_one_that_it_would_get) {
+  const std::uint64_t first = key_at_home(2);
+  const std::uint64_t second = key_at_home(2, 2);
+  hash_entry* const slot = hash_find_slot(table, first);
+  ASSERT_EQ(slot, small.entries + 2);
+  EXPECT_EQ(slot->key, 0U);
+  hash_fill_slot(table, slot, first, 7);
+  EXPECT_EQ(hash_find_slot(table, first), slot);
+  EXPECT_EQ(hash_lookup(table, first), 7U);
+  ASSERT_EQ(hash_find_slot(table, second), slot + 1);
+  EXPECT_EQ(table->collisions, 0U) << "looking is not counted";
+  hash_fill_slot(table, slot + 1, second, 8);
+  EXPECT_EQ(table->collisions, 1U);
+  EXPECT_EQ(table->count, 2U);
+  hash_fill_slot(table, slot, first, 9);
+  EXPECT_EQ(table->count, 2U) << "the key was there";
+}
+
 }  // namespace
 }  // namespace ceilmeter

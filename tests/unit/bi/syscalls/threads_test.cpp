@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "bi/code/stubs.h"
 #include "bi/kernel/threads.h"
@@ -266,14 +267,20 @@ TEST_F(application_threads, a_thread_without_memory_is_an_error_of_the_call_and_
 }
 
 TEST_F(application_threads, making_a_record_touches_no_lock_that_its_maker_could_die_with) {
-  pthread_rwlock_init(&engine.callbacks_lock, nullptr);
-  ASSERT_EQ(pthread_rwlock_wrlock(&engine.callbacks_lock), 0);
-  thread_data* record = make_thread_record();
-  ASSERT_NE(record, nullptr);
-  // A share would be refused to the thread that has the lock alone, and giving it back would have freed the lock.
-  EXPECT_EQ(pthread_rwlock_tryrdlock(&engine.callbacks_lock), EBUSY);
-  pthread_rwlock_unlock(&engine.callbacks_lock);
-  free_thread_data(record);
+  shared_lock_init(&engine.callbacks_lock);
+  shared_lock_take_alone(&engine.callbacks_lock);
+  std::atomic<bool> is_made{false};
+  // Whoever asks for a share waits, and then shows in the lock's word.
+  std::thread maker([&] {
+    thread_data* record = make_thread_record();
+    EXPECT_NE(record, nullptr);
+    free_thread_data(record);
+    is_made = true;
+  });
+  while (!is_made && std::atomic_ref(engine.callbacks_lock.word).load() == SHARED_LOCK_ALONE) std::this_thread::yield();
+  EXPECT_EQ(std::atomic_ref(engine.callbacks_lock.word).load(), SHARED_LOCK_ALONE);
+  shared_lock_leave_alone(&engine.callbacks_lock);
+  maker.join();
 }
 
 TEST_F(application_threads, a_thread_that_would_share_no_memory_or_handlers_is_refused_as_by_the_kernel) {
