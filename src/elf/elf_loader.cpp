@@ -22,6 +22,7 @@
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/kernel/syscalls.h"
 #include "common/log.h"
+#include "common/own_descriptor.h"
 
 namespace ceilmeter {
 
@@ -88,6 +89,7 @@ void open_image(image& file, Elf** elf_out) {
   errno = 0;
   file.fd = open(file.path, O_RDONLY | O_CLOEXEC);
   if (file.fd < 0) mora_log_exit(EXIT_FAILURE, "Error: couldn't open file %s", file.path);
+  file.fd = move_out_of_the_way(file.fd);
   if (elf_version(EV_CURRENT) == EV_NONE) mora_log_exit(EXIT_FAILURE, "Error: failed to get ELF version");
   Elf* elf = elf_begin(file.fd, ELF_C_READ, nullptr);
   *elf_out = elf;

@@ -2,13 +2,13 @@
 // a code cache.
 #include "bi/containers/interval_map.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 
 #include "common/log.h"
+#include "common/own_descriptor.h"
 
 namespace ceilmeter {
 
@@ -26,7 +26,7 @@ void close_descriptor(std::int32_t fd) {
 }
 
 // Close-on-exec: programs that the application starts must not find the map's descriptors open.
-std::int32_t duplicate_descriptor(std::int32_t fd) { return fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : fd; }
+std::int32_t duplicate_descriptor(std::int32_t fd) { return fd >= 0 ? duplicate_out_of_the_way(fd) : fd; }
 
 // The last entry takes the place of the removed one. The walks below run downwards and have already seen the last
 // entry.
