@@ -291,6 +291,13 @@ void mora_leave_callback();
 // and where no code is allowed.
 int mora_reserve_space(mora_context* ctx, std::uint32_t size);
 
+// At pre_bb: adds 1 to *counter each time the block runs. The engine chooses how: the value is exact whenever the
+// plug-in can look, in its callbacks and in functions that it has called from the cache, and need not be at any other
+// moment. A block may be counted in several words, and several blocks in one. The word is aligned to 8 and belongs to
+// the thread that translates, until the next flush of its code; it may begin with any value. -1 at any other event,
+// and for a word that is not aligned.
+int mora_count_runs(mora_context* ctx, std::uint64_t* counter);
+
 // Code emission
 // -------------
 //

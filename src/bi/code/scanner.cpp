@@ -12,6 +12,7 @@
 #include "bi/code/exit_branch.h"
 #include "bi/plugins/function_watch.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/code/run_counter.h"
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scan_rules.h"
 #include "bi/code/source_map.h"
@@ -336,19 +337,13 @@ void scan_words(scan_state& state, std::size_t known) {
   }
 }
 
-struct counter_words {
-  std::uint32_t* first;  // Null: there is no hot counter.
-  const std::uint32_t* end;
-};
-
 // The code in front of the fragment's first word.
-counter_words put_start(scan_state& state, const std::uint32_t* first, const fragment_end& end) {
-  counter_words counter{};
+void put_start(scan_state& state, const std::uint32_t* first, const fragment_end& end) {
   if (state.thread->resumed.source == address_of(first)) {
     // One that began elsewhere.
     deliver_start(state, reinterpret_cast<const std::uint32_t*>(state.thread->resumed.first),
                   state.thread->resumed.counts != 0);
-    return counter;
+    return;
   }
   // The code at a watched function's entry has to see the registers as they are there.
   state.starts_behind_store =
@@ -356,22 +351,26 @@ counter_words put_start(scan_state& state, const std::uint32_t* first, const fra
   if (!state.starts_behind_store) {
     const bool counts = state.type == FRAGMENT_BLOCK && !has_own_blocks(state.thread) && end.is_direct_branch;
     if (counts) {
-      counter.first = state.write;
+      state.counter.first = state.write;
       put_hot_counter(state);
-      counter.end = state.write;
+      state.counter.end = state.write;
     }
     deliver_start(state, first, true);
   }
   // No hot counter for the others: where it is the store has been made, and a trace would begin with making it again.
   raise_sp(state);
-  return counter;
 }
 
 // A block that cannot be a trace's head does not count. Its end is not the one that was looked for ahead if a plug-in
 // has gone elsewhere, or if another thread has changed it behind what is kept of the source.
-void leave_out_counter(const bb_meta& meta, const counter_words& counter) {
+void leave_out_counter(const scan_state& state, const bb_meta& meta) {
+  const counter_words& counter = state.counter;
   if (counter.first == nullptr || meta.exit_kind == EXIT_NOT_SET || is_direct_exit(meta.exit_kind)) return;
-  a64_branch(counter.first, address_of(counter.end));
+  if (counter.is_plugins) {
+    stop_asking(state.thread, meta);
+  } else {
+    a64_branch(counter.first, address_of(counter.end));
+  }
 }
 
 // Makes the record one without an exit. A signal may come before the fragment's exit is written, and must not take the
@@ -453,14 +452,14 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   }
   const fragment_end end = find_end(state.source, read_address);
   begin_scan_events(state);
-  const counter_words counter = put_start(state, read_address, end);
+  put_start(state, read_address, end);
   const auto known = static_cast<std::size_t>(end.word - read_address) + (end.is_inside ? 1 : 0);
   scan_words(state, std::min(known, SCAN_WORDS));
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
   end_scan_events(state);
   meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
-  leave_out_counter(meta, counter);
+  leave_out_counter(state, meta);
   end_source_marks(thread, state.write);
   return static_cast<std::uint32_t>(state.write - start) * 4;
 }

@@ -31,6 +31,7 @@
 #include "bi/code/code_words.h"
 #include "bi/code/dispatcher.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/run_counter.h"
 #include "bi/code/scanner.h"
 #include "bi/code/stubs.h"
 #include "bi/code/trace_install.h"
@@ -70,7 +71,7 @@ std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_ty
   return end;
 }
 
-// No trace begins: the thread goes on in the hot block.
+// No trace begins: the thread goes on in the hot block, or in what is scanned in its place.
 void go_on_in_block(thread_data* thread, std::uint64_t source, std::uint64_t* ret) {
   thread->active_trace.active = 0;
   ret[0] = lookup_or_scan(thread, source);
@@ -79,6 +80,13 @@ void go_on_in_block(thread_data* thread, std::uint64_t source, std::uint64_t* re
 bool has_room_for_trace(const thread_data* thread) {
   return thread->trace_write_cursor < thread->code_cache + TRACE_HIGH_WATER && thread->trace_id < TRACE_ID_HIGH_WATER &&
          has_links_to_spare(thread->cc_link_pool, TRACE_LINKS);
+}
+
+// The same, and the block is no head for as long as it stays as it is.
+void stay_in_block(thread_data* thread, std::int32_t source_index, std::uint64_t* ret) {
+  const bb_meta& block = thread->metas[source_index];
+  stop_asking(thread, block);
+  go_on_in_block(thread, block.source_addr, ret);
 }
 
 void flush_full_area(thread_data* thread, std::uint64_t source, std::uint64_t* ret) {
@@ -231,8 +239,9 @@ void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* re
     return;
   }
   if (trace_options.off || kind == EXIT_NOT_SET) {
-    // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0, so the block runs many
-    // times before it comes here again.
+    // A block without an exit is one that a plug-in has ended. A counter of the engine's own has wrapped to 0, so the
+    // block runs many times before it comes here again.
+    stop_asking(thread, head);
     ret[0] = head.cache_entry;
     return;
   }
@@ -245,10 +254,7 @@ void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* re
     flush_full_area(thread, source, ret);
     return;
   }
-  if (!may_begin_trace(thread)) {
-    go_on_in_block(thread, source, ret);
-    return;
-  }
+  if (!may_begin_trace(thread)) return stay_in_block(thread, source_index, ret);
   std::uint32_t* entry = begin_trace(thread, source_index, source);
   ret[0] = trace.entry_addr;
 
@@ -263,7 +269,7 @@ void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* re
     const bool area_is_empty = thread->trace_id == BB_COUNT;
     trace.id = thread->trace_id;
     if (area_is_empty) {
-      go_on_in_block(thread, source, ret);
+      stay_in_block(thread, source_index, ret);
     } else {
       flush_full_area(thread, source, ret);
     }
@@ -277,7 +283,7 @@ void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* re
     log(LEVEL_DEBUG, "disallowed type of exit in the first trace fragment: %d",
         static_cast<int>(thread->metas[id].exit_kind));
     trace.id = thread->trace_id;
-    go_on_in_block(thread, source, ret);
+    stay_in_block(thread, source_index, ret);
   }
 }
 
