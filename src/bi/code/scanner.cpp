@@ -13,6 +13,7 @@
 #include "bi/plugins/function_watch.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/run_counter.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scan_rules.h"
 #include "bi/code/source_map.h"
@@ -337,8 +338,24 @@ void scan_words(scan_state& state, std::size_t known) {
   }
 }
 
+// Whether a plug-in will probably count in the hot counter's place, whose length is known.
+bool may_be_plugins_counter(const scan_state& state) {
+  return state.is_heard && is_event_bound(MORA_PRE_BB) &&
+         a64_page_in_reach(state.write + 1, address_of(&state.thread->exit_counters[state.bb_id]));
+}
+
+// No plug-in has.
+void put_left_out_counter(scan_state& state) {
+  std::uint32_t* const behind = state.write;
+  state.write = state.counter.first;
+  put_hot_counter(state);
+  if (state.write != state.counter.end) log(LEVEL_FATAL, "a hot counter is not as long as its place");
+  state.write = behind;
+}
+
 // The code in front of the fragment's first word.
 void put_start(scan_state& state, const std::uint32_t* first, const fragment_end& end) {
+  bool is_put_later = false;
   if (state.thread->resumed.source == address_of(first)) {
     // One that began elsewhere.
     deliver_start(state, reinterpret_cast<const std::uint32_t*>(state.thread->resumed.first),
@@ -352,10 +369,17 @@ void put_start(scan_state& state, const std::uint32_t* first, const fragment_end
     const bool counts = state.type == FRAGMENT_BLOCK && !has_own_blocks(state.thread) && end.is_direct_branch;
     if (counts) {
       state.counter.first = state.write;
-      put_hot_counter(state);
+      is_put_later = may_be_plugins_counter(state);
+      if (is_put_later) {
+        state.write += HOT_COUNTER_WORDS;
+      } else {
+        put_hot_counter(state);
+      }
       state.counter.end = state.write;
     }
     deliver_start(state, first, true);
+    if (is_put_later && !state.counter.is_plugins) put_left_out_counter(state);
+    note_code_behind_count(state);
   }
   // No hot counter for the others: where it is the store has been made, and a trace would begin with making it again.
   raise_sp(state);
@@ -438,6 +462,8 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
     meta.trampoline = 0;
     thread->trace_fragment_start = start;
     thread->trace_fragment_overflow = 0;
+    thread->run_scan.counter = nullptr;
+    thread->run_scan.ends_group = 0;
   }
   if (type != FRAGMENT_TRACE) code_writer{state.write}.pop(x0, x1);
   clear_exit(meta, cache_end);
@@ -458,6 +484,7 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
   end_scan_events(state);
+  if (type != FRAGMENT_BLOCK && state.is_heard) look_for_group_end(state);
   meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
   leave_out_counter(state, meta);
   end_source_marks(thread, state.write);

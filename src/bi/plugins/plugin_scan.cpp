@@ -3,6 +3,7 @@
 #include "bi/plugins/function_watch.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/code/run_counter.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scanner.h"
 #include "bi/code/traces.h"
 #include "common/log.h"
@@ -114,6 +115,7 @@ int mora_count_runs(mora_context* ctx, std::uint64_t* counter) {
   if (ctx->event != MORA_PRE_BB || address_of(counter) % sizeof *counter != 0) return -1;
   if (mora_reserve_space(ctx, RUN_COUNTER_SPACE) != 0) return -1;
   scan_state* state = ctx->scan;
+  if (state != nullptr && count_by_group(*state, &ctx->write_p, counter)) return 0;
   const bool begins_head = state != nullptr && state->counter.first != nullptr && ctx->write_p == state->counter.end;
   if (!begins_head || state->counter.is_plugins) {
     put_run_counter(&ctx->write_p, counter);

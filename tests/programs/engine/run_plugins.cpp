@@ -1,4 +1,6 @@
 // Plug-ins that count the runs of blocks by the engine's service.
+#include <unistd.h>
+
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -15,7 +17,8 @@ using namespace ceilmeter;
 namespace {
 
 // runs: how many instructions and blocks the application has executed, and a number that depends on the count of each
-// block. With RUNS_BLOCKS in the environment also each block's count.
+// block. With RUNS_BLOCKS in the environment also each block's count. The children of forks tell their own numbers,
+// with what their parents have counted before.
 // -----------------------------------
 
 struct block_runs {
@@ -35,11 +38,13 @@ std::uint64_t instructions;
 std::uint64_t differences;
 std::mutex counts_mutex;
 bool counts_twice = false;
+pid_t first_process = 0;
 
 thread_runs& runs_of(const mora_context* ctx) { return *static_cast<thread_runs*>(mora_get_thread_data(ctx)); }
 
 int begin_thread(mora_context* ctx) {
-  if (mora_get_next_thread(ctx) == nullptr) mora_set_thread_data(ctx, new thread_runs);
+  // The child of a fork keeps its data: it goes on counting from there.
+  if (mora_get_thread_data(ctx) == nullptr) mora_set_thread_data(ctx, new thread_runs);
   return 0;
 }
 
@@ -70,6 +75,7 @@ int end_thread(mora_context* ctx) {
 }
 
 int tell_runs(mora_context*) {
+  const std::string whose = getpid() == first_process ? "" : "child_";
   std::uint64_t blocks = 0;
   std::uint64_t digest = 14695981039346656037U;
   const auto mix = [&digest](std::uint64_t value) { digest = (digest ^ value) * 1099511628211U; };
@@ -79,18 +85,19 @@ int tell_runs(mora_context*) {
     blocks += count;
     mix(start);
     mix(count);
-    if (tells_blocks) tell(("block " + std::to_string(start)).c_str(), count);
+    if (tells_blocks) tell((whose + "block " + std::to_string(start)).c_str(), count);
   }
-  tell("instructions", instructions);
-  tell("blocks", blocks);
-  tell("digest", digest);
-  if (counts_twice) tell("differences", differences);
+  tell((whose + "instructions").c_str(), instructions);
+  tell((whose + "blocks").c_str(), blocks);
+  tell((whose + "digest").c_str(), digest);
+  if (counts_twice) tell((whose + "differences").c_str(), differences);
   return 0;
 }
 
 }  // namespace
 
 void add_runs() {
+  first_process = getpid();
   function_watch_set_manual(1);
   mora_context* plugin = mora_add_plugin();
   mora_on_thread_init(plugin, begin_thread);

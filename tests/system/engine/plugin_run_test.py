@@ -134,6 +134,23 @@ class Runs(unittest.TestCase):
                 with self.subTest(program=command, hot=hot):
                     self.assertEqual(self.account("runs_twice", command, MORA_BI_HOT=hot)["differences"], 0)
 
+    def path_counts(self, kind, **variables):
+        """How often each block of counted_paths.S has run, by its place."""
+        with unittest.mock.patch.dict(os.environ, RUNS_BLOCKS="1", **variables):
+            output, account = run("runs", program("traces/counted_paths"), kind)
+        begin, end = (int(word) for word in output.split()[:2])
+        blocks = {tuple(name.split()): value for name, value in account.items() if "block " in name}
+        return {(whose, int(start) - begin): count for (whose, start), count in blocks.items()
+                if begin <= int(start) < end}
+
+    def test_faults_signals_threads_forks_and_dropped_code_change_no_count(self):
+        for kind in ("faults", "threads", "forks", "drops", "signals"):
+            without = self.path_counts(kind, MORA_BI_TRACES="off")
+            self.assertGreater(len(without), 10)
+            for variables in ({}, {"MORA_BI_HOT": "3"}, {"MORA_BI_HOT": "3", "MORA_BI_TRACES": "checked"}):
+                with self.subTest(kind=kind, **variables):
+                    self.assertEqual(self.path_counts(kind, **variables), without)
+
     def test_their_instructions_are_those_that_the_emulator_counts(self):
         if counts is None:
             self.skipTest("no counting plug-in for the emulator")

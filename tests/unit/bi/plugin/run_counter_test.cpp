@@ -23,10 +23,10 @@ namespace {
 using test::plugin_test;
 using test::words;
 
-constexpr std::uint32_t PUSH_X1_X30 = 0xa9bf7be1;  // stp x1, x30, [sp, #-16]!
-constexpr std::uint32_t POP_X1_X30 = 0xa8c17be1;   // ldp x1, x30, [sp], #16
+constexpr std::uint32_t PUSH_X1_X30 = 0xa9bf7be1;   // stp x1, x30, [sp, #-16]!
+constexpr std::uint32_t POP_X1_X30 = 0xa8c17be1;    // ldp x1, x30, [sp], #16
 constexpr std::uint32_t ADD_1_TO_X30 = 0x910007de;  // add x30, x30, #1
-constexpr std::uint32_t MOV_X3_X4 = 0xaa0403e3;    // mov x3, x4
+constexpr std::uint32_t MOV_X3_X4 = 0xaa0403e3;     // mov x3, x4
 constexpr std::uint32_t NOP = 0xd503201f;
 
 std::uint64_t first_counter;
@@ -149,7 +149,8 @@ TEST_F(run_counter, in_a_trace_it_does_not_ask) {
   const std::uint32_t length = scan_fragment(thread, source_direct, BB_COUNT, FRAGMENT_TRACE_HEAD, place);
   const words code(place, place + length / 4);
   EXPECT_EQ(pushes(code), 1);
-  EXPECT_EQ(std::count_if(code.begin(), code.end(), [](std::uint32_t word) { return a64_decode(&word) == A64_TBZ; }), 0);
+  EXPECT_EQ(std::count_if(code.begin(), code.end(), [](std::uint32_t word) { return a64_decode(&word) == A64_TBZ; }),
+            0);
 }
 
 TEST_F(run_counter, a_block_that_begins_no_trace_asks_no_more_and_one_that_does_stays_as_it_is) {
