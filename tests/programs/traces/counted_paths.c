@@ -1,6 +1,6 @@
 // counted_paths KIND: runs the code of counted_paths.S, whose blocks are to be counted exactly, and prints where that
-// code lies. The code takes the same way in every run; what comes between its blocks does not change how often each of
-// them runs.
+// code lies, and where in it the loop of exclusive pairs. The code takes the same way in every run; what comes between
+// its blocks does not change how often each of them runs.
 //   faults   accesses that fault: their handler repairs the page, skips the access, or jumps out
 //   signals  a timer, whose handler does nothing to the code
 //   threads  in several threads at once, which end in their own time
@@ -132,6 +132,7 @@ int main(int argc, char** argv) {
   bad = mmap(NULL, (size_t)page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   CHECK(good != MAP_FAILED && bad != MAP_FAILED);
   printf("%lu %lu\n", (unsigned long)counted_code, (unsigned long)counted_code_end);
+  printf("%lu %lu\n", (unsigned long)counted_pairs, (unsigned long)counted_calls);
   fflush(stdout);
   if (strcmp(what, "faults") == 0) run_faults();
   if (strcmp(what, "signals") == 0) run_signals();

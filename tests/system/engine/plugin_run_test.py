@@ -138,10 +138,12 @@ class Runs(unittest.TestCase):
         """How often each block of counted_paths.S has run, by its place."""
         with unittest.mock.patch.dict(os.environ, RUNS_BLOCKS="1", **variables):
             output, account = run("runs", program("traces/counted_paths"), kind)
-        begin, end = (int(word) for word in output.split()[:2])
+        begin, end, pairs, pairs_end = (int(word) for word in output.split()[:4])
+        # With a kernel of its own, an interrupt makes a store-exclusive fail now and then, and the loop goes round.
+        left_out = range(0) if emulator else range(pairs, pairs_end)
         blocks = {tuple(name.split()): value for name, value in account.items() if "block " in name}
         return {(whose, int(start) - begin): count for (whose, start), count in blocks.items()
-                if begin <= int(start) < end}
+                if begin <= int(start) < end and int(start) not in left_out}
 
     def test_faults_signals_threads_forks_and_dropped_code_change_no_count(self):
         for kind in ("faults", "threads", "forks", "drops", "signals"):
