@@ -74,6 +74,7 @@ enum bb_link_state : std::uint32_t {
   LINK_TAKEN_FIRST = 2,    // Always for an unconditional exit. A trace's fragment: the path takes the branch.
   LINK_BOTH = 4,           // A block: the second side is linked, too.
   LINK_CLOSES_TRACE = 4,   // A trace's fragment: it is the last one, and the branch that closes the trace follows.
+  LINK_COUNTS = 8,         // A trampoline: it counts how often its trace is left by it (run_groups.h).
 };
 
 // The place of a branch word that was patched to reach a fragment. A record of the thread's link pool.
@@ -118,6 +119,23 @@ struct trace_state {
   std::uint32_t active;
   std::uint32_t exit_count;
   trace_exit exits[MAX_TRACE_EXITS];
+};
+
+// How the runs of fragments of traces are counted, see code/run_groups.h. Of each index of the trace area:
+struct run_record {
+  std::uint64_t passes;        // Of a leader, and of a trampoline that counts.
+  std::uint64_t* counter;      // The plug-in's word; null: the fragment is in no group.
+  std::uint64_t begins_group;  // It is a leader.
+};
+// The fragment that is being scanned or was scanned last, and what the trace so far lets follow.
+struct group_scan {
+  std::uint64_t* counter;             // The plug-in's word, if the fragment's count is left to a group.
+  const std::uint32_t* behind_count;  // The word behind the code of the count.
+  std::uint32_t ends_group;           // No member may follow.
+  std::uint32_t may_join;             // It may be a member of the group before it.
+  std::uint32_t is_exclusive;         // A load-exclusive of the trace waits for its store-exclusive.
+  std::uint32_t calls_functions;      // The thread's code calls functions of plug-ins.
+  std::int32_t end;                   // The first index behind all records.
 };
 
 // Where signals have found the application, see signals/turns.h.
@@ -270,7 +288,9 @@ struct thread_data {
   std::uint64_t asked_sp;         // For which stack pointer it was last asked whether there is room,
   std::uint32_t blocks_at_end;    // and how many blocks have run since.
   std::uint64_t redirect_target;  // Where redirect_stub is to go.
-  written_code written;           // Code that the instruction cache has to hear of before it runs.
+  group_scan run_scan;
+  std::uint32_t* snippet;  // By which the newest fragment of the trace under construction is entered.
+  written_code written;    // Code that the instruction cache has to hear of before it runs.
   // What is large stands behind all else: the fields above are reached from the record's address by one instruction.
   bb_meta metas[BB_META_COUNT];
   // Source address to cache address. The slots begin with a page, so that every register branch has their address by
@@ -292,6 +312,7 @@ struct thread_data {
   std::int32_t fragment_chains[FRAGMENT_CHAINS];
   std::int32_t chain_next[BB_META_COUNT];
   std::int32_t trace_heads[BB_META_COUNT - BB_COUNT];  // At a trace's head its block; negative: it was dropped.
+  run_record run_records[BB_META_COUNT - BB_COUNT];
 };
 
 static_assert(offsetof(thread_data, status) == THREAD_STATUS && offsetof(thread_data, runs_call) == THREAD_RUNS_CALL &&

@@ -291,6 +291,14 @@ void mora_leave_callback();
 // and where no code is allowed.
 int mora_reserve_space(mora_context* ctx, std::uint32_t size);
 
+// At pre_bb: adds 1 to *counter each time the block runs. The engine chooses how. The value is exact at thread_init of
+// a fork's child, thread_exit, exit, flush, pre_syscall and post_syscall, and in functions that are called from the
+// cache by the services below. It need not be at any other moment, and the plug-in writes to it only before the first
+// run. A block may be counted in several words, and several blocks in one. The word is aligned to 8 and belongs to the
+// thread that translates, until its thread_exit; it may begin with any value. -1 at any other event, and for a word
+// that is not aligned.
+int mora_count_runs(mora_context* ctx, std::uint64_t* counter);
+
 // Code emission
 // -------------
 //

@@ -84,13 +84,7 @@ bool is_memory(const std::string& path) {
   return false;
 }
 
-// The words of the counter where ADRP reaches it.
-constexpr std::uint32_t push_x20_x21 = 0xa9bf57f4;  // stp x20, x21, [sp, #-16]!
-constexpr std::uint32_t pop_x20_x21 = 0xa8c157f4;   // ldp x20, x21, [sp], #16
-constexpr std::uint32_t adrp_x0 = 0x90000000;       // adrp x0, .
-constexpr std::uint32_t ldr_x20_x21 = 0xf94002b4;   // ldr x20, [x21]
-constexpr std::uint32_t str_x20_x21 = 0xf90002b4;   // str x20, [x21]
-constexpr std::uint32_t add_1_to_x20 = 0x91000694;  // add x20, x20, #1
+constexpr std::uint32_t adrp_x0 = 0x90000000;  // adrp x0, .
 
 constexpr std::uint64_t page_size = 4096;  // Of ADRP, whatever the kernel's are.
 
@@ -100,38 +94,10 @@ std::int64_t pages_between(const std::uint32_t* from, std::uint64_t to) {
 }
 bool adrp_reaches(std::int64_t pages) { return pages >= -(1 << 20) && pages < 1 << 20; }
 
-// The ADRP with its distance filled in, and a load or store of eight bytes with the place in the page.
+// The ADRP with its distance filled in.
 std::uint32_t with_pages(std::uint32_t adrp, std::int64_t pages) {
   const auto bits = static_cast<std::uint32_t>(pages);
   return adrp | (bits & 3) << 29 | (bits >> 2 & 0x7ffff) << 5;
-}
-std::uint32_t with_place_in_page(std::uint32_t access, std::uint64_t address) {
-  return access | static_cast<std::uint32_t>(address % page_size / sizeof(std::uint64_t)) << 10;
-}
-
-// count += 1. The whole run is one region, so there is no condition.
-void emit_count(mora_context* ctx, const bb_record& record) {
-  const std::uint64_t counter = address_of(&record.count);
-  constexpr std::uint32_t words = 6;
-  if (mora_reserve_space(ctx, words * sizeof(std::uint32_t)) != 0) return;
-  std::uint32_t* write = ctx->write_p;
-  const std::int64_t pages = pages_between(write + 1, counter);
-  if (adrp_reaches(pages)) {
-    *write++ = push_x20_x21;
-    *write++ = with_pages(adrp_x0 | x21, pages);
-    *write++ = with_place_in_page(ldr_x20_x21, counter);
-    *write++ = add_1_to_x20;
-    *write++ = with_place_in_page(str_x20_x21, counter);
-    *write++ = pop_x20_x21;
-    mora_set_cc_addr(ctx, write);
-    return;
-  }
-  mora_emit_save_regs(ctx, counter_registers);
-  mora_emit_load_const(ctx, x21, counter);
-  mora_emit_ldr(ctx, x20, x21);
-  mora_emit_add_imm(ctx, x20, x20, 1);
-  mora_emit_str(ctx, x20, x21);
-  mora_emit_restore_regs(ctx, counter_registers);
 }
 
 // How a word is reached behind emit_address.
@@ -282,7 +248,7 @@ int pre_bb_cb(mora_context* ctx) {
   bb_record* known = find_block(ctx, thread.blocks.newest_at(place), segment);
   thread.current_bb = known != nullptr ? known : add_block(thread, place, segment);
   if (of_process.get_mode() == MODE_TOTAL) {
-    emit_count(ctx, *thread.current_bb);
+    mora_count_runs(ctx, &thread.current_bb->count);  // The whole run is one region, so there is no condition.
   } else {
     emit_count_if_enabled(ctx, *thread.current_bb, thread);
   }

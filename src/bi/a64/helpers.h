@@ -45,6 +45,15 @@ inline void a64_load_const(std::uint32_t** write, std::uint32_t reg, std::uint64
   *write = at;
 }
 
+// Whether ADRP at the place reaches the 4 KiB that the address lies in.
+inline bool a64_page_in_reach(const std::uint32_t* place, std::uint64_t address) {
+  constexpr int PAGE_BITS = 12;
+  constexpr std::int64_t REACH = 1 << 20;  // In pages.
+  const auto pages =
+      static_cast<std::int64_t>((address >> PAGE_BITS) - (reinterpret_cast<std::uintptr_t>(place) >> PAGE_BITS));
+  return pages >= -REACH && pages < REACH;
+}
+
 // Loads the address of the 4 KiB that `address` lies in into register `reg`, 0 to 30, by ADRP if it reaches from
 // *write; else `address` itself, as a64_load_const does. Returns what is left to add.
 inline std::uint32_t a64_load_page(std::uint32_t** write, std::uint32_t reg, std::uint64_t address) {

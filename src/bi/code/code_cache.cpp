@@ -11,6 +11,7 @@
 #include "bi/code/drop_range.h"
 #include "bi/plugins/function_watch.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scanner.h"
 #include "bi/code/source_map.h"
 #include "bi/code/stubs.h"
@@ -42,6 +43,7 @@ void start_without_fragments(thread_data* thread) {
   // A trace under construction is given up: its exits lead to blocks that are forgotten.
   if (thread->active_trace.active != 0) count_trace_event(trace_counts.flushed);
   thread->active_trace.active = 0;
+  settle_runs(thread);
   deliver_flush();
 }
 

@@ -15,6 +15,7 @@
 #include "bi/code/dispatcher.h"
 #include "bi/code/exit_branch.h"
 #include "bi/code/spare_stack.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scanner.h"
 #include "bi/code/traces.h"
 #include "bi/plugins/function_watch.h"
@@ -53,16 +54,21 @@ std::int32_t first_of(const std::int32_t& head) { return head == 0 ? CHAIN_END :
 // Leads a trampoline to a block, without the words that it has copied.
 void lead_to_block(thread_data* thread, bb_meta& trampoline, std::uint64_t to) {
   auto* words = reinterpret_cast<std::uint32_t*>(trampoline.cache_entry);
-  words[0] = NOP;
-  words[1] = NOP;
-  a64_branch_and_link(thread, words + 2, to);
-  trampoline.exit_code_addr = words + 2;
+  if (!is_counting_trampoline(trampoline)) {
+    words[0] = NOP;
+    words[1] = NOP;
+    trampoline.exit_code_addr = words + 2;
+  }
+  a64_branch_and_link(thread, trampoline.exit_code_addr, to);
   trampoline.rejoin_cache_addr = to;
-  note_written(thread->written, words, words + 3);
+  note_written(thread->written, words, trampoline.exit_code_addr + 1);
 }
 
 // Whether it does so already.
 bool leads_to_block(const bb_meta& trampoline, std::uint64_t to) {
+  if (is_counting_trampoline(trampoline)) {
+    return branch_destination(*trampoline.exit_code_addr, trampoline.exit_code_addr) == to;
+  }
   const auto* words = reinterpret_cast<const std::uint32_t*>(trampoline.cache_entry);
   return words[0] == NOP && words[1] == NOP && a64_decode(words + 2) == A64_B &&
          branch_destination(words[2], words + 2) == to;

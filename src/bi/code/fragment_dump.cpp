@@ -9,6 +9,7 @@
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scan_rules.h"
 #include "bi/code/source_map.h"
 #include "bi/kernel/memory_probe.h"
@@ -66,6 +67,7 @@ bool is_in_exit(const bb_meta& meta, const std::uint32_t* place) {
 // The word behind the last one of a fragment of a trace, or of a trampoline.
 std::uint64_t end_in_traces(const thread_data* thread, std::int32_t id) {
   const bb_meta& meta = thread->metas[id];
+  if (is_counting_trampoline(meta)) return address_of(meta.exit_code_addr + 1);
   if (meta.exit_kind == EXIT_TRACE) return meta.cache_entry + TRAMPOLINE_WORDS * sizeof(std::uint32_t);
   const trace_state& trace = thread->active_trace;
   if (id + 1 < trace.id) return thread->metas[id + 1].cache_entry;

@@ -2,6 +2,7 @@
 // cursor. It leaves `read` at the last source word that it has rewritten.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "bi/code/scan_state.h"
@@ -64,6 +65,7 @@ void put_fault(scan_state& state);
 
 // Counts how often the block runs, until it is hot.
 void put_hot_counter(scan_state& state);
+inline constexpr std::ptrdiff_t HOT_COUNTER_WORDS = 8;  // Where ADRP reaches the count.
 
 // Marks the start of plug-ins' code that stands between two source words. A fault in it happens after the first of the
 // two.

@@ -15,6 +15,13 @@ enum fragment_type : std::uint32_t {
   FRAGMENT_TRACE_HEAD = 2,  // The first fragment of a trace.
 };
 
+// The code that counts a block's runs until it is hot.
+struct counter_words {
+  std::uint32_t* first;  // Null: there is none.
+  std::uint32_t* end;
+  bool is_plugins;  // It is a plug-in's counter as well, see run_counter.h.
+};
+
 struct scan_state {
   thread_data* thread;
   std::int32_t bb_id;
@@ -30,6 +37,7 @@ struct scan_state {
   bool has_sp;                    // sp is the application's, of a block that uses the spare stack.
   bool is_heard;                  // Plug-ins are told of this scan's events, see plugins_listen. The thread has
                                   // entered a callback for all of them (mora_enter_callback).
+  counter_words counter;          // At the fragment's start.
 };
 
 }  // namespace ceilmeter

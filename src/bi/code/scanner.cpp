@@ -12,6 +12,8 @@
 #include "bi/code/exit_branch.h"
 #include "bi/plugins/function_watch.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/code/run_counter.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scan_ahead.h"
 #include "bi/code/scan_rules.h"
 #include "bi/code/source_map.h"
@@ -346,19 +348,29 @@ void scan_words(scan_state& state, std::size_t known) {
   }
 }
 
-struct counter_words {
-  std::uint32_t* first;  // Null: there is no hot counter.
-  const std::uint32_t* end;
-};
+// Whether a plug-in will probably count in the hot counter's place, whose length is known.
+bool may_be_plugins_counter(const scan_state& state) {
+  return state.is_heard && is_event_bound(MORA_PRE_BB) &&
+         a64_page_in_reach(state.write + 1, address_of(&state.thread->exit_counters[state.bb_id]));
+}
+
+// No plug-in has.
+void put_left_out_counter(scan_state& state) {
+  std::uint32_t* const behind = state.write;
+  state.write = state.counter.first;
+  put_hot_counter(state);
+  if (state.write != state.counter.end) log(LEVEL_FATAL, "a hot counter is not as long as its place");
+  state.write = behind;
+}
 
 // The code in front of the fragment's first word.
-counter_words put_start(scan_state& state, const std::uint32_t* first, const fragment_end& end) {
-  counter_words counter{};
+void put_start(scan_state& state, const std::uint32_t* first, const fragment_end& end) {
+  bool is_put_later = false;
   if (state.thread->resumed.source == address_of(first)) {
     // One that began elsewhere.
     deliver_start(state, reinterpret_cast<const std::uint32_t*>(state.thread->resumed.first),
                   state.thread->resumed.counts != 0);
-    return counter;
+    return;
   }
   // The code at a watched function's entry has to see the registers as they are there.
   state.starts_behind_store =
@@ -366,22 +378,33 @@ counter_words put_start(scan_state& state, const std::uint32_t* first, const fra
   if (!state.starts_behind_store) {
     const bool counts = state.type == FRAGMENT_BLOCK && !has_own_blocks(state.thread) && end.is_direct_branch;
     if (counts) {
-      counter.first = state.write;
-      put_hot_counter(state);
-      counter.end = state.write;
+      state.counter.first = state.write;
+      is_put_later = may_be_plugins_counter(state);
+      if (is_put_later) {
+        state.write += HOT_COUNTER_WORDS;
+      } else {
+        put_hot_counter(state);
+      }
+      state.counter.end = state.write;
     }
     deliver_start(state, first, true);
+    if (is_put_later && !state.counter.is_plugins) put_left_out_counter(state);
+    note_code_behind_count(state);
   }
   // No hot counter for the others: where it is the store has been made, and a trace would begin with making it again.
   raise_sp(state);
-  return counter;
 }
 
 // A block that cannot be a trace's head does not count. Its end is not the one that was looked for ahead if a plug-in
 // has gone elsewhere, or if another thread has changed it behind what is kept of the source.
-void leave_out_counter(const bb_meta& meta, const counter_words& counter) {
+void leave_out_counter(const scan_state& state, const bb_meta& meta) {
+  const counter_words& counter = state.counter;
   if (counter.first == nullptr || meta.exit_kind == EXIT_NOT_SET || is_direct_exit(meta.exit_kind)) return;
-  a64_branch(counter.first, address_of(counter.end));
+  if (counter.is_plugins) {
+    stop_asking(state.thread, meta);
+  } else {
+    a64_branch(counter.first, address_of(counter.end));
+  }
 }
 
 // Makes the record one without an exit. A signal may come before the fragment's exit is written, and must not take the
@@ -449,6 +472,8 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
     meta.trampoline = 0;
     thread->trace_fragment_start = start;
     thread->trace_fragment_overflow = 0;
+    thread->run_scan.counter = nullptr;
+    thread->run_scan.ends_group = 0;
   }
   if (type != FRAGMENT_TRACE) code_writer{state.write}.pop(x0, x1);
   clear_exit(meta, cache_end);
@@ -463,14 +488,15 @@ std::uint32_t scan_fragment(thread_data* thread, const std::uint32_t* read_addre
   }
   const fragment_end end = find_end(state.source, read_address);
   begin_scan_events(state);
-  const counter_words counter = put_start(state, read_address, end);
+  put_start(state, read_address, end);
   const auto known = static_cast<std::size_t>(end.word - read_address) + (end.is_inside ? 1 : 0);
   scan_words(state, std::min(known, SCAN_WORDS));
   deliver_scan_event(state, {MORA_POST_BB, MORA_NO_INST, false, state.read});
   deliver_scan_event(state, {MORA_POST_FRAGMENT, MORA_NO_INST, false, nullptr});
   end_scan_events(state);
+  if (type != FRAGMENT_BLOCK && state.is_heard) look_for_group_end(state);
   meta.source_words = static_cast<std::uint32_t>(state.read - read_address) + 1;
-  leave_out_counter(meta, counter);
+  leave_out_counter(state, meta);
   end_source_marks(thread, state.write);
   return static_cast<std::uint32_t>(state.write - start) * 4;
 }

@@ -25,10 +25,11 @@ inline constexpr std::uint32_t COMPARE_EXIT_SPACE = 19 * 4;
 // The code that put_invalidation writes.
 inline constexpr std::uint32_t INVALIDATION_SPACE = 46 * 4;
 
-// Bytes that fragments leave free at the end of the trace area. They are for an entry snippet of two words, and for the
-// trampolines of a trace's exits. A trampoline takes at most 32 bytes with its alignment.
+// Bytes that fragments leave free at the end of the trace area. They are for an entry snippet, of nine words where it
+// counts, and for the trampolines of a trace's exits. A trampoline takes at most 32 bytes with its alignment.
 inline constexpr std::uint32_t TRACE_TRAMPOLINE_SPACE = MAX_TRACE_EXITS * 32 + 16;
-inline constexpr std::uint32_t TRACE_END_SPACE = TRACE_TRAMPOLINE_SPACE + 8;
+inline constexpr std::uint32_t TRACE_SNIPPET_SPACE = 9 * 4;
+inline constexpr std::uint32_t TRACE_END_SPACE = TRACE_TRAMPOLINE_SPACE + TRACE_SNIPPET_SPACE;
 // Bytes that have to be free there when a fragment begins: these, and those that are written between two checks of the
 // room.
 inline constexpr std::uint32_t TRACE_FRAGMENT_SPACE = 0x600;

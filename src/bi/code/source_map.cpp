@@ -4,6 +4,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/run_groups.h"
 
 namespace ceilmeter {
 
@@ -132,6 +133,10 @@ source_place find_source_place(const thread_data* thread, std::uint64_t pc) {
   const std::int32_t id = exit_owner(thread, pc);
   if (id <= 0) return nowhere;
   const bb_meta& meta = thread->metas[id];
+  if (is_counting_trampoline(meta)) {
+    // It has left the fragment, and stands before the block that the exit leads to.
+    return pc > address_of(meta.exit_code_addr) ? nowhere : source_place{meta.source_addr, true};
+  }
   if (meta.exit_kind == EXIT_TRACE) {
     // A trampoline copies the words before its rejoin address. A place has the same distance to the end of the copies
     // as its original has to that address.

@@ -139,8 +139,9 @@ dispatcher_leave:
         ldr     x3, [sp, #8]
         b       reentry_window
 
-// hot_counter_stub: called by BL from the hot counter at a block's head when the count has come to 0. The block is hot,
-// and create_trace(thread_data, source_index, ret) tells where to go on in its place.
+// hot_counter_stub: called by BL from the counter at a block's head when the block has become hot, by the engine's own
+// counter or by a plug-in's (run_counter.h). create_trace(thread_data, source_index, ret) tells where to go on in its
+// place.
 //   x30  in the block's first 256 bytes; the application's x1 and x30 are on the stack, in this order
 //
 //   The frame is that of dispatcher_entry_stub; `ret` is at DISPATCH_NEXT. On the application's stack x0 and x1 take

@@ -7,6 +7,7 @@
 #include "bi/code/code_words.h"
 #include "bi/code/drop_range.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/spare_stack.h"
 #include "bi/signals/exit_trap.h"
 #include "bi/code/scanner.h"
@@ -60,6 +61,20 @@ void follow_dropped_trace(const thread_data* thread, std::uint64_t* from, std::u
   *arrives = branch_destination(*word, word);
 }
 
+bool is_link_to(const thread_data* thread, std::uint64_t from, std::uint64_t block) {
+  return is_noted(thread->metas[cc_addr_to_bb_id(thread, block)], from);
+}
+
+void check_counting_trampoline(const bb_meta& tramp, std::uint64_t from, std::uint64_t to) {
+  constexpr std::ptrdiff_t counter_words = 6;
+  const std::uint32_t* last = tramp.exit_code_addr;
+  demand(tramp.cache_entry == to, "a branch leads into the middle of a trampoline", from, to);
+  demand(last - words_at(to) == counter_words, "a trampoline has no counter", from, to);
+  demand(a64_decode(last) == A64_B, "a trampoline does not end in a branch", from, to);
+  const std::uint64_t rejoins = branch_destination(*last, last);
+  demand(rejoins == tramp.rejoin_cache_addr, "a trampoline leads elsewhere than its record says", to, rejoins);
+}
+
 // Checks that the branch from `from` to `to` leads to the fragment of `source`.
 void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, std::uint64_t source) {
   std::uint64_t arrives = to;
@@ -67,7 +82,12 @@ void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, 
     const std::int32_t id = addr_to_fragment_id(thread, to);
     demand(id >= BB_COUNT, "a branch into the trace area leads to no fragment", from, to);
     const bb_meta& tramp = thread->metas[id];
-    if (tramp.exit_kind == EXIT_TRACE) {
+    if (is_counting_trampoline(tramp)) {
+      check_counting_trampoline(tramp, from, to);
+      arrives = tramp.rejoin_cache_addr;
+      // When it was led to the block, its branch was noted.
+      if (is_in_blocks(thread, arrives) && !is_link_to(thread, from, arrives)) from = address_of(tramp.exit_code_addr);
+    } else if (tramp.exit_kind == EXIT_TRACE) {
       demand(tramp.cache_entry == to, "a branch leads into the middle of a trampoline", from, to);
       const std::uint32_t* last = tramp.exit_code_addr;
       const auto copied = static_cast<std::uint64_t>(last - words_at(to));

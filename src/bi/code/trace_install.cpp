@@ -7,6 +7,8 @@
 //                                    word
 //                                    b target + 8     and the rest of it
 //                                    nop
+//   one that counts (run_groups.h)   six words        of the counter; the exit leads here for ever
+//                                    b target
 //   when a trace replaces the block  nop
 //   and is out of                    nop
 //   the exit's reach                 b trace + 4
@@ -27,6 +29,8 @@
 #include "bi/code/exit_branch.h"
 #include "bi/engine_switches.h"
 #include "bi/signals/exit_trap.h"
+#include "bi/code/run_counter.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scanner.h"
 #include "bi/code/trace_check.h"
 #include "bi/code/traces.h"
@@ -50,12 +54,14 @@ void move_trampoline(thread_data* thread, std::uint64_t tramp, std::uint64_t to)
     log(LEVEL_FATAL, "an exit leads to 0x%lx, which is no trampoline", tramp);
   }
   auto* words = reinterpret_cast<std::uint32_t*>(tramp);
-  words[0] = NOP;
-  words[1] = NOP;
-  a64_branch(words + 2, to);
-  record.exit_code_addr = words + 2;
+  if (!is_counting_trampoline(record)) {
+    words[0] = NOP;
+    words[1] = NOP;
+    record.exit_code_addr = words + 2;
+  }
+  a64_branch(record.exit_code_addr, to);
   record.rejoin_cache_addr = to;
-  note_written(thread->written, words, words + 3);
+  note_written(thread->written, words, record.exit_code_addr + 1);
   count_trace_event(trace_counts.moved_trampolines);
 }
 
@@ -65,6 +71,12 @@ bool leads_to_head(const thread_data* thread, std::uint64_t to, const bb_meta& h
   const std::int32_t id = is_in_traces(thread, to) ? addr_to_fragment_id(thread, to) : -1;
   return id >= BB_COUNT && thread->metas[id].exit_kind == EXIT_TRACE && thread->metas[id].cache_entry == to &&
          thread->metas[id].source_addr == head.source_addr;
+}
+
+// Whether the exit leads through a trampoline that counts, and has to go on doing so.
+bool leads_to_counter(const thread_data* thread, std::uint64_t to) {
+  const std::int32_t id = is_in_traces(thread, to) ? addr_to_fragment_id(thread, to) : -1;
+  return id >= BB_COUNT && is_counting_trampoline(thread->metas[id]) && thread->metas[id].cache_entry == to;
 }
 
 // A trampoline without copied words whose branch at `place` was led elsewhere.
@@ -91,7 +103,7 @@ void patch_trace_branches(thread_data* thread, const bb_meta& head, std::uint32_
   } else if (!decode_exit_branch(*word, &branch)) {
     log(LEVEL_FATAL, "[install_trace] Linking instruction unknown at %p instruction %d", static_cast<void*>(place),
         inst);
-  } else if (trace_exit_reaches(place, *word, to)) {
+  } else if (trace_exit_reaches(place, *word, to) && !leads_to_counter(thread, branch_destination(*word, place))) {
     *word = redirected_branch(*word, place, to);
     count_trace_event(trace_counts.moved_exits);
   } else {
@@ -147,10 +159,16 @@ std::uint32_t* make_trampoline(thread_data* thread, const trace_exit& exit, std:
   record.cache_entry = address_of(tramp);
   record.exit_kind = EXIT_TRACE;
   record.link_state = LINK_TAKEN_FIRST;
+  record.trampoline = 0;
   thread->metas[exit.fragment_id].trampoline = id;
 
   std::uint32_t* write = tramp;
-  for (int count = 0; count < COPIED_WORDS && is_copyable(from, target); ++count) *write++ = *from++;
+  if (is_member(thread, exit.fragment_id + 1)) {
+    record.link_state |= LINK_COUNTS;
+    put_run_counter(&write, add_trampoline(thread, id));
+  } else {
+    for (int count = 0; count < COPIED_WORDS && is_copyable(from, target); ++count) *write++ = *from++;
+  }
   record.exit_code_addr = write;
   record.rejoin_cache_addr = address_of(from);
   a64_branch(write++, address_of(from));
@@ -176,7 +194,7 @@ std::uint32_t* patch_exits(thread_data* thread) {
     std::uint64_t to = exit.to;
     const bool to_block = is_in_blocks(thread, to);
     if (to_block) record_cc_link(thread, exit.from, to);
-    if (to_block || !trace_exit_reaches(place, *place, to)) {
+    if (to_block || is_member(thread, exit.fragment_id + 1) || !trace_exit_reaches(place, *place, to)) {
       next = make_trampoline(thread, exit, tramp);
       to = address_of(tramp);
       if (!trace_exit_reaches(place, *place, to)) {

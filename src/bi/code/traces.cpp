@@ -31,6 +31,9 @@
 #include "bi/code/code_words.h"
 #include "bi/code/dispatcher.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/code_writer.h"
+#include "bi/code/run_counter.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scanner.h"
 #include "bi/code/stubs.h"
 #include "bi/code/trace_install.h"
@@ -70,7 +73,7 @@ std::uint32_t* scan_trace(thread_data* thread, std::uint64_t source, fragment_ty
   return end;
 }
 
-// No trace begins: the thread goes on in the hot block.
+// No trace begins: the thread goes on in the hot block, or in what is scanned in its place.
 void go_on_in_block(thread_data* thread, std::uint64_t source, std::uint64_t* ret) {
   thread->active_trace.active = 0;
   ret[0] = lookup_or_scan(thread, source);
@@ -79,6 +82,13 @@ void go_on_in_block(thread_data* thread, std::uint64_t source, std::uint64_t* re
 bool has_room_for_trace(const thread_data* thread) {
   return thread->trace_write_cursor < thread->code_cache + TRACE_HIGH_WATER && thread->trace_id < TRACE_ID_HIGH_WATER &&
          has_links_to_spare(thread->cc_link_pool, TRACE_LINKS);
+}
+
+// The same, and the block is no head for as long as it stays as it is.
+void stay_in_block(thread_data* thread, std::int32_t source_index, std::uint64_t* ret) {
+  const bb_meta& block = thread->metas[source_index];
+  stop_asking(thread, block);
+  go_on_in_block(thread, block.source_addr, ret);
 }
 
 void flush_full_area(thread_data* thread, std::uint64_t source, std::uint64_t* ret) {
@@ -158,12 +168,23 @@ void close_in_block(thread_data* thread, std::int32_t source_index, std::uint32_
 }
 
 // Writes LDP x0, x1 and a branch to the fragment, behind the fragment. The dispatcher leaves both registers on the
-// stack. The fragment itself has no entry word to pop them, because later runs fall into it.
-std::uint32_t* put_entry_snippet(thread_data* thread, std::uint32_t* at, const std::uint32_t* fragment) {
-  at[0] = POP_X0_X1;
-  a64_branch(at + 1, address_of(fragment));
-  note_written(thread->written, at, at + 2);
-  return at + 2;
+// stack. The fragment itself has no entry word to pop them, because later runs fall into it. Where it does not count
+// its runs either, the snippet counts this one, with the two registers before they are popped.
+std::uint32_t* put_entry_snippet(thread_data* thread, std::uint32_t* at, std::int32_t id) {
+  const bb_meta& fragment = thread->metas[id];
+  std::uint32_t* write = at;
+  if (const std::uint64_t* counter = counter_of_member(thread, id); counter != nullptr) {
+    const code_writer code{write};
+    const auto place = static_cast<std::int32_t>(a64_load_page(&write, x0.number, address_of(counter)));
+    code.ldr(x1, offset_address{x0, place});
+    code.add(x1, x1, 1);
+    code.str(x1, offset_address{x0, place});
+  }
+  *write++ = POP_X0_X1;
+  a64_branch(write++, fragment.cache_entry);
+  note_written(thread->written, at, write);
+  thread->snippet = at;
+  return write;
 }
 
 // Extends the trace by the block at `target`. False if the fragment does not fit; the trace is then as it was before.
@@ -177,14 +198,17 @@ bool extend_trace(thread_data* thread, std::uint32_t* write, std::uint64_t targe
     *next_addr = lookup_or_scan(thread, target);
     return true;
   }
-  if (thread->trace_fragment_overflow != 0 || !exits_reach(trace, end + 2)) {
+  // The snippet may count, in up to nine words. A bare engine's has two.
+  const std::size_t snippet_words = thread->run_scan.counter != nullptr ? TRACE_SNIPPET_SPACE / sizeof *end : 2;
+  if (thread->trace_fragment_overflow != 0 || !exits_reach(trace, end + snippet_words)) {
     --trace.id;
     return false;
   }
   ++thread->trace_fragment_count;
   log(LEVEL_TRACE, "len: %ld", static_cast<long>(end - write + 1) * 4);
   *next_addr = address_of(end);
-  trace.write = put_entry_snippet(thread, end, write);
+  join_group(thread, id);
+  trace.write = put_entry_snippet(thread, end, id);
   if (thread->metas[id].exit_kind == EXIT_REGISTER) {
     count_trace_event(trace_counts.ends_in_register_branch);
     install_trace(thread);
@@ -199,6 +223,7 @@ std::uint32_t* begin_trace(thread_data* thread, std::int32_t source_index, std::
   auto* entry = reinterpret_cast<std::uint32_t*>(thread->trace_write_cursor);
   log(LEVEL_TRACE, "bb: %d, source: %p, ret to: 0x%lx", source_index, reinterpret_cast<void*>(source),
       address_of(entry));
+  begin_groups(thread);
   trace.id = thread->trace_id;
   trace.source_bb = source_index;
   trace.active = 1;
@@ -231,8 +256,9 @@ void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* re
     return;
   }
   if (trace_options.off || kind == EXIT_NOT_SET) {
-    // A block without an exit is one that a plug-in has ended. Its counter has wrapped to 0, so the block runs many
-    // times before it comes here again.
+    // A block without an exit is one that a plug-in has ended. A counter of the engine's own has wrapped to 0, so the
+    // block runs many times before it comes here again.
+    stop_asking(thread, head);
     ret[0] = head.cache_entry;
     return;
   }
@@ -245,10 +271,7 @@ void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* re
     flush_full_area(thread, source, ret);
     return;
   }
-  if (!may_begin_trace(thread)) {
-    go_on_in_block(thread, source, ret);
-    return;
-  }
+  if (!may_begin_trace(thread)) return stay_in_block(thread, source_index, ret);
   std::uint32_t* entry = begin_trace(thread, source_index, source);
   ret[0] = trace.entry_addr;
 
@@ -263,7 +286,7 @@ void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* re
     const bool area_is_empty = thread->trace_id == BB_COUNT;
     trace.id = thread->trace_id;
     if (area_is_empty) {
-      go_on_in_block(thread, source, ret);
+      stay_in_block(thread, source_index, ret);
     } else {
       flush_full_area(thread, source, ret);
     }
@@ -277,8 +300,9 @@ void make_head(thread_data* thread, std::int32_t source_index, std::uint64_t* re
     log(LEVEL_DEBUG, "disallowed type of exit in the first trace fragment: %d",
         static_cast<int>(thread->metas[id].exit_kind));
     trace.id = thread->trace_id;
-    go_on_in_block(thread, source, ret);
+    return stay_in_block(thread, source_index, ret);
   }
+  join_group(thread, id);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The events that carry no code. Each context lives on the stack of the thread that is told.
 #include "bi/plugins/plugin_delivery.h"
 
+#include "bi/code/run_groups.h"
+
 namespace ceilmeter {
 
 namespace {
@@ -39,6 +41,8 @@ void mora_deliver_event(mora_context* ctx) {
 }
 
 void tell_plugins(thread_data* thread, mora_event event) {
+  settle_runs(thread);
+  if (event == MORA_THREAD_EXIT) forget_runs(thread);
   mora_context ctx = context_of(thread, event);
   mora_deliver_event(&ctx);
 }
@@ -70,6 +74,7 @@ void tell_plugins_of_vm_op(const vm_op_event& what) {
 }
 
 bool ask_plugins_before_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* args, std::uint64_t* result) {
+  if (is_event_bound(MORA_PRE_SYSCALL)) settle_runs(thread);
   mora_context ctx = context_of(thread, MORA_PRE_SYSCALL);
   ctx.number = number;
   ctx.args = args;
@@ -80,6 +85,7 @@ bool ask_plugins_before_syscall(thread_data* thread, std::uint64_t number, std::
 }
 
 void ask_plugins_after_syscall(thread_data* thread, std::uint64_t number, std::uint64_t* result) {
+  if (is_event_bound(MORA_POST_SYSCALL)) settle_runs(thread);
   mora_context ctx = context_of(thread, MORA_POST_SYSCALL);
   ctx.number = number;
   ctx.args = &thread->syscall_args;

@@ -12,6 +12,7 @@
 #include "bi/code/code_words.h"
 #include "bi/code/code_writer.h"
 #include "bi/code/dispatcher.h"
+#include "bi/code/run_groups.h"
 #include "bi/mora.h"
 #include "bi/plugin.h"
 #include "bi/containers/register_mask.h"
@@ -345,8 +346,22 @@ void emit_arguments_move(mora_context* ctx, std::uint32_t nargs, bool store) {
 
 }  // namespace
 
+namespace {
+
+void settle_runs_of_caller() { settle_runs(current_thread); }
+
+// The function may look at what is counted for its plug-in.
+int emit_settling(mora_context* ctx) {
+  if (!ctx->code_allowed || !stop_grouping(ctx->thread_data)) return 0;
+  if (mora_emit_save_regs(ctx, GUARDED_CALL_MASK) != 0) return -1;
+  emit_stub_call(ctx, address_of(reinterpret_cast<const void*>(settle_runs_of_caller)));
+  return mora_emit_restore_regs(ctx, GUARDED_CALL_MASK);
+}
+
+}  // namespace
+
 int mora_emit_guarded_call(mora_context* ctx, std::uint64_t fn, std::uint32_t nargs) {
-  if (nargs > ARGUMENT_REGISTERS) return -1;
+  if (nargs > ARGUMENT_REGISTERS || emit_settling(ctx) != 0) return -1;
   const std::uint32_t mask = nargs == 0 ? GUARDED_CALL_MASK : GUARDED_CALL_MASK & ~x0_bit;
   if (mora_emit_save_regs(ctx, mask) != 0) return -1;
   emit_stub_call(ctx, fn);
@@ -357,6 +372,7 @@ int mora_emit_guarded_call_values(mora_context* ctx, std::uint64_t fn, std::uint
                                   const std::uint64_t* values) {
   if (nargs > ARGUMENT_REGISTERS) return -1;
   if (nargs == 0) return mora_emit_guarded_call(ctx, fn, 0);
+  if (emit_settling(ctx) != 0) return -1;
   constexpr std::uint32_t mask = GUARDED_CALL_MASK & ~x0_bit;
   if (mora_emit_save_regs(ctx, mask) != 0) return -1;
   emit_arguments_move(ctx, nargs, true);

@@ -2,7 +2,10 @@
 #include "bi/a64/a64.h"
 #include "bi/plugins/function_watch.h"
 #include "bi/plugins/plugin_delivery.h"
+#include "bi/code/run_counter.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scanner.h"
+#include "bi/code/traces.h"
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -108,6 +111,28 @@ const std::uint32_t* mora_get_block_words(const mora_context* ctx) {
   return end <= source.count ? source.kept + (ctx->scan->bb_start - source.first) : nullptr;
 }
 
+int mora_count_runs(mora_context* ctx, std::uint64_t* counter) {
+  if (ctx->event != MORA_PRE_BB || address_of(counter) % sizeof *counter != 0) return -1;
+  if (mora_reserve_space(ctx, RUN_COUNTER_SPACE) != 0) return -1;
+  scan_state* state = ctx->scan;
+  if (state != nullptr && count_by_group(*state, &ctx->write_p, counter)) return 0;
+  const bool begins_head = state != nullptr && state->counter.first != nullptr && ctx->write_p == state->counter.end;
+  if (!begins_head || state->counter.is_plugins) {
+    put_run_counter(&ctx->write_p, counter);
+    return 0;
+  }
+  // In the place of the engine's own counter, behind which nothing stands yet.
+  ctx->write_p = state->counter.first;
+  if (trace_options.off) {
+    put_run_counter(&ctx->write_p, counter);
+  } else {
+    put_asking_run_counter(state->thread, &ctx->write_p, counter);
+  }
+  state->counter.end = ctx->write_p;
+  state->counter.is_plugins = true;
+  return 0;
+}
+
 bool scan_for_plugins(scan_state& state, const scan_event& what) {
   const std::uint32_t*& read_address = what.event == MORA_PRE_BB ? state.bb_start : state.read;
   mora_context ctx = context_at(state, what.event, read_address, what.inst);
@@ -124,7 +149,7 @@ bool a64_scanner_deliver_callbacks(thread_data* thread, mora_event event, const 
                                    const std::uint32_t* end_address) {
   const auto type = static_cast<enum fragment_type>(fragment_type);
   scan_state state = {thread, bb_id, type, *read_address, *read_address, *write, *limit, *stop,
-                      false,  0,     {},   false,         false};
+                      false,  0,     {},   false,         false,         {}};
   state.source.first = *read_address;
   if (inst != MORA_NO_INST) state.word = word_at(state.source, *read_address);
   begin_scan_events(state);

@@ -8,6 +8,7 @@
 #include "bi/code/code_cache.h"
 #include "bi/code/code_words.h"
 #include "bi/code/exit_branch.h"
+#include "bi/code/run_groups.h"
 #include "bi/signals/signals.h"
 #include "common/log.h"
 
@@ -70,6 +71,7 @@ void undo_register_trap(thread_data* thread, ucontext_t* ucontext, const bb_meta
 
 void undo_direct_trap(thread_data* thread, ucontext_t* ucontext, bb_meta& meta, std::int32_t id) {
   const mcontext_t& context = ucontext->uc_mcontext;
+  left_trace(thread, context.pc);
   // Put back only words that still are traps. A thread that stood just behind the trapped words, on its way to the
   // dispatcher, has linked the second side since, and that link has to stay.
   const std::uint32_t words = get_direct_branch_exit_trap_sz(meta, id) / 4;

@@ -18,6 +18,8 @@
 #include "bi/code/code_cache.h"
 #include "bi/code/code_epoch.h"
 #include "bi/code/drop_range.h"
+#include "bi/code/run_groups.h"
+#include "bi/code/scanner.h"
 #include "bi/code/spare_stack.h"
 #include "bi/signals/ending_signals.h"
 #include "bi/signals/exit_trap.h"
@@ -121,6 +123,7 @@ void run_handler_of(thread_data* thread, arrival& signal, const application_acti
 // instruction, which no code of the cache is without, the handler would find pc 0.
 void handle_synchronous(thread_data* thread, arrival& signal) {
   const application_action action = take_application_action(signal.signum());
+  left_trace(thread, signal.context().pc);
   if (action.handler <= 1) {
     log_crash(thread, signal.frame->info, signal.context());
     // The fault is in the cache, where the thread holds nothing of the engine's.
@@ -158,6 +161,13 @@ void run_handler(thread_data* thread, arrival& signal) {
               static_cast<std::uint64_t>(signum));
 }
 
+// Behind the newest fragment of a trace, which the thread has yet to enter: the snippet may have counted that. What
+// stands there later is no harm: such a thread is only led out in the place of ending at once.
+bool is_in_snippet(const thread_data* thread, std::uint64_t pc) {
+  const std::uint64_t snippet = address_of(thread->snippet);
+  return pc >= snippet && pc < snippet + TRACE_SNIPPET_SPACE;
+}
+
 void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
   const std::uint64_t pc = ucontext->uc_mcontext.pc;
   // The thread still has some way to go to its end, so its signals are blocked as in block_handled_signals.
@@ -168,7 +178,10 @@ void stop_for_exit(thread_data* thread, ucontext_t* ucontext) {
   if (is_code_address(thread, pc)) {
     const std::int32_t id = exit_owner(thread, pc);
     // In the exit nothing of the application's state matters any more.
-    if (id >= 0 && pc >= address_of(thread->metas[id].exit_code_addr)) abandon_thread(thread);
+    if (id >= 0 && pc >= address_of(thread->metas[id].exit_code_addr) && !is_in_snippet(thread, pc)) {
+      left_trace(thread, pc);
+      abandon_thread(thread);
+    }
     if (id >= 0) trap_fragment_exit(thread, id, pc);
   }
   count_visit(thread);  // deliver_pending_signal ends the thread.
@@ -191,7 +204,10 @@ void lead_out(thread_data* thread, const arrival& signal, bool fault) {
   if (!fault && is_second_request(signal.frame->info)) return raise_default(signal.signum());
   ucontext_t* ucontext = &signal.frame->ucontext;
   // A thread that has faulted, or stands at a trap of the engine's own, would do so again for ever.
-  if (fault && is_cache_address(thread, ucontext->uc_mcontext.pc)) abandon_thread(thread);
+  if (fault && is_cache_address(thread, ucontext->uc_mcontext.pc)) {
+    left_trace(thread, ucontext->uc_mcontext.pc);
+    abandon_thread(thread);
+  }
   if (fault) end_by_fault(thread, signal);
   stop_for_exit(thread, ucontext);
 }

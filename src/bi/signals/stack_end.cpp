@@ -4,6 +4,7 @@
 
 #include "bi/a64/a64.h"
 #include "bi/code/code_cache.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/scan_ahead.h"
 #include "bi/code/source_map.h"
 #include "bi/code/spare_stack.h"
@@ -65,9 +66,10 @@ resumed_block resumption_at(const thread_data* thread, std::uint64_t place, cons
 }
 
 // In a fragment: makes the context that of the source instruction.
-bool leave_fragment(const thread_data* thread, std::uint64_t place, mcontext_t& context, resumed_block* resumed) {
+bool leave_fragment(thread_data* thread, std::uint64_t place, mcontext_t& context, resumed_block* resumed) {
   const source_place source = find_source_place(thread, place);
   if (source.address == 0) return false;
+  left_trace(thread, place);
   take_back_pushes(thread, place, context);
   if (has_lowered_sp(thread, place)) context.sp = application_sp(thread, context.sp);
   context.pc = source.address;

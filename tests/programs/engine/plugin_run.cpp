@@ -1,7 +1,7 @@
 // Runs a program under the engine with one of the plug-ins of the tests:
 //   PLUGIN_RUN=NAME plugin_run PROGRAM [ARGUMENT]...
 // A plug-in tells what it has seen on standard error when the program ends, one "NAME VALUE" a line. The status is the
-// program's. The plug-ins stand in plugins.cpp and call_plugins.cpp.
+// program's. The plug-ins stand in plugins.cpp, call_plugins.cpp and run_plugins.cpp.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

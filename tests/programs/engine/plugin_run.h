@@ -21,5 +21,7 @@ void add_blocks_called_by_constants();
 void add_watched_entries();
 void add_watched_returns();
 void add_watched_all();
+void add_runs();
+void add_runs_twice();
 
 }  // namespace plugin_run

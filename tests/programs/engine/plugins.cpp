@@ -212,6 +212,8 @@ const std::vector<plugin> plugins = {{"events", add_events},
                                      {"blocks_called_by_constants", add_blocks_called_by_constants},
                                      {"watched_entries", add_watched_entries},
                                      {"watched_returns", add_watched_returns},
-                                     {"watched_all", add_watched_all}};
+                                     {"watched_all", add_watched_all},
+                                     {"runs", add_runs},
+                                     {"runs_twice", add_runs_twice}};
 
 }  // namespace plugin_run

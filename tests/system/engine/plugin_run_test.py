@@ -8,6 +8,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import unittest.mock
 
 TIMEOUT = 300  # Only a hang takes that long.
 
@@ -36,6 +37,16 @@ def run(plugin, *command):
 
 def native(*command):
     return subprocess.run([*emulator, *command], timeout=TIMEOUT, stdout=subprocess.PIPE, text=True, check=True).stdout
+
+
+def emulators_count(*command):
+    """How many instructions a native run executes."""
+    with tempfile.TemporaryDirectory() as folder:
+        summary = os.path.join(folder, "summary")
+        subprocess.run([emulator[0], "-plugin", f"{counts},summary={summary}", *emulator[1:], *command],
+                       timeout=TIMEOUT, check=True, stdout=subprocess.DEVNULL)
+        with open(summary, encoding="ascii") as lines:
+            return next(int(line.split()[1]) for line in lines if line.startswith("total "))
 
 
 class Events(unittest.TestCase):
@@ -94,14 +105,62 @@ class Instructions(unittest.TestCase):
         if counts is None:
             self.skipTest("no counting plug-in for the emulator")
         shapes = program("plugin/counted_shapes")
-        with tempfile.TemporaryDirectory() as folder:
-            summary = os.path.join(folder, "summary")
-            subprocess.run([emulator[0], "-plugin", f"{counts},summary={summary}", *emulator[1:], shapes],
-                           timeout=TIMEOUT, check=True)
-            with open(summary, encoding="ascii") as lines:
-                total = next(int(line.split()[1]) for line in lines if line.startswith("total "))
         _, account = run("instructions", shapes)
-        self.assertEqual(account["instructions"], total)
+        self.assertEqual(account["instructions"], emulators_count(shapes))
+
+
+class Runs(unittest.TestCase):
+    """Blocks counted by the engine's service. What is counted must not depend on how the engine lays the code out."""
+    programs = [["plugin/counted_shapes"], ["traces/bare_phases"], ["traces/bare_entered_tbz_far"],
+                ["traces/bare_entered_cbz_between"], ["traces/bare_abandoned"], ["traces/bare_flush_while_built"],
+                ["traces/bare_too_long_for_tbz"]]
+
+    def account(self, plugin, command, **variables):
+        with unittest.mock.patch.dict(os.environ, variables):
+            return run(plugin, program(command[0]), *command[1:])[1]
+
+    def test_they_are_as_many_with_traces_and_without(self):
+        for command in self.programs:
+            without = self.account("runs", command, MORA_BI_TRACES="off")
+            self.assertGreater(without["blocks"], 0)
+            for variables in ({}, {"MORA_BI_HOT": "3"}, {"MORA_BI_HOT": "1"}, {"MORA_BI_MAX_TRACES": "1"},
+                              {"MORA_BI_HOT": "3", "MORA_BI_TRACES": "checked"}):
+                with self.subTest(program=command, **variables):
+                    self.assertEqual(self.account("runs", command, **variables), without)
+
+    def test_they_are_those_that_code_in_each_block_counts(self):
+        for command in [*self.programs, ["plugin/all_events"], ["plugin/recursion"], ["plugin/fork_child"]]:
+            for hot in ("3", "255"):
+                with self.subTest(program=command, hot=hot):
+                    self.assertEqual(self.account("runs_twice", command, MORA_BI_HOT=hot)["differences"], 0)
+
+    def path_counts(self, kind, **variables):
+        """How often each block of counted_paths.S has run, by its place."""
+        with unittest.mock.patch.dict(os.environ, RUNS_BLOCKS="1", **variables):
+            output, account = run("runs", program("traces/counted_paths"), kind)
+        begin, end, pairs, pairs_end = (int(word) for word in output.split()[:4])
+        # With a kernel of its own, an interrupt makes a store-exclusive fail now and then, and the loop goes round.
+        left_out = range(0) if emulator else range(pairs, pairs_end)
+        blocks = {tuple(name.split()): value for name, value in account.items() if "block " in name}
+        return {(whose, int(start) - begin): count for (whose, start), count in blocks.items()
+                if begin <= int(start) < end and int(start) not in left_out}
+
+    def test_faults_signals_threads_forks_and_dropped_code_change_no_count(self):
+        for kind in ("faults", "threads", "forks", "drops", "signals"):
+            without = self.path_counts(kind, MORA_BI_TRACES="off")
+            self.assertGreater(len(without), 10)
+            for variables in ({}, {"MORA_BI_HOT": "3"}, {"MORA_BI_HOT": "3", "MORA_BI_TRACES": "checked"}):
+                with self.subTest(kind=kind, **variables):
+                    self.assertEqual(self.path_counts(kind, **variables), without)
+
+    def test_their_instructions_are_those_that_the_emulator_counts(self):
+        if counts is None:
+            self.skipTest("no counting plug-in for the emulator")
+        for command in self.programs:
+            total = emulators_count(program(command[0]), *command[1:])
+            for variables in ({}, {"MORA_BI_HOT": "3"}):
+                with self.subTest(program=command, **variables):
+                    self.assertEqual(self.account("runs", command, **variables)["instructions"], total)
 
 
 class GuardedCalls(unittest.TestCase):

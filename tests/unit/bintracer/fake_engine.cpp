@@ -179,6 +179,11 @@ void function_symbol_only(const char* name) { test::engine().calls.push_back("on
 
 int mora_reserve_space(mora_context*, std::uint32_t) { return 0; }
 
+int mora_count_runs(mora_context*, std::uint64_t* counter) {
+  test::emit("count %lx", reinterpret_cast<unsigned long>(counter));
+  return 0;
+}
+
 int mora_emit_save_regs(mora_context*, std::uint32_t mask) {
   test::emit("save %x", mask);
   return 0;

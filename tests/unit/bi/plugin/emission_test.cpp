@@ -192,6 +192,50 @@ TEST_F(plugin_emission_test, a_counter_is_added_to_with_two_registers_saved) {
   EXPECT_TRUE(refuses([](mora_context* c) { return mora_emit_counter_add(c, 0x1230, 4096); }));
 }
 
+TEST_F(plugin_emission_test, runs_are_counted_with_two_registers_saved) {
+  auto* const far = reinterpret_cast<std::uint64_t*>(0x0000567800001230);
+  EXPECT_EQ(written([far](mora_context* c) { return mora_count_runs(c, far); }), expected("run_counter"));
+}
+
+// The words, with the two that have an address in them decoded.
+TEST_F(plugin_emission_test, a_counter_near_the_code_is_reached_by_one_adrp) {
+  constexpr std::size_t pages = 2;
+  constexpr std::size_t words_of_page = 4096 / 8;
+  auto* const counters =
+      reinterpret_cast<std::uint64_t*>(thread->exit_counters + (-address_of(thread->exit_counters) & 4095));
+  for (std::size_t index = 0; index < pages * words_of_page; index += 7) {
+    std::uint64_t* const counter = counters + index;
+    const words code = written([counter](mora_context* c) {
+      c->write_p += 1 + address_of(counter) / 8 % 5;
+      return mora_count_runs(c, counter);
+    });
+    const words run(code.end() - 6, code.end());
+    EXPECT_EQ(run[0], 0xa9bf7be1U);               // stp x1, x30, [sp, #-16]!
+    EXPECT_EQ(run[1] & 0x9f00001f, 0x90000001U);  // adrp x1, ...
+    EXPECT_EQ(run[2] & 0xffc003ff, 0xf940003eU);  // ldr x30, [x1, ...]
+    EXPECT_EQ(run[3], 0x910007deU);               // add x30, x30, #1
+    EXPECT_EQ(run[4], run[2] - 0x400000);         // str x30, [x1, ...]
+    EXPECT_EQ(run[5], 0xa8c17be1U);               // ldp x1, x30, [sp], #16
+    const std::uint64_t field = (run[1] >> 5 & 0x7ffff) << 2 | (run[1] >> 29 & 3);
+    const auto distance = static_cast<std::int64_t>(field << 43) >> 43;
+    const std::uint64_t from = address_of(ctx.write_p - 5) & ~std::uint64_t{0xfff};
+    const std::uint64_t reached = from + static_cast<std::uint64_t>(distance * 4096) + (run[2] >> 10 & 0xfff) * 8;
+    ASSERT_EQ(reached, address_of(counter));
+  }
+}
+
+TEST_F(plugin_emission_test, runs_are_counted_at_a_blocks_start_alone_and_in_aligned_words) {
+  auto* const odd = reinterpret_cast<std::uint64_t*>(0x0000567800001234);
+  EXPECT_TRUE(refuses([odd](mora_context* c) { return mora_count_runs(c, odd); }));
+  std::uint64_t counter = 0;
+  for (const mora_event event : {MORA_PRE_INST, MORA_POST_INST, MORA_PRE_FRAGMENT, MORA_PRE_FUNCTION}) {
+    ctx = scan_context(event);
+    start = ctx.write_p;
+    EXPECT_EQ(mora_count_runs(&ctx, &counter), -1) << event;
+    EXPECT_EQ(ctx.write_p, start) << event;
+  }
+}
+
 TEST_F(plugin_emission_test, the_family_writes_at_the_context) {
   EXPECT_EQ(written([](mora_context* c) {
               emit_logical_shifted(c, 1, 1, 0, 0, 4, 0, 31, 3);
@@ -203,6 +247,7 @@ TEST_F(plugin_emission_test, the_family_writes_at_the_context) {
 TEST_F(plugin_emission_test, no_service_writes_where_no_code_is_allowed) {
   using service = std::function<int(mora_context*)>;
   mora_branch branch{};
+  std::uint64_t counter = 0;
   const service services[] = {
       [](mora_context* c) { return mora_emit_save_regs(c, 3); },
       [](mora_context* c) { return mora_emit_restore_regs(c, 3); },
@@ -238,7 +283,8 @@ TEST_F(plugin_emission_test, no_service_writes_where_no_code_is_allowed) {
       [](mora_context* c) { return mora_emit_guarded_call(c, some_function, 0); },
       [](mora_context* c) { return mora_emit_guarded_call_args(c, some_function, 1, 1); },
       [](mora_context* c) { return mora_emit_indirect_branch(c, 9); },
-      [](mora_context* c) { return mora_emit_counter_add(c, 8, 1); }};
+      [](mora_context* c) { return mora_emit_counter_add(c, 8, 1); },
+      [&](mora_context* c) { return mora_count_runs(c, &counter); }};
   for (std::size_t index = 0; index < std::size(services); ++index) {
     ctx = scan_context(MORA_POST_BB);
     ctx.code_allowed = false;

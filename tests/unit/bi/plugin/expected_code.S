@@ -244,6 +244,15 @@ code counter_add
         str     x1, [x0]
         ldp     x0, x1, [sp], #16
 code_end counter_add
+code run_counter
+        stp     x1, x30, [sp, #-16]!
+        movz    x1, #0x1230
+        movk    x1, #0x5678, lsl #32
+        ldr     x30, [x1]
+        add     x30, x30, #1
+        str     x30, [x1]
+        ldp     x1, x30, [sp], #16
+code_end run_counter
 
         .pushsection .data.rel.ro.expected, "aw"
         .globl  expected_code_end

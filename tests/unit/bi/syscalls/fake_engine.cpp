@@ -14,6 +14,7 @@
 #include <string>
 
 #include "bi/code/code_cache.h"
+#include "bi/code/run_groups.h"
 #include "bi/code/drop_range.h"
 #include "bi/plugins/plugin_delivery.h"
 #include "bi/signals/held_mask.h"
@@ -124,6 +125,9 @@ bool drop_fragments(thread_data* thread, std::uint64_t, std::uint64_t) {
   flush_code_cache(thread);
   return true;
 }
+
+void settle_runs(thread_data*) {}
+void forget_runs(thread_data*) {}
 
 void flush_code_cache(thread_data* thread) {
   ++fake.flushes;
