@@ -398,9 +398,9 @@ void init_thread(thread_data* thread);
 const char* try_init_thread(thread_data* thread);
 
 // What to do when the kernel refuses memory for a thread, for log lines.
-inline constexpr std::uint64_t THREAD_ADDRESS_SPACE = std::uint64_t{37} << 20;
+inline constexpr std::uint64_t THREAD_ADDRESS_SPACE = std::uint64_t{40} << 20;
 inline constexpr char THREAD_MEMORY_REMEDY[] =
-    "each thread takes 37 MiB of address space, 16 MiB of it writable and executable: raise the limits of address "
+    "each thread takes 40 MiB of address space, 16 MiB of it writable and executable: raise the limits of address "
     "space (ulimit -v) and of committed memory, or allow such memory";
 
 // Puts a record into the list of live threads, or takes it out, and delivers thread_init or thread_exit before the lock
