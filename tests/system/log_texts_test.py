@@ -133,6 +133,7 @@ WITHOUT_RUN = {
     "direct branch (B or BL). (Not allowed)": OWN_DEFECT,
     "failed to put the trace of 0x%lx into the hash table": OWN_DEFECT,
     "trace %d has more exits than fragments": OWN_DEFECT,
+    "a hot counter is not as long as its place": OWN_DEFECT,
     "trace dispatcher unknown %p": OWN_DEFECT,
     "unexpected return to completed thread": OWN_DEFECT,
     "unknown branch type: %d": OWN_DEFECT,

@@ -425,6 +425,19 @@ void put_hot_counter(scan_state& state) {
   state.write = write;
 }
 
+bool may_be_plugins_counter(const scan_state& state) {
+  return state.is_heard && is_event_bound(MORA_PRE_BB) &&
+         a64_page_in_reach(state.write + 1, address_of(&state.thread->exit_counters[state.bb_id]));
+}
+
+void put_left_out_counter(scan_state& state) {
+  std::uint32_t* const behind = state.write;
+  state.write = state.counter.first;
+  put_hot_counter(state);
+  if (state.write != state.counter.end) log(LEVEL_FATAL, "a hot counter is not as long as its place");
+  state.write = behind;
+}
+
 const char* mnemonic_of(std::uint32_t word) {
   const classifier_row* row = find_classifier_row(word);
   return row != nullptr ? mnemonic_names[row->mnemonic_id] : "unknown";

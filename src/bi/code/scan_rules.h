@@ -67,6 +67,11 @@ void put_fault(scan_state& state);
 void put_hot_counter(scan_state& state);
 inline constexpr std::ptrdiff_t HOT_COUNTER_WORDS = 8;  // Where ADRP reaches the count.
 
+// Whether a plug-in will probably count in the hot counter's place, whose length is known. If none has,
+// put_left_out_counter puts it there.
+bool may_be_plugins_counter(const scan_state& state);
+void put_left_out_counter(scan_state& state);
+
 // Marks the start of plug-ins' code that stands between two source words. A fault in it happens after the first of the
 // two.
 void mark_inserted_code(scan_state& state);

@@ -348,21 +348,6 @@ void scan_words(scan_state& state, std::size_t known) {
   }
 }
 
-// Whether a plug-in will probably count in the hot counter's place, whose length is known.
-bool may_be_plugins_counter(const scan_state& state) {
-  return state.is_heard && is_event_bound(MORA_PRE_BB) &&
-         a64_page_in_reach(state.write + 1, address_of(&state.thread->exit_counters[state.bb_id]));
-}
-
-// No plug-in has.
-void put_left_out_counter(scan_state& state) {
-  std::uint32_t* const behind = state.write;
-  state.write = state.counter.first;
-  put_hot_counter(state);
-  if (state.write != state.counter.end) log(LEVEL_FATAL, "a hot counter is not as long as its place");
-  state.write = behind;
-}
-
 // The code in front of the fragment's first word.
 void put_start(scan_state& state, const std::uint32_t* first, const fragment_end& end) {
   bool is_put_later = false;
