@@ -123,7 +123,6 @@ WITHOUT_RUN = {
     "build it, or choose its libraries, without SME": UNIT_TEST,
     "unexpected return from elf_run": UNIT_TEST,
     "failed to add hash table entry for newly created stub basic block": OWN_DEFECT,
-    "failed to add hash table entry for newly created basic block": OWN_DEFECT,
     "insert_cond_exit_branch(): unknown branch type": OWN_DEFECT,
     "%d, inst: %p, :write: %p": OWN_DEFECT,
     "the cache is not what it should be: %s, at 0x%lx, 0x%lx": OWN_DEFECT,
