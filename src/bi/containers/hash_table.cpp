@@ -2,6 +2,8 @@
 // writes the inline lookup.
 #include "bi/containers/hash_table.h"
 
+#include <cstdlib>
+
 #include "common/log.h"
 
 namespace ceilmeter {
@@ -23,7 +25,10 @@ void hash_init(hash_table* table, std::int32_t size) {
   }
 }
 
-void refuse_full_table() { log(LEVEL_FATAL, "hash table index overflow"); }
+void refuse_full_table() {
+  log(LEVEL_FATAL, "hash table index overflow");
+  std::abort();  // The log has done so already.
+}
 
 void hash_delete(hash_table* table, std::uint64_t key) {
   hash_entry* entries = hash_entries(table);

@@ -96,7 +96,7 @@ inline void hash_fill_slot(hash_table* table, hash_entry* slot, std::uint64_t ke
 
 // Stores the pair; a key that is there gets the new value. Returns true. A run of occupied slots that reaches the
 // table's end is fatal: a table without room for a block would scan that block again at each visit.
-void refuse_full_table();
+[[noreturn]] void refuse_full_table();
 inline bool hash_add(hash_table* table, std::uint64_t key, std::uint64_t value) {
   hash_entry* const slot = hash_find_slot(table, key);
   if (slot == nullptr) refuse_full_table();
