@@ -45,7 +45,26 @@ TEST(own_descriptor, that_was_moved_gives_its_number_back) {
 TEST(own_descriptor, that_is_not_open_stays_an_error) {
   EXPECT_EQ(duplicate_out_of_the_way(-1), -1);
   EXPECT_EQ(errno, EBADF);
+  errno = EACCES;
   EXPECT_EQ(move_out_of_the_way(-1), -1);
+  EXPECT_EQ(errno, EACCES);
+}
+
+TEST(own_descriptor, leaves_the_standard_streams_numbers_alone) {
+  const int fd = open("/dev/null", O_RDONLY);
+  close(duplicate_out_of_the_way(fd));
+  const int input = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  rlimit usual{};
+  getrlimit(RLIMIT_NOFILE, &usual);
+  rlimit low = usual;
+  low.rlim_cur = 64;
+  setrlimit(RLIMIT_NOFILE, &low);
+  const int copy = duplicate_out_of_the_way(fd);
+  setrlimit(RLIMIT_NOFILE, &usual);
+  EXPECT_GT(copy, STDERR_FILENO);
+  if (input >= 0) dup2(input, STDIN_FILENO);
+  for (const int open_one : {copy, input, fd}) close(open_one);
 }
 
 // The application may lower its limit at any time.
