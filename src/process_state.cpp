@@ -2,6 +2,7 @@
 // its part of the record unset, and nothing is restored from it.
 #include "process_state.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -100,6 +101,26 @@ void restore_limits(const process_state& state) {
     const bool is_lower = now.rlim_cur < wanted.rlim_cur;
     if (setrlimit(kind, &now) != 0 || is_lower) warn_of_limit(resource, now.rlim_cur);
   }
+}
+
+// The application may have used up all descriptors that the hard limit allows. The report opens the files of its code,
+// so some of the application's are closed, which its end would do anyway. The tool's own are closed on exec, and stay.
+void free_descriptors(const process_state& state) {
+  constexpr int enough = 16;
+  int freed = 0;
+  const auto numbers = static_cast<int>(std::min<rlim_t>(state.limits[RLIMIT_NOFILE].rlim_max, 1 << 20));
+  for (int fd = STDERR_FILENO + 1; fd < numbers && freed < enough; ++fd) {
+    const int flags = fcntl(fd, F_GETFD);
+    if (flags < 0 || (flags & FD_CLOEXEC) != 0) continue;
+    close(fd);
+    ++freed;
+  }
+}
+
+bool are_descriptors_used_up() {
+  const int fd = dup(STDERR_FILENO);
+  if (fd >= 0) close(fd);
+  return fd < 0 && errno == EMFILE;
 }
 
 bool ends_a_process_by_a_user(int signum) {
@@ -214,6 +235,7 @@ void restore_process_state() {
   restore_signals(state);
   stop_timers();
   restore_limits(state);
+  if (are_descriptors_used_up()) free_descriptors(state);
   std::fesetenv(&state.arithmetic);
   umask(state.file_mask);
   restore_memory(state);

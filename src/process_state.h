@@ -13,8 +13,8 @@ void save_process_state();
 // Sets everything but the folder back to what was noted, on the calling thread, and stops the timers. Whatever the
 // application has given up for good, such as a hard limit that it has lowered, stays as it is, with a warning. The
 // signals that would end the process are ignored from then on, but for faults and for those by which a user ends a
-// program. All limits on descriptors are lifted as far as possible, because the application's are still open. Harmless
-// without a note.
+// program. All limits on descriptors are lifted as far as possible, because the application's are still open; if it
+// has used them up all the same, some of its own are closed. Harmless without a note.
 void restore_process_state();
 
 // Ends nobody by a closed pipe or a limit on file sizes any more: the call that meets it fails instead.
