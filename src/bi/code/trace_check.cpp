@@ -84,6 +84,7 @@ void check_way(const thread_data* thread, std::uint64_t from, std::uint64_t to, 
     const bb_meta& tramp = thread->metas[id];
     if (is_counting_trampoline(tramp)) {
       check_counting_trampoline(tramp, from, to);
+      demand(tramp.source_addr == source, "a trampoline's record has another source", from, tramp.source_addr);
       arrives = tramp.rejoin_cache_addr;
       // When it was led to the block, its branch was noted.
       if (is_in_blocks(thread, arrives) && !is_link_to(thread, from, arrives)) from = address_of(tramp.exit_code_addr);

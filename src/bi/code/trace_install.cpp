@@ -150,9 +150,10 @@ bool is_copyable(const std::uint32_t* word, const bb_meta& owner) {
 
 // Writes the trampoline of one exit. Returns the word behind it.
 std::uint32_t* make_trampoline(thread_data* thread, const trace_exit& exit, std::uint32_t* tramp) {
+  // Before there is a record of the trampoline's own: addresses are looked for among all records that there are.
+  const bb_meta& target = thread->metas[exit_owner(thread, exit.to)];
   const std::int32_t id = thread->active_trace.id++;
   bb_meta& record = thread->metas[id];
-  const bb_meta& target = thread->metas[exit_owner(thread, exit.to)];
   const auto* from = reinterpret_cast<const std::uint32_t*>(exit.to);
   record.source_addr = target.source_addr;
   record.source_words = 1;
