@@ -104,16 +104,14 @@ void restore_limits(const process_state& state) {
 }
 
 // The application may have used up all descriptors that the hard limit allows. The report opens the files of its code,
-// so some of the application's are closed, which its end would do anyway. The tool's own are closed on exec, and stay.
+// so some of the application's are closed, which its end would do anyway. The engine's are among them, of files that it
+// has loaded and needs no more; the log's stays.
 void free_descriptors(const process_state& state) {
   constexpr int enough = 16;
   int freed = 0;
   const auto numbers = static_cast<int>(std::min<rlim_t>(state.limits[RLIMIT_NOFILE].rlim_max, 1 << 20));
   for (int fd = STDERR_FILENO + 1; fd < numbers && freed < enough; ++fd) {
-    const int flags = fcntl(fd, F_GETFD);
-    if (flags < 0 || (flags & FD_CLOEXEC) != 0) continue;
-    close(fd);
-    ++freed;
+    if (fd != mora_log_get_descriptor() && close(fd) == 0) ++freed;
   }
 }
 

@@ -240,6 +240,8 @@ int mora_log_init() {
   return 1;
 }
 
+int mora_log_get_descriptor() { return log_fd; }
+
 int mora_log_fini() {
   if (log_file_path != nullptr) {
     std::free(log_file_path);

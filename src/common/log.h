@@ -123,6 +123,9 @@ void mora_log_set_level_name(const char* name);
 void mora_log_set_level(int level);
 int mora_log_get_level();
 
+// The descriptor that the lines go to.
+int mora_log_get_descriptor();
+
 // The printed name of the tool's level: "fatal" also when it was set through "none".
 const char* mora_log_get_level_name();
 

@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
   for (int number = 3; number < 1024; ++number) close(number);
   printf("afterwards: %d\n", open("/dev/null", O_RDONLY));
   int last = 0;
-  for (int fd = 0; (fd = open("/dev/null", O_RDONLY)) >= 0;) last = fd;
+  for (int fd = 0; (fd = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) last = fd;
   printf("the last one: %d\n", last);
   return 0;
 }
